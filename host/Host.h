@@ -1,0 +1,25 @@
+// The platform on this machine: FFmpeg's libraries behind the codecs, the extractor and the writer, zimg and
+// libswresample behind the converters.
+#pragma once
+
+#include <Platform.h>
+
+#include <memory>
+#include <string>
+
+namespace android {
+namespace qmmediaeditor {
+
+// What a user of the host may choose and the component knows nothing of.
+struct HostOptions {
+    // Speed preset of the AVC encoder, in x264's words.
+    std::string avcPreset = "veryfast";
+    // Put the movie box in front of the samples.
+    bool fastStart = false;
+};
+
+// To be given to Platform::install, and to be kept until the last session is gone.
+std::unique_ptr<Platform> createHostPlatform(const HostOptions& options);
+
+}  // namespace qmmediaeditor
+}  // namespace android
