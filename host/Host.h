@@ -1,5 +1,5 @@
-// The platform on this machine: FFmpeg's libraries behind the codecs, the extractor and the writer, zimg and
-// libswresample behind the converters.
+// The platform on this machine: FFmpeg's libraries behind the codecs, the extractor and the writer,
+// zimg and libswresample behind the converters.
 #pragma once
 
 #include <Platform.h>

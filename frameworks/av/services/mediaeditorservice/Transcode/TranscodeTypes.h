@@ -1,5 +1,5 @@
-// The plain records of a transcoding session: the request, the descriptions of what goes out, and one
-// decoded buffer. Times are microseconds.
+// The plain records of a transcoding session: the request, the descriptions of what goes out, and
+// one decoded buffer. Times are microseconds.
 #pragma once
 
 #include <media/MediaCodecBuffer.h>
@@ -36,15 +36,17 @@ struct TranscodeProperty {
     int32_t mInputFd = -1;
     // Closed by the session as soon as the writer holds its own duplicate.
     int32_t mOutputFd = -1;
-    // Called with a percentage, on the thread of process() and on the input reader's. Must not be empty.
+    // Called with a percentage, on the thread of process() and on the input reader's. Must not be
+    // empty.
     std::function<void(int32_t)> mProgressCallback;
     // Percentage that earlier work of the host accounts for; above 100 counts as 0.
     uint32_t mProgressOffset = 0;
     // Null, or a message of kOutputFormatWhat with any of: "file-format" (1 is 3GP, 2 is MP4),
-    // "audio-bitrate", "audio-samplerate", "audio-channels", "audio-bitspersample", "audio-encoder" (0 or 1
-    // is AMR-NB, 2 AMR-WB, 3 AAC LC, 4 and 5 HE-AAC and ELD), "video-width", "video-height",
-    // "video-framerate", "video-bitrate", "video-encoder" (0 or 2 is AVC, 1 H.263, 3 MPEG-4, 4 VP8). All are
-    // int32. A missing key has a fixed default and does not mean "as the input".
+    // "audio-bitrate", "audio-samplerate", "audio-channels", "audio-bitspersample", "audio-encoder"
+    // (0 or 1 is AMR-NB, 2 AMR-WB, 3 AAC LC, 4 and 5 HE-AAC and ELD), "video-width",
+    // "video-height", "video-framerate", "video-bitrate", "video-encoder" (0 or 2 is AVC, 1 H.263,
+    // 3 MPEG-4, 4 VP8). All are int32. A missing key has a fixed default and does not mean "as the
+    // input".
     sp<AMessage> mOutputFormat;
     bool mTrimEnabled = false;
     // At least 1 when mTrimEnabled is set.
@@ -62,29 +64,29 @@ struct TranscodeProperty {
 
 // What the session knows of the input file.
 struct FileAttribute {
-    int32_t mHasAudio = 0;   // as bool: an audio track was selected
-    int32_t mHasVideo = 0;   // as bool: a video track was selected
-    int64_t mDurationUs = 0; // the longest selected track's; the denominator of progress
-    int64_t mFileSize = 0;   // bytes
+    int32_t mHasAudio = 0;    // as bool: an audio track was selected
+    int32_t mHasVideo = 0;    // as bool: a video track was selected
+    int64_t mDurationUs = 0;  // the longest selected track's; the denominator of progress
+    int64_t mFileSize = 0;    // bytes
 };
 
 // The audio to make (upper half) and what the decoder delivers for it.
 struct AudioAttribute {
     AString mMime;
-    int32_t mBitrate = -1;    // bits a second
-    int32_t mSampleRate = -1; // Hz
+    int32_t mBitrate = -1;     // bits a second
+    int32_t mSampleRate = -1;  // Hz
     int32_t mChannelCount = -1;
     int32_t mBitsPerSample = -1;
-    int32_t mAacProfile = -1; // AAC object type (1, 5 or 39), or 0 for AMR
+    int32_t mAacProfile = -1;  // AAC object type (1, 5 or 39), or 0 for AMR
     bool mHasEffect = false;
     OpaqueParam mEffectInfo;
     int32_t mEffectParam = 0;
-    int32_t mMaxInputSize = -1;    // bytes; the size of the buffer lent to the writer
-    int32_t mInputSampleRate = -1; // Hz
+    int32_t mMaxInputSize = -1;     // bytes; the size of the buffer lent to the writer
+    int32_t mInputSampleRate = -1;  // Hz
     int32_t mInputChannelCount = -1;
     int32_t mInputBitsPerSample = -1;
-    sp<ABuffer> mCsd;              // codec-specific data to pass through, or null
-    int32_t mAudioTrackIndex = -1; // in Transcode::mpTrack
+    sp<ABuffer> mCsd;               // codec-specific data to pass through, or null
+    int32_t mAudioTrackIndex = -1;  // in Transcode::mpTrack
 };
 
 // The video to make (upper half) and what the decoder delivers for it.
@@ -92,36 +94,36 @@ struct VideoAttribute {
     AString mMime;
     int32_t mOutputWidth = 0;
     int32_t mOutputHeight = 0;
-    int32_t mOutputFrameRate = -1; // frames a second
-    int32_t mBitrate = -1;         // bits a second
-    int32_t mColorFormat = -1;     // of the encoder's input: 19, or 0x7F000789 with an input surface
-    int32_t mLevel = 0;            // the platform's AVC level bit, or 0
-    int32_t mProfile = 0;          // the platform's AVC profile bit, or 0
+    int32_t mOutputFrameRate = -1;  // frames a second
+    int32_t mBitrate = -1;          // bits a second
+    int32_t mColorFormat = -1;  // of the encoder's input: 19, or 0x7F000789 with an input surface
+    int32_t mLevel = 0;         // the platform's AVC level bit, or 0
+    int32_t mProfile = 0;       // the platform's AVC profile bit, or 0
     int32_t mIFrameInterval = -1;  // seconds
     sp<ABuffer> mAvcCsd0;          // of an AVC input track
     sp<ABuffer> mAvcCsd1;
     bool mUseSurface = false;
     OpaqueParam mSurfaceParam1;
     int32_t mSurfaceParam2 = 0;
-    int32_t mRotation = 0; // degrees clockwise
-    int32_t mWidth = 0;    // visible pixels
+    int32_t mRotation = 0;  // degrees clockwise
+    int32_t mWidth = 0;     // visible pixels
     int32_t mHeight = 0;
-    int32_t mFrameRate = -1; // frames a second
+    int32_t mFrameRate = -1;  // frames a second
     AString mInputMime;
-    int32_t mPTrim = 0;              // as bool; always 0
-    int32_t mStride = 0;             // bytes of a luma row
-    int32_t mSliceHeight = 0;        // rows of the luma plane
-    int32_t mNeedCopy = 0;           // as bool: the planes are larger than the visible picture
-    int32_t mFrameBufferSize = 10;   // frames held back by the video source
-    int32_t mDecoderColorFormat = 21; // 19 is planar, 21 semi-planar YUV 4:2:0
+    int32_t mPTrim = 0;                // as bool; always 0
+    int32_t mStride = 0;               // bytes of a luma row
+    int32_t mSliceHeight = 0;          // rows of the luma plane
+    int32_t mNeedCopy = 0;             // as bool: the planes are larger than the visible picture
+    int32_t mFrameBufferSize = 10;     // frames held back by the video source
+    int32_t mDecoderColorFormat = 21;  // 19 is planar, 21 semi-planar YUV 4:2:0
 };
 
-// One decoded buffer on its way into a source. The end-of-stream marker has mFlags 4 and a null mBuffer;
-// its other fields carry no meaning.
+// One decoded buffer on its way into a source. The end-of-stream marker has mFlags 4 and a null
+// mBuffer; its other fields carry no meaning.
 struct TDecodedSample {
     size_t mIndex = 0;
     size_t mOffset = 0;
-    size_t mSize = 0; // bytes
+    size_t mSize = 0;  // bytes
     uint32_t mFlags = 0;
     int64_t mColorFormat = 0;
     sp<MediaCodecBuffer> mBuffer;

@@ -1,8 +1,8 @@
 // The one seam between the component and what it runs on.
 //
-// The component uses the platform's own classes. Those of them that hold something real (codecs, the
-// extractor, the writer, the converters) get it from the Platform that is installed: the host, the host
-// with faults injected, or a scripted platform.
+// The component uses the platform's own classes. Those of them that hold something real (codecs,
+// the extractor, the writer, the converters) get it from the Platform that is installed: the host,
+// the host with faults injected, or a scripted platform.
 #pragma once
 
 #include <editorutils/QmMediaEditorColorUtils.h>
@@ -73,7 +73,8 @@ public:
     virtual sp<AudioConverterBackend> createAudioConverter() = 0;
     virtual void scale(const ScaleRequest& request) = 0;
     // `writer` is one that createWriter made.
-    virtual void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) = 0;
+    virtual void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data,
+                             int size) = 0;
     virtual bool getUseDitherType(int* type) = 0;
 };
 

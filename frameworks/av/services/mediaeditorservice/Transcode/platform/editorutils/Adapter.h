@@ -8,8 +8,8 @@ namespace qmmediaeditor {
 
 class Adapter {
 public:
-    // Has the writer put `size` bytes into a uuid box of its file (ISO/IEC 14496-12: the 16-byte type, then
-    // the payload). They are copied.
+    // Has the writer put `size` bytes into a uuid box of its file (ISO/IEC 14496-12: the 16-byte
+    // type, then the payload). They are copied.
     static void SetUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size);
 
     // True, with a dither type, when HDR content is to be dithered.

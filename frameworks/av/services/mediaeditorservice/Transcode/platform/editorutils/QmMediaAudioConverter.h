@@ -13,14 +13,16 @@ public:
     QmMediaAudioConverter();
 
     // Rates in Hz, depths in bits (16, 24 or 32 in; the output is always 16). Non-zero on success.
-    int init(int inChannelCount, int inSampleRate, int inBitDepth, int outChannelCount, int outSampleRate,
-             int outBitDepth);
+    int init(int inChannelCount, int inSampleRate, int inBitDepth, int outChannelCount,
+             int outSampleRate, int outBitDepth);
 
-    // A buffer large enough for what process() makes of `frames` input frames; `ratio` is the output rate
-    // over the input rate. `base` is null. Null when memory is short. To be freed with freeBuff().
+    // A buffer large enough for what process() makes of `frames` input frames; `ratio` is the
+    // output rate over the input rate. `base` is null. Null when memory is short. To be freed with
+    // freeBuff().
     unsigned char* allocateBuff(unsigned char* base, int frames, float ratio);
 
-    // Converts `frames` frames of `in`. The number of output frames (interleaved 16-bit samples) in `out`.
+    // Converts `frames` frames of `in`. The number of output frames (interleaved 16-bit samples) in
+    // `out`.
     int process(unsigned char* in, unsigned char* out, int frames);
 
     void freeBuff(unsigned char* buffer);

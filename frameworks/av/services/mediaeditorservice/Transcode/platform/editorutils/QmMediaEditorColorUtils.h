@@ -10,8 +10,8 @@ namespace qmmediaeditor {
 class QmMediaEditorColorUtils : public RefBase {
 public:
     // Pixels and rows; the crop rectangle's right and bottom lie inside it.
-    void setOutputFormat(const sp<AMessage>& format, int width, int height, int cropLeft, int cropTop,
-                         int cropRight, int cropBottom, int stride, int sliceHeight);
+    void setOutputFormat(const sp<AMessage>& format, int width, int height, int cropLeft,
+                         int cropTop, int cropRight, int cropBottom, int stride, int sliceHeight);
 
     struct Layout {
         sp<AMessage> format;

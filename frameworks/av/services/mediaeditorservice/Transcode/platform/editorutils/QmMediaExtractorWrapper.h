@@ -1,7 +1,7 @@
 // Reads the samples of a media file.
 //
-// Samples come in time order across the selected tracks, whatever the order in the file. Not locked: after
-// the tracks are selected, one thread at a time.
+// Samples come in time order across the selected tracks, whatever the order in the file. Not
+// locked: after the tracks are selected, one thread at a time.
 #pragma once
 
 #include <media/stagefright/MediaSource.h>
@@ -24,8 +24,8 @@ public:
 
     QmMediaExtractorWrapper();
 
-    // `offset` and `length` in bytes. Reads through a duplicate of `fd` and leaves its position alone. An
-    // error when this is no container of moving pictures or sound.
+    // `offset` and `length` in bytes. Reads through a duplicate of `fd` and leaves its position
+    // alone. An error when this is no container of moving pictures or sound.
     status_t setDataSource(int fd, int64_t offset, int64_t length);
 
     size_t countTracks();

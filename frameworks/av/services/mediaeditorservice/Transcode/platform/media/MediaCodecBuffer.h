@@ -29,7 +29,8 @@ public:
 protected:
     ~MediaCodecBuffer() override;
 
-    // Puts other memory behind the same buffer. For the codec that owns it, while nobody holds its index.
+    // Puts other memory behind the same buffer. For the codec that owns it, while nobody holds its
+    // index.
     void setBuffer(const sp<ABuffer>& buffer) { mBuffer = buffer; }
 
 private:

@@ -26,7 +26,8 @@ public:
     // Null when `size` bytes cannot be had.
     static MediaBufferBase* Create(size_t size);
 
-    // Gives the buffer back: to its observer when it has one, else it is deleted with its last reference.
+    // Gives the buffer back: to its observer when it has one, else it is deleted with its last
+    // reference.
     virtual void release() = 0;
     virtual void add_ref() = 0;
     virtual int refcount() const = 0;

@@ -1,8 +1,8 @@
 // A decoder or an encoder.
 //
-// Order of use: CreateByType, configure, start, then the buffer operations, then stop and release. Buffer
-// operations may be called from any thread; a dequeue that waits returns when a buffer comes, when its time
-// is up, or when another thread stops or releases the codec.
+// Order of use: CreateByType, configure, start, then the buffer operations, then stop and release.
+// Buffer operations may be called from any thread; a dequeue that waits returns when a buffer
+// comes, when its time is up, or when another thread stops or releases the codec.
 #pragma once
 
 #include <gui/Surface.h>
@@ -35,10 +35,11 @@ public:
     static const pid_t kNoPid = -1;
     static constexpr uid_t kNoUid = static_cast<uid_t>(-1);
 
-    // Null, with the reason in `err`, when nothing here handles that type. The codec works on `looper`'s
-    // thread.
+    // Null, with the reason in `err`, when nothing here handles that type. The codec works on
+    // `looper`'s thread.
     static sp<MediaCodec> CreateByType(const sp<ALooper>& looper, const AString& mime, bool encoder,
-                                       status_t* err = nullptr, pid_t pid = kNoPid, uid_t uid = kNoUid);
+                                       status_t* err = nullptr, pid_t pid = kNoPid,
+                                       uid_t uid = kNoUid);
 
     virtual status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
                                const sp<ICrypto>& crypto, uint32_t flags) = 0;
@@ -49,15 +50,16 @@ public:
     // Lets go of everything. May be called in any state, more than once.
     virtual status_t release() = 0;
 
-    // 0 with an index that the caller then owns until it queues it; -EAGAIN when `timeoutUs` microseconds
-    // have passed; another error when the codec is not running or has failed.
+    // 0 with an index that the caller then owns until it queues it; -EAGAIN when `timeoutUs`
+    // microseconds have passed; another error when the codec is not running or has failed.
     virtual status_t dequeueInputBuffer(size_t* index, int64_t timeoutUs = 0) = 0;
     // `presentationTimeUs` in microseconds. BUFFER_FLAG_EOS says that nothing follows.
-    virtual status_t queueInputBuffer(size_t index, size_t offset, size_t size, int64_t presentationTimeUs,
-                                      uint32_t flags, AString* errorDetailMsg = nullptr) = 0;
-    // 0 with a filled buffer; -EAGAIN; INFO_FORMAT_CHANGED, which comes before the first buffer of a
-    // decoder; INFO_OUTPUT_BUFFERS_CHANGED; another error when the codec is not running or has failed.
-    // The outputs are written on 0 only.
+    virtual status_t queueInputBuffer(size_t index, size_t offset, size_t size,
+                                      int64_t presentationTimeUs, uint32_t flags,
+                                      AString* errorDetailMsg = nullptr) = 0;
+    // 0 with a filled buffer; -EAGAIN; INFO_FORMAT_CHANGED, which comes before the first buffer of
+    // a decoder; INFO_OUTPUT_BUFFERS_CHANGED; another error when the codec is not running or has
+    // failed. The outputs are written on 0 only.
     virtual status_t dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
                                          int64_t* presentationTimeUs, uint32_t* flags,
                                          int64_t timeoutUs = 0) = 0;

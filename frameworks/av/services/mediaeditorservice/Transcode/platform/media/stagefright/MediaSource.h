@@ -37,7 +37,8 @@ public:
 
     virtual sp<MetaData> getFormat() = 0;
 
-    // Blocks until a buffer is there, which the caller releases; ERROR_END_OF_STREAM ends the track.
+    // Blocks until a buffer is there, which the caller releases; ERROR_END_OF_STREAM ends the
+    // track.
     virtual status_t read(MediaBufferBase** buffer, const ReadOptions* options = nullptr) = 0;
 
     virtual status_t setStopTimeUs(int64_t /* stopTimeUs */) { return ERROR_UNSUPPORTED; }

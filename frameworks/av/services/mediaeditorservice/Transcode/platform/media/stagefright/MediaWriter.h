@@ -14,14 +14,15 @@ public:
     // Before `start`, in the order of the tracks in the file.
     virtual status_t addSource(const sp<MediaSource>& source) = 0;
 
-    // Starts each source and a thread per track that pulls from it. `params` says of the file: kKeyFileType,
-    // kKeyRotation, kKeyRealTimeRecording.
+    // Starts each source and a thread per track that pulls from it. `params` says of the file:
+    // kKeyFileType, kKeyRotation, kKeyRealTimeRecording.
     virtual status_t start(MetaData* params = nullptr) = 0;
 
     // True when every track has ended.
     virtual bool reachedEOS() = 0;
 
-    // Stops each source, waits for the track threads and closes the file. The first error of the run, or 0.
+    // Stops each source, waits for the track threads and closes the file. The first error of the
+    // run, or 0.
     virtual status_t stop() = 0;
     virtual status_t pause() = 0;
 

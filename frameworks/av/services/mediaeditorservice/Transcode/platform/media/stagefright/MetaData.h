@@ -11,25 +11,25 @@ namespace android {
 
 // Keys of the platform's media metadata that are used here.
 enum {
-    kKeyMIMEType = 'mime',         // C string
-    kKeyWidth = 'widt',            // int32, pixels
-    kKeyHeight = 'heig',           // int32, pixels
-    kKeyStride = 'strd',           // int32, bytes of a luma row
-    kKeySliceHeight = 'slht',      // int32, rows of the luma plane
-    kKeyColorFormat = 'colf',      // int32
-    kKeyFrameRate = 'frmR',        // int32, frames a second
-    kKeyChannelCount = '#chn',     // int32
-    kKeySampleRate = 'srte',       // int32, Hz
-    kKeyBitRate = 'brte',          // int32, bits a second
-    kKeyMaxInputSize = 'inpS',     // int32, bytes
-    kKeyRotation = 'rotA',         // int32, degrees clockwise
-    kKeyDuration = 'dura',         // int64, microseconds
-    kKeyTime = 'time',             // int64, microseconds
-    kKeyDecodingTime = 'decT',     // int64, microseconds
-    kKeyIsSyncFrame = 'sync',      // int32 as bool
-    kKeyIsCodecConfig = 'conf',    // int32 as bool
-    kKeyFileType = 'ftyp',         // int32: 1 is 3GP, 2 is MP4
-    kKeyRealTimeRecording = 'rtrc' // int32 as bool
+    kKeyMIMEType = 'mime',          // C string
+    kKeyWidth = 'widt',             // int32, pixels
+    kKeyHeight = 'heig',            // int32, pixels
+    kKeyStride = 'strd',            // int32, bytes of a luma row
+    kKeySliceHeight = 'slht',       // int32, rows of the luma plane
+    kKeyColorFormat = 'colf',       // int32
+    kKeyFrameRate = 'frmR',         // int32, frames a second
+    kKeyChannelCount = '#chn',      // int32
+    kKeySampleRate = 'srte',        // int32, Hz
+    kKeyBitRate = 'brte',           // int32, bits a second
+    kKeyMaxInputSize = 'inpS',      // int32, bytes
+    kKeyRotation = 'rotA',          // int32, degrees clockwise
+    kKeyDuration = 'dura',          // int64, microseconds
+    kKeyTime = 'time',              // int64, microseconds
+    kKeyDecodingTime = 'decT',      // int64, microseconds
+    kKeyIsSyncFrame = 'sync',       // int32 as bool
+    kKeyIsCodecConfig = 'conf',     // int32 as bool
+    kKeyFileType = 'ftyp',          // int32: 1 is 3GP, 2 is MP4
+    kKeyRealTimeRecording = 'rtrc'  // int32 as bool
 };
 
 class MetaDataBase {
@@ -40,7 +40,8 @@ public:
     virtual ~MetaDataBase();
 
     void clear();
-    // Each setter is true when it replaced an earlier value, and each finder when it found one of its type.
+    // Each setter is true when it replaced an earlier value, and each finder when it found one of
+    // its type.
     bool setInt32(uint32_t key, int32_t value);
     bool setInt64(uint32_t key, int64_t value);
     bool setFloat(uint32_t key, float value);

@@ -27,8 +27,8 @@ public:
     // After it has returned, no posted work runs, unless it was called by that very thread.
     status_t stop();
 
-    // For codecs, whose work runs on the looper's thread. Any thread may post; work posted to a looper that
-    // does not run is dropped.
+    // For codecs, whose work runs on the looper's thread. Any thread may post; work posted to a
+    // looper that does not run is dropped.
     void post(std::function<void()> work);
 
     // The monotonic clock, in microseconds.

@@ -32,13 +32,14 @@ public:
     void setObject(const char* name, const sp<RefBase>& object);
     void setBuffer(const char* name, const sp<ABuffer>& buffer);
 
-    // Each finder is false, and leaves its outputs as they are, when there is no entry of that name and
-    // that very type.
+    // Each finder is false, and leaves its outputs as they are, when there is no entry of that name
+    // and that very type.
     bool findInt32(const char* name, int32_t* value) const;
     bool findInt64(const char* name, int64_t* value) const;
     bool findFloat(const char* name, float* value) const;
     bool findString(const char* name, AString* value) const;
-    bool findRect(const char* name, int32_t* left, int32_t* top, int32_t* right, int32_t* bottom) const;
+    bool findRect(const char* name, int32_t* left, int32_t* top, int32_t* right,
+                  int32_t* bottom) const;
     bool findObject(const char* name, sp<RefBase>* object) const;
     bool findBuffer(const char* name, sp<ABuffer>* buffer) const;
     bool contains(const char* name) const;

@@ -1,0 +1,40 @@
+#include <media/stagefright/foundation/ABuffer.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace android {
+
+// malloc, so that the pages of a large buffer that is never filled cost nothing.
+ABuffer::ABuffer(size_t capacity)
+    : mData(malloc(capacity)),
+      mCapacity(mData == nullptr ? 0 : capacity),
+      mRangeLength(mCapacity),
+      mOwnsData(true) {}
+
+ABuffer::ABuffer(void* data, size_t capacity)
+    : mData(data), mCapacity(capacity), mRangeLength(capacity), mOwnsData(false) {}
+
+ABuffer::~ABuffer() {
+    if (mOwnsData) free(mData);
+}
+
+void ABuffer::setRange(size_t offset, size_t size) {
+    if (offset > mCapacity || size > mCapacity - offset) return;
+    mRangeOffset = offset;
+    mRangeLength = size;
+}
+
+sp<AMessage> ABuffer::meta() {
+    if (mMeta == nullptr) mMeta = new AMessage;
+    return mMeta;
+}
+
+sp<ABuffer> ABuffer::CreateAsCopy(const void* data, size_t capacity) {
+    sp<ABuffer> copy = new ABuffer(capacity);
+    if (copy->capacity() != capacity) return nullptr;
+    if (capacity > 0) memcpy(copy->base(), data, capacity);
+    return copy;
+}
+
+}  // namespace android

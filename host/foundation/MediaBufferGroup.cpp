@@ -1,0 +1,78 @@
+#include <media/stagefright/MediaBufferGroup.h>
+#include <media/stagefright/MediaErrors.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+
+namespace android {
+
+struct MediaBufferGroup::State {
+    std::mutex lock;
+    std::condition_variable returned;
+    std::list<MediaBufferBase*> buffers;
+};
+
+MediaBufferGroup::MediaBufferGroup() : mState(std::make_unique<State>()) {}
+
+MediaBufferGroup::~MediaBufferGroup() {
+    for (MediaBufferBase* buffer : mState->buffers) {
+        buffer->setObserver(nullptr);
+        // A buffer that is still out is deleted by whoever gives it back.
+        if (buffer->refcount() == 0) buffer->release();
+    }
+}
+
+void MediaBufferGroup::add_buffer(MediaBufferBase* buffer) {
+    std::lock_guard<std::mutex> guard(mState->lock);
+    buffer->setObserver(this);
+    mState->buffers.push_back(buffer);
+    mState->returned.notify_one();
+}
+
+status_t MediaBufferGroup::acquire_buffer(MediaBufferBase** out, bool nonBlocking,
+                                          size_t requestedSize) {
+    std::unique_lock<std::mutex> guard(mState->lock);
+    auto& buffers = mState->buffers;
+    auto isFree = [](MediaBufferBase* b) { return b->refcount() == 0; };
+    auto fits = [&](MediaBufferBase* b) { return isFree(b) && b->size() >= requestedSize; };
+
+    while (true) {
+        auto found = std::find_if(buffers.begin(), buffers.end(), fits);
+        if (found == buffers.end()) {
+            found = std::find_if(buffers.begin(), buffers.end(), isFree);
+            if (found != buffers.end()) {
+                MediaBufferBase* larger = MediaBufferBase::Create(requestedSize);
+                if (larger == nullptr) return NO_MEMORY;
+                larger->setObserver(this);
+                (*found)->setObserver(nullptr);
+                (*found)->release();
+                *found = larger;
+            }
+        }
+        if (found != buffers.end()) {
+            MediaBufferBase* buffer = *found;
+            buffer->add_ref();
+            buffer->set_range(0, buffer->size());
+            buffer->meta_data().clear();
+            *out = buffer;
+            return OK;
+        }
+        if (nonBlocking) return WOULD_BLOCK;
+        mState->returned.wait(guard);
+    }
+}
+
+size_t MediaBufferGroup::buffers() const {
+    std::lock_guard<std::mutex> guard(mState->lock);
+    return mState->buffers.size();
+}
+
+void MediaBufferGroup::signalBufferReturned(MediaBufferBase*) {
+    // The lock makes sure that a waiter has either seen the buffer free or is asleep already.
+    std::lock_guard<std::mutex> guard(mState->lock);
+    mState->returned.notify_one();
+}
+
+}  // namespace android
