@@ -1,0 +1,168 @@
+// Takes decoded buffers from the decoders, rebases them onto the output's time line and hands them
+// to the sources.
+#include <Log.h>
+#include <Transcode.h>
+
+#include <atomic>
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr int32_t kColorFormatYUV420Planar = 19;
+constexpr int32_t kColorFormatYUV420SemiPlanar = 21;
+
+const char* kindOf(bool isAudio) { return isAudio ? "Audio" : "Video"; }
+
+}  // namespace
+
+// One output event of one decoder. A frame outside of the trim periods gives -1011, as a finished
+// track does.
+status_t Transcode::runDecoder(List<TDecodedSample>* list, int trackIndex, int64_t timeoutUs) {
+    Track& track = mpTrack[trackIndex];
+    CodecState* state = track.mCodecStatus;
+    if (state->mSawOutputEOS) {
+        QM_LOGD(kTag, "[%s] CodecSource stopped", kindOf(state->mIsAudio));
+        return ERROR_END_OF_STREAM;
+    }
+    if (mForceStop) {
+        QM_LOGV(kTag, "force stop in runDecoder");
+        return ERROR_END_OF_STREAM;
+    }
+
+    TDecodedSample sample;
+    const status_t err =
+        state->mCodec->dequeueOutputBuffer(&sample.mIndex, &sample.mOffset, &sample.mSize,
+                                           &sample.mPresentationTimeUs, &sample.mFlags, timeoutUs);
+    switch (err) {
+        case OK:
+            return handleDecodedFrame(track, &sample, list);
+        case INFO_OUTPUT_BUFFERS_CHANGED:
+            QM_LOGV(kTag, "INFO_OUTPUT_BUFFERS_CHANGED");
+            kChecks.areEqual(1334,
+                             "(status_t)OK,state->mCodec->getOutputBuffers(&state->mOutBuffers)",
+                             OK, state->mCodec->getOutputBuffers(&state->mOutBuffers));
+            QM_LOGV(kTag, "got %zu output buffers", state->mOutBuffers.size());
+            return err;
+        case INFO_FORMAT_CHANGED:
+            return handleFormatChange(state);
+        default:
+            break;
+    }
+    kChecks.areEqual(1349, "err,-11", err, -EAGAIN);
+    // Index 0, which nobody holds: the codec refuses it.
+    state->mCodec->releaseOutputBuffer(sample.mIndex);
+    QM_LOGV(kTag, "decoder output -EAGAIN:-11:[R:%d]", -EAGAIN);
+    if (mForceStop) {
+        QM_LOGV(kTag, "force stop in runDecoder");
+        return ERROR_END_OF_STREAM;
+    }
+    return err;
+}
+
+// The decoder's buffer goes back only after the source has taken its copy.
+status_t Transcode::handleDecodedFrame(Track& track, TDecodedSample* sample,
+                                       List<TDecodedSample>* list) {
+    CodecState* state = track.mCodecStatus;
+    const bool last = (sample->mFlags & MediaCodec::BUFFER_FLAG_EOS) != 0;
+    if (mProperty->mTrimEnabled && !last && !adjustPresentationTimeUs(sample)) {
+        const status_t err = state->mCodec->releaseOutputBuffer(sample->mIndex);
+        kChecks.areEqual(1303, "err,(status_t)OK", err, OK);
+        return ERROR_END_OF_STREAM;
+    }
+    ++state->mDecodedFrameCount;
+    state->mDecodedByteCount += sample->mSize;
+    sample->mBuffer = kChecks.bufferAt(state->mOutBuffers, sample->mIndex);
+    if (list != nullptr) {
+        list->push_back(*sample);
+        copyDecodedBufferNEncoder(track, list);
+    }
+    if (last) {
+        QM_LOGD(kTag, "[%s] reached EOS on output", kindOf(state->mIsAudio));
+        state->mSawOutputEOS = true;
+    }
+    const status_t err = state->mCodec->releaseOutputBuffer(sample->mIndex);
+    kChecks.areEqual(1329, "err,(status_t)OK", err, OK);
+    return OK;
+}
+
+status_t Transcode::handleFormatChange(CodecState* state) {
+    sp<AMessage> format;
+    kChecks.areEqual(1340, "(status_t)OK,state->mCodec->getOutputFormat(&format)", OK,
+                     state->mCodec->getOutputFormat(&format));
+    if (state->mIsAudio && !mAcceptAudioFormatChange) return INFO_FORMAT_CHANGED;
+    return setDecoderOutputFormat(state->mIsAudio, format);
+}
+
+// False for a frame outside of the periods, [start, end) in input time. One period is finished at
+// the most.
+bool Transcode::adjustPresentationTimeUs(TDecodedSample* sample) {
+    const int32_t i = mCurrentPeriodIndex;
+    const int32_t n = mProperty->mPeriodCount;
+    if (i >= n) return false;
+    const int64_t timeUs = sample->mPresentationTimeUs;
+    const TrimPeriod* periods = mProperty->mPeriods;
+    if (timeUs >= periods[i].mEndUs) {
+        const bool goBack = i + 1 < n && periods[i + 1].mStartUs < periods[i].mEndUs;
+        finishPeriod();
+        if (goBack) {
+            mSeekTime = periods[i + 1].mStartUs;
+            // The reader seeks to the start of the current period: it must not see the flag before
+            // the period.
+            std::atomic_thread_fence(std::memory_order_release);
+            mNeedtoSeek = true;
+            QM_LOGD(kTag, "mNeedtoSeek : %s, mSeekTime: %lld", "true",
+                    wide(periods[i + 1].mStartUs));
+        }
+        if (mCurrentPeriodIndex >= n) return false;
+    }
+    if (!isInCurrentPeriod(timeUs)) return false;
+    sample->mPresentationTimeUs = rebased(timeUs);
+    return true;
+}
+
+// mLock is held while the source may block; what makes room in it does not take mLock.
+status_t Transcode::copyDecodedBufferNEncoder(Track& track, List<TDecodedSample>* list) {
+    Mutex::Autolock guard(mLock);
+    TDecodedSample copy = *list->begin();
+    const bool isAudio = track.mCodecStatus->mIsAudio;
+    QM_LOGV(kTag, "Decoded frame size : %zu, [%s]", copy.mSize, kindOf(isAudio));
+    if (isAudio) {
+        mAudioSource->pushDecodedBuffer(copy, false);
+    } else {
+        mPeriodChanged = false;
+        copy.mColorFormat = mVideoAttribute.mDecoderColorFormat;
+        mVideoSource->pushDecodedBuffer(copy, false);
+    }
+    list->erase(list->begin());
+    return OK;
+}
+
+// What a decoder delivers is known: its source can make an encoder.
+status_t Transcode::setDecoderOutputFormat(bool isAudio, sp<AMessage> format) {
+    status_t err;
+    if (isAudio) {
+        setAudioEncoderInfo(&mAudioAttribute, format, mOutputFormat, true);
+        err = mAudioSource->enable(mAudioAttribute, format);
+    } else {
+        int32_t colorFormat = 0;
+        format->findInt32("color-format", &colorFormat);
+        if (colorFormat == kColorFormatYUV420Planar ||
+            colorFormat == kColorFormatYUV420SemiPlanar) {
+            mVideoAttribute.mDecoderColorFormat = colorFormat;
+        } else {
+            QM_LOGE(kTag, "error : not support color format %d", colorFormat);
+        }
+        setVideoEncoderInfo(&mVideoAttribute, format, mOutputFormat, true);
+        err = mVideoSource->enable(mVideoAttribute, format);
+    }
+    if (err != OK) {
+        QM_LOGE(kTag, "error : encoder enable failed %d", err);
+        return kEncoderError;
+    }
+    return OK;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,298 @@
+// The producer of compressed data: its own thread, from the extractor into the decoders.
+#include <Log.h>
+#include <SaturatingMath.h>
+#include <Transcode.h>
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr int kMaxAudioReadAhead = 6;
+constexpr int kMaxVideoReadAhead = 11;
+
+void readSampleMeta(const MetaData& meta, int64_t* durationUs, int32_t* isSyncFrame) {
+    meta.findInt64(kKeyDuration, durationUs);
+    meta.findInt32(kKeyIsSyncFrame, isSyncFrame);
+}
+
+}  // namespace
+
+void Transcode::startInputPortThread() {
+    QM_LOGV(kTag, "startInputPortThread start");
+    mInputPort.enter();
+    if (!createDetachedThread(&mInputThread, inputThreadWrapper, this)) {
+        // Without a reader nothing would ever end the run.
+        mForceStop = true;
+        mInputPort.leave();
+    }
+    QM_LOGV(kTag, "startInputPortThread end");
+}
+
+void* Transcode::inputThreadWrapper(void* self) {
+    auto* session = static_cast<Transcode*>(self);
+    session->inputThreadEntry();
+    session->mInputPort.leave();
+    return nullptr;
+}
+
+int Transcode::inputThreadEntry() {
+    QM_LOGV(kTag, "inputThreadEntry start");
+    bool sawInputEOS = false;
+    Next next = Next::kGoOn;
+    while (next == Next::kGoOn) {
+        if (mForceStop) {
+            QM_LOGV(kTag, "Force stop : so sawInputEOS is changed as ture.");
+            break;
+        }
+        // Once the output has ended nobody takes what would be read.
+        if (mOutputStopped) break;
+        next = sawInputEOS ? signalInputEOS() : feedDecoder(&sawInputEOS);
+    }
+    mSampleBuffer.clear();
+    QM_LOGV(kTag, "inputThreadEntry end");
+    return 0;
+}
+
+// One try at every decoder that has not been told the end yet.
+Transcode::Next Transcode::signalInputEOS() {
+    bool allEnded = true;
+    for (int32_t i = 0; i < mTrackCount; ++i) {
+        if (!mpTrack[i].mSelected || mpTrack[i].mCodecStatus->mSawInputEOS) continue;
+        CodecState& state = *mpTrack[i].mCodecStatus;
+        size_t index = 0;
+        status_t err = state.mCodec->dequeueInputBuffer(&index, mDequeueTimeoutUs);
+        if (err == OK) {
+            QM_LOGV(kTag, "signalling input EOS on track %zu", static_cast<size_t>(i));
+            err = state.mCodec->queueInputBuffer(index, 0, 0, 0, MediaCodec::BUFFER_FLAG_EOS,
+                                                 nullptr);
+            kChecks.areEqual(997, "err,(status_t)OK", err, OK);
+            state.mSawInputEOS = true;
+            continue;
+        }
+        if (mForceStop) {
+            state.mSawInputEOS = true;
+            QM_LOGD(kTag, "force stop input in EAGAIN case");
+            if (allEnded) QM_LOGV(kTag, "All codec was stopped");
+            return Next::kEnd;
+        }
+        if (err != -EAGAIN) QM_LOGD(kTag, "need check this error in EOS State");
+        allEnded = false;
+    }
+    if (!allEnded) return Next::kGoOn;
+    QM_LOGV(kTag, "All codec was stopped");
+    return Next::kEnd;
+}
+
+// Moves one sample on, or finds that there is none.
+Transcode::Next Transcode::feedDecoder(bool* sawInputEOS) {
+    seekIfNeeded();
+    PendingSample sample;
+    if (!nextSample(&sample)) {
+        QM_LOGV(kTag, "saw input eos");
+        *sawInputEOS = true;
+        return Next::kGoOn;
+    }
+    if (sample.trackIndex >= static_cast<size_t>(mTrackCount) ||
+        !mpTrack[sample.trackIndex].mSelected) {
+        mExtractor->advance();
+        return Next::kGoOn;
+    }
+    readSample(&sample);
+    printProgress(sample.timeUs);
+    if (isTrimming() && sample.timeUs > mProperty->mPeriods[mProperty->mPeriodCount - 1].mEndUs) {
+        QM_LOGD(kTag, "Trim time was overed and try force stop.");
+        *sawInputEOS = true;
+        return Next::kGoOn;
+    }
+    bool queued = false;
+    const Next next = queueSample(sample, &queued);
+    if (queued) consumeSample(sample);
+    return next;
+}
+
+void Transcode::seekIfNeeded() {
+    if (!mNeedtoSeek.exchange(false)) return;
+    // Pairs with the fence before the flag is raised: the period that goes with it is seen.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    const int32_t period = mCurrentPeriodIndex;
+    if (mProperty->mTrimEnabled && period < mProperty->mPeriodCount) {
+        mSeekTime = mProperty->mPeriods[period].mStartUs;
+    }
+    const int64_t seekTimeUs = mSeekTime;
+    QM_LOGV(kTag, "Do transcode seekTo Prev : %lld", wide(seekTimeUs));
+    mExtractor->seekTo(seekTimeUs, MediaTrack::ReadOptions::SEEK_PREVIOUS_SYNC);
+}
+
+bool Transcode::nextSample(PendingSample* sample) {
+    sample->fromList = !mSampleList.empty();
+    if (sample->fromList) {
+        sample->trackIndex = mSampleList.begin()->mTrackIndex;
+        return true;
+    }
+    return mExtractor->getSampleTrackIndex(&sample->trackIndex) == OK;
+}
+
+void Transcode::readSample(PendingSample* sample) {
+    if (sample->fromList) {
+        const SampleData& data = *mSampleList.begin();
+        const size_t size = std::min(data.mBuffer->size(), mSampleBuffer->capacity());
+        memcpy(mSampleBuffer->base(), data.mBuffer->data(), size);
+        mSampleBuffer->setRange(0, size);
+        sample->timeUs = data.mTimeUs;
+        return;
+    }
+    status_t err = mExtractor->readSampleData(mSampleBuffer);
+    kChecks.areEqual(892, "err,(status_t)OK", err, OK);
+    err = mExtractor->getSampleTime(&sample->timeUs);
+    kChecks.areEqual(895, "err,(status_t)OK", err, OK);
+    sp<MetaData> meta;
+    err = mExtractor->getSampleMeta(&meta);
+    kChecks.areEqual(899, "err,(status_t)OK", err, OK);
+}
+
+Transcode::Next Transcode::queueSample(const PendingSample& sample, bool* queued) {
+    CodecState& state = *mpTrack[sample.trackIndex].mCodecStatus;
+    size_t index = 0;
+    status_t err = state.mCodec->dequeueInputBuffer(&index, mDequeueTimeoutUs);
+    if (err != OK) {
+        if (mForceStop) {
+            QM_LOGV(kTag, "Force stop : in EAGAIN case");
+            return Next::kEnd;
+        }
+        if (err != -EAGAIN) QM_LOGD(kTag, "need check this error");
+        return Next::kGoOn;
+    }
+
+    const sp<MediaCodecBuffer>& buffer = kChecks.bufferAt(state.mInBuffers, index);
+    // A sample that the decoder cannot hold is lost; the buffer goes back empty.
+    const size_t size = mSampleBuffer->size() <= buffer->capacity() ? mSampleBuffer->size() : 0;
+    buffer->setRange(0, size);
+    memcpy(buffer->data(), mSampleBuffer->data(), size);
+    err = state.mCodec->queueInputBuffer(index, 0, buffer->size(), sample.timeUs, 0, nullptr);
+
+    if (!state.mIsAudio && mPTrimEnabled) {
+        int64_t timeUs = sample.timeUs;
+        if (adjustPresentationTimeUs(&timeUs)) mVideoSource->pushPresentationTime(timeUs);
+    }
+    if (err != OK) {
+        QM_LOGV(kTag, "input abort by invalid state");
+        // The decoder would wait for an end that nobody signals any more.
+        mForceStop = true;
+        return Next::kEnd;
+    }
+    *queued = true;
+    return Next::kGoOn;
+}
+
+void Transcode::consumeSample(const PendingSample& sample) {
+    if (sample.fromList) {
+        mSampleList.erase(mSampleList.begin());
+    } else {
+        mExtractor->advance();
+    }
+}
+
+void Transcode::printProgress(int64_t timeUs) {
+    int64_t done = timeUs;
+    int64_t whole = mFileAttribute.mDurationUs;
+    if (isTrimming()) {
+        const int64_t firstStartUs = mProperty->mPeriods[0].mStartUs;
+        const int64_t lastEndUs = mProperty->mPeriods[mProperty->mPeriodCount - 1].mEndUs;
+        // The margins let the last samples of the last period reach the end.
+        done = saturatingSub(saturatingAdd(timeUs, 1000), firstStartUs);
+        whole = saturatingSub(saturatingAdd(lastEndUs, 2000), firstStartUs);
+    }
+    if (whole <= 0) return;
+    const auto progress = static_cast<int32_t>(
+        saturatingAdd(mProgressOffset, saturatingMul(done, 100 - mProgressOffset) / whole));
+    if (progress <= mLastProgress) return;
+    mLastProgress = progress;
+    mProperty->mProgressCallback(progress);
+}
+
+bool Transcode::adjustPresentationTimeUs(int64_t* timeUs) {
+    if (mCurrentPeriodIndex >= mProperty->mPeriodCount) return false;
+    if (*timeUs >= mProperty->mPeriods[mCurrentPeriodIndex].mEndUs) {
+        finishPeriod();
+        if (mCurrentPeriodIndex >= mProperty->mPeriodCount) return false;
+    }
+    if (!isInCurrentPeriod(*timeUs)) return false;
+    *timeUs = rebased(*timeUs);
+    return true;
+}
+
+// The next period begins where this one ends in the output.
+void Transcode::finishPeriod() {
+    const TrimPeriod& period = mProperty->mPeriods[mCurrentPeriodIndex];
+    mPeriodChanged = true;
+    mPeriodOffsetUs = saturatingAdd(mPeriodOffsetUs, saturatingSub(period.mEndUs, period.mStartUs));
+    mCurrentPeriodIndex = mCurrentPeriodIndex + 1;
+}
+
+// The output time of an input time in the current period.
+int64_t Transcode::rebased(int64_t timeUs) const {
+    const int64_t startUs = mProperty->mPeriods[mCurrentPeriodIndex].mStartUs;
+    return saturatingAdd(mPeriodOffsetUs, saturatingSub(timeUs, startUs));
+}
+
+bool Transcode::isInCurrentPeriod(int64_t timeUs) const {
+    const TrimPeriod& period = mProperty->mPeriods[mCurrentPeriodIndex];
+    return period.mStartUs <= timeUs && timeUs < period.mEndUs;
+}
+
+int Transcode::verifyTrimInfo() {
+    if (!mProperty->mTrimEnabled) return OK;
+    if (mProperty->mPeriodCount < 1) return kInvalidRequest;
+    for (int32_t i = 0; i < mProperty->mPeriodCount; ++i) {
+        const TrimPeriod& period = mProperty->mPeriods[i];
+        if (period.mEndUs < period.mStartUs) {
+            QM_LOGE(kTag, "invalid trim(%d) duration start(%lld)-end(%lld)", i,
+                    wide(period.mStartUs), wide(period.mEndUs));
+            return kInvalidRequest;
+        }
+        QM_LOGD(kTag, "(%d) period start(%lld) ~ end(%lld)", i, wide(period.mStartUs),
+                wide(period.mEndUs));
+    }
+    mPeriodOffsetUs = 0;
+    mCurrentPeriodIndex = 0;
+    return OK;
+}
+
+int Transcode::makeSampleList(sp<QmMediaExtractorWrapper> extractor, List<SampleData>* list,
+                              uint32_t bufferSize) {
+    int audioCount = 0;
+    int videoCount = 0;
+    while (audioCount < kMaxAudioReadAhead && videoCount < kMaxVideoReadAhead) {
+        size_t trackIndex = 0;
+        const status_t err = extractor->getSampleTrackIndex(&trackIndex);
+        if (trackIndex >= static_cast<size_t>(mTrackCount)) break;
+        const Track& track = mpTrack[trackIndex];
+        // The sample counts before it is known whether there is one.
+        if (track.mSelected) ++(track.mCodecStatus->mIsAudio ? audioCount : videoCount);
+        if (err != OK) break;
+        if (!track.mSelected) {
+            extractor->advance();
+            continue;
+        }
+        SampleData sample;
+        sample.mTrackIndex = static_cast<uint32_t>(trackIndex);
+        sample.mBuffer = new ABuffer(bufferSize);
+        sample.mIsAudio = track.mCodecStatus->mIsAudio;
+        extractor->readSampleData(sample.mBuffer);
+        extractor->getSampleTime(&sample.mTimeUs);
+        sp<MetaData> meta;
+        if (extractor->getSampleMeta(&meta) != OK) break;
+        readSampleMeta(*meta, &sample.mDurationUs, &sample.mIsSyncFrame);
+        extractor->advance();
+        list->push_back(sample);
+    }
+    return static_cast<int>(list->size());
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

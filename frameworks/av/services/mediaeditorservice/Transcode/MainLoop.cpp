@@ -1,0 +1,209 @@
+// A run: starts everything, drives the decoders' output until the end or a stop, and closes the
+// file.
+#include <Log.h>
+#include <Transcode.h>
+#include <editorutils/Adapter.h>
+#include <unistd.h>
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr int64_t kDecoderOutputTimeoutUs = 500;
+constexpr useconds_t kWriterPollUs = 100000;
+
+}  // namespace
+
+int32_t Transcode::doTranscode() {
+    QM_LOGV(kTag, "doTranscode Start");
+    if (verifyTrimInfo() != OK) return kInvalidRequest;
+    if (mForceStop) {
+        QM_LOGV(kTag, "Force stop before decoder start");
+        return kStopped;
+    }
+    const int64_t startTimeUs = ALooper::GetNowUs();
+    startDecoders();
+    if (mForceStop) {
+        QM_LOGV(kTag, "Force stop before sniff frame");
+        return kStopped;
+    }
+    QM_LOGD(kTag, "mSampleBufferSize: %d", static_cast<int>(mSampleBufferSize));
+    mSampleBuffer = new ABuffer(mSampleBufferSize);
+
+    if (createSource() != OK) return mForceStop ? kStopped : kSessionFailed;
+    if (mForceStop) {
+        QM_LOGV(kTag, "force Stop before transcode loop");
+        if (mFileAttribute.mHasAudio && mAudioSource != nullptr) mAudioSource->stop();
+        if (mFileAttribute.mHasVideo && mVideoSource != nullptr) mVideoSource->stop();
+        QM_LOGV(kTag, "doTranscode End BY Force Stop");
+        return kStopped;
+    }
+
+    wireWriter();
+    copyUuidData();
+    mProperty->mProgressCallback(mProgressOffset);
+
+    List<TDecodedSample> decodedList;
+    QM_LOGV(kTag, "Start loop");
+    mSeekTime = 0;
+    mNeedtoSeek = true;
+    startInputPortThread();
+    int32_t lastDecodeResult = OK;
+    runLoop(&decodedList, &lastDecodeResult);
+    QM_LOGV(kTag, "doTranscode Loop exit %lld", wide(ALooper::GetNowUs() - startTimeUs));
+    return finish(lastDecodeResult);
+}
+
+void Transcode::startDecoders() {
+    for (int32_t i = 0; i < mTrackCount; ++i) {
+        if (!mpTrack[i].mSelected) continue;
+        CodecState& state = *mpTrack[i].mCodecStatus;
+        kChecks.areEqual(1064, "(status_t)OK,mpTrack[i].mCodecStatus->mCodec->start()",
+                         state.mCodec->start(), OK);
+        kChecks.areEqual(
+            1065,
+            "(status_t)OK,mpTrack[i].mCodecStatus->mCodec->getInputBuffers(&mpTrack[i].mCodecStatus->mInBuffers)",
+            state.mCodec->getInputBuffers(&state.mInBuffers), OK);
+        kChecks.areEqual(
+            1066,
+            "(status_t)OK,mpTrack[i].mCodecStatus->mCodec->getOutputBuffers(&mpTrack[i].mCodecStatus->mOutBuffers)",
+            state.mCodec->getOutputBuffers(&state.mOutBuffers), OK);
+        QM_LOGV(kTag, "got %zu input and %zu output buffers", state.mInBuffers.size(),
+                state.mOutBuffers.size());
+        // One buffer serves every track, so it holds what the largest input buffer holds.
+        const size_t capacity = kChecks.bufferAt(state.mInBuffers, 0)->capacity();
+        if (capacity > mSampleBufferSize) mSampleBufferSize = capacity;
+    }
+}
+
+int32_t Transcode::createSource() {
+    QM_LOGV(kTag, "createSource start");
+    if (mForceStop) {
+        QM_LOGV(kTag, "Force Stop in createSource");
+        return kStopped;
+    }
+    if (mFileAttribute.mHasAudio) {
+        mAudioSource = new TAudioSource(mAudioAttribute);
+        if (!mAudioSource->isValid()) {
+            QM_LOGE(kTag, "TAudioSource error");
+            return kNoSource;
+        }
+    }
+    if (mFileAttribute.mHasVideo) {
+        mVideoSource = new TVideoSource(mVideoAttribute);
+        if (!mVideoSource->isValid()) {
+            QM_LOGE(kTag, "TVideoSource error");
+            if (mAudioSource != nullptr && mAudioSource->isValid()) mAudioSource->stop();
+            return kNoSource;
+        }
+    }
+    QM_LOGV(kTag, "createSource end");
+    return OK;
+}
+
+// The video track comes first in the file.
+void Transcode::wireWriter() {
+    if (mFileAttribute.mHasVideo) mMP4Writer->addSource(mVideoSource);
+    if (mFileAttribute.mHasAudio) mMP4Writer->addSource(mAudioSource);
+    mMP4Writer->setListener(mListener);
+    mFileMeta->setInt32(kKeyRealTimeRecording, 0);
+    kChecks.areEqual(1120, "(status_t)OK,mMP4Writer->start(mFileMeta.get())", OK,
+                     mMP4Writer->start(mFileMeta.get()));
+}
+
+void Transcode::copyUuidData() {
+    sp<AMessage> fileFormat;
+    if (mExtractor->getFileFormat(&fileFormat) != OK) return;
+    sp<ABuffer> uuidData;
+    if (fileFormat->findBuffer("uuid-data", &uuidData) && uuidData != nullptr &&
+        uuidData->size() != 0) {
+        QM_LOGV(kTag, "Get uuid-data:[%zu]", uuidData->size());
+        Adapter::SetUuidData(mMP4Writer, uuidData->data(), static_cast<int>(uuidData->size()));
+    } else {
+        QM_LOGV(kTag, "This file meta has not uuid data");
+    }
+}
+
+void Transcode::runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeResult) {
+    while (!mOutputStopped) {
+        if (mForceStop) {
+            pushEndMarkers("force stop in output");
+            return;
+        }
+        if (allTracksEnded()) {
+            QM_LOGV(kTag, "Audio/Video CodecSource stop");
+            mOutputStopped = true;
+            return;
+        }
+        for (int32_t i = 0; i < mTrackCount; ++i) {
+            if (!mpTrack[i].mSelected) continue;
+            *lastDecodeResult = runDecoder(decodedList, i, kDecoderOutputTimeoutUs);
+            // An encoder that fails in the middle of the run is told from its source.
+            if (!mForceStop && encoderFailed()) *lastDecodeResult = kEncoderError;
+            if (*lastDecodeResult == kEncoderError) {
+                QM_LOGD(kTag, "encoder error");
+                mForceStop = true;
+            }
+            if (mForceStop) {
+                pushEndMarkers("force stop in output2");
+                return;
+            }
+        }
+    }
+}
+
+bool Transcode::allTracksEnded() const {
+    for (int32_t i = 0; i < mTrackCount; ++i) {
+        if (mpTrack[i].mSelected && !mpTrack[i].mCodecStatus->mSawOutputEOS) return false;
+    }
+    return true;
+}
+
+bool Transcode::encoderFailed() const {
+    return (mAudioSource != nullptr && mAudioSource->encoderFailed()) ||
+           (mVideoSource != nullptr && mVideoSource->encoderFailed());
+}
+
+// Both sources end at once, whatever still waits in them.
+void Transcode::pushEndMarkers(const char* message) {
+    TDecodedSample marker;
+    marker.mFlags = MediaCodec::BUFFER_FLAG_EOS;
+    if (mFileAttribute.mHasAudio) mAudioSource->pushDecodedBuffer(marker, true);
+    if (mFileAttribute.mHasVideo) mVideoSource->pushDecodedBuffer(marker, true);
+    mOutputStopped = true;
+    QM_LOGD(kTag, "%s", message);
+}
+
+void Transcode::releaseDecoders() {
+    for (int32_t i = 0; i < mTrackCount; ++i) {
+        if (!mpTrack[i].mSelected) continue;
+        CodecState* state = mpTrack[i].mCodecStatus;
+        kChecks.areEqual(1226, "(status_t)OK,state->mCodec->release()", OK,
+                         state->mCodec->release());
+    }
+}
+
+int32_t Transcode::finish(int32_t lastDecodeResult) {
+    // The reader may hold an input buffer, and a decoder that is released under it would refuse it.
+    mInputPort.waitIdle();
+    releaseDecoders();
+
+    QM_LOGV(kTag, "wait writer EOS");
+    while (!mMP4Writer->reachedEOS()) usleep(kWriterPollUs);
+    QM_LOGV(kTag, "call writer stop");
+    const status_t err = mMP4Writer->stop();
+    QM_LOGV(kTag, "doTranscode End");
+
+    // An encoder may still fail on what the decoders had left for it.
+    if (!mForceStop && encoderFailed()) return kEncoderError;
+    if (mForceStop) return lastDecodeResult == kEncoderError ? kEncoderError : kStopped;
+    if (err != OK) {
+        QM_LOGD(kTag, "MPEG4Writer stop result: %d", err);
+        return kSessionFailed;
+    }
+    return OK;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

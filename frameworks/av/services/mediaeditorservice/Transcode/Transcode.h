@@ -1,0 +1,264 @@
+// One transcoding session, and the objects through which the host and the writer reach it.
+//
+// The host creates a TranscodeComponent, hands it a request with create(), blocks in process() and
+// ends with destory(). Only cancel() may be called while process() runs.
+#pragma once
+
+#include <Exports.h>
+#include <FatalCheck.h>
+#include <PortLatch.h>
+#include <Shared.h>
+#include <TAudioSource.h>
+#include <TVideoSource.h>
+#include <TranscodeTypes.h>
+#include <editorutils/QmMediaEditorUtils.h>
+#include <editorutils/QmMediaExtractorWrapper.h>
+#include <gui/Surface.h>
+#include <media/IMediaRecorderClient.h>
+#include <media/stagefright/MPEG4Writer.h>
+#include <media/stagefright/MediaCodec.h>
+#include <media/stagefright/MetaData.h>
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/List.h>
+#include <utils/RefBase.h>
+#include <utils/Vector.h>
+
+namespace android {
+namespace qmmediaeditor {
+
+class TranscodeListener;
+
+// Result codes of process() and of the operations below it, beside those of
+// <media/stagefright/MediaErrors.h>.
+enum : int32_t {
+    kInvalidRequest = -38,   // the request or its input cannot be used
+    kNoSource = -1001,       // a source could not be made
+    kStopped = -1003,        // by cancel() or by the writer
+    kSessionFailed = -1010,  // extractor, source or writer failed
+    kEncoderError = -1130,   // an encoder could not be had, or failed
+};
+
+class QM_EXPORT Transcode {
+public:
+    // What a selected track's decoder is doing.
+    struct CodecState {
+        Shared<bool> mSawInputEOS{false};   // written by the input reader
+        Shared<bool> mSawOutputEOS{false};  // written by the main loop
+        uint64_t mDecodedFrameCount = 0;
+        uint64_t mDecodedByteCount = 0;
+        bool mIsAudio = false;
+        sp<MediaCodec> mCodec;
+        Vector<sp<MediaCodecBuffer>> mInBuffers;   // input reader, once it runs
+        Vector<sp<MediaCodecBuffer>> mOutBuffers;  // main loop
+    };
+
+    struct Track {
+        sp<AMessage> mFormat;
+        CodecState* mCodecStatus = nullptr;  // owned; null for a track that is not decoded
+        bool mSelected = false;
+    };
+
+    // One sample that was read ahead.
+    struct SampleData {
+        uint32_t mTrackIndex = 0;
+        sp<ABuffer> mBuffer;  // its range is the sample
+        int64_t mTimeUs = 0;
+        int64_t mDurationUs = 0;
+        int32_t mIsSyncFrame = 0;
+        bool mIsAudio = false;
+    };
+
+    // `property` must outlive the session.
+    Transcode(TranscodeProperty* property, const sp<Surface>& surface);
+    virtual ~Transcode();
+
+    // Opens writer and extractor, selects the tracks, creates their decoders and works out what to
+    // encode. Once. 0, or what went wrong; the host's output descriptor is closed in either case.
+    int32_t createModule();
+
+    // Runs the whole transcoding on the calling thread. Once, after createModule(). 0,
+    // kInvalidRequest, kStopped, kSessionFailed or kEncoderError. After it has returned, no thread
+    // reads the input any more.
+    int32_t doTranscode();
+
+    // Raises the stop flag and returns. Any thread.
+    int32_t forceStop();
+    // As the writer's stopping events do. Any thread but those of the sources.
+    int32_t stopByWriter();
+    // The writer's events, on one of its threads.
+    void notify(int msg, int ext1, int ext2);
+
+private:
+    static constexpr const char* kTag = "Transcode";
+    static constexpr FatalCheck kChecks{"Transcode", QM_COMPONENT_PATH "Transcode"};
+
+    // What one pass of the input reader leads to.
+    enum class Next { kGoOn, kEnd };
+
+    // The sample that the input reader is to queue, wherever it came from.
+    struct PendingSample {
+        size_t trackIndex = 0;
+        int64_t timeUs = 0;
+        bool fromList = false;
+    };
+
+    // Module creation and teardown.
+    int32_t createExtractor(FileAttribute& file);
+    void releaseTracks();
+    void stopSources();
+
+    // Track selection.
+    int createTrack();
+    int selectTrackAt(int32_t i);
+    int createAudioDecoder(int32_t i, const AString& mime);
+    int createVideoDecoder(int32_t i, const AString& mime);
+    static sp<ALooper> startDecoderLooper(const char* name);
+    void chooseDithering(AMessage* format);
+
+    // Encoder configuration.
+    int setEncoderInfo();
+    int setAudioEncoderInfo(AudioAttribute* attribute, sp<AMessage> format, sp<AMessage> request,
+                            bool onlyInput);
+    int setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> format, sp<AMessage> request,
+                            bool onlyInput);
+    void readAudioInput(AudioAttribute* attribute, const AMessage& format) const;
+    void readVideoInput(VideoAttribute* attribute, const AMessage& format) const;
+    void chooseVideoBitrate(VideoAttribute* attribute, const AMessage& format) const;
+    void chooseFrameBufferSize(VideoAttribute* attribute) const;
+    void chooseProfileAndLevel(VideoAttribute* attribute, const AMessage& format,
+                               bool requested) const;
+    int checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> videoFormat, AudioAttribute* audio,
+                         VideoAttribute* video);
+    static int findAVCVideoProfile(unsigned char* csd, int* profile, int* level);
+
+    // Main loop.
+    int32_t createSource();
+    void startDecoders();
+    void wireWriter();
+    void copyUuidData();
+    void runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeResult);
+    bool allTracksEnded() const;
+    bool encoderFailed() const;
+    void pushEndMarkers(const char* message);
+    void releaseDecoders();
+    int32_t finish(int32_t lastDecodeResult);
+
+    // Input reader.
+    void startInputPortThread();
+    static void* inputThreadWrapper(void* self);
+    int inputThreadEntry();
+    Next signalInputEOS();
+    Next feedDecoder(bool* sawInputEOS);
+    void seekIfNeeded();
+    bool nextSample(PendingSample* sample);
+    void readSample(PendingSample* sample);
+    Next queueSample(const PendingSample& sample, bool* queued);
+    void consumeSample(const PendingSample& sample);
+    void printProgress(int64_t timeUs);
+    bool adjustPresentationTimeUs(int64_t* timeUs);
+    void finishPeriod();
+    int64_t rebased(int64_t timeUs) const;
+    bool isInCurrentPeriod(int64_t timeUs) const;
+    int verifyTrimInfo();
+    int makeSampleList(sp<QmMediaExtractorWrapper> extractor, List<SampleData>* list,
+                       uint32_t bufferSize);
+    bool isTrimming() const { return mProperty->mTrimEnabled && mProperty->mPeriodCount >= 1; }
+
+    // Decoder drain.
+    status_t runDecoder(List<TDecodedSample>* list, int trackIndex, int64_t timeoutUs);
+    status_t handleDecodedFrame(Track& track, TDecodedSample* sample, List<TDecodedSample>* list);
+    status_t handleFormatChange(CodecState* state);
+    bool adjustPresentationTimeUs(TDecodedSample* sample);
+    status_t copyDecodedBufferNEncoder(Track& track, List<TDecodedSample>* list);
+    status_t setDecoderOutputFormat(bool isAudio, sp<AMessage> format);
+
+    Track* mpTrack = nullptr;
+    int32_t mTrackCount = 0;
+    sp<TAudioSource> mAudioSource;
+    AudioAttribute mAudioAttribute;
+    sp<TVideoSource> mVideoSource;
+    VideoAttribute mVideoAttribute;
+    int32_t mVideoTrackIndex = -1;
+    TranscodeProperty* mProperty;
+    sp<QmMediaExtractorWrapper> mExtractor;  // the input reader's, once it runs
+    Shared<int32_t> mCurrentPeriodIndex{
+        -1};                             // written by the main loop, polled by the input reader
+    Shared<int64_t> mPeriodOffsetUs{0};  // main loop
+    Shared<bool> mPeriodChanged{true};   // main loop
+    bool mPTrimEnabled = false;
+    bool mUnusedFlag = true;
+    bool mAcceptAudioFormatChange = true;
+    List<SampleData> mSampleList;        // input reader
+    Shared<bool> mOutputStopped{false};  // main loop
+    Shared<bool> mForceStop{false};      // written by any thread, polled by all
+    FileAttribute mFileAttribute;
+    sp<ALooper> mVideoDecoderLooper;
+    sp<ALooper> mAudioDecoderLooper;
+    sp<Surface> mSurface;
+    int64_t mDequeueTimeoutUs = 500;
+    // Held while a decoded sample is pushed, which may block: nothing that makes room may take it.
+    Mutex mLock;
+    sp<MPEG4Writer> mMP4Writer;
+    sp<AMessage> mOutputFormat;
+    sp<MetaData> mFileMeta;
+    Shared<bool> mNeedtoSeek{false};  // written by the main loop, taken by the input reader
+    Shared<int64_t> mSeekTime{-1};    // written before mNeedtoSeek
+    QmMediaEditorUtils* mUtils;
+    pthread_t mInputThread = 0;
+    int32_t mUnusedWord = 0;
+    size_t mSampleBufferSize = 0;
+    sp<ABuffer> mSampleBuffer;  // the input reader's, once it runs
+    sp<TranscodeListener> mListener;
+    int32_t mLastProgress = 0;  // input reader
+    int32_t mProgressOffset;
+    PortLatch mInputPort;
+};
+
+// Passes the writer's events on to the session, which owns it.
+class TranscodeListener : public IMediaRecorderClient {
+public:
+    explicit TranscodeListener(Transcode* transcode) : mTranscode(transcode) {}
+
+    void notify(int msg, int ext1, int ext2) override;
+
+protected:
+    ~TranscodeListener() override;
+    IBinder* onAsBinder() override;
+
+private:
+    Transcode* mTranscode;
+};
+
+// What the host drives.
+class QM_EXPORT TranscodeComponent : public RefBase {
+public:
+    TranscodeComponent();
+
+    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. 0.
+    virtual int32_t create(void* property);
+
+    // Blocks until the output is finished or the session stops. 0 when the file is whole;
+    // kInvalidRequest, also without a session and whenever the input cannot be opened; or what
+    // Transcode::doTranscode() says.
+    virtual int32_t process();
+
+    // Any thread. The session stops soon; the file is closed with what was written. 0.
+    virtual int32_t cancel();
+
+    // Ends the session. Not while process() runs. 0.
+    virtual int32_t destory();
+
+    // As destory().
+    int32_t clearHandler();
+
+protected:
+    ~TranscodeComponent() override;
+
+private:
+    Transcode* mTranscode = nullptr;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,59 @@
+#include <Log.h>
+#include <Transcode.h>
+#include <unistd.h>
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr const char* kComponentTag = "TranscodeComponent";
+constexpr const char* kListenerTag = "Transcode";
+
+}  // namespace
+
+TranscodeComponent::TranscodeComponent() = default;
+
+TranscodeComponent::~TranscodeComponent() { destory(); }
+
+int32_t TranscodeComponent::create(void* property) {
+    destory();
+    mTranscode = new Transcode(static_cast<TranscodeProperty*>(property), nullptr);
+    return OK;
+}
+
+int32_t TranscodeComponent::process() {
+    QM_LOGD(kComponentTag, "call process");
+    // Whatever kept the modules from being made, the host learns one thing: this request cannot be
+    // done.
+    if (mTranscode == nullptr || mTranscode->createModule() != OK) return kInvalidRequest;
+    return mTranscode->doTranscode();
+}
+
+int32_t TranscodeComponent::cancel() {
+    QM_LOGD(kComponentTag, "call cancel");
+    return mTranscode == nullptr ? OK : mTranscode->forceStop();
+}
+
+int32_t TranscodeComponent::destory() {
+    delete mTranscode;
+    mTranscode = nullptr;
+    return OK;
+}
+
+int32_t TranscodeComponent::clearHandler() { return destory(); }
+
+TranscodeListener::~TranscodeListener() { QM_LOGV(kListenerTag, "TranscodeListener destructor"); }
+
+IBinder* TranscodeListener::onAsBinder() {
+    QM_LOGD(kListenerTag, "TranscodeListener onAsBinder");
+    return nullptr;
+}
+
+void TranscodeListener::notify(int msg, int ext1, int ext2) {
+    QM_LOGD(kListenerTag, "TranscodeListener notify %d, %d, %d", msg, ext1, ext2);
+    if (mTranscode != nullptr) mTranscode->notify(msg, ext1, ext2);
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android
