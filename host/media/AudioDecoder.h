@@ -1,0 +1,70 @@
+// Decodes sound into working sound: interleaved 16-bit samples without gaps, in short buffers.
+//
+// The bytes tell the time: what comes out at byte N belongs to time N of the time line. A hole (a
+// late start, lost packets) is filled with silence and an overlap is dropped. Rate and channels
+// stay what they were at the start.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "host/media/CodecEngine.h"
+#include "host/media/PacketDecoder.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class AudioDecoder : public CodecEngine {
+public:
+    AudioDecoder();
+    ~AudioDecoder() override;
+
+    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    sp<AMessage> outputFormat() const override { return mFormat; }
+    Step produce(CodecOutput* output) override;
+    status_t accept(CodecInput input) override;
+    status_t finish() override;
+    Step produceWithoutInput(const TimeLine& timeLine, int64_t positionUs,
+                             CodecOutput* output) override;
+    void standing(DecodeOrder::Standing* standing) const override;
+
+private:
+    void setFormat(int sampleRate, int channelCount);
+    void enter(const TimeLine& timeLine);
+    // Each false when memory is short.
+    bool takeFrame();
+    bool prepareResampler();
+    bool resample(const AVFrame* frame);
+    // Says where the samples in mPcm belong.
+    void place(int64_t startFrame);
+    Step produceChunk(CodecOutput* output);
+
+    int64_t frameAt(int64_t timeUs) const;
+    int64_t timeAt(int64_t frame) const;
+    int64_t pcmFrames() const;
+
+    PacketDecoder mDecoder;
+    const FramePtr mFrame;
+    ResamplerPtr mResampler;
+    std::string mResamplerInput;  // what mResampler was made for
+
+    sp<AMessage> mFormat;
+    int mSampleRate = 0;
+    int mChannelCount = 0;
+    int64_t mTrackEndUs = 0;
+
+    TimeLine mTimeLine;
+    // Of what comes out next, in sample frames since the start of the time line.
+    int64_t mNextFrame = 0;
+    int64_t mSilenceFrames = 0;
+    // No sound has come yet on this time line.
+    bool mAtStart = true;
+    std::vector<int16_t> mPcm;
+    size_t mPcmUsed = 0;  // samples
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

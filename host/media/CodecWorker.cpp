@@ -1,0 +1,300 @@
+#include "host/media/CodecWorker.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+// What vector instructions want of picture rows.
+constexpr size_t kAlignment = 64;
+
+class AlignedBuffer : public ABuffer {
+public:
+    AlignedBuffer(void* memory, size_t size) : ABuffer(memory, size), mMemory(memory) {}
+
+    // Null when memory is short.
+    static sp<ABuffer> create(size_t size) {
+        void* memory = nullptr;
+        if (posix_memalign(&memory, kAlignment, std::max(size, kAlignment)) != 0) return nullptr;
+        return new AlignedBuffer(memory, size);
+    }
+
+protected:
+    ~AlignedBuffer() override { free(mMemory); }
+
+private:
+    void* const mMemory;
+};
+
+std::chrono::steady_clock::time_point deadlineAfter(int64_t timeoutUs) {
+    constexpr int64_t kForeverUs = int64_t{365} * 24 * 3600 * 1000000;
+    const int64_t boundedUs = timeoutUs < 0 ? kForeverUs : std::min(timeoutUs, kForeverUs);
+    return std::chrono::steady_clock::now() + std::chrono::microseconds(boundedUs);
+}
+
+}  // namespace
+
+CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine)
+    : mLooper(looper), mEngine(std::move(engine)) {}
+
+CodecWorker::~CodecWorker() { release(); }
+
+status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /* nativeWindow */,
+                                const sp<ICrypto>& crypto, uint32_t /* flags */) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kCreated) return INVALID_OPERATION;
+    if (format == nullptr) return BAD_VALUE;
+    if (crypto != nullptr) return ERROR_UNSUPPORTED;
+    const status_t status = mEngine->configure(format, &mPorts);
+    if (status != OK) return status;
+    mSource = TrackSource::find(format);
+    mOutputFormat = mEngine->outputFormat();
+    mState = State::kConfigured;
+    return OK;
+}
+
+status_t CodecWorker::start() {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kConfigured) return INVALID_OPERATION;
+    const status_t status = allocateBuffers();
+    if (status != OK) return status;
+    mState = State::kStarted;
+    mFormatPending = mPorts.announcesFormat && mOutputFormat != nullptr;
+    if (mSource != nullptr) {
+        const wp<CodecWorker> self(this);
+        mOrderMember = mSource->order()->join([self, looper = mLooper] {
+            looper->post([self] {
+                const sp<CodecWorker> worker = self.promote();
+                if (worker != nullptr) worker->work();
+            });
+        });
+        mInOrder = true;
+    }
+    schedule();
+    return OK;
+}
+
+status_t CodecWorker::stop() {
+    std::unique_lock<std::mutex> lock(mLock);
+    if (mState != State::kStarted && mState != State::kFailed) return INVALID_OPERATION;
+    shutDown(lock, State::kStopped);
+    return OK;
+}
+
+status_t CodecWorker::release() {
+    std::unique_ptr<CodecEngine> engine;
+    {
+        std::unique_lock<std::mutex> lock(mLock);
+        if (mState == State::kReleased) return OK;
+        shutDown(lock, State::kReleased);
+        engine = std::move(mEngine);
+    }
+    // Outside of the lock: an engine gives its inputs back when it goes.
+    engine.reset();
+    std::lock_guard<std::mutex> lock(mLock);
+    mReady.clear();
+    mQueued.clear();
+    mOutputs.clear();
+    mInputs.clear();
+    return OK;
+}
+
+void CodecWorker::shutDown(std::unique_lock<std::mutex>& lock, State state) {
+    mState = state;
+    if (mInOrder) mSource->order()->leave(mOrderMember);
+    mInOrder = false;
+    mInputFree.notify_all();
+    mOutputReady.notify_all();
+    // The looper's own thread gets here only when its work drops the last reference, and is not in
+    // a step then.
+    mWorkDone.wait(lock, [this] { return !mBusy; });
+}
+
+status_t CodecWorker::allocateBuffers() {
+    for (size_t i = 0; i < mPorts.inputCount; ++i) {
+        const sp<ABuffer> memory = AlignedBuffer::create(mPorts.inputBytes);
+        if (memory == nullptr) return NO_MEMORY;
+        mInputs.push_back({new Buffer(memory), false});
+        mFreeInputs.push_back(i);
+    }
+    for (size_t i = 0; i < mPorts.outputCount; ++i) {
+        OutputSlot slot;
+        slot.buffer = new Buffer(new ABuffer(nullptr, 0));
+        mOutputs.push_back(std::move(slot));
+        mFreeOutputs.push_back(i);
+    }
+    return OK;
+}
+
+status_t CodecWorker::notRunning() const {
+    return mState == State::kFailed ? UNKNOWN_ERROR : INVALID_OPERATION;
+}
+
+status_t CodecWorker::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
+    const TimePoint deadline = deadlineAfter(timeoutUs);
+    std::unique_lock<std::mutex> lock(mLock);
+    mInputFree.wait_until(lock, deadline,
+                          [this] { return mState != State::kStarted || !mFreeInputs.empty(); });
+    if (mState != State::kStarted) return notRunning();
+    if (mFreeInputs.empty()) return -EAGAIN;
+    *index = mFreeInputs.front();
+    mFreeInputs.pop_front();
+    mInputs[*index].withClient = true;
+    publish();
+    return OK;
+}
+
+status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
+                                       int64_t presentationTimeUs, uint32_t flags,
+                                       AString* errorDetailMsg) {
+    std::lock_guard<std::mutex> lock(mLock);
+    const auto refuse = [&](status_t status, const char* why) {
+        if (errorDetailMsg != nullptr) errorDetailMsg->setTo(why);
+        return status;
+    };
+    if (mState != State::kStarted) return refuse(notRunning(), "the codec does not run");
+    if (index >= mInputs.size() || !mInputs[index].withClient) {
+        return refuse(BAD_INDEX, "the caller does not hold this buffer");
+    }
+    const size_t capacity = mInputs[index].buffer->capacity();
+    if (offset > capacity || size > capacity - offset) {
+        return refuse(BAD_VALUE, "the range does not fit the buffer");
+    }
+    if (mEndQueued) return refuse(INVALID_OPERATION, "the input has ended");
+
+    mInputs[index].withClient = false;
+    QueuedInput input;
+    input.index = index;
+    input.offset = offset;
+    input.size = size;
+    input.timeUs = presentationTimeUs;
+    input.endOfStream = (flags & BUFFER_FLAG_EOS) != 0;
+    if (size == 0 && !input.endOfStream) {
+        mFreeInputs.push_back(index);
+        mInputFree.notify_all();
+        return OK;
+    }
+    if (mSource != nullptr && size > 0) input.note = mSource->take(presentationTimeUs);
+    mEndQueued = input.endOfStream;
+    mQueued.push_back(std::move(input));
+    publish();
+    schedule();
+    return OK;
+}
+
+status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
+                                          int64_t* presentationTimeUs, uint32_t* flags,
+                                          int64_t timeoutUs) {
+    const TimePoint deadline = deadlineAfter(timeoutUs);
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        if (mState != State::kStarted) return notRunning();
+        if (mFormatPending) {
+            mFormatPending = false;
+            return INFO_FORMAT_CHANGED;
+        }
+        dropOutdated();
+        if (mReady.empty()) {
+            if (mOutputReady.wait_until(lock, deadline) == std::cv_status::timeout &&
+                mReady.empty() && !mFormatPending && mState == State::kStarted) {
+                return -EAGAIN;
+            }
+            continue;
+        }
+        if (!headNeedsTurn()) return deliver(index, offset, size, presentationTimeUs, flags);
+
+        const size_t head = mReady.front();
+        const sp<DecodeOrder> order = mSource->order();
+        const size_t member = mOrderMember;
+        lock.unlock();
+        const DecodeOrder::Turn turn = order->waitForTurn(member, deadline);
+        lock.lock();
+        if (turn == DecodeOrder::Turn::kOtherFirst || turn == DecodeOrder::Turn::kTimedOut) {
+            return mState == State::kStarted ? -EAGAIN : notRunning();
+        }
+        const bool sameHead = !mReady.empty() && mReady.front() == head;
+        if (turn == DecodeOrder::Turn::kYes && mState == State::kStarted && sameHead) {
+            return deliver(index, offset, size, presentationTimeUs, flags);
+        }
+    }
+}
+
+bool CodecWorker::headNeedsTurn() const {
+    return mInOrder && (mOutputs[mReady.front()].output.flags & BUFFER_FLAG_EOS) == 0;
+}
+
+status_t CodecWorker::deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs,
+                              uint32_t* flags) {
+    const size_t head = mReady.front();
+    mReady.pop_front();
+    OutputSlot& slot = mOutputs[head];
+    slot.withClient = true;
+    slot.buffer->setBuffer(slot.output.buffer);
+    *index = head;
+    *offset = slot.buffer->offset();
+    *size = slot.buffer->size();
+    *timeUs = slot.output.timeUs;
+    *flags = slot.output.flags;
+    publish();
+    return OK;
+}
+
+status_t CodecWorker::releaseOutputBuffer(size_t index) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kStarted) return notRunning();
+    if (index >= mOutputs.size() || !mOutputs[index].withClient) return BAD_INDEX;
+    freeOutput(index);
+    schedule();
+    return OK;
+}
+
+void CodecWorker::freeOutput(size_t index) {
+    OutputSlot& slot = mOutputs[index];
+    slot.withClient = false;
+    slot.buffer->setBuffer(new ABuffer(nullptr, 0));
+    slot.output = CodecOutput();
+    mFreeOutputs.push_back(index);
+}
+
+status_t CodecWorker::signalEndOfInputStream() { return INVALID_OPERATION; }
+
+status_t CodecWorker::getOutputFormat(sp<AMessage>* format) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kConfigured && mState != State::kStarted) return notRunning();
+    if (mOutputFormat == nullptr) return NAME_NOT_FOUND;
+    *format = mOutputFormat->dup();
+    return OK;
+}
+
+status_t CodecWorker::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kStarted) return notRunning();
+    buffers->clear();
+    for (const InputSlot& slot : mInputs) buffers->push_back(slot.buffer);
+    return OK;
+}
+
+status_t CodecWorker::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kStarted) return notRunning();
+    buffers->clear();
+    for (const OutputSlot& slot : mOutputs) buffers->push_back(slot.buffer);
+    return OK;
+}
+
+void CodecWorker::schedule() {
+    if (mWorkPosted || mState != State::kStarted) return;
+    mWorkPosted = true;
+    const wp<CodecWorker> self(this);
+    mLooper->post([self] {
+        const sp<CodecWorker> worker = self.promote();
+        if (worker != nullptr) worker->work();
+    });
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

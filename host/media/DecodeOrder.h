@@ -1,0 +1,107 @@
+// Keeps the decoders of one extractor in step.
+//
+// Trimming has one position for all tracks, and the first decoded frame at or past a period's end
+// moves it on. So decoded frames have to come out in time order across the tracks: a decoder
+// delivers its head, the earliest frame it has, only when no other decoder can still deliver an
+// earlier one. Another decoder can when it has an earlier head (the caller must fetch that first),
+// when it works on something, or when the reader has not yet come to the head's time. The last wait
+// could last for ever, since the reader hands a sample over before it goes on: a decoder whose
+// input is full passes a decoder that only new input could help.
+//
+// Any thread may call any operation. A decoder may hold its own lock: the order calls nobody but
+// the wake functions, and these only post work.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/RefBase.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <limits>
+#include <map>
+#include <mutex>
+
+namespace android {
+namespace qmmediaeditor {
+
+// A stretch of input that is read without a seek.
+struct TimeLine {
+    uint32_t number = 0;
+    // Where working sound begins: what comes before is dropped, a later start is filled with
+    // silence.
+    int64_t startUs = 0;
+};
+
+class DecodeOrder : public RefBase {
+public:
+    static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
+    // Sound that is missing for longer than this, where the reader has passed already, is a hole;
+    // less may still be on its way.
+    static constexpr int64_t kHoleUs = 100000;
+
+    // For the extractor, once in each seek (the first one, to 0, too), before samples are
+    // announced. `startUs` is the seek's target. Decoders drop what they still have of earlier time
+    // lines.
+    void beginTimeLine(int64_t startUs);
+    // No sample that comes later, of any track, is shown before `timeUs`.
+    void advancePosition(int64_t timeUs);
+
+    TimeLine timeLine() const;
+    int64_t position() const;
+
+    // Where a decoder stands, as far as the others must know.
+    struct Standing {
+        bool hasHead = false;
+        // It has queued input, or is at work.
+        bool working = false;
+        // No further input will come.
+        bool inputEnded = false;
+        // No input slot is free, so that the reader may be waiting for one.
+        bool inputFull = false;
+        // The time of the head, or the earliest that what it holds can give; kNever when it holds
+        // nothing.
+        int64_t earliestUs = kNever;
+        // The stretch that it makes up as silence when the reader passes it; empty for pictures.
+        int64_t silenceFromUs = kNever;
+        int64_t silenceUntilUs = kNever;
+    };
+
+    // From start to stop, or to the end of stream, a decoder is a member. `wake` is called when the
+    // reader has passed a hole that the decoder has to fill.
+    size_t join(std::function<void()> wake);
+    void leave(size_t member);
+    // True when the decoder has to fill a hole now.
+    bool publish(size_t member, const Standing& standing);
+
+    enum class Turn { kYes, kOtherFirst, kTimedOut, kHeadGone };
+
+    // Waits until it is clear whether `member` may deliver its head.
+    Turn waitForTurn(size_t member, std::chrono::steady_clock::time_point deadline);
+
+protected:
+    ~DecodeOrder() override = default;
+
+private:
+    struct Member {
+        Standing standing;
+        std::function<void()> wake;
+    };
+
+    // All three under mLock.
+    bool owesSilence(const Standing& standing) const;
+    bool mayWaitFor(const Standing& mine, const Standing& other) const;
+    Turn turnOf(size_t member) const;
+
+    mutable std::mutex mLock;
+    std::condition_variable mChanged;
+    // All guarded by mLock.
+    TimeLine mTimeLine;
+    int64_t mPositionUs = std::numeric_limits<int64_t>::min();
+    std::map<size_t, Member> mMembers;
+    size_t mNextMember = 0;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

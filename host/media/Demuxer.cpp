@@ -1,0 +1,152 @@
+#include "host/media/Demuxer.h"
+
+#include <errno.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <algorithm>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/avstring.h>
+#include <libavutil/dict.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kContainers[] =
+    "mov,matroska,webm,mpegts,mpeg,avi,flv,asf,ogg,wav,w64,flac,mp3,aac,ac3,eac3,amr,aiff,caf,au";
+constexpr int kIoBufferBytes = 64 * 1024;
+constexpr int64_t kDefaultProbeBytes = 1 << 20;
+constexpr int64_t kMaxProbeBytes = 64 << 20;
+// So many damaged places in a row are taken for the end.
+constexpr int kMaxReadErrors = 64;
+
+// A probe that ends inside an ID3 tag has seen nothing of the sound behind it.
+int64_t probeSizeBytes(const InputFile& file) {
+    uint8_t header[10];
+    if (!file.readFully(0, header, sizeof(header)) || memcmp(header, "ID3", 3) != 0) {
+        return kDefaultProbeBytes;
+    }
+    int64_t tagBytes = 0;
+    for (int i = 6; i < 10; ++i) tagBytes = (tagBytes << 7) | (header[i] & 0x7F);
+    return std::min(kDefaultProbeBytes + tagBytes, kMaxProbeBytes);
+}
+
+// A file that refers to others would have this process open them.
+int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
+    return AVERROR(EACCES);
+}
+
+}  // namespace
+
+struct Demuxer::Cursor {
+    std::shared_ptr<const InputFile> file;
+    int64_t position = 0;
+
+    static int read(void* opaque, uint8_t* data, int size) {
+        auto* cursor = static_cast<Cursor*>(opaque);
+        const ssize_t count =
+            cursor->file->readAt(cursor->position, data, static_cast<size_t>(size));
+        if (count == 0) return AVERROR_EOF;
+        if (count > 0) cursor->position += count;
+        return static_cast<int>(count);
+    }
+
+    static int64_t seek(void* opaque, int64_t offset, int whence) {
+        auto* cursor = static_cast<Cursor*>(opaque);
+        switch (whence & ~AVSEEK_FORCE) {
+            case AVSEEK_SIZE:
+                return cursor->file->sizeBytes();
+            case SEEK_SET:
+                break;
+            case SEEK_CUR:
+                offset += cursor->position;
+                break;
+            case SEEK_END:
+                offset += cursor->file->sizeBytes();
+                break;
+            default:
+                return AVERROR(EINVAL);
+        }
+        if (offset < 0) return AVERROR(EINVAL);
+        return cursor->position = offset;
+    }
+};
+
+Demuxer::Demuxer() : mCursor(std::make_unique<Cursor>()) {}
+Demuxer::~Demuxer() = default;
+
+std::unique_ptr<Demuxer> Demuxer::open(const std::shared_ptr<const InputFile>& file, Study study) {
+    std::unique_ptr<Demuxer> demuxer(new Demuxer);
+    if (!demuxer->openInput(file)) return nullptr;
+    if (study == Study::kStreams &&
+        avformat_find_stream_info(demuxer->mContext.get(), nullptr) < 0) {
+        return nullptr;
+    }
+    return demuxer;
+}
+
+bool Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
+    mCursor->file = file;
+    auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
+    if (buffer == nullptr) return false;
+    mIo.reset(avio_alloc_context(buffer, kIoBufferBytes, 0, mCursor.get(), Cursor::read, nullptr,
+                                 Cursor::seek));
+    AVFormatContext* context = avformat_alloc_context();
+    if (mIo == nullptr || context == nullptr) {
+        if (mIo == nullptr) av_free(buffer);
+        avformat_free_context(context);
+        return false;
+    }
+    context->pb = mIo.get();
+    context->io_open = refuseToOpen;
+    context->format_probesize = static_cast<int>(probeSizeBytes(*file));
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "format_whitelist", kContainers, 0);
+    // Frees the context when it fails.
+    const int result = avformat_open_input(&context, "", nullptr, &options);
+    av_dict_free(&options);
+    if (result < 0) return false;
+    mContext.reset(context);
+    return context->probe_score > AVPROBE_SCORE_RETRY;
+}
+
+bool Demuxer::isIsoFile() const { return av_match_name("mov", mContext->iformat->name) != 0; }
+
+bool Demuxer::headerIsEnough() const {
+    return isIsoFile() || av_match_name("matroska", mContext->iformat->name) != 0;
+}
+
+bool Demuxer::indexIsOfPictures() const {
+    return av_match_name(mContext->iformat->name, "matroska,webm,flv,asf") != 0;
+}
+
+bool Demuxer::readPacket(int index, AVPacket* packet) {
+    for (int errors = 0; errors < kMaxReadErrors;) {
+        av_packet_unref(packet);
+        const int result = av_read_frame(mContext.get(), packet);
+        if (result == AVERROR_EOF) break;
+        if (result < 0) {
+            ++errors;
+            continue;
+        }
+        const bool wanted = index == kAnyStream || packet->stream_index == index;
+        if (wanted && packet->size > 0) return true;
+    }
+    av_packet_unref(packet);
+    return false;
+}
+
+void Demuxer::keepOnly(int index) {
+    for (unsigned i = 0; i < mContext->nb_streams; ++i) {
+        mContext->streams[i]->discard =
+            static_cast<int>(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    }
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,57 @@
+// One pass over an input file with libavformat. Private to the extractor: FFmpeg's types are part
+// of it.
+//
+// Not locked: one thread at a time. Several demuxers may read one file, each with its own position.
+#pragma once
+
+#include <memory>
+
+#include "host/media/FFmpegPointers.h"
+#include "host/media/InputFile.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class Demuxer {
+public:
+    enum class Study {
+        kHeader,   // what the container's header says of its streams
+        kStreams,  // and what the first packets of each stream add to it
+    };
+
+    // Null when this is none of the containers that are read here: moving pictures and sound, by a
+    // list, since FFmpeg would take text, playlists and photographs as well.
+    static std::unique_ptr<Demuxer> open(const std::shared_ptr<const InputFile>& file, Study study);
+    ~Demuxer();
+
+    AVFormatContext& context() { return *mContext; }
+
+    // The family of ISO base media files: MP4, MOV, 3GP.
+    bool isIsoFile() const;
+    // The header alone names every stream and every packet has its times, so that Study::kHeader
+    // will do.
+    bool headerIsEnough() const;
+    // What index the container has is that of its pictures, for sound as well.
+    bool indexIsOfPictures() const;
+
+    static constexpr int kAnyStream = -1;
+    // Reads the next packet of stream `index`, passing over others. False at the end; what is
+    // damaged is passed over.
+    bool readPacket(int index, AVPacket* packet);
+    // Has libavformat pass over every other stream, without reading it where that can be.
+    void keepOnly(int index);
+
+private:
+    struct Cursor;
+
+    Demuxer();
+    bool openInput(const std::shared_ptr<const InputFile>& file);
+
+    // The input refers to the other two, so it is the first to go.
+    std::unique_ptr<Cursor> mCursor;
+    IoContextPtr mIo;
+    InputFormatPtr mContext;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

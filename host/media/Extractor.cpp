@@ -1,0 +1,172 @@
+#include "host/media/Extractor.h"
+
+#include <media/stagefright/MediaErrors.h>
+#include <string.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "host/media/DecodeOrder.h"
+#include "host/media/InputProbe.h"
+#include "host/media/TrackReader.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+class FileExtractor final : public ExtractorBackend {
+public:
+    status_t setDataSource(int fd, int64_t offset, int64_t length) override;
+    size_t countTracks() override { return mInfo.tracks.size(); }
+    status_t getTrackFormat(size_t index, sp<AMessage>* format) override;
+    status_t getFileFormat(sp<AMessage>* format) override;
+    status_t selectTrack(size_t index) override;
+    status_t getSampleTrackIndex(size_t* trackIndex) override;
+    status_t readSampleData(const sp<ABuffer>& buffer) override;
+    status_t getSampleTime(int64_t* timeUs) override;
+    status_t getSampleMeta(sp<MetaData>* meta) override;
+    status_t advance() override;
+    status_t seekTo(int64_t timeUs, SeekMode mode) override;
+
+private:
+    int64_t originUs() const;
+    // The selected track whose sample comes next is mCurrent from here on. False at the end.
+    bool findCurrent();
+    void announceCurrent();
+    const TrackReader& current() const { return *mReaders.at(mCurrent); }
+
+    std::shared_ptr<const InputFile> mFile;
+    InputInfo mInfo;
+    std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
+    size_t mCurrent = 0;
+    bool mHasCurrent = false;
+};
+
+status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
+    if (mFile != nullptr) return INVALID_OPERATION;
+    const auto file = InputFile::open(fd, offset, length);
+    if (file == nullptr) return ERROR_IO;
+    const status_t result = probeInput(file, &mInfo);
+    if (result == OK) mFile = file;
+    return result;
+}
+
+status_t FileExtractor::getTrackFormat(size_t index, sp<AMessage>* format) {
+    if (index >= mInfo.tracks.size()) return BAD_INDEX;
+    *format = mInfo.tracks[index].format;
+    return OK;
+}
+
+status_t FileExtractor::getFileFormat(sp<AMessage>* format) {
+    if (mFile == nullptr) return NO_INIT;
+    *format = mInfo.format;
+    return OK;
+}
+
+status_t FileExtractor::selectTrack(size_t index) {
+    if (index >= mInfo.tracks.size()) return BAD_INDEX;
+    if (mReaders.count(index) != 0) return OK;
+    if (mInfo.tracks[index].source == nullptr) return ERROR_UNSUPPORTED;
+    auto reader = TrackReader::open(mFile, mInfo.tracks[index]);
+    if (reader == nullptr) return ERROR_IO;
+    mReaders[index] = std::move(reader);
+    return OK;
+}
+
+status_t FileExtractor::getSampleTrackIndex(size_t* trackIndex) {
+    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    *trackIndex = mCurrent;
+    return OK;
+}
+
+status_t FileExtractor::readSampleData(const sp<ABuffer>& buffer) {
+    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    const AVPacket& packet = *mReaders[mCurrent]->head();
+    const auto size = static_cast<size_t>(packet.size);
+    if (size > buffer->capacity()) return ERROR_BUFFER_TOO_SMALL;
+    memcpy(buffer->base(), packet.data, size);
+    buffer->setRange(0, size);
+    return OK;
+}
+
+status_t FileExtractor::getSampleTime(int64_t* timeUs) {
+    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    *timeUs = current().orderTimeUs() - originUs();
+    return OK;
+}
+
+status_t FileExtractor::getSampleMeta(sp<MetaData>* meta) {
+    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    *meta = new MetaData;
+    if (const int64_t durationUs = current().durationUs(); durationUs > 0) {
+        (*meta)->setInt64(kKeyDuration, durationUs);
+    }
+    const bool sync = (mReaders[mCurrent]->head()->flags & AV_PKT_FLAG_KEY) != 0;
+    (*meta)->setInt32(kKeyIsSyncFrame, sync ? 1 : 0);
+    return OK;
+}
+
+status_t FileExtractor::advance() {
+    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    mReaders[mCurrent]->advance();
+    mHasCurrent = false;
+    return OK;
+}
+
+status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
+    // Whoever cuts a file needs the sample before the cut; nothing asks for the others.
+    if (mode != SeekMode::SEEK_PREVIOUS_SYNC) return ERROR_UNSUPPORTED;
+    if (mReaders.empty()) return INVALID_OPERATION;
+    mInfo.tracks[mReaders.begin()->first].source->order()->beginTimeLine(timeUs);
+    mHasCurrent = false;
+    for (const auto& entry : mReaders) entry.second->seek(timeUs + originUs());
+    return OK;
+}
+
+// Recordings rarely begin at 0. The selected tracks keep their distance, and the earliest begins
+// there.
+int64_t FileExtractor::originUs() const {
+    int64_t originUs = INT64_MAX;
+    for (const auto& entry : mReaders) {
+        originUs = std::min(originUs, mInfo.tracks[entry.first].startUs);
+    }
+    if (originUs == INT64_MAX) return 0;
+    return mInfo.zeroIsFixed ? std::max<int64_t>(originUs, 0) : originUs;
+}
+
+bool FileExtractor::findCurrent() {
+    if (mHasCurrent) return true;
+    int64_t earliestUs = 0;
+    for (const auto& entry : mReaders) {
+        if (entry.second->head() == nullptr) continue;
+        const int64_t timeUs = entry.second->orderTimeUs();
+        const bool soundFirst = timeUs == earliestUs && !mInfo.tracks[entry.first].isVideo;
+        if (mHasCurrent && timeUs >= earliestUs && !soundFirst) continue;
+        mCurrent = entry.first;
+        mHasCurrent = true;
+        earliestUs = timeUs;
+    }
+    if (mHasCurrent) announceCurrent();
+    return mHasCurrent;
+}
+
+// Tells the decoder what belongs to the sample beside its bytes.
+void FileExtractor::announceCurrent() {
+    const TrackReader& reader = current();
+    mInfo.tracks[mCurrent].source->announce(reader.orderTimeUs() - originUs(),
+                                            reader.headProperties(originUs()));
+}
+
+}  // namespace
+
+sp<ExtractorBackend> createFileExtractor() { return new FileExtractor; }
+
+}  // namespace qmmediaeditor
+}  // namespace android

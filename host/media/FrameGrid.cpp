@@ -1,0 +1,115 @@
+#include "host/media/FrameGrid.h"
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr int64_t kSecondUs = 1000000;
+constexpr int kMaxRate = 240;
+constexpr int kDefaultRate = 30;
+
+constexpr FrameRate kUsualRates[] = {
+    {10, 1},  {12, 1},        {15000, 1001}, {15, 1},        {20, 1},  {24000, 1001}, {24, 1},
+    {25, 1},  {30000, 1001},  {30, 1},       {48, 1},        {50, 1},  {60000, 1001}, {60, 1},
+    {100, 1}, {120000, 1001}, {120, 1},      {240000, 1001}, {240, 1},
+};
+
+bool isUsable(const FrameRate& rate) {
+    return rate.numerator > 0 && rate.denominator > 0 && rate.numerator <= INT32_MAX &&
+           rate.denominator <= INT32_MAX && rate.numerator / rate.denominator <= kMaxRate;
+}
+
+// Intermediate values of long files at fine rates need more than 64 bits.
+int64_t frameNumber(int64_t distanceUs, const FrameRate& rate) {
+    const __int128 scaled = static_cast<__int128>(distanceUs) * rate.numerator;
+    const __int128 unit = static_cast<__int128>(kSecondUs) * rate.denominator;
+    const __int128 half = scaled >= 0 ? unit / 2 : -(unit / 2);
+    return static_cast<int64_t>((scaled + half) / unit);
+}
+
+int64_t frameTimeUs(int64_t number, const FrameRate& rate) {
+    const __int128 scaled = static_cast<__int128>(number) * kSecondUs * rate.denominator;
+    const __int128 half = scaled >= 0 ? rate.numerator / 2 : -(rate.numerator / 2);
+    return static_cast<int64_t>((scaled + half) / rate.numerator);
+}
+
+// Every time within a tick of a frame of its own, and nearly all frames there.
+bool fits(const std::vector<int64_t>& timesUs, int64_t toleranceUs, const FrameRate& rate) {
+    int64_t last = -1;
+    size_t neighbours = 0;
+    for (const int64_t timeUs : timesUs) {
+        const int64_t distanceUs = timeUs - timesUs.front();
+        const int64_t number = frameNumber(distanceUs, rate);
+        const int64_t errorUs = distanceUs - frameTimeUs(number, rate);
+        if (number <= last || std::abs(errorUs) > toleranceUs) return false;
+        neighbours += number == last + 1 ? 1 : 0;
+        last = number;
+    }
+    return neighbours * 5 >= timesUs.size() * 4;
+}
+
+// The smallest rate whose interval in whole microseconds does not exceed `distanceUs`.
+int rateFor(int64_t distanceUs) {
+    return static_cast<int>(std::clamp<int64_t>(kSecondUs / (distanceUs + 1) + 1, 1, kMaxRate));
+}
+
+int rateFor(const FrameRate& rate) {
+    return rateFor(kSecondUs * rate.denominator / rate.numerator);
+}
+
+// A few frames may lie closer together than the rest; the rate is not theirs.
+int64_t shortestUsualDistanceUs(const std::vector<int64_t>& timesUs) {
+    std::vector<int64_t> distancesUs;
+    for (size_t i = 1; i < timesUs.size(); ++i) {
+        distancesUs.push_back(timesUs[i] - timesUs[i - 1]);
+    }
+    std::sort(distancesUs.begin(), distancesUs.end());
+    const int64_t unusualUs = distancesUs[distancesUs.size() / 2] * 9 / 20;
+    const auto usual = std::upper_bound(distancesUs.begin(), distancesUs.end(), unusualUs);
+    return std::max(*usual, distancesUs[distancesUs.size() / 100]);
+}
+
+}  // namespace
+
+FrameGrid::FrameGrid(FrameRate rate, int64_t tickUs) : mRate(rate), mToleranceUs(tickUs + 1) {}
+
+int64_t FrameGrid::snap(int64_t timeUs) {
+    if (!mAnchorUs.has_value()) mAnchorUs = timeUs;
+    const int64_t distanceUs = timeUs - *mAnchorUs;
+    const int64_t gridUs = *mAnchorUs + frameTimeUs(frameNumber(distanceUs, mRate), mRate);
+    if (std::abs(gridUs - timeUs) <= mToleranceUs) return gridUs;
+    mAnchorUs = timeUs;
+    return timeUs;
+}
+
+FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
+                            const std::vector<FrameRate>& likely) {
+    std::vector<FrameRate> rates;
+    std::copy_if(likely.begin(), likely.end(), std::back_inserter(rates), isUsable);
+    std::sort(timesUs.begin(), timesUs.end());
+    timesUs.erase(std::unique(timesUs.begin(), timesUs.end()), timesUs.end());
+
+    FrameTiming timing;
+    if (timesUs.size() < 2) {
+        timing.rate = rates.empty() ? kDefaultRate : rateFor(rates.front());
+        return timing;
+    }
+    rates.insert(rates.end(), std::begin(kUsualRates), std::end(kUsualRates));
+    for (const FrameRate& rate : rates) {
+        if (!fits(timesUs, tickUs + 1, rate)) continue;
+        timing.rate = rateFor(rate);
+        timing.grid = FrameGrid(rate, tickUs);
+        return timing;
+    }
+    timing.rate = rateFor(shortestUsualDistanceUs(timesUs));
+    return timing;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,52 @@
+// The rate of a video track, from the times of its frames.
+//
+// A container that counts in milliseconds gives the frames of 30 a second times 33 and 34 ms apart,
+// and a frame that comes a moment too early for the announced rate is dropped further on. So times
+// of constant-rate video are put back where they were before the container rounded them.
+#pragma once
+
+#include <stdint.h>
+
+#include <optional>
+#include <vector>
+
+namespace android {
+namespace qmmediaeditor {
+
+// Frames a second, as a fraction.
+struct FrameRate {
+    int64_t numerator = 0;
+    int64_t denominator = 1;
+};
+
+class FrameGrid {
+public:
+    // `tickUs` is the container's resolution, microseconds.
+    FrameGrid(FrameRate rate, int64_t tickUs);
+
+    // The grid's time nearest to `timeUs` when that is within the container's rounding. Else
+    // `timeUs`, where the grid begins anew: the stream has a break there. The grid begins at the
+    // first time it is given.
+    int64_t snap(int64_t timeUs);
+
+private:
+    FrameRate mRate;
+    int64_t mToleranceUs;
+    std::optional<int64_t> mAnchorUs;
+};
+
+struct FrameTiming {
+    // Frames a second, rounded up, so that 1000000 / rate is no longer than the usual distance of
+    // frames.
+    int rate = 0;
+    // For a constant rate.
+    std::optional<FrameGrid> grid;
+};
+
+// `timesUs` are presentation times in any order; `likely` are rates that the container names, if it
+// does. With fewer than two times the first of these decides, or 30.
+FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
+                            const std::vector<FrameRate>& likely);
+
+}  // namespace qmmediaeditor
+}  // namespace android

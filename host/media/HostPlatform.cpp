@@ -1,0 +1,94 @@
+#include <android/log.h>
+#include <editorutils/MediaEditorDefs.h>
+
+#include "host/Host.h"
+#include "host/convert/AudioConverter.h"
+#include "host/convert/PictureScaler.h"
+#include "host/media/AudioDecoder.h"
+#include "host/media/AudioEncoder.h"
+#include "host/media/CodecTypes.h"
+#include "host/media/CodecWorker.h"
+#include "host/media/Extractor.h"
+#include "host/media/VideoDecoder.h"
+#include "host/media/VideoEncoder.h"
+#include "host/media/Writer.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+int logPriority(int level) {
+    if (level <= AV_LOG_FATAL) return ANDROID_LOG_ERROR;
+    if (level <= AV_LOG_ERROR) return ANDROID_LOG_WARN;
+    if (level <= AV_LOG_WARNING) return ANDROID_LOG_INFO;
+    if (level <= AV_LOG_INFO) return ANDROID_LOG_DEBUG;
+    return ANDROID_LOG_VERBOSE;
+}
+
+// FFmpeg's errors are mostly about damaged input, which is passed over here: they are warnings.
+void logFromFFmpeg(void* object, int level, const char* format, va_list arguments) {
+    if (level > AV_LOG_INFO) return;
+    char line[512];
+    thread_local int atLineStart = 1;
+    av_log_format_line(object, level, format, arguments, line, sizeof(line), &atLineStart);
+    __android_log_print(logPriority(level), "FFmpeg", "%s", line);
+}
+
+class HostPlatform : public Platform {
+public:
+    explicit HostPlatform(const HostOptions& options) : mOptions(options) {
+        av_log_set_callback(logFromFFmpeg);
+    }
+
+    sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString& mime, bool encoder,
+                               status_t* err) override {
+        std::unique_ptr<CodecEngine> engine = encoder ? createEncoder(mime) : createDecoder(mime);
+        if (err != nullptr) *err = engine == nullptr ? NAME_NOT_FOUND : OK;
+        if (engine == nullptr) return nullptr;
+        return new CodecWorker(looper, std::move(engine));
+    }
+
+    sp<ExtractorBackend> createExtractor() override { return createFileExtractor(); }
+    sp<MediaWriter> createWriter(int fd) override { return createFileWriter(fd, mOptions); }
+    sp<AudioConverterBackend> createAudioConverter() override { return new AudioConverter; }
+    void scale(const ScaleRequest& request) override { scalePicture(request); }
+    void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) override {
+        setWriterUuidData(writer, data, size);
+    }
+    // The decoder brings HDR to the working picture by itself.
+    bool getUseDitherType(int* /* type */) override { return false; }
+
+private:
+    std::unique_ptr<CodecEngine> createEncoder(const AString& mime) const {
+        if (encoderOf(mime) == nullptr) return nullptr;
+        if (mime.startsWithIgnoreCase("audio/")) return std::make_unique<AudioEncoder>();
+        return std::make_unique<VideoEncoder>(mOptions.avcPreset);
+    }
+
+    // A track's codec is known only when the decoder is configured with the track's format.
+    static std::unique_ptr<CodecEngine> createDecoder(const AString& mime) {
+        if (mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED) ||
+            mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED)) {
+            return nullptr;
+        }
+        if (mime.startsWithIgnoreCase("audio/")) return std::make_unique<AudioDecoder>();
+        if (mime.startsWithIgnoreCase("video/")) return std::make_unique<VideoDecoder>();
+        return nullptr;
+    }
+
+    const HostOptions mOptions;
+};
+
+}  // namespace
+
+std::unique_ptr<Platform> createHostPlatform(const HostOptions& options) {
+    return std::make_unique<HostPlatform>(options);
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

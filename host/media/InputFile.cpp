@@ -1,0 +1,52 @@
+#include "host/media/InputFile.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace android {
+namespace qmmediaeditor {
+
+std::shared_ptr<const InputFile> InputFile::open(int fd, int64_t offset, int64_t length) {
+    struct stat info;
+    if (offset < 0 || length <= 0 || fstat(fd, &info) != 0) return nullptr;
+    if (S_ISREG(info.st_mode)) length = std::min<int64_t>(length, info.st_size - offset);
+    if (length <= 0) return nullptr;
+    const int duplicate = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (duplicate < 0) return nullptr;
+    return std::shared_ptr<const InputFile>(new InputFile(duplicate, offset, length));
+}
+
+InputFile::InputFile(int fd, int64_t offset, int64_t sizeBytes)
+    : mFd(fd), mOffset(offset), mSizeBytes(sizeBytes) {}
+
+InputFile::~InputFile() { close(mFd); }
+
+ssize_t InputFile::readAt(int64_t position, void* data, size_t size) const {
+    if (position < 0) return -EINVAL;
+    if (position >= mSizeBytes) return 0;
+    size = std::min<size_t>(size, static_cast<size_t>(mSizeBytes - position));
+    ssize_t count;
+    do {
+        count = pread(mFd, data, size, mOffset + position);
+    } while (count < 0 && errno == EINTR);
+    return count < 0 ? -errno : count;
+}
+
+bool InputFile::readFully(int64_t position, void* data, size_t size) const {
+    auto* bytes = static_cast<uint8_t*>(data);
+    while (size > 0) {
+        const ssize_t count = readAt(position, bytes, size);
+        if (count <= 0) return false;
+        bytes += count;
+        position += count;
+        size -= static_cast<size_t>(count);
+    }
+    return true;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

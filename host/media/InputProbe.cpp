@@ -1,0 +1,237 @@
+#include "host/media/InputProbe.h"
+
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/ABuffer.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/media/DecodeOrder.h"
+#include "host/media/Demuxer.h"
+#include "host/media/MediaTypes.h"
+#include "host/media/TrackFormat.h"
+#include "host/media/UuidBox.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr AVRational kMicroseconds = {1, 1000000};
+// So many frames tell 30 a second from 29.97 through time stamps in milliseconds.
+constexpr size_t kStudiedFrames = 120;
+constexpr int64_t kMaxStudiedBytes = 32 << 20;
+constexpr int kMaxStudiedIndexEntries = 20000;
+constexpr int64_t kMinVideoSampleBytes = 1 << 20;
+constexpr int64_t kMaxAudioSampleBytes = 512 << 10;
+// Covers the overlap of transform codecs and MP3's bit reservoir.
+constexpr int64_t kPrerollUs = 100000;
+
+int64_t toUs(int64_t time, AVRational timeBase) {
+    return av_rescale_q(time, timeBase, kMicroseconds);
+}
+
+bool isKind(const AVStream& stream, AVMediaType kind) {
+    return stream.codecpar->codec_type == kind;
+}
+
+bool isMovingPicture(const AVStream& stream) {
+    return isKind(stream, AVMEDIA_TYPE_VIDEO) && !isAttachedPicture(stream);
+}
+
+// Reads all packets: for a recording that was never finished, say.
+std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const InputFile>& file,
+                                        size_t count) {
+    std::vector<int64_t> durationsUs(count, 0);
+    const auto demuxer = Demuxer::open(file, Demuxer::Study::kStreams);
+    PacketPtr packet(av_packet_alloc());
+    if (demuxer == nullptr || packet == nullptr) return durationsUs;
+    while (demuxer->readPacket(Demuxer::kAnyStream, packet.get())) {
+        const auto index = static_cast<size_t>(packet->stream_index);
+        const int64_t start = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (index >= count || start == AV_NOPTS_VALUE) continue;
+        const AVStream& stream = *demuxer->context().streams[index];
+        const int64_t origin = stream.start_time == AV_NOPTS_VALUE ? 0 : stream.start_time;
+        const int64_t end = start - origin + std::max<int64_t>(packet->duration, 0);
+        durationsUs[index] = std::max(durationsUs[index], toUs(end, stream.time_base));
+    }
+    return durationsUs;
+}
+
+int64_t statedDurationUs(const AVFormatContext& context, const AVStream& stream) {
+    if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0) {
+        return toUs(stream.duration, stream.time_base);
+    }
+    return std::max<int64_t>(context.duration, 0);
+}
+
+// The longest sample that the index names, or what a sample of the kind can come to.
+int64_t maxSampleBytes(AVStream& stream) {
+    int64_t bytes = kMaxAudioSampleBytes;
+    if (isKind(stream, AVMEDIA_TYPE_VIDEO)) {
+        const AVCodecParameters& parameters = *stream.codecpar;
+        const int64_t pixels = static_cast<int64_t>(parameters.width) * parameters.height;
+        const AVCodecDescriptor* codec = avcodec_descriptor_get(parameters.codec_id);
+        const bool lossless = codec != nullptr && (codec->props & AV_CODEC_PROP_LOSSY) == 0;
+        bytes = std::max(kMinVideoSampleBytes, lossless ? pixels * 8 : pixels * 3 / 2);
+    }
+    for (int i = 0; i < avformat_index_get_entries_count(&stream); ++i) {
+        bytes = std::max<int64_t>(bytes, avformat_index_get_entry(&stream, i)->size);
+    }
+    return std::min<int64_t>(bytes, INT32_MAX);
+}
+
+// An ISO file's index knows all samples, at their decoding times: the distances are the same.
+// Elsewhere the first packets have to do.
+std::vector<int64_t> frameTimesUs(Demuxer* demuxer, AVStream& stream) {
+    std::vector<int64_t> timesUs;
+    const int entries = avformat_index_get_entries_count(&stream);
+    if (demuxer->isIsoFile() && entries > 1) {
+        for (int i = 0; i < std::min(entries, kMaxStudiedIndexEntries); ++i) {
+            const AVIndexEntry& entry = *avformat_index_get_entry(&stream, i);
+            if ((entry.flags & AVINDEX_DISCARD_FRAME) != 0) continue;
+            timesUs.push_back(toUs(entry.timestamp, stream.time_base));
+        }
+        return timesUs;
+    }
+    PacketPtr packet(av_packet_alloc());
+    if (packet == nullptr) return timesUs;
+    demuxer->keepOnly(stream.index);
+    int64_t bytes = 0;
+    while (timesUs.size() < kStudiedFrames && bytes < kMaxStudiedBytes &&
+           demuxer->readPacket(stream.index, packet.get())) {
+        const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (time != AV_NOPTS_VALUE) timesUs.push_back(toUs(time, stream.time_base));
+        bytes += packet->size;
+    }
+    return timesUs;
+}
+
+// Each field of an interlaced stream may come in a sample of its own.
+bool isInterlaced(const AVStream& stream) {
+    return stream.codecpar->field_order > AV_FIELD_PROGRESSIVE;
+}
+
+FrameTiming frameTiming(AVStream& stream, std::vector<int64_t> timesUs) {
+    std::vector<FrameRate> likely;
+    for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
+        likely.push_back({rate.num, rate.den});
+    }
+    const int64_t tickUs = av_rescale_q_rnd(1, stream.time_base, kMicroseconds, AV_ROUND_UP);
+    FrameTiming timing = studyFrameTimes(std::move(timesUs), tickUs, likely);
+    const double average = av_q2d(stream.avg_frame_rate);
+    if (isInterlaced(stream) && average > 0 && timing.rate > average * 3 / 2) {
+        timing.rate = (timing.rate + 1) / 2;
+    }
+    return timing;
+}
+
+int64_t prerollUs(const AVCodecParameters& parameters) {
+    const int64_t samples = std::max(parameters.seek_preroll, 0);
+    return std::max(kPrerollUs, av_rescale(samples, kMicroseconds.den, parameters.sample_rate));
+}
+
+// A sound track's own index is often missing; then the picture's leads to it as well.
+int seekStreamIndex(const Demuxer& demuxer, const AVFormatContext& context,
+                    const AVStream& stream) {
+    if (!demuxer.indexIsOfPictures()) return stream.index;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        if (isMovingPicture(*context.streams[i])) return context.streams[i]->index;
+    }
+    return stream.index;
+}
+
+sp<TrackSource> makeSource(const AVCodecParameters& parameters, const sp<DecodeOrder>& order) {
+    CodecParametersPtr copy(avcodec_parameters_alloc());
+    if (copy == nullptr || avcodec_parameters_copy(copy.get(), &parameters) < 0) return nullptr;
+    return new TrackSource(std::move(copy), order);
+}
+
+sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData) {
+    sp<AMessage> format = new AMessage;
+    format->setString("mime", mimeOfContainer(context));
+    if (!uuidData.empty()) {
+        format->setBuffer("uuid-data", ABuffer::CreateAsCopy(uuidData.data(), uuidData.size()));
+    }
+    return format;
+}
+
+TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, bool studyFrames,
+                        const sp<DecodeOrder>& order) {
+    AVFormatContext& context = demuxer->context();
+    const AVCodecParameters& parameters = *stream.codecpar;
+    TrackInfo track;
+    track.streamIndex = stream.index;
+    track.isVideo = isKind(stream, AVMEDIA_TYPE_VIDEO);
+    TrackFacts facts;
+    facts.durationUs = durationUs;
+    if (isDecodable(stream)) {
+        track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream));
+        facts.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
+        track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
+        if (stream.start_time != AV_NOPTS_VALUE) {
+            track.startUs = toUs(stream.start_time, stream.time_base);
+        }
+        track.source = makeSource(parameters, order);
+        if (track.isVideo) {
+            const size_t samplesPerPicture = isInterlaced(stream) ? 2 : 1;
+            track.reorderDepth =
+                static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerPicture;
+            const FrameTiming timing = frameTiming(
+                stream, studyFrames ? frameTimesUs(demuxer, stream) : std::vector<int64_t>());
+            facts.frameRate = timing.rate;
+            track.grid = timing.grid;
+        } else {
+            track.prerollUs = prerollUs(parameters);
+        }
+    }
+    track.format = makeTrackFormat(context, stream, facts);
+    if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
+    return track;
+}
+
+}  // namespace
+
+status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info) {
+    const auto demuxer = Demuxer::open(file, Demuxer::Study::kStreams);
+    if (demuxer == nullptr) return ERROR_UNSUPPORTED;
+    TopLevelBoxes boxes;
+    if (demuxer->isIsoFile()) {
+        boxes = readTopLevelBoxes(*file);
+        if (boxes.movieBytes == 0) return ERROR_UNSUPPORTED;
+    }
+    AVFormatContext& context = demuxer->context();
+    std::vector<int64_t> durationsUs(context.nb_streams, 0);
+    bool hasMedia = false;
+    bool complete = true;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        const AVStream& stream = *context.streams[i];
+        durationsUs[i] = statedDurationUs(context, stream);
+        hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isMovingPicture(stream);
+        complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
+    }
+    if (!hasMedia) return ERROR_UNSUPPORTED;
+    if (!complete) durationsUs = measureDurationsUs(file, durationsUs.size());
+
+    InputInfo found;
+    found.zeroIsFixed = demuxer->isIsoFile();
+    found.format = makeFileFormat(context, boxes.uuidData);
+    const sp<DecodeOrder> order = new DecodeOrder;
+    bool studyFrames = true;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        AVStream& stream = *context.streams[i];
+        found.tracks.push_back(
+            describeTrack(demuxer.get(), stream, durationsUs[i], studyFrames, order));
+        if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
+    }
+    *info = std::move(found);
+    return OK;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

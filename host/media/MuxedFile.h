@@ -1,0 +1,72 @@
+// An MP4 or 3GP file in the making, through libavformat. Private to the writer.
+//
+// Order of use: addTrack for each, begin, then samples as they come, then finish. After begin, any
+// thread may call any operation. Nothing waits for a track: the movie box is written last, so a
+// track's codec-specific data may come as late as its first sample, and one that never has a sample
+// is left out.
+#pragma once
+
+#include <media/stagefright/MetaData.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/Errors.h>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "host/media/FFmpegPointers.h"
+#include "host/media/OutputFile.h"
+#include "host/media/SampleClock.h"
+
+struct AVStream;
+
+namespace android {
+namespace qmmediaeditor {
+
+class MuxedFile {
+public:
+    explicit MuxedFile(std::unique_ptr<OutputFile> output);
+    ~MuxedFile();
+
+    // `format` is a track's: kKeyMIMEType, and of what is known the size, the rates, the channels.
+    status_t addTrack(const MetaDataBase& format);
+    // `fileType` is 1 for 3GP or 2 for MP4; `rotationDegrees` are clockwise and concern video.
+    status_t begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst);
+
+    // What the decoder of the track needs; heard until its first sample.
+    status_t setCodecConfig(size_t track, const uint8_t* data, size_t size);
+    // `data` is an access unit as its encoder made it.
+    status_t writeSample(size_t track, const uint8_t* data, size_t size, int64_t timeUs,
+                         bool isSync);
+
+    // Writes the movie box, and `boxes` behind everything else. The first error, or 0.
+    status_t finish(const std::vector<uint8_t>& boxes);
+
+private:
+    struct Track {
+        CodecParametersPtr parameters;
+        AVStream* stream = nullptr;
+        int frameRate = 0;
+        std::unique_ptr<SampleClock> clock;
+        bool hasSamples = false;
+    };
+
+    bool needs3gp() const;
+    status_t addStream(Track* track, int32_t rotationDegrees);
+    void startClock(Track* track);
+    status_t nameVp8Entries();
+    status_t keep(int result);
+
+    const std::unique_ptr<OutputFile> mOutput;
+    std::mutex mLock;
+    // All guarded by mLock.
+    std::vector<Track> mTracks;
+    OutputFormatPtr mContext;
+    PacketPtr mPacket;
+    bool mHasHeader = false;
+    status_t mError = OK;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

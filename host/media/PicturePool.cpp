@@ -1,0 +1,66 @@
+#include "host/media/PicturePool.h"
+
+#include <utility>
+
+extern "C" {
+#include <libavutil/buffer.h>
+#include <libavutil/frame.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+// Decoders may read, and not use, a little beyond the last plane.
+constexpr size_t kReadBeyondBytes = 256;
+
+class FrameBuffer : public ABuffer {
+public:
+    FrameBuffer(FramePtr frame, size_t bytes)
+        : ABuffer(frame->data[0], bytes), mFrame(std::move(frame)) {}
+
+private:
+    const FramePtr mFrame;
+};
+
+}  // namespace
+
+PicturePool::PicturePool(const PictureLayout& layout)
+    : mLayout(layout), mPool(av_buffer_pool_init(layout.bytes() + kReadBeyondBytes, nullptr)) {}
+
+PicturePool::~PicturePool() = default;
+
+bool PicturePool::attach(AVFrame* frame) const {
+    if (mPool == nullptr) return false;
+    AVBufferRef* memory = av_buffer_pool_get(mPool.get());
+    if (memory == nullptr) return false;
+    const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
+    frame->buf[0] = memory;
+    frame->data[0] = memory->data;
+    frame->data[1] = frame->data[0] + lumaBytes;
+    frame->data[2] = frame->data[1] + lumaBytes / 4;
+    frame->linesize[0] = mLayout.stride;
+    frame->linesize[1] = frame->linesize[2] = mLayout.stride / 2;
+    frame->extended_data = frame->data;
+    return true;
+}
+
+bool PicturePool::fits(const AVFrame& frame) const {
+    if (frame.buf[0] == nullptr || frame.buf[0]->size < mLayout.bytes()) return false;
+    const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
+    return frame.data[0] == frame.buf[0]->data && frame.linesize[0] == mLayout.stride &&
+           frame.linesize[1] == mLayout.stride / 2 && frame.linesize[2] == mLayout.stride / 2 &&
+           frame.data[1] == frame.data[0] + lumaBytes &&
+           frame.data[2] == frame.data[1] + lumaBytes / 4;
+}
+
+sp<ABuffer> PicturePool::wrap(AVFrame* frame) const {
+    FramePtr own(av_frame_alloc());
+    if (own == nullptr) return nullptr;
+    av_frame_move_ref(own.get(), frame);
+    return new FrameBuffer(std::move(own), mLayout.bytes());
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,30 @@
+// The platform's format message of a track. Any thread.
+#pragma once
+
+#include <media/stagefright/foundation/AMessage.h>
+#include <stdint.h>
+
+struct AVFormatContext;
+struct AVStream;
+
+namespace android {
+namespace qmmediaeditor {
+
+// What the stream's header does not say.
+struct TrackFacts {
+    int64_t durationUs = 0;
+    int32_t maxSampleBytes = 0;
+    // Video: frames a second, rounded up.
+    int frameRate = 0;
+};
+
+// "mime", "durationUs", "max-input-size", and of what is known: "bitrate", the codec-specific data,
+// and
+//   video: "width" and "height" with square pixels, "frame-rate", "rotation-degrees" (clockwise,
+//   when not 0),
+//          "android._is-hdr" (1 for PQ and HLG);
+//   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded sound: 16).
+sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream, const TrackFacts& facts);
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,199 @@
+#include "host/media/TrackReader.h"
+
+#include <android/log.h>
+
+#include <algorithm>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#define LOG_TAG "Extractor"
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr AVRational kMicroseconds = {1, 1000000};
+constexpr size_t kMaxReorderDepth = 16;
+constexpr int64_t kFirstStepBackUs = 500000;
+
+}  // namespace
+
+std::unique_ptr<TrackReader> TrackReader::open(const std::shared_ptr<const InputFile>& file,
+                                               const TrackInfo& track) {
+    std::unique_ptr<TrackReader> reader(new TrackReader(file, track));
+    if (reader->mPacket == nullptr || !reader->reopen()) return nullptr;
+    return reader;
+}
+
+TrackReader::TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track)
+    : mFile(file),
+      mTrack(track),
+      mPacket(av_packet_alloc()),
+      mPictureOrder(track.source->parameters()) {}
+
+TrackReader::~TrackReader() = default;
+
+bool TrackReader::reopen() {
+    forgetPosition();
+    mAtStart = true;
+    mEnded = true;
+    mDemuxer = Demuxer::open(mFile, Demuxer::Study::kHeader);
+    if (mDemuxer != nullptr && !mDemuxer->headerIsEnough()) {
+        mDemuxer = Demuxer::open(mFile, Demuxer::Study::kStreams);
+    }
+    if (mDemuxer == nullptr) return false;
+    const AVFormatContext& context = mDemuxer->context();
+    const auto index = static_cast<unsigned>(mTrack.streamIndex);
+    if (index >= context.nb_streams ||
+        context.streams[index]->codecpar->codec_type != mTrack.source->parameters().codec_type) {
+        return false;
+    }
+    mDemuxer->keepOnly(mTrack.streamIndex);
+    mEnded = false;
+    return true;
+}
+
+const AVPacket* TrackReader::head() {
+    if (!mHasHead && readHead()) stampHead();
+    return mHasHead ? mPacket.get() : nullptr;
+}
+
+int64_t TrackReader::durationUs() const { return std::max<int64_t>(toUs(mPacket->duration), 0); }
+
+PacketPtr TrackReader::headProperties(int64_t originUs) const {
+    PacketPtr properties(av_packet_alloc());
+    if (properties == nullptr || av_packet_copy_props(properties.get(), mPacket.get()) < 0) {
+        return nullptr;
+    }
+    properties->time_base = kMicroseconds;
+    properties->duration = durationUs();
+    properties->pts = mIsTimeStated ? mPresentationTimeUs - originUs : AV_NOPTS_VALUE;
+    // A picture without a time is shown when the packet that pushes it out is decoded.
+    const bool states =
+        mDemuxer->headerIsEnough() || !mTrack.isVideo || mPacket->dts == AV_NOPTS_VALUE;
+    properties->dts = states ? AV_NOPTS_VALUE : toUs(mPacket->dts) - originUs;
+    return properties;
+}
+
+const AVStream& TrackReader::stream() const {
+    return *mDemuxer->context().streams[mTrack.streamIndex];
+}
+
+int64_t TrackReader::toUs(int64_t time) const {
+    return av_rescale_q(time, stream().time_base, kMicroseconds);
+}
+
+void TrackReader::advance() {
+    if (mHasHead) mNextTimeUs = mPresentationTimeUs + durationUs();
+    mHasHead = false;
+}
+
+bool TrackReader::readHead() {
+    if (mEnded) return false;
+    mAtStart = false;
+    while (mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) {
+        // The buffers were made for what the track's format announced.
+        if (static_cast<size_t>(mPacket->size) <= mTrack.maxSampleBytes) return mHasHead = true;
+        __android_log_print(ANDROID_LOG_WARN, LOG_TAG,
+                            "track %d: a sample of %d bytes is passed over", mTrack.streamIndex,
+                            mPacket->size);
+    }
+    mEnded = true;
+    return false;
+}
+
+void TrackReader::stampHead() {
+    const int64_t time = statedTime();
+    mIsTimeStated = time != AV_NOPTS_VALUE || mPacket->dts == AV_NOPTS_VALUE;
+    if (time != AV_NOPTS_VALUE) {
+        mPresentationTimeUs = toUs(time);
+    } else {
+        mPresentationTimeUs = mIsTimeStated ? mNextTimeUs : toUs(mPacket->dts);
+    }
+    if (!mTrack.isVideo) {
+        mOrderTimeUs = mPresentationTimeUs;
+        return;
+    }
+    if (mTrack.grid.has_value()) mPresentationTimeUs = mTrack.grid->snap(mPresentationTimeUs);
+    noteOrder();
+}
+
+int64_t TrackReader::statedTime() {
+    if (mPacket->pts != AV_NOPTS_VALUE) return mPacket->pts;
+    return mTrack.isVideo ? mPictureOrder.presentationTime(*mPacket) : mPacket->dts;
+}
+
+// A picture is overtaken by reorderDepth others at most, so one more than that many later times
+// leave nothing to come below the earliest of them. Pictures that lead the first one are not shown:
+// they refer to what was not read.
+void TrackReader::noteOrder() {
+    if (mLatestTimesUs.empty()) {
+        mFirstTimeUs = mOrderTimeUs = mPresentationTimeUs;
+    } else if (mPresentationTimeUs < mFirstTimeUs) {
+        return;
+    } else if (mPresentationTimeUs < mOrderTimeUs && mTrack.reorderDepth < kMaxReorderDepth) {
+        ++mTrack.reorderDepth;
+    }
+    mLatestTimesUs.insert(
+        std::upper_bound(mLatestTimesUs.begin(), mLatestTimesUs.end(), mPresentationTimeUs),
+        mPresentationTimeUs);
+    if (mLatestTimesUs.size() > mTrack.reorderDepth + 1)
+        mLatestTimesUs.erase(mLatestTimesUs.begin());
+    mOrderTimeUs = std::max(mOrderTimeUs, mLatestTimesUs.front());
+}
+
+void TrackReader::forgetPosition() {
+    mHasHead = false;
+    mNextTimeUs = mTrack.startUs;
+    mLatestTimesUs.clear();
+    mPictureOrder.restart();
+}
+
+void TrackReader::seek(int64_t timeUs) {
+    const int64_t targetUs = timeUs - mTrack.prerollUs;
+    int64_t stepUs = kFirstStepBackUs;
+    // Indexes are inexact, or not there: what counts is where the demuxer lands.
+    for (int64_t soughtUs = targetUs; soughtUs > mTrack.startUs; soughtUs -= stepUs, stepUs *= 2) {
+        if (!seekDemuxer(soughtUs)) break;
+        if (!landsBy(targetUs)) continue;
+        skipSoundBefore(targetUs);
+        return;
+    }
+    // The beginning has samples that no index leads to, such as a codec's priming.
+    if (!mAtStart) reopen();
+    if (targetUs > mTrack.startUs) skipSoundBefore(targetUs);
+}
+
+bool TrackReader::seekDemuxer(int64_t timeUs) {
+    if (mDemuxer == nullptr) return false;
+    AVFormatContext& context = mDemuxer->context();
+    const AVRational timeBase = context.streams[mTrack.seekStreamIndex]->time_base;
+    const int64_t time = av_rescale_q_rnd(timeUs, kMicroseconds, timeBase, AV_ROUND_DOWN);
+    forgetPosition();
+    mAtStart = mEnded = false;
+    return av_seek_frame(&context, mTrack.seekStreamIndex, time, AVSEEK_FLAG_BACKWARD) >= 0;
+}
+
+// Goes on to the first sample that can be decoded by itself.
+bool TrackReader::landsBy(int64_t timeUs) {
+    while (readHead()) {
+        if (!mTrack.isVideo || (mPacket->flags & AV_PKT_FLAG_KEY) != 0) {
+            stampHead();
+            return mPresentationTimeUs <= timeUs;
+        }
+        mHasHead = false;
+    }
+    return false;
+}
+
+void TrackReader::skipSoundBefore(int64_t timeUs) {
+    if (mTrack.isVideo) return;
+    while (head() != nullptr && mPresentationTimeUs + durationUs() <= timeUs) advance();
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,84 @@
+// Reads the samples of one track in decoding order. Private to the extractor.
+//
+// Each selected track has a reader with a demuxer of its own, so that a track whose samples lie far
+// from the others' in the file costs no memory. One thread at a time. All times are microseconds on
+// the file's own time line.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+#include <vector>
+
+#include "host/media/Demuxer.h"
+#include "host/media/FFmpegPointers.h"
+#include "host/media/InputProbe.h"
+#include "host/media/PictureOrder.h"
+
+struct AVStream;
+
+namespace android {
+namespace qmmediaeditor {
+
+class TrackReader {
+public:
+    // Null when the file cannot be opened again.
+    static std::unique_ptr<TrackReader> open(const std::shared_ptr<const InputFile>& file,
+                                             const TrackInfo& track);
+    ~TrackReader();
+
+    // The sample that comes next; null at the end.
+    const AVPacket* head();
+    // Of the head. No sample from it on is shown before orderTimeUs; for sound the two times are
+    // the same.
+    int64_t orderTimeUs() const { return mOrderTimeUs; }
+    // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
+    // Null when memory is short.
+    PacketPtr headProperties(int64_t originUs) const;
+    // 0 when it is not known.
+    int64_t durationUs() const;
+    void advance();
+
+    // To the last sync sample that the file's index names at or before `timeUs`, or an earlier one;
+    // for sound to the sample at that time, less the decoder's preroll. To the very first sample
+    // when there is none.
+    void seek(int64_t timeUs);
+
+private:
+    TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track);
+    bool reopen();
+    bool readHead();
+    void stampHead();
+    int64_t statedTime();
+    const AVStream& stream() const;
+    int64_t toUs(int64_t time) const;
+    void noteOrder();
+    void forgetPosition();
+
+    bool seekDemuxer(int64_t timeUs);
+    bool landsBy(int64_t timeUs);
+    void skipSoundBefore(int64_t timeUs);
+
+    const std::shared_ptr<const InputFile> mFile;
+    TrackInfo mTrack;
+    std::unique_ptr<Demuxer> mDemuxer;
+    PacketPtr mPacket;
+    bool mHasHead = false;
+    bool mAtStart = true;  // nothing has been read since the file was opened
+    bool mEnded = false;   // nothing follows until the next seek
+    // A lower bound of it when it is not stated.
+    int64_t mPresentationTimeUs = 0;
+    bool mIsTimeStated = false;
+    int64_t mOrderTimeUs = 0;
+    int64_t mFirstTimeUs = 0;  // of the first picture since the last seek
+    int64_t mNextTimeUs = 0;   // where the last sample ends, for one without a time
+    // The latest presentation times that were read, in rising order: one more than
+    // mTrack.reorderDepth.
+    std::vector<int64_t> mLatestTimesUs;
+    // For video in a container that states decoding times alone.
+    PictureOrder mPictureOrder;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,55 @@
+#include "host/media/TrackSource.h"
+
+#include <algorithm>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+TrackSource::TrackSource(CodecParametersPtr parameters, const sp<DecodeOrder>& order)
+    : mParameters(std::move(parameters)), mOrder(order) {}
+
+TrackSource::~TrackSource() = default;
+
+sp<TrackSource> TrackSource::find(const sp<AMessage>& format) {
+    sp<RefBase> object;
+    if (format == nullptr || !format->findObject(kKey, &object)) return nullptr;
+    return dynamic_cast<TrackSource*>(object.get());
+}
+
+void TrackSource::announce(int64_t timeUs, PacketPtr properties) {
+    SampleNote note;
+    note.timeUs = timeUs;
+    note.timeLine = mOrder->timeLine();
+    note.properties = std::move(properties);
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mNotes.push_back(std::move(note));
+    }
+    mOrder->advancePosition(timeUs);
+}
+
+SampleNote TrackSource::take(int64_t timeUs) {
+    SampleNote note;
+    note.timeUs = timeUs;
+    note.timeLine = mOrder->timeLine();
+    std::lock_guard<std::mutex> lock(mLock);
+    const auto current = std::find_if(mNotes.begin(), mNotes.end(), [&](const SampleNote& each) {
+        return each.timeLine.number == note.timeLine.number;
+    });
+    mNotes.erase(mNotes.begin(), current);
+    const auto found = std::find_if(mNotes.begin(), mNotes.end(), [timeUs](const SampleNote& each) {
+        return each.timeUs == timeUs;
+    });
+    if (found == mNotes.end()) return note;
+    note.properties = std::move(found->properties);
+    mNotes.erase(mNotes.begin(), found + 1);
+    return note;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,236 @@
+#include "host/media/VideoDecoder.h"
+
+#include <android/log.h>
+#include <inttypes.h>
+#include <libyuv/planar_functions.h>
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/imgutils.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "VideoDecoder";
+
+constexpr size_t kInputCount = 6;
+constexpr size_t kOutputCount = 16;
+constexpr size_t kMinInputBytes = 1024 * 1024;
+constexpr int kMaxThreads = 16;
+constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
+// Half of it, a chroma row, still suits every vector instruction.
+constexpr int kStrideAlignment = 128;
+// More than any decoder holds back; what is older was lost.
+constexpr size_t kMaxInside = 128;
+
+size_t inputBytesOf(const AMessage& format, int width, int height) {
+    int32_t largest = 0;
+    if (format.findInt32("max-input-size", &largest) && largest > 0) {
+        return static_cast<size_t>(largest);
+    }
+    return std::max(kMinInputBytes,
+                    static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2);
+}
+
+void allowThreads(AVCodecContext* context) {
+    const auto cores = static_cast<int>(std::thread::hardware_concurrency());
+    context->thread_count = std::clamp(cores, 1, kMaxThreads);
+#if LIBAVCODEC_VERSION_MAJOR < 60
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    // Later versions take it for granted.
+    context->thread_safe_callbacks = 1;
+#pragma GCC diagnostic pop
+#endif
+}
+
+PicturePlanes planesOf(const AVFrame& frame) {
+    PicturePlanes planes;
+    for (int i = 0; i < 3; ++i) planes.plane[i] = {frame.data[i], frame.linesize[i]};
+    return planes;
+}
+
+void copyPicture(const AVFrame& from, const AVFrame& to) {
+    for (int i = 0; i < 3; ++i) {
+        const int shift = i == 0 ? 0 : 1;
+        libyuv::CopyPlane(from.data[i], from.linesize[i], to.data[i], to.linesize[i],
+                          AV_CEIL_RSHIFT(from.width, shift), AV_CEIL_RSHIFT(from.height, shift));
+    }
+}
+
+}  // namespace
+
+VideoDecoder::VideoDecoder() : mFrame(av_frame_alloc()) {}
+
+VideoDecoder::~VideoDecoder() {
+    if (mUnconverted > 0) {
+        __android_log_print(ANDROID_LOG_WARN, kLogTag,
+                            "%" PRId64 " pictures of an unknown kind were dropped", mUnconverted);
+    }
+}
+
+status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) {
+    if (mFrame == nullptr) return NO_MEMORY;
+    status_t status = mDecoder.prepare(format);
+    if (status != OK) return status;
+    AVCodecContext* context = mDecoder.context();
+    if (context->pix_fmt != AV_PIX_FMT_NONE && !PictureConverter::canConvert(context->pix_fmt)) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pixel format %d cannot be converted",
+                            context->pix_fmt);
+        return ERROR_UNSUPPORTED;
+    }
+    context->opaque = this;
+    context->get_buffer2 = getBuffer;
+    allowThreads(context);
+    // Opening may already look for the size of the pictures.
+    const int codedWidth = context->width;
+    const int codedHeight = context->height;
+    status = mDecoder.open();
+    if (status != OK) return status;
+
+    mWidth = codedWidth;
+    mHeight = codedHeight;
+    format->findInt32("width", &mWidth);
+    format->findInt32("height", &mHeight);
+    format->findInt32("frame-rate", &mFrameRate);
+    if (mWidth > 0 && mHeight > 0) setLayout(mWidth, mHeight);
+
+    ports->inputCount = kInputCount;
+    ports->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
+    ports->outputCount = kOutputCount;
+    ports->announcesFormat = true;
+    return OK;
+}
+
+void VideoDecoder::setLayout(int width, int height) {
+    int alignedWidth = width;
+    int alignedHeight = height;
+    int unused[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(mDecoder.context(), &alignedWidth, &alignedHeight, unused);
+    PictureLayout layout;
+    layout.width = width;
+    layout.height = height;
+    layout.stride = FFALIGN(alignedWidth, kStrideAlignment);
+    layout.sliceHeight = FFALIGN(alignedHeight, 2);
+    {
+        std::lock_guard<std::mutex> lock(mPoolLock);
+        mPool = std::make_shared<PicturePool>(layout);
+    }
+    mFormat = new AMessage;
+    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_RAW);
+    mFormat->setInt32("width", layout.stride);
+    mFormat->setInt32("height", layout.sliceHeight);
+    mFormat->setRect("crop", 0, 0, width - 1, height - 1);
+    mFormat->setInt32("stride", layout.stride);
+    mFormat->setInt32("slice-height", layout.sliceHeight);
+    mFormat->setInt32("color-format", kPlanar);
+    if (mFrameRate > 0) mFormat->setInt32("frame-rate", mFrameRate);
+}
+
+int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
+    auto* self = static_cast<VideoDecoder*>(context->opaque);
+    std::shared_ptr<PicturePool> pool;
+    {
+        std::lock_guard<std::mutex> lock(self->mPoolLock);
+        pool = self->mPool;
+    }
+    if (pool == nullptr || !self->decodesInto(*pool, context, *frame)) {
+        return avcodec_default_get_buffer2(context, frame, flags);
+    }
+    return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
+}
+
+bool VideoDecoder::decodesInto(const PicturePool& pool, AVCodecContext* context,
+                               const AVFrame& frame) const {
+    if (frame.format != AV_PIX_FMT_YUV420P) return false;
+    if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) return false;
+    int width = frame.width;
+    int height = frame.height;
+    int alignment[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(context, &width, &height, alignment);
+    return width <= pool.layout().stride && height <= pool.layout().sliceHeight;
+}
+
+status_t VideoDecoder::accept(CodecInput input) {
+    if (input.note.timeLine.number != mTimeLine) {
+        mDecoder.flush();
+        mInside.clear();
+        mTimeLine = input.note.timeLine.number;
+    }
+    const AVPacket* properties = input.note.properties.get();
+    const bool stated = properties != nullptr && properties->pts != AV_NOPTS_VALUE;
+    mInside.insert(stated ? properties->pts : input.timeUs);
+    if (mInside.size() > kMaxInside) mInside.erase(mInside.begin());
+    return mDecoder.send(input);
+}
+
+status_t VideoDecoder::finish() { return mDecoder.sendEnd(); }
+
+void VideoDecoder::standing(DecodeOrder::Standing* standing) const {
+    if (!mInside.empty()) standing->earliestUs = *mInside.begin();
+}
+
+CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
+    for (;;) {
+        if (mFrame->buf[0] == nullptr) {
+            switch (mDecoder.receive(mFrame.get())) {
+                case PacketDecoder::Received::kFrame:
+                    break;
+                case PacketDecoder::Received::kNeedsInput:
+                    return Step::kNeedsInput;
+                case PacketDecoder::Received::kFailed:
+                    return Step::kFailed;
+                case PacketDecoder::Received::kEnd:
+                    mInside.clear();
+                    output->timeUs = mLastTimeUs;
+                    output->timeLine = mTimeLine;
+                    return Step::kEnd;
+            }
+        }
+        if (mFormat == nullptr) {
+            // The frame waits until the format is out.
+            setLayout(mFrame->width, mFrame->height);
+            return Step::kFormat;
+        }
+        if (mFrame->pts != AV_NOPTS_VALUE) mLastTimeUs = mFrame->pts;
+        mInside.erase(mInside.begin(), mInside.upper_bound(mLastTimeUs));
+        if (mLastTimeUs < 0) {
+            // An edit list begins behind it; it was needed to decode what follows.
+            av_frame_unref(mFrame.get());
+            continue;
+        }
+        output->buffer = workingPicture();
+        output->timeUs = mLastTimeUs;
+        output->timeLine = mTimeLine;
+        av_frame_unref(mFrame.get());
+        if (output->buffer != nullptr) return Step::kOutput;
+        mUnconverted++;
+    }
+}
+
+sp<ABuffer> VideoDecoder::workingPicture() {
+    const PictureLayout& layout = mPool->layout();
+    const bool asItIs = PictureConverter::isWorkingPicture(*mFrame, layout.width, layout.height);
+    if (asItIs && mPool->fits(*mFrame)) return mPool->wrap(mFrame.get());
+
+    FramePtr picture(av_frame_alloc());
+    if (picture == nullptr || !mPool->attach(picture.get())) return nullptr;
+    if (asItIs) {
+        copyPicture(*mFrame, *picture);
+    } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
+        return nullptr;
+    }
+    return mPool->wrap(picture.get());
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

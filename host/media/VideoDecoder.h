@@ -1,0 +1,60 @@
+// Decodes pictures into working pictures. Where the stream already has the right kind, libavcodec
+// decodes straight into the memory that goes out; everything else is converted into such memory.
+#pragma once
+
+#include <stdint.h>
+
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "host/convert/PictureConverter.h"
+#include "host/media/CodecEngine.h"
+#include "host/media/PacketDecoder.h"
+#include "host/media/PicturePool.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class VideoDecoder : public CodecEngine {
+public:
+    VideoDecoder();
+    ~VideoDecoder() override;
+
+    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    sp<AMessage> outputFormat() const override { return mFormat; }
+    Step produce(CodecOutput* output) override;
+    status_t accept(CodecInput input) override;
+    status_t finish() override;
+    void standing(DecodeOrder::Standing* standing) const override;
+
+private:
+    // Fixes the layout of everything that goes out.
+    void setLayout(int width, int height);
+    // libavcodec's get_buffer2; called on its threads, too.
+    static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
+    bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame) const;
+    sp<ABuffer> workingPicture();
+
+    const FramePtr mFrame;
+    PictureConverter mConverter;
+
+    std::mutex mPoolLock;
+    std::shared_ptr<PicturePool> mPool;  // guarded by mPoolLock; set once, on the looper's thread
+    sp<AMessage> mFormat;
+    int mWidth = 0;  // of what goes out, when the format says it
+    int mHeight = 0;
+    int mFrameRate = 0;
+
+    uint32_t mTimeLine = 0;
+    int64_t mLastTimeUs = 0;
+    // Presentation times of what libavcodec has and has not given back.
+    std::multiset<int64_t> mInside;
+    int64_t mUnconverted = 0;
+
+    // Its threads use the members above: it is the first to go.
+    PacketDecoder mDecoder;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,58 @@
+// Encodes working pictures to AVC, MPEG-4, H.263 or VP8, without reordering.
+//
+// The input buffers are read where they lie. A picture with an odd width or height loses its last
+// column or row.
+#pragma once
+
+#include <stdint.h>
+
+#include <deque>
+#include <string>
+
+#include "host/media/CodecEngine.h"
+#include "host/media/PacketEncoder.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class VideoEncoder : public CodecEngine {
+public:
+    // `avcPreset` in x264's words.
+    explicit VideoEncoder(const std::string& avcPreset);
+    ~VideoEncoder() override;
+
+    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    sp<AMessage> outputFormat() const override { return mFormat; }
+    Step produce(CodecOutput* output) override;
+    status_t accept(CodecInput input) override;
+    status_t finish() override;
+
+private:
+    struct Wanted;
+
+    // An input's time, and what the encoder knows it by.
+    struct Stamp {
+        int64_t pts;
+        int64_t timeUs;
+    };
+
+    void setParameters(const Wanted& wanted);
+    void setAvcOptions(const Wanted& wanted, AVDictionary** options) const;
+    Stamp stampOf(int64_t timeUs);
+    int64_t timeOf(int64_t pts);
+
+    const std::string mAvcPreset;
+    PacketEncoder mEncoder;
+    const FramePtr mFrame;
+    sp<AMessage> mFormat;
+    sp<ABuffer> mCodecSpecificData;  // until it is out
+    int mWidth = 0;                  // of the input
+    int mHeight = 0;
+    size_t mPictureBytes = 0;
+
+    std::deque<Stamp> mInside;
+    Stamp mLast;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,196 @@
+#include "host/media/Writer.h"
+
+#include <media/stagefright/MediaErrors.h>
+#include <string.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "host/media/MuxedFile.h"
+#include "host/media/OutputFile.h"
+#include "host/media/UuidBox.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr int32_t kMp4FileType = 2;
+
+class FileWriter final : public MediaWriter {
+public:
+    FileWriter(int fd, bool movieBoxFirst);
+
+    status_t addSource(const sp<MediaSource>& source) override;
+    status_t start(MetaData* params) override;
+    bool reachedEOS() override { return mRunningTracks == 0; }
+    status_t stop() override;
+    status_t pause() override { return INVALID_OPERATION; }
+
+    void setUuidData(const uint8_t* data, size_t size);
+
+protected:
+    ~FileWriter() override;
+
+private:
+    enum class State { kIdle, kStarted, kStopped };
+
+    status_t startSources();
+    status_t begin(const MetaData* params);
+    void startTracks();
+
+    // On the track's own thread.
+    void runTrack(size_t index);
+    status_t write(size_t index, MediaBufferBase* buffer);
+    void reportError(status_t error);
+
+    std::mutex mLock;
+    // Guarded by mLock.
+    State mState = State::kIdle;
+    std::vector<sp<MediaSource>> mSources;
+    std::vector<uint8_t> mUuidBoxes;
+    status_t mResult = OK;
+
+    // Null when the descriptor cannot be written to.
+    std::unique_ptr<MuxedFile> mFile;
+    const bool mMovieBoxFirst;
+    std::vector<std::thread> mThreads;
+    std::atomic<size_t> mRunningTracks{0};
+    // Set by the track thread that meets the first error; ends the others.
+    std::atomic<bool> mFailed{false};
+};
+
+FileWriter::FileWriter(int fd, bool movieBoxFirst) : mMovieBoxFirst(movieBoxFirst) {
+    auto output = OutputFile::open(fd);
+    if (output != nullptr) mFile = std::make_unique<MuxedFile>(std::move(output));
+}
+
+FileWriter::~FileWriter() { stop(); }
+
+status_t FileWriter::addSource(const sp<MediaSource>& source) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kIdle) return INVALID_OPERATION;
+    if (source == nullptr) return BAD_VALUE;
+    mSources.push_back(source);
+    return OK;
+}
+
+status_t FileWriter::start(MetaData* params) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState != State::kIdle) return INVALID_OPERATION;
+    if (mFile == nullptr) return NO_INIT;
+    status_t result = startSources();
+    if (result == OK) {
+        result = begin(params);
+        if (result != OK) {
+            for (const auto& source : mSources) source->stop();
+        }
+    }
+    if (result != OK) return result;
+    startTracks();
+    mState = State::kStarted;
+    return OK;
+}
+
+status_t FileWriter::startSources() {
+    for (size_t i = 0; i < mSources.size(); ++i) {
+        const status_t result = mSources[i]->start(nullptr);
+        if (result == OK) continue;
+        for (size_t j = 0; j < i; ++j) mSources[j]->stop();
+        return result;
+    }
+    return OK;
+}
+
+status_t FileWriter::begin(const MetaData* params) {
+    for (const auto& source : mSources) {
+        const sp<MetaData> format = source->getFormat();
+        if (format == nullptr) return ERROR_MALFORMED;
+        const status_t result = mFile->addTrack(*format);
+        if (result != OK) return result;
+    }
+    int32_t fileType = kMp4FileType;
+    int32_t rotationDegrees = 0;
+    if (params != nullptr) {
+        params->findInt32(kKeyFileType, &fileType);
+        params->findInt32(kKeyRotation, &rotationDegrees);
+    }
+    return mFile->begin(fileType, rotationDegrees, mMovieBoxFirst);
+}
+
+void FileWriter::startTracks() {
+    mRunningTracks = mSources.size();
+    for (size_t i = 0; i < mSources.size(); ++i) {
+        mThreads.emplace_back(&FileWriter::runTrack, this, i);
+    }
+}
+
+void FileWriter::runTrack(size_t index) {
+    MediaBufferBase* buffer = nullptr;
+    while (!mFailed && mSources[index]->read(&buffer) == OK) {
+        const status_t result = buffer == nullptr ? OK : write(index, buffer);
+        // The source has this one buffer and waits for it.
+        if (buffer != nullptr) buffer->release();
+        buffer = nullptr;
+        if (result != OK) reportError(result);
+    }
+    --mRunningTracks;
+}
+
+status_t FileWriter::write(size_t index, MediaBufferBase* buffer) {
+    const auto* data = static_cast<const uint8_t*>(buffer->data()) + buffer->range_offset();
+    const MetaDataBase& meta = buffer->meta_data();
+    int32_t isConfig = 0;
+    meta.findInt32(kKeyIsCodecConfig, &isConfig);
+    if (isConfig != 0) return mFile->setCodecConfig(index, data, buffer->range_length());
+
+    // Nothing here is reordered, so the presentation time is the decoding time as well.
+    int64_t timeUs = 0;
+    if (!meta.findInt64(kKeyTime, &timeUs)) return ERROR_MALFORMED;
+    int32_t isSync = 0;
+    meta.findInt32(kKeyIsSyncFrame, &isSync);
+    return mFile->writeSample(index, data, buffer->range_length(), timeUs, isSync != 0);
+}
+
+void FileWriter::reportError(status_t error) {
+    if (mFailed.exchange(true)) return;
+    if (mListener != nullptr) mListener->notify(MEDIA_RECORDER_EVENT_ERROR, error, 0);
+}
+
+status_t FileWriter::stop() {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mState == State::kStarted) {
+        for (const auto& source : mSources) source->stop();
+        for (std::thread& thread : mThreads) thread.join();
+        mThreads.clear();
+        mResult = mFile->finish(mUuidBoxes);
+    }
+    mState = State::kStopped;
+    mFile = nullptr;
+    mSources.clear();
+    return mResult;
+}
+
+void FileWriter::setUuidData(const uint8_t* data, size_t size) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mUuidBoxes = makeUuidBoxes(data, size);
+}
+
+}  // namespace
+
+sp<MediaWriter> createFileWriter(int fd, const HostOptions& options) {
+    return new FileWriter(fd, options.fastStart);
+}
+
+void setWriterUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) {
+    auto* fileWriter = dynamic_cast<FileWriter*>(writer.get());
+    if (fileWriter == nullptr || data == nullptr || size <= 0) return;
+    fileWriter->setUuidData(data, static_cast<size_t>(size));
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android
