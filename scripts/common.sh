@@ -1,0 +1,50 @@
+# What `run` and `test` share. Sourced by both; `root` is the folder of the project.
+root=$(dirname "$(dirname "$(realpath "${BASH_SOURCE[0]}")")")
+build=$root/build/release
+
+fail() {
+    echo "$(basename "$0"): $*" >&2
+    exit 1
+}
+
+missing_packages() {
+    local package
+    sed 's/#.*//' "$root/scripts/packages" | while read -r package _; do
+        [[ -z $package ]] && continue
+        [[ $(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null) == ii* ]] || echo "$package"
+    done
+}
+
+install_packages() {
+    local missing as_root=()
+    mapfile -t missing < <(missing_packages)
+    ((${#missing[@]} > 0)) || return 0
+    if ((EUID != 0)); then
+        command -v sudo >/dev/null || fail "root or sudo is needed to install: ${missing[*]}"
+        as_root=(sudo)
+    fi
+    echo "Installing ${missing[*]}"
+    local log
+    log=$(mktemp)
+    if ! { "${as_root[@]}" apt-get update &&
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1 </dev/null; then
+        tail -n 20 "$log" >&2
+        rm -f "$log"
+        fail "the packages could not be installed"
+    fi
+    rm -f "$log"
+}
+
+# build_targets [TARGET…]: everything when none is named.
+build_targets() {
+    cd "$root"
+    if [[ ! -f $build/build.ninja || CMakePresets.json -nt $build/build.ninja ]]; then
+        mkdir -p "$build"
+        if ! cmake --preset release >"$build/configure.log" 2>&1; then
+            cat "$build/configure.log" >&2
+            fail "the build could not be configured"
+        fi
+    fi
+    ninja -C "$build" "$@" || fail "the build failed"
+}

@@ -1,0 +1,104 @@
+# What the cases share. Sourced by each script, which ends with: run_case "$@"
+# Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips.
+set -euo pipefail
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+# Runs the case in an empty folder of its own.
+run_case() {
+    local folder
+    folder=$(mktemp -d)
+    trap 'rm -rf "'"$folder"'"' EXIT
+    cd "$folder"
+    "case_$1"
+}
+
+# transcode INPUT OUTPUT [OPTIONS]: has to succeed, without a word on standard error.
+transcode() {
+    "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || fail "status $? of: $* ($(cat stderr))"
+    [[ ! -s stderr ]] || fail "unexpected on standard error: $(cat stderr)"
+    rm stdout stderr
+}
+
+# expect_refused STATUS SUBJECT ARGUMENTS…: fails with that status and one line that names the subject.
+expect_refused() {
+    local expected=$1 subject=$2 status=0
+    shift 2
+    timeout 60 "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || status=$?
+    local said
+    said=$(cat stderr)
+    [[ $status == "$expected" ]] || fail "status $status instead of $expected: $* ($said)"
+    [[ $(wc -l <stderr) == 1 ]] || fail "not exactly one line: $said"
+    [[ $said == "qmtranscode: "*"$subject"?* ]] || fail "no subject '$subject' or reason: $said"
+    [[ ! -s stdout ]] || fail "unexpected on standard output: $(cat stdout)"
+    rm stdout stderr
+}
+
+# Exactly these names are in the folder.
+expect_files() {
+    local found expected
+    found=$(ls -A | sort | tr '\n' ' ')
+    expected=$( (($# == 0)) || printf '%s\n' "$@" | sort | tr '\n' ' ')
+    [[ $found == "$expected" ]] || fail "files are '$found' instead of '$expected'"
+}
+
+expect_equal() {
+    [[ $2 == "$3" ]] || fail "$1 is '$2' instead of '$3'"
+}
+
+# expect_near WHAT VALUE EXPECTED TOLERANCE
+expect_near() {
+    awk -v v="$2" -v e="$3" -v t="$4" 'BEGIN { d = v - e; exit !(v != "" && d <= t && d >= -t) }' ||
+        fail "$1 is '$2' instead of $3 ± $4"
+}
+
+# probe FILE STREAM ENTRY: a stream's entry, such as width of v:0.
+probe() {
+    ffprobe -v error -select_streams "$2" -show_entries "stream=$3" -of default=nw=1:nk=1 "$1"
+}
+
+# file_entry FILE SECTION=ENTRY: such as format=duration.
+file_entry() {
+    ffprobe -v error -show_entries "$2" -of default=nw=1:nk=1 "$1"
+}
+
+# "video/h264 audio/aac", in the order of the file.
+tracks() {
+    ffprobe -v error -show_entries stream=codec_type,codec_name -of csv=p=0 "$1" |
+        awk -F, '{ printf "%s%s/%s", sep, $2, $1; sep = " " }'
+}
+
+# How many pictures really come out of a file.
+frames() {
+    ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
+        -of default=nw=1:nk=1 "$1"
+}
+
+# Seconds of sound that really come out of a file, without what its edit list cuts off.
+sound_seconds() {
+    ffmpeg -nostdin -v error -i "$1" -map a:0 -f s16le -ac 1 -ar 8000 - | wc -c |
+        awk '{ printf "%.3f", $1 / 16000 }'
+}
+
+# Every frame decodes, and nothing is said about it.
+expect_clean() {
+    local said
+    said=$(ffmpeg -nostdin -v error -xerror -i "$1" -f null - 2>&1) || fail "$1 does not decode: $said"
+    [[ -z $said ]] || fail "$1 decodes with complaints: $said"
+}
+
+# The average brightness of each frame, rounded, a line each.
+brightness() {
+    ffmpeg -nostdin -v error -i "$1" -map v:0 \
+        -vf signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=- -f null - |
+        sed -n 's/.*YAVG=//p' | awk '{ printf "%d\n", $1 + 0.5 }'
+}
+
+# loudness FILE START: the mean volume in dB of 0.8 s from there.
+loudness() {
+    ffmpeg -nostdin -ss "$2" -t 0.8 -i "$1" -map a:0 -af volumedetect -f null - 2>&1 |
+        sed -n 's/.*mean_volume: \(.*\) dB/\1/p'
+}

@@ -1,0 +1,27 @@
+// Why a command ends without having done its work.
+#pragma once
+
+#include <string>
+
+namespace android::qmmediaeditor::cli {
+
+// What the shell is told.
+enum ExitStatus : int {
+    kExitWhole = 0,
+    kExitFailed = 1,
+    kExitUsage = 2,
+    // The input, or the request for this input, cannot be used.
+    kExitUnusable = 3,
+    kExitStopped = 130,
+};
+
+// One line for the user: "qmtranscode: <subject>: <reason>".
+struct Failure {
+    ExitStatus status;
+    // The file or the option that it is about; may be empty.
+    std::string subject;
+    // No full stop, no line break.
+    std::string reason;
+};
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,39 @@
+// The input: open for as long as the session reads it.
+#pragma once
+
+#include <qmtranscode/Failure.h>
+#include <qmtranscode/MediaFile.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+namespace android::qmmediaeditor::cli {
+
+class InputFile {
+public:
+    InputFile() = default;
+    ~InputFile();
+
+    // Opens a plain file; what is in it is not looked at.
+    std::optional<Failure> open(const std::string& path);
+    // Finds out what can be decoded.
+    std::optional<Failure> probe();
+
+    int fd() const { return mFd; }
+    const std::string& path() const { return mPath; }
+    const MediaFile& media() const { return mMedia; }
+    bool isSameFile(dev_t device, ino_t inode) const;
+
+private:
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+
+    std::string mPath;
+    int mFd = -1;
+    dev_t mDevice = 0;
+    ino_t mInode = 0;
+    MediaFile mMedia;
+};
+
+}  // namespace android::qmmediaeditor::cli

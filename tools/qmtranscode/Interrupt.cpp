@@ -1,0 +1,83 @@
+#include <poll.h>
+#include <qmtranscode/Failure.h>
+#include <qmtranscode/Interrupt.h>
+#include <qmtranscode/OutputFile.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+// A shell starts background jobs with SIGINT ignored; whoever sends it to us means it. An ignored
+// SIGHUP is nohup's, and stays so.
+sigset_t takenSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    struct sigaction hangup {};
+    sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+[[noreturn]] void endNow() {
+    OutputFile::removeNow();
+    // Past the console, whose lock a stalled terminal may hold.
+    const std::string line = std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
+                             "qmtranscode: stopped at once; nothing was written\n";
+    const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+    static_cast<void>(written);
+    _exit(kExitStopped);
+}
+
+}  // namespace
+
+Interrupt::Interrupt() {
+    signal(SIGINT, SIG_DFL);
+    const sigset_t signals = takenSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    mSignalFd = signalfd(-1, &signals, SFD_CLOEXEC);
+    mEndFd = eventfd(0, EFD_CLOEXEC);
+    mThread = std::thread([this] { waitForSignals(); });
+}
+
+Interrupt::~Interrupt() {
+    eventfd_write(mEndFd, 1);
+    mThread.join();
+    close(mSignalFd);
+    close(mEndFd);
+}
+
+void Interrupt::onFirst(std::function<void()> stop) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mStop = std::move(stop);
+    if (mRequested) mStop();
+}
+
+void Interrupt::ignore() {
+    std::lock_guard<std::mutex> lock(mLock);
+    mStop = nullptr;
+}
+
+void Interrupt::waitForSignals() {
+    pollfd fds[] = {{mSignalFd, POLLIN, 0}, {mEndFd, POLLIN, 0}};
+    while (true) {
+        if (poll(fds, 2, -1) < 0) continue;
+        if (fds[1].revents != 0) return;
+        signalfd_siginfo info{};
+        if (read(mSignalFd, &info, sizeof(info)) != sizeof(info)) continue;
+        if (mRequested) endNow();
+        std::lock_guard<std::mutex> lock(mLock);
+        mRequested = true;
+        if (mStop) mStop();
+    }
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,40 @@
+// SIGINT, SIGTERM and SIGHUP: the first one asks the work to stop, the second one ends the process.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace android::qmmediaeditor::cli {
+
+class Interrupt {
+public:
+    // To be made before any other thread: it blocks the signals in this thread and in all that come
+    // later, and takes them from a descriptor on a thread of its own.
+    Interrupt();
+    ~Interrupt();
+
+    // `stop` is called once, on that thread: at the first signal, or at once when that has come
+    // already. After `ignore` has returned it is not called any more.
+    void onFirst(std::function<void()> stop);
+    void ignore();
+
+    bool requested() const { return mRequested; }
+
+private:
+    Interrupt(const Interrupt&) = delete;
+    Interrupt& operator=(const Interrupt&) = delete;
+
+    void waitForSignals();
+
+    // Written by the thread, read by any.
+    std::atomic<bool> mRequested{false};
+    std::mutex mLock;
+    std::function<void()> mStop;  // guarded by mLock
+    int mSignalFd = -1;
+    int mEndFd = -1;
+    std::thread mThread;
+};
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,77 @@
+#include <log/logprint.h>
+#include <qmtranscode/Console.h>
+#include <qmtranscode/Failure.h>
+#include <qmtranscode/LogOutput.h>
+#include <qmtranscode/OutputFile.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <mutex>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+// Lives as long as the process: a thread may log until its very end.
+AndroidLogFormat* gFormat = nullptr;
+std::mutex gFormatLock;
+
+void dropMessage(const __android_logger_data*, const char*) {}
+
+void printMessage(const __android_logger_data* data, const char* message) {
+    const char* tag = data->tag == nullptr ? "" : data->tag;
+    const auto priority = static_cast<android_LogPriority>(data->priority);
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+
+    AndroidLogEntry entry{};
+    entry.tv_sec = now.tv_sec;
+    entry.tv_nsec = now.tv_nsec;
+    entry.priority = priority;
+    entry.uid = -1;
+    entry.pid = getpid();
+    entry.tid = gettid();
+    entry.tag = tag;
+    entry.tagLen = strlen(tag);
+    entry.message = message;
+    entry.messageLen = strlen(message);
+
+    // The formatter keeps a cache of its filters.
+    std::lock_guard<std::mutex> lock(gFormatLock);
+    if (android_log_shouldPrintLine(gFormat, tag, priority) == 0) return;
+    char buffer[1024];
+    size_t length = 0;
+    char* line = android_log_formatLogLine(gFormat, buffer, sizeof(buffer), &entry, &length);
+    if (line == nullptr) return;
+    while (length > 0 && line[length - 1] == '\n') --length;
+    console::printLine(std::string(line, length));
+    if (line != buffer) free(line);
+}
+
+void endProcess(const char* message) {
+    OutputFile::removeNow();
+    std::string text = message == nullptr ? "no reason given" : message;
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    console::printFailure({kExitFailed, "internal check failed", text});
+    _exit(kExitFailed);
+}
+
+}  // namespace
+
+void installLog(const std::optional<std::string>& filter, const std::string& format) {
+    __android_log_set_aborter(endProcess);
+    if (!filter) {
+        __android_log_set_logger(dropMessage);
+        __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+        return;
+    }
+    gFormat = android_log_format_new();
+    android_log_setPrintFormat(gFormat, android_log_formatFromString(format.c_str()));
+    android_log_addFilterString(gFormat, filter->c_str());
+    __android_log_set_logger(printMessage);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,55 @@
+// What a media file holds, as the platform's extractor sees it.
+#pragma once
+
+#include <TranscodeTypes.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+// Numbers that the file does not tell are 0.
+struct AudioTrack {
+    size_t index = 0;
+    std::string mime;
+    int64_t durationUs = 0;
+    int32_t sampleRate = 0;  // Hz
+    int32_t channels = 0;
+    int32_t bitrate = 0;  // bits a second
+};
+
+struct VideoTrack {
+    size_t index = 0;
+    std::string mime;
+    int64_t durationUs = 0;
+    int32_t width = 0;  // pixels, before rotation
+    int32_t height = 0;
+    int32_t rotation = 0;   // degrees clockwise
+    int32_t frameRate = 0;  // frames a second
+    int32_t bitrate = 0;    // bits a second
+};
+
+struct MediaFile {
+    int64_t sizeBytes = 0;
+    // The first track of each kind that can be decoded here: those that a session takes.
+    std::optional<AudioTrack> audio;
+    std::optional<VideoTrack> video;
+    // How many tracks there are in all.
+    size_t trackCount = 0;
+
+    // The longer one's.
+    int64_t durationUs() const;
+};
+
+// Nothing when this is no media file. `fd` may be closed afterwards; its position is left alone.
+std::optional<MediaFile> readMediaFile(int fd);
+
+// How long the samples of a track last that lie in the periods, by walking through all of them; in
+// the whole file when there are no periods. Nothing when there is no such sample.
+std::optional<int64_t> measureTrack(int fd, size_t trackIndex,
+                                    const std::vector<TrimPeriod>& periods);
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,346 @@
+#include <log/logprint.h>
+#include <qmtranscode/CodecLimits.h>
+#include <qmtranscode/Console.h>
+#include <qmtranscode/Options.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <utility>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+constexpr int32_t kSmallestSide = 2;
+constexpr int32_t kLargestSide = 8192;
+
+template <typename T>
+using Words = std::vector<std::pair<const char*, T>>;
+
+const Words<VideoCodec> kVideoCodecs = {
+    {"avc", VideoCodec::kAvc}, {"h263", VideoCodec::kH263}, {"mpeg4", VideoCodec::kMpeg4}};
+const Words<AudioCodec> kAudioCodecs = {
+    {"aac", AudioCodec::kAac}, {"amr-nb", AudioCodec::kAmrNb}, {"amr-wb", AudioCodec::kAmrWb}};
+const Words<FileFormat> kFormats = {{"mp4", FileFormat::kMp4}, {"3gp", FileFormat::k3gp}};
+const Words<ProgressStyle> kProgressStyles = {
+    {"bar", ProgressStyle::kBar}, {"json", ProgressStyle::kJson}, {"none", ProgressStyle::kNone}};
+const Words<bool> kPresets = {{"ultrafast", true}, {"superfast", true}, {"veryfast", true},
+                              {"faster", true},    {"fast", true},      {"medium", true},
+                              {"slow", true},      {"slower", true},    {"veryslow", true},
+                              {"placebo", true}};
+const Words<bool> kLogFormats = {{"brief", true},      {"process", true}, {"tag", true},
+                                 {"thread", true},     {"raw", true},     {"time", true},
+                                 {"threadtime", true}, {"long", true}};
+
+// The words in a sentence: "a, b or c".
+template <typename T>
+std::string listOf(const Words<T>& words) {
+    std::string text;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i > 0) text += i + 1 == words.size() ? " or " : ", ";
+        text += words[i].first;
+    }
+    return text;
+}
+
+// The options as they stand on the command line.
+struct Texts {
+    std::vector<std::string> periods;
+    std::string size, frameRate, videoBitrate, videoCodec;
+    std::string audioBitrate, audioRate, audioChannels, audioCodec;
+    std::string format, progress;
+};
+
+// Turns the texts into options; the first one that cannot be taken is the failure.
+class Reader {
+public:
+    Reader(const Texts& texts, Options* options) : mTexts(texts), mOptions(options) {}
+
+    const std::optional<Failure>& read() {
+        readVideo();
+        readAudio();
+        readWord("--format", mTexts.format, kFormats, &mOptions->format);
+        readPeriods();
+        readProgress();
+        std::optional<bool> known;
+        readWord("--preset", mOptions->preset, kPresets, &known);
+        readWord("--log-format", mOptions->logFormat, kLogFormats, &known);
+        checkLogFilter();
+        checkCombinations();
+        return mFailure;
+    }
+
+private:
+    void refuse(const std::string& subject, const std::string& reason) {
+        if (!mFailure) mFailure = Failure{kExitUsage, subject, reason};
+    }
+
+    template <typename T>
+    void readWord(const std::string& option, const std::string& text, const Words<T>& words,
+                  std::optional<T>* value) {
+        if (text.empty()) return;
+        for (const auto& [word, meaning] : words) {
+            if (text == word) {
+                *value = meaning;
+                return;
+            }
+        }
+        refuse(option + " " + text, "expected " + listOf(words));
+    }
+
+    void readNumber(const std::string& option, const std::string& text, int32_t least, int32_t most,
+                    std::optional<int32_t>* value) {
+        if (text.empty()) return;
+        int32_t number = 0;
+        if (parseNumber(text, least, most, &number)) {
+            *value = number;
+        } else {
+            refuse(option + " " + text, "expected a whole number from " + std::to_string(least) +
+                                            " to " + std::to_string(most));
+        }
+    }
+
+    void readBitrate(const std::string& option, const std::string& text,
+                     std::optional<int32_t>* value) {
+        if (text.empty()) return;
+        int32_t bitrate = 0;
+        // Below this nothing is left of a picture or a sound; more likely, the unit was forgotten.
+        constexpr int32_t kLowestBitrate = 1000;
+        if (parseBitrate(text, &bitrate) && bitrate >= kLowestBitrate) {
+            *value = bitrate;
+        } else {
+            refuse(option + " " + text,
+                   "expected bits a second from 1k to 2147M, such as 128k or 4M");
+        }
+    }
+
+    void readSize() {
+        if (mTexts.size.empty()) return;
+        const std::string subject = "--size " + mTexts.size;
+        Size size{};
+        if (!parseSize(mTexts.size, &size)) {
+            refuse(subject, "expected WIDTHxHEIGHT, such as 1280x720");
+            return;
+        }
+        if (size.width < kSmallestSide || size.height < kSmallestSide ||
+            size.width > kLargestSide || size.height > kLargestSide) {
+            refuse(subject, "width and height have to be from 2 to 8192");
+            return;
+        }
+        if (size.width % 2 != 0 || size.height % 2 != 0) {
+            refuse(subject, "width and height have to be even; " + std::to_string(size.width & ~1) +
+                                "x" + std::to_string(size.height & ~1) + " would work");
+            return;
+        }
+        mOptions->size = size;
+    }
+
+    void readVideo() {
+        readSize();
+        readNumber("--fps", mTexts.frameRate, 1, 240, &mOptions->frameRate);
+        readBitrate("--video-bitrate", mTexts.videoBitrate, &mOptions->videoBitrate);
+        if (mTexts.videoCodec == "vp8") {
+            refuse("--video-codec vp8", "VP8 has no place in an MP4 or 3GP file; avc would work");
+            return;
+        }
+        readWord("--video-codec", mTexts.videoCodec, kVideoCodecs, &mOptions->videoCodec);
+    }
+
+    void readAudio() {
+        readBitrate("--audio-bitrate", mTexts.audioBitrate, &mOptions->audioBitrate);
+        readNumber("--audio-rate", mTexts.audioRate, 7350, 96000, &mOptions->audioRate);
+        readNumber("--audio-channels", mTexts.audioChannels, 1, kMostAacChannels,
+                   &mOptions->audioChannels);
+        readWord("--audio-codec", mTexts.audioCodec, kAudioCodecs, &mOptions->audioCodec);
+    }
+
+    void readPeriods() {
+        for (const std::string& text : mTexts.periods) {
+            const std::string subject = "--trim " + text;
+            TrimPeriod period{};
+            if (!parsePeriod(text, &period)) {
+                refuse(subject, "expected START-END, such as 0-2.5 or 1:30-1:45");
+                return;
+            }
+            if (period.mEndUs <= period.mStartUs) {
+                refuse(subject, "the end has to lie after the start");
+                return;
+            }
+            if (!mOptions->periods.empty() && period.mStartUs < mOptions->periods.back().mEndUs) {
+                refuse(subject, "periods have to follow one another in time, without overlap");
+                return;
+            }
+            mOptions->periods.push_back(period);
+        }
+    }
+
+    void readProgress() {
+        std::optional<ProgressStyle> style;
+        readWord("--progress", mTexts.progress, kProgressStyles, &style);
+        const bool onTerminal = isatty(STDERR_FILENO) == 1;
+        mOptions->progress =
+            style.value_or(onTerminal ? ProgressStyle::kBar : ProgressStyle::kNone);
+    }
+
+    void checkLogFilter() {
+        if (!mOptions->logFilter) return;
+        AndroidLogFormat* format = android_log_format_new();
+        if (android_log_addFilterString(format, mOptions->logFilter->c_str()) != 0) {
+            refuse("--log " + *mOptions->logFilter,
+                   "expected TAG:PRIORITY words, such as 'Transcode:V *:S'");
+        }
+        android_log_format_free(format);
+    }
+
+    void checkCombinations() {
+        checkH263();
+        if (mOptions->audioCodec.value_or(AudioCodec::kAac) == AudioCodec::kAac) {
+            checkAac();
+        } else {
+            checkAmr();
+        }
+        checkFormat();
+    }
+
+    void checkH263() {
+        if (mOptions->videoCodec != VideoCodec::kH263 || !mOptions->size) return;
+        // Which way round it has to be depends on the input's rotation.
+        const Size turned{mOptions->size->height, mOptions->size->width};
+        if (isH263Size(*mOptions->size) || isH263Size(turned)) return;
+        refuse("--size " + mTexts.size, std::string("H.263 has only ") + kH263Sizes);
+    }
+
+    void checkAac() {
+        if (!mOptions->audioRate) return;
+        const int32_t nearest = aacSampleRate(*mOptions->audioRate);
+        if (nearest != *mOptions->audioRate) {
+            refuse("--audio-rate " + mTexts.audioRate,
+                   "AAC does not have this rate; " + std::to_string(nearest) + " would work");
+        }
+    }
+
+    void checkAmr() {
+        const int32_t rate = amrSampleRate(*mOptions->audioCodec);
+        const std::string format =
+            mTexts.audioCodec + " has only " + std::to_string(rate) + " Hz and one channel";
+        if (mOptions->audioRate.value_or(rate) != rate) {
+            refuse("--audio-rate " + mTexts.audioRate, format);
+        }
+        if (mOptions->audioChannels.value_or(1) != 1) {
+            refuse("--audio-channels " + mTexts.audioChannels, format);
+        }
+    }
+
+    void checkFormat() {
+        if (mOptions->format != FileFormat::kMp4) return;
+        const char* const advice = " has no place in an MP4 file; --format 3gp would work";
+        if (mOptions->videoCodec == VideoCodec::kH263) {
+            refuse("--format mp4", std::string("H.263") + advice);
+        }
+        if (mOptions->audioCodec.value_or(AudioCodec::kAac) != AudioCodec::kAac) {
+            refuse("--format mp4", std::string("AMR") + advice);
+        }
+    }
+
+    const Texts& mTexts;
+    Options* const mOptions;
+    std::optional<Failure> mFailure;
+};
+
+void declare(CLI::App* app, Texts* texts, Options* options) {
+    app->set_help_flag("--help", "Print this help and exit");
+    app->set_version_flag("--version", "qmtranscode " QMTRANSCODE_VERSION);
+
+    app->add_option("INPUT", options->input, "The file to read")->required();
+    app->add_option("OUTPUT", options->output, "The file to write")->required();
+    app->add_flag("--overwrite", options->overwrite, "Replace OUTPUT when it exists");
+
+    app->add_option("--trim", texts->periods,
+                    "Keep this period: START-END in seconds or h:mm:ss.mmm; repeatable")
+        ->type_name("PERIOD")
+        ->type_size(1)
+        ->allow_extra_args(false);
+
+    app->add_option("--size", texts->size, "Picture size, as it is displayed")->type_name("WxH");
+    app->add_option("--fps", texts->frameRate, "Frames a second at most, 1 to 240")->type_name("N");
+    app->add_option("--video-bitrate", texts->videoBitrate, "Bits a second, such as 4M")
+        ->type_name("RATE");
+    app->add_option("--video-codec", texts->videoCodec, "avc, h263 or mpeg4")->type_name("NAME");
+
+    app->add_option("--audio-bitrate", texts->audioBitrate, "Bits a second, such as 128k")
+        ->type_name("RATE");
+    app->add_option("--audio-rate", texts->audioRate, "Sample rate in Hz")->type_name("N");
+    app->add_option("--audio-channels", texts->audioChannels, "Channels, 1 to 8")->type_name("N");
+    app->add_option("--audio-codec", texts->audioCodec, "aac, amr-nb or amr-wb")->type_name("NAME");
+
+    app->add_option("--format", texts->format, "mp4 or 3gp")->type_name("NAME");
+    app->add_flag("--faststart", options->fastStart,
+                  "Put the index first, for players that read from the start");
+    app->add_option("--preset", options->preset, "Speed of the AVC encoder: ultrafast to placebo")
+        ->type_name("NAME")
+        ->capture_default_str();
+
+    app->add_option("--progress", texts->progress,
+                    "bar, json or none, on standard error; a bar on a terminal, else none")
+        ->type_name("STYLE");
+    app->add_option("--log", options->logFilter, "Print the log, filtered: 'Transcode:V *:S'")
+        ->type_name("FILTER");
+    app->add_option("--log-format", options->logFormat,
+                    "brief, process, tag, thread, raw, time, threadtime or long")
+        ->type_name("NAME")
+        ->capture_default_str();
+
+    // An empty text would count as an option that was not given.
+    const CLI::Validator notEmpty(
+        [](std::string& text) {
+            return text.empty() ? std::string("a value has to be given") : std::string();
+        },
+        "");
+    for (CLI::Option* option : app->get_options()) {
+        if (option->get_items_expected_max() > 0) option->check(notEmpty);
+    }
+}
+
+std::string oneLine(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    for (char& c : text) {
+        if (c == '\n') c = ' ';
+    }
+    return text;
+}
+
+}  // namespace
+
+bool Options::namesOutputFormat() const {
+    return size || frameRate || videoBitrate || videoCodec || audioBitrate || audioRate ||
+           audioChannels || audioCodec || format;
+}
+
+std::optional<int> parseOptions(int argc, char** argv, Options* options) {
+    CLI::App app(
+        "Decodes the first video track and the first audio track of a media file, and writes them\n"
+        "anew into an MPEG-4 file: whole, or the periods that are to be kept.");
+    app.name("qmtranscode");
+    app.footer(
+        "Exit status: 0 the output is whole; 1 failed; 2 the command line cannot be used;\n"
+        "3 the input cannot be used; 130 stopped, with what was done until then kept.");
+    Texts texts;
+    declare(&app, &texts, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        return app.exit(success);
+    } catch (const CLI::Error& error) {
+        console::printFailure(
+            {kExitUsage, "", oneLine(error.what()) + " (see qmtranscode --help)"});
+        return kExitUsage;
+    }
+    Reader reader(texts, options);
+    if (const std::optional<Failure>& failure = reader.read()) {
+        console::printFailure(*failure);
+        return failure->status;
+    }
+    return std::nullopt;
+}
+
+}  // namespace android::qmmediaeditor::cli
