@@ -99,7 +99,7 @@ Transcode::Next Transcode::feedDecoder(bool* sawInputEOS) {
     }
     if (sample.trackIndex >= static_cast<size_t>(mTrackCount) ||
         !mpTrack[sample.trackIndex].mSelected) {
-        mExtractor->advance();
+        consumeSample(sample);
         return Next::kGoOn;
     }
     readSample(&sample);
