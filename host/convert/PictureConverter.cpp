@@ -33,9 +33,11 @@ AVColorSpace matrixOf(const AVFrame& frame) {
     return frame.width >= 1280 || frame.height > 576 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
 }
 
-bool isHdr(const AVFrame& frame) {
-    return frame.color_trc == AVCOL_TRC_SMPTE2084 || frame.color_trc == AVCOL_TRC_ARIB_STD_B67;
+bool isHdrTransfer(int transfer) {
+    return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }
+
+bool isHdr(const AVFrame& frame) { return isHdrTransfer(frame.color_trc); }
 
 bool isWideGamut(const AVFrame& frame) { return frame.color_primaries == AVCOL_PRI_BT2020; }
 
@@ -52,6 +54,19 @@ bool isPlanar(const AVPixFmtDescriptor& format) {
 }
 
 int evenUp(int size) { return size + (size & 1); }
+
+// Three planes in one piece, each of an even size.
+template <typename Sample>
+PicturePlanes planesOf(std::vector<Sample>& samples, int width, int height) {
+    const size_t rowSamples = static_cast<size_t>(evenUp(width));
+    const size_t planeSamples = rowSamples * static_cast<size_t>(evenUp(height));
+    PicturePlanes planes;
+    for (size_t i = 0; i < 3; ++i) {
+        planes.plane[i] = {reinterpret_cast<uint8_t*>(samples.data() + i * planeSamples),
+                           static_cast<ptrdiff_t>(rowSamples * sizeof(Sample))};
+    }
+    return planes;
+}
 
 zimg_chroma_location_e chromaLocationOf(const AVFrame& frame) {
     if (frame.chroma_location == AVCHROMA_LOC_UNSPECIFIED) return ZIMG_CHROMA_LEFT;
@@ -94,16 +109,26 @@ private:
                    static_cast<size_t>((right - left) * bytes));
             return;
         }
-        const bool palette = (mFormat.flags & AV_PIX_FMT_FLAG_PAL) != 0;
-        // A palette's entries lie in memory as B, G, R, A.
-        const int wanted = palette ? 2 - component : component;
+        if ((mFormat.flags & AV_PIX_FMT_FLAG_PAL) != 0) {
+            return readColors(component, row, left, right, line);
+        }
         mSamples.resize(static_cast<size_t>(right - left));
         av_read_image_line2(mSamples.data(), const_cast<const uint8_t**>(mFrame.data),
-                            mFrame.linesize, &mFormat, left, row, wanted, right - left,
-                            palette ? 1 : 0, sizeof(uint16_t));
-        const int depth = palette ? 8 : mFormat.comp[component].depth;
+                            mFrame.linesize, &mFormat, left, row, component, right - left, 0,
+                            sizeof(uint16_t));
+        const int depth = mFormat.comp[component].depth;
         for (size_t x = 0; x < mSamples.size(); ++x) {
             store(widen(mSamples[x], depth), static_cast<int>(x), bytes, line);
+        }
+    }
+
+    // A palette has 32-bit entries of A, R, G, B from the highest byte down.
+    void readColors(int component, int row, int left, int right, uint8_t* line) const {
+        const uint8_t* indexes = mFrame.data[0] + row * mFrame.linesize[0];
+        for (int x = left; x < right; ++x) {
+            uint32_t color = 0;
+            memcpy(&color, mFrame.data[1] + size_t{4} * indexes[x], sizeof(color));
+            line[x - left] = static_cast<uint8_t>(color >> (16 - 8 * component));
         }
     }
 
@@ -136,15 +161,14 @@ struct PictureConverter::Source {
     int height;
     int matrix;
     bool fullRange;
-    int transfer;   // 0 where it plays no part
-    int primaries;  // likewise
+    bool light;    // the conversion goes through linear light
+    int transfer;  // 0 where it does not
     int chromaLocation;
 
     bool operator==(const Source& other) const {
         return pixelFormat == other.pixelFormat && width == other.width && height == other.height &&
-               matrix == other.matrix && fullRange == other.fullRange &&
-               transfer == other.transfer && primaries == other.primaries &&
-               chromaLocation == other.chromaLocation;
+               matrix == other.matrix && fullRange == other.fullRange && light == other.light &&
+               transfer == other.transfer && chromaLocation == other.chromaLocation;
     }
 };
 
@@ -177,12 +201,18 @@ bool PictureConverter::convert(const AVFrame& frame, const PicturePlanes& to, in
                            frame.height,
                            isRgb(format) ? AVCOL_SPC_RGB : matrixOf(frame),
                            isFullRange(frame, format),
+                           light,
                            light ? frame.color_trc : 0,
-                           light ? frame.color_primaries : 0,
                            chromaLocationOf(frame)};
     if (!prepare(source, width, height)) return false;
 
-    FrameRows rows(frame, format);
+    if (mToLinear == nullptr) return read(frame, mGraph.get(), to);
+    return read(frame, mToLinear.get(), planesOf(mLinear, width, height)) && mapTones(to);
+}
+
+bool PictureConverter::read(const AVFrame& frame, PictureGraph* graph, const PicturePlanes& to) {
+    const AVPixFmtDescriptor& format =
+        *av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const bool even = ((frame.width | frame.height) & 1) == 0;
     if (even && isPlanar(format) && !isGrey(format)) {
         PicturePlanes from;
@@ -190,11 +220,53 @@ bool PictureConverter::convert(const AVFrame& frame, const PicturePlanes& to, in
             const int plane = format.comp[i].plane;
             from.plane[i] = {frame.data[plane], frame.linesize[plane]};
         }
-        return mGraph->process(from, to);
+        return graph->process(from, to);
     }
-    return mGraph->process([&rows](int component, int row, int left, int right,
-                                   uint8_t* line) { rows.read(component, row, left, right, line); },
-                           to);
+    FrameRows rows(frame, format);
+    return graph->process([&rows](int component, int row, int left, int right,
+                                  uint8_t* line) { rows.read(component, row, left, right, line); },
+                          to);
+}
+
+bool PictureConverter::mapTones(const PicturePlanes& to) {
+    const int width = evenUp(mWidth);
+    const int height = evenUp(mHeight);
+    const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+    for (int y = 0; y < height; ++y) {
+        const size_t first = static_cast<size_t>(y) * static_cast<size_t>(width);
+        const float* linear[3];
+        uint16_t* coded[3];
+        for (size_t i = 0; i < 3; ++i) {
+            linear[i] = mLinear.data() + i * pixels + first;
+            coded[i] = mCoded.data() + i * pixels + first;
+        }
+        mToneMapper->mapRow(linear, width, coded);
+    }
+    return mGraph->process(planesOf(mCoded, mWidth, mHeight), to);
+}
+
+bool PictureConverter::prepareToneMapping(const zimg_image_format& from,
+                                          const zimg_image_format& to) {
+    zimg_image_format linear = to;
+    linear.pixel_type = ZIMG_PIXEL_FLOAT;
+    linear.depth = 32;
+    linear.color_family = ZIMG_COLOR_RGB;
+    linear.subsample_w = linear.subsample_h = 0;
+    linear.matrix_coefficients = ZIMG_MATRIX_RGB;
+    linear.pixel_range = ZIMG_RANGE_FULL;
+    linear.transfer_characteristics = ZIMG_TRANSFER_LINEAR;
+    zimg_image_format coded = linear;
+    coded.pixel_type = ZIMG_PIXEL_WORD;
+    coded.depth = 16;
+    coded.transfer_characteristics = ZIMG_TRANSFER_BT709;
+
+    const size_t samples = size_t{to.width} * to.height * 3;
+    mLinear.resize(samples);
+    mCoded.resize(samples);
+    mToneMapper = std::make_unique<ToneMapper>();
+    mToLinear = PictureGraph::build(from, linear, {ZIMG_DITHER_NONE, ToneMapper::kWhiteNits});
+    mGraph = PictureGraph::build(coded, to, {ZIMG_DITHER_ORDERED});
+    return mToLinear != nullptr && mGraph != nullptr;
 }
 
 bool PictureConverter::prepare(const Source& source, int width, int height) {
@@ -202,6 +274,8 @@ bool PictureConverter::prepare(const Source& source, int width, int height) {
         return mGraph != nullptr;
     }
     mSource = std::make_unique<Source>(source);
+    mToLinear.reset();
+    mGraph.reset();
     mWidth = width;
     mHeight = height;
 
@@ -220,8 +294,10 @@ bool PictureConverter::prepare(const Source& source, int width, int height) {
     from.matrix_coefficients = static_cast<zimg_matrix_coefficients_e>(source.matrix);
     from.pixel_range = source.fullRange ? ZIMG_RANGE_FULL : ZIMG_RANGE_LIMITED;
     from.chroma_location = static_cast<zimg_chroma_location_e>(source.chromaLocation);
-    from.active_region.width = source.width;
-    from.active_region.height = source.height;
+    // Where the result gets a column or row for evenness' sake, so much more of the source belongs
+    // to it.
+    from.active_region.width = static_cast<double>(source.width) * evenUp(width) / width;
+    from.active_region.height = static_cast<double>(source.height) * evenUp(height) / height;
 
     zimg_image_format to;
     zimg_image_format_default(&to, ZIMG_API_VERSION);
@@ -236,14 +312,15 @@ bool PictureConverter::prepare(const Source& source, int width, int height) {
     to.pixel_range = ZIMG_RANGE_LIMITED;
     to.chroma_location = ZIMG_CHROMA_LEFT;
 
-    if (source.primaries != 0) {
+    if (source.light) {
         from.transfer_characteristics = static_cast<zimg_transfer_characteristics_e>(
             source.transfer == AVCOL_TRC_UNSPECIFIED ? AVCOL_TRC_BT709 : source.transfer);
         from.color_primaries = ZIMG_PRIMARIES_BT2020;
         to.transfer_characteristics = ZIMG_TRANSFER_BT709;
         to.color_primaries = ZIMG_PRIMARIES_BT709;
     }
-    mGraph = PictureGraph::build(from, to, depth > 8 ? ZIMG_DITHER_ORDERED : ZIMG_DITHER_NONE);
+    if (isHdrTransfer(source.transfer)) return prepareToneMapping(from, to);
+    mGraph = PictureGraph::build(from, to, {depth > 8 ? ZIMG_DITHER_ORDERED : ZIMG_DITHER_NONE});
     return mGraph != nullptr;
 }
 

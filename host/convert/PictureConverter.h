@@ -3,9 +3,13 @@
 // time.
 #pragma once
 
+#include <stdint.h>
+
 #include <memory>
+#include <vector>
 
 #include "host/convert/PictureGraph.h"
+#include "host/convert/ToneMapper.h"
 
 struct AVFrame;
 
@@ -30,12 +34,22 @@ private:
     struct Source;
 
     bool prepare(const Source& source, int width, int height);
+    // HDR takes three steps: to linear light, through the tone mapper, to the working picture.
+    bool prepareToneMapping(const zimg_image_format& from, const zimg_image_format& to);
+    bool read(const AVFrame& frame, PictureGraph* graph, const PicturePlanes& to);
+    bool mapTones(const PicturePlanes& to);
 
-    // What mGraph was built for.
+    // What the graphs were built for.
     std::unique_ptr<Source> mSource;
     int mWidth = 0;
     int mHeight = 0;
     std::unique_ptr<PictureGraph> mGraph;
+
+    // For HDR only.
+    std::unique_ptr<PictureGraph> mToLinear;
+    std::unique_ptr<ToneMapper> mToneMapper;
+    std::vector<float> mLinear;  // R, G and B planes in the size of what goes out
+    std::vector<uint16_t> mCoded;
 };
 
 }  // namespace qmmediaeditor

@@ -25,10 +25,16 @@ struct PicturePlanes {
 
 class PictureGraph {
 public:
+    struct Settings {
+        zimg_dither_type_e dither = ZIMG_DITHER_NONE;
+        // Nits that stand for 1.0 where a conversion goes through linear light.
+        double whiteNits = 100;
+    };
+
     // Null when zimg cannot do it; the reason is logged.
     static std::unique_ptr<PictureGraph> build(const zimg_image_format& from,
                                                const zimg_image_format& to,
-                                               zimg_dither_type_e dither);
+                                               const Settings& settings);
     ~PictureGraph();
 
     // Puts the samples of `plane` in `row`, from column `left` up to `right`, to `line`, which is

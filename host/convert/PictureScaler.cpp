@@ -73,7 +73,7 @@ private:
         if (mLuma != nullptr && from == mFrom && to == mTo) return true;
         mFrom = from;
         mTo = to;
-        mLuma = PictureGraph::build(planeFormat(from), planeFormat(to), ZIMG_DITHER_NONE);
+        mLuma = PictureGraph::build(planeFormat(from), planeFormat(to), {});
         // Chroma samples lie on every second luma column, beginning with the first, and between the
         // rows.
         const double columns = static_cast<double>(from.width) / to.width;
@@ -83,7 +83,7 @@ private:
         chroma.active_region.top = 0;
         chroma.active_region.width = columns * to.chroma().width;
         chroma.active_region.height = rows * to.chroma().height;
-        mChroma = PictureGraph::build(chroma, planeFormat(to.chroma()), ZIMG_DITHER_NONE);
+        mChroma = PictureGraph::build(chroma, planeFormat(to.chroma()), {});
         if (mLuma != nullptr && mChroma != nullptr) return true;
         mLuma.reset();
         return false;

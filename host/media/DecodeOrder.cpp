@@ -89,7 +89,11 @@ DecodeOrder::Turn DecodeOrder::turnOf(size_t member) const {
     for (const auto& entry : mMembers) {
         if (entry.first == member) continue;
         const Standing& other = entry.second.standing;
-        if (other.hasHead && other.earliestUs < mine.earliestUs) return Turn::kOtherFirst;
+        if (other.hasHead) {
+            // Its head is the next thing that it delivers; there is nothing earlier to wait for.
+            if (other.earliestUs < mine.earliestUs) return Turn::kOtherFirst;
+            continue;
+        }
         wait = wait || mayWaitFor(mine, other);
     }
     return wait ? Turn::kTimedOut : Turn::kYes;

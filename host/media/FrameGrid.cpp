@@ -13,6 +13,7 @@ namespace {
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kMaxRate = 240;
 constexpr int kDefaultRate = 30;
+constexpr int64_t kMaxDriftTicks = 3;
 
 constexpr FrameRate kUsualRates[] = {
     {10, 1},  {12, 1},        {15000, 1001}, {15, 1},        {20, 1},  {24000, 1001}, {24, 1},
@@ -81,26 +82,32 @@ FrameGrid::FrameGrid(FrameRate rate, int64_t tickUs) : mRate(rate), mToleranceUs
 
 int64_t FrameGrid::snap(int64_t timeUs) {
     if (!mAnchorUs.has_value()) mAnchorUs = timeUs;
-    const int64_t distanceUs = timeUs - *mAnchorUs;
-    const int64_t gridUs = *mAnchorUs + frameTimeUs(frameNumber(distanceUs, mRate), mRate);
-    if (std::abs(gridUs - timeUs) <= mToleranceUs) return gridUs;
-    mAnchorUs = timeUs;
-    return timeUs;
+    const int64_t number = frameNumber(timeUs - *mAnchorUs, mRate);
+    const int64_t errorUs = *mAnchorUs + frameTimeUs(number, mRate) - timeUs;
+    if (std::abs(errorUs) > kMaxDriftTicks * mToleranceUs) {
+        mAnchorUs = timeUs;
+        return timeUs;
+    }
+    // A rate that is slightly off drifts; the grid follows without a jump.
+    const int64_t allowedUs = std::clamp(errorUs, -mToleranceUs, mToleranceUs);
+    *mAnchorUs += allowedUs - errorUs;
+    return timeUs + allowedUs;
 }
 
 FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
                             const std::vector<FrameRate>& likely) {
-    std::vector<FrameRate> rates;
+    // What a container names is often an average; so it comes after the usual rates.
+    std::vector<FrameRate> rates(std::begin(kUsualRates), std::end(kUsualRates));
     std::copy_if(likely.begin(), likely.end(), std::back_inserter(rates), isUsable);
     std::sort(timesUs.begin(), timesUs.end());
     timesUs.erase(std::unique(timesUs.begin(), timesUs.end()), timesUs.end());
 
     FrameTiming timing;
     if (timesUs.size() < 2) {
-        timing.rate = rates.empty() ? kDefaultRate : rateFor(rates.front());
+        const auto first = std::find_if(likely.begin(), likely.end(), isUsable);
+        timing.rate = first == likely.end() ? kDefaultRate : rateFor(*first);
         return timing;
     }
-    rates.insert(rates.end(), std::begin(kUsualRates), std::end(kUsualRates));
     for (const FrameRate& rate : rates) {
         if (!fits(timesUs, tickUs + 1, rate)) continue;
         timing.rate = rateFor(rate);

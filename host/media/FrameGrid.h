@@ -24,9 +24,9 @@ public:
     // `tickUs` is the container's resolution, microseconds.
     FrameGrid(FrameRate rate, int64_t tickUs);
 
-    // The grid's time nearest to `timeUs` when that is within the container's rounding. Else
-    // `timeUs`, where the grid begins anew: the stream has a break there. The grid begins at the
-    // first time it is given.
+    // The grid's time nearest to `timeUs`, when what lies between them can be the container's
+    // rounding. Else the stream has a break there: `timeUs`, where the grid begins anew. It begins
+    // at the first time it is given, and follows a slow drift.
     int64_t snap(int64_t timeUs);
 
 private:

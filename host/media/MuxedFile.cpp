@@ -41,7 +41,8 @@ const Codec kCodecs[] = {
     {MEDIA_MIMETYPE_VIDEO_AVC, AV_CODEC_ID_H264, 0, false},
     {MEDIA_MIMETYPE_VIDEO_MPEG4, AV_CODEC_ID_MPEG4, 0, false},
     {MEDIA_MIMETYPE_VIDEO_H263, AV_CODEC_ID_H263, 0, true},
-    // libavformat writes no VP8. VP9 goes into a file in the same way but for the sample entry's name.
+    // libavformat writes no VP8. VP9 goes into a file in the same way but for the sample entry's
+    // name.
     {MEDIA_MIMETYPE_VIDEO_VP8, AV_CODEC_ID_VP9, 0, false},
     {MEDIA_MIMETYPE_AUDIO_AAC, AV_CODEC_ID_AAC, 1024, false},
     {MEDIA_MIMETYPE_AUDIO_AMR_NB, AV_CODEC_ID_AMR_NB, 160, true},

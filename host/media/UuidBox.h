@@ -17,7 +17,8 @@ namespace qmmediaeditor {
 class InputFile;
 
 struct TopLevelBoxes {
-    // Where the movie box is. Without one an ISO file holds at most a photograph; then the size is 0.
+    // Where the movie box is. Without one an ISO file holds at most a photograph; then the size is
+    // 0.
     int64_t movieOffset = 0;
     int64_t movieBytes = 0;
     // As described above; empty when there is no uuid box.

@@ -144,6 +144,10 @@ TEST(Request, whatNoEncoderTakes_isRefusedWithWhatWould) {
     options.videoCodec = VideoCodec::kH263;
     EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("352x288"));
     EXPECT_EQ(kExitUnusable, failureFor(options, clip).status);
+    options.videoCodec = VideoCodec::kMpeg4;
+    EXPECT_EQ(kExitWhole, failureFor(options, clip).status);
+    clip.video->width = 8192;
+    EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("8190"));
 }
 
 TEST(Request, periods_endWithTheInputAndBeginInsideIt) {

@@ -4,6 +4,8 @@
 #include <qmtranscode/Options.h>
 #include <stdint.h>
 
+#include <string>
+
 namespace android::qmmediaeditor::cli {
 
 constexpr int32_t kMostAacChannels = 8;
@@ -16,8 +18,10 @@ int32_t amrSampleRate(AudioCodec codec);
 // The highest of its bit rates.
 int32_t amrBitrate(AudioCodec codec);
 
-// ITU-T H.263, table 5.
-bool isH263Size(const Size& size);
-constexpr const char* kH263Sizes = "128x96, 176x144, 352x288, 704x576 and 1408x1152";
+// Whether the codec has pictures of this size: the five of ITU-T H.263, table 5, or what fits into
+// the 13 bits of ISO/IEC 14496-2.
+bool hasSize(VideoCodec codec, const Size& size);
+// "H.263 has only 128x96, …": what hasSize() looks for.
+std::string sizesOf(VideoCodec codec);
 
 }  // namespace android::qmmediaeditor::cli

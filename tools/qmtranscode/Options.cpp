@@ -193,7 +193,7 @@ private:
     }
 
     void checkCombinations() {
-        checkH263();
+        checkSize();
         if (mOptions->audioCodec.value_or(AudioCodec::kAac) == AudioCodec::kAac) {
             checkAac();
         } else {
@@ -202,12 +202,13 @@ private:
         checkFormat();
     }
 
-    void checkH263() {
-        if (mOptions->videoCodec != VideoCodec::kH263 || !mOptions->size) return;
+    void checkSize() {
+        if (!mOptions->videoCodec || !mOptions->size) return;
         // Which way round it has to be depends on the input's rotation.
         const Size turned{mOptions->size->height, mOptions->size->width};
-        if (isH263Size(*mOptions->size) || isH263Size(turned)) return;
-        refuse("--size " + mTexts.size, std::string("H.263 has only ") + kH263Sizes);
+        if (hasSize(*mOptions->videoCodec, *mOptions->size)) return;
+        if (hasSize(*mOptions->videoCodec, turned)) return;
+        refuse("--size " + mTexts.size, sizesOf(*mOptions->videoCodec));
     }
 
     void checkAac() {

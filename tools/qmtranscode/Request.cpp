@@ -63,10 +63,10 @@ std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& inp
                                     const sp<AMessage>& format) {
     const Size size = outputSize(options, *input.video);
     const VideoCodec codec = options.videoCodec.value_or(VideoCodec::kAvc);
-    if (codec == VideoCodec::kH263 && !isH263Size(size)) {
-        return Failure{kExitUnusable, options.input,
-                       "H.263 has only " + std::string(kH263Sizes) + ", and this would be " +
-                           sizeText(size) + "; choose one with --size"};
+    if (!hasSize(codec, size)) {
+        return Failure{
+            kExitUnusable, options.input,
+            sizesOf(codec) + ", and this would be " + sizeText(size) + "; --size would change it"};
     }
     constexpr int32_t kUsualFrameRate = 30;
     constexpr int32_t kHighestFrameRate = 240;
