@@ -3,8 +3,6 @@
 #include <Log.h>
 #include <Transcode.h>
 
-#include <atomic>
-
 namespace android {
 namespace qmmediaeditor {
 
@@ -108,10 +106,8 @@ bool Transcode::adjustPresentationTimeUs(TDecodedSample* sample) {
         finishPeriod();
         if (goBack) {
             mSeekTime = periods[i + 1].mStartUs;
-            // The reader seeks to the start of the current period: it must not see the flag before
-            // the period.
-            std::atomic_thread_fence(std::memory_order_release);
-            mNeedtoSeek = true;
+            // After the period: the reader seeks to the start of the current one.
+            mNeedtoSeek.publish(true);
             QM_LOGD(kTag, "mNeedtoSeek : %s, mSeekTime: %lld", "true",
                     wide(periods[i + 1].mStartUs));
         }

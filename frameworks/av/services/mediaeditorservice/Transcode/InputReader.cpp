@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <atomic>
 
 namespace android {
 namespace qmmediaeditor {
@@ -116,9 +115,7 @@ Transcode::Next Transcode::feedDecoder(bool* sawInputEOS) {
 }
 
 void Transcode::seekIfNeeded() {
-    if (!mNeedtoSeek.exchange(false)) return;
-    // Pairs with the fence before the flag is raised: the period that goes with it is seen.
-    std::atomic_thread_fence(std::memory_order_acquire);
+    if (!mNeedtoSeek.take(false)) return;
     const int32_t period = mCurrentPeriodIndex;
     if (mProperty->mTrimEnabled && period < mProperty->mPeriodCount) {
         mSeekTime = mProperty->mPeriods[period].mStartUs;

@@ -7,7 +7,7 @@ namespace android {
 namespace qmmediaeditor {
 
 // A value that any thread may read and write at any time and that others poll. As large as the
-// plain value and without order of its own: whoever publishes more than one value adds a fence.
+// plain value, and without order among several of them but for publish() and take().
 template <typename T>
 class Shared {
 public:
@@ -19,6 +19,10 @@ public:
         return value;
     }
     T exchange(T value) { return mValue.exchange(value, std::memory_order_relaxed); }
+
+    // Whoever takes the value sees what its publisher wrote before.
+    void publish(T value) { mValue.store(value, std::memory_order_release); }
+    T take(T next) { return mValue.exchange(next, std::memory_order_acquire); }
 
 private:
     static_assert(std::atomic<T>::is_always_lock_free, "polled values must not hide a lock");

@@ -203,7 +203,7 @@ private:
     sp<MPEG4Writer> mMP4Writer;
     sp<AMessage> mOutputFormat;
     sp<MetaData> mFileMeta;
-    Shared<bool> mNeedtoSeek{false};  // written by the main loop, taken by the input reader
+    Shared<bool> mNeedtoSeek{false};  // published by the main loop, taken by the input reader
     Shared<int64_t> mSeekTime{-1};    // written before mNeedtoSeek
     QmMediaEditorUtils* mUtils;
     pthread_t mInputThread = 0;
