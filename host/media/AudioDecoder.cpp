@@ -26,6 +26,9 @@ constexpr size_t kDefaultInputBytes = 64 * 1024;
 constexpr int64_t kChunkFrames = 256;
 // Less than this is the container's rounding; the samples are taken as adjoining.
 constexpr int64_t kJitterUs = 20000;
+// Sound that is missing for longer, where the reader has passed already, is a hole; less may still
+// be inside the decoder.
+constexpr int64_t kHoleUs = 100000;
 // A time this far behind the end of the track is damaged.
 constexpr int64_t kBeyondEndUs = 10000000;
 
@@ -85,6 +88,11 @@ int64_t AudioDecoder::timeAt(int64_t frame) const {
     return mTimeLine.startUs + av_rescale(frame, 1000000, mSampleRate);
 }
 
+int64_t AudioDecoder::silenceDueUs() const {
+    // One sample more, so that silence that is due is never less than a sample.
+    return mInHole ? timeAt(mNextFrame + 1) : timeAt(mNextFrame) + kHoleUs;
+}
+
 int64_t AudioDecoder::pcmFrames() const {
     if (mChannelCount == 0) return 0;
     return static_cast<int64_t>(mPcm.size() - mPcmUsed) / mChannelCount;
@@ -98,6 +106,7 @@ void AudioDecoder::enter(const TimeLine& timeLine) {
     mNextFrame = 0;
     mSilenceFrames = 0;
     mAtStart = true;
+    mInHole = false;
     mPcm.clear();
     mPcmUsed = 0;
 }
@@ -138,15 +147,17 @@ CodecEngine::Step AudioDecoder::produceWithoutInput(const TimeLine& timeLine, in
     if (timeLine.number != mTimeLine.number) enter(timeLine);
     if (mFormat == nullptr) return Step::kNeedsInput;
     const int64_t untilUs = std::min(positionUs, mTrackEndUs);
-    if (timeAt(mNextFrame) + DecodeOrder::kHoleUs >= untilUs) return Step::kNeedsInput;
-    mSilenceFrames = frameAt(untilUs) - mNextFrame;
+    const int64_t missing = frameAt(untilUs) - mNextFrame;
+    if (silenceDueUs() >= untilUs || missing <= 0) return Step::kNeedsInput;
+    mSilenceFrames = missing;
+    mInHole = true;
     return produceChunk(output);
 }
 
 void AudioDecoder::standing(DecodeOrder::Standing* standing) const {
     if (mFormat == nullptr) return;
     if (mSilenceFrames > 0 || pcmFrames() > 0) standing->earliestUs = timeAt(mNextFrame);
-    standing->silenceFromUs = timeAt(mNextFrame);
+    standing->silenceDueUs = silenceDueUs();
     standing->silenceUntilUs = mTrackEndUs;
 }
 
@@ -228,6 +239,7 @@ void AudioDecoder::place(int64_t startFrame) {
         const int64_t dropped = std::min(-gap, pcmFrames());
         mPcmUsed += static_cast<size_t>(dropped) * static_cast<size_t>(mChannelCount);
     }
+    mInHole = false;
     if (pcmFrames() > 0) mAtStart = false;
 }
 

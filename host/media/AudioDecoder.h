@@ -42,6 +42,8 @@ private:
     void place(int64_t startFrame);
     Step produceChunk(CodecOutput* output);
 
+    // The reader being past this time, what is missing is a hole.
+    int64_t silenceDueUs() const;
     int64_t frameAt(int64_t timeUs) const;
     int64_t timeAt(int64_t frame) const;
     int64_t pcmFrames() const;
@@ -62,6 +64,8 @@ private:
     int64_t mSilenceFrames = 0;
     // No sound has come yet on this time line.
     bool mAtStart = true;
+    // The last that came out was silence, for want of input.
+    bool mInHole = false;
     std::vector<int16_t> mPcm;
     size_t mPcmUsed = 0;  // samples
 };

@@ -156,7 +156,7 @@ bool CodecWorker::publish() {
     standing.hasHead = !mReady.empty();
     standing.working = mWorkPosted || !mQueued.empty();
     standing.inputEnded = mEndQueued;
-    if (mEndQueued) standing.silenceFromUs = DecodeOrder::kNever;
+    if (mEndQueued) standing.silenceDueUs = DecodeOrder::kNever;
     standing.inputFull = mFreeInputs.empty();
     if (standing.hasHead) {
         standing.earliestUs = mOutputs[mReady.front()].output.timeUs;

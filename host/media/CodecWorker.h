@@ -79,8 +79,7 @@ private:
         SampleNote note;
     };
 
-    // On the looper's thread; the second to last four with mLock held, each false when there is
-    // nothing more to do now.
+    // On the looper's thread. The steps hold mLock, and say whether there may be more to do now.
     void work();
     bool workStep(std::unique_lock<std::mutex>& lock);
     bool takeStep(CodecEngine::Step step, CodecOutput output);

@@ -67,12 +67,11 @@ DecodeOrder::Turn DecodeOrder::waitForTurn(size_t member,
 }
 
 bool DecodeOrder::owesSilence(const Standing& standing) const {
-    if (standing.silenceFromUs == kNever) return false;
-    return standing.silenceFromUs + kHoleUs < std::min(mPositionUs, standing.silenceUntilUs);
+    return standing.silenceDueUs < std::min(mPositionUs, standing.silenceUntilUs);
 }
 
 bool DecodeOrder::mayWaitFor(const Standing& mine, const Standing& other) const {
-    if (owesSilence(other) && other.silenceFromUs < mine.earliestUs) return true;
+    if (owesSilence(other)) return true;
     const bool earlierInside = other.earliestUs < mine.earliestUs;
     if (earlierInside && other.working) return true;
     if (other.inputEnded) return false;

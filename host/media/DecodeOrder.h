@@ -37,9 +37,6 @@ struct TimeLine {
 class DecodeOrder : public RefBase {
 public:
     static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
-    // Sound that is missing for longer than this, where the reader has passed already, is a hole;
-    // less may still be on its way.
-    static constexpr int64_t kHoleUs = 100000;
 
     // For the extractor, once in each seek (the first one, to 0, too), before samples are
     // announced. `startUs` is the seek's target. Decoders drop what they still have of earlier time
@@ -63,8 +60,9 @@ public:
         // The time of the head, or the earliest that what it holds can give; kNever when it holds
         // nothing.
         int64_t earliestUs = kNever;
-        // The stretch that it makes up as silence when the reader passes it; empty for pictures.
-        int64_t silenceFromUs = kNever;
+        // When the reader has passed the first, the decoder makes up silence, to the second at
+        // most. Never, for pictures.
+        int64_t silenceDueUs = kNever;
         int64_t silenceUntilUs = kNever;
     };
 

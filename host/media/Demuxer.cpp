@@ -25,6 +25,8 @@ constexpr int64_t kMaxProbeBytes = 64 << 20;
 // So many damaged places in a row are taken for the end.
 constexpr int kMaxReadErrors = 64;
 
+constexpr int64_t kMaxTimeUs = INT64_C(1) << 60;
+
 // A probe that ends inside an ID3 tag has seen nothing of the sound behind it.
 int64_t probeSizeBytes(const InputFile& file) {
     uint8_t header[10];
@@ -139,6 +141,11 @@ bool Demuxer::readPacket(int index, AVPacket* packet) {
     }
     av_packet_unref(packet);
     return false;
+}
+
+int64_t Demuxer::toUs(int index, int64_t time) const {
+    const int64_t us = av_rescale_q(time, mContext->streams[index]->time_base, {1, 1000000});
+    return std::clamp(us, -kMaxTimeUs, kMaxTimeUs);
 }
 
 void Demuxer::keepOnly(int index) {

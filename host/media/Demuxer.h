@@ -4,6 +4,8 @@
 // Not locked: one thread at a time. Several demuxers may read one file, each with its own position.
 #pragma once
 
+#include <stdint.h>
+
 #include <memory>
 
 #include "host/media/FFmpegPointers.h"
@@ -38,6 +40,10 @@ public:
     // Reads the next packet of stream `index`, passing over others. False at the end; what is
     // damaged is passed over.
     bool readPacket(int index, AVPacket* packet);
+    // A time of stream `index` in microseconds. Damaged ones are kept within bounds that leave room
+    // to reckon with them.
+    int64_t toUs(int index, int64_t time) const;
+
     // Has libavformat pass over every other stream, without reading it where that can be.
     void keepOnly(int index);
 

@@ -21,6 +21,9 @@ namespace qmmediaeditor {
 
 namespace {
 
+// Beyond any recording.
+constexpr int64_t kMaxSeekUs = INT64_C(1000000000000000);
+
 class FileExtractor final : public ExtractorBackend {
 public:
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
@@ -126,7 +129,8 @@ status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
     if (mReaders.empty()) return INVALID_OPERATION;
     mInfo.tracks[mReaders.begin()->first].source->order()->beginTimeLine(timeUs);
     mHasCurrent = false;
-    for (const auto& entry : mReaders) entry.second->seek(timeUs + originUs());
+    const int64_t targetUs = std::clamp<int64_t>(timeUs, 0, kMaxSeekUs) + originUs();
+    for (const auto& entry : mReaders) entry.second->seek(targetUs);
     return OK;
 }
 

@@ -14,6 +14,7 @@ constexpr int64_t kSecondUs = 1000000;
 constexpr int kMaxRate = 240;
 constexpr int kDefaultRate = 30;
 constexpr int64_t kMaxDriftTicks = 3;
+constexpr int64_t kMaxDriftStepUs = 15;
 
 constexpr FrameRate kUsualRates[] = {
     {10, 1},  {12, 1},        {15000, 1001}, {15, 1},        {20, 1},  {24000, 1001}, {24, 1},
@@ -88,10 +89,12 @@ int64_t FrameGrid::snap(int64_t timeUs) {
         mAnchorUs = timeUs;
         return timeUs;
     }
-    // A rate that is slightly off drifts; the grid follows without a jump.
-    const int64_t allowedUs = std::clamp(errorUs, -mToleranceUs, mToleranceUs);
-    *mAnchorUs += allowedUs - errorUs;
-    return timeUs + allowedUs;
+    // A rate that is slightly off drifts. The grid follows in steps too small to bring a frame too
+    // early.
+    const int64_t excessUs = errorUs - std::clamp(errorUs, -mToleranceUs, mToleranceUs);
+    const int64_t stepUs = std::clamp(excessUs, -kMaxDriftStepUs, kMaxDriftStepUs);
+    *mAnchorUs -= stepUs;
+    return timeUs + errorUs - stepUs;
 }
 
 FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,

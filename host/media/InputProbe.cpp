@@ -15,6 +15,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/common.h>
 }
 
 namespace android {
@@ -31,10 +32,6 @@ constexpr int64_t kMinVideoSampleBytes = 1 << 20;
 constexpr int64_t kMaxAudioSampleBytes = 512 << 10;
 // Covers the overlap of transform codecs and MP3's bit reservoir.
 constexpr int64_t kPrerollUs = 100000;
-
-int64_t toUs(int64_t time, AVRational timeBase) {
-    return av_rescale_q(time, timeBase, kMicroseconds);
-}
 
 bool isKind(const AVStream& stream, AVMediaType kind) {
     return stream.codecpar->codec_type == kind;
@@ -57,17 +54,18 @@ std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const InputFile>& 
         if (index >= count || start == AV_NOPTS_VALUE) continue;
         const AVStream& stream = *demuxer->context().streams[index];
         const int64_t origin = stream.start_time == AV_NOPTS_VALUE ? 0 : stream.start_time;
-        const int64_t end = start - origin + std::max<int64_t>(packet->duration, 0);
-        durationsUs[index] = std::max(durationsUs[index], toUs(end, stream.time_base));
+        const int64_t length = av_sat_sub64(start, origin);
+        const int64_t end = av_sat_add64(length, std::max<int64_t>(packet->duration, 0));
+        durationsUs[index] = std::max(durationsUs[index], demuxer->toUs(stream.index, end));
     }
     return durationsUs;
 }
 
-int64_t statedDurationUs(const AVFormatContext& context, const AVStream& stream) {
+int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
     if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0) {
-        return toUs(stream.duration, stream.time_base);
+        return demuxer->toUs(stream.index, stream.duration);
     }
-    return std::max<int64_t>(context.duration, 0);
+    return std::max<int64_t>(demuxer->context().duration, 0);
 }
 
 // The longest sample that the index names, or what a sample of the kind can come to.
@@ -95,7 +93,7 @@ std::vector<int64_t> frameTimesUs(Demuxer* demuxer, AVStream& stream) {
         for (int i = 0; i < std::min(entries, kMaxStudiedIndexEntries); ++i) {
             const AVIndexEntry& entry = *avformat_index_get_entry(&stream, i);
             if ((entry.flags & AVINDEX_DISCARD_FRAME) != 0) continue;
-            timesUs.push_back(toUs(entry.timestamp, stream.time_base));
+            timesUs.push_back(demuxer->toUs(stream.index, entry.timestamp));
         }
         return timesUs;
     }
@@ -106,7 +104,7 @@ std::vector<int64_t> frameTimesUs(Demuxer* demuxer, AVStream& stream) {
     while (timesUs.size() < kStudiedFrames && bytes < kMaxStudiedBytes &&
            demuxer->readPacket(stream.index, packet.get())) {
         const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-        if (time != AV_NOPTS_VALUE) timesUs.push_back(toUs(time, stream.time_base));
+        if (time != AV_NOPTS_VALUE) timesUs.push_back(demuxer->toUs(stream.index, time));
         bytes += packet->size;
     }
     return timesUs;
@@ -175,7 +173,7 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
         facts.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
         track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
         if (stream.start_time != AV_NOPTS_VALUE) {
-            track.startUs = toUs(stream.start_time, stream.time_base);
+            track.startUs = demuxer->toUs(stream.index, stream.start_time);
         }
         track.source = makeSource(parameters, order);
         if (track.isVideo) {
@@ -211,7 +209,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     bool complete = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         const AVStream& stream = *context.streams[i];
-        durationsUs[i] = statedDurationUs(context, stream);
+        durationsUs[i] = statedDurationUs(demuxer.get(), stream);
         hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isMovingPicture(stream);
         complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
     }

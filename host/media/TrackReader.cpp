@@ -79,13 +79,7 @@ PacketPtr TrackReader::headProperties(int64_t originUs) const {
     return properties;
 }
 
-const AVStream& TrackReader::stream() const {
-    return *mDemuxer->context().streams[mTrack.streamIndex];
-}
-
-int64_t TrackReader::toUs(int64_t time) const {
-    return av_rescale_q(time, stream().time_base, kMicroseconds);
-}
+int64_t TrackReader::toUs(int64_t time) const { return mDemuxer->toUs(mTrack.streamIndex, time); }
 
 void TrackReader::advance() {
     if (mHasHead) mNextTimeUs = mPresentationTimeUs + durationUs();

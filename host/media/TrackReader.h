@@ -16,8 +16,6 @@
 #include "host/media/InputProbe.h"
 #include "host/media/PictureOrder.h"
 
-struct AVStream;
-
 namespace android {
 namespace qmmediaeditor {
 
@@ -51,7 +49,6 @@ private:
     bool readHead();
     void stampHead();
     int64_t statedTime();
-    const AVStream& stream() const;
     int64_t toUs(int64_t time) const;
     void noteOrder();
     void forgetPosition();

@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <media/stagefright/MediaCodec.h>
 #include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
 #include <thread>
@@ -28,6 +29,8 @@ constexpr size_t kInputCount = 8;
 constexpr size_t kOutputCount = 16;
 constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
 constexpr int kMaxDimension = 8192;
+// ISO/IEC 14496-2 has 13 bits for either side; the encoder writes beyond its tables at more.
+constexpr int kMaxMpeg4Dimension = 8191;
 constexpr double kDefaultFrameRate = 30;
 // Bits a pixel and frame, where no rate is wanted.
 constexpr double kDefaultBitsPerPixel = 0.1;
@@ -96,7 +99,9 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     AString mime;
     if (!format->findString("mime", &mime)) return BAD_VALUE;
     const Wanted wanted(*format);
-    if (!wanted.possible) {
+    const bool tooLarge = mime.equalsIgnoreCase(MEDIA_MIMETYPE_VIDEO_MPEG4) &&
+                          std::max(wanted.width, wanted.height) > kMaxMpeg4Dimension;
+    if (!wanted.possible || tooLarge) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no encoder takes such pictures: %s",
                             format->debugString().c_str());
         return ERROR_UNSUPPORTED;
