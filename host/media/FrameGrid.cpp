@@ -65,14 +65,20 @@ int rateFor(const FrameRate& rate) {
     return rateFor(kSecondUs * rate.denominator / rate.numerator);
 }
 
-// A few frames may lie closer together than the rest; the rate is not theirs.
-int64_t shortestUsualDistanceUs(const std::vector<int64_t>& timesUs) {
+std::vector<int64_t> sortedDistancesUs(const std::vector<int64_t>& timesUs) {
     std::vector<int64_t> distancesUs;
     for (size_t i = 1; i < timesUs.size(); ++i) {
         distancesUs.push_back(timesUs[i] - timesUs[i - 1]);
     }
     std::sort(distancesUs.begin(), distancesUs.end());
-    const int64_t unusualUs = distancesUs[distancesUs.size() / 2] * 9 / 20;
+    return distancesUs;
+}
+
+int64_t medianOf(const std::vector<int64_t>& sorted) { return sorted[sorted.size() / 2]; }
+
+// A few frames may lie closer together than the rest; the rate is not theirs.
+int64_t shortestUsual(const std::vector<int64_t>& distancesUs) {
+    const int64_t unusualUs = medianOf(distancesUs) / 4;
     const auto usual = std::upper_bound(distancesUs.begin(), distancesUs.end(), unusualUs);
     return std::max(*usual, distancesUs[distancesUs.size() / 100]);
 }
@@ -111,13 +117,19 @@ FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
         timing.rate = first == likely.end() ? kDefaultRate : rateFor(*first);
         return timing;
     }
-    for (const FrameRate& rate : rates) {
-        if (!fits(timesUs, tickUs + 1, rate)) continue;
-        timing.rate = rateFor(rate);
-        timing.grid = FrameGrid(rate, tickUs);
-        return timing;
+    const std::vector<int64_t> distancesUs = sortedDistancesUs(timesUs);
+    // Times that are exact already settle it. A tick as long as a frame, as in AVI, says nothing
+    // more.
+    const bool tickIsFine = tickUs < medianOf(distancesUs) / 3;
+    for (const int64_t toleranceUs : {INT64_C(1), tickIsFine ? tickUs + 1 : INT64_C(1)}) {
+        for (const FrameRate& rate : rates) {
+            if (!fits(timesUs, toleranceUs, rate)) continue;
+            timing.rate = rateFor(rate);
+            timing.grid = FrameGrid(rate, toleranceUs);
+            return timing;
+        }
     }
-    timing.rate = rateFor(shortestUsualDistanceUs(timesUs));
+    timing.rate = rateFor(shortestUsual(distancesUs));
     return timing;
 }
 

@@ -13,8 +13,8 @@ namespace qmmediaeditor {
 // ended the run.
 sp<MediaWriter> createFileWriter(int fd, const HostOptions& options);
 
-// Before `writer`, made by createFileWriter, is stopped. `data` is the box's 16-byte type and its
-// payload, and is copied; the box is written with exactly these bytes. Less than a type, or null,
+// Before `writer`, made by createFileWriter, is stopped. `data` is one uuid box's 16-byte type and
+// payload, or several whole boxes, as UuidBox.h says, and is copied. Less than a type, or null,
 // means no box.
 void setWriterUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size);
 

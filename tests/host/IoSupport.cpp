@@ -1,0 +1,225 @@
+#include "IoSupport.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "host/media/Extractor.h"
+#include "host/media/TrackSource.h"
+
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr size_t kBufferBytes = 4 << 20;
+
+class ScratchFolder {
+public:
+    ScratchFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "host-io-XXXXXX").string();
+        mPath = mkdtemp(name.data());
+    }
+    ~ScratchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(mPath, ignored);
+    }
+    const std::filesystem::path& path() const { return mPath; }
+
+private:
+    std::filesystem::path mPath;
+};
+
+}  // namespace
+
+std::string scratchPath(const std::string& name) {
+    static const ScratchFolder folder;
+    return (folder.path() / name).string();
+}
+
+std::string makeClip(const std::string& name, const std::string& arguments) {
+    const std::string path = scratchPath(name);
+    if (std::filesystem::exists(path)) return path;
+    const std::string command = "ffmpeg -nostdin -v error -y " + arguments + " " + path;
+    EXPECT_EQ(0, system(command.c_str())) << command;
+    return path;
+}
+
+std::string pictures(int seconds) {
+    return " -f lavfi -i testsrc2=s=160x120:r=30000/1001:d=" + std::to_string(seconds) + " ";
+}
+
+std::string sound(int seconds) {
+    return " -f lavfi -i sine=r=48000:d=" + std::to_string(seconds) + " ";
+}
+
+OpenedClip::OpenedClip(const std::string& path) : mExtractor(createFileExtractor()) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info = {};
+    fstat(fd, &info);
+    mResult = mExtractor->setDataSource(fd, 0, info.st_size);
+    if (fd >= 0) {
+        EXPECT_EQ(0, lseek(fd, 0, SEEK_CUR)) << "the caller's position has moved";
+        close(fd);
+    }
+    for (size_t i = 0; i < mExtractor->countTracks(); ++i) {
+        const std::string type = mime(i);
+        const bool isSupported = type.find("notsupported") == std::string::npos;
+        if (mVideoTrack < 0 && isSupported && type.rfind("video/", 0) == 0) {
+            mVideoTrack = static_cast<int>(i);
+        } else if (mAudioTrack < 0 && isSupported && type.rfind("audio/", 0) == 0) {
+            mAudioTrack = static_cast<int>(i);
+        } else {
+            continue;
+        }
+        EXPECT_EQ(OK, mExtractor->selectTrack(i));
+    }
+}
+
+sp<AMessage> OpenedClip::format(size_t track) {
+    sp<AMessage> format;
+    EXPECT_EQ(OK, mExtractor->getTrackFormat(track, &format));
+    return format;
+}
+
+int32_t OpenedClip::int32Of(size_t track, const char* key) {
+    int32_t value = -1;
+    format(track)->findInt32(key, &value);
+    return value;
+}
+
+int64_t OpenedClip::durationUs(size_t track) {
+    int64_t value = -1;
+    format(track)->findInt64("durationUs", &value);
+    return value;
+}
+
+std::string OpenedClip::mime(size_t track) {
+    AString mime;
+    EXPECT_TRUE(format(track)->findString("mime", &mime));
+    return mime.c_str();
+}
+
+void OpenedClip::seek(int64_t timeUs) {
+    EXPECT_EQ(OK, mExtractor->seekTo(timeUs, ExtractorBackend::SeekMode::SEEK_PREVIOUS_SYNC));
+}
+
+std::vector<Sample> OpenedClip::read(int64_t lastUs) {
+    std::vector<Sample> samples;
+    const sp<ABuffer> buffer = new ABuffer(kBufferBytes);
+    Sample sample;
+    while (mExtractor->getSampleTrackIndex(&sample.track) == OK) {
+        EXPECT_EQ(OK, mExtractor->getSampleTime(&sample.timeUs));
+        if (sample.timeUs > lastUs) break;
+        EXPECT_EQ(OK, mExtractor->readSampleData(buffer));
+        sp<MetaData> meta;
+        EXPECT_EQ(OK, mExtractor->getSampleMeta(&meta));
+        int32_t isSync = 0;
+        meta->findInt32(kKeyIsSyncFrame, &isSync);
+        const SampleNote note = TrackSource::find(format(sample.track))->take(sample.timeUs);
+        EXPECT_NE(nullptr, note.properties);
+        sample.presentationUs = note.properties == nullptr ? 0 : note.properties->pts;
+        sample.isSync = isSync != 0;
+        sample.data.assign(buffer->data(), buffer->data() + buffer->size());
+        samples.push_back(sample);
+        EXPECT_EQ(OK, mExtractor->advance());
+    }
+    return samples;
+}
+
+std::vector<Sample> ofTrack(const std::vector<Sample>& samples, int track) {
+    std::vector<Sample> result;
+    std::copy_if(samples.begin(), samples.end(), std::back_inserter(result),
+                 [track](const Sample& s) { return static_cast<int>(s.track) == track; });
+    return result;
+}
+
+QueueSource::QueueSource(const sp<MetaData>& format) : mFormat(format) {
+    mGroup.add_buffer(MediaBufferBase::Create(kBufferBytes));
+}
+
+void QueueSource::pushConfig(const std::vector<uint8_t>& data) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mEntries.push_back({data, 0, true, true});
+    mChanged.notify_all();
+}
+
+void QueueSource::push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mEntries.push_back({data, timeUs, isSync, false});
+    mChanged.notify_all();
+}
+
+void QueueSource::pushEnd() {
+    std::lock_guard<std::mutex> lock(mLock);
+    mEnded = true;
+    mChanged.notify_all();
+}
+
+status_t QueueSource::start(MetaData*) { return OK; }
+
+status_t QueueSource::stop() {
+    pushEnd();
+    return OK;
+}
+
+status_t QueueSource::read(MediaBufferBase** buffer, const ReadOptions*) {
+    std::unique_lock<std::mutex> lock(mLock);
+    while (mEntries.empty() && !mEnded) {
+        mWaiting = true;
+        mChanged.notify_all();
+        mChanged.wait(lock);
+    }
+    mWaiting = false;
+    if (mEntries.empty()) return ERROR_END_OF_STREAM;
+    const Entry entry = mEntries.front();
+    mEntries.pop_front();
+    // A writer that keeps the one buffer there is would hang here.
+    if (mGroup.acquire_buffer(buffer, true) != OK) {
+        ADD_FAILURE() << "the writer has not released its buffer";
+        return ERROR_IO;
+    }
+    memcpy((*buffer)->data(), entry.data.data(), entry.data.size());
+    (*buffer)->set_range(0, entry.data.size());
+    MetaDataBase& meta = (*buffer)->meta_data();
+    meta.clear();
+    if (entry.isConfig) meta.setInt32(kKeyIsCodecConfig, 1);
+    meta.setInt32(kKeyIsSyncFrame, entry.isSync ? 1 : 0);
+    meta.setInt64(kKeyTime, entry.timeUs);
+    return OK;
+}
+
+void QueueSource::waitUntilDrained() {
+    std::unique_lock<std::mutex> lock(mLock);
+    mChanged.wait(lock, [this] { return mEntries.empty() && mWaiting; });
+}
+
+sp<MetaData> videoFormat(const char* mime, int width, int height) {
+    sp<MetaData> format = new MetaData;
+    format->setCString(kKeyMIMEType, mime);
+    format->setInt32(kKeyWidth, width);
+    format->setInt32(kKeyHeight, height);
+    format->setInt32(kKeyFrameRate, 30);
+    return format;
+}
+
+sp<MetaData> audioFormat(const char* mime, int sampleRate, int channelCount) {
+    sp<MetaData> format = new MetaData;
+    format->setCString(kKeyMIMEType, mime);
+    format->setInt32(kKeySampleRate, sampleRate);
+    format->setInt32(kKeyChannelCount, channelCount);
+    return format;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,113 @@
+// What the tests of the extractor and the writer share: scratch files, clips, samples and sources.
+#pragma once
+
+#include <Platform.h>
+#include <media/stagefright/MediaBufferGroup.h>
+#include <media/stagefright/MediaSource.h>
+#include <media/stagefright/foundation/ABuffer.h>
+#include <stdint.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace android {
+namespace qmmediaeditor {
+
+// A file of its own in a folder that goes away with the test program.
+std::string scratchPath(const std::string& name);
+// A clip of that name, made once in a run by ffmpeg with these arguments in front of the name.
+std::string makeClip(const std::string& name, const std::string& arguments);
+// Moving pictures of 160x120 at 30000/1001 a second, and sound at 48000 Hz, as ffmpeg inputs.
+std::string pictures(int seconds);
+std::string sound(int seconds);
+constexpr char kAvcAac[] = " -c:v libx264 -preset veryfast -bf 3 -g 30 -c:a aac ";
+
+struct Sample {
+    size_t track = 0;
+    int64_t timeUs = 0;
+    // INT64_MIN when the container does not state it.
+    int64_t presentationUs = 0;
+    bool isSync = false;
+    std::vector<uint8_t> data;
+
+    bool operator==(const Sample& other) const {
+        return track == other.track && timeUs == other.timeUs &&
+               presentationUs == other.presentationUs && isSync == other.isSync &&
+               data == other.data;
+    }
+};
+
+// An extractor on a file, with the first sound and the first picture track selected as a session
+// does.
+class OpenedClip {
+public:
+    explicit OpenedClip(const std::string& path);
+
+    status_t result() const { return mResult; }
+    ExtractorBackend& extractor() { return *mExtractor; }
+    sp<AMessage> format(size_t track);
+    int32_t int32Of(size_t track, const char* key);  // -1 when it is absent
+    int64_t durationUs(size_t track);
+    std::string mime(size_t track);
+    int videoTrack() const { return mVideoTrack; }  // -1 without one
+    int audioTrack() const { return mAudioTrack; }
+
+    void seek(int64_t timeUs);
+    // Up to the end, or to the first sample after `lastUs`, as the component reads.
+    std::vector<Sample> read(int64_t lastUs = INT64_MAX);
+
+private:
+    sp<ExtractorBackend> mExtractor;
+    status_t mResult;
+    int mVideoTrack = -1;
+    int mAudioTrack = -1;
+};
+
+std::vector<Sample> ofTrack(const std::vector<Sample>& samples, int track);
+
+// Hands samples to a writer, one at a time, through a group of one buffer as the component's
+// sources do.
+class QueueSource : public MediaSource {
+public:
+    explicit QueueSource(const sp<MetaData>& format);
+
+    void pushConfig(const std::vector<uint8_t>& data);
+    void push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync = true);
+    void pushEnd();
+
+    status_t start(MetaData* params) override;
+    status_t stop() override;
+    sp<MetaData> getFormat() override { return mFormat; }
+    status_t read(MediaBufferBase** buffer, const ReadOptions* options) override;
+
+    // Returns when the writer has taken all that was pushed, and asks for more.
+    void waitUntilDrained();
+
+protected:
+    ~QueueSource() override = default;
+
+private:
+    struct Entry {
+        std::vector<uint8_t> data;
+        int64_t timeUs;
+        bool isSync;
+        bool isConfig;
+    };
+
+    const sp<MetaData> mFormat;
+    MediaBufferGroup mGroup;
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::deque<Entry> mEntries;
+    bool mEnded = false;
+    bool mWaiting = false;
+};
+
+sp<MetaData> videoFormat(const char* mime, int width, int height);
+sp<MetaData> audioFormat(const char* mime, int sampleRate, int channelCount);
+
+}  // namespace qmmediaeditor
+}  // namespace android
