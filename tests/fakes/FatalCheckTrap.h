@@ -1,0 +1,48 @@
+// Keeps failed checks of the platform from ending the process. One at a time.
+//
+// On the thread that made the trap a failed check becomes a FatalCheckFailure; any other thread
+// ends, and the message is kept.
+#pragma once
+
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace android::qmmediaeditor {
+
+struct FatalCheckFailure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+class FatalCheckTrap {
+public:
+    FatalCheckTrap();
+    ~FatalCheckTrap();
+
+    // Messages of other threads.
+    std::vector<std::string> elsewhere() const;
+
+    // The message of the check that `statement` fails, or "" when it fails none.
+    template <typename Statement>
+    static std::string messageOf(const Statement& statement) {
+        try {
+            statement();
+        } catch (const FatalCheckFailure& failure) {
+            return failure.what();
+        }
+        return "";
+    }
+
+private:
+    static void onFailure(const char* message);
+
+    const std::thread::id mOwner;
+    mutable std::mutex mLock;
+    std::vector<std::string> mElsewhere;
+};
+
+#define EXPECT_FATAL(statement, text) EXPECT_EQ(text, FatalCheckTrap::messageOf([&] { statement; }))
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,144 @@
+// A codec that does what a test told it. Any thread.
+//
+// An input buffer is free again as soon as it was queued. Output comes from the script, or with
+// echo() from the input. A dequeue that finds nothing waits for the script, or with
+// kTryAgain returns -EAGAIN at once; stop() and release() make it fail.
+#pragma once
+
+#include <fakes/Journal.h>
+#include <media/stagefright/MediaCodec.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor {
+
+class ScriptedCodec : public MediaCodec {
+public:
+    typedef std::vector<uint8_t> Bytes;
+
+    enum class Idle { kBlock, kTryAgain };
+
+    struct Queued {
+        size_t index;
+        Bytes bytes;
+        int64_t timeUs;
+        uint32_t flags;
+    };
+
+    // `name` begins this codec's lines in the journal.
+    ScriptedCodec(const std::string& name, Journal* journal);
+
+    // The script: set-up.
+    void setInputBuffers(size_t count, size_t bytes);
+    void setOutputBuffers(size_t count, size_t bytes);
+    void setIdle(Idle idle) { change(mIdle, idle); }
+    void echo() { change(mEcho, true); }
+    // Operation `operation` returns `status` from its call number `fromCall` on.
+    void fail(const std::string& operation, status_t status, size_t fromCall = 1);
+
+    // The script: what comes out next.
+    void frame(const Bytes& bytes, int64_t timeUs, uint32_t flags = 0);
+    void frameAtIndex(size_t index);
+    void formatChange(const sp<AMessage>& format);
+    void outputResult(status_t status, uint32_t flags = 0);
+    void clearOutput() { change(mOutputScript, {}); }
+
+    // The script: what the next dequeue of an input buffer brings.
+    void inputResult(status_t status) { push({status, 0}); }
+    void inputIndex(size_t index) { push({OK, index}); }
+    // No input buffer is to be had until it is released.
+    void holdInput(bool hold) { change(mHoldInput, hold); }
+    void holdOutput(bool hold) { change(mHoldOutput, hold); }
+
+    // What happened.
+    std::vector<Queued> queued() const { return locked(mQueued); }
+    bool waitForQueued(size_t count) const;
+    // Releases of an index that nobody held.
+    size_t strayReleases() const { return locked(mStrayReleases); }
+    size_t heldOutputs() const;
+    int64_t lastTimeoutUs() const { return locked(mLastTimeoutUs); }
+    sp<AMessage> configuredFormat() const { return locked(mConfiguredFormat); }
+
+    status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
+                       const sp<ICrypto>& crypto, uint32_t flags) override;
+    status_t start() override;
+    status_t stop() override;
+    status_t release() override;
+    status_t dequeueInputBuffer(size_t* index, int64_t timeoutUs) override;
+    status_t queueInputBuffer(size_t index, size_t offset, size_t size, int64_t timeUs,
+                              uint32_t flags, AString* errorDetailMsg) override;
+    status_t dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size, int64_t* timeUs,
+                                 uint32_t* flags, int64_t timeoutUs) override;
+    status_t releaseOutputBuffer(size_t index) override;
+    status_t signalEndOfInputStream() override;
+    status_t getOutputFormat(sp<AMessage>* format) const override;
+    status_t getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const override;
+    status_t getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const override;
+
+protected:
+    ~ScriptedCodec() override;
+
+private:
+    struct Output {
+        status_t status = OK;
+        Bytes bytes;
+        int64_t timeUs = 0;
+        uint32_t flags = 0;
+        sp<AMessage> format;
+        bool forcedIndex = false;
+        size_t index = 0;
+    };
+    struct Input {
+        status_t status;
+        size_t index;
+    };
+    struct Failure {
+        status_t status;
+        size_t callsBefore;
+    };
+
+    status_t call(const char* operation, const std::string& arguments = "") const;
+    void push(Output output);
+    void push(Input input);
+    template <typename T>
+    T locked(const T& member) const {
+        std::lock_guard<std::mutex> guard(mLock);
+        return member;
+    }
+    template <typename T>
+    void change(T& member, const T& value) {
+        std::lock_guard<std::mutex> guard(mLock);
+        member = value;
+        mChanged.notify_all();
+    }
+    bool takeOutputIndex(const Output& next, size_t* index);
+
+    const std::string mName;
+    Journal* const mJournal;
+    mutable std::mutex mLock;
+    mutable std::condition_variable mChanged;
+    mutable std::map<std::string, Failure> mFailures;
+    Vector<sp<MediaCodecBuffer>> mInBuffers;
+    Vector<sp<MediaCodecBuffer>> mOutBuffers;
+    std::deque<size_t> mFreeInputs;
+    std::vector<bool> mOutputHeld;
+    std::deque<Input> mInputScript;
+    std::deque<Output> mOutputScript;
+    std::vector<Queued> mQueued;
+    sp<AMessage> mOutputFormat;
+    sp<AMessage> mConfiguredFormat;
+    Idle mIdle = Idle::kBlock;
+    bool mEcho = false;
+    bool mHoldInput = false;
+    bool mHoldOutput = false;
+    bool mStopped = false;
+    size_t mStrayReleases = 0;
+    int64_t mLastTimeoutUs = 0;
+};
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,110 @@
+#include <fakes/ScriptedPlatform.h>
+#include <string.h>
+
+namespace android::qmmediaeditor {
+
+namespace {
+
+ScriptedPlatform* gInstalled = nullptr;
+
+}  // namespace
+
+int ScriptedAudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth,
+                                 int outChannels, int outSampleRate, int outBitDepth) {
+    mJournal->addf("converter init %d %d %d to %d %d %d", inChannelCount, inSampleRate, inBitDepth,
+                   outChannels, outSampleRate, outBitDepth);
+    outChannelCount = outChannels;
+    return initResult;
+}
+
+unsigned char* ScriptedAudioConverter::allocateBuff(unsigned char*, int frames, float ratio) {
+    mJournal->addf("converter allocateBuff %d %.3f", frames, static_cast<double>(ratio));
+    if (outOfMemory) return nullptr;
+    ++allocations;
+    return new unsigned char[static_cast<size_t>(framesOut * outChannelCount * 2)];
+}
+
+int ScriptedAudioConverter::process(unsigned char*, unsigned char* out, int frames) {
+    mJournal->addf("converter process %d", frames);
+    memset(out, 'c', static_cast<size_t>(framesOut * outChannelCount * 2));
+    return framesOut;
+}
+
+void ScriptedAudioConverter::freeBuff(unsigned char* buffer) {
+    --allocations;
+    delete[] buffer;
+}
+
+ScriptedPlatform::ScriptedPlatform() : mBefore(gInstalled) {
+    gInstalled = this;
+    install(this);
+}
+
+ScriptedPlatform::~ScriptedPlatform() {
+    gInstalled = mBefore;
+    install(mBefore);
+}
+
+sp<ScriptedCodec> ScriptedPlatform::prepare(const std::string& mime, bool encoder) {
+    sp<ScriptedCodec> codec =
+        new ScriptedCodec((encoder ? "encoder " : "decoder ") + mime, &mJournal);
+    std::lock_guard<std::mutex> guard(mLock);
+    mCodecs[{mime, encoder}].push_back(codec);
+    return codec;
+}
+
+void ScriptedPlatform::refuseCodec(const std::string& mime, bool encoder) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mRefused.insert({mime, encoder});
+}
+
+sp<MediaCodec> ScriptedPlatform::createCodec(const sp<ALooper>& looper, const AString& mime,
+                                             bool encoder, status_t*) {
+    const Kind kind(mime.c_str(), encoder);
+    // A codec works on a looper that runs: starting it again is refused.
+    const bool running = looper->start() != OK;
+    mJournal.add("platform createCodec " + kind.first + (encoder ? " encoder" : " decoder") +
+                 (running ? "" : " without a looper"));
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        if (mRefused.count(kind) != 0) return nullptr;
+        std::deque<sp<ScriptedCodec>>& prepared = mCodecs[kind];
+        if (!prepared.empty()) {
+            const sp<ScriptedCodec> next = prepared.front();
+            prepared.pop_front();
+            return next;
+        }
+    }
+    return new ScriptedCodec((encoder ? "encoder " : "decoder ") + kind.first, &mJournal);
+}
+
+sp<MediaWriter> ScriptedPlatform::createWriter(int) {
+    mJournal.add("platform createWriter");
+    return mWriter;
+}
+
+void ScriptedPlatform::scale(const ScaleRequest& request) {
+    memset(request.dst, request.src[0],
+           static_cast<size_t>(request.dstWidth * request.dstHeight * 3 / 2));
+    std::lock_guard<std::mutex> guard(mLock);
+    mScaleRequests.push_back(request);
+}
+
+std::vector<ScaleRequest> ScriptedPlatform::scaleRequests() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mScaleRequests;
+}
+
+void ScriptedPlatform::setUuidData(const sp<MediaWriter>& writer, const unsigned char* data,
+                                   int size) {
+    mJournal.addf("platform setUuidData %d%s", size, writer == mWriter ? "" : " other writer");
+    mUuidData.assign(data, data + size);
+}
+
+bool ScriptedPlatform::getUseDitherType(int* type) {
+    if (mDitherType < 0) return false;
+    *type = mDitherType;
+    return true;
+}
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,93 @@
+// What the host calls, the writer's events, and the ways to stop.
+#include <tuple>
+
+#include "SessionTest.h"
+
+namespace android::qmmediaeditor {
+
+class ComponentTest : public SessionTest {
+protected:
+    sp<TranscodeComponent> mComponent = new TranscodeComponent;
+};
+
+TEST_F(ComponentTest, withoutASession_processIsRefusedAndTheRestDoesNothing) {
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ(0, mComponent->cancel());
+    EXPECT_EQ(0, mComponent->destory());
+    EXPECT_EQ(0, mComponent->clearHandler());
+    EXPECT_TRUE(mLog.contains(ANDROID_LOG_DEBUG, "TranscodeComponent", "call process"));
+    EXPECT_TRUE(mLog.contains(ANDROID_LOG_DEBUG, "TranscodeComponent", "call cancel"));
+    EXPECT_TRUE(logged("Transcode").empty());
+}
+
+TEST_F(ComponentTest, everyFailureOfModuleCreationIsAnInvalidRequest) {
+    mPlatform.extractor().addTrack(audioFormat());
+    mPlatform.extractor().fail("selectTrack", -1);
+    mComponent->create(&mRequest);
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "Failed selecting track"));
+}
+
+TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {
+    const std::string gone = "Transcode: Decontructor ~Transcode end";
+    mComponent->create(&mRequest);
+    mComponent->create(&mRequest);
+    EXPECT_EQ(1u, mJournal.count(gone));
+    mComponent->destory();
+    mComponent->destory();
+    EXPECT_EQ(2u, mJournal.count(gone));
+    mComponent->create(&mRequest);
+    mComponent->clearHandler();
+    EXPECT_EQ(3u, mJournal.count(gone));
+    mComponent->create(&mRequest);
+    mComponent.clear();
+    EXPECT_EQ(4u, mJournal.count(gone));
+}
+
+TEST_F(ComponentTest, aCancelledSessionStopsBeforeAnyDecoderStarts) {
+    prepareEchoes();
+    mComponent->create(&mRequest);
+    mComponent->cancel();
+    EXPECT_EQ(-1003, mComponent->process());
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Call force Stop"));
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop before decoder start"));
+    EXPECT_EQ(0u, mJournal.count("decoder audio/mp4a-latm start"));
+    EXPECT_EQ(0u, mJournal.count("writer start"));
+}
+
+class WriterEventTest : public SessionTest,
+                        public ::testing::WithParamInterface<std::tuple<int, int, bool>> {};
+
+TEST_P(WriterEventTest, errorsAndLimitsStopTheSessionOthersAreOnlyLogged) {
+    const auto [msg, ext1, stops] = GetParam();
+    prepareEchoes();
+    prepareLoop();
+    session().mListener->notify(msg, ext1, 7);
+    const std::string values =
+        std::to_string(msg) + ", " + std::to_string(ext1) + ", " + std::to_string(7);
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "TranscodeListener notify " + values));
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "MPEG4Writer notify " + values));
+    EXPECT_EQ(stops, logged(ANDROID_LOG_VERBOSE, "stop by writer"));
+    EXPECT_EQ(stops, session().mForceStop);
+    EXPECT_EQ(stops, session().mAudioSource->mCodecStopped);
+    EXPECT_EQ(stops, session().mVideoSource->mCodecStopped);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Events, WriterEventTest,
+    ::testing::Values(std::make_tuple(1, 0, true), std::make_tuple(2, 800, true),
+                      std::make_tuple(2, 801, true), std::make_tuple(2, 799, false),
+                      std::make_tuple(2, 802, false), std::make_tuple(3, 801, false)));
+
+TEST_F(ComponentTest, theWriterStopsTheSourcesOnceAndOnlyThoseThatExist) {
+    mPlatform.extractor().addTrack(audioFormat());
+    prepareLoop();
+    EXPECT_EQ(0, session().stopByWriter());
+    EXPECT_EQ(0, session().stopByWriter());
+    EXPECT_EQ(2u, mJournal.count("Transcode: stop by writer"));
+    EXPECT_EQ(1u, mJournal.count("TAudioSource: setCodecStopped"));
+    EXPECT_EQ(nullptr, session().mListener->onAsBinder());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "TranscodeListener onAsBinder"));
+}
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,203 @@
+// The batch hand-off between threads, in both directions and in both sources.
+#include <sched.h>
+
+#include "SourceKinds.h"
+
+namespace android::qmmediaeditor {
+
+template <class Kind>
+class HandOffTest : public SourceTest<Kind> {
+protected:
+    // Ten samples in each queue: not yet a batch.
+    void fillBoth() {
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_EQ(OK, this->pushEncoded(i));
+            EXPECT_EQ(OK, this->pushDecoded(i));
+        }
+    }
+    void expectFull() {
+        EXPECT_TRUE(this->waitFor(Kind::kEncodedFull));
+        EXPECT_TRUE(this->waitFor(Kind::kDecodedFull));
+    }
+};
+
+// Every way to end a source.
+const std::function<void(TSourceBase&)> kStops[] = {
+    [](TSourceBase& source) { source.setCodecStopped(); },
+    [](TSourceBase& source) { source.stop(); },
+    [](TSourceBase& source) {
+        TDecodedSample marker;
+        marker.mFlags = 4;
+        source.pushDecodedBuffer(marker, true);
+    },
+};
+
+TYPED_TEST_SUITE(HandOffTest, BothKinds);
+
+TYPED_TEST(HandOffTest, consumersSleepUntilTheEleventhSampleAndProducersUntilAllAreTaken) {
+    this->restart();
+    int read = 0;
+    int taken = 0;
+    Background writer([&] {
+        while (read < 11 && this->readOne() == OK) EXPECT_EQ(read++, this->mRead.bytes[0]);
+    });
+    Background encoder([&] {
+        TDecodedSample input;
+        while (taken < 11 && this->takeDecoded(&input) == OK) {
+            EXPECT_EQ(taken++, input.mBuffer->base()[0]);
+        }
+    });
+    EXPECT_TRUE(this->waitFor("waiting @ read()"));
+    EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
+    this->fillBoth();
+    EXPECT_EQ(10u, this->mSource->mEncodedSamples.size());
+    EXPECT_EQ(10u, this->mSource->mDecodedSamples.size());
+    Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
+    Background decoder([&] { EXPECT_EQ(OK, this->pushDecoded(10)); });
+    this->expectFull();
+    EXPECT_TRUE(writer.finishes() && encoder.finishes());
+    EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+    EXPECT_EQ(11, read);
+    EXPECT_EQ(11, taken);
+    this->mSource->setCodecStopped();
+}
+
+TYPED_TEST(HandOffTest, aQueueWhoseConsumerComesLaterIsHandedOverWhole) {
+    this->restart();
+    this->fillBoth();
+    Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
+    Background decoder([&] { EXPECT_EQ(OK, this->pushDecoded(10)); });
+    this->expectFull();
+    TDecodedSample input;
+    for (int i = 0; i < 11; ++i) {
+        EXPECT_EQ(OK, this->readOne());
+        EXPECT_EQ(OK, this->takeDecoded(&input));
+    }
+    EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+    this->mSource->setCodecStopped();
+}
+
+TYPED_TEST(HandOffTest, everyWayToStopWakesEveryProducer) {
+    for (const auto& stop : kStops) {
+        this->restart();
+        this->fillBoth();
+        Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
+        Background decoder([&] { EXPECT_EQ(OK, this->pushDecoded(10)); });
+        this->expectFull();
+        stop(*this->mSource);
+        EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+    }
+}
+
+TYPED_TEST(HandOffTest, everyWayToStopWakesEveryConsumer) {
+    for (const auto& stop : kStops) {
+        this->restart();
+        TDecodedSample input;
+        Background writer([&] { EXPECT_EQ(-1011, this->readOne()); });
+        Background encoder([&] { EXPECT_EQ(-1018, this->takeDecoded(&input)); });
+        EXPECT_TRUE(this->waitFor("waiting @ read()"));
+        EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
+        stop(*this->mSource);
+        EXPECT_TRUE(writer.finishes() && encoder.finishes());
+    }
+}
+
+TYPED_TEST(HandOffTest, pushesBeforeTheStartWaitForItOrForAStop) {
+    for (const bool started : {true, false}) {
+        this->renew(TypeParam::attribute());
+        this->mJournal.clear();
+        const status_t expected = started ? 0 : -1011;
+        Background encoderOutput([&] { EXPECT_EQ(expected, this->pushEncoded(0)); });
+        Background decoder([&] { EXPECT_EQ(expected, this->pushDecoded(0)); });
+        EXPECT_TRUE(this->waitFor(TypeParam::kPushedEarly));
+        EXPECT_TRUE(this->waitFor("pushBuffer called before start"));
+        started ? this->mSource->start() : this->mSource->stop();
+        EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+        EXPECT_EQ(started, this->mSource->getRunning());
+        EXPECT_EQ(started ? 1u : 0u, this->mSource->mEncodedSamples.size());
+        EXPECT_EQ(started ? 1u : 0u, this->mSource->mDecodedSamples.size());
+    }
+}
+
+TYPED_TEST(HandOffTest, aStoppedSourceTakesNothingMoreAndDeliversWhatItHas) {
+    TypeParam::makePool(*this->mSource);
+    this->mSource->start();
+    for (const int number : {1, 2}) EXPECT_EQ(OK, this->pushEncoded(number));
+    this->mSource->setCodecStopped();
+    EXPECT_EQ(-1011, this->pushEncoded(3));
+    EXPECT_EQ(-1011, this->pushDecoded(3));
+    EXPECT_TRUE(this->logged(ANDROID_LOG_VERBOSE, "enter push encoded buffer in EOS State"));
+    EXPECT_TRUE(this->mSource->mDecodedSamples.empty());
+    for (const int number : {1, 2}) {
+        EXPECT_EQ(OK, this->readOne());
+        EXPECT_EQ(number, this->mRead.bytes[0]);
+        EXPECT_TRUE(this->mSource->getRunning());
+    }
+    EXPECT_EQ(-1011, this->readOne());
+    EXPECT_FALSE(this->mSource->getRunning());
+    EXPECT_TRUE(this->logged(ANDROID_LOG_DEBUG, "eos---"));
+    // An ended source is not waited for.
+    EXPECT_EQ(-1011, this->pushEncoded(4));
+    EXPECT_EQ(-1011, this->pushDecoded(4));
+    EXPECT_EQ(-1011, this->pushEnd(true));
+}
+
+TYPED_TEST(HandOffTest, aReaderThatIsWokenWithNothingToReadWaitsAgain) {
+    TypeParam::makePool(*this->mSource);
+    this->mSource->start();
+    Background writer([&] { EXPECT_EQ(OK, this->readOne()); });
+    EXPECT_TRUE(this->waitFor("waiting @ read()"));
+    for (int i = 0; i < 200; ++i) {
+        Mutex::Autolock guard(this->mSource->mEncodedLock);
+        this->mSource->mFrameAvailableCond.broadcast();
+        sched_yield();
+    }
+    for (int i = 0; i < 10; ++i) this->pushEncoded(i);
+    Background encoderOutput([&] { this->pushEncoded(10); });
+    EXPECT_TRUE(writer.finishes());
+    this->mSource->setCodecStopped();
+}
+
+TYPED_TEST(HandOffTest, samplesWithoutTheirBytesAreRefused) {
+    this->mSource->start();
+    TEncodedSample encoded;
+    TDecodedSample decoded;
+    EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded));
+    EXPECT_EQ(-22, this->mSource->pushDecodedBuffer(decoded, false));
+    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "pushEncodedBuffer get an NULL buffer"));
+    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "pushDecodedBuffer get an NULL buffer"));
+    encoded.mBuffer = decoded.mBuffer = this->bufferOf(8, 0);
+    encoded.mSize = decoded.mSize = 9;
+    EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded));
+    EXPECT_EQ(-22, this->mSource->pushDecodedBuffer(decoded, false));
+    EXPECT_TRUE(this->mSource->mEncodedSamples.empty());
+    EXPECT_TRUE(this->mSource->mDecodedSamples.empty());
+}
+
+TYPED_TEST(HandOffTest, eachSampleIsCopiedWholeWhateverItsSize) {
+    TypeParam::makePool(*this->mSource);
+    this->mSource->start();
+    for (const size_t bytes : {size_t{1024}, size_t{1025}, size_t{50000}, size_t{3}}) {
+        TEncodedSample sample;
+        sample.mBuffer = this->bufferOf(bytes + 1, 5);
+        sample.mSize = bytes;
+        this->mSource->pushEncodedBuffer(&sample);
+        memset(sample.mBuffer->base(), 6, bytes);
+        EXPECT_EQ(OK, this->readOne());
+        EXPECT_EQ(std::vector<uint8_t>(bytes, 5), this->mRead.bytes);
+    }
+}
+
+TYPED_TEST(HandOffTest, withoutABufferForTheWriterAReadFails) {
+    this->mSource->start();
+    this->pushEncoded(0);
+    EXPECT_EQ(-1011, this->readOne());
+    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "MediaBufferGroup is null"));
+    TypeParam::makePool(*this->mSource);
+    this->pushEncoded(1);
+    this->mSource->mEncodedSamples.begin()->mSize = SIZE_MAX / 2;
+    EXPECT_EQ(NO_MEMORY, this->readOne());
+    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "Error was returned:[-12]"));
+}
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,241 @@
+// The input reader, run on the test's own thread.
+#include "SessionTest.h"
+
+namespace android::qmmediaeditor {
+
+class InputReaderTest : public SessionTest {
+protected:
+    // A session that is ready to read.
+    void prepareReader() {
+        prepareEchoes();
+        addSamplesOfTest();
+        prepareLoop();
+        session().mSeekTime = 0;
+        session().mNeedtoSeek = true;
+    }
+    virtual void addSamplesOfTest() { addSamples(2, 2); }
+    std::vector<int64_t> timesOf(const sp<ScriptedCodec>& codec) {
+        std::vector<int64_t> times;
+        for (const auto& input : codec->queued()) {
+            if (input.flags == 0) times.push_back(input.timeUs);
+        }
+        return times;
+    }
+    typedef std::vector<int64_t> Times;
+};
+
+TEST_F(InputReaderTest, everySampleGoesToItsDecoderAndThenTheEnd) {
+    prepareReader();
+    EXPECT_EQ(0, session().inputThreadEntry());
+    EXPECT_EQ((Times{0, kAudioStepUs}), timesOf(mAudioDecoder));
+    EXPECT_EQ((Times{0, kVideoStepUs}), timesOf(mVideoDecoder));
+    for (const auto& decoder : {mAudioDecoder, mVideoDecoder}) {
+        const auto last = decoder->queued().back();
+        EXPECT_EQ(0u, last.bytes.size());
+        EXPECT_EQ(0, last.timeUs);
+        EXPECT_EQ(4u, last.flags);
+        EXPECT_EQ(500, decoder->lastTimeoutUs());
+    }
+    EXPECT_EQ(kPcmBytes, mAudioDecoder->queued()[1].bytes.size());
+    EXPECT_EQ(1, mAudioDecoder->queued()[1].bytes[0]);
+    EXPECT_EQ(nullptr, session().mSampleBuffer);
+    const std::vector<std::string> expected = {"inputThreadEntry start",
+                                               "Do transcode seekTo Prev : 0",
+                                               "saw input eos",
+                                               "signalling input EOS on track 0",
+                                               "signalling input EOS on track 1",
+                                               "All codec was stopped",
+                                               "inputThreadEntry end"};
+    const std::vector<std::string> lines = logged();
+    EXPECT_EQ(expected, std::vector<std::string>(lines.end() - 7, lines.end()));
+}
+
+TEST_F(InputReaderTest, trimming_seeksToThePeriodAndStopsReadingBeyondTheLast) {
+    setPeriods({{kVideoStepUs, 2 * kVideoStepUs}, {3 * kVideoStepUs, 4 * kVideoStepUs}});
+    prepareEchoes();
+    addSamples(0, 8);
+    prepareLoop();
+    session().mSeekTime = 77;
+    session().mNeedtoSeek = true;
+    session().inputThreadEntry();
+    EXPECT_EQ(1u, mJournal.count("extractor seekTo 40000 mode 0"));
+    // The sample at the very end is still read, the one after it is not.
+    EXPECT_EQ((Times{kVideoStepUs, 2 * kVideoStepUs, 3 * kVideoStepUs, 4 * kVideoStepUs}),
+              timesOf(mVideoDecoder));
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "Trim time was overed and try force stop."));
+    EXPECT_FALSE(session().mNeedtoSeek);
+}
+
+TEST_F(InputReaderTest, samplesOfOtherTracksCostOneStep) {
+    sp<AMessage> text = new AMessage;
+    text->setString("mime", "text/3gpp");
+    prepareEchoes();
+    mPlatform.extractor().addTrack(text);
+    mPlatform.extractor().addSample({2, 0, {1}});
+    mPlatform.extractor().addSample({7, 0, {1}});
+    addSamples(1, 1);
+    prepareLoop();
+    session().inputThreadEntry();
+    EXPECT_EQ(4u, mJournal.count("extractor advance"));
+    EXPECT_EQ(2u, mAudioDecoder->queued().size());
+    EXPECT_EQ(2u, mVideoDecoder->queued().size());
+}
+
+TEST_F(InputReaderTest, aDecoderThatTakesNothingIsAskedAgainWithTheSameSample) {
+    prepareReader();
+    for (const status_t err : {-EAGAIN, -EAGAIN, -5}) mVideoDecoder->inputResult(err);
+    session().inputThreadEntry();
+    EXPECT_EQ((Times{0, kVideoStepUs}), timesOf(mVideoDecoder));
+    EXPECT_EQ(4u, mJournal.count("extractor advance"));
+    EXPECT_EQ(1u, mJournal.count("Transcode: need check this error"));
+}
+
+TEST_F(InputReaderTest, theEndIsSignalledAgainUntilEveryDecoderHasIt) {
+    prepareEchoes();
+    prepareLoop();
+    mAudioDecoder->inputResult(-EAGAIN);
+    mAudioDecoder->inputResult(-5);
+    session().inputThreadEntry();
+    EXPECT_EQ(1u, mAudioDecoder->queued().size());
+    EXPECT_EQ(1u, mVideoDecoder->queued().size());
+    EXPECT_EQ(1u, mJournal.count("Transcode: need check this error in EOS State"));
+    EXPECT_TRUE(session().mpTrack[0].mCodecStatus->mSawInputEOS);
+    EXPECT_TRUE(session().mpTrack[1].mCodecStatus->mSawInputEOS);
+}
+
+TEST_F(InputReaderTest, aStopEndsTheReaderWhereverItIs) {
+    prepareReader();
+    session().mForceStop = true;
+    session().inputThreadEntry();
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop : so sawInputEOS is changed as ture."));
+    EXPECT_TRUE(mVideoDecoder->queued().empty());
+
+    bool queued = true;
+    mVideoDecoder->inputResult(-EAGAIN);
+    session().mSampleBuffer = new ABuffer(8);
+    EXPECT_EQ(Transcode::Next::kEnd, session().queueSample({1, 0, false}, &queued));
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop : in EAGAIN case"));
+
+    mAudioDecoder->inputResult(-EAGAIN);
+    EXPECT_EQ(Transcode::Next::kEnd, session().signalInputEOS());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop input in EAGAIN case"));
+    EXPECT_TRUE(session().mpTrack[0].mCodecStatus->mSawInputEOS);
+    EXPECT_FALSE(session().mpTrack[1].mCodecStatus->mSawInputEOS);
+}
+
+TEST_F(InputReaderTest, aDecoderThatRefusesASampleEndsTheReaderAndTheRun) {
+    prepareReader();
+    mVideoDecoder->fail("queueInputBuffer", -38);
+    session().inputThreadEntry();
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "input abort by invalid state"));
+    EXPECT_EQ(0u, mJournal.count("extractor advance"));
+    EXPECT_TRUE(session().mForceStop) << "or the run would wait for an end that never comes";
+}
+
+TEST_F(InputReaderTest, aSampleThatADecoderCannotHoldReachesItEmpty) {
+    mPlatform.extractor().addTrack(audioFormat());
+    mPlatform.extractor().addTrack(videoFormat());
+    mAudioDecoder = mPlatform.decoder(kAac);
+    mAudioDecoder->setInputBuffers(2, 64);
+    mPlatform.extractor().addSample({0, 5, std::vector<uint8_t>(65)});
+    mPlatform.extractor().addSample({0, 6, std::vector<uint8_t>(64)});
+    prepareLoop();
+    session().inputThreadEntry();
+    ASSERT_EQ(3u, mAudioDecoder->queued().size());
+    EXPECT_EQ(0u, mAudioDecoder->queued()[0].bytes.size());
+    EXPECT_EQ(64u, mAudioDecoder->queued()[1].bytes.size());
+}
+
+TEST_F(InputReaderTest, samplesReadAheadComeFirst) {
+    prepareReader();
+    EXPECT_EQ(4, session().makeSampleList(session().mExtractor, &session().mSampleList, 4096));
+    const Transcode::SampleData& first = *session().mSampleList.begin();
+    EXPECT_EQ(1u, first.mTrackIndex);
+    EXPECT_FALSE(first.mIsAudio);
+    EXPECT_EQ(1, first.mIsSyncFrame);
+    EXPECT_EQ(kPictureBytes, first.mBuffer->size());
+    session().mNeedtoSeek = false;
+    session().inputThreadEntry();
+    EXPECT_EQ((Times{0, kAudioStepUs}), timesOf(mAudioDecoder));
+    EXPECT_EQ((Times{0, kVideoStepUs}), timesOf(mVideoDecoder));
+    EXPECT_EQ(1, mAudioDecoder->queued()[1].bytes[0]);
+    EXPECT_TRUE(session().mSampleList.empty());
+}
+
+TEST_F(InputReaderTest, readingAheadEndsAtSixAudioOrElevenVideoSamples) {
+    prepareEchoes();
+    for (int64_t i = 0; i < 20; ++i)
+        mPlatform.extractor().addSample({i % 2 == 0 ? 0u : 1u, i, {1}});
+    for (int64_t i = 20; i < 40; ++i) mPlatform.extractor().addSample({1, i, {1}});
+    prepareLoop();
+    List<Transcode::SampleData> list;
+    EXPECT_EQ(11, session().makeSampleList(session().mExtractor, &list, 64));
+    session().mExtractor->seekTo(20, MediaTrack::ReadOptions::SEEK_PREVIOUS_SYNC);
+    EXPECT_EQ(22, session().makeSampleList(session().mExtractor, &list, 64));
+}
+
+TEST_F(InputReaderTest, progressGrowsFromTheOffsetAndIsNeverRepeated) {
+    mRequest.mProgressOffset = 50;
+    session().mFileAttribute.mDurationUs = 10000000;
+    for (const int64_t t : {0, 5000000, 5000001, 4000000, 10000000}) session().printProgress(t);
+    EXPECT_EQ((std::vector<int32_t>{50, 75, 100}), mProgress);
+}
+
+TEST_F(InputReaderTest, progressOfATrimmedRunCountsFromTheFirstStartToTheLastEnd) {
+    setPeriods({{1000000, 2000000}, {3000000, 4999000}});
+    session().mFileAttribute.mDurationUs = 77;
+    for (const int64_t t : {1000000, 1040010, 3000000, 4999000, 4999001})
+        session().printProgress(t);
+    // (t + 1000 - 1000000) * 100 / (4999000 + 2000 - 1000000)
+    EXPECT_EQ((std::vector<int32_t>{1, 50, 99}), mProgress);
+}
+
+TEST_F(InputReaderTest, progressSurvivesDurationsAndTimesAtTheEndsOfTheRange) {
+    session().mFileAttribute.mDurationUs = 0;
+    session().printProgress(5);
+    EXPECT_TRUE(mProgress.empty());
+    session().mFileAttribute.mDurationUs = INT64_MAX;
+    session().printProgress(INT64_MAX);
+    EXPECT_EQ((std::vector<int32_t>{1}), mProgress) << "stays at the end of the range";
+    setPeriods({{INT64_MIN, INT64_MAX}});
+    session().printProgress(INT64_MAX);
+    session().printProgress(INT64_MIN);
+    EXPECT_EQ(1u, mProgress.size());
+}
+
+TEST_F(InputReaderTest, periodsAreAcceptedOnlyWhenNoneEndsBeforeItStarts) {
+    EXPECT_EQ(0, session().verifyTrimInfo());
+    EXPECT_EQ(-1, session().mCurrentPeriodIndex);
+    setPeriods({});
+    EXPECT_EQ(-38, session().verifyTrimInfo());
+    setPeriods({{0, 0}, {6, 5}});
+    EXPECT_EQ(-38, session().verifyTrimInfo());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "(0) period start(0) ~ end(0)"));
+    EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "invalid trim(1) duration start(6)-end(5)"));
+    setPeriods({{6, 6}});
+    session().mPeriodOffsetUs = 9;
+    EXPECT_EQ(0, session().verifyTrimInfo());
+    EXPECT_EQ(0, session().mCurrentPeriodIndex);
+    EXPECT_EQ(0, session().mPeriodOffsetUs);
+}
+
+TEST_F(InputReaderTest, timesOfTheInputSideAreRebasedLikeThoseOfTheOutput) {
+    setPeriods({{100, 200}, {500, 700}});
+    session().verifyTrimInfo();
+    session().mPeriodChanged = false;
+    const struct {
+        int64_t timeUs;
+        bool kept;
+        int64_t rebased;
+    } table[] = {{99, false, 99},  {100, true, 0},   {199, true, 99},   {200, false, 200},
+                 {500, true, 100}, {699, true, 299}, {700, false, 700}, {600, false, 600}};
+    for (const auto& row : table) {
+        int64_t timeUs = row.timeUs;
+        EXPECT_EQ(row.kept, session().adjustPresentationTimeUs(&timeUs)) << row.timeUs;
+        EXPECT_EQ(row.rebased, timeUs);
+    }
+    EXPECT_TRUE(session().mPeriodChanged);
+    EXPECT_EQ(300, session().mPeriodOffsetUs);
+}
+
+}  // namespace android::qmmediaeditor

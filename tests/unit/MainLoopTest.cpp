@@ -1,0 +1,250 @@
+// A whole run: what it brings, where it can be stopped, and what it returns.
+#include <unistd.h>
+
+#include <chrono>
+
+#include "SessionTest.h"
+
+namespace android::qmmediaeditor {
+
+class MainLoopTest : public SessionTest {
+protected:
+    void SetUp() override {
+        prepareEchoes();
+        // As the real ones: a dequeue without output comes back.
+        for (const auto* decoder : {&mAudioDecoder, &mVideoDecoder}) {
+            (*decoder)->setIdle(ScriptedCodec::Idle::kTryAgain);
+        }
+    }
+    void stopAt(const std::string& line) {
+        mJournal.on(line, [this] { session().forceStop(); });
+    }
+    void expectNoHang() {
+        EXPECT_EQ(0u, mJournal.count("writer tracks have not ended"));
+        EXPECT_EQ(1u, mJournal.count("writer stop"));
+        EXPECT_EQ(1u, mJournal.count("Transcode: inputThreadEntry end"));
+    }
+};
+
+TEST_F(MainLoopTest, everySampleOfBothTracksReachesTheWriter) {
+    addSamples(25, 25);
+    EXPECT_EQ(0, run());
+    const auto video = mPlatform.writer().samples(0);
+    const auto audio = mPlatform.writer().samples(1);
+    ASSERT_EQ(25u, video.size());
+    ASSERT_EQ(25u, audio.size());
+    for (size_t i = 0; i < 25; ++i) {
+        EXPECT_EQ(static_cast<int64_t>(i) * kVideoStepUs, video[i].timeUs);
+        EXPECT_EQ(std::vector<uint8_t>(kPictureBytes, static_cast<uint8_t>(i)), video[i].bytes);
+        EXPECT_EQ(static_cast<int64_t>(i) * kAudioStepUs, audio[i].timeUs);
+        EXPECT_EQ(std::vector<uint8_t>(kPcmBytes, static_cast<uint8_t>(i)), audio[i].bytes);
+    }
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Audio/Video CodecSource stop"));
+    EXPECT_TRUE(mJournal.linesOf("Transcode: force stop in output").empty());
+    EXPECT_EQ(0, mProgress.front());
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, theWriterIsWiredVideoFirstAndStoppedAfterTheDecoders) {
+    addSamples(1, 1);
+    mPlatform.writer().setEndDelay(1);
+    EXPECT_EQ(0, run());
+    const std::vector<std::string> expected = {"decoder audio/mp4a-latm start",
+                                               "decoder video/avc start",
+                                               "writer addSource video/avc",
+                                               "writer addSource audio/mp4a-latm",
+                                               "writer setListener",
+                                               "writer start",
+                                               "Transcode: inputThreadEntry end",
+                                               "decoder audio/mp4a-latm release",
+                                               "decoder video/avc release",
+                                               "writer reachedEOS",
+                                               "writer reachedEOS",
+                                               "writer stop"};
+    EXPECT_EQ(expected, mJournal.orderOf(expected));
+    EXPECT_TRUE(mJournal.linesOf("decoder video/avc stop").empty());
+    int32_t realTime = -1;
+    EXPECT_TRUE(mPlatform.writer().fileMeta()->findInt32(kKeyRealTimeRecording, &realTime));
+    EXPECT_EQ(0, realTime);
+}
+
+TEST_F(MainLoopTest, trimmedPeriodsAreJoinedAndTheRestIsDropped) {
+    addSamples(0, 20);
+    setPeriods({{kVideoStepUs, 3 * kVideoStepUs}, {10 * kVideoStepUs, 12 * kVideoStepUs}});
+    EXPECT_EQ(0, run());
+    std::vector<int64_t> times;
+    for (const auto& sample : mPlatform.writer().samples(0)) times.push_back(sample.timeUs);
+    EXPECT_EQ((std::vector<int64_t>{0, kVideoStepUs, 2 * kVideoStepUs, 3 * kVideoStepUs}), times);
+    EXPECT_TRUE(mPlatform.writer().samples(1).empty());
+}
+
+TEST_F(MainLoopTest, anInvalidTrimRequestIsRefusedBeforeAnyDecoderStarts) {
+    mRequest.mTrimEnabled = true;
+    session().forceStop();
+    EXPECT_EQ(-38, run());
+    EXPECT_TRUE(mJournal.linesOf("decoder audio/mp4a-latm start").empty());
+    EXPECT_FALSE(logged(ANDROID_LOG_VERBOSE, "Force stop before decoder start"));
+}
+
+TEST_F(MainLoopTest, aStopBeforeTheWriterStartsLeavesItAlone) {
+    const std::pair<const char*, const char*> table[] = {
+        {"decoder video/avc start", "Force stop before sniff frame"},
+        {"Transcode: createSource start", "Force Stop in createSource"},
+        {"Transcode: createSource end", "doTranscode End BY Force Stop"},
+    };
+    for (const auto& [at, message] : table) {
+        mSession.reset();
+        mRequest.mOutputFd = -1;
+        session();
+        stopAt(at);
+        EXPECT_EQ(-1003, run()) << at;
+        EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, message)) << at;
+        EXPECT_EQ(0u, mJournal.count("writer start")) << at;
+    }
+    const std::vector<std::string> order = {
+        "Transcode: force Stop before transcode loop", "TAudioSource: Call stop function",
+        "TVideoSource: Call stop function", "Transcode: doTranscode End BY Force Stop"};
+    EXPECT_EQ(order, mJournal.orderOf(order));
+}
+
+TEST_F(MainLoopTest, aStopInTheLoopEndsBothSourcesAndClosesTheFile) {
+    addSamples(3, 3);
+    stopAt("Transcode: Start loop");
+    EXPECT_EQ(-1003, run());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop in output"));
+    EXPECT_TRUE(
+        mLog.contains(ANDROID_LOG_VERBOSE, "TAudioSource", "The input source is reached EOS 1"));
+    EXPECT_TRUE(
+        mLog.contains(ANDROID_LOG_VERBOSE, "TVideoSource", "The input source is reached EOS 1"));
+    EXPECT_TRUE(session().mOutputStopped);
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, aStopBetweenTwoTracksIsSeenAtOnce) {
+    addSamples(30, 30);
+    stopAt("Transcode: Decoded frame size : 192, [Audio]");
+    EXPECT_EQ(-1003, run());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop in output2"));
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, anErrorOfTheWriterEndsTheRunAsAStop) {
+    addSamples(3, 3);
+    mPlatform.writer().setStopResult(-5);
+    mJournal.on("Transcode: Start loop", [this] { mPlatform.writer().fire(1, 0, 0); });
+    EXPECT_EQ(-1003, run());
+    EXPECT_FALSE(logged(ANDROID_LOG_DEBUG, "MPEG4Writer stop result: -5"));
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, aFileThatCannotBeClosedIsAFailure) {
+    addSamples(1, 1);
+    mPlatform.writer().setStopResult(-5);
+    EXPECT_EQ(-1010, run());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "MPEG4Writer stop result: -5"));
+}
+
+TEST_F(MainLoopTest, anEncoderThatCannotBeHadEndsTheRun) {
+    addSamples(30, 30);
+    mPlatform.refuseCodec(kAvc, true);
+    EXPECT_EQ(-1130, run());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "encoder error"));
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, aTrackWithoutOutputEndsTheFileAllTheSame) {
+    // The decoders say nothing but the end: no source ever gets an encoder.
+    for (const auto* decoder : {&mAudioDecoder, &mVideoDecoder}) {
+        (*decoder)->clearOutput();
+    }
+    EXPECT_EQ(0, run());
+    expectNoHang();
+}
+
+struct EncoderFault {
+    const char* what;
+    bool video;
+    void (*inject)(const sp<ScriptedCodec>& encoder);
+};
+
+class EncoderFaultTest : public MainLoopTest, public ::testing::WithParamInterface<EncoderFault> {};
+
+TEST_P(EncoderFaultTest, anEncoderThatFailsInTheMiddleEndsTheRunWithAnErrorSoon) {
+    addSamples(60, 60);
+    const EncoderFault& fault = GetParam();
+    fault.inject(fault.video ? mVideoEncoder : mAudioEncoder);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(-1130, run());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    expectNoHang();
+    const std::string tag = fault.video ? "VideoEncoderThread" : "AudioEncoderThread";
+    EXPECT_TRUE(mLog.waitFor(tag, "inputThreadEntry end"));
+    EXPECT_TRUE(mLog.waitFor(tag, "Call threadLoop End"));
+}
+
+void failDequeueingInput(const sp<ScriptedCodec>& encoder) { encoder->inputResult(-38); }
+void failQueueing(const sp<ScriptedCodec>& encoder) { encoder->fail("queueInputBuffer", -5, 20); }
+void failOutput(const sp<ScriptedCodec>& encoder) { encoder->outputResult(-1010); }
+
+INSTANTIATE_TEST_SUITE_P(Encoders, EncoderFaultTest,
+                         ::testing::Values(EncoderFault{"audioInput", false, failDequeueingInput},
+                                           EncoderFault{"audioQueue", false, failQueueing},
+                                           EncoderFault{"audioOutput", false, failOutput},
+                                           EncoderFault{"videoInput", true, failDequeueingInput},
+                                           EncoderFault{"videoQueue", true, failQueueing},
+                                           EncoderFault{"videoOutput", true, failOutput}),
+                         [](const auto& fault) { return fault.param.what; });
+
+TEST_F(MainLoopTest, anEncoderThatFailsAfterTheDecodersEndedIsStillAnError) {
+    addSamples(2, 2);
+    mVideoEncoder->holdInput(true);
+    mVideoEncoder->fail("queueInputBuffer", -5);
+    mJournal.on("Transcode: wait writer EOS", [this] { mVideoEncoder->holdInput(false); });
+    EXPECT_EQ(-1130, run());
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, theUuidDataOfTheInputIsCopied) {
+    const struct {
+        sp<ABuffer> data;
+        bool readable;
+        const char* message;
+    } table[] = {{bufferOf({9, 8, 7}), true, "Get uuid-data:[3]"},
+                 {bufferOf({}), true, "This file meta has not uuid data"},
+                 {nullptr, true, "This file meta has not uuid data"},
+                 {nullptr, false, ""}};
+    for (const auto& row : table) {
+        session().createExtractor(session().mFileAttribute);
+        session().mMP4Writer = new MPEG4Writer(-1);
+        mPlatform.extractor().fileFormat()->setBuffer("uuid-data", row.data);
+        mPlatform.extractor().fail("getFileFormat", row.readable ? 0 : -1);
+        if (row.data != nullptr) row.data->setRange(0, row.data->size());
+        const size_t before = logged().size();
+        session().copyUuidData();
+        EXPECT_EQ(row.readable ? before + 1 : before, logged().size());
+        if (row.readable) {
+            EXPECT_EQ(row.message, logged().back());
+        }
+    }
+    EXPECT_EQ((std::vector<std::string>{"platform setUuidData 3"}),
+              mJournal.linesOf("platform setUuidData"));
+    EXPECT_EQ((std::vector<uint8_t>{9, 8, 7}), mPlatform.uuidData());
+}
+
+TEST_F(MainLoopTest, oneBufferHoldsWhatTheLargestInputBufferHolds) {
+    mAudioDecoder->setInputBuffers(3, 7000);
+    mVideoDecoder->setInputBuffers(5, 6000);
+    mVideoDecoder->setOutputBuffers(9, 1);
+    prepareLoop();
+    EXPECT_EQ(7000u, session().mSampleBufferSize);
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "got 3 input and 16 output buffers"));
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "got 5 input and 9 output buffers"));
+}
+
+TEST_F(MainLoopTest, anEmptyProgressCallbackIsAFaultOfTheHost) {
+    mRequest.mProgressCallback = nullptr;
+    ASSERT_EQ(0, session().createModule());
+    EXPECT_THROW(session().printProgress(5000000), std::bad_function_call);
+}
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,134 @@
+// Construction, module creation and the order in which a session is taken apart.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "SessionTest.h"
+
+namespace android::qmmediaeditor {
+
+class SessionSetUpTest : public SessionTest {
+protected:
+    // What the kernel calls the looper's thread.
+    static std::string threadNameOf(const sp<ALooper>& looper) {
+        std::promise<std::string> name;
+        looper->post([&name] {
+            char text[16];
+            pthread_getname_np(pthread_self(), text, sizeof(text));
+            name.set_value(text);
+        });
+        return name.get_future().get();
+    }
+};
+
+TEST_F(SessionSetUpTest, aFreshSessionHasItsDefaultsAndTouchesNothing) {
+    const Transcode& s = session();
+    EXPECT_EQ(-1, s.mAudioAttribute.mAudioTrackIndex);
+    EXPECT_EQ(-1, s.mVideoTrackIndex);
+    EXPECT_EQ(-1, s.mCurrentPeriodIndex);
+    EXPECT_TRUE(s.mPeriodChanged && s.mAcceptAudioFormatChange);
+    EXPECT_FALSE(s.mNeedtoSeek || s.mOutputStopped || s.mForceStop || s.mPTrimEnabled);
+    EXPECT_EQ(-1, s.mSeekTime);
+    EXPECT_EQ(21, s.mVideoAttribute.mDecoderColorFormat);
+    mSession.reset();
+    const std::vector<std::string> expected = {
+        "Constructor Transcode start", "Constructor Transcode end [progressOffset:0]",
+        "Decontructor ~Transcode start", "Decontructor ~Transcode end",
+        "TranscodeListener destructor"};
+    EXPECT_EQ(expected, logged());
+    EXPECT_EQ(expected.size(), mJournal.lines().size()) << "no platform object was asked for";
+}
+
+TEST_F(SessionSetUpTest, aProgressOffsetBeyondAHundredCountsAsNone) {
+    const std::pair<uint32_t, int32_t> table[] = {{0, 0}, {100, 100}, {101, 0}, {4294967295u, 0}};
+    for (const auto& [requested, kept] : table) {
+        mRequest.mProgressOffset = requested;
+        mSession.reset();
+        EXPECT_EQ(kept, session().mProgressOffset) << requested;
+    }
+}
+
+TEST_F(SessionSetUpTest, moduleCreationTakesTheOutputAndMeasuresTheInput) {
+    prepareEchoes();
+    EXPECT_EQ(0, session().createModule());
+    EXPECT_EQ(-1, fcntl(mRequest.mOutputFd, F_GETFD)) << "the output descriptor is closed";
+    EXPECT_EQ(kInputBytes, lseek(mRequest.mInputFd, 0, SEEK_CUR));
+    EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Input file(FD[" + std::to_string(mRequest.mInputFd) +
+                                                "] size : [4000000]"));
+    EXPECT_EQ("T_Audio-Decoder", threadNameOf(session().mAudioDecoderLooper));
+    EXPECT_EQ("T_Video-Decoder", threadNameOf(session().mVideoDecoderLooper));
+}
+
+TEST_F(SessionSetUpTest, inputsThatCannotBeUsedAreRefusedWithTheOutputClosed) {
+    const struct {
+        const char* what;
+        int32_t result;
+        const char* message;
+        std::function<void()> prepare;
+    } table[] = {
+        {"empty", -38, "input file one size is zero",
+         [this] { EXPECT_EQ(0, ftruncate(mRequest.mInputFd, 0)); }},
+        {"not seekable", -38, "input file one size is zero",
+         [this] {
+             close(mRequest.mInputFd);
+             mRequest.mInputFd = -1;
+         }},
+        {"no track", -38, "Track is not exist",
+         [this] {
+             mRequest.mInputFd = memfd_create("input", 0);
+             EXPECT_EQ(0, ftruncate(mRequest.mInputFd, 1));
+         }},
+        {"not a container", -38, "unable to instantiate extractor.",
+         [this] { mPlatform.extractor().fail("setDataSource", -1010); }},
+    };
+    for (const auto& row : table) {
+        mSession.reset();
+        mRequest.mOutputFd = memfd_create("output", 0);
+        row.prepare();
+        EXPECT_EQ(row.result, session().createModule()) << row.what;
+        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, row.message)) << row.what;
+        EXPECT_EQ(-1, fcntl(mRequest.mOutputFd, F_GETFD)) << row.what;
+    }
+}
+
+TEST_F(SessionSetUpTest, teardownGoesWriterDecodersSourcesAndLeavesNothingBehind) {
+    prepareEchoes();
+    addSamples(3, 3);
+    EXPECT_EQ(0, run());
+    wp<TAudioSource> audio = session().mAudioSource;
+    wp<TVideoSource> video = session().mVideoSource;
+    wp<ALooper> audioLooper = session().mAudioDecoderLooper;
+    wp<ALooper> videoLooper = session().mVideoDecoderLooper;
+    wp<MetaData> fileMeta = session().mFileMeta;
+    endSources();
+    mPlatform.letGoOfWriter();
+    mJournal.clear();
+    mSession.reset();
+    const std::vector<std::string> expected = {"Transcode: Decontructor ~Transcode start",
+                                               "writer destroyed",
+                                               "decoder audio/mp4a-latm stop",
+                                               "decoder audio/mp4a-latm release",
+                                               "decoder video/avc stop",
+                                               "decoder video/avc release",
+                                               "TAudioSource: mMediaEncoderThread stopThread",
+                                               "TAudioSource: Decontructor TAudioSource start",
+                                               "TAudioSource: Decontructor TAudioSource end",
+                                               "TVideoSource: mMediaEncoderThread stopThread",
+                                               "TVideoSource: Decontructor TVideoSource start",
+                                               "TVideoSource: Decontructor TVideoSource end",
+                                               "Transcode: Decontructor ~Transcode end",
+                                               "Transcode: TranscodeListener destructor"};
+    EXPECT_EQ(expected, mJournal.lines());
+    EXPECT_TRUE(audio.promote() == nullptr && video.promote() == nullptr);
+    EXPECT_TRUE(audioLooper.promote() == nullptr && videoLooper.promote() == nullptr);
+    EXPECT_EQ(nullptr, fileMeta.promote());
+    for (const auto* codec : {&mAudioDecoder, &mVideoDecoder, &mAudioEncoder, &mVideoEncoder}) {
+        EXPECT_EQ(1, (*codec)->getStrongCount()) << "the test's own";
+    }
+}
+
+}  // namespace android::qmmediaeditor

@@ -1,0 +1,118 @@
+#include "SessionTest.h"
+
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "SourceKinds.h"
+
+namespace android::qmmediaeditor {
+
+SessionTest::SessionTest() {
+    mRequest.mInputFd = memfd_create("input", 0);
+    mRequest.mOutputFd = memfd_create("output", 0);
+    EXPECT_EQ(0, ftruncate(mRequest.mInputFd, kInputBytes));
+    mRequest.mProgressCallback = [this](int32_t percent) { mProgress.push_back(percent); };
+}
+
+SessionTest::~SessionTest() {
+    endSources();
+    mSession.reset();
+    close(mRequest.mInputFd);
+    // Closed by the session when it came that far.
+    close(mRequest.mOutputFd);
+    EXPECT_TRUE(mTrap.elsewhere().empty()) << mTrap.elsewhere().front();
+}
+
+void SessionTest::endSources() {
+    if (mSession == nullptr) return;
+    if (mSession->mAudioSource != nullptr) endSource(*mSession->mAudioSource);
+    if (mSession->mVideoSource != nullptr) endSource(*mSession->mVideoSource);
+}
+
+sp<AMessage> SessionTest::audioFormat(int64_t durationUs) {
+    sp<AMessage> format = new AMessage;
+    format->setString("mime", kAac);
+    format->setInt64("durationUs", durationUs);
+    format->setInt32("channel-count", 2);
+    format->setInt32("sample-rate", 48000);
+    return format;
+}
+
+sp<AMessage> SessionTest::videoFormat(int64_t durationUs) {
+    sp<AMessage> format = new AMessage;
+    format->setString("mime", kAvc);
+    format->setInt64("durationUs", durationUs);
+    format->setInt32("width", 16);
+    format->setInt32("height", 16);
+    format->setInt32("frame-rate", 30);
+    return format;
+}
+
+sp<ABuffer> SessionTest::bufferOf(const std::vector<uint8_t>& bytes) {
+    return ABuffer::CreateAsCopy(bytes.data(), bytes.size());
+}
+
+void SessionTest::prepareEchoes() {
+    mPlatform.extractor().addTrack(audioFormat());
+    mPlatform.extractor().addTrack(videoFormat());
+    mAudioDecoder = mPlatform.decoder(kAac);
+    mVideoDecoder = mPlatform.decoder(kAvc);
+    mAudioEncoder = mPlatform.encoder(kAac);
+    mVideoEncoder = mPlatform.encoder(kAvc);
+    sp<AMessage> decodedVideo = videoFormat();
+    decodedVideo->setInt32("color-format", 19);
+    mAudioDecoder->formatChange(audioFormat());
+    mVideoDecoder->formatChange(decodedVideo);
+    for (const auto& codec : {mAudioDecoder, mVideoDecoder, mAudioEncoder, mVideoEncoder}) {
+        codec->echo();
+    }
+}
+
+void SessionTest::addSamples(size_t audioCount, size_t videoCount) {
+    size_t audio = 0;
+    size_t video = 0;
+    while (audio < audioCount || video < videoCount) {
+        const auto audioUs = static_cast<int64_t>(audio) * kAudioStepUs;
+        const auto videoUs = static_cast<int64_t>(video) * kVideoStepUs;
+        if (video == videoCount || (audio < audioCount && audioUs < videoUs)) {
+            mPlatform.extractor().addSample(
+                {0, audioUs, std::vector<uint8_t>(kPcmBytes, static_cast<uint8_t>(audio++))});
+        } else {
+            mPlatform.extractor().addSample(
+                {1, videoUs, std::vector<uint8_t>(kPictureBytes, static_cast<uint8_t>(video++))});
+        }
+    }
+}
+
+void SessionTest::setPeriods(const std::vector<TrimPeriod>& periods) {
+    mPeriods = periods;
+    mRequest.mTrimEnabled = true;
+    mRequest.mPeriodCount = static_cast<int32_t>(mPeriods.size());
+    mRequest.mPeriods = mPeriods.data();
+}
+
+Transcode& SessionTest::session() {
+    if (mSession == nullptr) mSession = std::make_unique<Transcode>(&mRequest, nullptr);
+    return *mSession;
+}
+
+void SessionTest::prepareLoop() {
+    ASSERT_EQ(OK, session().createModule());
+    ASSERT_EQ(OK, session().verifyTrimInfo());
+    session().startDecoders();
+    session().mSampleBuffer = new ABuffer(session().mSampleBufferSize);
+    ASSERT_EQ(OK, session().createSource());
+    if (session().mAudioSource != nullptr) session().mAudioSource->start();
+    if (session().mVideoSource != nullptr) session().mVideoSource->start();
+    for (const auto& encoder : {mAudioEncoder, mVideoEncoder}) {
+        if (encoder != nullptr) encoder->holdInput(true);
+    }
+}
+
+int32_t SessionTest::run() {
+    const int32_t err = session().createModule();
+    return err == OK ? session().doTranscode() : err;
+}
+
+}  // namespace android::qmmediaeditor

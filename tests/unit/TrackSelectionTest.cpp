@@ -1,0 +1,153 @@
+// Which tracks are decoded, and with what.
+#include <editorutils/MediaEditorDefs.h>
+
+#include "SessionTest.h"
+
+namespace android::qmmediaeditor {
+
+// The selection among the tracks of a platform of its own.
+struct Selection {
+    explicit Selection(TranscodeProperty* request) : session(request, nullptr) {
+        session.createExtractor(session.mFileAttribute);
+    }
+    sp<AMessage> addTrack(const char* mime, int64_t durationUs = 1000000) {
+        sp<AMessage> format = new AMessage;
+        format->setString("mime", mime);
+        format->setInt64("durationUs", durationUs);
+        platform.extractor().addTrack(format);
+        return format;
+    }
+    int run() { return session.createTrack(); }
+
+    ScriptedPlatform platform;
+    Transcode session;
+};
+
+class TrackSelectionTest : public SessionTest {};
+
+TEST_F(TrackSelectionTest, theFirstUsableTrackOfEachKindIsChosen) {
+    const struct {
+        std::vector<const char*> mimes;
+        int32_t audio;
+        int32_t video;
+    } table[] = {
+        {{}, -1, -1},
+        {{"text/3gpp"}, -1, -1},
+        {{"audio/mp4a-latm", "video/avc"}, 0, 1},
+        {{"video/avc", "video/hevc", "audio/mpeg", "audio/3gpp"}, 2, 0},
+        {{"AUDIO/mpeg", "ViDeO/avc"}, 0, 1},
+        {{MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED, "audio/mpeg"}, 1, -1},
+        {{"VIDEO/X-NOTSUPPORTED", "text/3gpp", "video/avc"}, -1, 2},
+        {{"audio", "videos/avc"}, -1, -1},
+    };
+    for (const auto& row : table) {
+        Selection selection(&mRequest);
+        for (const char* mime : row.mimes) selection.addTrack(mime);
+        EXPECT_EQ(0, selection.run());
+        const Transcode& s = selection.session;
+        const std::string what = row.mimes.empty() ? "no track" : row.mimes.front();
+        EXPECT_EQ(row.audio, s.mAudioAttribute.mAudioTrackIndex) << what;
+        EXPECT_EQ(row.video, s.mVideoTrackIndex) << what;
+        EXPECT_EQ(row.audio >= 0, s.mFileAttribute.mHasAudio != 0) << what;
+        EXPECT_EQ(row.video >= 0, s.mFileAttribute.mHasVideo != 0) << what;
+        std::vector<std::string> selected;
+        for (int32_t i = 0; i < s.mTrackCount; ++i) {
+            EXPECT_EQ(i == row.audio || i == row.video, s.mpTrack[i].mSelected) << what;
+            EXPECT_EQ(s.mpTrack[i].mSelected, s.mpTrack[i].mCodecStatus != nullptr) << what;
+            if (!s.mpTrack[i].mSelected) continue;
+            EXPECT_EQ(i == row.audio, s.mpTrack[i].mCodecStatus->mIsAudio) << what;
+            selected.push_back("extractor selectTrack " + std::to_string(i));
+        }
+        EXPECT_EQ(selected, selection.platform.journal().linesOf("extractor selectTrack")) << what;
+    }
+}
+
+TEST_F(TrackSelectionTest, decodersAreConfiguredButNotStarted) {
+    Selection selection(&mRequest);
+    selection.addTrack(kAac);
+    const sp<AMessage> video = selection.addTrack(kAvc);
+    EXPECT_EQ(0, selection.run());
+    EXPECT_EQ((std::vector<std::string>{
+                  "extractor setDataSource 0 0", "platform createCodec audio/mp4a-latm decoder",
+                  "decoder audio/mp4a-latm configure 0", "extractor selectTrack 0",
+                  "platform createCodec video/avc decoder", "decoder video/avc configure 0",
+                  "extractor selectTrack 1"}),
+              selection.platform.journal().lines());
+    int32_t colorFormat = 0;
+    EXPECT_TRUE(video->findInt32("color-format", &colorFormat));
+    EXPECT_EQ(19, colorFormat);
+}
+
+TEST_F(TrackSelectionTest, theDurationIsTheLongestOfTheSelectedTracks) {
+    Selection selection(&mRequest);
+    selection.addTrack(kAac, 5000000);
+    selection.addTrack(kAvc, 3000000);
+    selection.addTrack("audio/mpeg", 9000000);
+    EXPECT_EQ(0, selection.run());
+    EXPECT_EQ(5000000, selection.session.mFileAttribute.mDurationUs);
+}
+
+TEST_F(TrackSelectionTest, onlyAPositiveEncoderDelayIsTakenAway) {
+    for (const int32_t delay : {-3, 0, 1, 1024}) {
+        Selection selection(&mRequest);
+        selection.addTrack(kAac)->setInt32("encoder-delay", delay);
+        const sp<ScriptedCodec> decoder = selection.platform.decoder(kAac);
+        EXPECT_EQ(0, selection.run());
+        int32_t seen = 99;
+        decoder->configuredFormat()->findInt32("encoder-delay", &seen);
+        EXPECT_EQ(delay >= 1 ? 0 : delay, seen);
+    }
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "encoder delay is 1024. set to zero"));
+}
+
+TEST_F(TrackSelectionTest, hdrContentIsDitheredWhereTheDeviceWantsIt) {
+    for (const int type : {-1, 3}) {
+        Selection selection(&mRequest);
+        selection.platform.setDitherType(type);
+        selection.addTrack(kAvc)->setInt32("android._is-hdr", 1);
+        const sp<ScriptedCodec> decoder = selection.platform.decoder(kAvc);
+        EXPECT_EQ(0, selection.run());
+        int32_t dither = -1;
+        decoder->configuredFormat()->findInt32("dither-type", &dither);
+        EXPECT_EQ(type, dither);
+    }
+    EXPECT_EQ(2u, mJournal.count("Transcode: isHDR - I420"));
+    EXPECT_EQ(1u, mJournal.count("Transcode: [HDR] set dither type : 3"));
+}
+
+TEST_F(TrackSelectionTest, codecDataIsKeptOfExactlyOneSpellingOfAvc) {
+    for (const char* mime : {"video/avc", "video/AVC"}) {
+        Selection selection(&mRequest);
+        const sp<AMessage> track = selection.addTrack(mime);
+        track->setBuffer("csd-0", bufferOf({1, 2}));
+        track->setBuffer("csd-1", bufferOf({3}));
+        EXPECT_EQ(0, selection.run());
+        const bool kept = mime == std::string("video/avc");
+        EXPECT_EQ(kept, selection.session.mVideoAttribute.mAvcCsd0 != nullptr);
+        EXPECT_EQ(kept, selection.session.mVideoAttribute.mAvcCsd1 != nullptr);
+    }
+}
+
+TEST_F(TrackSelectionTest, failuresAreReported) {
+    const struct {
+        int result;
+        const char* message;
+        std::function<void(ScriptedPlatform&)> prepare;
+    } table[] = {
+        {-77, "unable to configure decoder",
+         [](ScriptedPlatform& p) { p.decoder(kAvc)->fail("configure", -77); }},
+        {-1010, "Failed selecting track",
+         [](ScriptedPlatform& p) { p.extractor().fail("selectTrack", -5); }},
+        {-1010, "Failed get track format",
+         [](ScriptedPlatform& p) { p.extractor().fail("getTrackFormat", -5); }},
+    };
+    for (const auto& row : table) {
+        Selection selection(&mRequest);
+        selection.addTrack(kAvc);
+        row.prepare(selection.platform);
+        EXPECT_EQ(row.result, selection.run());
+        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, row.message));
+    }
+}
+
+}  // namespace android::qmmediaeditor
