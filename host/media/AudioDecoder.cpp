@@ -147,8 +147,10 @@ CodecEngine::Step AudioDecoder::produceWithoutInput(const TimeLine& timeLine, in
     if (timeLine.number != mTimeLine.number) enter(timeLine);
     if (mFormat == nullptr) return Step::kNeedsInput;
     const int64_t untilUs = std::min(positionUs, mTrackEndUs);
+    // Before the first sample of a time line, the position is no time yet.
+    if (silenceDueUs() >= untilUs) return Step::kNeedsInput;
     const int64_t missing = frameAt(untilUs) - mNextFrame;
-    if (silenceDueUs() >= untilUs || missing <= 0) return Step::kNeedsInput;
+    if (missing <= 0) return Step::kNeedsInput;
     mSilenceFrames = missing;
     mInHole = true;
     return produceChunk(output);

@@ -83,8 +83,9 @@ status_t PacketDecoder::prepare(const sp<AMessage>& format) {
 status_t PacketDecoder::open() {
     const int error = avcodec_open2(mContext.get(), nullptr, nullptr);
     if (error < 0) {
+        // The failure has taken the codec out of the context.
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s cannot be opened: %d",
-                            mContext->codec->name, error);
+                            avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
     }
     return OK;

@@ -51,8 +51,9 @@ status_t PacketEncoder::open(AVDictionary* options) {
     const int error = avcodec_open2(mContext.get(), mContext->codec, &options);
     av_dict_free(&options);
     if (error < 0) {
+        // The failure has taken the codec out of the context.
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s cannot be opened: %d",
-                            mContext->codec->name, error);
+                            avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
     }
     return OK;

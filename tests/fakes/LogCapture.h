@@ -26,9 +26,7 @@ public:
 
     std::vector<Line> lines() const;
     bool contains(int priority, const std::string& tag, const std::string& text) const;
-    // In order; of one thread when one is given.
-    std::vector<std::string> texts(const std::string& tag,
-                                   std::thread::id thread = std::thread::id()) const;
+    std::vector<std::string> texts(const std::string& tag) const;
     bool waitFor(const std::string& tag, const std::string& text, size_t times = 1) const {
         return mJournal->waitFor(tag + ": " + text, times);
     }

@@ -222,7 +222,7 @@ status_t ScriptedCodec::dequeueOutputBuffer(size_t* index, size_t* offset, size_
     if (output.forcedIndex) return OK;
     const sp<MediaCodecBuffer>& buffer = mOutBuffers[taken];
     const size_t held = std::min(output.bytes.size(), buffer->capacity());
-    memcpy(buffer->base(), output.bytes.data(), held);
+    std::copy_n(output.bytes.begin(), held, buffer->base());
     buffer->setRange(0, held);
     mOutputHeld[taken] = true;
     return OK;

@@ -58,7 +58,7 @@ TEST_F(GoldenRunTest, everyMessageOfAWholeRunIsAsItWas) {
         }
     });
     EXPECT_EQ(0, run());
-    endSources();
+    awaitEncoders();
     mPlatform.letGoOfWriter();
     mSession.reset();
 

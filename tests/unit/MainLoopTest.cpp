@@ -173,6 +173,8 @@ TEST_P(EncoderFaultTest, anEncoderThatFailsInTheMiddleEndsTheRunWithAnErrorSoon)
     addSamples(60, 60);
     const EncoderFault& fault = GetParam();
     fault.inject(fault.video ? mVideoEncoder : mAudioEncoder);
+    // The other track never ends by itself.
+    (fault.video ? mAudioDecoder : mVideoDecoder)->holdOutput(true);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-1130, run());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));

@@ -104,24 +104,31 @@ TEST_F(SessionSetUpTest, teardownGoesWriterDecodersSourcesAndLeavesNothingBehind
     wp<ALooper> audioLooper = session().mAudioDecoderLooper;
     wp<ALooper> videoLooper = session().mVideoDecoderLooper;
     wp<MetaData> fileMeta = session().mFileMeta;
-    endSources();
+    awaitEncoders();
     mPlatform.letGoOfWriter();
     mJournal.clear();
     mSession.reset();
-    const std::vector<std::string> expected = {"Transcode: Decontructor ~Transcode start",
-                                               "writer destroyed",
-                                               "decoder audio/mp4a-latm stop",
-                                               "decoder audio/mp4a-latm release",
-                                               "decoder video/avc stop",
-                                               "decoder video/avc release",
-                                               "TAudioSource: mMediaEncoderThread stopThread",
-                                               "TAudioSource: Decontructor TAudioSource start",
-                                               "TAudioSource: Decontructor TAudioSource end",
-                                               "TVideoSource: mMediaEncoderThread stopThread",
-                                               "TVideoSource: Decontructor TVideoSource start",
-                                               "TVideoSource: Decontructor TVideoSource end",
-                                               "Transcode: Decontructor ~Transcode end",
-                                               "Transcode: TranscodeListener destructor"};
+    const std::vector<std::string> expected = {
+        "Transcode: Decontructor ~Transcode start",
+        "writer destroyed",
+        "decoder audio/mp4a-latm stop",
+        "decoder audio/mp4a-latm release",
+        "decoder video/avc stop",
+        "decoder video/avc release",
+        "TAudioSource: mMediaEncoderThread stopThread",
+        "AudioEncoderThread: Call requestExit start",
+        "AudioEncoderThread: Call requestExit end",
+        "AudioEncoderThread: Decontructor MediaEncoderThread",
+        "TAudioSource: Decontructor TAudioSource start",
+        "TAudioSource: Decontructor TAudioSource end",
+        "TVideoSource: mMediaEncoderThread stopThread",
+        "VideoEncoderThread: Call requestExit start",
+        "VideoEncoderThread: Call requestExit end",
+        "VideoEncoderThread: Decontructor MediaEncoderThread",
+        "TVideoSource: Decontructor TVideoSource start",
+        "TVideoSource: Decontructor TVideoSource end",
+        "Transcode: Decontructor ~Transcode end",
+        "Transcode: TranscodeListener destructor"};
     EXPECT_EQ(expected, mJournal.lines());
     EXPECT_TRUE(audio.promote() == nullptr && video.promote() == nullptr);
     EXPECT_TRUE(audioLooper.promote() == nullptr && videoLooper.promote() == nullptr);

@@ -16,7 +16,10 @@ SessionTest::SessionTest() {
 }
 
 SessionTest::~SessionTest() {
-    endSources();
+    // A test of a part of a run leaves encoders behind.
+    if (mSession != nullptr && mSession->mAudioSource != nullptr) mSession->mAudioSource->stop();
+    if (mSession != nullptr && mSession->mVideoSource != nullptr) mSession->mVideoSource->stop();
+    if (mSession != nullptr) awaitEncoders();
     mSession.reset();
     close(mRequest.mInputFd);
     // Closed by the session when it came that far.
@@ -24,10 +27,9 @@ SessionTest::~SessionTest() {
     EXPECT_TRUE(mTrap.elsewhere().empty()) << mTrap.elsewhere().front();
 }
 
-void SessionTest::endSources() {
-    if (mSession == nullptr) return;
-    if (mSession->mAudioSource != nullptr) endSource(*mSession->mAudioSource);
-    if (mSession->mVideoSource != nullptr) endSource(*mSession->mVideoSource);
+void SessionTest::awaitEncoders() {
+    if (session().mAudioSource != nullptr) awaitEncoderThread(*session().mAudioSource);
+    if (session().mVideoSource != nullptr) awaitEncoderThread(*session().mVideoSource);
 }
 
 sp<AMessage> SessionTest::audioFormat(int64_t durationUs) {

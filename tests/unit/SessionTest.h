@@ -45,8 +45,8 @@ protected:
     // nothing.
     void prepareLoop();
     int32_t run();
-    // Has the encoders of the session gone, whose threads may outlive a run by a moment.
-    void endSources();
+    // The encoders' threads may outlive a run by a moment.
+    void awaitEncoders();
 
     std::vector<std::string> logged(const std::string& tag = "Transcode") const {
         return mLog.texts(tag);

@@ -7,6 +7,7 @@
 #include <fakes/LogCapture.h>
 #include <fakes/ScriptedPlatform.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <string.h>
 
 #include <string>
@@ -55,14 +56,19 @@ struct VideoKind {
     static void makePool(Source& s) { s.makePool(1024); }
 };
 
-// Stops a source for good. The output loop lets go of its own object as the last thing it does,
-// after it has told everyone that it ended.
+// Of a stopped source. The output loop lets go of its own object as the last thing it does, after
+// it has told everyone that it ended.
+template <class Source>
+void awaitEncoderThread(Source& source) {
+    const auto thread = source.mMediaEncoderThread;
+    while (thread != nullptr && thread->getStrongCount() > 2) sched_yield();
+}
+
 template <class Source>
 void endSource(Source& source) {
-    const auto thread = source.mMediaEncoderThread;
     source.stop();
+    awaitEncoderThread(source);
     source.stopThread();
-    while (thread != nullptr && thread->getStrongCount() > 1) sched_yield();
 }
 
 template <class Kind>

@@ -246,8 +246,9 @@ bool TAudioSource::MediaEncoderThread::threadLoop() {
     QM_LOGV(kTag, "Call threadLoop start");
     const std::shared_ptr<PortLatch> ports = mPorts;
     ports->enter();
-    const sp<MediaCodec> codec = EncoderThreadControl::codec(*this);
+    sp<MediaCodec> codec = EncoderThreadControl::codec(*this);
     if (codec != nullptr && !mExitRequested) drainEncoder(codec);
+    codec.clear();
     QM_LOGV(kTag, "Call threadLoop End");
     ports->leave();
     return false;

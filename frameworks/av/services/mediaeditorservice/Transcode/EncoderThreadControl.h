@@ -139,12 +139,12 @@ struct EncoderThreadControl {
     }
 
     // The source's last words to its thread: both ports are gone, or the bound has passed, when it
-    // returns.
+    // returns. The platform's thread may hold the object a moment longer; the source is let go now.
     template <class EncoderThread>
     static void retire(sp<EncoderThread>& t) {
         if (t == nullptr) return;
         t->requestExit();
-        if (t->mExitRequested) t->mPorts->waitIdle(kPortEndBound);
+        if (t->mExitRequested && t->mPorts->waitIdle(kPortEndBound)) t->mSource.clear();
         t.clear();
     }
 

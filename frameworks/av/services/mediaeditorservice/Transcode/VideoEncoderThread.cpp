@@ -195,13 +195,14 @@ bool TVideoSource::MediaEncoderThread::threadLoop() {
     QM_LOGV(kTag, "Call threadLoop start");
     const std::shared_ptr<PortLatch> ports = mPorts;
     ports->enter();
-    const sp<MediaCodec> codec = EncoderThreadControl::codec(*this);
+    sp<MediaCodec> codec = EncoderThreadControl::codec(*this);
     Next next = codec == nullptr || mExitRequested ? Next::kEnd : Next::kGoOn;
     while (next == Next::kGoOn && !mOutputEOS) {
         next = handleDrainResult(codec, drainEncoder(codec));
         if (mExitRequested) next = Next::kEnd;
     }
     mExitRequested = true;
+    codec.clear();
     QM_LOGV(kTag, "Call threadLoop End");
     ports->leave();
     return false;
