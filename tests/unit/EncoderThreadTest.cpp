@@ -91,6 +91,7 @@ TYPED_TEST(EncoderThreadTest, whatIsPushedTravelsThroughTheEncoderAndEndsWithAnE
     EXPECT_TRUE(queued[3].bytes.empty());
     EXPECT_EQ(0, queued[3].timeUs);
     EXPECT_EQ(4u, queued[3].flags);
+    EXPECT_TRUE(this->thread().mInputEOS);
     EXPECT_EQ(990000, this->mEncoder->lastTimeoutUs());
     EXPECT_EQ(3u, this->readAll());
     EXPECT_EQ(0u, this->mEncoder->heldOutputs());
@@ -112,6 +113,7 @@ TYPED_TEST(EncoderThreadTest, theLastOutputIsForwardedOnlyAsAudioWithDataAfterTi
         const size_t expected = TypeParam::kIsAudio ? row.audio : 1;
         EXPECT_EQ(expected, this->readAll());
         EXPECT_EQ(expected - 1, this->mJournal.count(this->threadLine("frame with eos")));
+        EXPECT_EQ(expected == 2, this->threadLogged(ANDROID_LOG_DEBUG, "frame with eos"));
         EXPECT_EQ(0u, this->mEncoder->heldOutputs());
     }
 }
@@ -241,6 +243,26 @@ TYPED_TEST(EncoderThreadTest, pausingHasNoEffectOnTheData) {
 }
 
 class VideoEncoderThreadTest : public EncoderThreadTest<VideoKind> {};
+
+TEST_F(VideoEncoderThreadTest, decodingTimesGoUpByOneFrameOfTheOutput) {
+    restart();
+    mEncoder->frame(ScriptedCodec::Bytes(8, 1), 1000);
+    mEncoder->frame(ScriptedCodec::Bytes(8, 2), 500000);
+    mEncoder->frame({}, 0, 4);
+    EXPECT_TRUE(waitForThread("Call threadLoop End"));
+    ASSERT_EQ(2u, mSource->mEncodedSamples.size());
+    const auto second = ++mSource->mEncodedSamples.begin();
+    EXPECT_EQ(1000 + mSource->mFrameIntervalUs, second->mDecodingTimeUs);
+}
+
+TEST_F(VideoEncoderThreadTest, aTimeOutOfAStoppedSourceEndsTheOutputLoop) {
+    restart();
+    mSource->setCodecStopped();
+    EXPECT_EQ(TVideoSource::MediaEncoderThread::Next::kEnd,
+              thread().handleDrainResult(mEncoder, -EAGAIN));
+    EXPECT_TRUE(threadLogged(ANDROID_LOG_DEBUG, "output buffer wa forced stop by others"));
+    EXPECT_TRUE(thread().mExitRequested);
+}
 
 TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastPictureAgain) {
     restart();

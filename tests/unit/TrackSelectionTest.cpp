@@ -79,12 +79,15 @@ TEST_F(TrackSelectionTest, decodersAreConfiguredButNotStarted) {
 }
 
 TEST_F(TrackSelectionTest, theDurationIsTheLongestOfTheSelectedTracks) {
-    Selection selection(&mRequest);
-    selection.addTrack(kAac, 5000000);
-    selection.addTrack(kAvc, 3000000);
-    selection.addTrack("audio/mpeg", 9000000);
-    EXPECT_EQ(0, selection.run());
-    EXPECT_EQ(5000000, selection.session.mFileAttribute.mDurationUs);
+    for (const int64_t audioUs : {5000000, 2000000}) {
+        Selection selection(&mRequest);
+        selection.addTrack(kAac, audioUs);
+        selection.addTrack(kAvc, 3000000);
+        selection.addTrack("audio/mpeg", 9000000);
+        EXPECT_EQ(0, selection.run());
+        EXPECT_EQ(std::max<int64_t>(audioUs, 3000000),
+                  selection.session.mFileAttribute.mDurationUs);
+    }
 }
 
 TEST_F(TrackSelectionTest, onlyAPositiveEncoderDelayIsTakenAway) {
@@ -98,6 +101,7 @@ TEST_F(TrackSelectionTest, onlyAPositiveEncoderDelayIsTakenAway) {
         EXPECT_EQ(delay >= 1 ? 0 : delay, seen);
     }
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "encoder delay is 1024. set to zero"));
+    EXPECT_FALSE(logged(ANDROID_LOG_VERBOSE, "encoder delay is 0. set to zero"));
 }
 
 TEST_F(TrackSelectionTest, hdrContentIsDitheredWhereTheDeviceWantsIt) {
