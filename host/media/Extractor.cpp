@@ -1,6 +1,7 @@
 #include "host/media/Extractor.h"
 
 #include <media/stagefright/MediaErrors.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -23,6 +24,9 @@ namespace {
 
 // Beyond any recording.
 constexpr int64_t kMaxSeekUs = INT64_C(1000000000000000);
+// No recording pauses in all of its tracks for so long.
+constexpr int64_t kMaxStepUs = INT64_C(24) * 3600 * 1000000;
+constexpr int64_t kUnknownUs = INT64_MIN;
 
 class FileExtractor final : public ExtractorBackend {
 public:
@@ -50,6 +54,10 @@ private:
     std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
     size_t mCurrent = 0;
     bool mHasCurrent = false;
+    // Of the current sample, or of the one before it; unknown after a seek.
+    int64_t mTimeUs = kUnknownUs;
+    // What damaged times are off by.
+    int64_t mDamageUs = 0;
 };
 
 status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
@@ -101,7 +109,7 @@ status_t FileExtractor::readSampleData(const sp<ABuffer>& buffer) {
 
 status_t FileExtractor::getSampleTime(int64_t* timeUs) {
     if (!findCurrent()) return ERROR_END_OF_STREAM;
-    *timeUs = current().orderTimeUs() - originUs();
+    *timeUs = mTimeUs;
     return OK;
 }
 
@@ -129,6 +137,8 @@ status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
     if (mReaders.empty()) return INVALID_OPERATION;
     mInfo.tracks[mReaders.begin()->first].source->order()->beginTimeLine(timeUs);
     mHasCurrent = false;
+    mDamageUs = 0;
+    mTimeUs = kUnknownUs;
     const int64_t targetUs = std::clamp<int64_t>(timeUs, 0, kMaxSeekUs) + originUs();
     for (const auto& entry : mReaders) entry.second->seek(targetUs);
     return OK;
@@ -161,11 +171,16 @@ bool FileExtractor::findCurrent() {
     return mHasCurrent;
 }
 
-// Tells the decoder what belongs to the sample beside its bytes.
+// Tells the decoder what belongs to the sample beside its bytes. A time that is days away is
+// damaged, and would be filled with as much silence: the sample is put behind the one before it.
 void FileExtractor::announceCurrent() {
     const TrackReader& reader = current();
-    mInfo.tracks[mCurrent].source->announce(reader.orderTimeUs() - originUs(),
-                                            reader.headProperties(originUs()));
+    const int64_t timeUs = reader.orderTimeUs() - originUs();
+    if (mTimeUs != kUnknownUs && std::llabs(timeUs - mDamageUs - mTimeUs) > kMaxStepUs) {
+        mDamageUs = timeUs - mTimeUs;
+    }
+    mTimeUs = timeUs - mDamageUs;
+    mInfo.tracks[mCurrent].source->announce(mTimeUs, reader.headProperties(originUs() + mDamageUs));
 }
 
 }  // namespace

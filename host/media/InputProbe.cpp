@@ -68,6 +68,18 @@ int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
     return std::max<int64_t>(demuxer->context().duration, 0);
 }
 
+// A decoder that refuses what the file says of a track is as good as none.
+void forgetRefused(AVStream* stream) {
+    if (!isDecodable(*stream)) return;
+    AVCodecParameters* parameters = stream->codecpar;
+    const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+    CodecContextPtr context(avcodec_alloc_context3(decoder));
+    if (context == nullptr || avcodec_parameters_to_context(context.get(), parameters) < 0 ||
+        avcodec_open2(context.get(), decoder, nullptr) < 0) {
+        parameters->codec_id = AV_CODEC_ID_NONE;
+    }
+}
+
 // The longest sample that the index names, or what a sample of the kind can come to.
 int64_t maxSampleBytes(AVStream& stream) {
     int64_t bytes = kMaxAudioSampleBytes;
@@ -208,6 +220,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     bool hasMedia = false;
     bool complete = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
+        forgetRefused(context.streams[i]);
         const AVStream& stream = *context.streams[i];
         durationsUs[i] = statedDurationUs(demuxer.get(), stream);
         hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isMovingPicture(stream);

@@ -38,7 +38,7 @@ std::optional<Failure> Job::run() {
     const int32_t result = transcode(outputFd, &progress);
     if (result == OK) return keepWhole(&progress);
     if (result == kStopped && mInterrupt->requested()) return keepStopped();
-    if (result == kStopped && mOutput.isFull()) {
+    if ((result == kStopped || result == kSessionFailed) && mOutput.isFull()) {
         return Failure{kExitFailed, mOutput.path(), "no space is left for it"};
     }
     const bool isInputs = result == kInvalidRequest;
