@@ -13,7 +13,6 @@ namespace {
 constexpr FatalCheck kEncoderChecks("AudioEncoderThread", QM_COMPONENT_PATH "TAudioSource");
 constexpr FatalCheck kBufferChecks("TAudioSource", QM_COMPONENT_PATH "TAudioSource");
 
-constexpr status_t kNoDecodedData = -1018;
 constexpr status_t kNoConverter = -1100;
 constexpr status_t kNoConversionBuffer = -1001;
 
@@ -87,19 +86,7 @@ void* TAudioSource::MediaEncoderThread::inputThreadWrapper(void* self) {
 }
 
 void* TAudioSource::MediaEncoderThread::inputThreadEntry() {
-    QM_LOGV(kTag, "inputThreadEntry start");
-    const sp<MediaCodec> codec = EncoderThreadControl::codec(*this);
-    TDecodedSample input;
-    Next next = codec == nullptr || mExitRequested ? Next::kEnd : Next::kGoOn;
-    while (next == Next::kGoOn) {
-        if (!mSource->mCodecStopped) {
-            next = feedEncoder(codec, &input);
-        } else if (!mInputEOS) {
-            next = signalInputEOS(codec);
-        }
-        if (mExitRequested) next = Next::kEnd;
-    }
-    QM_LOGV(kTag, "inputThreadEntry end");
+    EncoderThreadControl::runInputPort(*this);
     return nullptr;
 }
 
@@ -159,25 +146,8 @@ TAudioSource::MediaEncoderThread::Next TAudioSource::MediaEncoderThread::signalI
 status_t TAudioSource::MediaEncoderThread::readDecodedData(TDecodedSample& input) {
     Mutex::Autolock guard(mSource->mDecodedLock);
     List<TDecodedSample>& queue = mSource->mDecodedSamples;
-    if (mSource->mCodecStopped) {
-        mSource->mDecoderBufferReturnedCond.signal();
-        QM_LOGV(kTag, "Decoder is stopped. so Buffer returned Cond");
-        mSource->mStarted = false;
-        return ERROR_END_OF_STREAM;
-    }
-    if (queue.empty()) {
-        mSource->mDecoderBufferReturnedCond.signal();
-        QM_LOGV(kTag, "waiting @ Decoded data read()");
-        mSource->mDecodedAvailableCond.wait(mSource->mDecodedLock);
-        if (queue.empty()) {
-            QM_LOGV(kTag, "decoded data read timeout");
-            return kNoDecodedData;
-        }
-        if (mSource->mCodecStopped) {
-            mSource->mDecoderBufferReturnedCond.signal();
-            return ERROR_END_OF_STREAM;
-        }
-    }
+    const status_t err = BatchHandOff::awaitDecoded(*mSource, kTag);
+    if (err != OK) return err;
 
     const TDecodedSample& head = *queue.begin();
     if (head.mFlags == kFlagEOS) {
@@ -190,8 +160,8 @@ status_t TAudioSource::MediaEncoderThread::readDecodedData(TDecodedSample& input
         // data.
         input.mSize = 0;
     } else if (mNeedConversion) {
-        const status_t err = convertPcm(head, &input);
-        if (err != OK) return err;
+        const status_t converted = convertPcm(head, &input);
+        if (converted != OK) return converted;
     } else {
         copyPcm(head, &input);
     }

@@ -29,6 +29,8 @@ namespace qmmediaeditor {
 // The operations work on the members of TAudioSource and TVideoSource, which have the same names in
 // both. Source::kTag is the log tag.
 struct BatchHandOff {
+    static constexpr status_t kNoDecodedData = -1018;
+
     template <class Source>
     static status_t start(Source& s) {
         Mutex::Autolock encoded(s.mEncodedLock);
@@ -98,6 +100,32 @@ struct BatchHandOff {
         available.signal();
         full(count);
         while (!queue.empty() && !stopped) returned.wait(lock);
+    }
+
+    // For an input port: OK when a decoded sample waits, -1011 when the source is stopped, and
+    // kNoDecodedData after a wake-up with nothing queued, which is reported and not waited out.
+    template <class Source>
+    static status_t awaitDecoded(Source& s, const char* tag) REQUIRES(s.mDecodedLock) {
+        if (s.mCodecStopped) {
+            s.mDecoderBufferReturnedCond.signal();
+            QM_LOGV(tag, "Decoder is stopped. so Buffer returned Cond");
+            s.mStarted = false;
+            return ERROR_END_OF_STREAM;
+        }
+        if (!s.mDecodedSamples.empty()) return OK;
+
+        s.mDecoderBufferReturnedCond.signal();
+        QM_LOGV(tag, "waiting @ Decoded data read()");
+        s.mDecodedAvailableCond.wait(s.mDecodedLock);
+        if (s.mDecodedSamples.empty()) {
+            QM_LOGV(tag, "decoded data read timeout");
+            return kNoDecodedData;
+        }
+        if (s.mCodecStopped) {
+            s.mDecoderBufferReturnedCond.signal();
+            return ERROR_END_OF_STREAM;
+        }
+        return OK;
     }
 
     // Deletes the pool once the writer holds none of its buffers: taking the one that it has waits

@@ -5,6 +5,7 @@
 #include <Log.h>
 #include <PortLatch.h>
 #include <Shared.h>
+#include <TranscodeTypes.h>
 #include <media/stagefright/MediaCodec.h>
 #include <pthread.h>
 #include <utils/Condition.h>
@@ -111,6 +112,26 @@ struct EncoderThreadControl {
         t->decStrong(t);
         ports->leave();
         return nullptr;
+    }
+
+    // The input port: feeds the encoder until the track ends; once the source is stopped it tells
+    // the encoder the end.
+    template <class EncoderThread>
+    static void runInputPort(EncoderThread& t) {
+        using Next = typename EncoderThread::Next;
+        QM_LOGV(EncoderThread::kTag, "inputThreadEntry start");
+        const sp<MediaCodec> codec = EncoderThreadControl::codec(t);
+        TDecodedSample input;
+        Next next = codec == nullptr || t.mExitRequested ? Next::kEnd : Next::kGoOn;
+        while (next == Next::kGoOn) {
+            if (!t.mSource->mCodecStopped) {
+                next = t.feedEncoder(codec, &input);
+            } else if (!t.mInputEOS) {
+                next = t.signalInputEOS(codec);
+            }
+            if (t.mExitRequested) next = Next::kEnd;
+        }
+        QM_LOGV(EncoderThread::kTag, "inputThreadEntry end");
     }
 
     template <class EncoderThread>

@@ -10,8 +10,6 @@ namespace {
 constexpr FatalCheck kEncoderChecks("VideoEncoderThread", QM_COMPONENT_PATH "TVideoSource");
 constexpr FatalCheck kBufferChecks("TVideoSource", QM_COMPONENT_PATH "TVideoSource");
 
-constexpr status_t kNoDecodedData = -1018;
-
 constexpr uint32_t kFlagEOS = MediaCodec::BUFFER_FLAG_EOS;
 
 // In TEncodedSample::mSpare2: the duration follows from the frame rate.
@@ -63,19 +61,7 @@ void* TVideoSource::MediaEncoderThread::inputThreadWrapper(void* self) {
 }
 
 void* TVideoSource::MediaEncoderThread::inputThreadEntry() {
-    QM_LOGV(kTag, "inputThreadEntry start");
-    const sp<MediaCodec> codec = EncoderThreadControl::codec(*this);
-    TDecodedSample record;
-    Next next = codec == nullptr || mExitRequested ? Next::kEnd : Next::kGoOn;
-    while (next == Next::kGoOn) {
-        if (!mSource->mCodecStopped) {
-            next = feedEncoder(codec, &record);
-        } else if (!mInputEOS) {
-            next = signalInputEOS(codec);
-        }
-        if (mExitRequested) next = Next::kEnd;
-    }
-    QM_LOGV(kTag, "inputThreadEntry end");
+    EncoderThreadControl::runInputPort(*this);
     return nullptr;
 }
 
@@ -154,25 +140,8 @@ TVideoSource::MediaEncoderThread::Next TVideoSource::MediaEncoderThread::queueEO
 status_t TVideoSource::MediaEncoderThread::readDecodedData(TDecodedSample& out) {
     Mutex::Autolock guard(mSource->mDecodedLock);
     List<TDecodedSample>& queue = mSource->mDecodedSamples;
-    if (mSource->mCodecStopped) {
-        mSource->mDecoderBufferReturnedCond.signal();
-        QM_LOGV(kTag, "Decoder is stopped. so Buffer returned Cond");
-        mSource->mStarted = false;
-        return ERROR_END_OF_STREAM;
-    }
-    if (queue.empty()) {
-        mSource->mDecoderBufferReturnedCond.signal();
-        QM_LOGV(kTag, "waiting @ Decoded data read()");
-        mSource->mDecodedAvailableCond.wait(mSource->mDecodedLock);
-        if (queue.empty()) {
-            QM_LOGV(kTag, "decoded data read timeout");
-            return kNoDecodedData;
-        }
-        if (mSource->mCodecStopped) {
-            mSource->mDecoderBufferReturnedCond.signal();
-            return ERROR_END_OF_STREAM;
-        }
-    }
+    const status_t err = BatchHandOff::awaitDecoded(*mSource, kTag);
+    if (err != OK) return err;
 
     TDecodedSample head = *queue.begin();
     queue.erase(queue.begin());
