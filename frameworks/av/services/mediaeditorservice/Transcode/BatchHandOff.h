@@ -5,9 +5,10 @@
 // a switch.
 //
 // Whoever sleeps here is woken by the other side, or by stopping the source, which signals every
-// condition under the mutex of its waiters. A wait that is woken with nothing to do waits again;
-// only the reader of decoded samples reports an empty wake-up, since its caller has a rule for
-// that.
+// condition under the mutex of its waiters. The session itself stops by a flag that wakes nobody:
+// its own thread, asleep behind a codec that stalls, looks at the flag now and then. A wait that is
+// woken with nothing to do waits again; only the reader of decoded samples reports an empty
+// wake-up, since its caller has a rule for that.
 //
 // Lock order: mEncodedLock before mDecodedLock. mStarted is set under both and waited for under
 // mEncodedLock.
@@ -30,6 +31,8 @@ namespace qmmediaeditor {
 // both. Source::kTag is the log tag.
 struct BatchHandOff {
     static constexpr status_t kNoDecodedData = -1018;
+    // How late a sleeping producer sees a stop that wakes nobody.
+    static constexpr nsecs_t kStopPollNs = milliseconds_to_nanoseconds(50);
 
     template <class Source>
     static status_t start(Source& s) {
@@ -89,17 +92,23 @@ struct BatchHandOff {
         s.mFrameAvailableCond.signal();
     }
 
-    // After `queue` has grown: hands a full batch over and sleeps until it is gone. `full` logs the
-    // count.
-    template <typename Sample, typename Full>
+    // After `queue` has grown: hands a full batch over and sleeps until it is gone or `stopped()`.
+    // `full` logs the count.
+    template <typename Sample, typename Stopped, typename Full>
     static void handOver(Mutex& lock, const List<Sample>& queue, size_t bound, Condition& available,
-                         Condition& returned, const Shared<bool>& stopped, const Full& full)
+                         Condition& returned, const Stopped& stopped, const Full& full)
         REQUIRES(lock) {
         const size_t count = queue.size();
         if (count <= bound) return;
         available.signal();
         full(count);
-        while (!queue.empty() && !stopped) returned.wait(lock);
+        while (!queue.empty() && !stopped()) returned.waitRelative(lock, kStopPollNs);
+    }
+
+    // For handOver() on the session's thread, which its own stop must reach as well.
+    template <class Source>
+    static bool stopWanted(const Source& s) {
+        return s.mCodecStopped || (s.mStopFlag != nullptr && *s.mStopFlag);
     }
 
     // For an input port: OK when a decoded sample waits, -1011 when the source is stopped, and

@@ -85,6 +85,7 @@ int32_t Transcode::createSource() {
     }
     if (mFileAttribute.mHasAudio) {
         mAudioSource = new TAudioSource(mAudioAttribute);
+        mAudioSource->setStopFlag(&mForceStop);
         if (!mAudioSource->isValid()) {
             QM_LOGE(kTag, "TAudioSource error");
             return kNoSource;
@@ -92,6 +93,7 @@ int32_t Transcode::createSource() {
     }
     if (mFileAttribute.mHasVideo) {
         mVideoSource = new TVideoSource(mVideoAttribute);
+        mVideoSource->setStopFlag(&mForceStop);
         if (!mVideoSource->isValid()) {
             QM_LOGE(kTag, "TVideoSource error");
             if (mAudioSource != nullptr && mAudioSource->isValid()) mAudioSource->stop();

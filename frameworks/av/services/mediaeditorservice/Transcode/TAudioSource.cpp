@@ -172,7 +172,8 @@ status_t TAudioSource::pushEncodedBuffer(TEncodedSample* sample) {
     mEncodedSamples.push_back(copy);
     BatchHandOff::handOver(
         mEncodedLock, mEncodedSamples, kMaxQueuedSamples, mFrameAvailableCond, mBufferReturnedCond,
-        mCodecStopped, [](size_t count) {
+        [this]() -> bool { return mCodecStopped; },
+        [](size_t count) {
             QM_LOGV(kTag, "waiting @ mBufferReturnedCond in pushEncodedBuffer [%zu]", count);
         });
     QM_LOGV(kTag, "End pushEncodedBuffer");
@@ -218,7 +219,8 @@ status_t TAudioSource::pushDecodedBuffer(TDecodedSample& sample, bool inputEnded
     if (mMediaEncoderThread != nullptr) {
         BatchHandOff::handOver(
             mDecodedLock, mDecodedSamples, kMaxQueuedSamples, mDecodedAvailableCond,
-            mDecoderBufferReturnedCond, mCodecStopped, [this](size_t count) {
+            mDecoderBufferReturnedCond, [this] { return BatchHandOff::stopWanted(*this); },
+            [this](size_t count) {
                 if (mHasEffect) {
                     QM_LOGV(kTag,
                             "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer2 [%zu]",

@@ -31,6 +31,10 @@ public:
 
     bool isValid() const { return mValid; }
 
+    // The session's stop flag, which outlives the source: a push that waits ends soon after it
+    // rises. Before the first push.
+    void setStopFlag(const Shared<bool>* flag) { mStopFlag = flag; }
+
     // Makes the pool for the writer and the encoder with its threads; again when the format
     // changes. 0, or -1100 when the encoder cannot be had.
     status_t enable(const AudioAttribute& attribute, sp<AMessage> decoderOutputFormat);
@@ -82,6 +86,7 @@ private:
     Shared<bool> mStarted{false};  // written by the writer's and the encoder's threads, read by all
     Shared<bool> mCodecStopped{false};  // written by any thread, never cleared, read by all
     bool mValid = false;
+    const Shared<bool>* mStopFlag = nullptr;  // the session's thread only
     Condition mStartCond;
     Mutex mEncodedLock;
     Condition mFrameAvailableCond;

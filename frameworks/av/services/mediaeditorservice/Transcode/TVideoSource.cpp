@@ -222,7 +222,8 @@ status_t TVideoSource::pushEncodedBuffer(TEncodedSample* sample) {
     mEncodedSamples.push_back(copy);
     BatchHandOff::handOver(
         mEncodedLock, mEncodedSamples, static_cast<size_t>(mMaxEncodedSamples), mFrameAvailableCond,
-        mBufferReturnedCond, mCodecStopped, [](size_t count) {
+        mBufferReturnedCond, [this]() -> bool { return mCodecStopped; },
+        [](size_t count) {
             QM_LOGV(kTag,
                     "wait @ buffer returned condition in pushEncodedBuffer [EncodedSample:%zu]",
                     count);
@@ -275,7 +276,9 @@ status_t TVideoSource::pushDecodedBuffer(TDecodedSample& sample, bool stopOnEOS)
     if (mMediaEncoderThread != nullptr) {
         BatchHandOff::handOver(
             mDecodedLock, mDecodedSamples, static_cast<size_t>(mMaxDecodedSamples),
-            mDecodedAvailableCond, mDecoderBufferReturnedCond, mCodecStopped, [](size_t count) {
+            mDecodedAvailableCond, mDecoderBufferReturnedCond,
+            [this] { return BatchHandOff::stopWanted(*this); },
+            [](size_t count) {
                 QM_LOGV(kTag, "wait@mDecoderBufferReturnedCond [DecodedSample:%zu]", count);
             });
     }

@@ -31,6 +31,10 @@ public:
 
     bool isValid() const { return mValid; }
 
+    // The session's stop flag, which outlives the source: a push that waits ends soon after it
+    // rises. Before the first push.
+    void setStopFlag(const Shared<bool>* flag) { mStopFlag = flag; }
+
     // Bounds of both queues, in samples beyond which a batch is handed over. A negative number only
     // logs.
     void setSampleBufferNumber(int count);
@@ -99,6 +103,7 @@ private:
     Shared<bool> mStarted{false};  // written by the writer's and the encoder's threads, read by all
     Shared<bool> mCodecStopped{false};  // written by any thread, never cleared, read by all
     bool mValid = false;
+    const Shared<bool>* mStopFlag = nullptr;  // the session's thread only
     List<TDecodedSample> mDecodedSamples GUARDED_BY(mDecodedLock);
     List<TEncodedSample> mEncodedSamples GUARDED_BY(mEncodedLock);
     List<int64_t> mPresentationTimes;  // input reader only
@@ -113,14 +118,13 @@ private:
     VideoAttribute mAttribute GUARDED_BY(mDecodedLock);
     sp<AMessage> mOutputFormat GUARDED_BY(mFormatLock);
     sp<AMessage> mEncoderFormat GUARDED_BY(mFormatLock);
-    Shared<int32_t> mMaxEncodedSamples{
-        10};  // written by the session's thread, read by the output loop
+    // Both are written by the session's thread and read by the output loop.
+    Shared<int32_t> mMaxEncodedSamples{10};
+    Shared<int64_t> mFrameIntervalUs{0};
     int32_t mMaxDecodedSamples GUARDED_BY(mDecodedLock) = 10;
     Shared<bool> mEOSSampleAdded{false};  // never set for video
     sp<MetaData> mMeta GUARDED_BY(mFormatLock);
     sp<QmMediaEditorColorUtils> mColorUtils GUARDED_BY(mDecodedLock);
-    Shared<int64_t> mFrameIntervalUs{
-        0};  // written by the session's thread, read by the output loop
     int64_t mNextFrameTimeUs GUARDED_BY(mDecodedLock) = 0;
     Shared<bool> mEncoderFailed{false};  // written by the encoder's threads, read by the session's
 };

@@ -183,10 +183,10 @@ private:
     int32_t mVideoTrackIndex = -1;
     TranscodeProperty* mProperty;
     sp<QmMediaExtractorWrapper> mExtractor;  // the input reader's, once it runs
-    Shared<int32_t> mCurrentPeriodIndex{
-        -1};                             // written by the main loop, polled by the input reader
-    Shared<int64_t> mPeriodOffsetUs{0};  // main loop
-    Shared<bool> mPeriodChanged{true};   // main loop
+    // The main loop and the input reader both work through the periods.
+    Shared<int32_t> mCurrentPeriodIndex{-1};
+    Shared<int64_t> mPeriodOffsetUs{0};
+    Shared<bool> mPeriodChanged{true};
     bool mPTrimEnabled = false;
     bool mUnusedFlag = true;
     bool mAcceptAudioFormatChange = true;
