@@ -2,38 +2,38 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
 #include <utils/Timers.h>
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
 
 namespace android {
 
 // Shared with the thread, so that a looper may go away while its last work still runs.
 struct ALooper::State {
-    std::mutex lock;
-    std::condition_variable workOrStop;
-    std::string name = "ALooper";
-    std::deque<std::function<void()>> work;
-    std::thread thread;
-    bool running = false;
+    Mutex lock;
+    Condition workOrStop;
+    std::string name GUARDED_BY(lock) = "ALooper";
+    std::deque<std::function<void()>> work GUARDED_BY(lock);
+    std::thread thread GUARDED_BY(lock);
+    bool running GUARDED_BY(lock) = false;
     // Tells a thread that was stopped, and perhaps outlived by a new one, to end.
-    uint64_t generation = 0;
+    uint64_t generation GUARDED_BY(lock) = 0;
 
     void loop(uint64_t myGeneration) {
-        std::unique_lock<std::mutex> guard(lock);
+        Mutex::Autolock guard(lock);
         while (true) {
-            workOrStop.wait(guard, [&] { return generation != myGeneration || !work.empty(); });
+            while (generation == myGeneration && work.empty()) workOrStop.wait(lock);
             if (generation != myGeneration) return;
             std::function<void()> next = std::move(work.front());
             work.pop_front();
-            guard.unlock();
+            lock.unlock();
             next();
             // What the work holds on to goes while the lock is free.
             next = nullptr;
-            guard.lock();
+            lock.lock();
         }
     }
 };
@@ -43,17 +43,17 @@ ALooper::ALooper() : mState(std::make_shared<State>()) {}
 ALooper::~ALooper() { stop(); }
 
 void ALooper::setName(const char* name) {
-    std::lock_guard<std::mutex> guard(mState->lock);
+    Mutex::Autolock guard(mState->lock);
     mState->name = name;
 }
 
 status_t ALooper::start(bool runOnCallingThread, bool /* canCallJava */, int32_t priority) {
-    std::lock_guard<std::mutex> guard(mState->lock);
+    Mutex::Autolock guard(mState->lock);
     if (mState->running || runOnCallingThread) return INVALID_OPERATION;
     mState->running = true;
     mState->thread = std::thread([state = mState, priority, generation = mState->generation] {
         {
-            std::lock_guard<std::mutex> nameGuard(state->lock);
+            Mutex::Autolock nameGuard(state->lock);
             // The kernel keeps 15 characters.
             pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
         }
@@ -68,13 +68,13 @@ status_t ALooper::stop() {
     std::thread thread;
     std::deque<std::function<void()>> dropped;
     {
-        std::lock_guard<std::mutex> guard(mState->lock);
+        Mutex::Autolock guard(mState->lock);
         if (!mState->running) return INVALID_OPERATION;
         mState->running = false;
         ++mState->generation;
         dropped.swap(mState->work);
         thread = std::move(mState->thread);
-        mState->workOrStop.notify_all();
+        mState->workOrStop.broadcast();
     }
     if (thread.get_id() == std::this_thread::get_id()) {
         thread.detach();
@@ -85,10 +85,10 @@ status_t ALooper::stop() {
 }
 
 void ALooper::post(std::function<void()> work) {
-    std::lock_guard<std::mutex> guard(mState->lock);
+    Mutex::Autolock guard(mState->lock);
     if (!mState->running) return;
     mState->work.push_back(std::move(work));
-    mState->workOrStop.notify_one();
+    mState->workOrStop.signal();
 }
 
 int64_t ALooper::GetNowUs() { return systemTime(SYSTEM_TIME_MONOTONIC) / 1000; }

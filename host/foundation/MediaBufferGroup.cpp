@@ -1,17 +1,17 @@
 #include <media/stagefright/MediaBufferGroup.h>
 #include <media/stagefright/MediaErrors.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <list>
-#include <mutex>
 
 namespace android {
 
 struct MediaBufferGroup::State {
-    std::mutex lock;
-    std::condition_variable returned;
-    std::list<MediaBufferBase*> buffers;
+    Mutex lock;
+    Condition returned;
+    std::list<MediaBufferBase*> buffers GUARDED_BY(lock);
 };
 
 MediaBufferGroup::MediaBufferGroup() : mState(std::make_unique<State>()) {}
@@ -25,15 +25,15 @@ MediaBufferGroup::~MediaBufferGroup() {
 }
 
 void MediaBufferGroup::add_buffer(MediaBufferBase* buffer) {
-    std::lock_guard<std::mutex> guard(mState->lock);
+    Mutex::Autolock guard(mState->lock);
     buffer->setObserver(this);
     mState->buffers.push_back(buffer);
-    mState->returned.notify_one();
+    mState->returned.signal();
 }
 
 status_t MediaBufferGroup::acquire_buffer(MediaBufferBase** out, bool nonBlocking,
                                           size_t requestedSize) {
-    std::unique_lock<std::mutex> guard(mState->lock);
+    Mutex::Autolock guard(mState->lock);
     auto& buffers = mState->buffers;
     auto isFree = [](MediaBufferBase* b) { return b->refcount() == 0; };
     auto fits = [&](MediaBufferBase* b) { return isFree(b) && b->size() >= requestedSize; };
@@ -60,19 +60,19 @@ status_t MediaBufferGroup::acquire_buffer(MediaBufferBase** out, bool nonBlockin
             return OK;
         }
         if (nonBlocking) return WOULD_BLOCK;
-        mState->returned.wait(guard);
+        mState->returned.wait(mState->lock);
     }
 }
 
 size_t MediaBufferGroup::buffers() const {
-    std::lock_guard<std::mutex> guard(mState->lock);
+    Mutex::Autolock guard(mState->lock);
     return mState->buffers.size();
 }
 
 void MediaBufferGroup::signalBufferReturned(MediaBufferBase*) {
     // The lock makes sure that a waiter has either seen the buffer free or is asleep already.
-    std::lock_guard<std::mutex> guard(mState->lock);
-    mState->returned.notify_one();
+    Mutex::Autolock guard(mState->lock);
+    mState->returned.signal();
 }
 
 }  // namespace android

@@ -16,23 +16,23 @@ constexpr char kLogTag[] = "Codec";
 }  // namespace
 
 void CodecWorker::work() {
-    std::unique_lock<std::mutex> lock(mLock);
-    while (mState == State::kStarted && workStep(lock)) {
+    Mutex::Autolock lock(mLock);
+    while (mState == State::kStarted && workStep()) {
     }
     mWorkPosted = false;
     const bool owesSilence = publish();
     if (owesSilence && !mFreeOutputs.empty()) schedule();
 }
 
-bool CodecWorker::workStep(std::unique_lock<std::mutex>& lock) {
+bool CodecWorker::workStep() {
     dropOutdated();
     if (mEndProduced || mFreeOutputs.empty()) return false;
     CodecOutput output;
     const CodecEngine::Step step =
-        useEngine(lock, [&](CodecEngine& engine) { return engine.produce(&output); });
+        useEngine([&](CodecEngine& engine) { return engine.produce(&output); });
     if (mState != State::kStarted) return false;
     if (step != CodecEngine::Step::kNeedsInput) return takeStep(step, std::move(output));
-    return mQueued.empty() ? workWithoutInput(lock) : feed(lock);
+    return mQueued.empty() ? workWithoutInput() : feed();
 }
 
 bool CodecWorker::takeStep(CodecEngine::Step step, CodecOutput output) {
@@ -59,19 +59,19 @@ bool CodecWorker::takeStep(CodecEngine::Step step, CodecOutput output) {
         case CodecEngine::Step::kNeedsInput:
             break;
     }
-    mOutputReady.notify_all();
+    mOutputReady.broadcast();
     publish();
     return true;
 }
 
-bool CodecWorker::feed(std::unique_lock<std::mutex>& lock) {
+bool CodecWorker::feed() {
     QueuedInput input = std::move(mQueued.front());
     mQueued.pop_front();
     const bool outdated = mSource != nullptr && input.size > 0 &&
                           input.note.timeLine.number != mSource->order()->timeLine().number;
     const sp<Buffer> buffer = mInputs[input.index].buffer;
     mFeedingUs = input.size > 0 ? input.timeUs : DecodeOrder::kNever;
-    const bool accepted = useEngine(lock, [&](CodecEngine& engine) {
+    const bool accepted = useEngine([&](CodecEngine& engine) {
         CodecInput sample;
         sample.lease = std::shared_ptr<const void>(
             buffer.get(), [this, index = input.index](const void*) { inputDone(index); });
@@ -96,13 +96,13 @@ bool CodecWorker::feed(std::unique_lock<std::mutex>& lock) {
 
 // The reader's position is taken before the queue is looked at: what was read before it is queued
 // by then.
-bool CodecWorker::workWithoutInput(std::unique_lock<std::mutex>& lock) {
+bool CodecWorker::workWithoutInput() {
     if (!mInOrder || mEndQueued) return false;
     const TimeLine timeLine = mSource->order()->timeLine();
     const int64_t positionUs = mSource->order()->position();
     if (!mQueued.empty()) return true;
     CodecOutput output;
-    const CodecEngine::Step step = useEngine(lock, [&](CodecEngine& engine) {
+    const CodecEngine::Step step = useEngine([&](CodecEngine& engine) {
         return engine.produceWithoutInput(timeLine, positionUs, &output);
     });
     if (mState != State::kStarted) return false;
@@ -112,10 +112,10 @@ bool CodecWorker::workWithoutInput(std::unique_lock<std::mutex>& lock) {
 }
 
 void CodecWorker::inputDone(size_t index) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return;
     mFreeInputs.push_back(index);
-    mInputFree.notify_all();
+    mInputFree.broadcast();
 }
 
 void CodecWorker::fail() {
@@ -123,8 +123,8 @@ void CodecWorker::fail() {
     mState = State::kFailed;
     if (mInOrder) mSource->order()->leave(mOrderMember);
     mInOrder = false;
-    mInputFree.notify_all();
-    mOutputReady.notify_all();
+    mInputFree.broadcast();
+    mOutputReady.broadcast();
 }
 
 void CodecWorker::dropOutdated() {

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "host/foundation/Deadline.h"
+
 namespace android {
 namespace qmmediaeditor {
 
@@ -30,12 +32,6 @@ private:
     void* const mMemory;
 };
 
-std::chrono::steady_clock::time_point deadlineAfter(int64_t timeoutUs) {
-    constexpr int64_t kForeverUs = int64_t{365} * 24 * 3600 * 1000000;
-    const int64_t boundedUs = timeoutUs < 0 ? kForeverUs : std::min(timeoutUs, kForeverUs);
-    return std::chrono::steady_clock::now() + std::chrono::microseconds(boundedUs);
-}
-
 }  // namespace
 
 CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine)
@@ -45,7 +41,7 @@ CodecWorker::~CodecWorker() { release(); }
 
 status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /* nativeWindow */,
                                 const sp<ICrypto>& crypto, uint32_t /* flags */) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kCreated) return INVALID_OPERATION;
     if (format == nullptr) return BAD_VALUE;
     if (crypto != nullptr) return ERROR_UNSUPPORTED;
@@ -58,7 +54,7 @@ status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /
 }
 
 status_t CodecWorker::start() {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kConfigured) return INVALID_OPERATION;
     const status_t status = allocateBuffers();
     if (status != OK) return status;
@@ -79,23 +75,23 @@ status_t CodecWorker::start() {
 }
 
 status_t CodecWorker::stop() {
-    std::unique_lock<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kStarted && mState != State::kFailed) return INVALID_OPERATION;
-    shutDown(lock, State::kStopped);
+    shutDown(State::kStopped);
     return OK;
 }
 
 status_t CodecWorker::release() {
     std::unique_ptr<CodecEngine> engine;
     {
-        std::unique_lock<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         if (mState == State::kReleased) return OK;
-        shutDown(lock, State::kReleased);
+        shutDown(State::kReleased);
         engine = std::move(mEngine);
     }
     // Outside of the lock: an engine gives its inputs back when it goes.
     engine.reset();
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mReady.clear();
     mQueued.clear();
     mOutputs.clear();
@@ -103,15 +99,15 @@ status_t CodecWorker::release() {
     return OK;
 }
 
-void CodecWorker::shutDown(std::unique_lock<std::mutex>& lock, State state) {
+void CodecWorker::shutDown(State state) {
     mState = state;
     if (mInOrder) mSource->order()->leave(mOrderMember);
     mInOrder = false;
-    mInputFree.notify_all();
-    mOutputReady.notify_all();
+    mInputFree.broadcast();
+    mOutputReady.broadcast();
     // The looper's own thread gets here only when its work drops the last reference, and is not in
     // a step then.
-    mWorkDone.wait(lock, [this] { return !mBusy; });
+    while (mBusy) mWorkDone.wait(mLock);
 }
 
 status_t CodecWorker::allocateBuffers() {
@@ -135,10 +131,11 @@ status_t CodecWorker::notRunning() const {
 }
 
 status_t CodecWorker::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
-    const TimePoint deadline = deadlineAfter(timeoutUs);
-    std::unique_lock<std::mutex> lock(mLock);
-    mInputFree.wait_until(lock, deadline,
-                          [this] { return mState != State::kStarted || !mFreeInputs.empty(); });
+    const nsecs_t deadline = deadlineAfter(timeoutUs);
+    Mutex::Autolock lock(mLock);
+    while (mState == State::kStarted && mFreeInputs.empty() &&
+           waitUntil(deadline, mInputFree, mLock)) {
+    }
     if (mState != State::kStarted) return notRunning();
     if (mFreeInputs.empty()) return -EAGAIN;
     *index = mFreeInputs.front();
@@ -151,7 +148,7 @@ status_t CodecWorker::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
 status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
                                        int64_t presentationTimeUs, uint32_t flags,
                                        AString* errorDetailMsg) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     const auto refuse = [&](status_t status, const char* why) {
         if (errorDetailMsg != nullptr) errorDetailMsg->setTo(why);
         return status;
@@ -175,7 +172,7 @@ status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
     input.endOfStream = (flags & BUFFER_FLAG_EOS) != 0;
     if (size == 0 && !input.endOfStream) {
         mFreeInputs.push_back(index);
-        mInputFree.notify_all();
+        mInputFree.broadcast();
         return OK;
     }
     if (mSource != nullptr && size > 0) input.note = mSource->take(presentationTimeUs);
@@ -189,8 +186,8 @@ status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
 status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
                                           int64_t* presentationTimeUs, uint32_t* flags,
                                           int64_t timeoutUs) {
-    const TimePoint deadline = deadlineAfter(timeoutUs);
-    std::unique_lock<std::mutex> lock(mLock);
+    const nsecs_t deadline = deadlineAfter(timeoutUs);
+    Mutex::Autolock lock(mLock);
     for (;;) {
         if (mState != State::kStarted) return notRunning();
         if (mFormatPending) {
@@ -199,8 +196,8 @@ status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t*
         }
         dropOutdated();
         if (mReady.empty()) {
-            if (mOutputReady.wait_until(lock, deadline) == std::cv_status::timeout &&
-                mReady.empty() && !mFormatPending && mState == State::kStarted) {
+            if (!waitUntil(deadline, mOutputReady, mLock) && mReady.empty() && !mFormatPending &&
+                mState == State::kStarted) {
                 return -EAGAIN;
             }
             continue;
@@ -210,9 +207,9 @@ status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t*
         const size_t head = mReady.front();
         const sp<DecodeOrder> order = mSource->order();
         const size_t member = mOrderMember;
-        lock.unlock();
+        mLock.unlock();
         const DecodeOrder::Turn turn = order->waitForTurn(member, deadline);
-        lock.lock();
+        mLock.lock();
         if (turn == DecodeOrder::Turn::kOtherFirst || turn == DecodeOrder::Turn::kTimedOut) {
             return mState == State::kStarted ? -EAGAIN : notRunning();
         }
@@ -244,7 +241,7 @@ status_t CodecWorker::deliver(size_t* index, size_t* offset, size_t* size, int64
 }
 
 status_t CodecWorker::releaseOutputBuffer(size_t index) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return notRunning();
     if (index >= mOutputs.size() || !mOutputs[index].withClient) return BAD_INDEX;
     freeOutput(index);
@@ -263,7 +260,7 @@ void CodecWorker::freeOutput(size_t index) {
 status_t CodecWorker::signalEndOfInputStream() { return INVALID_OPERATION; }
 
 status_t CodecWorker::getOutputFormat(sp<AMessage>* format) const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kConfigured && mState != State::kStarted) return notRunning();
     if (mOutputFormat == nullptr) return NAME_NOT_FOUND;
     *format = mOutputFormat->dup();
@@ -271,7 +268,7 @@ status_t CodecWorker::getOutputFormat(sp<AMessage>* format) const {
 }
 
 status_t CodecWorker::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return notRunning();
     buffers->clear();
     for (const InputSlot& slot : mInputs) buffers->push_back(slot.buffer);
@@ -279,7 +276,7 @@ status_t CodecWorker::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) con
 }
 
 status_t CodecWorker::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return notRunning();
     buffers->clear();
     for (const OutputSlot& slot : mOutputs) buffers->push_back(slot.buffer);

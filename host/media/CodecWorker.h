@@ -8,12 +8,11 @@
 #pragma once
 
 #include <media/stagefright/MediaCodec.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "host/media/CodecEngine.h"
@@ -57,7 +56,6 @@ private:
 
         using MediaCodecBuffer::setBuffer;
     };
-    typedef std::chrono::steady_clock::time_point TimePoint;
 
     enum class State { kCreated, kConfigured, kStarted, kFailed, kStopped, kReleased };
 
@@ -79,77 +77,77 @@ private:
         SampleNote note;
     };
 
-    // On the looper's thread. The steps hold mLock, and say whether there may be more to do now.
+    // On the looper's thread. The steps say whether there may be more to do now.
     void work();
-    bool workStep(std::unique_lock<std::mutex>& lock);
-    bool takeStep(CodecEngine::Step step, CodecOutput output);
-    bool feed(std::unique_lock<std::mutex>& lock);
-    bool workWithoutInput(std::unique_lock<std::mutex>& lock);
-    // The engine lets an input buffer go; mLock is not held.
-    void inputDone(size_t index);
+    bool workStep() REQUIRES(mLock);
+    bool takeStep(CodecEngine::Step step, CodecOutput output) REQUIRES(mLock);
+    bool feed() REQUIRES(mLock);
+    bool workWithoutInput() REQUIRES(mLock);
+    // The engine lets an input buffer go.
+    void inputDone(size_t index) EXCLUDES(mLock);
 
     // Runs `use` on the engine without the lock. Whoever shuts down waits until it has returned.
     template <typename Use>
-    auto useEngine(std::unique_lock<std::mutex>& lock, const Use& use) {
+    auto useEngine(const Use& use) REQUIRES(mLock) {
+        CodecEngine& engine = *mEngine;
         mBusy = true;
         publish();
-        lock.unlock();
-        const auto result = use(*mEngine);
+        mLock.unlock();
+        const auto result = use(engine);
         DecodeOrder::Standing standing;
-        mEngine->standing(&standing);
-        lock.lock();
+        engine.standing(&standing);
+        mLock.lock();
         mEngineStanding = standing;
         mBusy = false;
-        mWorkDone.notify_all();
+        mWorkDone.broadcast();
         return result;
     }
 
-    // All under mLock.
-    status_t allocateBuffers();
-    status_t notRunning() const;
-    void schedule();
-    void shutDown(std::unique_lock<std::mutex>& lock, State state);
-    void fail();
+    status_t allocateBuffers() REQUIRES(mLock);
+    status_t notRunning() const REQUIRES(mLock);
+    void schedule() REQUIRES(mLock);
+    void shutDown(State state) REQUIRES(mLock);
+    void fail() REQUIRES(mLock);
     // True when silence is owed.
-    bool publish();
-    void dropOutdated();
-    bool headNeedsTurn() const;
-    status_t deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs, uint32_t* flags);
-    void freeOutput(size_t index);
+    bool publish() REQUIRES(mLock);
+    void dropOutdated() REQUIRES(mLock);
+    bool headNeedsTurn() const REQUIRES(mLock);
+    status_t deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs, uint32_t* flags)
+        REQUIRES(mLock);
+    void freeOutput(size_t index) REQUIRES(mLock);
 
     const sp<ALooper> mLooper;
 
-    mutable std::mutex mLock;
-    std::condition_variable mInputFree;
-    std::condition_variable mOutputReady;
-    std::condition_variable mWorkDone;
+    mutable Mutex mLock;
+    Condition mInputFree;
+    Condition mOutputReady;
+    Condition mWorkDone;
 
-    // The rest is guarded by mLock, but the engine is used unlocked by the work alone while mBusy
-    // is set.
-    State mState = State::kCreated;
-    std::unique_ptr<CodecEngine> mEngine;
-    CodecPorts mPorts;
-    sp<AMessage> mOutputFormat;
-    bool mFormatPending = false;
+    State mState GUARDED_BY(mLock) = State::kCreated;
+    // The work alone uses the engine, unlocked, while mBusy is set.
+    std::unique_ptr<CodecEngine> mEngine GUARDED_BY(mLock);
+    CodecPorts mPorts GUARDED_BY(mLock);
+    sp<AMessage> mOutputFormat GUARDED_BY(mLock);
+    bool mFormatPending GUARDED_BY(mLock) = false;
 
-    std::vector<InputSlot> mInputs;
-    std::vector<OutputSlot> mOutputs;
-    std::deque<size_t> mFreeInputs;
-    std::deque<size_t> mFreeOutputs;
-    std::deque<QueuedInput> mQueued;
-    std::deque<size_t> mReady;
-    bool mEndQueued = false;
-    bool mEndProduced = false;
+    std::vector<InputSlot> mInputs GUARDED_BY(mLock);
+    std::vector<OutputSlot> mOutputs GUARDED_BY(mLock);
+    std::deque<size_t> mFreeInputs GUARDED_BY(mLock);
+    std::deque<size_t> mFreeOutputs GUARDED_BY(mLock);
+    std::deque<QueuedInput> mQueued GUARDED_BY(mLock);
+    std::deque<size_t> mReady GUARDED_BY(mLock);
+    bool mEndQueued GUARDED_BY(mLock) = false;
+    bool mEndProduced GUARDED_BY(mLock) = false;
 
-    bool mWorkPosted = false;
-    bool mBusy = false;
+    bool mWorkPosted GUARDED_BY(mLock) = false;
+    bool mBusy GUARDED_BY(mLock) = false;
 
     // Decoders of an extractor's track only.
-    sp<TrackSource> mSource;
-    bool mInOrder = false;
-    size_t mOrderMember = 0;
-    DecodeOrder::Standing mEngineStanding;
-    int64_t mFeedingUs = DecodeOrder::kNever;
+    sp<TrackSource> mSource GUARDED_BY(mLock);
+    bool mInOrder GUARDED_BY(mLock) = false;
+    size_t mOrderMember GUARDED_BY(mLock) = 0;
+    DecodeOrder::Standing mEngineStanding GUARDED_BY(mLock);
+    int64_t mFeedingUs GUARDED_BY(mLock) = DecodeOrder::kNever;
 };
 
 }  // namespace qmmediaeditor

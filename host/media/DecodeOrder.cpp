@@ -3,66 +3,67 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/foundation/Deadline.h"
+
 namespace android {
 namespace qmmediaeditor {
 
 void DecodeOrder::beginTimeLine(int64_t startUs) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mTimeLine.number++;
     mTimeLine.startUs = std::max<int64_t>(startUs, 0);
     mPositionUs = std::numeric_limits<int64_t>::min();
-    mChanged.notify_all();
+    mChanged.broadcast();
 }
 
 void DecodeOrder::advancePosition(int64_t timeUs) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (timeUs <= mPositionUs) return;
     mPositionUs = timeUs;
     for (const auto& entry : mMembers) {
         if (owesSilence(entry.second.standing)) entry.second.wake();
     }
-    mChanged.notify_all();
+    mChanged.broadcast();
 }
 
 TimeLine DecodeOrder::timeLine() const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     return mTimeLine;
 }
 
 int64_t DecodeOrder::position() const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     return mPositionUs;
 }
 
 size_t DecodeOrder::join(std::function<void()> wake) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     const size_t member = mNextMember++;
     mMembers[member].wake = std::move(wake);
     return member;
 }
 
 void DecodeOrder::leave(size_t member) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mMembers.erase(member);
-    mChanged.notify_all();
+    mChanged.broadcast();
 }
 
 bool DecodeOrder::publish(size_t member, const Standing& standing) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     const auto found = mMembers.find(member);
     if (found == mMembers.end()) return false;
     found->second.standing = standing;
-    mChanged.notify_all();
+    mChanged.broadcast();
     return owesSilence(standing);
 }
 
-DecodeOrder::Turn DecodeOrder::waitForTurn(size_t member,
-                                           std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(mLock);
+DecodeOrder::Turn DecodeOrder::waitForTurn(size_t member, nsecs_t deadline) {
+    Mutex::Autolock lock(mLock);
     for (;;) {
         const Turn turn = turnOf(member);
         if (turn != Turn::kTimedOut) return turn;
-        if (mChanged.wait_until(lock, deadline) == std::cv_status::timeout) return turnOf(member);
+        if (!waitUntil(deadline, mChanged, mLock)) return turnOf(member);
     }
 }
 

@@ -14,14 +14,14 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
 #include <utils/RefBase.h>
+#include <utils/Timers.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <limits>
 #include <map>
-#include <mutex>
 
 namespace android {
 namespace qmmediaeditor {
@@ -76,7 +76,7 @@ public:
     enum class Turn { kYes, kOtherFirst, kTimedOut, kHeadGone };
 
     // Waits until it is clear whether `member` may deliver its head.
-    Turn waitForTurn(size_t member, std::chrono::steady_clock::time_point deadline);
+    Turn waitForTurn(size_t member, nsecs_t deadline);
 
 protected:
     ~DecodeOrder() override = default;
@@ -87,18 +87,16 @@ private:
         std::function<void()> wake;
     };
 
-    // All three under mLock.
-    bool owesSilence(const Standing& standing) const;
-    bool mayWaitFor(const Standing& mine, const Standing& other) const;
-    Turn turnOf(size_t member) const;
+    bool owesSilence(const Standing& standing) const REQUIRES(mLock);
+    bool mayWaitFor(const Standing& mine, const Standing& other) const REQUIRES(mLock);
+    Turn turnOf(size_t member) const REQUIRES(mLock);
 
-    mutable std::mutex mLock;
-    std::condition_variable mChanged;
-    // All guarded by mLock.
-    TimeLine mTimeLine;
-    int64_t mPositionUs = std::numeric_limits<int64_t>::min();
-    std::map<size_t, Member> mMembers;
-    size_t mNextMember = 0;
+    mutable Mutex mLock;
+    Condition mChanged;
+    TimeLine mTimeLine GUARDED_BY(mLock);
+    int64_t mPositionUs GUARDED_BY(mLock) = std::numeric_limits<int64_t>::min();
+    std::map<size_t, Member> mMembers GUARDED_BY(mLock);
+    size_t mNextMember GUARDED_BY(mLock) = 0;
 };
 
 }  // namespace qmmediaeditor

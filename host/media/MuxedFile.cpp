@@ -145,7 +145,7 @@ MuxedFile::MuxedFile(std::unique_ptr<OutputFile> output)
 MuxedFile::~MuxedFile() = default;
 
 status_t MuxedFile::addTrack(const MetaDataBase& format) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     const Codec* codec = findCodec(format);
     if (codec == nullptr) return ERROR_UNSUPPORTED;
     Track track;
@@ -175,7 +175,7 @@ bool MuxedFile::needs3gp() const {
 }
 
 status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
     AVFormatContext* context = nullptr;
     if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0 ||
@@ -232,7 +232,7 @@ void MuxedFile::startClock(Track* track) {
 }
 
 status_t MuxedFile::setCodecConfig(size_t index, const uint8_t* data, size_t size) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     Track& track = mTracks.at(index);
     if (track.hasSamples || size == 0) return mError;
     // libavformat takes it over with the track's first sample.
@@ -241,7 +241,7 @@ status_t MuxedFile::setCodecConfig(size_t index, const uint8_t* data, size_t siz
 
 status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, int64_t timeUs,
                                 bool isSync) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mError != OK || size == 0) return mError;
     Track& track = mTracks.at(index);
     const SampleClock::Stamp stamp = track.clock->stamp(timeUs);
@@ -261,7 +261,7 @@ status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, 
 }
 
 status_t MuxedFile::finish(const std::vector<uint8_t>& boxes) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mHasHeader) {
         keep(av_write_trailer(mContext.get()));
         mHasHeader = false;

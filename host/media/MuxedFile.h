@@ -10,9 +10,9 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <utils/Errors.h>
+#include <utils/Mutex.h>
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "host/media/FFmpegPointers.h"
@@ -52,20 +52,19 @@ private:
         bool hasSamples = false;
     };
 
-    bool needs3gp() const;
-    status_t addStream(Track* track, int32_t rotationDegrees);
+    bool needs3gp() const REQUIRES(mLock);
+    status_t addStream(Track* track, int32_t rotationDegrees) REQUIRES(mLock);
     void startClock(Track* track);
-    status_t nameVp8Entries();
-    status_t keep(int result);
+    status_t nameVp8Entries() REQUIRES(mLock);
+    status_t keep(int result) REQUIRES(mLock);
 
     const std::unique_ptr<OutputFile> mOutput;
-    std::mutex mLock;
-    // All guarded by mLock.
-    std::vector<Track> mTracks;
-    OutputFormatPtr mContext;
-    PacketPtr mPacket;
-    bool mHasHeader = false;
-    status_t mError = OK;
+    Mutex mLock;
+    std::vector<Track> mTracks GUARDED_BY(mLock);
+    OutputFormatPtr mContext GUARDED_BY(mLock);
+    PacketPtr mPacket GUARDED_BY(mLock);
+    bool mHasHeader GUARDED_BY(mLock) = false;
+    status_t mError GUARDED_BY(mLock) = OK;
 };
 
 }  // namespace qmmediaeditor

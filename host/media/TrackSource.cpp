@@ -27,7 +27,7 @@ void TrackSource::announce(int64_t timeUs, PacketPtr properties) {
     note.timeLine = mOrder->timeLine();
     note.properties = std::move(properties);
     {
-        std::lock_guard<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         mNotes.push_back(std::move(note));
     }
     mOrder->advancePosition(timeUs);
@@ -37,7 +37,7 @@ SampleNote TrackSource::take(int64_t timeUs) {
     SampleNote note;
     note.timeUs = timeUs;
     note.timeLine = mOrder->timeLine();
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     const auto current = std::find_if(mNotes.begin(), mNotes.end(), [&](const SampleNote& each) {
         return each.timeLine.number == note.timeLine.number;
     });

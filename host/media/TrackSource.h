@@ -10,10 +10,10 @@
 
 #include <media/stagefright/foundation/AMessage.h>
 #include <stdint.h>
+#include <utils/Mutex.h>
 #include <utils/RefBase.h>
 
 #include <deque>
-#include <mutex>
 
 #include "host/media/DecodeOrder.h"
 #include "host/media/FFmpegPointers.h"
@@ -65,8 +65,8 @@ private:
     const CodecParametersPtr mParameters;
     const sp<DecodeOrder> mOrder;
 
-    std::mutex mLock;
-    std::deque<SampleNote> mNotes;  // guarded by mLock
+    Mutex mLock;
+    std::deque<SampleNote> mNotes GUARDED_BY(mLock);
 };
 
 }  // namespace qmmediaeditor

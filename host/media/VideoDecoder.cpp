@@ -122,7 +122,7 @@ void VideoDecoder::setLayout(int width, int height) {
     layout.stride = FFALIGN(alignedWidth, kStrideAlignment);
     layout.sliceHeight = FFALIGN(alignedHeight, 2);
     {
-        std::lock_guard<std::mutex> lock(mPoolLock);
+        Mutex::Autolock lock(mPoolLock);
         mPool = std::make_shared<PicturePool>(layout);
     }
     mFormat = new AMessage;
@@ -136,13 +136,14 @@ void VideoDecoder::setLayout(int width, int height) {
     if (mFrameRate > 0) mFormat->setInt32("frame-rate", mFrameRate);
 }
 
+std::shared_ptr<PicturePool> VideoDecoder::pool() {
+    Mutex::Autolock lock(mPoolLock);
+    return mPool;
+}
+
 int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
     auto* self = static_cast<VideoDecoder*>(context->opaque);
-    std::shared_ptr<PicturePool> pool;
-    {
-        std::lock_guard<std::mutex> lock(self->mPoolLock);
-        pool = self->mPool;
-    }
+    const std::shared_ptr<PicturePool> pool = self->pool();
     if (pool == nullptr || !self->decodesInto(*pool, context, *frame)) {
         return avcodec_default_get_buffer2(context, frame, flags);
     }
@@ -218,18 +219,19 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
 }
 
 sp<ABuffer> VideoDecoder::workingPicture() {
-    const PictureLayout& layout = mPool->layout();
+    const std::shared_ptr<PicturePool> pool = this->pool();
+    const PictureLayout& layout = pool->layout();
     const bool asItIs = PictureConverter::isWorkingPicture(*mFrame, layout.width, layout.height);
-    if (asItIs && mPool->fits(*mFrame)) return mPool->wrap(mFrame.get());
+    if (asItIs && pool->fits(*mFrame)) return pool->wrap(mFrame.get());
 
     FramePtr picture(av_frame_alloc());
-    if (picture == nullptr || !mPool->attach(picture.get())) return nullptr;
+    if (picture == nullptr || !pool->attach(picture.get())) return nullptr;
     if (asItIs) {
         copyPicture(*mFrame, *picture);
     } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
         return nullptr;
     }
-    return mPool->wrap(picture.get());
+    return pool->wrap(picture.get());
 }
 
 }  // namespace qmmediaeditor

@@ -3,9 +3,9 @@
 #pragma once
 
 #include <stdint.h>
+#include <utils/Mutex.h>
 
 #include <memory>
-#include <mutex>
 #include <set>
 
 #include "host/convert/PictureConverter.h"
@@ -34,13 +34,14 @@ private:
     // libavcodec's get_buffer2; called on its threads, too.
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
     bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame) const;
+    std::shared_ptr<PicturePool> pool();
     sp<ABuffer> workingPicture();
 
     const FramePtr mFrame;
     PictureConverter mConverter;
 
-    std::mutex mPoolLock;
-    std::shared_ptr<PicturePool> mPool;  // guarded by mPoolLock; set once, on the looper's thread
+    Mutex mPoolLock;
+    std::shared_ptr<PicturePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
     sp<AMessage> mFormat;
     int mWidth = 0;  // of what goes out, when the format says it
     int mHeight = 0;

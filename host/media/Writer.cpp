@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -39,21 +38,20 @@ protected:
 private:
     enum class State { kIdle, kStarted, kStopped };
 
-    status_t startSources();
-    status_t begin(const MetaData* params);
-    void startTracks();
+    status_t startSources() REQUIRES(mLock);
+    status_t begin(const MetaData* params) REQUIRES(mLock);
+    void startTracks() REQUIRES(mLock);
 
     // On the track's own thread.
-    void runTrack(size_t index);
+    void runTrack(size_t index, const sp<MediaSource>& source);
     status_t write(size_t index, MediaBufferBase* buffer);
     void reportError(status_t error);
 
-    std::mutex mLock;
-    // Guarded by mLock.
-    State mState = State::kIdle;
-    std::vector<sp<MediaSource>> mSources;
-    std::vector<uint8_t> mUuidBoxes;
-    status_t mResult = OK;
+    Mutex mLock;
+    State mState GUARDED_BY(mLock) = State::kIdle;
+    std::vector<sp<MediaSource>> mSources GUARDED_BY(mLock);
+    std::vector<uint8_t> mUuidBoxes GUARDED_BY(mLock);
+    status_t mResult GUARDED_BY(mLock) = OK;
 
     // Null when the descriptor cannot be written to.
     std::unique_ptr<MuxedFile> mFile;
@@ -72,7 +70,7 @@ FileWriter::FileWriter(int fd, bool movieBoxFirst) : mMovieBoxFirst(movieBoxFirs
 FileWriter::~FileWriter() { stop(); }
 
 status_t FileWriter::addSource(const sp<MediaSource>& source) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kIdle) return INVALID_OPERATION;
     if (source == nullptr) return BAD_VALUE;
     mSources.push_back(source);
@@ -80,7 +78,7 @@ status_t FileWriter::addSource(const sp<MediaSource>& source) {
 }
 
 status_t FileWriter::start(MetaData* params) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState != State::kIdle) return INVALID_OPERATION;
     if (mFile == nullptr) return NO_INIT;
     status_t result = startSources();
@@ -125,17 +123,21 @@ status_t FileWriter::begin(const MetaData* params) {
 void FileWriter::startTracks() {
     mRunningTracks = mSources.size();
     for (size_t i = 0; i < mSources.size(); ++i) {
-        mThreads.emplace_back(&FileWriter::runTrack, this, i);
+        mThreads.emplace_back(&FileWriter::runTrack, this, i, mSources[i]);
     }
 }
 
-void FileWriter::runTrack(size_t index) {
-    MediaBufferBase* buffer = nullptr;
-    while (!mFailed && mSources[index]->read(&buffer) == OK) {
-        const status_t result = buffer == nullptr ? OK : write(index, buffer);
-        // The source has this one buffer and waits for it.
-        if (buffer != nullptr) buffer->release();
-        buffer = nullptr;
+void FileWriter::runTrack(size_t index, const sp<MediaSource>& source) {
+    while (!mFailed) {
+        MediaBufferBase* buffer = nullptr;
+        status_t result = source->read(&buffer);
+        if (result == ERROR_END_OF_STREAM) break;
+        if (result == OK && buffer != nullptr) {
+            result = write(index, buffer);
+            // The source has this one buffer and waits for it.
+            buffer->release();
+        }
+        // Nobody reads from the source any more: whoever fills it has to hear of it.
         if (result != OK) reportError(result);
     }
     --mRunningTracks;
@@ -162,7 +164,7 @@ void FileWriter::reportError(status_t error) {
 }
 
 status_t FileWriter::stop() {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mState == State::kStarted) {
         for (const auto& source : mSources) source->stop();
         for (std::thread& thread : mThreads) thread.join();
@@ -176,7 +178,7 @@ status_t FileWriter::stop() {
 }
 
 void FileWriter::setUuidData(const uint8_t* data, size_t size) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mUuidBoxes = makeUuidBoxes(data, size);
 }
 
