@@ -1,23 +1,38 @@
 # What `run` and `test` share. Sourced by both; `root` is the folder of the project.
 root=$(dirname "$(dirname "$(realpath "${BASH_SOURCE[0]}")")")
-build=$root/build/release
+
+# Which of the presets is configured and built.
+use_preset() {
+    preset=$1
+    build=$root/build/$preset
+}
+use_preset release
 
 fail() {
     echo "$(basename "$0"): $*" >&2
     exit 1
 }
 
+# package_names LIST…: the names in these files of scripts/, a line each.
+package_names() {
+    local list
+    for list in "$@"; do
+        sed 's/#.*//' "$root/scripts/$list" | awk 'NF { print $1 }'
+    done
+}
+
 missing_packages() {
     local package
-    sed 's/#.*//' "$root/scripts/packages" | while read -r package _; do
-        [[ -z $package ]] && continue
+    package_names "$@" | while read -r package; do
         [[ $(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null) == ii* ]] || echo "$package"
     done
 }
 
+# install_packages [LIST…]: those of `packages` when no list is named.
 install_packages() {
+    (($# > 0)) || set -- packages
     local missing as_root=()
-    mapfile -t missing < <(missing_packages)
+    mapfile -t missing < <(missing_packages "$@")
     ((${#missing[@]} > 0)) || return 0
     if ((EUID != 0)); then
         command -v sudo >/dev/null || fail "root or sudo is needed to install: ${missing[*]}"
@@ -36,15 +51,19 @@ install_packages() {
     rm -f "$log"
 }
 
+# configure [OPTIONS]: cmake's.
+configure() {
+    cd "$root"
+    mkdir -p "$build"
+    if ! cmake --preset "$preset" "$@" >"$build/configure.log" 2>&1; then
+        cat "$build/configure.log" >&2
+        fail "the build could not be configured"
+    fi
+}
+
 # build_targets [TARGET…]: everything when none is named.
 build_targets() {
     cd "$root"
-    if [[ ! -f $build/build.ninja || CMakePresets.json -nt $build/build.ninja ]]; then
-        mkdir -p "$build"
-        if ! cmake --preset release >"$build/configure.log" 2>&1; then
-            cat "$build/configure.log" >&2
-            fail "the build could not be configured"
-        fi
-    fi
+    [[ -f $build/build.ninja && ! CMakePresets.json -nt $build/build.ninja ]] || configure
     ninja -C "$build" "$@" || fail "the build failed"
 }

@@ -1,0 +1,47 @@
+// The command line's words, a line each: they are taken, or refused with a usage error.
+#include <qmtranscode/Failure.h>
+#include <qmtranscode/Options.h>
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <string>
+#include <vector>
+
+using namespace android::qmmediaeditor;
+
+namespace {
+
+bool inOrder(const std::vector<TrimPeriod>& periods) {
+    int64_t endUs = 0;
+    for (const TrimPeriod& period : periods) {
+        if (period.mStartUs < endUs || period.mEndUs <= period.mStartUs) return false;
+        endUs = period.mEndUs;
+    }
+    return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::vector<std::string> words = {"qmtranscode", ""};
+    for (size_t i = 0; i < size && words.size() < 64; ++i) {
+        if (data[i] == '\n') {
+            words.emplace_back();
+        } else if (data[i] != 0) {
+            words.back() += static_cast<char>(data[i]);
+        }
+    }
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+
+    cli::Options options;
+    const std::optional<int> status =
+        cli::parseOptions(static_cast<int>(words.size()), arguments.data(), &options);
+    if (status) {
+        if (*status != cli::kExitWhole && *status != cli::kExitUsage) abort();
+        return 0;
+    }
+    if (options.input.empty() || options.output.empty() || !inOrder(options.periods)) abort();
+    return 0;
+}

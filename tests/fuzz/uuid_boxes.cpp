@@ -1,0 +1,22 @@
+// The walk over the top-level boxes of a file, and the boxes that are made of what it finds.
+#include <fuzz/MemoryFile.h>
+#include <host/media/InputFile.h>
+#include <host/media/UuidBox.h>
+
+using namespace android::qmmediaeditor;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) return 0;
+    const MemoryFile file(data, size);
+    const auto input = InputFile::open(file.fd(), 0, static_cast<int64_t>(size));
+    const TopLevelBoxes boxes = readTopLevelBoxes(*input);
+    if (boxes.movieOffset + boxes.movieBytes > static_cast<int64_t>(size)) abort();
+    const std::vector<uint8_t> made = makeUuidBoxes(boxes.uuidData.data(), boxes.uuidData.size());
+    if (made.empty()) return 0;
+
+    // What goes into a file comes out of it again.
+    const MemoryFile written(made.data(), made.size());
+    const auto again = InputFile::open(written.fd(), 0, static_cast<int64_t>(made.size()));
+    if (readTopLevelBoxes(*again).uuidData != boxes.uuidData) abort();
+    return 0;
+}
