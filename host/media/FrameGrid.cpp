@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <iterator>
 
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
 namespace android {
 namespace qmmediaeditor {
 
@@ -29,16 +33,11 @@ bool isUsable(const FrameRate& rate) {
 
 // Intermediate values of long files at fine rates need more than 64 bits.
 int64_t frameNumber(int64_t distanceUs, const FrameRate& rate) {
-    const __int128 scaled = static_cast<__int128>(distanceUs) * rate.numerator;
-    const __int128 unit = static_cast<__int128>(kSecondUs) * rate.denominator;
-    const __int128 half = scaled >= 0 ? unit / 2 : -(unit / 2);
-    return static_cast<int64_t>((scaled + half) / unit);
+    return av_rescale(distanceUs, rate.numerator, kSecondUs * rate.denominator);
 }
 
 int64_t frameTimeUs(int64_t number, const FrameRate& rate) {
-    const __int128 scaled = static_cast<__int128>(number) * kSecondUs * rate.denominator;
-    const __int128 half = scaled >= 0 ? rate.numerator / 2 : -(rate.numerator / 2);
-    return static_cast<int64_t>((scaled + half) / rate.numerator);
+    return av_rescale(number, kSecondUs * rate.denominator, rate.numerator);
 }
 
 // Every time within a tick of a frame of its own, and nearly all frames there.

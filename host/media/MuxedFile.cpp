@@ -104,10 +104,11 @@ bool isComplete(const AVCodecParameters& parameters) {
 }
 
 bool setRotation(AVStream* stream, int32_t degrees) {
-    uint8_t* matrix =
-        av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t));
-    if (matrix == nullptr) return false;
-    av_display_rotation_set(reinterpret_cast<int32_t*>(matrix), degrees);
+    int32_t matrix[9];
+    av_display_rotation_set(matrix, degrees);
+    uint8_t* data = av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, sizeof(matrix));
+    if (data == nullptr) return false;
+    memcpy(data, matrix, sizeof(matrix));
     return true;
 }
 

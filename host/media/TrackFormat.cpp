@@ -2,6 +2,7 @@
 
 #include <math.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -42,8 +43,10 @@ Size displaySize(AVFormatContext& context, AVStream& stream) {
 int rotationDegrees(const AVStream& stream) {
     size_t size = 0;
     const uint8_t* data = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
-    if (data == nullptr || size < 9 * sizeof(int32_t)) return 0;
-    const double counterclockwise = av_display_rotation_get(reinterpret_cast<const int32_t*>(data));
+    int32_t matrix[9];
+    if (data == nullptr || size < sizeof(matrix)) return 0;
+    memcpy(matrix, data, sizeof(matrix));
+    const double counterclockwise = av_display_rotation_get(matrix);
     if (isnan(counterclockwise)) return 0;
     const int quarters = static_cast<int>(lround(-counterclockwise / 90));
     return ((quarters % 4) + 4) % 4 * 90;

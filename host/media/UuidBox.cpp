@@ -93,7 +93,7 @@ TopLevelBoxes readTopLevelBoxes(const InputFile& file) {
         }
         const auto size = static_cast<uint64_t>(box.endOffset - box.payloadOffset);
         if (box.type != kUuid || size < kTypeBytes || size > kMaxUuidBytes - totalBytes) continue;
-        std::vector<uint8_t> content(size);
+        std::vector<uint8_t> content(static_cast<size_t>(size));
         if (!file.readFully(box.payloadOffset, content.data(), content.size())) break;
         totalBytes += content.size();
         contents.push_back(std::move(content));
