@@ -1,6 +1,9 @@
 #include <android/log.h>
 #include <fakes/FatalCheckTrap.h>
 #include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <utils/CallStack.h>
 
 #include <atomic>
 
@@ -12,22 +15,13 @@ std::atomic<FatalCheckTrap*> gTrap{nullptr};
 
 }  // namespace
 
-// The log library never gets back the lock that it holds while it calls the aborter: the aborter
-// stays for the life of the process.
-FatalCheckTrap::FatalCheckTrap() : mOwner(std::this_thread::get_id()) {
-    static std::once_flag installed;
-    std::call_once(installed, [] { __android_log_set_aborter(onFailure); });
-    gTrap = this;
-}
+FatalCheckTrap::FatalCheckTrap() : mOwner(std::this_thread::get_id()) { gTrap = this; }
 
 FatalCheckTrap::~FatalCheckTrap() { gTrap = nullptr; }
 
 void FatalCheckTrap::onFailure(const char* message) {
     FatalCheckTrap* trap = gTrap;
-    if (trap == nullptr) {
-        __android_log_default_aborter(message);
-        return;
-    }
+    if (trap == nullptr) __android_log_default_aborter(message);
     if (std::this_thread::get_id() == trap->mOwner) throw FatalCheckFailure(message);
     {
         std::lock_guard<std::mutex> guard(trap->mLock);
@@ -42,3 +36,21 @@ std::vector<std::string> FatalCheckTrap::elsewhere() const {
 }
 
 }  // namespace android::qmmediaeditor
+
+// A check that fails in a constructor leaves an object without a strong reference behind: the
+// library logs the stack then, and on ARM Debian's build of it crashes while it walks the stack.
+android::CallStack::CallStackUPtr android::CallStack::getCurrentInternal(int32_t) {
+    return CallStackUPtr(nullptr);
+}
+
+// Takes the place of the log library's own, which is C: on ARM neither an exception nor the end of
+// a thread finds a way through its frames.
+void __android_log_assert(const char* /* condition */, const char* tag, const char* format, ...) {
+    char message[1024];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(message, sizeof(message), format, values);
+    va_end(values);
+    __android_log_write(ANDROID_LOG_FATAL, tag, message);
+    android::qmmediaeditor::FatalCheckTrap::onFailure(message);
+}

@@ -24,6 +24,9 @@ public:
     // Messages of other threads.
     std::vector<std::string> elsewhere() const;
 
+    // What a failed check comes to.
+    [[noreturn]] static void onFailure(const char* message);
+
     // The message of the check that `statement` fails, or "" when it fails none.
     template <typename Statement>
     static std::string messageOf(const Statement& statement) {
@@ -36,8 +39,6 @@ public:
     }
 
 private:
-    static void onFailure(const char* message);
-
     const std::thread::id mOwner;
     mutable std::mutex mLock;
     std::vector<std::string> mElsewhere;

@@ -195,7 +195,7 @@ TYPED_TEST(HandOffTest, withoutABufferForTheWriterAReadFails) {
     EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "MediaBufferGroup is null"));
     TypeParam::makePool(*this->mSource);
     this->pushEncoded(1);
-    this->mSource->mEncodedSamples.begin()->mSize = SIZE_MAX / 2;
+    this->mSource->mEncodedSamples.begin()->mSize = size_t{PTRDIFF_MAX} + 1;
     EXPECT_EQ(NO_MEMORY, this->readOne());
     EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "Error was returned:[-12]"));
 }
