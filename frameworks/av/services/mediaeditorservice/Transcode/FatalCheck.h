@@ -37,9 +37,8 @@ public:
     const sp<MediaCodecBuffer>& bufferAt(const Vector<sp<MediaCodecBuffer>>& buffers,
                                          size_t index) const {
         if (index >= buffers.size()) {
-            __android_log_assert("index>=size()", mTag, "%s: index=%u out of range (%u)",
-                                 __PRETTY_FUNCTION__, static_cast<unsigned>(index),
-                                 static_cast<unsigned>(buffers.size()));
+            __android_log_assert("index>=size()", mTag, "%s: index=%zu out of range (%zu)",
+                                 __PRETTY_FUNCTION__, index, buffers.size());
         }
         return buffers[index];
     }

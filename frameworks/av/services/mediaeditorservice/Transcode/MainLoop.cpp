@@ -28,7 +28,7 @@ int32_t Transcode::doTranscode() {
         QM_LOGV(kTag, "Force stop before sniff frame");
         return kStopped;
     }
-    QM_LOGD(kTag, "mSampleBufferSize: %d", static_cast<int>(mSampleBufferSize));
+    QM_LOGD(kTag, "mSampleBufferSize: %zu", mSampleBufferSize);
     mSampleBuffer = new ABuffer(mSampleBufferSize);
 
     if (createSource() != OK) return mForceStop ? kStopped : kSessionFailed;
