@@ -88,6 +88,7 @@ status_t PacketDecoder::open() {
                             avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
     }
+    __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "decodes with %s", mContext->codec->name);
     return OK;
 }
 

@@ -56,6 +56,7 @@ status_t PacketEncoder::open(AVDictionary* options) {
                             avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
     }
+    __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "encodes with %s", mContext->codec->name);
     return OK;
 }
 

@@ -108,3 +108,29 @@ loudness() {
     ffmpeg -nostdin -ss "$2" -t 0.8 -i "$1" -map a:0 -af volumedetect -f null - 2>&1 |
         sed -n 's/.*mean_volume: \(.*\) dB/\1/p'
 }
+
+# start ARGUMENTS…: runs the command in the background. Its standard error can be read from descriptor 3.
+start() {
+    mkfifo pipe
+    "$QMTRANSCODE" "$CLIPS/long.mp4" out.mp4 --progress json "$@" >stdout 2>pipe </dev/null &
+    pid=$!
+    exec 3<pipe
+    rm pipe
+}
+
+wait_for_progress() {
+    local line=
+    while read -r -t 60 line <&3; do
+        [[ $line =~ \"progress\":([0-9]+) ]] && ((BASH_REMATCH[1] >= $1)) && return
+    done
+    fail "no progress of $1 (last: $line)"
+}
+
+# finish: takes the rest of what the command says, and its status.
+finish() {
+    status=0
+    cat <&3 >stderr
+    wait "$pid" || status=$?
+    said=$(grep -v progress stderr || true)
+    rm stderr
+}

@@ -19,4 +19,13 @@ void removeBar();
 // Columns of the terminal, or 80.
 int width();
 
+// The text with a ? for each control character, so that no name can steer a terminal.
+std::string printable(std::string text);
+
+// Columns that a terminal takes for a text in UTF-8.
+int columnsOf(const std::string& text);
+
+// The text in green, unless NO_COLOR is set or the terminal has no colours.
+std::string green(const std::string& text);
+
 }  // namespace android::qmmediaeditor::cli::console

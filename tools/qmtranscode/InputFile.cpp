@@ -49,8 +49,8 @@ std::optional<Failure> InputFile::probe() {
     }
     if (!media->audio && !media->video) {
         return Failure{kExitUnusable, mPath,
-                       media->trackCount == 0 ? "there is no track in this file"
-                                              : "no track of this file can be decoded here"};
+                       media->mimes.empty() ? "there is no track in this file"
+                                            : "no track of this file can be decoded here"};
     }
     mMedia = *media;
     return std::nullopt;

@@ -21,25 +21,23 @@ sigset_t takenSignals() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
     struct sigaction hangup {};
     sigaction(SIGHUP, nullptr, &hangup);
     if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
     return signals;
 }
 
-[[noreturn]] void endNow() {
-    OutputFile::removeNow();
-    // Past the console, whose lock a stalled terminal may hold.
-    const std::string line = std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
-                             "qmtranscode: stopped at once; nothing was written\n";
-    const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+// Past all buffers and locks: a stalled terminal may hold them.
+void say(int fd, const std::string& text) {
+    const ssize_t written = write(fd, text.data(), text.size());
     static_cast<void>(written);
-    _exit(kExitStopped);
 }
 
 }  // namespace
 
-Interrupt::Interrupt() {
+Interrupt::Interrupt(std::function<void()> explain, std::string lastWords)
+    : mExplain(std::move(explain)), mLastWords(std::move(lastWords)) {
     signal(SIGINT, SIG_DFL);
     const sigset_t signals = takenSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -66,6 +64,14 @@ void Interrupt::ignore() {
     mStop = nullptr;
 }
 
+void Interrupt::endNow() const {
+    OutputFile::removeNow();
+    say(STDOUT_FILENO, mLastWords);
+    say(STDERR_FILENO, std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
+                           "qmtranscode: stopped at once; nothing was written\n");
+    _exit(kExitStopped);
+}
+
 void Interrupt::waitForSignals() {
     pollfd fds[] = {{mSignalFd, POLLIN, 0}, {mEndFd, POLLIN, 0}};
     while (true) {
@@ -73,6 +79,10 @@ void Interrupt::waitForSignals() {
         if (fds[1].revents != 0) return;
         signalfd_siginfo info{};
         if (read(mSignalFd, &info, sizeof(info)) != sizeof(info)) continue;
+        if (info.ssi_signo == SIGUSR1) {
+            mExplain();
+            continue;
+        }
         if (mRequested) endNow();
         std::lock_guard<std::mutex> lock(mLock);
         mRequested = true;

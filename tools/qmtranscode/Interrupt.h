@@ -1,9 +1,11 @@
 // SIGINT, SIGTERM and SIGHUP: the first one asks the work to stop, the second one ends the process.
+// SIGUSR1 asks what the work does.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 
 namespace android::qmmediaeditor::cli {
@@ -11,8 +13,9 @@ namespace android::qmmediaeditor::cli {
 class Interrupt {
 public:
     // To be made before any other thread: it blocks the signals in this thread and in all that come
-    // later, and takes them from a descriptor on a thread of its own.
-    Interrupt();
+    // later, and takes them from a descriptor on a thread of its own. `explain` is called there for
+    // SIGUSR1; `lastWords` go to standard output when the process ends at once.
+    Interrupt(std::function<void()> explain, std::string lastWords);
     ~Interrupt();
 
     // `stop` is called once, on that thread: at the first signal, or at once when that has come
@@ -27,7 +30,10 @@ private:
     Interrupt& operator=(const Interrupt&) = delete;
 
     void waitForSignals();
+    [[noreturn]] void endNow() const;
 
+    const std::function<void()> mExplain;
+    const std::string mLastWords;
     // Written by the thread, read by any.
     std::atomic<bool> mRequested{false};
     std::mutex mLock;

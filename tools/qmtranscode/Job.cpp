@@ -1,48 +1,23 @@
-#include <Transcode.h>
-#include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
 #include <qmtranscode/Progress.h>
-#include <qmtranscode/ReadBack.h>
 #include <qmtranscode/Request.h>
+#include <qmtranscode/Session.h>
 #include <stdio.h>
+#include <unistd.h>
 
-#include <string>
+#include <algorithm>
 
 namespace android::qmmediaeditor::cli {
-
-namespace {
-
-// What a session that ended with `result` had to do with it.
-std::string reasonOf(int32_t result) {
-    switch (result) {
-        case kInvalidRequest:
-            return "its tracks could not be set up for decoding";
-        case kStopped:
-            return "the output could not be written";
-        case kSessionFailed:
-            return "an encoder could not be made, or the output could not be finished";
-        case kEncoderError:
-            return "an encoder failed";
-        default:
-            return "failed with code " + std::to_string(result);
-    }
-}
-
-}  // namespace
 
 std::optional<Failure> Job::run() {
     if (auto failure = prepare()) return failure;
     int outputFd = -1;
     if (auto failure = mOutput.create(&outputFd)) return failure;
-    Progress progress(mOptions.progress, mOptions.output);
+    Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
     const int32_t result = transcode(outputFd, &progress);
     if (result == OK) return keepWhole(&progress);
     if (result == kStopped && mInterrupt->requested()) return keepStopped();
-    if ((result == kStopped || result == kSessionFailed) && mOutput.isFull()) {
-        return Failure{kExitFailed, mOutput.path(), "no space is left for it"};
-    }
-    const bool isInputs = result == kInvalidRequest;
-    return Failure{kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+    return failed(result);
 }
 
 std::optional<Failure> Job::prepare() {
@@ -53,45 +28,94 @@ std::optional<Failure> Job::prepare() {
     return makeOutputFormat(mOptions, mInput.media(), &mOutputFormat);
 }
 
-int32_t Job::transcode(int outputFd, Progress* progress) {
-    TranscodeProperty property;
-    property.mInputFd = mInput.fd();
-    property.mOutputFd = outputFd;
-    property.mProgressCallback = [progress](int32_t percent) { progress->report(percent); };
-    property.mOutputFormat = mOutputFormat;
-    property.mTrimEnabled = !mPeriods.empty();
-    property.mPeriodCount = static_cast<int32_t>(mPeriods.size());
-    property.mPeriods = mPeriods.data();
+int64_t Job::outputLengthUs() const {
+    if (mPeriods.empty()) return mInput.media().durationUs();
+    int64_t lengthUs = 0;
+    for (const TrimPeriod& period : mPeriods) lengthUs += period.mEndUs - period.mStartUs;
+    return lengthUs;
+}
 
-    const sp<TranscodeComponent> component = new TranscodeComponent();
-    component->create(&property);
-    mInterrupt->onFirst([&component] { component->cancel(); });
-    const int32_t result = component->process();
-    mInterrupt->ignore();
-    component->destory();
+int32_t Job::transcode(int outputFd, Progress* progress) {
+    const int64_t beginUs = nowUs();
+    mMonitor->begin(mPeriods, nullptr);
+    int32_t result;
+    {
+        Session session(
+            {mInput.fd(), outputFd, mPeriods, mOutputFormat, [this, progress](int32_t percent) {
+                 mMonitor->onProgress(percent);
+                 progress->report(percent);
+             }});
+        mInterrupt->onFirst([&session] { session.cancel(); });
+        result = session.run();
+        mInterrupt->ignore();
+    }
+    mCounts = mMonitor->end();
+    mWallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;
     return result;
 }
 
 std::optional<Failure> Job::keepWhole(Progress* progress) {
-    const std::optional<MediaFile> written = readBack(mOutput);
-    if (!written) {
+    Receipt receipt = readReceipt();
+    if (!receipt.written) {
         return Failure{kExitFailed, mOutput.path(), "what was written cannot be read back"};
     }
-    if (auto failure = checkWhole(mInput, mPeriods, *written, mOutput)) return failure;
+    if (auto failure = checkWhole(mInput, mPeriods, mCounts, *receipt.written, mOutput.path())) {
+        return failure;
+    }
     if (auto failure = mOutput.keep()) return failure;
+    receipt.complete = true;
     progress->finish();
-    printf("%s: %s\n", mOutput.path().c_str(), describe(*written).c_str());
-    return std::nullopt;
+    return print(receipt);
 }
 
 std::optional<Failure> Job::keepStopped() {
-    const std::optional<MediaFile> written = readBack(mOutput);
-    if (!written) {
+    const Receipt receipt = readReceipt();
+    if (receipt.written) {
+        if (auto failure = mOutput.keep()) return failure;
+    }
+    if (auto failure = print(receipt)) return failure;
+    if (!receipt.written) {
         return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
     }
-    if (auto failure = mOutput.keep()) return failure;
-    return Failure{kExitStopped, mOutput.path(),
-                   "stopped; it is valid up to " + secondsText(written->durationUs())};
+    return Failure{
+        kExitStopped, mOutput.path(),
+        "stopped; it is valid up to " + secondsText(receipt.written->media.durationUs())};
+}
+
+std::optional<Failure> Job::failed(int32_t result) const {
+    if ((result == kStopped || result == kSessionFailed) && mOutput.isFull()) {
+        return Failure{kExitFailed, mOutput.path(), "no space is left for it"};
+    }
+    const bool isInputs = result == kInvalidRequest;
+    return Failure{kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+}
+
+Receipt Job::readReceipt() const {
+    Receipt receipt;
+    receipt.input = mInput.path();
+    receipt.output = mOutput.path();
+    receipt.asked = mPeriods;
+    receipt.counts = mCounts;
+    receipt.wallSeconds = mWallSeconds;
+    receipt.usage = currentUsage();
+    const int fd = mOutput.openForReading();
+    if (fd < 0) return receipt;
+    receipt.written = readBack(fd);
+    close(fd);
+    return receipt;
+}
+
+std::optional<Failure> Job::print(const Receipt& receipt) const {
+    std::string text;
+    if (mOptions.json) {
+        text = toJson(receipt);
+    } else if (receipt.written) {
+        text = toText(receipt);
+    }
+    fwrite(text.data(), 1, text.size(), stdout);
+    if (fflush(stdout) == 0 || !mOptions.json) return std::nullopt;
+    // Whoever asked for it decides by it.
+    return Failure{kExitFailed, "standard output", "the receipt could not be written"};
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -5,6 +5,8 @@
 #include <qmtranscode/Interrupt.h>
 #include <qmtranscode/Options.h>
 #include <qmtranscode/OutputFile.h>
+#include <qmtranscode/Receipt.h>
+#include <qmtranscode/RunMonitor.h>
 #include <utils/StrongPointer.h>
 
 #include <optional>
@@ -16,8 +18,9 @@ class Progress;
 
 class Job {
 public:
-    // Both outlive the job. A platform has to be installed.
-    Job(const Options& options, Interrupt* interrupt) : mOptions(options), mInterrupt(interrupt) {}
+    // All outlive the job. A platform has to be installed, and the log goes to the monitor.
+    Job(const Options& options, Interrupt* interrupt, RunMonitor* monitor)
+        : mOptions(options), mInterrupt(interrupt), mMonitor(monitor) {}
 
     // Nothing when the output is whole and has its name.
     std::optional<Failure> run();
@@ -32,13 +35,21 @@ private:
     int32_t transcode(int outputFd, Progress* progress);
     std::optional<Failure> keepWhole(Progress* progress);
     std::optional<Failure> keepStopped();
+    std::optional<Failure> failed(int32_t result) const;
+    // The receipt, with what can be read back of the output.
+    Receipt readReceipt() const;
+    std::optional<Failure> print(const Receipt& receipt) const;
+    int64_t outputLengthUs() const;
 
     const Options& mOptions;
     Interrupt* const mInterrupt;
+    RunMonitor* const mMonitor;
     InputFile mInput;
     OutputFile mOutput;
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
+    RunCounts mCounts;
+    double mWallSeconds = 0;
 };
 
 }  // namespace android::qmmediaeditor::cli

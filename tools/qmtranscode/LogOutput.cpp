@@ -17,12 +17,9 @@ namespace {
 // Lives as long as the process: a thread may log until its very end.
 AndroidLogFormat* gFormat = nullptr;
 std::mutex gFormatLock;
+LogListener* gListener = nullptr;
 
-void dropMessage(const __android_logger_data*, const char*) {}
-
-void printMessage(const __android_logger_data* data, const char* message) {
-    const char* tag = data->tag == nullptr ? "" : data->tag;
-    const auto priority = static_cast<android_LogPriority>(data->priority);
+void printMessage(android_LogPriority priority, const char* tag, const char* message) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
 
@@ -50,6 +47,14 @@ void printMessage(const __android_logger_data* data, const char* message) {
     if (line != buffer) free(line);
 }
 
+void takeMessage(const __android_logger_data* data, const char* message) {
+    const char* tag = data->tag == nullptr ? "" : data->tag;
+    gListener->onMessage({data->priority, tag, message, nowUs(), gettid()});
+    if (gFormat != nullptr) {
+        printMessage(static_cast<android_LogPriority>(data->priority), tag, message);
+    }
+}
+
 void endProcess(const char* message) {
     OutputFile::removeNow();
     std::string text = message == nullptr ? "no reason given" : message;
@@ -60,18 +65,23 @@ void endProcess(const char* message) {
 
 }  // namespace
 
-void installLog(const std::optional<std::string>& filter, const std::string& format) {
-    __android_log_set_aborter(endProcess);
-    if (!filter) {
-        __android_log_set_logger(dropMessage);
-        __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
-        return;
+void installLog(const std::optional<std::string>& filter, const std::string& format,
+                LogListener* listener) {
+    gListener = listener;
+    if (filter) {
+        gFormat = android_log_format_new();
+        android_log_setPrintFormat(gFormat, android_log_formatFromString(format.c_str()));
+        android_log_addFilterString(gFormat, filter->c_str());
     }
-    gFormat = android_log_format_new();
-    android_log_setPrintFormat(gFormat, android_log_formatFromString(format.c_str()));
-    android_log_addFilterString(gFormat, filter->c_str());
-    __android_log_set_logger(printMessage);
+    __android_log_set_aborter(endProcess);
+    __android_log_set_logger(takeMessage);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+}
+
+int64_t nowUs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 }  // namespace android::qmmediaeditor::cli

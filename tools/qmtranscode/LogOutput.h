@@ -1,14 +1,36 @@
-// The platform log, on standard error. There is one for the whole process.
+// Where the platform log goes: to a listener, and to standard error when the user asks for it.
 #pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
 
 #include <optional>
 #include <string>
 
 namespace android::qmmediaeditor::cli {
 
-// `filter` and `format` are in logcat's words, checked before. Without a filter nothing is logged,
-// or even put into words. Either way, a failed check of the platform's invariants ends the process
-// with status 1, one line and no output file.
-void installLog(const std::optional<std::string>& filter, const std::string& format);
+struct LogMessage {
+    int priority;
+    const char* tag;
+    const char* text;
+    int64_t timeUs;  // nowUs()
+    pid_t thread;
+};
+
+class LogListener {
+public:
+    virtual ~LogListener() = default;
+    // On the thread that logs, and at the same time on several.
+    virtual void onMessage(const LogMessage& message) = 0;
+};
+
+// Prints what logcat's filter lets through, in one of logcat's formats; nothing without a filter.
+// Every message goes to `listener`, which lives as long as the process: a thread may log until its
+// very end. A failed internal check ends the process with one line and status 1.
+void installLog(const std::optional<std::string>& filter, const std::string& format,
+                LogListener* listener);
+
+// The clock of messages: monotonic, in microseconds.
+int64_t nowUs();
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,5 +1,4 @@
 #include <editorutils/MediaEditorDefs.h>
-#include <editorutils/QmMediaExtractorWrapper.h>
 #include <qmtranscode/MediaFile.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -10,15 +9,6 @@
 namespace android::qmmediaeditor::cli {
 
 namespace {
-
-sp<QmMediaExtractorWrapper> openExtractor(int fd, int64_t* sizeBytes) {
-    struct stat status {};
-    if (fstat(fd, &status) != 0) return nullptr;
-    *sizeBytes = status.st_size;
-    sp<QmMediaExtractorWrapper> extractor = new QmMediaExtractorWrapper();
-    if (extractor->setDataSource(fd, 0, status.st_size) != OK) return nullptr;
-    return extractor;
-}
 
 AudioTrack readAudioTrack(const sp<AMessage>& format, size_t index, const AString& mime) {
     AudioTrack track;
@@ -52,23 +42,42 @@ VideoTrack readVideoTrack(const sp<AMessage>& format, size_t index, const AStrin
     return track;
 }
 
+std::string readUuidData(const sp<QmMediaExtractorWrapper>& extractor) {
+    sp<AMessage> format;
+    sp<ABuffer> data;
+    if (extractor->getFileFormat(&format) != OK || !format->findBuffer("uuid-data", &data)) {
+        return "";
+    }
+    return std::string(reinterpret_cast<const char*>(data->data()), data->size());
+}
+
 }  // namespace
 
 int64_t MediaFile::durationUs() const {
     return std::max(audio ? audio->durationUs : 0, video ? video->durationUs : 0);
 }
 
+sp<QmMediaExtractorWrapper> openExtractor(int fd, int64_t* sizeBytes) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) return nullptr;
+    *sizeBytes = status.st_size;
+    sp<QmMediaExtractorWrapper> extractor = new QmMediaExtractorWrapper();
+    if (extractor->setDataSource(fd, 0, status.st_size) != OK) return nullptr;
+    return extractor;
+}
+
 std::optional<MediaFile> readMediaFile(int fd) {
     MediaFile file;
     const sp<QmMediaExtractorWrapper> extractor = openExtractor(fd, &file.sizeBytes);
     if (extractor == nullptr) return std::nullopt;
-    file.trackCount = extractor->countTracks();
-    for (size_t i = 0; i < file.trackCount; ++i) {
+    file.uuidData = readUuidData(extractor);
+    for (size_t i = 0; i < extractor->countTracks(); ++i) {
         sp<AMessage> format;
         AString mime;
         if (extractor->getTrackFormat(i, &format) != OK || !format->findString("mime", &mime)) {
             return std::nullopt;
         }
+        file.mimes.emplace_back(mime.c_str());
         if (!file.audio && mime.startsWithIgnoreCase("audio/") &&
             !mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED)) {
             file.audio = readAudioTrack(format, i, mime);

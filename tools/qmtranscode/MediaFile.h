@@ -2,6 +2,7 @@
 #pragma once
 
 #include <TranscodeTypes.h>
+#include <editorutils/QmMediaExtractorWrapper.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -37,12 +38,17 @@ struct MediaFile {
     // The first track of each kind that can be decoded here: those that a session takes.
     std::optional<AudioTrack> audio;
     std::optional<VideoTrack> video;
-    // How many tracks there are in all.
-    size_t trackCount = 0;
+    // The MIME types of all tracks, in the order of the file.
+    std::vector<std::string> mimes;
+    // The payload of its uuid boxes.
+    std::string uuidData;
 
     // The longer one's.
     int64_t durationUs() const;
 };
+
+// Null when this is no media file.
+sp<QmMediaExtractorWrapper> openExtractor(int fd, int64_t* sizeBytes);
 
 // Nothing when this is no media file. `fd` may be closed afterwards; its position is left alone.
 std::optional<MediaFile> readMediaFile(int fd);

@@ -39,7 +39,13 @@ struct Options {
     bool fastStart = false;
     std::string preset = "veryfast";
 
+    // Say what would be done, and do nothing.
+    bool plan = false;
+    // The receipt on standard output as JSON.
+    bool json = false;
     ProgressStyle progress = ProgressStyle::kNone;
+    // Where a trace of the run goes; none without.
+    std::optional<std::string> trace;
     // Logcat's filter expressions; nothing is logged without.
     std::optional<std::string> logFilter;
     std::string logFormat = "brief";

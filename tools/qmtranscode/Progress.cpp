@@ -1,4 +1,5 @@
 #include <qmtranscode/Console.h>
+#include <qmtranscode/LogOutput.h>
 #include <qmtranscode/Progress.h>
 #include <stdio.h>
 
@@ -10,24 +11,56 @@ namespace {
 
 constexpr int32_t kWhole = 100;
 
-std::string barText(const std::string& name, int32_t percent) {
-    constexpr int kLongestName = 30;
+// "  45 %  8.3x  0:12 left"; the speed and the time that is left are not known at the start.
+std::string numbersText(int32_t percent, double speed, double leftSeconds) {
+    char text[64];
+    if (speed <= 0) {
+        snprintf(text, sizeof(text), "%3d %%", percent);
+    } else if (percent == kWhole) {
+        snprintf(text, sizeof(text), "%3d %% %5.1fx", percent, speed);
+    } else {
+        const int left = static_cast<int>(std::min(leftSeconds, 359999.0) + 0.5);
+        if (left < 3600) {
+            snprintf(text, sizeof(text), "%3d %% %5.1fx %2d:%02d left", percent, speed, left / 60,
+                     left % 60);
+        } else {
+            snprintf(text, sizeof(text), "%3d %% %5.1fx %d:%02d:%02d left", percent, speed,
+                     left / 3600, left / 60 % 60, left % 60);
+        }
+    }
+    return text;
+}
+
+// Fits `columns`; the name goes first when there is no room for all.
+std::string barText(const std::string& name, int32_t percent, const std::string& numbers,
+                    int columns) {
     constexpr int kLongestBar = 40;
-    constexpr int kPercentColumns = 10;
-    const std::string label = static_cast<int>(name.size()) > kLongestName ? "" : name + ' ';
-    // One column stays free, so that the terminal does not break the line.
-    const int room = console::width() - static_cast<int>(label.size()) - kPercentColumns;
-    const int columns = std::clamp(room, 0, kLongestBar);
-    const int filled = columns * percent / kWhole;
-    char percentText[16];
-    snprintf(percentText, sizeof(percentText), "%3d %%", percent);
-    return label + '[' + std::string(static_cast<size_t>(filled), '#') +
-           std::string(static_cast<size_t>(columns - filled), '.') + "] " + percentText;
+    constexpr int kShortestBar = 8;
+    // The numbers keep their place as they grow, and the last column stays free, so that the
+    // terminal does not break the line.
+    constexpr int kNumberColumns = 24;
+    const int room = columns - kNumberColumns - 4;
+    std::string label = console::printable(name) + ' ';
+    int bar = room - console::columnsOf(label);
+    if (bar < kShortestBar) {
+        label.clear();
+        bar = room;
+    }
+    bar = std::clamp(bar, 0, kLongestBar);
+    const auto filled = static_cast<size_t>(bar * percent / kWhole);
+    return label + '[' + console::green(std::string(filled, '#')) +
+           std::string(static_cast<size_t>(bar) - filled, '.') + "] " + numbers;
 }
 
 }  // namespace
 
-Progress::Progress(ProgressStyle style, const std::string& name) : mStyle(style), mName(name) {}
+Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthUs)
+    : mStyle(style),
+      mName(name),
+      mLengthSeconds(static_cast<double>(lengthUs) / 1e6),
+      mBeginUs(nowUs()) {}
+
+Progress::~Progress() { console::removeBar(); }
 
 void Progress::report(int32_t percent) {
     std::lock_guard<std::mutex> lock(mLock);
@@ -44,9 +77,19 @@ void Progress::finish() {
 }
 
 void Progress::show(int32_t percent) {
-    if (mStyle == ProgressStyle::kBar) console::drawBar(barText(mName, percent));
+    const double spent = static_cast<double>(nowUs() - mBeginUs) / 1e6;
+    const double share = static_cast<double>(percent) / kWhole;
+    const double speed = spent > 0 ? share * mLengthSeconds / spent : 0;
+    const double left = share > 0 ? spent / share - spent : 0;
+    if (mStyle == ProgressStyle::kBar) {
+        const std::string numbers = numbersText(percent, speed, left);
+        console::drawBar(barText(mName, percent, numbers, console::width()));
+    }
     if (mStyle == ProgressStyle::kJson) {
-        console::printLine("{\"progress\":" + std::to_string(percent) + "}");
+        char line[96];
+        snprintf(line, sizeof(line), "{\"progress\":%d,\"speed\":%.2f,\"seconds_left\":%.1f}",
+                 percent, speed, left);
+        console::printLine(line);
     }
 }
 

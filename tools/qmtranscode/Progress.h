@@ -12,8 +12,10 @@ namespace android::qmmediaeditor::cli {
 
 class Progress {
 public:
-    // `name` stands in front of the bar.
-    Progress(ProgressStyle style, const std::string& name);
+    // `name` stands in front of the bar. `lengthUs` is the length of what the work makes.
+    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs);
+    // Takes the bar away.
+    ~Progress();
 
     // A share in percent. What is not more than before is passed over, and 100 is left to finish():
     // only a whole file is done.
@@ -21,10 +23,15 @@ public:
     void finish();
 
 private:
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
     void show(int32_t percent);
 
     const ProgressStyle mStyle;
     const std::string mName;
+    const double mLengthSeconds;
+    const int64_t mBeginUs;
     std::mutex mLock;
     int32_t mLast = -1;  // guarded by mLock
 };

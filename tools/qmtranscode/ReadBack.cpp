@@ -1,9 +1,6 @@
-#include <media/stagefright/foundation/MediaDefs.h>
 #include <qmtranscode/ReadBack.h>
 #include <qmtranscode/Values.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -28,88 +25,84 @@ bool isClose(int64_t writtenUs, int64_t expectedUs) {
 
 std::optional<Failure> checkTrack(const char* kind, const InputFile& input, size_t index,
                                   int64_t durationUs, const std::vector<TrimPeriod>& periods,
-                                  std::optional<int64_t> writtenUs, const OutputFile& output) {
+                                  std::optional<int64_t> writtenUs, const std::string& output) {
     if (writtenUs && isClose(*writtenUs, keptUs(durationUs, periods))) return std::nullopt;
     // A damaged input, or one with pauses, holds less than it tells: its samples decide.
     const std::optional<int64_t> heldUs = measureTrack(input.fd(), index, periods);
     if (!heldUs || (writtenUs && isClose(*writtenUs, *heldUs))) return std::nullopt;
     const std::string expected = secondsText(*heldUs) + " of " + kind;
     if (!writtenUs) {
-        return Failure{kExitFailed, output.path(), expected + " are missing from what was written"};
+        return Failure{kExitFailed, output, expected + " are missing from what was written"};
     }
-    return Failure{kExitFailed, output.path(),
+    return Failure{kExitFailed, output,
                    "what was written has " + secondsText(*writtenUs) + " instead of " + expected};
 }
 
-std::string codecName(const std::string& mime) {
-    const struct {
-        const char* mime;
-        const char* name;
-    } kNames[] = {
-        {MEDIA_MIMETYPE_VIDEO_AVC, "avc"},       {MEDIA_MIMETYPE_VIDEO_H263, "h263"},
-        {MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"},   {MEDIA_MIMETYPE_AUDIO_AAC, "aac"},
-        {MEDIA_MIMETYPE_AUDIO_AMR_NB, "amr-nb"}, {MEDIA_MIMETYPE_AUDIO_AMR_WB, "amr-wb"},
-    };
-    for (const auto& entry : kNames) {
-        if (mime == entry.mime) return entry.name;
+// What went to the encoders has come out of them. An encoder rounds sound up to whole frames, and
+// some begin with silence.
+std::optional<Failure> checkCounts(const RunCounts& counts, const WrittenFile& written,
+                                   const std::string& output) {
+    if (written.video) {
+        const int64_t encoded = counts.picturesDecoded - counts.dropped();
+        if (written.video->count != encoded) {
+            return Failure{kExitFailed, output,
+                           "what was written has " + std::to_string(written.video->count) +
+                               " pictures instead of " + std::to_string(encoded)};
+        }
     }
-    return mime;
-}
-
-std::string bytesText(int64_t bytes) {
-    char text[32];
-    if (bytes < 1000000) {
-        snprintf(text, sizeof(text), "%.1f kB", static_cast<double>(bytes) / 1e3);
-    } else {
-        snprintf(text, sizeof(text), "%.1f MB", static_cast<double>(bytes) / 1e6);
+    if (written.audio) {
+        constexpr int64_t kRoundingUs = 300000;
+        const int64_t writtenUs = written.audio->endUs - written.audio->firstUs;
+        if (std::llabs(writtenUs - counts.soundUs()) > kRoundingUs) {
+            return Failure{kExitFailed, output,
+                           "what was written has " + secondsText(writtenUs) +
+                               " of sound instead of " + secondsText(counts.soundUs())};
+        }
     }
-    return text;
+    return std::nullopt;
 }
 
 }  // namespace
 
-std::optional<MediaFile> readBack(const OutputFile& output) {
-    const int fd = output.openForReading();
-    if (fd < 0) return std::nullopt;
-    std::optional<MediaFile> media = readMediaFile(fd);
-    close(fd);
-    if (media && media->durationUs() == 0) media.reset();
-    return media;
+std::optional<WrittenFile> readBack(int fd) {
+    const std::optional<MediaFile> media = readMediaFile(fd);
+    if (!media || media->durationUs() == 0) return std::nullopt;
+    WrittenFile written{*media, std::nullopt, std::nullopt};
+    std::vector<size_t> tracks;
+    if (media->video) tracks.push_back(media->video->index);
+    if (media->audio) tracks.push_back(media->audio->index);
+    const auto samples = walkTracks(fd, tracks);
+    if (!samples) return std::nullopt;
+    if (media->video) written.video = samples->front();
+    if (media->audio) written.audio = samples->back();
+    return written;
 }
 
 std::optional<Failure> checkWhole(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const MediaFile& written, const OutputFile& output) {
+                                  const RunCounts& counts, const WrittenFile& written,
+                                  const std::string& outputPath) {
     const MediaFile& media = input.media();
     if (media.video) {
         std::optional<int64_t> us;
-        if (written.video) us = written.video->durationUs;
+        if (written.media.video) us = written.media.video->durationUs;
         if (auto failure = checkTrack("video", input, media.video->index, media.video->durationUs,
-                                      periods, us, output)) {
+                                      periods, us, outputPath)) {
             return failure;
         }
     }
     if (media.audio) {
         std::optional<int64_t> us;
-        if (written.audio) us = written.audio->durationUs;
-        return checkTrack("audio", input, media.audio->index, media.audio->durationUs, periods, us,
-                          output);
+        if (written.media.audio) us = written.media.audio->durationUs;
+        if (auto failure = checkTrack("audio", input, media.audio->index, media.audio->durationUs,
+                                      periods, us, outputPath)) {
+            return failure;
+        }
     }
-    return std::nullopt;
-}
-
-std::string describe(const MediaFile& media) {
-    std::string text;
-    if (media.video) {
-        text += codecName(media.video->mime) + " " + std::to_string(media.video->width) + "x" +
-                std::to_string(media.video->height) + " " + std::to_string(media.video->frameRate) +
-                " fps, ";
+    if (media.uuidData != written.media.uuidData) {
+        return Failure{kExitFailed, outputPath,
+                       "what was written does not carry the input's uuid data"};
     }
-    if (media.audio) {
-        text += codecName(media.audio->mime) + " " + std::to_string(media.audio->sampleRate) +
-                " Hz " + std::to_string(media.audio->channels) +
-                (media.audio->channels == 1 ? " channel, " : " channels, ");
-    }
-    return text + secondsText(media.durationUs()) + ", " + bytesText(media.sizeBytes);
+    return checkCounts(counts, written, outputPath);
 }
 
 }  // namespace android::qmmediaeditor::cli

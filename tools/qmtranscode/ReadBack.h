@@ -5,6 +5,8 @@
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/InputFile.h>
 #include <qmtranscode/OutputFile.h>
+#include <qmtranscode/RunCounts.h>
+#include <qmtranscode/TrackWalk.h>
 
 #include <optional>
 #include <string>
@@ -12,14 +14,20 @@
 
 namespace android::qmmediaeditor::cli {
 
-// Nothing when there is no file, or none that can be read, or nothing in it.
-std::optional<MediaFile> readBack(const OutputFile& output);
+struct WrittenFile {
+    MediaFile media;
+    // Every sample of the tracks that `media` has.
+    std::optional<TrackSamples> video;
+    std::optional<TrackSamples> audio;
+};
 
-// Compares each track with what the input has of it in the periods, or in all when there are none.
+// Nothing when it cannot be read to its end, or when nothing is in it.
+std::optional<WrittenFile> readBack(int fd);
+
+// Compares each track with what the input has of it in the periods, or in all when there are none,
+// and with what went to its encoder.
 std::optional<Failure> checkWhole(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const MediaFile& written, const OutputFile& output);
-
-// "avc 1280x720 30 fps, aac 48000 Hz 2 channels, 10.00 s, 5.1 MB"
-std::string describe(const MediaFile& media);
+                                  const RunCounts& counts, const WrittenFile& written,
+                                  const std::string& outputPath);
 
 }  // namespace android::qmmediaeditor::cli

@@ -2,7 +2,7 @@
 #include <host/Host.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
-#include <qmtranscode/LogOutput.h>
+#include <qmtranscode/StallWatch.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -30,13 +30,17 @@ int main(int argc, char** argv) {
     cli::Options options;
     if (const std::optional<int> status = cli::parseOptions(argc, argv, &options)) return *status;
 
-    cli::Interrupt interrupt;
-    cli::installLog(options.logFilter, options.logFormat);
+    // Lives as long as the process: the host's threads log until its very end.
+    auto* const monitor = new cli::RunMonitor;
+    cli::Interrupt interrupt([monitor] { cli::explainRun(*monitor, "what every thread does:"); },
+                             options.json ? cli::emptyReceipt(options.input, options.output) : "");
+    cli::installLog(options.logFilter, options.logFormat, monitor);
+    const cli::StallWatch stallWatch(monitor, std::chrono::seconds(10));
     const std::unique_ptr<Platform> platform =
         createHostPlatform({options.preset, options.fastStart});
     Platform::install(platform.get());
 
-    cli::Job job(options, &interrupt);
+    cli::Job job(options, &interrupt, monitor);
     if (const std::optional<cli::Failure> failure = job.run()) {
         cli::console::printFailure(*failure);
         return failure->status;

@@ -1,0 +1,226 @@
+#include <qmtranscode/Console.h>
+#include <qmtranscode/MediaText.h>
+#include <qmtranscode/Receipt.h>
+#include <qmtranscode/Values.h>
+#include <stdio.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// What came out of a period, in times of the input.
+struct PeriodResult {
+    TrimPeriod asked;
+    int64_t framesOut = 0;
+    int64_t dropped = 0;
+    std::optional<TrimPeriod> pictures;  // from the first picture to the last one
+    std::optional<TrimPeriod> sound;     // from where it begins to where it ends
+    std::optional<int64_t> skewUs;
+};
+
+// Names are bytes on Linux; what is no UTF-8 is replaced.
+std::string dump(const Json& json) {
+    return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+double seconds(int64_t us) { return static_cast<double>(us) / 1e6; }
+
+int64_t bitrateOf(const TrackSamples& samples) {
+    const int64_t lengthUs = samples.endUs - samples.firstUs;
+    if (lengthUs <= 0) return 0;
+    return static_cast<int64_t>(static_cast<double>(samples.bytes) * 8 / seconds(lengthUs));
+}
+
+std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
+    // The file rounds times to its own clock, much less than the distance of two pictures.
+    constexpr int64_t kClockUs = 1000;
+    std::vector<PeriodResult> results;
+    for (size_t i = 0; i < receipt.counts.periods.size(); ++i) {
+        const PeriodCounts& counts = receipt.counts.periods[i];
+        PeriodResult result;
+        const bool whole = receipt.asked.empty();
+        result.asked =
+            whole ? TrimPeriod{0, receipt.written->media.durationUs()} : receipt.asked[i];
+        result.dropped = counts.dropped;
+        const int64_t shiftUs = result.asked.mStartUs - counts.beginUs;
+        if (receipt.written->video) {
+            for (int64_t timeUs : receipt.written->video->timesUs) {
+                if (timeUs + kClockUs < counts.beginUs) continue;
+                if (!whole && timeUs + kClockUs >= counts.endUs) continue;
+                ++result.framesOut;
+                if (!result.pictures) result.pictures = {timeUs + shiftUs, timeUs + shiftUs};
+                result.pictures->mEndUs = std::max(result.pictures->mEndUs, timeUs + shiftUs);
+            }
+        }
+        if (counts.soundBeginUs) {
+            result.sound = {*counts.soundBeginUs + shiftUs, counts.soundEndUs + shiftUs};
+            if (result.pictures) result.skewUs = counts.skewUs;
+        }
+        results.push_back(result);
+    }
+    return results;
+}
+
+Json tracksOf(const WrittenFile& written) {
+    Json tracks = Json::array();
+    if (written.video) {
+        const VideoTrack& video = *written.media.video;
+        tracks.push_back({{"kind", "video"},
+                          {"codec", codecName(video.mime)},
+                          {"width", video.width},
+                          {"height", video.height},
+                          {"rotation", video.rotation},
+                          {"fps", video.frameRate},
+                          {"frames", written.video->count},
+                          {"bytes", written.video->bytes},
+                          {"bitrate", bitrateOf(*written.video)},
+                          {"seconds", seconds(written.video->endUs - written.video->firstUs)}});
+    }
+    if (written.audio) {
+        const AudioTrack& audio = *written.media.audio;
+        tracks.push_back({{"kind", "audio"},
+                          {"codec", codecName(audio.mime)},
+                          {"sample_rate", audio.sampleRate},
+                          {"channels", audio.channels},
+                          {"frames", written.audio->count},
+                          {"bytes", written.audio->bytes},
+                          {"bitrate", bitrateOf(*written.audio)},
+                          {"seconds", seconds(written.audio->endUs - written.audio->firstUs)}});
+    }
+    return tracks;
+}
+
+Json spanOf(const std::optional<TrimPeriod>& span) {
+    if (!span) return nullptr;
+    return {{"first", seconds(span->mStartUs)}, {"last", seconds(span->mEndUs)}};
+}
+
+Json periodsOf(const Receipt& receipt) {
+    Json periods = Json::array();
+    for (const PeriodResult& result : resultsOf(receipt)) {
+        Json period = {
+            {"asked", spanOf(result.asked)},  {"pictures", spanOf(result.pictures)},
+            {"sound", spanOf(result.sound)},  {"frames_in", result.framesOut + result.dropped},
+            {"frames_out", result.framesOut}, {"frames_dropped", result.dropped},
+            {"sound_skew_ms", nullptr}};
+        if (result.skewUs) period["sound_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
+        periods.push_back(std::move(period));
+    }
+    return periods;
+}
+
+template <typename... Values>
+std::string row(const char* name, const char* format, Values... values) {
+    char text[200];
+    snprintf(text, sizeof(text), format, values...);
+    char line[240];
+    snprintf(line, sizeof(line), "  %-8s %s\n", name, text);
+    return line;
+}
+
+std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
+    const TrackSamples& samples = *receipt.written->video;
+    const std::string codec = codecName(video.mime);
+    return row("video", "%s %dx%d, %d fps", codec.c_str(), video.width, video.height,
+               video.frameRate) +
+           row("", "%lld frames, %lld dropped, %s", static_cast<long long>(samples.count),
+               static_cast<long long>(receipt.counts.dropped()),
+               bitrateText(bitrateOf(samples)).c_str());
+}
+
+std::string audioRow(const AudioTrack& audio, const TrackSamples& samples) {
+    return row("audio", "%s %d Hz, %d channel%s, %s", codecName(audio.mime).c_str(),
+               audio.sampleRate, audio.channels, audio.channels == 1 ? "" : "s",
+               bitrateText(bitrateOf(samples)).c_str());
+}
+
+std::string spanText(const TrimPeriod& span) {
+    char text[48];
+    snprintf(text, sizeof(text), "%.3f-%.3f s", seconds(span.mStartUs), seconds(span.mEndUs));
+    return text;
+}
+
+std::string periodRows(const PeriodResult& result) {
+    std::string rows = row("period", "%s asked", spanText(result.asked).c_str());
+    if (result.pictures) rows += row("", "%s pictures", spanText(*result.pictures).c_str());
+    if (result.sound) rows += row("", "%s sound", spanText(*result.sound).c_str());
+    if (result.skewUs) rows += row("", "sound %+.1f ms", static_cast<double>(*result.skewUs) / 1e3);
+    return rows;
+}
+
+}  // namespace
+
+Usage currentUsage() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto secondsOf = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return {secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime),
+            static_cast<int64_t>(usage.ru_maxrss) * 1024};
+}
+
+std::string toJson(const Receipt& receipt) {
+    if (!receipt.written) return emptyReceipt(receipt.input, receipt.output);
+    const WrittenFile& written = *receipt.written;
+    const int64_t lengthUs = written.media.durationUs();
+    Json json = {{"status", receipt.complete ? "complete" : "stopped"},
+                 {"valid_up_to", seconds(lengthUs)},
+                 {"input", receipt.input},
+                 {"output", receipt.output},
+                 {"bytes", written.media.sizeBytes},
+                 {"tracks", tracksOf(written)},
+                 {"periods", periodsOf(receipt)},
+                 {"damaged_samples", receipt.counts.damaged},
+                 {"decoders", receipt.counts.decoders},
+                 {"encoders", receipt.counts.encoders},
+                 {"uuid_data", nullptr}};
+    if (!written.media.uuidData.empty()) {
+        json["uuid_data"] = {{"bytes", written.media.uuidData.size()},
+                             {"sha256", sha256(written.media.uuidData)}};
+    }
+    json["seconds"] = receipt.wallSeconds;
+    json["speed"] = seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
+    json["cpu_seconds"] = receipt.usage.cpuSeconds;
+    json["peak_memory_bytes"] = receipt.usage.peakBytes;
+    return dump(json);
+}
+
+std::string emptyReceipt(const std::string& input, const std::string& output) {
+    return dump({{"status", "nothing written"}, {"input", input}, {"output", output}});
+}
+
+std::string toText(const Receipt& receipt) {
+    const WrittenFile& written = *receipt.written;
+    const int64_t lengthUs = written.media.durationUs();
+    std::string text = console::printable(receipt.output) +
+                       (receipt.complete ? ": complete\n" : ": stopped, valid up to its end\n");
+    text += row("length", "%s, %s", secondsText(lengthUs).c_str(),
+                bytesText(written.media.sizeBytes).c_str());
+    if (written.video) text += videoRows(*written.media.video, receipt);
+    if (written.audio) text += audioRow(*written.media.audio, *written.audio);
+    if (!receipt.asked.empty()) {
+        for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
+    }
+    if (receipt.counts.damaged > 0) {
+        text += row("damaged", "%lld samples were skipped",
+                    static_cast<long long>(receipt.counts.damaged));
+    }
+    if (!written.media.uuidData.empty()) {
+        text += row("uuid", "%zu bytes", written.media.uuidData.size()) +
+                row("", "sha256 %s", sha256(written.media.uuidData).c_str());
+    }
+    return text +
+           row("took", "%.2f s, %.1f x real time", receipt.wallSeconds,
+               seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
+           row("", "%.2f s of CPU, %s of memory", receipt.usage.cpuSeconds,
+               bytesText(receipt.usage.peakBytes).c_str());
+}
+
+}  // namespace android::qmmediaeditor::cli

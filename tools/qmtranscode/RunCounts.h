@@ -1,0 +1,54 @@
+// What the log tells of a run in numbers, for the receipt.
+#pragma once
+
+#include <TranscodeTypes.h>
+#include <qmtranscode/LogOutput.h>
+#include <qmtranscode/Stages.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+struct PeriodCounts {
+    // Where the period lies in the output.
+    int64_t beginUs = 0;
+    int64_t endUs = 0;
+    // Pictures that the output's frame rate left no place for.
+    int64_t dropped = 0;
+    // The sound that was taken of it, in output time; nothing without any.
+    std::optional<int64_t> soundBeginUs;
+    int64_t soundEndUs = 0;
+    // How much later its sound is heard than its pictures are seen.
+    int64_t skewUs = 0;
+};
+
+struct RunCounts {
+    RunCounts() : RunCounts(std::vector<TrimPeriod>()) {}
+    // `periods` may be empty: then the whole input is one.
+    explicit RunCounts(const std::vector<TrimPeriod>& periods);
+
+    // `saying` is null for a message that says nothing of stages.
+    void note(const LogMessage& message, const Saying* saying);
+
+    int64_t dropped() const;
+    // Length of the sound that went to the encoder.
+    int64_t soundUs() const { return soundTimeUs(soundBytes); }
+
+    std::vector<PeriodCounts> periods;
+    int64_t picturesDecoded = 0;  // those outside of the periods not among them
+    int64_t damaged = 0;          // samples that no decoder could make anything of
+    std::vector<std::string> decoders;
+    std::vector<std::string> encoders;
+
+private:
+    PeriodCounts& periodAt(int64_t timeUs);
+    void noteSound(int64_t bytes, int64_t timeUs);
+    int64_t soundTimeUs(int64_t bytes) const;
+
+    int64_t soundBytes = 0;
+    int64_t soundBytesPerSecond = 0;
+};
+
+}  // namespace android::qmmediaeditor::cli

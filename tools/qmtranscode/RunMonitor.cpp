@@ -1,0 +1,47 @@
+#include <qmtranscode/RunMonitor.h>
+
+#include <utility>
+
+namespace android::qmmediaeditor::cli {
+
+void RunMonitor::begin(const std::vector<TrimPeriod>& periods, RunPicture* picture) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mRunning = true;
+    mCounts = RunCounts(periods);
+    mBoard = ThreadBoard();
+    mBoard.drawInto(picture);
+}
+
+RunCounts RunMonitor::end() {
+    std::lock_guard<std::mutex> lock(mLock);
+    mRunning = false;
+    mBoard.finish(nowUs());
+    mBoard.drawInto(nullptr);
+    return std::move(mCounts);
+}
+
+void RunMonitor::onMessage(const LogMessage& message) {
+    Saying saying;
+    const bool understood = understand(message.tag, message.text, &saying);
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mRunning) return;
+    mCounts.note(message, understood ? &saying : nullptr);
+    if (understood) mBoard.note(message.thread, message.timeUs, saying);
+}
+
+void RunMonitor::onProgress(int32_t percent) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mRunning) mBoard.noteRead(percent, nowUs());
+}
+
+int64_t RunMonitor::lastMoveUs() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mRunning ? mBoard.lastMoveUs() : 0;
+}
+
+std::vector<std::string> RunMonitor::describe() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mBoard.describe(nowUs());
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,41 @@
+// Follows runs by the log: one at a time, from begin() to end(). Any thread may call any operation.
+#pragma once
+
+#include <qmtranscode/LogOutput.h>
+#include <qmtranscode/RunCounts.h>
+#include <qmtranscode/ThreadBoard.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+class RunMonitor : public LogListener {
+public:
+    RunMonitor() = default;
+
+    // `picture` may be null; it is used until end() has returned.
+    void begin(const std::vector<TrimPeriod>& periods, RunPicture* picture);
+    RunCounts end();
+
+    void onMessage(const LogMessage& message) override;
+    void onProgress(int32_t percent);
+
+    // When the run moved last; 0 while there is none.
+    int64_t lastMoveUs() const;
+    // What every thread does, in lines for a person.
+    std::vector<std::string> describe() const;
+
+private:
+    RunMonitor(const RunMonitor&) = delete;
+    RunMonitor& operator=(const RunMonitor&) = delete;
+
+    // The picture is drawn under it.
+    mutable std::mutex mLock;
+    bool mRunning = false;  // guarded by mLock, as all below
+    ThreadBoard mBoard;
+    RunCounts mCounts;
+};
+
+}  // namespace android::qmmediaeditor::cli

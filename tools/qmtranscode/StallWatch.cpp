@@ -1,0 +1,41 @@
+#include <qmtranscode/Console.h>
+#include <qmtranscode/StallWatch.h>
+#include <qmtranscode/Values.h>
+
+#include <algorithm>
+
+namespace android::qmmediaeditor::cli {
+
+StallWatch::StallWatch(const RunMonitor* monitor, std::chrono::milliseconds patience)
+    : mMonitor(monitor), mPatience(patience), mThread([this] { watch(); }) {}
+
+StallWatch::~StallWatch() {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mEnd = true;
+    }
+    mEnded.notify_one();
+    mThread.join();
+}
+
+void StallWatch::watch() {
+    const int64_t patienceUs = std::chrono::microseconds(mPatience).count();
+    const auto step = std::max(mPatience / 10, std::chrono::milliseconds(1));
+    int64_t toldUs = 0;
+    std::unique_lock<std::mutex> lock(mLock);
+    while (!mEnded.wait_for(lock, step, [this] { return mEnd; })) {
+        const int64_t movedUs = mMonitor->lastMoveUs();
+        if (movedUs == 0 || movedUs == toldUs || nowUs() - movedUs < patienceUs) continue;
+        toldUs = movedUs;
+        explainRun(*mMonitor, "nothing has moved for " + secondsText(nowUs() - movedUs) +
+                                  "; what every thread does:");
+    }
+}
+
+void explainRun(const RunMonitor& monitor, const std::string& headline) {
+    std::string text = "qmtranscode: " + headline;
+    for (const std::string& line : monitor.describe()) text += '\n' + line;
+    console::printLine(text);
+}
+
+}  // namespace android::qmmediaeditor::cli
