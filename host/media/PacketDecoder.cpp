@@ -88,7 +88,8 @@ status_t PacketDecoder::open() {
                             avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
     }
-    __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "decodes with %s", mContext->codec->name);
+    __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "decodes %s with %s",
+                        av_get_media_type_string(mContext->codec->type), mContext->codec->name);
     return OK;
 }
 

@@ -1,8 +1,11 @@
+#include <errno.h>
 #include <qmtranscode/Job.h>
+#include <qmtranscode/Plan.h>
 #include <qmtranscode/Progress.h>
 #include <qmtranscode/Request.h>
 #include <qmtranscode/Session.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +14,7 @@ namespace android::qmmediaeditor::cli {
 
 std::optional<Failure> Job::run() {
     if (auto failure = prepare()) return failure;
+    if (mOptions.plan) return plan();
     int outputFd = -1;
     if (auto failure = mOutput.create(&outputFd)) return failure;
     Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
@@ -26,6 +30,14 @@ std::optional<Failure> Job::prepare() {
     if (auto failure = mInput.probe()) return failure;
     if (auto failure = makePeriods(mOptions, mInput.media(), &mPeriods)) return failure;
     return makeOutputFormat(mOptions, mInput.media(), &mOutputFormat);
+}
+
+std::optional<Failure> Job::plan() {
+    TrialResult trial;
+    if (auto failure = tryRequest(mInput, mPeriods, mOutputFormat, mInterrupt, mMonitor, &trial)) {
+        return failure;
+    }
+    return print(planJson(mOptions, mInput, mPeriods, trial));
 }
 
 int64_t Job::outputLengthUs() const {
@@ -65,7 +77,7 @@ std::optional<Failure> Job::keepWhole(Progress* progress) {
     if (auto failure = mOutput.keep()) return failure;
     receipt.complete = true;
     progress->finish();
-    return print(receipt);
+    return printReceipt(receipt);
 }
 
 std::optional<Failure> Job::keepStopped() {
@@ -73,7 +85,7 @@ std::optional<Failure> Job::keepStopped() {
     if (receipt.written) {
         if (auto failure = mOutput.keep()) return failure;
     }
-    if (auto failure = print(receipt)) return failure;
+    if (auto failure = printReceipt(receipt)) return failure;
     if (!receipt.written) {
         return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
     }
@@ -105,17 +117,17 @@ Receipt Job::readReceipt() const {
     return receipt;
 }
 
-std::optional<Failure> Job::print(const Receipt& receipt) const {
-    std::string text;
-    if (mOptions.json) {
-        text = toJson(receipt);
-    } else if (receipt.written) {
-        text = toText(receipt);
-    }
+std::optional<Failure> Job::printReceipt(const Receipt& receipt) const {
+    if (mOptions.json) return print(toJson(receipt));
+    // Lines for a person may be missed; the output is there.
+    if (receipt.written) static_cast<void>(print(toText(receipt)));
+    return std::nullopt;
+}
+
+std::optional<Failure> Job::print(const std::string& text) const {
     fwrite(text.data(), 1, text.size(), stdout);
-    if (fflush(stdout) == 0 || !mOptions.json) return std::nullopt;
-    // Whoever asked for it decides by it.
-    return Failure{kExitFailed, "standard output", "the receipt could not be written"};
+    if (fflush(stdout) == 0) return std::nullopt;
+    return Failure{kExitFailed, "standard output", strerror(errno)};
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -31,6 +31,8 @@ private:
 
     // Everything that can be refused before anything is written.
     std::optional<Failure> prepare();
+    // Says what would be done.
+    std::optional<Failure> plan();
     // Runs the session; its result code.
     int32_t transcode(int outputFd, Progress* progress);
     std::optional<Failure> keepWhole(Progress* progress);
@@ -38,7 +40,8 @@ private:
     std::optional<Failure> failed(int32_t result) const;
     // The receipt, with what can be read back of the output.
     Receipt readReceipt() const;
-    std::optional<Failure> print(const Receipt& receipt) const;
+    std::optional<Failure> printReceipt(const Receipt& receipt) const;
+    std::optional<Failure> print(const std::string& text) const;
     int64_t outputLengthUs() const;
 
     const Options& mOptions;

@@ -281,6 +281,7 @@ void declare(CLI::App* app, Texts* texts, Options* options) {
         ->type_name("NAME")
         ->capture_default_str();
 
+    app->add_flag("--plan", options->plan, "Say what would be done, as JSON, and do nothing");
     app->add_flag("--json", options->json, "Print the receipt as JSON");
     app->add_option("--progress", texts->progress,
                     "bar, json or none, on standard error; a bar on a terminal, else none")

@@ -1,4 +1,5 @@
 #include <qmtranscode/Console.h>
+#include <qmtranscode/Json.h>
 #include <qmtranscode/MediaText.h>
 #include <qmtranscode/Receipt.h>
 #include <qmtranscode/Values.h>
@@ -6,13 +7,10 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 // What came out of a period, in times of the input.
 struct PeriodResult {
@@ -23,11 +21,6 @@ struct PeriodResult {
     std::optional<TrimPeriod> sound;     // from where it begins to where it ends
     std::optional<int64_t> skewUs;
 };
-
-// Names are bytes on Linux; what is no UTF-8 is replaced.
-std::string dump(const Json& json) {
-    return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
-}
 
 double seconds(int64_t us) { return static_cast<double>(us) / 1e6; }
 
@@ -67,12 +60,14 @@ std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
     return results;
 }
 
-Json tracksOf(const WrittenFile& written) {
+Json tracksOf(const WrittenFile& written, const RunCounts& counts) {
     Json tracks = Json::array();
     if (written.video) {
         const VideoTrack& video = *written.media.video;
         tracks.push_back({{"kind", "video"},
                           {"codec", codecName(video.mime)},
+                          {"decoder", counts.videoDecoder},
+                          {"encoder", counts.videoEncoder},
                           {"width", video.width},
                           {"height", video.height},
                           {"rotation", video.rotation},
@@ -86,6 +81,8 @@ Json tracksOf(const WrittenFile& written) {
         const AudioTrack& audio = *written.media.audio;
         tracks.push_back({{"kind", "audio"},
                           {"codec", codecName(audio.mime)},
+                          {"decoder", counts.audioDecoder},
+                          {"encoder", counts.audioEncoder},
                           {"sample_rate", audio.sampleRate},
                           {"channels", audio.channels},
                           {"frames", written.audio->count},
@@ -175,11 +172,9 @@ std::string toJson(const Receipt& receipt) {
                  {"input", receipt.input},
                  {"output", receipt.output},
                  {"bytes", written.media.sizeBytes},
-                 {"tracks", tracksOf(written)},
+                 {"tracks", tracksOf(written, receipt.counts)},
                  {"periods", periodsOf(receipt)},
                  {"damaged_samples", receipt.counts.damaged},
-                 {"decoders", receipt.counts.decoders},
-                 {"encoders", receipt.counts.encoders},
                  {"uuid_data", nullptr}};
     if (!written.media.uuidData.empty()) {
         json["uuid_data"] = {{"bytes", written.media.uuidData.size()},
@@ -189,11 +184,11 @@ std::string toJson(const Receipt& receipt) {
     json["speed"] = seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
     json["cpu_seconds"] = receipt.usage.cpuSeconds;
     json["peak_memory_bytes"] = receipt.usage.peakBytes;
-    return dump(json);
+    return dumpJson(json);
 }
 
 std::string emptyReceipt(const std::string& input, const std::string& output) {
-    return dump({{"status", "nothing written"}, {"input", input}, {"output", output}});
+    return dumpJson({{"status", "nothing written"}, {"input", input}, {"output", output}});
 }
 
 std::string toText(const Receipt& receipt) {

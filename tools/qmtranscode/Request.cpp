@@ -104,12 +104,6 @@ std::optional<Failure> setAudioKeys(const Options& options, const MediaFile& inp
     return std::nullopt;
 }
 
-FileFormat outputFileFormat(const Options& options) {
-    const bool needs3gp = options.videoCodec == VideoCodec::kH263 ||
-                          options.audioCodec.value_or(AudioCodec::kAac) != AudioCodec::kAac;
-    return options.format.value_or(needs3gp ? FileFormat::k3gp : FileFormat::kMp4);
-}
-
 // Without a message the sound goes out as it came in.
 std::optional<Failure> checkSoundAsItIs(const Options& options, const MediaFile& input) {
     const std::optional<AudioTrack>& audio = input.audio;
@@ -129,6 +123,12 @@ std::optional<Failure> checkSoundAsItIs(const Options& options, const MediaFile&
 }
 
 }  // namespace
+
+FileFormat outputFileFormat(const Options& options) {
+    const bool needs3gp = options.videoCodec == VideoCodec::kH263 ||
+                          options.audioCodec.value_or(AudioCodec::kAac) != AudioCodec::kAac;
+    return options.format.value_or(needs3gp ? FileFormat::k3gp : FileFormat::kMp4);
+}
 
 std::optional<Failure> makePeriods(const Options& options, const MediaFile& input,
                                    std::vector<TrimPeriod>* periods) {

@@ -22,4 +22,7 @@ std::optional<Failure> makePeriods(const Options& options, const MediaFile& inpu
 std::optional<Failure> makeOutputFormat(const Options& options, const MediaFile& input,
                                         sp<AMessage>* format);
 
+// The kind of file that is asked for, or that the codecs need.
+FileFormat outputFileFormat(const Options& options);
+
 }  // namespace android::qmmediaeditor::cli

@@ -1,5 +1,4 @@
 #include <qmtranscode/RunCounts.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -9,18 +8,11 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// The int32 of this name in a format that was written out; 0 when it is not there.
-int64_t valueOf(const char* format, const char* name) {
-    const std::string key = std::string(name) + " = int32 ";
-    const char* at = strstr(format, key.c_str());
-    return at == nullptr ? 0 : strtoll(at + key.size(), nullptr, 10);
-}
-
-void addOnce(const char* name, std::vector<std::string>* names) {
-    for (const std::string& known : *names) {
-        if (known == name) return;
-    }
-    names->emplace_back(name);
+// Whether the text begins so; if it does, `rest` is what follows.
+bool takeStart(const char* text, const char* start, std::string* rest) {
+    if (strncmp(text, start, strlen(start)) != 0) return false;
+    *rest = text + strlen(start);
+    return true;
 }
 
 }  // namespace
@@ -47,20 +39,43 @@ void RunCounts::note(const LogMessage& message, const Saying* saying) {
         if (phrase.stage == Stage::kSoundDecoded) noteSound(saying->first, saying->second);
         return;
     }
-    constexpr char kDecodes[] = "decodes with ";
-    constexpr char kEncodes[] = "encodes with ";
-    if (strncmp(message.text, kDecodes, strlen(kDecodes)) == 0) {
-        addOnce(message.text + strlen(kDecodes), &decoders);
-    } else if (strncmp(message.text, kEncodes, strlen(kEncodes)) == 0) {
-        addOnce(message.text + strlen(kEncodes), &encoders);
-    } else if (strncmp(message.text, "TAudioSource decoderoutput: ", 28) == 0) {
-        soundBytesPerSecond = valueOf(message.text, "sample-rate") *
-                              valueOf(message.text, "channel-count") *
-                              valueOf(message.text, "bits-per-sample") / 8;
+    noteOther(message);
+}
+
+void RunCounts::noteOther(const LogMessage& message) {
+    const struct {
+        const char* start;
+        std::string* value;
+    } kCodecs[] = {
+        {"decodes video with ", &videoDecoder},
+        {"decodes audio with ", &audioDecoder},
+        {"encodes video with ", &videoEncoder},
+        {"encodes audio with ", &audioEncoder},
+    };
+    for (const auto& codec : kCodecs) {
+        if (takeStart(message.text, codec.start, codec.value)) return;
+    }
+    std::string rest;
+    if (takeStart(message.text, "Encoder : ", &rest)) {
+        (strcmp(message.tag, "VideoEncoderThread") == 0 ? videoFormat : audioFormat) = rest;
+    } else if (takeStart(message.text, "TAudioSource decoderoutput: ", &rest)) {
+        soundBytesPerSecond = formatNumber(rest, "sample-rate") *
+                              formatNumber(rest, "channel-count") *
+                              formatNumber(rest, "bits-per-sample") / 8;
     } else if (strstr(message.text, "damaged samples were skipped") != nullptr) {
         const char* number = strstr(message.text, ": ");
         if (number != nullptr) damaged += strtoll(number + 2, nullptr, 10);
     }
+}
+
+int64_t formatNumber(const std::string& format, const std::string& name) {
+    for (const char* type : {" = int32 ", " = float "}) {
+        // Another name may end in the same way.
+        const std::string key = "\n  " + name + type;
+        const size_t at = format.find(key);
+        if (at != std::string::npos) return strtoll(&format[at + key.size()], nullptr, 10);
+    }
+    return 0;
 }
 
 int64_t RunCounts::dropped() const {

@@ -39,16 +39,22 @@ struct RunCounts {
     std::vector<PeriodCounts> periods;
     int64_t picturesDecoded = 0;  // those outside of the periods not among them
     int64_t damaged = 0;          // samples that no decoder could make anything of
-    std::vector<std::string> decoders;
-    std::vector<std::string> encoders;
+    // Names of the host's codecs; empty for a track that is not there.
+    std::string videoDecoder, audioDecoder, videoEncoder, audioEncoder;
+    // What the encoders were told to make, written out.
+    std::string videoFormat, audioFormat;
 
 private:
     PeriodCounts& periodAt(int64_t timeUs);
+    void noteOther(const LogMessage& message);
     void noteSound(int64_t bytes, int64_t timeUs);
     int64_t soundTimeUs(int64_t bytes) const;
 
     int64_t soundBytes = 0;
     int64_t soundBytesPerSecond = 0;
 };
+
+// The number of this name in a format that was written out; 0 when it is not there.
+int64_t formatNumber(const std::string& format, const std::string& name);
 
 }  // namespace android::qmmediaeditor::cli

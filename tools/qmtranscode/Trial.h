@@ -1,0 +1,28 @@
+// A short run into memory: whether a request works, what comes out of it, and how fast.
+#pragma once
+
+#include <qmtranscode/Failure.h>
+#include <qmtranscode/InputFile.h>
+#include <qmtranscode/Interrupt.h>
+#include <qmtranscode/ReadBack.h>
+#include <qmtranscode/RunMonitor.h>
+
+#include <optional>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+struct TrialResult {
+    RunCounts counts;
+    // Nothing when the time was too short for the first samples.
+    std::optional<WrittenFile> written;
+    double wallSeconds = 0;
+};
+
+// Runs for at most two seconds, and less when the work is done earlier. A failure when the request
+// cannot be carried out, or when the user has stopped it.
+std::optional<Failure> tryRequest(const InputFile& input, const std::vector<TrimPeriod>& periods,
+                                  const sp<AMessage>& outputFormat, Interrupt* interrupt,
+                                  RunMonitor* monitor, TrialResult* result);
+
+}  // namespace android::qmmediaeditor::cli
