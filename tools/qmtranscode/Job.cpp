@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
 #include <qmtranscode/Plan.h>
 #include <qmtranscode/Progress.h>
@@ -6,6 +7,7 @@
 #include <qmtranscode/Session.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +17,7 @@ namespace android::qmmediaeditor::cli {
 std::optional<Failure> Job::run() {
     if (auto failure = prepare()) return failure;
     if (mOptions.plan) return plan();
+    if (auto failure = openTrace()) return failure;
     int outputFd = -1;
     if (auto failure = mOutput.create(&outputFd)) return failure;
     Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
@@ -47,9 +50,20 @@ int64_t Job::outputLengthUs() const {
     return lengthUs;
 }
 
+std::optional<Failure> Job::openTrace() {
+    if (!mOptions.trace) return std::nullopt;
+    const std::string& path = *mOptions.trace;
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && mInput.isSameFile(status.st_dev, status.st_ino)) {
+        return Failure{kExitUsage, path, "this is the input"};
+    }
+    if (path == mOptions.output) return Failure{kExitUsage, path, "this is the output"};
+    return mTrace.open(path, mOptions.overwrite);
+}
+
 int32_t Job::transcode(int outputFd, Progress* progress) {
     const int64_t beginUs = nowUs();
-    mMonitor->begin(mPeriods, nullptr);
+    mMonitor->begin(mPeriods, mOptions.trace ? &mTrace : nullptr);
     int32_t result;
     {
         Session session(
@@ -62,6 +76,8 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
         mInterrupt->ignore();
     }
     mCounts = mMonitor->end();
+    // A trace is for looking at; what it shows of the output is not less true without its end.
+    if (auto failure = mTrace.finish()) console::printFailure(*failure);
     mWallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;
     return result;
 }

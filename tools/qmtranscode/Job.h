@@ -7,6 +7,7 @@
 #include <qmtranscode/OutputFile.h>
 #include <qmtranscode/Receipt.h>
 #include <qmtranscode/RunMonitor.h>
+#include <qmtranscode/TraceFile.h>
 #include <utils/StrongPointer.h>
 
 #include <optional>
@@ -31,6 +32,7 @@ private:
 
     // Everything that can be refused before anything is written.
     std::optional<Failure> prepare();
+    std::optional<Failure> openTrace();
     // Says what would be done.
     std::optional<Failure> plan();
     // Runs the session; its result code.
@@ -49,6 +51,7 @@ private:
     RunMonitor* const mMonitor;
     InputFile mInput;
     OutputFile mOutput;
+    TraceFile mTrace;
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
     RunCounts mCounts;

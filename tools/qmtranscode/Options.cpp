@@ -286,6 +286,9 @@ void declare(CLI::App* app, Texts* texts, Options* options) {
     app->add_option("--progress", texts->progress,
                     "bar, json or none, on standard error; a bar on a terminal, else none")
         ->type_name("STYLE");
+    app->add_option("--trace", options->trace,
+                    "Write a trace of the run for the Perfetto UI (https://ui.perfetto.dev)")
+        ->type_name("FILE");
     app->add_option("--log", options->logFilter, "Print the log, filtered: 'Transcode:V *:S'")
         ->type_name("FILTER");
     app->add_option("--log-format", options->logFormat,

@@ -2,6 +2,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <limits>
 
 namespace android::qmmediaeditor::cli {
@@ -59,9 +60,9 @@ void RunCounts::noteOther(const LogMessage& message) {
     if (takeStart(message.text, "Encoder : ", &rest)) {
         (strcmp(message.tag, "VideoEncoderThread") == 0 ? videoFormat : audioFormat) = rest;
     } else if (takeStart(message.text, "TAudioSource decoderoutput: ", &rest)) {
-        soundBytesPerSecond = formatNumber(rest, "sample-rate") *
-                              formatNumber(rest, "channel-count") *
-                              formatNumber(rest, "bits-per-sample") / 8;
+        mSoundBytesPerSecond = formatNumber(rest, "sample-rate") *
+                               formatNumber(rest, "channel-count") *
+                               formatNumber(rest, "bits-per-sample") / 8;
     } else if (strstr(message.text, "damaged samples were skipped") != nullptr) {
         const char* number = strstr(message.text, ": ");
         if (number != nullptr) damaged += strtoll(number + 2, nullptr, 10);
@@ -85,10 +86,10 @@ int64_t RunCounts::dropped() const {
 }
 
 PeriodCounts& RunCounts::periodAt(int64_t timeUs) {
-    for (PeriodCounts& period : periods) {
-        if (timeUs < period.endUs) return period;
-    }
-    return periods.back();
+    size_t i = 0;
+    while (i + 1 < periods.size() && timeUs >= periods[i].endUs) ++i;
+    mPeriodsBegun = std::max(mPeriodsBegun, i + 1);
+    return periods[i];
 }
 
 void RunCounts::noteSound(int64_t bytes, int64_t timeUs) {
@@ -96,16 +97,16 @@ void RunCounts::noteSound(int64_t bytes, int64_t timeUs) {
     if (!period.soundBeginUs) {
         period.soundBeginUs = timeUs;
         // The pictures stand at the time that they have; the sound, behind the sound before it.
-        period.skewUs = soundTimeUs(soundBytes) - timeUs;
+        period.skewUs = soundTimeUs(mSoundBytes) - timeUs;
     }
-    soundBytes += bytes;
+    mSoundBytes += bytes;
     period.soundEndUs = timeUs + soundTimeUs(bytes);
 }
 
 int64_t RunCounts::soundTimeUs(int64_t bytes) const {
-    if (soundBytesPerSecond == 0) return 0;
+    if (mSoundBytesPerSecond == 0) return 0;
     return static_cast<int64_t>(static_cast<double>(bytes) * 1e6 /
-                                static_cast<double>(soundBytesPerSecond));
+                                static_cast<double>(mSoundBytesPerSecond));
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -33,8 +33,10 @@ struct RunCounts {
     void note(const LogMessage& message, const Saying* saying);
 
     int64_t dropped() const;
+    // Of how many periods something has come.
+    size_t periodsBegun() const { return mPeriodsBegun; }
     // Length of the sound that went to the encoder.
-    int64_t soundUs() const { return soundTimeUs(soundBytes); }
+    int64_t soundUs() const { return soundTimeUs(mSoundBytes); }
 
     std::vector<PeriodCounts> periods;
     int64_t picturesDecoded = 0;  // those outside of the periods not among them
@@ -50,8 +52,9 @@ private:
     void noteSound(int64_t bytes, int64_t timeUs);
     int64_t soundTimeUs(int64_t bytes) const;
 
-    int64_t soundBytes = 0;
-    int64_t soundBytesPerSecond = 0;
+    int64_t mSoundBytes = 0;
+    int64_t mSoundBytesPerSecond = 0;
+    size_t mPeriodsBegun = 0;
 };
 
 // The number of this name in a format that was written out; 0 when it is not there.

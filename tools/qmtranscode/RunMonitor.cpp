@@ -10,6 +10,7 @@ void RunMonitor::begin(const std::vector<TrimPeriod>& periods, RunPicture* pictu
     mCounts = RunCounts(periods);
     mBoard = ThreadBoard();
     mBoard.drawInto(picture);
+    mPicture = picture;
 }
 
 RunCounts RunMonitor::end() {
@@ -17,6 +18,7 @@ RunCounts RunMonitor::end() {
     mRunning = false;
     mBoard.finish(nowUs());
     mBoard.drawInto(nullptr);
+    mPicture = nullptr;
     return std::move(mCounts);
 }
 
@@ -25,7 +27,11 @@ void RunMonitor::onMessage(const LogMessage& message) {
     const bool understood = understand(message.tag, message.text, &saying);
     std::lock_guard<std::mutex> lock(mLock);
     if (!mRunning) return;
+    const size_t before = mCounts.periodsBegun();
     mCounts.note(message, understood ? &saying : nullptr);
+    if (mPicture != nullptr && before > 0 && mCounts.periodsBegun() > before) {
+        mPicture->event(message.thread, "cut", message.timeUs);
+    }
     if (understood) mBoard.note(message.thread, message.timeUs, saying);
 }
 

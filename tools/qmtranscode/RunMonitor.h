@@ -36,6 +36,7 @@ private:
     bool mRunning = false;  // guarded by mLock, as all below
     ThreadBoard mBoard;
     RunCounts mCounts;
+    RunPicture* mPicture = nullptr;
 };
 
 }  // namespace android::qmmediaeditor::cli
