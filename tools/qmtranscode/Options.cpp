@@ -1,6 +1,7 @@
 #include <log/logprint.h>
 #include <qmtranscode/CodecLimits.h>
 #include <qmtranscode/Console.h>
+#include <qmtranscode/Help.h>
 #include <qmtranscode/Options.h>
 #include <unistd.h>
 
@@ -249,52 +250,36 @@ private:
 };
 
 void declare(CLI::App* app, Texts* texts, Options* options) {
-    app->set_help_flag("--help", "Print this help and exit");
+    app->set_help_flag("--help");
     app->set_version_flag("--version", "qmtranscode " QMTRANSCODE_VERSION);
+    app->formatter_fn(
+        [](const CLI::App*, const std::string&, CLI::AppFormatMode) { return std::string(kHelp); });
 
-    app->add_option("INPUT", options->input, "The file to read")->required();
-    app->add_option("OUTPUT", options->output, "The file to write")->required();
-    app->add_flag("--overwrite", options->overwrite, "Replace OUTPUT when it exists");
+    app->add_option("INPUT", options->input)->required();
+    app->add_option("OUTPUT", options->output)->required();
+    app->add_flag("--overwrite", options->overwrite);
+    app->add_option("--trim", texts->periods)->type_size(1)->allow_extra_args(false);
 
-    app->add_option("--trim", texts->periods,
-                    "Keep this period: START-END in seconds or h:mm:ss.mmm; repeatable")
-        ->type_name("PERIOD")
-        ->type_size(1)
-        ->allow_extra_args(false);
+    app->add_option("--size", texts->size);
+    app->add_option("--fps", texts->frameRate);
+    app->add_option("--video-bitrate", texts->videoBitrate);
+    app->add_option("--video-codec", texts->videoCodec);
 
-    app->add_option("--size", texts->size, "Picture size, as it is displayed")->type_name("WxH");
-    app->add_option("--fps", texts->frameRate, "Frames a second at most, 1 to 240")->type_name("N");
-    app->add_option("--video-bitrate", texts->videoBitrate, "Bits a second, such as 4M")
-        ->type_name("RATE");
-    app->add_option("--video-codec", texts->videoCodec, "avc, h263 or mpeg4")->type_name("NAME");
+    app->add_option("--audio-bitrate", texts->audioBitrate);
+    app->add_option("--audio-rate", texts->audioRate);
+    app->add_option("--audio-channels", texts->audioChannels);
+    app->add_option("--audio-codec", texts->audioCodec);
 
-    app->add_option("--audio-bitrate", texts->audioBitrate, "Bits a second, such as 128k")
-        ->type_name("RATE");
-    app->add_option("--audio-rate", texts->audioRate, "Sample rate in Hz")->type_name("N");
-    app->add_option("--audio-channels", texts->audioChannels, "Channels, 1 to 8")->type_name("N");
-    app->add_option("--audio-codec", texts->audioCodec, "aac, amr-nb or amr-wb")->type_name("NAME");
+    app->add_option("--format", texts->format);
+    app->add_flag("--faststart", options->fastStart);
+    app->add_option("--preset", options->preset);
 
-    app->add_option("--format", texts->format, "mp4 or 3gp")->type_name("NAME");
-    app->add_flag("--faststart", options->fastStart,
-                  "Put the index first, for players that read from the start");
-    app->add_option("--preset", options->preset, "Speed of the AVC encoder: ultrafast to placebo")
-        ->type_name("NAME")
-        ->capture_default_str();
-
-    app->add_flag("--plan", options->plan, "Say what would be done, as JSON, and do nothing");
-    app->add_flag("--json", options->json, "Print the receipt as JSON");
-    app->add_option("--progress", texts->progress,
-                    "bar, json or none, on standard error; a bar on a terminal, else none")
-        ->type_name("STYLE");
-    app->add_option("--trace", options->trace,
-                    "Write a trace of the run for the Perfetto UI (https://ui.perfetto.dev)")
-        ->type_name("FILE");
-    app->add_option("--log", options->logFilter, "Print the log, filtered: 'Transcode:V *:S'")
-        ->type_name("FILTER");
-    app->add_option("--log-format", options->logFormat,
-                    "brief, process, tag, thread, raw, time, threadtime or long")
-        ->type_name("NAME")
-        ->capture_default_str();
+    app->add_flag("--plan", options->plan);
+    app->add_flag("--json", options->json);
+    app->add_option("--progress", texts->progress);
+    app->add_option("--trace", options->trace);
+    app->add_option("--log", options->logFilter);
+    app->add_option("--log-format", options->logFormat);
 
     // An empty text would count as an option that was not given.
     const CLI::Validator notEmpty(
@@ -323,13 +308,7 @@ bool Options::namesOutputFormat() const {
 }
 
 std::optional<int> parseOptions(int argc, char** argv, Options* options) {
-    CLI::App app(
-        "Decodes the first video track and the first audio track of a media file, and writes them\n"
-        "anew into an MPEG-4 file: whole, or the periods that are to be kept.");
-    app.name("qmtranscode");
-    app.footer(
-        "Exit status: 0 the output is whole; 1 failed; 2 the command line cannot be used;\n"
-        "3 the input cannot be used; 130 stopped, with what was done until then kept.");
+    CLI::App app;
     Texts texts;
     declare(&app, &texts, options);
     try {

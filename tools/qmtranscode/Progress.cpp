@@ -31,7 +31,7 @@ std::string numbersText(int32_t percent, double speed, double leftSeconds) {
     return text;
 }
 
-// Fits `columns`; the name goes first when there is no room for all.
+// Fits `columns`: the name goes first when there is no room for all, and the bar next.
 std::string barText(const std::string& name, int32_t percent, const std::string& numbers,
                     int columns) {
     constexpr int kLongestBar = 40;
@@ -40,13 +40,15 @@ std::string barText(const std::string& name, int32_t percent, const std::string&
     // terminal does not break the line.
     constexpr int kNumberColumns = 24;
     const int room = columns - kNumberColumns - 4;
+    constexpr int kPercentColumns = 5;
+    if (room < 1) return numbers.substr(0, kPercentColumns);
     std::string label = console::printable(name) + ' ';
     int bar = room - console::columnsOf(label);
     if (bar < kShortestBar) {
         label.clear();
         bar = room;
     }
-    bar = std::clamp(bar, 0, kLongestBar);
+    bar = std::min(bar, kLongestBar);
     const auto filled = static_cast<size_t>(bar * percent / kWhole);
     return label + '[' + console::green(std::string(filled, '#')) +
            std::string(static_cast<size_t>(bar) - filled, '.') + "] " + numbers;
