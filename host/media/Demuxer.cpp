@@ -123,6 +123,8 @@ bool Demuxer::headerIsEnough() const {
     return isIsoFile() || av_match_name("matroska", mContext->iformat->name) != 0;
 }
 
+bool Demuxer::countsPictures() const { return av_match_name("avi", mContext->iformat->name) != 0; }
+
 bool Demuxer::indexIsOfPictures() const {
     return av_match_name(mContext->iformat->name, "matroska,webm,flv,asf") != 0;
 }

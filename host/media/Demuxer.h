@@ -33,6 +33,9 @@ public:
     // The header alone names every stream and every packet has its times, so that Study::kHeader
     // will do.
     bool headerIsEnough() const;
+    // The container gives a picture's place in decoding order and nothing else; what libavformat
+    // makes of it is late by what the codec reorders.
+    bool countsPictures() const;
     // What index the container has is that of its pictures, for sound as well.
     bool indexIsOfPictures() const;
 

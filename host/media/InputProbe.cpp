@@ -184,7 +184,7 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
         track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream));
         facts.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
         track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
-        if (stream.start_time != AV_NOPTS_VALUE) {
+        if (stream.start_time != AV_NOPTS_VALUE && !demuxer->countsPictures()) {
             track.startUs = demuxer->toUs(stream.index, stream.start_time);
         }
         track.source = makeSource(parameters, order);

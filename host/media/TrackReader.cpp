@@ -75,7 +75,7 @@ PacketPtr TrackReader::headProperties(int64_t originUs) const {
     // A picture without a time is shown when the packet that pushes it out is decoded.
     const bool states =
         mDemuxer->headerIsEnough() || !mTrack.isVideo || mPacket->dts == AV_NOPTS_VALUE;
-    properties->dts = states ? AV_NOPTS_VALUE : toUs(mPacket->dts) - originUs;
+    properties->dts = states ? AV_NOPTS_VALUE : toUs(mPacket->dts - reorderTicks()) - originUs;
     return properties;
 }
 
@@ -106,7 +106,7 @@ void TrackReader::stampHead() {
     if (time != AV_NOPTS_VALUE) {
         mPresentationTimeUs = toUs(time);
     } else {
-        mPresentationTimeUs = mIsTimeStated ? mNextTimeUs : toUs(mPacket->dts);
+        mPresentationTimeUs = mIsTimeStated ? mNextTimeUs : toUs(mPacket->dts - reorderTicks());
     }
     if (!mTrack.isVideo) {
         mOrderTimeUs = mPresentationTimeUs;
@@ -117,8 +117,15 @@ void TrackReader::stampHead() {
 }
 
 int64_t TrackReader::statedTime() {
-    if (mPacket->pts != AV_NOPTS_VALUE) return mPacket->pts;
+    const bool isKnown = mPacket->pts != AV_NOPTS_VALUE && reorderTicks() == 0;
+    if (isKnown) return mPacket->pts;
     return mTrack.isVideo ? mPictureOrder.presentationTime(*mPacket) : mPacket->dts;
+}
+
+// By how much the packet that pushes a picture out of the decoder is later than the picture.
+int64_t TrackReader::reorderTicks() const {
+    if (!mTrack.isVideo || !mDemuxer->countsPictures()) return 0;
+    return mTrack.source->parameters().video_delay;
 }
 
 // A picture is overtaken by reorderDepth others at most, so one more than that many later times

@@ -49,6 +49,7 @@ private:
     bool readHead();
     void stampHead();
     int64_t statedTime();
+    int64_t reorderTicks() const;
     int64_t toUs(int64_t time) const;
     void noteOrder();
     void forgetPosition();

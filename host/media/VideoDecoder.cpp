@@ -26,6 +26,8 @@ constexpr size_t kInputCount = 6;
 constexpr size_t kOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
 constexpr int kMaxThreads = 16;
+constexpr int64_t kSecondUs = 1000000;
+constexpr int kUsualFrameRate = 30;
 constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
 // Half of it, a chroma row, still suits every vector instruction.
 constexpr int kStrideAlignment = 128;
@@ -165,6 +167,7 @@ status_t VideoDecoder::accept(CodecInput input) {
     if (input.note.timeLine.number != mTimeLine) {
         mDecoder.flush();
         mInside.clear();
+        mHasTime = false;
         mTimeLine = input.note.timeLine.number;
     }
     const AVPacket* properties = input.note.properties.get();
@@ -202,7 +205,8 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
             setLayout(mFrame->width, mFrame->height);
             return Step::kFormat;
         }
-        if (mFrame->pts != AV_NOPTS_VALUE) mLastTimeUs = mFrame->pts;
+        mLastTimeUs = timeOf(*mFrame);
+        mHasTime = true;
         mInside.erase(mInside.begin(), mInside.upper_bound(mLastTimeUs));
         if (mLastTimeUs < 0) {
             // An edit list begins behind it; it was needed to decode what follows.
@@ -216,6 +220,13 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
         if (output->buffer != nullptr) return Step::kOutput;
         mUnconverted++;
     }
+}
+
+// The last pictures of a stream may have no time: none follows that would push them out.
+int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
+    if (frame.pts != AV_NOPTS_VALUE) return frame.pts;
+    if (mHasTime) return mLastTimeUs + kSecondUs / (mFrameRate > 0 ? mFrameRate : kUsualFrameRate);
+    return mInside.empty() ? mLastTimeUs : *mInside.begin();
 }
 
 sp<ABuffer> VideoDecoder::workingPicture() {

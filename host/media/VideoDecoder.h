@@ -35,6 +35,7 @@ private:
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
     bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame) const;
     std::shared_ptr<PicturePool> pool();
+    int64_t timeOf(const AVFrame& frame) const;
     sp<ABuffer> workingPicture();
 
     const FramePtr mFrame;
@@ -48,6 +49,7 @@ private:
     int mFrameRate = 0;
 
     uint32_t mTimeLine = 0;
+    bool mHasTime = false;  // a picture of the time line has come out
     int64_t mLastTimeUs = 0;
     // Presentation times of what libavcodec has and has not given back.
     std::multiset<int64_t> mInside;

@@ -83,6 +83,18 @@ frames() {
         -of default=nw=1:nk=1 "$1"
 }
 
+# How many pictures a file says it holds.
+packets() {
+    ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets \
+        -of default=nw=1:nk=1 "$1" | head -1
+}
+
+# When each picture is shown, in seconds, a line each.
+frame_times() {
+    ffprobe -v error -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 "$1" |
+        tr -d , | grep .
+}
+
 # Seconds of sound that really come out of a file, without what its edit list cuts off.
 sound_seconds() {
     ffmpeg -nostdin -v error -i "$1" -map a:0 -f s16le -ac 1 -ar 8000 - | wc -c |
