@@ -34,10 +34,15 @@ constexpr int kMaxMpeg4Dimension = 8191;
 constexpr double kDefaultFrameRate = 30;
 // Bits a pixel and frame, where no rate is wanted.
 constexpr double kDefaultBitsPerPixel = 0.1;
+// Every decoder takes as much (ITU-T H.264, level 1). Still pictures arrive at lower rates, which
+// leave nothing for key frames.
+constexpr int64_t kLeastBitRate = 64000;
 // Rates may rise above the wanted one for a while, but no second takes more than this many of the
 // wanted seconds.
 constexpr double kPeakOverMean = 1.5;
 constexpr double kBufferSeconds = 2;
+// The first picture is a key frame, and needs more than those that refer to it.
+constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
 constexpr int kMaxGroupOfPictures = 10000;
 
@@ -69,6 +74,7 @@ struct VideoEncoder::Wanted {
             bitRate = static_cast<int64_t>(static_cast<double>(width) * height * frameRate *
                                            kDefaultBitsPerPixel);
         }
+        bitRate = std::max(bitRate, kLeastBitRate);
         possible = width >= 2 && height >= 2 && width <= kMaxDimension && height <= kMaxDimension &&
                    colorFormat == kPlanar;
     }
@@ -157,9 +163,12 @@ void VideoEncoder::setParameters(const Wanted& wanted) {
     context->bit_rate = wanted.bitRate;
     context->rc_max_rate =
         static_cast<int64_t>(static_cast<double>(wanted.bitRate) * kPeakOverMean);
-    context->rc_buffer_size = static_cast<int>(
-        std::min(static_cast<double>(wanted.bitRate) * kBufferSeconds, double{INT32_MAX}));
-    context->rc_initial_buffer_occupancy = context->rc_buffer_size / 2;
+    const double keyFrameBits = static_cast<double>(wanted.width) * wanted.height;
+    const double bufferBits =
+        std::max(static_cast<double>(wanted.bitRate) * kBufferSeconds, keyFrameBits);
+    context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
+    context->rc_initial_buffer_occupancy =
+        static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
     context->framerate = av_d2q(wanted.frameRate, 100000);
     context->thread_count = static_cast<int>(std::thread::hardware_concurrency());
     context->time_base = {1, kMicroseconds};
