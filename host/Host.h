@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace android {
 namespace qmmediaeditor {
@@ -16,6 +17,9 @@ struct HostOptions {
     std::string avcPreset = "veryfast";
     // Put the movie box in front of the samples.
     bool fastStart = false;
+    // Microseconds on the input's time line, rising: where sound can be cut to the sample.
+    // Elsewhere a cut may fall some milliseconds late, which adds up from period to period.
+    std::vector<int64_t> cutTimesUs;
 };
 
 // To be given to Platform::install, and to be kept until the last session is gone.

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <limits>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -22,7 +23,7 @@ namespace {
 constexpr size_t kInputCount = 128;
 constexpr size_t kOutputCount = 32;
 constexpr size_t kDefaultInputBytes = 64 * 1024;
-// Short, so that a cut falls close to where it was asked for.
+// Short, so that a cut that nobody announced falls close to where it was asked for.
 constexpr int64_t kChunkFrames = 256;
 // Less than this is the container's rounding; the samples are taken as adjoining.
 constexpr int64_t kJitterUs = 20000;
@@ -41,7 +42,8 @@ AVChannelLayout plainLayout(int channelCount) {
 
 }  // namespace
 
-AudioDecoder::AudioDecoder() : mFrame(av_frame_alloc()) {}
+AudioDecoder::AudioDecoder(const std::vector<int64_t>& cutTimesUs)
+    : mCutTimesUs(cutTimesUs), mFrame(av_frame_alloc()) {}
 
 AudioDecoder::~AudioDecoder() = default;
 
@@ -96,6 +98,14 @@ int64_t AudioDecoder::silenceDueUs() const {
 int64_t AudioDecoder::pcmFrames() const {
     if (mChannelCount == 0) return 0;
     return static_cast<int64_t>(mPcm.size() - mPcmUsed) / mChannelCount;
+}
+
+int64_t AudioDecoder::framesToCut() const {
+    const auto cut = std::upper_bound(mCutTimesUs.begin(), mCutTimesUs.end(), timeAt(mNextFrame));
+    if (cut == mCutTimesUs.end()) return std::numeric_limits<int64_t>::max();
+    int64_t frame = frameAt(*cut);
+    if (timeAt(frame) < *cut) ++frame;
+    return std::max<int64_t>(frame - mNextFrame, 1);
 }
 
 void AudioDecoder::enter(const TimeLine& timeLine) {
@@ -165,7 +175,8 @@ void AudioDecoder::standing(DecodeOrder::Standing* standing) const {
 
 CodecEngine::Step AudioDecoder::produceChunk(CodecOutput* output) {
     const bool silent = mSilenceFrames > 0;
-    const int64_t frames = std::min(kChunkFrames, silent ? mSilenceFrames : pcmFrames());
+    const int64_t frames =
+        std::min({kChunkFrames, silent ? mSilenceFrames : pcmFrames(), framesToCut()});
     const size_t samples = static_cast<size_t>(frames) * static_cast<size_t>(mChannelCount);
     output->buffer = new ABuffer(samples * sizeof(int16_t));
     if (output->buffer->capacity() == 0) return Step::kFailed;

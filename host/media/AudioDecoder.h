@@ -19,7 +19,8 @@ namespace qmmediaeditor {
 
 class AudioDecoder : public CodecEngine {
 public:
-    AudioDecoder();
+    // No buffer goes across one of the times in `cutTimesUs`, which rise.
+    explicit AudioDecoder(const std::vector<int64_t>& cutTimesUs);
     ~AudioDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -47,7 +48,10 @@ private:
     int64_t frameAt(int64_t timeUs) const;
     int64_t timeAt(int64_t frame) const;
     int64_t pcmFrames() const;
+    // To the next cut; many, when none follows.
+    int64_t framesToCut() const;
 
+    const std::vector<int64_t> mCutTimesUs;
     PacketDecoder mDecoder;
     const FramePtr mFrame;
     ResamplerPtr mResampler;

@@ -71,12 +71,14 @@ private:
     }
 
     // A track's codec is known only when the decoder is configured with the track's format.
-    static std::unique_ptr<CodecEngine> createDecoder(const AString& mime) {
+    std::unique_ptr<CodecEngine> createDecoder(const AString& mime) const {
         if (mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED) ||
             mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED)) {
             return nullptr;
         }
-        if (mime.startsWithIgnoreCase("audio/")) return std::make_unique<AudioDecoder>();
+        if (mime.startsWithIgnoreCase("audio/")) {
+            return std::make_unique<AudioDecoder>(mOptions.cutTimesUs);
+        }
         if (mime.startsWithIgnoreCase("video/")) return std::make_unique<VideoDecoder>();
         return nullptr;
     }

@@ -90,18 +90,26 @@ std::optional<MediaFile> readMediaFile(int fd) {
     return file;
 }
 
-std::optional<int64_t> measureTrack(int fd, size_t trackIndex,
+std::optional<int64_t> measureTrack(int fd, const MediaFile& file, size_t trackIndex,
                                     const std::vector<TrimPeriod>& periods) {
     int64_t sizeBytes = 0;
     const sp<QmMediaExtractorWrapper> extractor = openExtractor(fd, &sizeBytes);
-    if (extractor == nullptr || extractor->selectTrack(trackIndex) != OK) return std::nullopt;
+    if (extractor == nullptr) return std::nullopt;
+    // The tracks' common beginning is time 0.
+    if (file.audio && extractor->selectTrack(file.audio->index) != OK) return std::nullopt;
+    if (file.video && extractor->selectTrack(file.video->index) != OK) return std::nullopt;
+    const bool isVideo = file.video && file.video->index == trackIndex;
 
     const TrimPeriod whole{0, std::numeric_limits<int64_t>::max()};
     const std::vector<TrimPeriod> kept = periods.empty() ? std::vector<TrimPeriod>{whole} : periods;
-    // How much of each period is covered, counted from its start.
-    std::vector<int64_t> coveredUs(kept.size(), -1);
+    struct Covered {
+        int64_t fromUs = std::numeric_limits<int64_t>::max();
+        int64_t toUs = -1;  // both from the period's start
+    };
+    std::vector<Covered> covered(kept.size());
     size_t track = 0;
     for (; extractor->getSampleTrackIndex(&track) == OK; extractor->advance()) {
+        if (track != trackIndex) continue;
         int64_t timeUs = 0;
         int64_t durationUs = 0;
         sp<MetaData> meta;
@@ -111,12 +119,16 @@ std::optional<int64_t> measureTrack(int fd, size_t trackIndex,
             const TrimPeriod& period = kept[i];
             const int64_t endUs = std::min(timeUs + durationUs, period.mEndUs);
             if (endUs < period.mStartUs || timeUs >= period.mEndUs) continue;
-            coveredUs[i] = std::max(coveredUs[i], endUs - period.mStartUs);
+            const int64_t fromUs = std::max(timeUs, period.mStartUs) - period.mStartUs;
+            covered[i].fromUs = std::min(covered[i].fromUs, fromUs);
+            covered[i].toUs = std::max(covered[i].toUs, endUs - period.mStartUs);
         }
     }
     std::optional<int64_t> sumUs;
-    for (int64_t us : coveredUs) {
-        if (us >= 0) sumUs = sumUs.value_or(0) + us;
+    for (const Covered& each : covered) {
+        if (each.toUs < 0) continue;
+        if (!sumUs) sumUs = isVideo ? -each.fromUs : 0;
+        *sumUs += each.toUs;
     }
     return sumUs;
 }

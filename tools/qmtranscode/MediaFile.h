@@ -53,9 +53,11 @@ sp<QmMediaExtractorWrapper> openExtractor(int fd, int64_t* sizeBytes);
 // Nothing when this is no media file. `fd` may be closed afterwards; its position is left alone.
 std::optional<MediaFile> readMediaFile(int fd);
 
-// How long the samples of a track last that lie in the periods, by walking through all of them; in
-// the whole file when there are no periods. Nothing when there is no such sample.
-std::optional<int64_t> measureTrack(int fd, size_t trackIndex,
+// How long an output's track is with the samples of a track of `file` that lie in the periods, or
+// in the whole file when there are no periods, by walking through all of them. Sound is counted
+// from the beginning, where silence stands for what is missing; pictures from the first one.
+// Nothing when there is no such sample.
+std::optional<int64_t> measureTrack(int fd, const MediaFile& file, size_t trackIndex,
                                     const std::vector<TrimPeriod>& periods);
 
 }  // namespace android::qmmediaeditor::cli

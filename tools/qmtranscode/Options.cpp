@@ -307,6 +307,14 @@ bool Options::namesOutputFormat() const {
            audioChannels || audioCodec || format;
 }
 
+std::vector<int64_t> Options::cutTimesUs() const {
+    std::vector<int64_t> timesUs;
+    for (const TrimPeriod& period : periods) {
+        timesUs.insert(timesUs.end(), {period.mStartUs, period.mEndUs});
+    }
+    return timesUs;
+}
+
 std::optional<int> parseOptions(int argc, char** argv, Options* options) {
     CLI::App app;
     Texts texts;

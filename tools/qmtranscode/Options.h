@@ -52,6 +52,8 @@ struct Options {
 
     // Whether anything about the output's tracks or kind was asked for.
     bool namesOutputFormat() const;
+    // Where the periods begin and end, microseconds, rising.
+    std::vector<int64_t> cutTimesUs() const;
 };
 
 // Nothing when there is work to do; else the status to exit with, after help, version or the reason

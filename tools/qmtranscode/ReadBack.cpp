@@ -28,7 +28,7 @@ std::optional<Failure> checkTrack(const char* kind, const InputFile& input, size
                                   std::optional<int64_t> writtenUs, const std::string& output) {
     if (writtenUs && isClose(*writtenUs, keptUs(durationUs, periods))) return std::nullopt;
     // A damaged input, or one with pauses, holds less than it tells: its samples decide.
-    const std::optional<int64_t> heldUs = measureTrack(input.fd(), index, periods);
+    const std::optional<int64_t> heldUs = measureTrack(input.fd(), input.media(), index, periods);
     if (!heldUs || (writtenUs && isClose(*writtenUs, *heldUs))) return std::nullopt;
     const std::string expected = secondsText(*heldUs) + " of " + kind;
     if (!writtenUs) {

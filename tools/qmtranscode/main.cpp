@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
     cli::installLog(options.logFilter, options.logFormat, monitor);
     const cli::StallWatch stallWatch(monitor, std::chrono::seconds(10));
     const std::unique_ptr<Platform> platform =
-        createHostPlatform({options.preset, options.fastStart});
+        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs()});
     Platform::install(platform.get());
 
     cli::Job job(options, &interrupt, monitor);
