@@ -13,7 +13,7 @@ namespace {
 constexpr char kLogTag[] = "PictureGraph";
 
 // What zimg asks of addresses and strides.
-constexpr uintptr_t kAlignment = 32;
+constexpr uintptr_t kAlignment = 64;
 
 constexpr uintptr_t alignUp(uintptr_t value) {
     return (value + kAlignment - 1) & ~(kAlignment - 1);
@@ -96,6 +96,8 @@ std::unique_ptr<PictureGraph> PictureGraph::build(const zimg_image_format& from,
     params.nominal_peak_luminance = settings.whiteNits;
     // Tables in place of exact powers: far faster, and finer than 8 bits.
     params.allow_approximate_gamma = 1;
+    // By itself zimg asks for 32 bytes of alignment at most, and leaves the widest vectors unused.
+    params.cpu_type = ZIMG_CPU_AUTO_64B;
     zimg_filter_graph* graph = zimg_filter_graph_build(&from, &to, &params);
     if (graph == nullptr) {
         char reason[256] = "";

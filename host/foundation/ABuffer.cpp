@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host/foundation/PictureMemory.h"
+
 namespace android {
 
 // malloc, so that the pages of a large buffer that is never filled cost nothing.
@@ -31,8 +33,11 @@ sp<AMessage> ABuffer::meta() {
 }
 
 sp<ABuffer> ABuffer::CreateAsCopy(const void* data, size_t capacity) {
-    sp<ABuffer> copy = new ABuffer(capacity);
-    if (copy->capacity() != capacity) return nullptr;
+    // All of it is filled now, so that pages of its own would only cost.
+    const sp<ABuffer> copy = capacity < qmmediaeditor::PictureMemory::kLeastBytes
+                                 ? new ABuffer(capacity)
+                                 : qmmediaeditor::PictureMemory::makeBuffer(capacity);
+    if (copy == nullptr || copy->capacity() != capacity) return nullptr;
     if (capacity > 0) memcpy(copy->base(), data, capacity);
     return copy;
 }

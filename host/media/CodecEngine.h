@@ -26,6 +26,8 @@ namespace qmmediaeditor {
 struct CodecPorts {
     size_t inputCount = 0;
     size_t inputBytes = 0;
+    // They are filled to the end. Others are as large as a sample can be, and mostly stay empty.
+    bool inputsArePictures = false;
     size_t outputCount = 0;
     // The client is told of the output format before the first output.
     bool announcesFormat = false;

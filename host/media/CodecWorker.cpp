@@ -1,38 +1,13 @@
 #include "host/media/CodecWorker.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <utility>
 
 #include "host/foundation/Deadline.h"
+#include "host/foundation/PictureMemory.h"
 
 namespace android {
 namespace qmmediaeditor {
-
-namespace {
-
-// What vector instructions want of picture rows.
-constexpr size_t kAlignment = 64;
-
-class AlignedBuffer : public ABuffer {
-public:
-    AlignedBuffer(void* memory, size_t size) : ABuffer(memory, size), mMemory(memory) {}
-
-    // Null when memory is short.
-    static sp<ABuffer> create(size_t size) {
-        void* memory = nullptr;
-        if (posix_memalign(&memory, kAlignment, std::max(size, kAlignment)) != 0) return nullptr;
-        return new AlignedBuffer(memory, size);
-    }
-
-protected:
-    ~AlignedBuffer() override { free(mMemory); }
-
-private:
-    void* const mMemory;
-};
-
-}  // namespace
 
 CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine)
     : mLooper(looper), mEngine(std::move(engine)) {}
@@ -112,8 +87,10 @@ void CodecWorker::shutDown(State state) {
 
 status_t CodecWorker::allocateBuffers() {
     for (size_t i = 0; i < mPorts.inputCount; ++i) {
-        const sp<ABuffer> memory = AlignedBuffer::create(mPorts.inputBytes);
-        if (memory == nullptr) return NO_MEMORY;
+        const sp<ABuffer> memory = mPorts.inputsArePictures
+                                       ? PictureMemory::makeBuffer(mPorts.inputBytes)
+                                       : sp<ABuffer>(new ABuffer(mPorts.inputBytes));
+        if (memory == nullptr || memory->capacity() < mPorts.inputBytes) return NO_MEMORY;
         mInputs.push_back({new Buffer(memory), false});
         mFreeInputs.push_back(i);
     }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "host/foundation/PictureMemory.h"
+
 extern "C" {
 #include <libavutil/buffer.h>
 #include <libavutil/frame.h>
@@ -15,6 +17,19 @@ namespace {
 // Decoders may read, and not use, a little beyond the last plane.
 constexpr size_t kReadBeyondBytes = 256;
 
+void releasePicture(void* bytes, uint8_t* data) {
+    PictureMemory::release(data, reinterpret_cast<size_t>(bytes));
+}
+
+AVBufferRef* allocatePicture(size_t bytes) {
+    auto* data = static_cast<uint8_t*>(PictureMemory::allocate(bytes));
+    if (data == nullptr) return nullptr;
+    AVBufferRef* buffer =
+        av_buffer_create(data, bytes, releasePicture, reinterpret_cast<void*>(bytes), 0);
+    if (buffer == nullptr) PictureMemory::release(data, bytes);
+    return buffer;
+}
+
 class FrameBuffer : public ABuffer {
 public:
     FrameBuffer(FramePtr frame, size_t bytes)
@@ -27,7 +42,8 @@ private:
 }  // namespace
 
 PicturePool::PicturePool(const PictureLayout& layout)
-    : mLayout(layout), mPool(av_buffer_pool_init(layout.bytes() + kReadBeyondBytes, nullptr)) {}
+    : mLayout(layout),
+      mPool(av_buffer_pool_init(layout.bytes() + kReadBeyondBytes, allocatePicture)) {}
 
 PicturePool::~PicturePool() = default;
 

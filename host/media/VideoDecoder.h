@@ -9,6 +9,7 @@
 #include <set>
 
 #include "host/convert/PictureConverter.h"
+#include "host/foundation/PictureMemory.h"
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketDecoder.h"
 #include "host/media/PicturePool.h"
@@ -38,6 +39,7 @@ private:
     int64_t timeOf(const AVFrame& frame) const;
     sp<ABuffer> workingPicture();
 
+    const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
     PictureConverter mConverter;
 

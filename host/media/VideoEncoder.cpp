@@ -142,6 +142,7 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
 
     ports->inputCount = kInputCount;
     ports->inputBytes = mPictureBytes;
+    ports->inputsArePictures = true;
     ports->outputCount = kOutputCount;
     return OK;
 }

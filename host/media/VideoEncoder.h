@@ -9,6 +9,7 @@
 #include <deque>
 #include <string>
 
+#include "host/foundation/PictureMemory.h"
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketEncoder.h"
 
@@ -43,6 +44,7 @@ private:
 
     const std::string mAvcPreset;
     PacketEncoder mEncoder;
+    const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
     sp<AMessage> mFormat;
     sp<ABuffer> mCodecSpecificData;  // until it is out
