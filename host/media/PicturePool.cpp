@@ -1,12 +1,16 @@
 #include "host/media/PicturePool.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "host/foundation/PictureMemory.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavutil/buffer.h>
 #include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
 }
 
 namespace android {
@@ -16,6 +20,8 @@ namespace {
 
 // Decoders may read, and not use, a little beyond the last plane.
 constexpr size_t kReadBeyondBytes = 256;
+// A quarter of it, a row of the most subsampled chroma, still suits every vector instruction.
+constexpr int kWidthAlignment = 256;
 
 void releasePicture(void* bytes, uint8_t* data) {
     PictureMemory::release(data, reinterpret_cast<size_t>(bytes));
@@ -40,6 +46,34 @@ private:
 };
 
 }  // namespace
+
+bool attachPlanes(AVCodecContext* context, AVFrame* frame) {
+    const auto format = static_cast<AVPixelFormat>(frame->format);
+    const AVPixFmtDescriptor* description = av_pix_fmt_desc_get(format);
+    constexpr uint64_t kOwnKinds = AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_HWACCEL;
+    if (description == nullptr || (description->flags & kOwnKinds) != 0) return false;
+    int width = frame->width;
+    int height = frame->height;
+    int alignment[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(context, &width, &height, alignment);
+    width = FFALIGN(width, kWidthAlignment);
+    ptrdiff_t strides[4] = {};
+    size_t sizes[4] = {};
+    if (av_image_fill_linesizes(frame->linesize, format, width) < 0) return false;
+    std::copy(frame->linesize, frame->linesize + 4, strides);
+    if (av_image_fill_plane_sizes(sizes, format, height, strides) < 0) return false;
+    size_t bytes = kReadBeyondBytes;
+    for (const size_t size : sizes) bytes += FFALIGN(size, PictureMemory::kAlignment);
+    frame->buf[0] = allocatePicture(bytes);
+    if (frame->buf[0] == nullptr) return false;
+    uint8_t* plane = frame->buf[0]->data;
+    for (int i = 0; i < 4; ++i) {
+        frame->data[i] = sizes[i] > 0 ? plane : nullptr;
+        plane += FFALIGN(sizes[i], PictureMemory::kAlignment);
+    }
+    frame->extended_data = frame->data;
+    return true;
+}
 
 PicturePool::PicturePool(const PictureLayout& layout)
     : mLayout(layout),

@@ -22,6 +22,10 @@ struct PictureLayout {
     }
 };
 
+// Gives a frame that is to be converted memory for planes of its own format, as libavcodec wants
+// them. False for formats that libavcodec had better allocate by itself. For get_buffer2.
+bool attachPlanes(AVCodecContext* context, AVFrame* frame);
+
 class PicturePool {
 public:
     explicit PicturePool(const PictureLayout& layout);

@@ -23,7 +23,10 @@ namespace {
 constexpr char kLogTag[] = "VideoDecoder";
 
 constexpr size_t kInputCount = 6;
-constexpr size_t kOutputCount = 16;
+// A hand-off takes eleven pictures at once. Where the cores are few, the encoder uses them all
+// while the decoder waits for room, and pictures that wait cost memory only.
+constexpr size_t kMinOutputCount = 4;
+constexpr size_t kMaxOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
 constexpr int kMaxThreads = 16;
 constexpr int64_t kSecondUs = 1000000;
@@ -41,6 +44,11 @@ size_t inputBytesOf(const AMessage& format, int width, int height) {
     }
     return std::max(kMinInputBytes,
                     static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2);
+}
+
+size_t outputCount() {
+    const size_t cores = std::thread::hardware_concurrency();
+    return std::clamp(2 * cores, kMinOutputCount, kMaxOutputCount);
 }
 
 void allowThreads(AVCodecContext* context) {
@@ -108,7 +116,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
 
     ports->inputCount = kInputCount;
     ports->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
-    ports->outputCount = kOutputCount;
+    ports->outputCount = outputCount();
     ports->announcesFormat = true;
     return OK;
 }
@@ -145,17 +153,19 @@ std::shared_ptr<PicturePool> VideoDecoder::pool() {
 
 int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
     auto* self = static_cast<VideoDecoder*>(context->opaque);
-    const std::shared_ptr<PicturePool> pool = self->pool();
-    if (pool == nullptr || !self->decodesInto(*pool, context, *frame)) {
+    if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) {
         return avcodec_default_get_buffer2(context, frame, flags);
     }
-    return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
+    const std::shared_ptr<PicturePool> pool = self->pool();
+    if (pool != nullptr && decodesInto(*pool, context, *frame)) {
+        return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
+    }
+    return attachPlanes(context, frame) ? 0 : avcodec_default_get_buffer2(context, frame, flags);
 }
 
 bool VideoDecoder::decodesInto(const PicturePool& pool, AVCodecContext* context,
-                               const AVFrame& frame) const {
+                               const AVFrame& frame) {
     if (frame.format != AV_PIX_FMT_YUV420P) return false;
-    if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) return false;
     int width = frame.width;
     int height = frame.height;
     int alignment[AV_NUM_DATA_POINTERS] = {};

@@ -34,7 +34,7 @@ private:
     void setLayout(int width, int height);
     // libavcodec's get_buffer2; called on its threads, too.
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
-    bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame) const;
+    static bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<PicturePool> pool();
     int64_t timeOf(const AVFrame& frame) const;
     sp<ABuffer> workingPicture();
