@@ -4,6 +4,8 @@
 #include <string.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -19,6 +21,8 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr int32_t kMp4FileType = 2;
+// Short enough for a caller that has something else to do in between.
+constexpr std::chrono::milliseconds kEndWait(100);
 
 class FileWriter final : public MediaWriter {
 public:
@@ -26,7 +30,8 @@ public:
 
     status_t addSource(const sp<MediaSource>& source) override;
     status_t start(MetaData* params) override;
-    bool reachedEOS() override { return mRunningTracks == 0; }
+    // Whoever asks sleeps before asking again: it waits here for a while, and is told at once.
+    bool reachedEOS() override;
     status_t stop() override;
     status_t pause() override { return INVALID_OPERATION; }
 
@@ -57,7 +62,10 @@ private:
     std::unique_ptr<MuxedFile> mFile;
     const bool mMovieBoxFirst;
     std::vector<std::thread> mThreads;
-    std::atomic<size_t> mRunningTracks{0};
+
+    std::mutex mEndLock;
+    std::condition_variable mTrackEnded;
+    size_t mRunningTracks = 0;  // guarded by mEndLock
     // Set by the track thread that meets the first error; ends the others.
     std::atomic<bool> mFailed{false};
 };
@@ -121,7 +129,10 @@ status_t FileWriter::begin(const MetaData* params) {
 }
 
 void FileWriter::startTracks() {
-    mRunningTracks = mSources.size();
+    {
+        std::lock_guard<std::mutex> lock(mEndLock);
+        mRunningTracks = mSources.size();
+    }
     for (size_t i = 0; i < mSources.size(); ++i) {
         mThreads.emplace_back(&FileWriter::runTrack, this, i, mSources[i]);
     }
@@ -140,7 +151,14 @@ void FileWriter::runTrack(size_t index, const sp<MediaSource>& source) {
         // Nobody reads from the source any more: whoever fills it has to hear of it.
         if (result != OK) reportError(result);
     }
+    std::lock_guard<std::mutex> lock(mEndLock);
     --mRunningTracks;
+    mTrackEnded.notify_all();
+}
+
+bool FileWriter::reachedEOS() {
+    std::unique_lock<std::mutex> lock(mEndLock);
+    return mTrackEnded.wait_for(lock, kEndWait, [this] { return mRunningTracks == 0; });
 }
 
 status_t FileWriter::write(size_t index, MediaBufferBase* buffer) {
