@@ -5,6 +5,7 @@
 #include <media/stagefright/MediaErrors.h>
 
 #include "host/media/CodecTypes.h"
+#include "host/media/ThreadName.h"
 #include "host/media/TrackSource.h"
 
 extern "C" {
@@ -81,6 +82,7 @@ status_t PacketDecoder::prepare(const sp<AMessage>& format) {
 }
 
 status_t PacketDecoder::open() {
+    const ThreadName name(std::string("dec-") + mContext->codec->name);
     const int error = avcodec_open2(mContext.get(), nullptr, nullptr);
     if (error < 0) {
         // The failure has taken the codec out of the context.

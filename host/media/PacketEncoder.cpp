@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/media/CodecTypes.h"
+#include "host/media/ThreadName.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -48,6 +49,7 @@ status_t PacketEncoder::prepare(const AString& mime) {
 }
 
 status_t PacketEncoder::open(AVDictionary* options) {
+    const ThreadName name(std::string("enc-") + mContext->codec->name);
     const int error = avcodec_open2(mContext.get(), mContext->codec, &options);
     av_dict_free(&options);
     if (error < 0) {
