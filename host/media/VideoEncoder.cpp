@@ -23,9 +23,10 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr char kLogTag[] = "VideoEncoder";
-// As many as a hand-off of decoded frames brings at once find room, beside those inside the
-// encoder.
-constexpr size_t kInputCount = 8;
+// Pictures that wait for the encoder: two for each of its threads keep them busy, and more cost
+// memory only.
+constexpr size_t kMinInputCount = 4;
+constexpr size_t kMaxInputCount = 8;
 constexpr size_t kOutputCount = 16;
 constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
 constexpr int kMaxDimension = 8192;
@@ -45,6 +46,11 @@ constexpr double kBufferSeconds = 2;
 constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
 constexpr int kMaxGroupOfPictures = 10000;
+
+size_t inputCount() {
+    const size_t cores = std::thread::hardware_concurrency();
+    return std::clamp(2 * cores, kMinInputCount, kMaxInputCount);
+}
 
 void releaseLease(void* lease, uint8_t* /* data */) {
     delete static_cast<std::shared_ptr<const void>*>(lease);
@@ -140,7 +146,7 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     mFormat->setInt32("height", mHeight & ~1);
     if (mCodecSpecificData != nullptr) mFormat->setBuffer("csd-0", mCodecSpecificData);
 
-    ports->inputCount = kInputCount;
+    ports->inputCount = inputCount();
     ports->inputBytes = mPictureBytes;
     ports->inputsArePictures = true;
     ports->outputCount = kOutputCount;
