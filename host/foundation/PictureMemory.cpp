@@ -3,10 +3,10 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <utils/Mutex.h>
 
 #include <algorithm>
 #include <list>
-#include <mutex>
 #include <vector>
 
 namespace android {
@@ -48,7 +48,7 @@ class Regions {
 public:
     void* allocate(size_t bytes) {
         const size_t blockBytes = roundUp(std::max<size_t>(bytes, 1), kGranule);
-        std::lock_guard<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         Region* region = findRoom(blockBytes);
         if (region == nullptr) return nullptr;
         if (region->free.empty()) return region->memory + blockBytes * region->touched++;
@@ -58,7 +58,7 @@ public:
     }
 
     void release(void* block) {
-        std::lock_guard<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         const auto region = std::find_if(mRegions.begin(), mRegions.end(),
                                          [&](const Region& each) { return each.holds(block); });
         region->free.push_back(block);
@@ -66,13 +66,13 @@ public:
     }
 
     void keep(int change) {
-        std::lock_guard<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         mKeepers += change;
         if (mKeepers == 0) dropIdle();
     }
 
 private:
-    Region* findRoom(size_t blockBytes) {
+    Region* findRoom(size_t blockBytes) REQUIRES(mLock) {
         for (Region& region : mRegions) {
             if (region.blockBytes == blockBytes && !region.isFull()) return &region;
         }
@@ -92,7 +92,7 @@ private:
         return &mRegions.back();
     }
 
-    void dropIdle() {
+    void dropIdle() REQUIRES(mLock) {
         mRegions.remove_if([](const Region& region) {
             if (!region.isIdle()) return false;
             munmap(region.memory, region.bytes);
@@ -100,10 +100,9 @@ private:
         });
     }
 
-    std::mutex mLock;
-    // Guarded by mLock.
-    std::list<Region> mRegions;
-    int mKeepers = 0;
+    Mutex mLock;
+    std::list<Region> mRegions GUARDED_BY(mLock);
+    int mKeepers GUARDED_BY(mLock) = 0;
 };
 
 // Never destroyed: a buffer may outlive everything else.

@@ -2,15 +2,16 @@
 
 #include <media/stagefright/MediaErrors.h>
 #include <string.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "host/foundation/Deadline.h"
 #include "host/media/MuxedFile.h"
 #include "host/media/OutputFile.h"
 #include "host/media/UuidBox.h"
@@ -22,7 +23,7 @@ namespace {
 
 constexpr int32_t kMp4FileType = 2;
 // Short enough for a caller that has something else to do in between.
-constexpr std::chrono::milliseconds kEndWait(100);
+constexpr int64_t kEndWaitUs = 100000;
 
 class FileWriter final : public MediaWriter {
 public:
@@ -63,9 +64,9 @@ private:
     const bool mMovieBoxFirst;
     std::vector<std::thread> mThreads;
 
-    std::mutex mEndLock;
-    std::condition_variable mTrackEnded;
-    size_t mRunningTracks = 0;  // guarded by mEndLock
+    Mutex mEndLock;
+    Condition mTrackEnded;
+    size_t mRunningTracks GUARDED_BY(mEndLock) = 0;
     // Set by the track thread that meets the first error; ends the others.
     std::atomic<bool> mFailed{false};
 };
@@ -130,7 +131,7 @@ status_t FileWriter::begin(const MetaData* params) {
 
 void FileWriter::startTracks() {
     {
-        std::lock_guard<std::mutex> lock(mEndLock);
+        Mutex::Autolock lock(mEndLock);
         mRunningTracks = mSources.size();
     }
     for (size_t i = 0; i < mSources.size(); ++i) {
@@ -151,14 +152,17 @@ void FileWriter::runTrack(size_t index, const sp<MediaSource>& source) {
         // Nobody reads from the source any more: whoever fills it has to hear of it.
         if (result != OK) reportError(result);
     }
-    std::lock_guard<std::mutex> lock(mEndLock);
+    Mutex::Autolock lock(mEndLock);
     --mRunningTracks;
-    mTrackEnded.notify_all();
+    mTrackEnded.broadcast();
 }
 
 bool FileWriter::reachedEOS() {
-    std::unique_lock<std::mutex> lock(mEndLock);
-    return mTrackEnded.wait_for(lock, kEndWait, [this] { return mRunningTracks == 0; });
+    Mutex::Autolock lock(mEndLock);
+    const nsecs_t deadline = deadlineAfter(kEndWaitUs);
+    while (mRunningTracks > 0 && waitUntil(deadline, mTrackEnded, mEndLock)) {
+    }
+    return mRunningTracks == 0;
 }
 
 status_t FileWriter::write(size_t index, MediaBufferBase* buffer) {

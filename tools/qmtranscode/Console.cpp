@@ -5,10 +5,10 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utils/Mutex.h>
 #include <wchar.h>
 
 #include <algorithm>
-#include <mutex>
 
 namespace android::qmmediaeditor::cli::console {
 
@@ -17,8 +17,8 @@ namespace {
 // Back to the first column, and clear to the end of the line.
 constexpr const char* kEraseLine = "\r\x1b[K";
 
-std::mutex gLock;
-std::string gBar;
+Mutex gLock;
+std::string gBar GUARDED_BY(gLock);
 
 void write(const std::string& text) {
     fwrite(text.data(), 1, text.size(), stderr);
@@ -28,7 +28,7 @@ void write(const std::string& text) {
 }  // namespace
 
 void printLine(const std::string& text) {
-    std::lock_guard<std::mutex> lock(gLock);
+    Mutex::Autolock lock(gLock);
     write(gBar.empty() ? text + '\n' : kEraseLine + text + '\n' + gBar);
 }
 
@@ -40,13 +40,13 @@ void printFailure(const Failure& failure) {
 }
 
 void drawBar(const std::string& bar) {
-    std::lock_guard<std::mutex> lock(gLock);
+    Mutex::Autolock lock(gLock);
     gBar = bar;
     write(kEraseLine + bar);
 }
 
 void removeBar() {
-    std::lock_guard<std::mutex> lock(gLock);
+    Mutex::Autolock lock(gLock);
     if (gBar.empty()) return;
     gBar.clear();
     write(kEraseLine);

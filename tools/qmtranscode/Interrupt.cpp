@@ -54,13 +54,13 @@ Interrupt::~Interrupt() {
 }
 
 void Interrupt::onFirst(std::function<void()> stop) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mStop = std::move(stop);
     if (mRequested) mStop();
 }
 
 void Interrupt::ignore() {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mStop = nullptr;
 }
 
@@ -84,7 +84,7 @@ void Interrupt::waitForSignals() {
             continue;
         }
         if (mRequested) endNow();
-        std::lock_guard<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         mRequested = true;
         if (mStop) mStop();
     }

@@ -2,9 +2,10 @@
 // SIGUSR1 asks what the work does.
 #pragma once
 
+#include <utils/Mutex.h>
+
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -36,8 +37,8 @@ private:
     const std::string mLastWords;
     // Written by the thread, read by any.
     std::atomic<bool> mRequested{false};
-    std::mutex mLock;
-    std::function<void()> mStop;  // guarded by mLock
+    Mutex mLock;
+    std::function<void()> mStop GUARDED_BY(mLock);
     int mSignalFd = -1;
     int mEndFd = -1;
     std::thread mThread;

@@ -7,8 +7,7 @@
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
-
-#include <mutex>
+#include <utils/Mutex.h>
 
 namespace android::qmmediaeditor::cli {
 
@@ -16,7 +15,7 @@ namespace {
 
 // Lives as long as the process: a thread may log until its very end.
 AndroidLogFormat* gFormat = nullptr;
-std::mutex gFormatLock;
+Mutex gFormatLock;
 LogListener* gListener = nullptr;
 
 void printMessage(android_LogPriority priority, const char* tag, const char* message) {
@@ -36,7 +35,7 @@ void printMessage(android_LogPriority priority, const char* tag, const char* mes
     entry.messageLen = strlen(message);
 
     // The formatter keeps a cache of its filters.
-    std::lock_guard<std::mutex> lock(gFormatLock);
+    Mutex::Autolock lock(gFormatLock);
     if (android_log_shouldPrintLine(gFormat, tag, priority) == 0) return;
     char buffer[1024];
     size_t length = 0;

@@ -65,7 +65,7 @@ Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthU
 Progress::~Progress() { console::removeBar(); }
 
 void Progress::report(int32_t percent) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     percent = std::clamp(percent, 0, kWhole - 1);
     if (percent <= mLast) return;
     mLast = percent;
@@ -73,7 +73,7 @@ void Progress::report(int32_t percent) {
 }
 
 void Progress::finish() {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     show(kWhole);
     console::removeBar();
 }

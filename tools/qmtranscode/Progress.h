@@ -4,8 +4,8 @@
 
 #include <qmtranscode/Options.h>
 #include <stdint.h>
+#include <utils/Mutex.h>
 
-#include <mutex>
 #include <string>
 
 namespace android::qmmediaeditor::cli {
@@ -32,8 +32,8 @@ private:
     const std::string mName;
     const double mLengthSeconds;
     const int64_t mBeginUs;
-    std::mutex mLock;
-    int32_t mLast = -1;  // guarded by mLock
+    Mutex mLock;
+    int32_t mLast GUARDED_BY(mLock) = -1;
 };
 
 }  // namespace android::qmmediaeditor::cli

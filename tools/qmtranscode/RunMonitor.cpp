@@ -5,7 +5,7 @@
 namespace android::qmmediaeditor::cli {
 
 void RunMonitor::begin(const std::vector<TrimPeriod>& periods, RunPicture* picture) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mRunning = true;
     mCounts = RunCounts(periods);
     mBoard = ThreadBoard();
@@ -14,7 +14,7 @@ void RunMonitor::begin(const std::vector<TrimPeriod>& periods, RunPicture* pictu
 }
 
 RunCounts RunMonitor::end() {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     mRunning = false;
     mBoard.finish(nowUs());
     mBoard.drawInto(nullptr);
@@ -25,7 +25,7 @@ RunCounts RunMonitor::end() {
 void RunMonitor::onMessage(const LogMessage& message) {
     Saying saying;
     const bool understood = understand(message.tag, message.text, &saying);
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (!mRunning) return;
     const size_t before = mCounts.periodsBegun();
     mCounts.note(message, understood ? &saying : nullptr);
@@ -36,17 +36,17 @@ void RunMonitor::onMessage(const LogMessage& message) {
 }
 
 void RunMonitor::onProgress(int32_t percent) {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     if (mRunning) mBoard.noteRead(percent, nowUs());
 }
 
 int64_t RunMonitor::lastMoveUs() const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     return mRunning ? mBoard.lastMoveUs() : 0;
 }
 
 std::vector<std::string> RunMonitor::describe() const {
-    std::lock_guard<std::mutex> lock(mLock);
+    Mutex::Autolock lock(mLock);
     return mBoard.describe(nowUs());
 }
 

@@ -4,8 +4,8 @@
 #include <qmtranscode/LogOutput.h>
 #include <qmtranscode/RunCounts.h>
 #include <qmtranscode/ThreadBoard.h>
+#include <utils/Mutex.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,11 +32,11 @@ private:
     RunMonitor& operator=(const RunMonitor&) = delete;
 
     // The picture is drawn under it.
-    mutable std::mutex mLock;
-    bool mRunning = false;  // guarded by mLock, as all below
-    ThreadBoard mBoard;
-    RunCounts mCounts;
-    RunPicture* mPicture = nullptr;
+    mutable Mutex mLock;
+    bool mRunning GUARDED_BY(mLock) = false;
+    ThreadBoard mBoard GUARDED_BY(mLock);
+    RunCounts mCounts GUARDED_BY(mLock);
+    RunPicture* mPicture GUARDED_BY(mLock) = nullptr;
 };
 
 }  // namespace android::qmmediaeditor::cli

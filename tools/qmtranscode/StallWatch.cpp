@@ -11,10 +11,10 @@ StallWatch::StallWatch(const RunMonitor* monitor, std::chrono::milliseconds pati
 
 StallWatch::~StallWatch() {
     {
-        std::lock_guard<std::mutex> lock(mLock);
+        Mutex::Autolock lock(mLock);
         mEnd = true;
+        mEnded.signal();
     }
-    mEnded.notify_one();
     mThread.join();
 }
 
@@ -22,8 +22,10 @@ void StallWatch::watch() {
     const int64_t patienceUs = std::chrono::microseconds(mPatience).count();
     const auto step = std::max(mPatience / 10, std::chrono::milliseconds(1));
     int64_t toldUs = 0;
-    std::unique_lock<std::mutex> lock(mLock);
-    while (!mEnded.wait_for(lock, step, [this] { return mEnd; })) {
+    Mutex::Autolock lock(mLock);
+    while (!mEnd) {
+        mEnded.waitRelative(mLock, std::chrono::nanoseconds(step).count());
+        if (mEnd) return;
         const int64_t movedUs = mMonitor->lastMoveUs();
         if (movedUs == 0 || movedUs == toldUs || nowUs() - movedUs < patienceUs) continue;
         toldUs = movedUs;

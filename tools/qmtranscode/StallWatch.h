@@ -2,10 +2,10 @@
 #pragma once
 
 #include <qmtranscode/RunMonitor.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace android::qmmediaeditor::cli {
@@ -24,9 +24,9 @@ private:
 
     const RunMonitor* const mMonitor;
     const std::chrono::milliseconds mPatience;
-    std::mutex mLock;
-    std::condition_variable mEnded;
-    bool mEnd = false;  // guarded by mLock
+    Mutex mLock;
+    Condition mEnded;
+    bool mEnd GUARDED_BY(mLock) = false;
     std::thread mThread;
 };
 

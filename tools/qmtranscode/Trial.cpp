@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <host/foundation/Deadline.h>
 #include <qmtranscode/Session.h>
 #include <qmtranscode/Trial.h>
 #include <string.h>
@@ -7,8 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace android::qmmediaeditor::cli {
@@ -20,23 +19,26 @@ class Deadline {
 public:
     Deadline(Session* session, std::chrono::milliseconds time)
         : mThread([this, session, time] {
-              std::unique_lock<std::mutex> lock(mLock);
-              if (!mDone.wait_for(lock, time, [this] { return mEnd; })) session->cancel();
+              Mutex::Autolock lock(mLock);
+              const nsecs_t deadline = deadlineAfter(std::chrono::microseconds(time).count());
+              while (!mEnd && waitUntil(deadline, mDone, mLock)) {
+              }
+              if (!mEnd) session->cancel();
           }) {}
 
     ~Deadline() {
         {
-            std::lock_guard<std::mutex> lock(mLock);
+            Mutex::Autolock lock(mLock);
             mEnd = true;
+            mDone.signal();
         }
-        mDone.notify_one();
         mThread.join();
     }
 
 private:
-    std::mutex mLock;
-    std::condition_variable mDone;
-    bool mEnd = false;  // guarded by mLock
+    Mutex mLock;
+    Condition mDone;
+    bool mEnd GUARDED_BY(mLock) = false;
     std::thread mThread;
 };
 
