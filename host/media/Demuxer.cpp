@@ -125,6 +125,8 @@ bool Demuxer::headerIsEnough() const {
 
 bool Demuxer::countsPictures() const { return av_match_name("avi", mContext->iformat->name) != 0; }
 
+bool Demuxer::clockMayJump() const { return (mContext->iformat->flags & AVFMT_TS_DISCONT) != 0; }
+
 bool Demuxer::indexIsOfPictures() const {
     return av_match_name(mContext->iformat->name, "matroska,webm,flv,asf") != 0;
 }

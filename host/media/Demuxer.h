@@ -36,6 +36,8 @@ public:
     // The container gives a picture's place in decoding order and nothing else; what libavformat
     // makes of it is late by what the codec reorders.
     bool countsPictures() const;
+    // The container's clock may start anew anywhere.
+    bool clockMayJump() const;
     // What index the container has is that of its pictures, for sound as well.
     bool indexIsOfPictures() const;
 

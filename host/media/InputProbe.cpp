@@ -233,11 +233,14 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     found.zeroIsFixed = demuxer->isIsoFile();
     found.format = makeFileFormat(context, boxes.uuidData);
     const sp<DecodeOrder> order = new DecodeOrder;
+    std::shared_ptr<TimeJumps> jumps;
+    if (demuxer->clockMayJump()) jumps = std::make_shared<TimeJumps>();
     bool studyFrames = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
         found.tracks.push_back(
             describeTrack(demuxer.get(), stream, durationsUs[i], studyFrames, order));
+        found.tracks.back().jumps = jumps;
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
     }
     *info = std::move(found);

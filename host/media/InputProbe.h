@@ -12,6 +12,7 @@
 
 #include "host/media/FrameGrid.h"
 #include "host/media/InputFile.h"
+#include "host/media/TimeJumps.h"
 #include "host/media/TrackSource.h"
 
 namespace android {
@@ -34,6 +35,8 @@ struct TrackInfo {
     size_t reorderDepth = 0;
     // For video of a constant rate.
     std::optional<FrameGrid> grid;
+    // One for all tracks of the file. Null where the clock never jumps.
+    std::shared_ptr<TimeJumps> jumps;
 };
 
 struct InputInfo {

@@ -62,7 +62,9 @@ const AVPacket* TrackReader::head() {
     return mHasHead ? mPacket.get() : nullptr;
 }
 
-int64_t TrackReader::durationUs() const { return std::max<int64_t>(toUs(mPacket->duration), 0); }
+int64_t TrackReader::durationUs() const {
+    return std::max<int64_t>(mDemuxer->toUs(mTrack.streamIndex, mPacket->duration), 0);
+}
 
 PacketPtr TrackReader::headProperties(int64_t originUs) const {
     PacketPtr properties(av_packet_alloc());
@@ -79,7 +81,23 @@ PacketPtr TrackReader::headProperties(int64_t originUs) const {
     return properties;
 }
 
-int64_t TrackReader::toUs(int64_t time) const { return mDemuxer->toUs(mTrack.streamIndex, time); }
+int64_t TrackReader::toUs(int64_t time) const {
+    return mDemuxer->toUs(mTrack.streamIndex, time) + mJumpUs;
+}
+
+void TrackReader::noteClock() {
+    if (mTrack.jumps == nullptr || mPacket->dts == AV_NOPTS_VALUE || mPacket->pos < 0) return;
+    const int64_t clockUs = mDemuxer->toUs(mTrack.streamIndex, mPacket->dts);
+    if (!mHasClock) {
+        mJumpUs = mTrack.jumps->offsetUsAt(mPacket->pos);
+    } else if (TimeJumps::isJump(clockUs - mClockUs, mPacket->pos - mClockPosition)) {
+        mJumpUs = mTrack.jumps->offsetUs(mPacket->pos, clockUs, mClockEndUs + mJumpUs);
+    }
+    mHasClock = true;
+    mClockUs = clockUs;
+    mClockEndUs = clockUs + durationUs();
+    mClockPosition = mPacket->pos;
+}
 
 void TrackReader::advance() {
     if (mHasHead) mNextTimeUs = mPresentationTimeUs + durationUs();
@@ -101,6 +119,7 @@ bool TrackReader::readHead() {
 }
 
 void TrackReader::stampHead() {
+    noteClock();
     const int64_t time = statedTime();
     mIsTimeStated = time != AV_NOPTS_VALUE || mPacket->dts == AV_NOPTS_VALUE;
     if (time != AV_NOPTS_VALUE) {
@@ -149,6 +168,8 @@ void TrackReader::noteOrder() {
 
 void TrackReader::forgetPosition() {
     mHasHead = false;
+    mHasClock = false;
+    mJumpUs = 0;
     mNextTimeUs = mTrack.startUs;
     mLatestTimesUs.clear();
     mPictureOrder.restart();

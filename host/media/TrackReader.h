@@ -50,7 +50,9 @@ private:
     void stampHead();
     int64_t statedTime();
     int64_t reorderTicks() const;
+    // Of the head, on a time line without jumps.
     int64_t toUs(int64_t time) const;
+    void noteClock();
     void noteOrder();
     void forgetPosition();
 
@@ -69,6 +71,13 @@ private:
     int64_t mPresentationTimeUs = 0;
     bool mIsTimeStated = false;
     int64_t mOrderTimeUs = 0;
+    // What the clock's jumps add to times.
+    int64_t mJumpUs = 0;
+    // Of the packet before the head, when there is one; the time is a decoding time.
+    bool mHasClock = false;
+    int64_t mClockUs = 0;
+    int64_t mClockEndUs = 0;
+    int64_t mClockPosition = 0;
     int64_t mFirstTimeUs = 0;  // of the first picture since the last seek
     int64_t mNextTimeUs = 0;   // where the last sample ends, for one without a time
     // The latest presentation times that were read, in rising order: one more than
