@@ -18,7 +18,8 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr char kLogTag[] = "AudioEncoder";
-constexpr size_t kInputCount = 4;
+// Decoded sound comes in short pieces: these are an eighth of a second at least.
+constexpr size_t kInputCount = 32;
 constexpr size_t kOutputCount = 16;
 constexpr size_t kMinInputBytes = 64 * 1024;
 constexpr size_t kMaxInputBytes = 16 * 1024 * 1024;

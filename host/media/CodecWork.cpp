@@ -20,6 +20,9 @@ void CodecWorker::work() {
     while (mState == State::kStarted && workStep()) {
     }
     mWorkPosted = false;
+    // Those that half a set was not worth a switch of threads for.
+    mInputFree.broadcast();
+    mOutputReady.broadcast();
     const bool owesSilence = publish();
     if (owesSilence && !mFreeOutputs.empty()) schedule();
 }
@@ -59,7 +62,7 @@ bool CodecWorker::takeStep(CodecEngine::Step step, CodecOutput output) {
         case CodecEngine::Step::kNeedsInput:
             break;
     }
-    mOutputReady.broadcast();
+    if (mReady.size() * 2 >= mOutputs.size()) mOutputReady.broadcast();
     publish();
     return true;
 }
@@ -115,7 +118,7 @@ void CodecWorker::inputDone(size_t index) {
     Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return;
     mFreeInputs.push_back(index);
-    mInputFree.broadcast();
+    if (!mWorkPosted || mFreeInputs.size() * 2 >= mInputs.size()) mInputFree.broadcast();
 }
 
 void CodecWorker::fail() {

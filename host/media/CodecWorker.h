@@ -3,8 +3,9 @@
 // Buffers move in a circle: an input is free, with the client, queued, in the engine, and free
 // again; an output is free, ready, with the client, and free again. The engine's work is posted to
 // the looper whenever there may be something to do, and ends when input or free outputs run out; it
-// never waits. Any thread may call any operation; stop and release wait for nothing but the
-// engine's step that runs now.
+// never waits. While it lasts, a waiting client is woken for half a set of buffers, not for each:
+// switching threads takes longer than many a sample. Any thread may call any operation; stop and
+// release wait for nothing but the engine's step that runs now.
 #pragma once
 
 #include <media/stagefright/MediaCodec.h>
