@@ -87,7 +87,7 @@ const Phrase kPhrases[] = {
     {kSound, "Call pushDecodedBuffer end", nullptr, Act::kWorks, kDrains},
     {kSound, "Enter pushEncodedBuffer", nullptr, Act::kNothing, nullptr, Queue::kEncodedSound,
      Effect::kPushed},
-    {kSound, "End pushEncodedBuffer", nullptr, Act::kWorks, kTakesSound},
+    {kSound, "End pushEncodedBuffer", nullptr, Act::kPolls, "for the sound encoder"},
     {kSound, "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer2 [", nullptr, Act::kWaits,
      "for the sound encoder to take a batch", Queue::kDecodedSound, Effect::kFull, kDrains},
     {kSound, "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer3 [", nullptr, Act::kWaits,

@@ -236,18 +236,21 @@ class QM_EXPORT TranscodeComponent : public RefBase {
 public:
     TranscodeComponent();
 
-    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. 0.
+    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. Does not
+    // block; not while process() runs. 0.
     virtual int32_t create(void* property);
 
-    // Blocks until the output is finished or the session stops. 0 when the file is whole;
-    // kInvalidRequest, also without a session and whenever the input cannot be opened; or what
-    // Transcode::doTranscode() says.
+    // Runs the session on the calling thread, and blocks until the output is finished or the session
+    // stops. Once for each create(). 0 when the file is whole; kInvalidRequest, also without a
+    // session and whenever the input cannot be opened; or what Transcode::doTranscode() says.
     virtual int32_t process();
 
-    // Any thread. The session stops soon; the file is closed with what was written. 0.
+    // Has process() return kStopped soon, with the file closed after what was written. Any thread,
+    // at any time between create() and destory(); does not block. 0.
     virtual int32_t cancel();
 
-    // Ends the session. Not while process() runs. 0.
+    // Ends the session and frees it; blocks until its threads have gone. Not while process() runs.
+    // 0.
     virtual int32_t destory();
 
     // As destory().
