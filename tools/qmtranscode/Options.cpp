@@ -255,8 +255,9 @@ void declare(CLI::App* app, Texts* texts, Options* options) {
     app->formatter_fn(
         [](const CLI::App*, const std::string&, CLI::AppFormatMode) { return std::string(kHelp); });
 
-    app->add_option("INPUT", options->input)->required();
-    app->add_option("OUTPUT", options->output)->required();
+    // That one is missing is said below, after an option that does not exist.
+    app->add_option("INPUT", options->input);
+    app->add_option("OUTPUT", options->output);
     app->add_flag("--overwrite", options->overwrite);
     app->add_option("--trim", texts->periods)->type_size(1)->allow_extra_args(false);
 
@@ -326,6 +327,13 @@ std::optional<int> parseOptions(int argc, char** argv, Options* options) {
     } catch (const CLI::Error& error) {
         console::printFailure(
             {kExitUsage, "", oneLine(error.what()) + " (see qmtranscode --help)"});
+        return kExitUsage;
+    }
+    if (options->output.empty()) {
+        const bool both = options->input.empty();
+        console::printFailure({kExitUsage, "",
+                               std::string(both ? "INPUT and OUTPUT are" : "OUTPUT is") +
+                                   " missing (see qmtranscode --help)"});
         return kExitUsage;
     }
     Reader reader(texts, options);

@@ -30,6 +30,13 @@ int64_t bitrateOf(const TrackSamples& samples) {
     return static_cast<int64_t>(static_cast<double>(samples.bytes) * 8 / seconds(lengthUs));
 }
 
+// Pictures a second, as they come on average.
+double rateOf(const TrackSamples& samples) {
+    if (samples.count < 2) return 0;
+    const auto [first, last] = std::minmax_element(samples.timesUs.begin(), samples.timesUs.end());
+    return static_cast<double>(samples.count - 1) / std::max(seconds(*last - *first), 1e-6);
+}
+
 std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
     // The file rounds times to its own clock, much less than the distance of two pictures.
     constexpr int64_t kClockUs = 1000;
@@ -71,7 +78,7 @@ Json tracksOf(const WrittenFile& written, const RunCounts& counts) {
                           {"width", video.width},
                           {"height", video.height},
                           {"rotation", video.rotation},
-                          {"fps", video.frameRate},
+                          {"fps", rateOf(*written.video)},
                           {"frames", written.video->count},
                           {"bytes", written.video->bytes},
                           {"bitrate", bitrateOf(*written.video)},
@@ -124,8 +131,8 @@ std::string row(const char* name, const char* format, Values... values) {
 std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
     const TrackSamples& samples = *receipt.written->video;
     const std::string codec = codecName(video.mime);
-    return row("video", "%s %dx%d, %d fps", codec.c_str(), video.width, video.height,
-               video.frameRate) +
+    return row("video", "%s %dx%d, %.4g fps", codec.c_str(), video.width, video.height,
+               rateOf(samples)) +
            row("", "%lld frames, %lld dropped, %s", static_cast<long long>(samples.count),
                static_cast<long long>(receipt.counts.dropped()),
                bitrateText(bitrateOf(samples)).c_str());
@@ -194,8 +201,8 @@ std::string emptyReceipt(const std::string& input, const std::string& output) {
 std::string toText(const Receipt& receipt) {
     const WrittenFile& written = *receipt.written;
     const int64_t lengthUs = written.media.durationUs();
-    std::string text = console::printable(receipt.output) +
-                       (receipt.complete ? ": complete\n" : ": stopped, valid up to its end\n");
+    std::string text =
+        console::printable(receipt.output) + (receipt.complete ? ": complete\n" : ": stopped\n");
     text += row("length", "%s, %s", secondsText(lengthUs).c_str(),
                 bytesText(written.media.sizeBytes).c_str());
     if (written.video) text += videoRows(*written.media.video, receipt);
