@@ -1,5 +1,6 @@
-// To be preloaded: a disk that takes eleven seconds for its second write.
+// To be preloaded: a disk whose second write takes until the file $SLOW_DISK_UNTIL is there.
 #include <dlfcn.h>
+#include <stdlib.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -11,7 +12,9 @@ ssize_t writeSlowly(const char* name, int fd, const void* data, size_t size, off
     using Write = ssize_t (*)(int, const void*, size_t, off_t);
     static const auto real = reinterpret_cast<Write>(dlsym(RTLD_NEXT, name));
     static std::atomic<int> writes{0};
-    if (++writes == 2) sleep(11);
+    if (++writes == 2) {
+        while (access(getenv("SLOW_DISK_UNTIL"), F_OK) != 0) usleep(50000);
+    }
     return real(fd, data, size, offset);
 }
 

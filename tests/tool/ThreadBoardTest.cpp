@@ -3,6 +3,9 @@
 #include <qmtranscode/RunMonitor.h>
 #include <qmtranscode/StallWatch.h>
 #include <qmtranscode/ThreadBoard.h>
+#include <unistd.h>
+
+#include <thread>
 
 namespace android::qmmediaeditor::cli {
 namespace {
@@ -83,21 +86,35 @@ TEST_F(ThreadBoardTest, aStage_tellsWhereInTheFileItIs) {
     EXPECT_THAT(board.describe(1500000), Contains("  sound encoded: last 0.5 s ago, at 42.500 s"));
 }
 
+// What has been said on standard error until `end` comes in it.
+std::string readUntil(int fd, const std::string& end) {
+    std::string text;
+    char byte = 0;
+    while (text.find(end) == std::string::npos && read(fd, &byte, 1) == 1) text += byte;
+    return text;
+}
+
 TEST(StallWatch, aRunThatStandsStill_isExplainedOnce) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    const int before = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
     RunMonitor monitor;
     monitor.begin({}, nullptr);
-    testing::internal::CaptureStderr();
+    std::string said;
     {
         monitor.onMessage({0, "TVideoSource", "waiting @ read()", nowUs(), kEncoder});
         const StallWatch watch(&monitor, std::chrono::milliseconds(20));
-        // Twice as long as it takes to say it once.
-        const int64_t beginUs = nowUs();
-        while (nowUs() - beginUs < 100000) std::this_thread::yield();
+        said = readUntil(ends[0], "pictures written: last ");
+        // Long enough to say it again.
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
     }
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(said, HasSubstr("nothing has moved for 0.0"));
+    fputs("END", stderr);
+    said += readUntil(ends[0], "END");
+    dup2(before, STDERR_FILENO);
+    for (int fd : {ends[0], ends[1], before}) close(fd);
     EXPECT_THAT(said, HasSubstr("picture writer          waits for encoded pictures"));
-    EXPECT_EQ(said.find("nothing has moved"), said.rfind("nothing has moved"));
+    EXPECT_EQ(said.find("nothing has moved for "), said.rfind("nothing has moved for "));
 }
 
 }  // namespace
