@@ -1,4 +1,8 @@
 // To be preloaded: a disk whose second write takes until the file $SLOW_DISK_UNTIL is there.
+
+// Both names are to be replaced, and this would make them one.
+#undef _FILE_OFFSET_BITS
+
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <sys/types.h>

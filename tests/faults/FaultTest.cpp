@@ -27,7 +27,7 @@ typedef FaultScript::What What;
 constexpr double kSoonSeconds = 2.0 * kSlowness;
 
 FaultPlatform& platform() {
-    static FaultPlatform instance(createHostPlatform(HostOptions{"ultrafast", false}));
+    static FaultPlatform instance(createHostPlatform(HostOptions{"ultrafast", false, {}}));
     return instance;
 }
 

@@ -24,7 +24,7 @@ bool isSmall(const cli::MediaFile& media) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    static const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false});
+    static const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false, {}});
     Platform::install(platform.get());
     __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
     return 0;

@@ -94,7 +94,7 @@ bool livesLong(uint64_t runs, size_t workers) {
 }
 
 int run() {
-    const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false});
+    const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false, {}});
     Platform::install(platform.get());
     const uint64_t runs = numberFromEnvironment("QM_RUNS", 300 / kSlowness);
     const bool alone = livesLong(runs, 1);

@@ -20,7 +20,9 @@ constexpr double kWorstSeconds = 1.5 * kSlowness;
 
 class Storm {
 public:
-    Storm() : mPlatform(createHostPlatform({"veryfast", false})) { Platform::install(&mPlatform); }
+    Storm() : mPlatform(createHostPlatform({"veryfast", false, {}})) {
+        Platform::install(&mPlatform);
+    }
 
     // 0, or 1 when anything was wrong.
     int run();
