@@ -244,8 +244,10 @@ bool AudioDecoder::resample(const AVFrame* frame) {
 
 void AudioDecoder::place(int64_t startFrame) {
     const int64_t gap = startFrame - mNextFrame;
-    // The first sound is put to its exact place.
-    const int64_t jitter = mAtStart ? 0 : av_rescale(kJitterUs, mSampleRate, 1000000);
+    // The first sound is put to its exact place, and so is the first one after a hole, which may
+    // have been filled up to anywhere.
+    const bool adjoins = !mAtStart && !mInHole;
+    const int64_t jitter = adjoins ? av_rescale(kJitterUs, mSampleRate, 1000000) : 0;
     if (gap > jitter) {
         mSilenceFrames = gap;
     } else if (gap < -jitter) {
