@@ -9,6 +9,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/audio_fifo.h>
+#include <libavutil/dict.h>
 #include <libswresample/swresample.h>
 }
 
@@ -62,7 +63,7 @@ status_t AudioEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     if (!format->findString("mime", &mime)) return BAD_VALUE;
     status_t status = mEncoder.prepare(mime);
     if (status == OK) status = setParameters(*format);
-    if (status == OK) status = mEncoder.open(nullptr);
+    if (status == OK) status = openEncoder();
     if (status == OK) status = openConverter();
     if (status != OK) return status;
 
@@ -115,6 +116,15 @@ status_t AudioEncoder::setParameters(const AMessage& format) {
     }
     if (bitRate > 0) context->bit_rate = bitRate;
     return OK;
+}
+
+status_t AudioEncoder::openEncoder() {
+    AVDictionary* options = nullptr;
+    if (mEncoder.context()->codec_id == AV_CODEC_ID_AAC) {
+        // Noise substitution takes tones for noise at low rates, and weakens them.
+        av_dict_set(&options, "aac_pns", "0", 0);
+    }
+    return mEncoder.open(options);
 }
 
 status_t AudioEncoder::openConverter() {

@@ -25,6 +25,7 @@ public:
 
 private:
     status_t setParameters(const AMessage& format);
+    status_t openEncoder();
     status_t openConverter();
     // Moves what the converter makes of `frames` input frames into mFifo; null data drains it.
     status_t convert(const uint8_t* data, int frames);
