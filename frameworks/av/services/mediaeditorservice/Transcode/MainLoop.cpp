@@ -28,7 +28,8 @@ int32_t Transcode::doTranscode() {
         QM_LOGV(kTag, "Force stop before sniff frame");
         return kStopped;
     }
-    QM_LOGD(kTag, "mSampleBufferSize: %zu", mSampleBufferSize);
+    // No input buffer is as large as an int can say.
+    QM_LOGD(kTag, "mSampleBufferSize: %d", static_cast<int>(mSampleBufferSize));
     mSampleBuffer = new ABuffer(mSampleBufferSize);
 
     if (createSource() != OK) return mForceStop ? kStopped : kSessionFailed;
