@@ -62,6 +62,8 @@ status_t AudioDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     format->findInt32("channel-count", &channelCount);
     if (sampleRate > 0 && channelCount > 0) setFormat(sampleRate, channelCount);
     format->findInt64("durationUs", &mTrackEndUs);
+    const sp<TrackSource> source = TrackSource::find(format);
+    if (source != nullptr) mTrackEndUs += source->delayUs();
 
     int32_t maxInputBytes = 0;
     format->findInt32("max-input-size", &maxInputBytes);

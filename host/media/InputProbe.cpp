@@ -205,6 +205,16 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     return track;
 }
 
+void findDelays(const std::vector<TrackInfo>& tracks) {
+    int64_t originUs = INT64_MAX;
+    for (const TrackInfo& track : tracks) {
+        if (track.source != nullptr) originUs = std::min(originUs, track.startUs);
+    }
+    for (const TrackInfo& track : tracks) {
+        if (track.source != nullptr) track.source->setDelayUs(track.startUs - originUs);
+    }
+}
+
 }  // namespace
 
 status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info) {
@@ -243,6 +253,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
         found.tracks.back().jumps = jumps;
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
     }
+    findDelays(found.tracks);
     *info = std::move(found);
     return OK;
 }

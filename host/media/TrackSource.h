@@ -48,6 +48,11 @@ public:
     const AVCodecParameters& parameters() const { return *mParameters; }
     const sp<DecodeOrder>& order() const { return mOrder; }
 
+    // How much later the track begins than the first one of its file. Set before the format goes
+    // out.
+    void setDelayUs(int64_t delayUs) { mDelayUs = delayUs; }
+    int64_t delayUs() const { return mDelayUs; }
+
     // For the extractor: once for each sample of a selected track, in order, before the sample can
     // be read, with the time that getSampleTime will give. No sample that comes later, of any
     // track, is shown before that time. The sample belongs to the order's current time line.
@@ -64,6 +69,7 @@ protected:
 private:
     const CodecParametersPtr mParameters;
     const sp<DecodeOrder> mOrder;
+    int64_t mDelayUs = 0;
 
     Mutex mLock;
     std::deque<SampleNote> mNotes GUARDED_BY(mLock);
