@@ -64,7 +64,18 @@ void Interrupt::ignore() {
     mStop = nullptr;
 }
 
-void Interrupt::endNow() const {
+void Interrupt::beginKeeping() {
+    Ending open = Ending::kOpen;
+    if (mEnding.compare_exchange_strong(open, Ending::kKeeping)) return;
+    while (true) pause();
+}
+
+void Interrupt::onSecond() {
+    Ending open = Ending::kOpen;
+    if (!mEnding.compare_exchange_strong(open, Ending::kAtOnce)) {
+        if (open == Ending::kKept) _exit(kExitStopped);
+        return;
+    }
     OutputFile::removeNow();
     say(STDOUT_FILENO, mLastWords);
     say(STDERR_FILENO, std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
@@ -83,7 +94,10 @@ void Interrupt::waitForSignals() {
             mExplain();
             continue;
         }
-        if (mRequested) endNow();
+        if (mRequested) {
+            onSecond();
+            continue;
+        }
         Mutex::Autolock lock(mLock);
         mRequested = true;
         if (mStop) mStop();

@@ -26,17 +26,27 @@ public:
 
     bool requested() const { return mRequested; }
 
+    // Before the output is kept: from here on a second signal leaves that alone. Does not return
+    // when one has come already; the process ends.
+    void beginKeeping();
+    // The output is kept, what remains to be said may take long: a second signal ends the process.
+    void endKeeping() { mEnding = Ending::kKept; }
+
 private:
     Interrupt(const Interrupt&) = delete;
     Interrupt& operator=(const Interrupt&) = delete;
 
+    // Who has the last words.
+    enum class Ending { kOpen, kKeeping, kKept, kAtOnce };
+
     void waitForSignals();
-    [[noreturn]] void endNow() const;
+    void onSecond();
 
     const std::function<void()> mExplain;
     const std::string mLastWords;
     // Written by the thread, read by any.
     std::atomic<bool> mRequested{false};
+    std::atomic<Ending> mEnding{Ending::kOpen};
     Mutex mLock;
     std::function<void()> mStop GUARDED_BY(mLock);
     int mSignalFd = -1;

@@ -90,7 +90,9 @@ std::optional<Failure> Job::keepWhole(Progress* progress) {
     if (auto failure = checkWhole(mInput, mPeriods, mCounts, *receipt.written, mOutput.path())) {
         return failure;
     }
+    mInterrupt->beginKeeping();
     if (auto failure = mOutput.keep()) return failure;
+    mInterrupt->endKeeping();
     receipt.complete = true;
     progress->finish();
     return printReceipt(receipt);
@@ -98,9 +100,11 @@ std::optional<Failure> Job::keepWhole(Progress* progress) {
 
 std::optional<Failure> Job::keepStopped() {
     const Receipt receipt = readReceipt();
+    mInterrupt->beginKeeping();
     if (receipt.written) {
         if (auto failure = mOutput.keep()) return failure;
     }
+    mInterrupt->endKeeping();
     if (auto failure = printReceipt(receipt)) return failure;
     if (!receipt.written) {
         return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
