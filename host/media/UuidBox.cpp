@@ -98,7 +98,9 @@ TopLevelBoxes readTopLevelBoxes(const InputFile& file) {
         totalBytes += content.size();
         contents.push_back(std::move(content));
     }
-    if (contents.size() == 1) {
+    // The content of one box stands alone, unless it would be taken for boxes.
+    if (contents.size() == 1 &&
+        !isSequenceOfBoxes(contents.front().data(), contents.front().size())) {
         result.uuidData = std::move(contents.front());
     } else {
         for (const auto& content : contents) {

@@ -1,9 +1,9 @@
 // The uuid boxes at the top level of an ISO base media file (ISO/IEC 14496-12, 4.2 and 11.1).
 //
 // Their contents travel as one buffer, "uuid-data", from the extractor to the writer. For one box
-// that is its 16-byte type followed by its payload. For several it is the boxes themselves,
-// complete with headers, one after the other. Either way the writer puts the same boxes into its
-// file, byte for byte.
+// that is its 16-byte type followed by its payload. For several, or for one whose content looks
+// like boxes, it is the boxes themselves, complete with headers, one after the other. Either way
+// the writer puts the same boxes into its file, byte for byte.
 #pragma once
 
 #include <stddef.h>

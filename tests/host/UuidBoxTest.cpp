@@ -70,6 +70,11 @@ TEST(UuidBox, severalBoxes_allComeOut) {
     EXPECT_EQ(first + second, written(walk(first + kStart + second).uuidData));
 }
 
+TEST(UuidBox, oneBoxThatHoldsWhatLooksLikeABox_isWrittenAgainAsItWas) {
+    const std::string uuid = box("uuid", box("uuid", kFirstType + "payload"));
+    EXPECT_EQ(uuid, written(walk(uuid + kStart).uuidData));
+}
+
 TEST(UuidBox, sizesOf64Bits_andASizeThatMeansTheRest) {
     const std::string uuid = box("uuid", kFirstType + "p");
     EXPECT_EQ(uuid, written(walk(largeBox("mdat", "data") + uuid).uuidData));
