@@ -1,6 +1,7 @@
 #include <poll.h>
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/Interrupt.h>
+#include <qmtranscode/LogOutput.h>
 #include <qmtranscode/OutputFile.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -84,6 +85,8 @@ void Interrupt::onSecond() {
 }
 
 void Interrupt::waitForSignals() {
+    signalfd_siginfo first{};
+    int64_t firstUs = 0;
     pollfd fds[] = {{mSignalFd, POLLIN, 0}, {mEndFd, POLLIN, 0}};
     while (true) {
         if (poll(fds, 2, -1) < 0) continue;
@@ -94,10 +97,16 @@ void Interrupt::waitForSignals() {
             mExplain();
             continue;
         }
+        // timeout(1) sends its signal to the process and to its group: that is one wish.
+        constexpr int64_t kOneWishUs = 100000;
+        const bool repeated = info.ssi_pid != 0 && info.ssi_pid == first.ssi_pid &&
+                              info.ssi_signo == first.ssi_signo && nowUs() - firstUs < kOneWishUs;
         if (mRequested) {
-            onSecond();
+            if (!repeated) onSecond();
             continue;
         }
+        first = info;
+        firstUs = nowUs();
         Mutex::Autolock lock(mLock);
         mRequested = true;
         if (mStop) mStop();

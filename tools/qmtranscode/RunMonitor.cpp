@@ -45,6 +45,12 @@ int64_t RunMonitor::lastMoveUs() const {
     return mRunning ? mBoard.lastMoveUs() : 0;
 }
 
+bool RunMonitor::hasEncoded(bool video, bool audio) const {
+    Mutex::Autolock lock(mLock);
+    return (!video || mBoard.has(Stage::kPicturesEncoded)) &&
+           (!audio || mBoard.has(Stage::kSoundEncoded));
+}
+
 std::vector<std::string> RunMonitor::describe() const {
     Mutex::Autolock lock(mLock);
     return mBoard.describe(nowUs());

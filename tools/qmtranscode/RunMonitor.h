@@ -24,6 +24,8 @@ public:
 
     // When the run moved last; 0 while there is none.
     int64_t lastMoveUs() const;
+    // Whether each of these tracks has come as far as the writer.
+    bool hasEncoded(bool video, bool audio) const;
     // What every thread does, in lines for a person.
     std::vector<std::string> describe() const;
 

@@ -40,6 +40,9 @@ public:
     // When anything moved last; 0 before it all begins and after its end.
     int64_t lastMoveUs() const { return mLastMoveUs; }
 
+    // Whether anything has come so far.
+    bool has(Stage stage) const { return mStages[static_cast<size_t>(stage)].count > 0; }
+
     // Lines for a person: threads, queues, stages.
     std::vector<std::string> describe(int64_t timeUs) const;
 

@@ -7,21 +7,32 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <functional>
 #include <thread>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// Stops a session after a time, unless it is destroyed before.
+constexpr int64_t kMeasurementUs = 2000000;
+// A track may begin an hour behind the other, and a machine may have much else to do.
+constexpr int64_t kLongestUs = 10000000;
+constexpr int64_t kNextLookUs = 50000;
+
+// Stops a session when it has been measured, or after the longest time, unless it is destroyed
+// before.
 class Deadline {
 public:
-    Deadline(Session* session, std::chrono::milliseconds time)
-        : mThread([this, session, time] {
+    Deadline(Session* session, std::function<bool()> enough)
+        : mThread([this, session, enough = std::move(enough)] {
               Mutex::Autolock lock(mLock);
-              const nsecs_t deadline = deadlineAfter(std::chrono::microseconds(time).count());
-              while (!mEnd && waitUntil(deadline, mDone, mLock)) {
+              const nsecs_t longest = deadlineAfter(kLongestUs);
+              nsecs_t look = deadlineAfter(kMeasurementUs);
+              while (!mEnd) {
+                  if (waitUntil(look, mDone, mLock)) continue;
+                  if (enough() || look >= longest) break;
+                  look = deadlineAfter(kNextLookUs);
               }
               if (!mEnd) session->cancel();
           }) {}
@@ -58,7 +69,10 @@ std::optional<Failure> tryRequest(const InputFile& input, const std::vector<Trim
         Session session({input.fd(), output, periods, outputFormat,
                          [monitor](int32_t percent) { monitor->onProgress(percent); }});
         interrupt->onFirst([&session] { session.cancel(); });
-        const Deadline deadline(&session, std::chrono::seconds(2));
+        const MediaFile& media = input.media();
+        const Deadline deadline(&session, [monitor, &media] {
+            return monitor->hasEncoded(media.video.has_value(), media.audio.has_value());
+        });
         status = session.run();
         interrupt->ignore();
     }

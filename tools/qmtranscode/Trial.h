@@ -19,8 +19,9 @@ struct TrialResult {
     double wallSeconds = 0;
 };
 
-// Runs for at most two seconds, and less when the work is done earlier. A failure when the request
-// cannot be carried out, or when the user has stopped it.
+// Runs for two seconds: less when the work is done earlier, and up to ten when a track takes so
+// long to come as far as the writer. A failure when the request cannot be carried out, or when the
+// user has stopped it.
 std::optional<Failure> tryRequest(const InputFile& input, const std::vector<TrimPeriod>& periods,
                                   const sp<AMessage>& outputFormat, Interrupt* interrupt,
                                   RunMonitor* monitor, TrialResult* result);
