@@ -240,9 +240,10 @@ public:
     // block; not while process() runs. 0.
     virtual int32_t create(void* property);
 
-    // Runs the session on the calling thread, and blocks until the output is finished or the session
-    // stops. Once for each create(). 0 when the file is whole; kInvalidRequest, also without a
-    // session and whenever the input cannot be opened; or what Transcode::doTranscode() says.
+    // Runs the session on the calling thread, and blocks until the output is finished or the
+    // session stops. Once for each create(). 0 when the file is whole; kInvalidRequest, also
+    // without a session and whenever the input cannot be opened; or what Transcode::doTranscode()
+    // says.
     virtual int32_t process();
 
     // Has process() return kStopped soon, with the file closed after what was written. Any thread,
