@@ -5,6 +5,7 @@
 #include <Platform.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,10 @@ struct HostOptions {
     std::string avcPreset = "veryfast";
     // Put the movie box in front of the samples.
     bool fastStart = false;
-    // Microseconds on the input's time line, rising: where sound can be cut to the sample.
-    // Elsewhere a cut may fall some milliseconds late, which adds up from period to period.
-    std::vector<int64_t> cutTimesUs;
+    // Microseconds on the input's time line, rising: where sound can be cut to the sample; empty
+    // when nothing is cut. When it is not known, a cut may fall some milliseconds late, which adds
+    // up from period to period, and sound moves in shorter pieces, which takes longer.
+    std::optional<std::vector<int64_t>> cutTimesUs;
 };
 
 // To be given to Platform::install, and to be kept until the last session is gone.

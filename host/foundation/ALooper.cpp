@@ -85,9 +85,12 @@ status_t ALooper::stop() {
 }
 
 void ALooper::post(std::function<void()> work) {
-    Mutex::Autolock guard(mState->lock);
-    if (!mState->running) return;
-    mState->work.push_back(std::move(work));
+    {
+        Mutex::Autolock guard(mState->lock);
+        if (!mState->running) return;
+        mState->work.push_back(std::move(work));
+    }
+    // The thread that wakes finds the lock free.
     mState->workOrStop.signal();
 }
 

@@ -23,8 +23,9 @@ namespace {
 constexpr size_t kInputCount = 128;
 constexpr size_t kOutputCount = 32;
 constexpr size_t kDefaultInputBytes = 64 * 1024;
+constexpr int64_t kChunkFrames = 1024;
 // Short, so that a cut that nobody announced falls close to where it was asked for.
-constexpr int64_t kChunkFrames = 256;
+constexpr int64_t kShortChunkFrames = 256;
 // Less than this is the container's rounding; the samples are taken as adjoining.
 constexpr int64_t kJitterUs = 20000;
 // Sound that is missing for longer, where the reader has passed already, is a hole; less may still
@@ -42,8 +43,10 @@ AVChannelLayout plainLayout(int channelCount) {
 
 }  // namespace
 
-AudioDecoder::AudioDecoder(const std::vector<int64_t>& cutTimesUs)
-    : mCutTimesUs(cutTimesUs), mFrame(av_frame_alloc()) {}
+AudioDecoder::AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs)
+    : mCutTimesUs(cutTimesUs.value_or(std::vector<int64_t>())),
+      mChunkFrames(cutTimesUs ? kChunkFrames : kShortChunkFrames),
+      mFrame(av_frame_alloc()) {}
 
 AudioDecoder::~AudioDecoder() = default;
 
@@ -178,7 +181,7 @@ void AudioDecoder::standing(DecodeOrder::Standing* standing) const {
 CodecEngine::Step AudioDecoder::produceChunk(CodecOutput* output) {
     const bool silent = mSilenceFrames > 0;
     const int64_t frames =
-        std::min({kChunkFrames, silent ? mSilenceFrames : pcmFrames(), framesToCut()});
+        std::min({mChunkFrames, silent ? mSilenceFrames : pcmFrames(), framesToCut()});
     const size_t samples = static_cast<size_t>(frames) * static_cast<size_t>(mChannelCount);
     output->buffer = new ABuffer(samples * sizeof(int16_t));
     if (output->buffer->capacity() == 0) return Step::kFailed;

@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,9 @@ namespace qmmediaeditor {
 
 class AudioDecoder : public CodecEngine {
 public:
-    // No buffer goes across one of the times in `cutTimesUs`, which rise.
-    explicit AudioDecoder(const std::vector<int64_t>& cutTimesUs);
+    // No buffer goes across one of the times in `cutTimesUs`, which rise. When there may be others,
+    // all buffers are short.
+    explicit AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs);
     ~AudioDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -52,6 +54,7 @@ private:
     int64_t framesToCut() const;
 
     const std::vector<int64_t> mCutTimesUs;
+    const int64_t mChunkFrames;  // of a buffer, at the most
     PacketDecoder mDecoder;
     const FramePtr mFrame;
     ResamplerPtr mResampler;

@@ -22,7 +22,8 @@ constexpr char kLogTag[] = "AudioEncoder";
 // Decoded sound comes in short pieces: these are an eighth of a second at least.
 constexpr size_t kInputCount = 32;
 constexpr size_t kOutputCount = 16;
-constexpr size_t kMinInputBytes = 64 * 1024;
+// A buffer of the decoder, at the highest rate that it may be brought to.
+constexpr size_t kMinInputBytes = 256 * 1024;
 constexpr size_t kMaxInputBytes = 16 * 1024 * 1024;
 constexpr int32_t kAacLowComplexity = 1;
 

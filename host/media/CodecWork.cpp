@@ -29,7 +29,8 @@ void CodecWorker::work() {
 
 bool CodecWorker::workStep() {
     dropOutdated();
-    if (mEndProduced || mFreeOutputs.empty()) return false;
+    mLacksOutputs = mFreeOutputs.empty();
+    if (mEndProduced || mLacksOutputs) return false;
     CodecOutput output;
     const CodecEngine::Step step =
         useEngine([&](CodecEngine& engine) { return engine.produce(&output); });

@@ -222,7 +222,7 @@ status_t CodecWorker::releaseOutputBuffer(size_t index) {
     if (mState != State::kStarted) return notRunning();
     if (index >= mOutputs.size() || !mOutputs[index].withClient) return BAD_INDEX;
     freeOutput(index);
-    schedule();
+    if (mLacksOutputs) schedule();
     return OK;
 }
 
@@ -262,7 +262,10 @@ status_t CodecWorker::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) co
 
 void CodecWorker::schedule() {
     if (mWorkPosted || mState != State::kStarted) return;
+    // While the client has some to take, it will release more.
+    if (mLacksOutputs && !mReady.empty() && mFreeOutputs.size() * 2 < mOutputs.size()) return;
     mWorkPosted = true;
+    mLacksOutputs = false;
     const wp<CodecWorker> self(this);
     mLooper->post([self] {
         const sp<CodecWorker> worker = self.promote();

@@ -3,9 +3,9 @@
 // Buffers move in a circle: an input is free, with the client, queued, in the engine, and free
 // again; an output is free, ready, with the client, and free again. The engine's work is posted to
 // the looper whenever there may be something to do, and ends when input or free outputs run out; it
-// never waits. While it lasts, a waiting client is woken for half a set of buffers, not for each:
-// switching threads takes longer than many a sample. Any thread may call any operation; stop and
-// release wait for nothing but the engine's step that runs now.
+// never waits. Either side is woken for half a set of buffers, not for each: switching threads
+// takes longer than many a sample. Any thread may call any operation; stop and release wait for
+// nothing but the engine's step that runs now.
 #pragma once
 
 #include <media/stagefright/MediaCodec.h>
@@ -141,6 +141,8 @@ private:
     bool mEndProduced GUARDED_BY(mLock) = false;
 
     bool mWorkPosted GUARDED_BY(mLock) = false;
+    // What the work has ended for: the client holds the outputs, or has not taken them yet.
+    bool mLacksOutputs GUARDED_BY(mLock) = false;
     bool mBusy GUARDED_BY(mLock) = false;
 
     // Decoders of an extractor's track only.

@@ -157,8 +157,14 @@ const char* nameOf(Stage stage) {
 }
 
 bool understand(const char* tag, const char* message, Saying* saying) {
+    const char* group = nullptr;
+    bool inGroup = false;
     for (const Phrase& phrase : kPhrases) {
-        if (strcmp(tag, phrase.tag) != 0 || !beginsWith(message, phrase.text)) continue;
+        if (phrase.tag != group) {
+            group = phrase.tag;
+            inGroup = strcmp(tag, group) == 0;
+        }
+        if (!inGroup || !beginsWith(message, phrase.text)) continue;
         const char* rest = message + strlen(phrase.text);
         if (phrase.also != nullptr && strstr(rest, phrase.also) == nullptr) continue;
         saying->phrase = &phrase;
