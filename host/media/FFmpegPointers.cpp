@@ -12,7 +12,6 @@ namespace qmmediaeditor {
 
 void FFmpegDeleter::operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
 
-void FFmpegDeleter::operator()(AVBufferPool* pool) const { av_buffer_pool_uninit(&pool); }
 
 void FFmpegDeleter::operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
 

@@ -5,7 +5,6 @@
 #include <memory>
 
 struct AVAudioFifo;
-struct AVBufferPool;
 struct AVBufferRef;
 struct AVCodecContext;
 struct AVCodecParameters;
@@ -20,7 +19,6 @@ namespace qmmediaeditor {
 
 struct FFmpegDeleter {
     void operator()(AVAudioFifo* fifo) const;
-    void operator()(AVBufferPool* pool) const;
     void operator()(AVBufferRef* buffer) const;
     void operator()(AVCodecContext* context) const;
     void operator()(AVCodecParameters* parameters) const;
@@ -45,7 +43,6 @@ struct IoContextDeleter {
 };
 
 using AudioFifoPtr = std::unique_ptr<AVAudioFifo, FFmpegDeleter>;
-using BufferPoolPtr = std::unique_ptr<AVBufferPool, FFmpegDeleter>;
 using BufferRefPtr = std::unique_ptr<AVBufferRef, FFmpegDeleter>;
 using CodecContextPtr = std::unique_ptr<AVCodecContext, FFmpegDeleter>;
 using CodecParametersPtr = std::unique_ptr<AVCodecParameters, FFmpegDeleter>;

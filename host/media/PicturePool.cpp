@@ -75,15 +75,8 @@ bool attachPlanes(AVCodecContext* context, AVFrame* frame) {
     return true;
 }
 
-PicturePool::PicturePool(const PictureLayout& layout)
-    : mLayout(layout),
-      mPool(av_buffer_pool_init(layout.bytes() + kReadBeyondBytes, allocatePicture)) {}
-
-PicturePool::~PicturePool() = default;
-
 bool PicturePool::attach(AVFrame* frame) const {
-    if (mPool == nullptr) return false;
-    AVBufferRef* memory = av_buffer_pool_get(mPool.get());
+    AVBufferRef* memory = allocatePicture(mLayout.bytes() + kReadBeyondBytes);
     if (memory == nullptr) return false;
     const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
     frame->buf[0] = memory;

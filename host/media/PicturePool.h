@@ -1,5 +1,6 @@
-// Recycled memory for working pictures: the three planes of an I420 picture in one piece, as the
-// platform's buffers have them. Any thread.
+// Memory for working pictures: the three planes of an I420 picture in one piece, as the platform's
+// buffers have them. It is recycled together with that of the copies that wait for the encoder, as
+// there are many of these when there are few of the decoder's. Any thread.
 #pragma once
 
 #include <media/stagefright/foundation/ABuffer.h>
@@ -28,8 +29,7 @@ bool attachPlanes(AVCodecContext* context, AVFrame* frame);
 
 class PicturePool {
 public:
-    explicit PicturePool(const PictureLayout& layout);
-    ~PicturePool();
+    explicit PicturePool(const PictureLayout& layout) : mLayout(layout) {}
 
     const PictureLayout& layout() const { return mLayout; }
 
@@ -42,7 +42,6 @@ public:
 
 private:
     const PictureLayout mLayout;
-    const BufferPoolPtr mPool;
 };
 
 }  // namespace qmmediaeditor
