@@ -23,6 +23,7 @@ status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /
     const status_t status = mEngine->configure(format, &mPorts);
     if (status != OK) return status;
     mSource = TrackSource::find(format);
+    if (mSource != nullptr) mSource->keepNotes();
     mOutputFormat = mEngine->outputFormat();
     mState = State::kConfigured;
     return OK;

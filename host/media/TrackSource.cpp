@@ -28,9 +28,15 @@ void TrackSource::announce(int64_t timeUs, PacketPtr properties) {
     note.properties = std::move(properties);
     {
         Mutex::Autolock lock(mLock);
+        if (!mKeepsNotes) mNotes.clear();
         mNotes.push_back(std::move(note));
     }
     mOrder->advancePosition(timeUs);
+}
+
+void TrackSource::keepNotes() {
+    Mutex::Autolock lock(mLock);
+    mKeepsNotes = true;
 }
 
 SampleNote TrackSource::take(int64_t timeUs) {

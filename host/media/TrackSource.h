@@ -58,6 +58,10 @@ public:
     // track, is shown before that time. The sample belongs to the order's current time line.
     void announce(int64_t timeUs, PacketPtr properties);
 
+    // For the decoder, before samples are queued. Who reads a file without decoding it takes no
+    // notes: until then, only the last one is kept.
+    void keepNotes();
+
     // For the decoder: the note of the sample that is queued with `timeUs` now. Notes of samples
     // that were never queued are dropped on the way. Without a note, one of the current time line
     // without properties.
@@ -73,6 +77,7 @@ private:
 
     Mutex mLock;
     std::deque<SampleNote> mNotes GUARDED_BY(mLock);
+    bool mKeepsNotes GUARDED_BY(mLock) = false;
 };
 
 }  // namespace qmmediaeditor

@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <malloc.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
 #include <qmtranscode/Plan.h>
@@ -76,6 +77,8 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
         mInterrupt->ignore();
     }
     mCounts = mMonitor->end();
+    // What long tracks need tables for is needed again by whoever reads the output back.
+    malloc_trim(0);
     // A trace is for looking at; what it shows of the output is not less true without its end.
     if (auto failure = mTrace.finish()) console::printFailure(*failure);
     mWallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;

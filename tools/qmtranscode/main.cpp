@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <host/Host.h>
+#include <malloc.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
 #include <qmtranscode/StallWatch.h>
@@ -26,6 +27,8 @@ int main(int argc, char** argv) {
     // a temporary file left behind.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
+    // Tables of long files come and go as a whole, and leave no holes.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
 
     cli::Options options;
     if (const std::optional<int> status = cli::parseOptions(argc, argv, &options)) return *status;
