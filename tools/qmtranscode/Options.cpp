@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
+#include <numeric>
 #include <utility>
 
 namespace android::qmmediaeditor::cli {
@@ -32,6 +35,12 @@ const Words<bool> kPresets = {{"ultrafast", true}, {"superfast", true}, {"veryfa
 const Words<bool> kLogFormats = {{"brief", true},      {"process", true}, {"tag", true},
                                  {"thread", true},     {"raw", true},     {"time", true},
                                  {"threadtime", true}, {"long", true}};
+
+// Of names that promise another kind of file.
+const Words<bool> kOtherKinds = {{".avi", true}, {".flac", true}, {".flv", true}, {".m2ts", true},
+                                 {".mkv", true}, {".mov", true},  {".mp3", true}, {".mpg", true},
+                                 {".ogg", true}, {".ts", true},   {".wav", true}, {".webm", true},
+                                 {".wmv", true}};
 
 // The words in a sentence: "a, b or c".
 template <typename T>
@@ -61,6 +70,7 @@ public:
         readVideo();
         readAudio();
         readWord("--format", mTexts.format, kFormats, &mOptions->format);
+        if (mTexts.format.empty()) readName();
         readPeriods();
         readProgress();
         std::optional<bool> known;
@@ -153,6 +163,18 @@ private:
         readNumber("--audio-channels", mTexts.audioChannels, 1, kMostAacChannels,
                    &mOptions->audioChannels);
         readWord("--audio-codec", mTexts.audioCodec, kAudioCodecs, &mOptions->audioCodec);
+    }
+
+    // A name says what is in the file.
+    void readName() {
+        std::string extension = std::filesystem::path(mOptions->output).extension();
+        for (char& c : extension) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        if (extension == ".3gp") mOptions->format = FileFormat::k3gp;
+        for (const auto& [other, unused] : kOtherKinds) {
+            if (extension != other) continue;
+            refuse(mOptions->output,
+                   "only MP4 and 3GP files are made; --format mp4 would give this name to one");
+        }
     }
 
     void readPeriods() {
@@ -293,6 +315,45 @@ void declare(CLI::App* app, Texts* texts, Options* options) {
     }
 }
 
+// How many letters have to be put in, left out or changed to make one word of the other.
+size_t distance(const std::string& from, const std::string& to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+// What is wrong with words that no option and no file takes.
+Failure unknownWord(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining();
+    const auto option = std::find_if(words.begin(), words.end(),
+                                     [](const std::string& word) { return word[0] == '-'; });
+    if (option == words.end()) {
+        return {kExitUsage, words.front(),
+                "INPUT and OUTPUT are there already; one run makes one file"};
+    }
+    const std::string name = option->substr(0, option->find('='));
+    std::string nearest;
+    for (const CLI::Option* known : app.get_options()) {
+        if (known->get_lnames().empty()) continue;
+        const std::string other = "--" + known->get_lnames().front();
+        if (nearest.empty() || distance(name, other) < distance(name, nearest)) nearest = other;
+    }
+    constexpr size_t kSlip = 3;
+    const bool meant = distance(name, nearest) <= kSlip;
+    return {kExitUsage, name,
+            "no such option; " +
+                (meant ? "did you mean " + nearest + "?" : std::string("see qmtranscode --help"))};
+}
+
 std::string oneLine(std::string text) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
     for (char& c : text) {
@@ -324,6 +385,14 @@ std::optional<int> parseOptions(int argc, char** argv, Options* options) {
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {
         return app.exit(success);
+    } catch (const CLI::ExtrasError&) {
+        console::printFailure(unknownWord(app));
+        return kExitUsage;
+    } catch (const CLI::ArgumentMismatch& error) {
+        // It begins with the option's name.
+        const std::string text = error.what();
+        console::printFailure({kExitUsage, text.substr(0, text.find(':')), "its value is missing"});
+        return kExitUsage;
     } catch (const CLI::Error& error) {
         console::printFailure(
             {kExitUsage, "", oneLine(error.what()) + " (see qmtranscode --help)"});

@@ -133,15 +133,15 @@ std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
     const std::string codec = codecName(video.mime);
     return row("video", "%s %dx%d, %.4g fps", codec.c_str(), video.width, video.height,
                rateOf(samples)) +
-           row("", "%lld frames, %lld dropped, %s", static_cast<long long>(samples.count),
-               static_cast<long long>(receipt.counts.dropped()),
-               bitrateText(bitrateOf(samples)).c_str());
+           row("", "%lld frames, %lld dropped", static_cast<long long>(samples.count),
+               static_cast<long long>(receipt.counts.dropped())) +
+           row("", "%s", bitrateText(bitrateOf(samples)).c_str());
 }
 
-std::string audioRow(const AudioTrack& audio, const TrackSamples& samples) {
-    return row("audio", "%s %d Hz, %d channel%s, %s", codecName(audio.mime).c_str(),
-               audio.sampleRate, audio.channels, audio.channels == 1 ? "" : "s",
-               bitrateText(bitrateOf(samples)).c_str());
+std::string audioRows(const AudioTrack& audio, const TrackSamples& samples) {
+    return row("audio", "%s %d Hz, %d channel%s", codecName(audio.mime).c_str(), audio.sampleRate,
+               audio.channels, audio.channels == 1 ? "" : "s") +
+           row("", "%s", bitrateText(bitrateOf(samples)).c_str());
 }
 
 std::string spanText(const TrimPeriod& span) {
@@ -154,7 +154,10 @@ std::string periodRows(const PeriodResult& result) {
     std::string rows = row("period", "%s asked", spanText(result.asked).c_str());
     if (result.pictures) rows += row("", "%s pictures", spanText(*result.pictures).c_str());
     if (result.sound) rows += row("", "%s sound", spanText(*result.sound).c_str());
-    if (result.skewUs) rows += row("", "sound %+.1f ms", static_cast<double>(*result.skewUs) / 1e3);
+    if (result.skewUs) {
+        rows += row("", "sound %.1f ms %s", std::abs(static_cast<double>(*result.skewUs)) / 1e3,
+                    *result.skewUs < 0 ? "early" : "late");
+    }
     return rows;
 }
 
@@ -206,7 +209,7 @@ std::string toText(const Receipt& receipt) {
     text += row("length", "%s, %s", secondsText(lengthUs).c_str(),
                 bytesText(written.media.sizeBytes).c_str());
     if (written.video) text += videoRows(*written.media.video, receipt);
-    if (written.audio) text += audioRow(*written.media.audio, *written.audio);
+    if (written.audio) text += audioRows(*written.media.audio, *written.audio);
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }
@@ -221,7 +224,7 @@ std::string toText(const Receipt& receipt) {
     return text +
            row("took", "%.2f s, %.1f x real time", receipt.wallSeconds,
                seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
-           row("", "%.2f s of CPU, %s of memory", receipt.usage.cpuSeconds,
+           row("", "%.2f s CPU, %s memory", receipt.usage.cpuSeconds,
                bytesText(receipt.usage.peakBytes).c_str());
 }
 
