@@ -333,11 +333,13 @@ size_t distance(const std::string& from, const std::string& to) {
 
 // What is wrong with words that no option and no file takes.
 Failure unknownWord(const CLI::App& app) {
-    const std::vector<std::string> words = app.remaining();
+    std::vector<std::string> words = app.remaining();
+    // What only says that names follow is no word too many.
+    words.erase(std::remove(words.begin(), words.end(), "--"), words.end());
     const auto option = std::find_if(words.begin(), words.end(),
                                      [](const std::string& word) { return word[0] == '-'; });
     if (option == words.end()) {
-        return {kExitUsage, words.front(),
+        return {kExitUsage, words.empty() ? "--" : words.front(),
                 "INPUT and OUTPUT are there already; one run makes one file"};
     }
     const std::string name = option->substr(0, option->find('='));
@@ -347,8 +349,8 @@ Failure unknownWord(const CLI::App& app) {
         const std::string other = "--" + known->get_lnames().front();
         if (nearest.empty() || distance(name, other) < distance(name, nearest)) nearest = other;
     }
-    constexpr size_t kSlip = 3;
-    const bool meant = distance(name, nearest) <= kSlip;
+    constexpr size_t kSlip = 2;
+    const bool meant = name.size() > 2 * kSlip && distance(name, nearest) <= kSlip;
     return {kExitUsage, name,
             "no such option; " +
                 (meant ? "did you mean " + nearest + "?" : std::string("see qmtranscode --help"))};
