@@ -1,6 +1,8 @@
 // The batch hand-off between threads, in both directions and in both sources.
 #include <sched.h>
 
+#include <utility>
+
 #include "SourceKinds.h"
 
 namespace android::qmmediaeditor {
@@ -70,6 +72,37 @@ TYPED_TEST(HandOffTest, aQueueWhoseConsumerComesLaterIsHandedOverWhole) {
     this->expectFull();
     TDecodedSample input;
     for (int i = 0; i < 11; ++i) {
+        EXPECT_EQ(OK, this->readOne());
+        EXPECT_EQ(OK, this->takeDecoded(&input));
+    }
+    EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+    this->mSource->setCodecStopped();
+}
+
+TYPED_TEST(HandOffTest, aProducerThatIsWokenBeforeItsBatchIsGoneWaitsAgain) {
+    this->restart();
+    this->fillBoth();
+    Background encoderOutput([&] {
+        for (int i = 10; i < 12; ++i) EXPECT_EQ(OK, this->pushEncoded(i));
+    });
+    Background decoder([&] {
+        for (int i = 10; i < 12; ++i) EXPECT_EQ(OK, this->pushDecoded(i));
+    });
+    this->expectFull();
+    const auto sizes = [&] {
+        Mutex::Autolock encoded(this->mSource->mEncodedLock);
+        Mutex::Autolock decoded(this->mSource->mDecodedLock);
+        this->mSource->mBufferReturnedCond.broadcast();
+        this->mSource->mDecoderBufferReturnedCond.broadcast();
+        return std::make_pair(this->mSource->mEncodedSamples.size(),
+                              this->mSource->mDecodedSamples.size());
+    };
+    TDecodedSample input;
+    for (size_t left = 11; left > 0; --left) {
+        for (int i = 0; i < 200; ++i) {
+            ASSERT_EQ(std::make_pair(left, left), sizes());
+            sched_yield();
+        }
         EXPECT_EQ(OK, this->readOne());
         EXPECT_EQ(OK, this->takeDecoded(&input));
     }
