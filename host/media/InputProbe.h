@@ -46,7 +46,8 @@ struct InputInfo {
     bool zeroIsFixed = false;
 };
 
-// ERROR_UNSUPPORTED for what is no container of moving pictures or sound.
+// ERROR_UNSUPPORTED for what is no container of audio or video, ERROR_IO when the file cannot be
+// read, NO_MEMORY when memory is short.
 status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info);
 
 }  // namespace qmmediaeditor

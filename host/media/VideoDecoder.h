@@ -13,13 +13,15 @@
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketDecoder.h"
 #include "host/media/PicturePool.h"
+#include "host/media/SessionTimeline.h"
 
 namespace android {
 namespace qmmediaeditor {
 
 class VideoDecoder : public CodecEngine {
 public:
-    VideoDecoder();
+    // `session` may be null.
+    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -39,6 +41,7 @@ private:
     int64_t timeOf(const AVFrame& frame) const;
     sp<ABuffer> workingPicture();
 
+    const std::shared_ptr<SessionTimeline> mSession;
     const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
     PictureConverter mConverter;

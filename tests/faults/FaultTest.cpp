@@ -231,7 +231,7 @@ TEST_P(FaultTest, fullDisc_isNeverAWholeFile) {
     forEach({{}}, [&](SessionRun& run, FaultClock&) {
         expectWhole(run);
         const int fd = run.output().open();
-        movieOffset = readTopLevelBoxes(*InputFile::open(fd, 0, INT64_MAX)).movieOffset;
+        movieOffset = readTopLevelBoxes(*InputFile::open(fd, 0, INT64_MAX).file).movieOffset;
         close(fd);
     });
     ASSERT_GT(movieOffset, 0);
