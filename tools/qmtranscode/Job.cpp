@@ -8,8 +8,6 @@
 #include <qmtranscode/Session.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -19,8 +17,10 @@ std::optional<Failure> Job::run() {
     if (auto failure = prepare()) return failure;
     if (mOptions.plan) return plan();
     if (auto failure = openTrace()) return failure;
-    int outputFd = -1;
-    if (auto failure = mOutput.create(&outputFd)) return failure;
+    if (auto failure = mOutput.create()) return failure;
+    // The session closes it.
+    const int outputFd = mOutput.duplicate();
+    if (outputFd < 0) return Failure{kExitFailed, mOutput.path(), strerror(errno)};
     Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
     const int32_t result = transcode(outputFd, &progress);
     if (result == OK) return keepWhole(&progress);
@@ -55,7 +55,7 @@ std::optional<Failure> Job::openTrace() {
     if (!mOptions.trace) return std::nullopt;
     const std::string& path = *mOptions.trace;
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && mInput.isSameFile(status.st_dev, status.st_ino)) {
+    if (stat(path.c_str(), &status) == 0 && mInput.isSameFile(&status)) {
         return Failure{kExitUsage, path, "this is the input"};
     }
     if (path == mOptions.output) return Failure{kExitUsage, path, "this is the output"};
@@ -133,10 +133,7 @@ Receipt Job::readReceipt() const {
     receipt.counts = mCounts;
     receipt.wallSeconds = mWallSeconds;
     receipt.usage = currentUsage();
-    const int fd = mOutput.openForReading();
-    if (fd < 0) return receipt;
-    receipt.written = readBack(fd);
-    close(fd);
+    receipt.written = readBack(mOutput.fd());
     return receipt;
 }
 
