@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <qmtranscode/InputFile.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace android::qmmediaeditor::cli {
@@ -56,8 +55,8 @@ std::optional<Failure> InputFile::probe() {
     return std::nullopt;
 }
 
-bool InputFile::isSameFile(dev_t device, ino_t inode) const {
-    return device == mDevice && inode == mInode;
+bool InputFile::isSameFile(const struct stat* file) const {
+    return file != nullptr && file->st_dev == mDevice && file->st_ino == mInode;
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -3,7 +3,7 @@
 
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/MediaFile.h>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <optional>
 #include <string>
@@ -23,7 +23,8 @@ public:
     int fd() const { return mFd; }
     const std::string& path() const { return mPath; }
     const MediaFile& media() const { return mMedia; }
-    bool isSameFile(dev_t device, ino_t inode) const;
+    // Whether `file`, which may be null, is the input.
+    bool isSameFile(const struct stat* file) const;
 
 private:
     InputFile(const InputFile&) = delete;

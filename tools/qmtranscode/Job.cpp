@@ -8,8 +8,6 @@
 #include <qmtranscode/Session.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -19,11 +17,26 @@ std::optional<Failure> Job::run() {
     if (auto failure = prepare()) return failure;
     if (mOptions.plan) return plan();
     if (auto failure = openTrace()) return failure;
-    int outputFd = -1;
-    if (auto failure = mOutput.create(&outputFd)) return failure;
+    if (auto failure = mOutput.create()) return failure;
+    // The session closes it.
+    const int outputFd = mOutput.duplicate();
+    if (outputFd < 0) return Failure{kExitFailed, mOutput.path(), strerror(errno)};
     Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
     const int32_t result = transcode(outputFd, &progress);
-    if (result == OK) return keepWhole(&progress);
+    auto failure = conclude(result, &progress);
+    // A trace is for looking at, above all one of a run that failed.
+    const auto traceFailure = mTrace.finish();
+    if (!traceFailure) return failure;
+    if (failure) {
+        console::printFailure(*traceFailure);
+        return failure;
+    }
+    return Failure{kExitFailed, mOutput.path() + " is complete; " + traceFailure->subject,
+                   traceFailure->reason};
+}
+
+std::optional<Failure> Job::conclude(int32_t result, Progress* progress) {
+    if (result == OK) return keepWhole(progress);
     if (result == kStopped && mInterrupt->requested()) return keepStopped();
     return failed(result);
 }
@@ -53,13 +66,7 @@ int64_t Job::outputLengthUs() const {
 
 std::optional<Failure> Job::openTrace() {
     if (!mOptions.trace) return std::nullopt;
-    const std::string& path = *mOptions.trace;
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && mInput.isSameFile(status.st_dev, status.st_ino)) {
-        return Failure{kExitUsage, path, "this is the input"};
-    }
-    if (path == mOptions.output) return Failure{kExitUsage, path, "this is the output"};
-    return mTrace.open(path, mOptions.overwrite);
+    return mTrace.open(*mOptions.trace, mOptions.overwrite, mInput, mOutput);
 }
 
 int32_t Job::transcode(int outputFd, Progress* progress) {
@@ -79,8 +86,6 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
     mCounts = mMonitor->end();
     // What long tracks need tables for is needed again by whoever reads the output back.
     malloc_trim(0);
-    // A trace is for looking at; what it shows of the output is not less true without its end.
-    if (auto failure = mTrace.finish()) console::printFailure(*failure);
     mWallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;
     return result;
 }
@@ -133,10 +138,7 @@ Receipt Job::readReceipt() const {
     receipt.counts = mCounts;
     receipt.wallSeconds = mWallSeconds;
     receipt.usage = currentUsage();
-    const int fd = mOutput.openForReading();
-    if (fd < 0) return receipt;
-    receipt.written = readBack(fd);
-    close(fd);
+    receipt.written = readBack(mOutput.fd());
     return receipt;
 }
 

@@ -37,6 +37,8 @@ private:
     std::optional<Failure> plan();
     // Runs the session; its result code.
     int32_t transcode(int outputFd, Progress* progress);
+    // From the session's result code to the output's name and the receipt.
+    std::optional<Failure> conclude(int32_t result, Progress* progress);
     std::optional<Failure> keepWhole(Progress* progress);
     std::optional<Failure> keepStopped();
     std::optional<Failure> failed(int32_t result) const;

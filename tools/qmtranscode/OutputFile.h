@@ -1,53 +1,53 @@
-// The output: written under another name beside its place, and put there when it is to be kept.
-// Whatever else happens, the other name goes and a file that was there before stays as it was.
+// The output: it gets its name only when it is kept. Any failure before that leaves nothing behind
+// and an older file as it was.
 #pragma once
 
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/InputFile.h>
+#include <qmtranscode/PendingFile.h>
 
 #include <optional>
 #include <string>
 
 namespace android::qmmediaeditor::cli {
 
+// Calls in this order: check, create, keep.
 class OutputFile {
 public:
     OutputFile() = default;
-    // Removes what was not kept.
-    ~OutputFile();
 
-    // Looks whether a file may be written there; writes nothing.
+    // Checks whether a file can be written there; writes nothing.
     std::optional<Failure> check(const std::string& path, bool overwrite, const InputFile& input);
 
-    // Makes the temporary file. The descriptor is the caller's.
-    std::optional<Failure> create(int* fd);
+    std::optional<Failure> create() { return mFile.create(mOverwrite); }
 
-    // A new descriptor, for reading back what was written; the caller's. -1 when that fails.
-    int openForReading() const;
+    // A new descriptor for the session, the caller's; -1 with errno on error.
+    int duplicate() const { return mFile.duplicate(); }
+    // For reading back; -1 before `create`.
+    int fd() const { return mFile.fd(); }
 
-    // Gives the file its name.
-    std::optional<Failure> keep();
+    // Writes the file to disk and gives it its name.
+    std::optional<Failure> keep() { return mFile.commit(); }
 
-    const std::string& path() const { return mPath; }
+    const std::string& path() const { return mFile.path(); }
+    const PendingFile& file() const { return mFile; }
+
+    // Whether an older file stood under the name at `check`.
+    bool replaces() const { return mFile.older() != nullptr; }
 
     // Whether the file system has no room left for it.
-    bool isFull() const;
+    bool isFull() const { return mFile.isFull(); }
 
-    // For a process that ends here and now: may be called on any thread and in a signal handler.
-    static void removeNow();
+    // Removes what has a hidden name, for a process that ends at once: async-signal-safe, on any
+    // thread.
+    static void removeNow() { PendingFile::removeNow(); }
 
 private:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    std::string mPath;
-    // Where the file really goes, when `mPath` is a symbolic link.
-    std::string mTarget;
-    // Empty when there is none.
-    std::string mTemporary;
+    PendingFile mFile;
     bool mOverwrite = false;
-    // Permissions of the file.
-    mode_t mMode = 0;
 };
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,5 +1,4 @@
 #include <errno.h>
-#include <fcntl.h>
 #include <inttypes.h>
 #include <qmtranscode/TraceFile.h>
 #include <string.h>
@@ -19,33 +18,45 @@ std::string textOf(const char* format, Values... values) {
 }  // namespace
 
 TraceFile::~TraceFile() {
-    if (mFile != nullptr) fclose(mFile);
+    if (mStream != nullptr) fclose(mStream);
 }
 
-std::optional<Failure> TraceFile::open(const std::string& path, bool overwrite) {
-    mPath = path;
-    const int fd =
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (overwrite ? O_TRUNC : O_EXCL), 0666);
-    if (fd < 0) {
-        const bool exists = errno == EEXIST;
-        return Failure{kExitUsage, path,
-                       exists ? "this file exists; --overwrite would replace it" : strerror(errno)};
+std::optional<Failure> TraceFile::open(const std::string& path, bool overwrite,
+                                       const InputFile& input, const OutputFile& output) {
+    if (auto failure = mFile.locate(path)) return failure;
+    if (input.isSameFile(mFile.older())) return Failure{kExitUsage, path, "this is the input"};
+    if (mFile.isSameAs(output.file())) return Failure{kExitUsage, path, "this is the output"};
+    if (auto failure = mFile.checkPlace(overwrite)) return failure;
+    if (auto failure = mFile.create(overwrite)) return failure;
+    const int fd = mFile.duplicate();
+    if (fd >= 0) mStream = fdopen(fd, "w");
+    if (mStream == nullptr) {
+        const Failure failure{kExitFailed, path, strerror(errno)};
+        if (fd >= 0) close(fd);
+        return failure;
     }
-    mFile = fdopen(fd, "w");
-    fputs("[", mFile);
+    noteError(fputs("[", mStream));
     write("M", 0, "\"name\":\"process_name\",\"args\":{\"name\":\"qmtranscode\"}");
     return std::nullopt;
 }
 
 std::optional<Failure> TraceFile::finish() {
-    if (mFile == nullptr) return std::nullopt;
-    fputs("\n]\n", mFile);
-    const bool failed = ferror(mFile) != 0;
-    const bool closed = fclose(mFile) == 0;
-    mFile = nullptr;
-    if (!failed && closed) return std::nullopt;
-    return Failure{kExitFailed, mPath,
-                   "the trace could not be written: " + std::string(strerror(errno))};
+    if (mStream == nullptr) return std::nullopt;
+    noteError(fputs("\n]\n", mStream));
+    noteError(fclose(mStream));
+    mStream = nullptr;
+    std::optional<Failure> failure;
+    if (mError != 0) {
+        failure = Failure{kExitFailed, mFile.path(), strerror(mError)};
+    } else {
+        failure = mFile.commit();
+    }
+    if (failure) failure->reason = "the trace could not be written: " + failure->reason;
+    return failure;
+}
+
+void TraceFile::noteError(int result) {
+    if (result < 0 && mError == 0) mError = errno;
 }
 
 void TraceFile::thread(pid_t thread, const char* role) {
@@ -69,8 +80,8 @@ void TraceFile::event(pid_t thread, const char* what, int64_t timeUs) {
 }
 
 void TraceFile::write(const char* phase, pid_t thread, const std::string& rest) {
-    fprintf(mFile, "%s\n{\"ph\":\"%s\",\"pid\":%d,\"tid\":%d,%s}", mFirst ? "" : ",", phase,
-            getpid(), thread == 0 ? getpid() : thread, rest.c_str());
+    noteError(fprintf(mStream, "%s\n{\"ph\":\"%s\",\"pid\":%d,\"tid\":%d,%s}", mFirst ? "" : ",",
+                      phase, getpid(), thread == 0 ? getpid() : thread, rest.c_str()));
     mFirst = false;
 }
 

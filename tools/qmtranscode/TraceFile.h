@@ -3,6 +3,9 @@
 #pragma once
 
 #include <qmtranscode/Failure.h>
+#include <qmtranscode/InputFile.h>
+#include <qmtranscode/OutputFile.h>
+#include <qmtranscode/PendingFile.h>
 #include <qmtranscode/ThreadBoard.h>
 #include <stdio.h>
 
@@ -17,8 +20,10 @@ public:
     TraceFile() = default;
     ~TraceFile() override;
 
-    std::optional<Failure> open(const std::string& path, bool overwrite);
-    // A failure when not all of it could be written.
+    // Refuses the input and the output, whatever their spelling.
+    std::optional<Failure> open(const std::string& path, bool overwrite, const InputFile& input,
+                                const OutputFile& output);
+    // Writes the trace to disk and gives it its name. Does nothing without `open`.
     std::optional<Failure> finish();
 
     void thread(pid_t thread, const char* role) override;
@@ -33,8 +38,12 @@ private:
     // One event: `rest` is what follows its phase, process and thread.
     void write(const char* phase, pid_t thread, const std::string& rest);
 
-    std::string mPath;
-    FILE* mFile = nullptr;
+    // errno of the first failed write; later ones may have another reason, or none.
+    void noteError(int result);
+
+    PendingFile mFile;
+    FILE* mStream = nullptr;
+    int mError = 0;
     bool mFirst = true;
 };
 
