@@ -25,6 +25,8 @@ public:
     // The first write of the output that failed, with its errno.
     virtual void onWriteError(int /* error */) {}
 
+    // The output has got its first sample.
+    virtual void onFirstSample() {}
     // The video encoder has accepted the frame that is shown at this time of the output.
     virtual void onFrameEncoded(int64_t /* timeUs */) {}
     // The audio encoder has accepted so many samples of each channel.

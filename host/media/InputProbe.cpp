@@ -8,6 +8,7 @@
 
 #include "host/media/DecodeOrder.h"
 #include "host/media/Demuxer.h"
+#include "host/media/IsoBoxes.h"
 #include "host/media/MediaTypes.h"
 #include "host/media/TrackFormat.h"
 #include "host/media/UuidBox.h"
@@ -208,6 +209,20 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     return track;
 }
 
+// Nothing when an edit list leaves samples out: then another sample is the last one that is shown.
+std::optional<TrackInfo::LastSample> findLastSample(const std::vector<IsoSampleTable>& tables,
+                                                    const Demuxer& demuxer,
+                                                    const AVStream& stream) {
+    const auto table = std::find_if(tables.begin(), tables.end(), [&](const IsoSampleTable& each) {
+        return static_cast<int64_t>(each.trackId) == stream.id;
+    });
+    const int entries = avformat_index_get_entries_count(&stream);
+    if (table == tables.end() || entries < 1 || table->samples != entries) return std::nullopt;
+    const AVIndexEntry& last =
+        *avformat_index_get_entry(const_cast<AVStream*>(&stream), entries - 1);
+    return TrackInfo::LastSample{last.timestamp, demuxer.toUs(stream.index, table->lastDuration)};
+}
+
 void findDelays(const std::vector<TrackInfo>& tracks) {
     int64_t originUs = INT64_MAX;
     for (const TrackInfo& track : tracks) {
@@ -250,11 +265,14 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     const sp<DecodeOrder> order = new DecodeOrder;
     std::shared_ptr<TimeJumps> jumps;
     if (demuxer->clockMayJump()) jumps = std::make_shared<TimeJumps>();
+    std::vector<IsoSampleTable> sampleTables;
+    if (boxes.movieBytes > 0) sampleTables = readSampleTables(*file, boxes.movieOffset);
     bool studyFrames = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
         found.tracks.push_back(describeTrack(demuxer, stream, durationsUs[i], studyFrames, order));
         found.tracks.back().jumps = jumps;
+        found.tracks.back().lastSample = findLastSample(sampleTables, *demuxer, stream);
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
     }
     // The studies above take what they get.

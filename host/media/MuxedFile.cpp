@@ -245,6 +245,9 @@ status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, 
                                 bool isSync) {
     Mutex::Autolock lock(mLock);
     if (mError != OK || size == 0) return mError;
+    const bool isFirst = std::none_of(mTracks.begin(), mTracks.end(),
+                                      [](const Track& each) { return each.hasSamples; });
+    if (isFirst && observer() != nullptr) observer()->onFirstSample();
     Track& track = mTracks.at(index);
     const SampleClock::Stamp stamp = track.clock->stamp(timeUs);
     PacketPtr packet(av_packet_alloc());
@@ -276,7 +279,7 @@ status_t MuxedFile::endTrack(size_t index) {
     }
     const bool isKnown = endUs && *endUs > last->timeUs;
     endAt(index, isKnown ? *endUs : last == nullptr ? 0 : last->endUs);
-    if (isKnown && mSession->observer() != nullptr) mSession->observer()->onVideoEnd(*endUs);
+    if (isKnown && observer() != nullptr) observer()->onVideoEnd(*endUs);
     return writeSettled();
 }
 
@@ -356,8 +359,7 @@ status_t MuxedFile::keep(int result) {
     if (result >= 0 || mError != OK) return mError;
     mError = result > -4096 ? result : ERROR_MALFORMED;
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "writing fails: %d", mError);
-    HostObserver* const observer = mSession == nullptr ? nullptr : mSession->observer();
-    if (observer != nullptr && result > -4096) observer->onWriteError(-result);
+    if (observer() != nullptr && result > -4096) observer()->onWriteError(-result);
     return mError;
 }
 

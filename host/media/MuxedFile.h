@@ -66,6 +66,7 @@ private:
     bool needs3gp() const REQUIRES(mLock);
     status_t addStream(Track* track, int32_t rotationDegrees) REQUIRES(mLock);
     void startClock(Track* track);
+    HostObserver* observer() const { return mSession == nullptr ? nullptr : mSession->observer(); }
     bool hasAllSamples(const Track& track) const;
     void endAt(size_t index, int64_t endUs) REQUIRES(mLock);
     void cutStoppedTracks() REQUIRES(mLock);

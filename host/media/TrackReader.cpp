@@ -67,6 +67,9 @@ const AVPacket* TrackReader::head() {
 }
 
 int64_t TrackReader::durationUs() const {
+    if (mTrack.lastSample && mPacket->dts == mTrack.lastSample->dts) {
+        return mTrack.lastSample->durationUs;
+    }
     return std::max<int64_t>(mDemuxer->toUs(mTrack.streamIndex, mPacket->duration), 0);
 }
 

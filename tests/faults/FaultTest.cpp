@@ -99,7 +99,7 @@ protected:
         EXPECT_EQ(run.result(), 0);
         expectSound(run);
         const int fd = run.output().open();
-        const std::optional<cli::MediaFile> file = cli::readMediaFile(fd);
+        const std::optional<cli::MediaFile> file = cli::readMediaFile(fd).media;
         close(fd);
         ASSERT_TRUE(file);
         EXPECT_EQ(file->audio.has_value(), GetParam().hasSound);

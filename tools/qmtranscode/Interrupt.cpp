@@ -57,10 +57,9 @@ Interrupt::~Interrupt() {
 void Interrupt::onFirst(std::function<void()> stop) {
     Mutex::Autolock lock(mLock);
     mStop = std::move(stop);
-    if (mRequested) mStop();
 }
 
-void Interrupt::ignore() {
+void Interrupt::endAtFirst() {
     Mutex::Autolock lock(mLock);
     mStop = nullptr;
 }
@@ -71,7 +70,7 @@ void Interrupt::beginKeeping() {
     while (true) pause();
 }
 
-void Interrupt::onSecond() {
+void Interrupt::endProcess() {
     Ending open = Ending::kOpen;
     if (!mEnding.compare_exchange_strong(open, Ending::kAtOnce)) {
         if (open == Ending::kKept) _exit(kExitStopped);
@@ -80,7 +79,7 @@ void Interrupt::onSecond() {
     OutputFile::removeNow();
     say(STDOUT_FILENO, mLastWords);
     say(STDERR_FILENO, std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
-                           "qmtranscode: stopped at once; nothing was written\n");
+                           "qmtranscode: stopped; nothing was kept\n");
     _exit(kExitStopped);
 }
 
@@ -102,14 +101,18 @@ void Interrupt::waitForSignals() {
         const bool repeated = info.ssi_pid != 0 && info.ssi_pid == first.ssi_pid &&
                               info.ssi_signo == first.ssi_signo && nowUs() - firstUs < kOneWishUs;
         if (mRequested) {
-            if (!repeated) onSecond();
+            if (!repeated) endProcess();
             continue;
         }
         first = info;
         firstUs = nowUs();
         Mutex::Autolock lock(mLock);
         mRequested = true;
-        if (mStop) mStop();
+        if (mStop) {
+            mStop();
+        } else {
+            endProcess();
+        }
     }
 }
 

@@ -36,6 +36,8 @@ struct Options {
     std::optional<AudioCodec> audioCodec;
     std::optional<FileFormat> format;
 
+    // After a stop, keep the shorter file.
+    bool keepPartial = true;
     bool fastStart = false;
     std::string preset = "veryfast";
 
