@@ -189,7 +189,14 @@ void FileExtractor::announceCurrent() {
         mDamageUs = timeUs - mTimeUs;
     }
     mTimeUs = timeUs - mDamageUs;
-    mInfo.tracks[mCurrent].source->announce(mTimeUs, reader.headProperties(originUs() + mDamageUs));
+    const int64_t offsetUs = originUs() + mDamageUs;
+    mInfo.tracks[mCurrent].source->announce(mTimeUs, reader.headProperties(offsetUs));
+    for (const auto& entry : mReaders) {
+        if (entry.second->head() == nullptr) continue;
+        const TrackInfo& track = mInfo.tracks[entry.first];
+        track.source->advanceTo(mTimeUs);
+        if (entry.second->isLast()) track.source->setEnd(track.ending->endUs - offsetUs);
+    }
 }
 
 }  // namespace

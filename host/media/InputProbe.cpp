@@ -210,17 +210,25 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
 }
 
 // Nothing when an edit list leaves samples out: then another sample is the last one that is shown.
-std::optional<TrackInfo::LastSample> findLastSample(const std::vector<IsoSampleTable>& tables,
-                                                    const Demuxer& demuxer,
-                                                    const AVStream& stream) {
-    const auto table = std::find_if(tables.begin(), tables.end(), [&](const IsoSampleTable& each) {
+std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& lengths,
+                                            const Demuxer& demuxer, AVStream& stream) {
+    const auto length = std::find_if(lengths.begin(), lengths.end(), [&](const auto& each) {
         return static_cast<int64_t>(each.trackId) == stream.id;
     });
     const int entries = avformat_index_get_entries_count(&stream);
-    if (table == tables.end() || entries < 1 || table->samples != entries) return std::nullopt;
-    const AVIndexEntry& last =
-        *avformat_index_get_entry(const_cast<AVStream*>(&stream), entries - 1);
-    return TrackInfo::LastSample{last.timestamp, demuxer.toUs(stream.index, table->lastDuration)};
+    if (!isKind(stream, AVMEDIA_TYPE_VIDEO) || length == lengths.end() || entries < 1 ||
+        length->samples != entries) {
+        return std::nullopt;
+    }
+    TrackInfo::Ending ending;
+    ending.lastDts = avformat_index_get_entry(&stream, entries - 1)->timestamp;
+    // The decoding times of reordered frames do not say when the last one ends.
+    ending.endUs = length->presentationUs;
+    if (stream.codecpar->video_delay == 0) {
+        const int64_t start = stream.start_time == AV_NOPTS_VALUE ? 0 : stream.start_time;
+        ending.endUs = demuxer.toUs(stream.index, av_sat_add64(start, length->durationTicks));
+    }
+    return ending;
 }
 
 void findDelays(const std::vector<TrackInfo>& tracks) {
@@ -265,14 +273,14 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     const sp<DecodeOrder> order = new DecodeOrder;
     std::shared_ptr<TimeJumps> jumps;
     if (demuxer->clockMayJump()) jumps = std::make_shared<TimeJumps>();
-    std::vector<IsoSampleTable> sampleTables;
-    if (boxes.movieBytes > 0) sampleTables = readSampleTables(*file, boxes.movieOffset);
+    std::vector<IsoTrackLength> lengths;
+    if (boxes.movieBytes > 0) lengths = readTrackLengths(*file, boxes.movieOffset);
     bool studyFrames = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
         found.tracks.push_back(describeTrack(demuxer, stream, durationsUs[i], studyFrames, order));
         found.tracks.back().jumps = jumps;
-        found.tracks.back().lastSample = findLastSample(sampleTables, *demuxer, stream);
+        found.tracks.back().ending = findEnding(lengths, *demuxer, stream);
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
     }
     // The studies above take what they get.

@@ -31,14 +31,15 @@ struct TrackInfo {
     // How far before a seek's target its decoder has to begin.
     int64_t prerollUs = 0;
     size_t maxSampleBytes = 0;
-    // Where the container states how long the last sample is: its decoding time in the stream's
-    // time base, and the length. libavformat derives that length from the track's, and is off by
-    // what an edit list moves.
-    struct LastSample {
-        int64_t dts;
-        int64_t durationUs;
+    // Of video, where the container states it: the decoding time of the last sample, in the
+    // stream's time base, and when the track ends, on the file's own time line. The duration that
+    // libavformat gives the last sample is off by what an edit list moves, and means little where
+    // frames are reordered.
+    struct Ending {
+        int64_t lastDts;
+        int64_t endUs;
     };
-    std::optional<LastSample> lastSample;
+    std::optional<Ending> ending;
     // How many pictures can precede one in decoding order and follow it on the screen.
     size_t reorderDepth = 0;
     // For video of a constant rate.

@@ -1,12 +1,19 @@
 #include "host/media/IsoBoxes.h"
 
 #include <algorithm>
+#include <initializer_list>
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
 
 namespace android {
 namespace qmmediaeditor {
 
 namespace {
 
+constexpr uint32_t kMovieHeader = fourCc('m', 'v', 'h', 'd');
+constexpr uint32_t kTrackHeader = fourCc('t', 'k', 'h', 'd');
 constexpr int64_t kHeaderBytes = 8;
 constexpr int64_t kLargeHeaderBytes = 16;
 // Bounds the walk over a box that consists of tiny boxes.
@@ -35,17 +42,34 @@ std::optional<IsoBox> findPath(const InputFile& file, const IsoBox& parent,
     return box;
 }
 
-// The field stands behind two times of 32 or 64 bits.
-std::optional<uint32_t> readTrackId(const InputFile& file, const IsoBox& header) {
-    uint8_t version = 0;
-    uint8_t id[4];
-    if (!file.readFully(header.payloadOffset, &version, 1)) return std::nullopt;
-    const int64_t offset = header.payloadOffset + (version == 1 ? 20 : 12);
-    if (!file.readFully(offset, id, sizeof(id))) return std::nullopt;
-    return get32(id);
+// A movie header or a track header: two times, a field of 32 bits (the timescale or the track's
+// number), in a track header 32 reserved bits, and the duration. Version 1 has times and durations
+// of 64 bits.
+struct Header {
+    uint32_t field = 0;
+    int64_t duration = 0;
+};
+
+std::optional<Header> readHeader(const InputFile& file, const std::optional<IsoBox>& box) {
+    uint8_t data[36];
+    if (!box || box->endOffset - box->payloadOffset < static_cast<int64_t>(sizeof(data)) ||
+        !file.readFully(box->payloadOffset, data, sizeof(data))) {
+        return std::nullopt;
+    }
+    const bool isWide = data[0] == 1;
+    const size_t field = isWide ? 20 : 12;
+    const size_t duration = field + (box->type == kTrackHeader ? 8 : 4);
+    Header header;
+    header.field = get32(data + field);
+    header.duration = get32(data + duration);
+    if (isWide) {
+        const uint64_t high = static_cast<uint64_t>(header.duration) << 32;
+        header.duration = static_cast<int64_t>(high | get32(data + duration + 4));
+    }
+    return header;
 }
 
-std::optional<IsoSampleTable> readTimes(const InputFile& file, const IsoBox& times) {
+std::optional<IsoTrackLength> readTimes(const InputFile& file, const IsoBox& times) {
     uint8_t header[kTableHeaderBytes];
     if (!file.readFully(times.payloadOffset, header, sizeof(header))) return std::nullopt;
     const int64_t fits =
@@ -56,10 +80,12 @@ std::optional<IsoSampleTable> readTimes(const InputFile& file, const IsoBox& tim
     if (!file.readFully(times.payloadOffset + kTableHeaderBytes, data.data(), data.size())) {
         return std::nullopt;
     }
-    IsoSampleTable table;
+    IsoTrackLength table;
     for (size_t at = 0; at < data.size(); at += kTimeEntryBytes) {
+        // More than any file holds, and damaged.
+        if (table.durationTicks > INT64_MAX / 2) return std::nullopt;
         table.samples += get32(&data[at]);
-        table.lastDuration = get32(&data[at + 4]);
+        table.durationTicks += static_cast<int64_t>(get32(&data[at])) * get32(&data[at + 4]);
     }
     return table;
 }
@@ -89,28 +115,30 @@ std::optional<IsoBox> readBox(const InputFile& file, int64_t offset, int64_t lim
                   offset + static_cast<int64_t>(size)};
 }
 
-std::vector<IsoSampleTable> readSampleTables(const InputFile& file, int64_t movieOffset) {
-    std::vector<IsoSampleTable> tables;
+std::vector<IsoTrackLength> readTrackLengths(const InputFile& file, int64_t movieOffset) {
+    std::vector<IsoTrackLength> lengths;
     const std::optional<IsoBox> movie = readBox(file, movieOffset, file.sizeBytes());
-    if (!movie) return tables;
+    if (!movie) return lengths;
+    const auto movieHeader = readHeader(file, findChild(file, *movie, kMovieHeader));
+    if (!movieHeader || movieHeader->field == 0) return lengths;
     int64_t offset = movie->payloadOffset;
     for (int i = 0; i < kMaxChildren; ++i) {
         const std::optional<IsoBox> box = readBox(file, offset, movie->endOffset);
         if (!box) break;
         offset = box->endOffset;
         if (box->type != fourCc('t', 'r', 'a', 'k')) continue;
-        const auto header = findChild(file, *box, fourCc('t', 'k', 'h', 'd'));
+        const auto header = readHeader(file, findChild(file, *box, kTrackHeader));
         const auto times = findPath(file, *box,
                                     {fourCc('m', 'd', 'i', 'a'), fourCc('m', 'i', 'n', 'f'),
                                      fourCc('s', 't', 'b', 'l'), fourCc('s', 't', 't', 's')});
         if (!header || !times) continue;
-        const std::optional<uint32_t> id = readTrackId(file, *header);
-        std::optional<IsoSampleTable> table = readTimes(file, *times);
-        if (!id || !table) continue;
-        table->trackId = *id;
-        tables.push_back(*table);
+        std::optional<IsoTrackLength> length = readTimes(file, *times);
+        if (!length) continue;
+        length->trackId = header->field;
+        length->presentationUs = av_rescale(header->duration, 1000000, movieHeader->field);
+        lengths.push_back(*length);
     }
-    return tables;
+    return lengths;
 }
 
 }  // namespace qmmediaeditor

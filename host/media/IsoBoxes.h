@@ -34,15 +34,16 @@ struct IsoBox {
 // when it does not fit.
 std::optional<IsoBox> readBox(const InputFile& file, int64_t offset, int64_t limit);
 
-// How long the samples of a track are, from its decoding time table ('stts').
-struct IsoSampleTable {
+// How long a track is, by its decoding time table ('stts') and by its header.
+struct IsoTrackLength {
     uint32_t trackId = 0;
     int64_t samples = 0;
-    int64_t lastDuration = 0;  // of the last sample, in ticks of the track's timescale
+    int64_t durationTicks = 0;   // of all samples, in ticks of the track's timescale
+    int64_t presentationUs = 0;  // of its edits, rounded to the movie's timescale
 };
 
-// One for each track of the movie box that has such a table.
-std::vector<IsoSampleTable> readSampleTables(const InputFile& file, int64_t movieOffset);
+// One for each track of the movie box that has both.
+std::vector<IsoTrackLength> readTrackLengths(const InputFile& file, int64_t movieOffset);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -34,17 +34,28 @@ void SessionTimeline::addFrame(int64_t timeUs, int64_t durationUs) {
         if (period.frameUs && timeUs < *period.frameUs) return;
         period.frameUs = timeUs;
         period.frameEndUs.reset();
-        if (durationUs > 0) period.frameEndUs = std::min(timeUs + durationUs, period.endUs);
+        if (durationUs > 0) period.frameEndUs = timeUs + durationUs;
         return;
     }
+}
+
+void SessionTimeline::endVideo(int64_t continuesAtUs, std::optional<int64_t> endUs) {
+    Mutex::Autolock lock(mLock);
+    mContinuesAtUs = continuesAtUs;
+    mVideoEndUs = endUs;
 }
 
 std::optional<int64_t> SessionTimeline::videoEndUs(int64_t outputTimeUs) const {
     Mutex::Autolock lock(mLock);
     for (auto period = mPeriods.rbegin(); period != mPeriods.rend(); ++period) {
         if (outputTimeUs < period->outputUs) continue;
-        if (!period->frameEndUs) return std::nullopt;
-        return *period->frameEndUs - period->startUs + period->outputUs;
+        if (!period->frameUs) return std::nullopt;
+        std::optional<int64_t> endUs = period->frameEndUs;
+        // A frame is shown until the next one, or until its track ends.
+        if (mVideoEndUs && *mVideoEndUs > *period->frameUs) endUs = mVideoEndUs;
+        if (mContinuesAtUs >= period->endUs) endUs = period->endUs;
+        if (!endUs) return std::nullopt;
+        return std::min(*endUs, period->endUs) - period->startUs + period->outputUs;
     }
     return std::nullopt;
 }

@@ -30,8 +30,11 @@ public:
     // For the video decoder: a frame of the input is shown at `timeUs` for `durationUs`, or for an
     // unknown time when that is 0.
     void addFrame(int64_t timeUs, int64_t durationUs);
-    // Where the period that holds `outputTimeUs` ends on the output's time line, as far as frames
-    // cover it. Nothing when that is unknown.
+    // For the video decoder at the end of stream: frames of the track follow at `continuesAtUs` or
+    // later, and it ends at `endUs`, if that is known.
+    void endVideo(int64_t continuesAtUs, std::optional<int64_t> endUs);
+    // When the last frame of the period that holds `outputTimeUs` ends, on the output's time line.
+    // Nothing when that is unknown.
     std::optional<int64_t> videoEndUs(int64_t outputTimeUs) const;
 
     // For the encoders: one exists, and its client has taken its end of stream. A session that was
@@ -56,6 +59,8 @@ private:
     mutable Mutex mLock;
     std::vector<Period> mPeriods GUARDED_BY(mLock);  // empty when they are not known
     double mAverageFrameRate GUARDED_BY(mLock) = 0;
+    int64_t mContinuesAtUs GUARDED_BY(mLock) = INT64_MIN;
+    std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);  // on the input's time line
     Encoder mEncoders[2] GUARDED_BY(mLock) = {Encoder::kNone, Encoder::kNone};  // audio, video
 };
 

@@ -67,11 +67,13 @@ const AVPacket* TrackReader::head() {
 }
 
 int64_t TrackReader::durationUs() const {
-    if (mTrack.lastSample && mPacket->dts == mTrack.lastSample->dts) {
-        return mTrack.lastSample->durationUs;
+    if (isLast() && mTrack.reorderDepth == 0 && mTrack.ending->endUs > mPresentationTimeUs) {
+        return mTrack.ending->endUs - mPresentationTimeUs;
     }
     return std::max<int64_t>(mDemuxer->toUs(mTrack.streamIndex, mPacket->duration), 0);
 }
+
+bool TrackReader::isLast() const { return mTrack.ending && mPacket->dts == mTrack.ending->lastDts; }
 
 PacketPtr TrackReader::headProperties(int64_t originUs) const {
     PacketPtr properties(av_packet_alloc());

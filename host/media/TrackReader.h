@@ -39,8 +39,10 @@ public:
     // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
     // Null when memory is short.
     PacketPtr headProperties(int64_t originUs) const;
-    // 0 when it is not known.
+    // Of the head; 0 when it is not known.
     int64_t durationUs() const;
+    // The head is the last sample of its track. False where the container does not say.
+    bool isLast() const;
     void advance();
 
     // To the last sync sample that the file's index names at or before `timeUs`, or an earlier one;

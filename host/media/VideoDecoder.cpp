@@ -121,6 +121,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     format->findInt32("width", &mWidth);
     format->findInt32("height", &mHeight);
     format->findInt32("frame-rate", &mFrameRate);
+    mSource = TrackSource::find(format);
     float averageFrameRate = 0;
     if (mSession != nullptr && format->findFloat("average-frame-rate", &averageFrameRate)) {
         mSession->setAverageFrameRate(static_cast<double>(averageFrameRate));
@@ -218,6 +219,10 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
                     return Step::kFailed;
                 case PacketDecoder::Received::kEnd:
                     mInside.clear();
+                    if (mSession != nullptr && mSource != nullptr) {
+                        const TrackSource::Extent extent = mSource->extent();
+                        mSession->endVideo(extent.continuesAtUs, extent.endUs);
+                    }
                     output->timeUs = mLastTimeUs;
                     output->timeLine = mTimeLine;
                     return Step::kEnd;

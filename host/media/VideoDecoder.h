@@ -48,6 +48,7 @@ private:
 
     Mutex mPoolLock;
     std::shared_ptr<PicturePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
+    sp<TrackSource> mSource;  // null for a format that no extractor made
     sp<AMessage> mFormat;
     int mWidth = 0;  // of what goes out, when the format says it
     int mHeight = 0;

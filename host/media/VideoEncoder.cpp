@@ -86,12 +86,14 @@ struct VideoEncoder::Wanted {
     }
 
     int groupOfPictures() const {
-        if (keyFrameSeconds < 0) return kMaxGroupOfPictures;
+        // Where the rate varies, timestamps alone say when a key frame is due.
+        if (keyFrameSeconds < 0 || variableRate) return kMaxGroupOfPictures;
         const double pictures = keyFrameSeconds * frameRate;
         return static_cast<int>(std::clamp(pictures, 1.0, double{kMaxGroupOfPictures}));
     }
 
     bool possible = false;
+    bool variableRate = false;
     int32_t width = 0;
     int32_t height = 0;
     int32_t keyFrameSeconds = 1;
@@ -116,7 +118,10 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     Wanted wanted(*format);
     // Levels and bits per frame follow from how many frames come, not from how close they may be.
     const double average = mSession == nullptr ? 0 : mSession->averageFrameRate();
-    if (average > 0) wanted.frameRate = std::min(wanted.frameRate, average);
+    if (average > 0) {
+        wanted.frameRate = std::min(wanted.frameRate, average);
+        wanted.variableRate = true;
+    }
     mKeyFrameIntervalUs = int64_t{std::max(wanted.keyFrameSeconds, 0)} * kMicroseconds;
     const bool tooLarge = mime.equalsIgnoreCase(MEDIA_MIMETYPE_VIDEO_MPEG4) &&
                           std::max(wanted.width, wanted.height) > kMaxMpeg4Dimension;
