@@ -1,4 +1,5 @@
 #include <poll.h>
+#include <qmtranscode/Console.h>
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/Interrupt.h>
 #include <qmtranscode/LogOutput.h>
@@ -78,9 +79,9 @@ void Interrupt::onSecond() {
         return;
     }
     OutputFile::removeNow();
+    if (isatty(STDERR_FILENO) == 1) say(STDERR_FILENO, console::kEraseLine);
     say(STDOUT_FILENO, mLastWords);
-    say(STDERR_FILENO, std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
-                           "qmtranscode: stopped at once; nothing was written\n");
+    say(STDERR_FILENO, "qmtranscode: stopped at once; nothing was written\n");
     _exit(kExitStopped);
 }
 

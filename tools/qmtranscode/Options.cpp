@@ -1,14 +1,17 @@
+#include <errno.h>
 #include <log/logprint.h>
 #include <qmtranscode/CodecLimits.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Help.h>
 #include <qmtranscode/Options.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <numeric>
+#include <sstream>
 #include <utility>
 
 namespace android::qmmediaeditor::cli {
@@ -386,7 +389,11 @@ std::optional<int> parseOptions(int argc, char** argv, Options* options) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {
-        return app.exit(success);
+        std::ostringstream text;
+        const int status = app.exit(success, text, text);
+        if (console::printOutput(text.str()) == 0) return status;
+        console::printFailure({kExitFailed, "standard output", strerror(errno)});
+        return kExitFailed;
     } catch (const CLI::ExtrasError&) {
         console::printFailure(unknownWord(app));
         return kExitUsage;
