@@ -23,6 +23,7 @@ sigset_t takenSignals() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGXCPU);
     sigaddset(&signals, SIGUSR1);
     struct sigaction hangup {};
     sigaction(SIGHUP, nullptr, &hangup);
@@ -100,8 +101,10 @@ void Interrupt::waitForSignals() {
         }
         // timeout(1) sends its signal to the process and to its group: that is one wish.
         constexpr int64_t kOneWishUs = 100000;
-        const bool repeated = info.ssi_pid != 0 && info.ssi_pid == first.ssi_pid &&
-                              info.ssi_signo == first.ssi_signo && nowUs() - firstUs < kOneWishUs;
+        const bool doubled = info.ssi_pid != 0 && info.ssi_pid == first.ssi_pid &&
+                             info.ssi_signo == first.ssi_signo && nowUs() - firstUs < kOneWishUs;
+        // Beyond a limit of CPU time, the kernel sends SIGXCPU again each second.
+        const bool repeated = doubled || (info.ssi_signo == SIGXCPU && info.ssi_code == SI_KERNEL);
         if (mRequested) {
             if (!repeated) onSecond();
             continue;

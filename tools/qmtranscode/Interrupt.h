@@ -1,4 +1,4 @@
-// SIGINT, SIGTERM and SIGHUP: the first one asks the work to stop, the second one ends the process.
+// SIGINT, SIGTERM, SIGHUP and SIGXCPU: the first one asks the work to stop, the second one ends the process.
 // SIGUSR1 asks what the work does.
 #pragma once
 
