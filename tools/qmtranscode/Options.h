@@ -38,6 +38,8 @@ struct Options {
 
     bool fastStart = false;
     std::string preset = "veryfast";
+    // After a stop: keep the shorter file, or nothing.
+    bool keepPartial = true;
 
     // Say what would be done, and do nothing.
     bool plan = false;
