@@ -136,7 +136,8 @@ Receipt Job::readReceipt() const {
     Receipt receipt;
     receipt.input = mInput.path();
     receipt.output = mOutput.path();
-    receipt.asked = mPeriods;
+    receipt.asked = mOptions.periods;
+    receipt.inputUs = mInput.media().durationUs();
     receipt.counts = mCounts;
     receipt.wallSeconds = mWallSeconds;
     receipt.usage = currentUsage();
