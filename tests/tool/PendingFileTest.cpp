@@ -293,6 +293,20 @@ TEST_F(PendingFileTest, placesThatCannotBeUsed_areRefusedBeforeAnythingIsWritten
     EXPECT_THAT(names(), testing::UnorderedElementsAreArray(before));
 }
 
+TEST_F(PendingFileTest, otherUsersFileInAStickyFolder_isRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may act as other users";
+    write("root's", "old");
+    write("own", "old");
+    ASSERT_EQ(0, chown(path("own").c_str(), 65534, 65534));
+    ASSERT_EQ(0, chmod(mFolder.c_str(), 01777));
+    ASSERT_EQ(0, seteuid(65534));
+    const std::string roots = check(path("root's"), true);
+    const std::string own = check(path("own"), true);
+    ASSERT_EQ(0, seteuid(0));
+    EXPECT_NE("", roots);
+    EXPECT_EQ("", own);
+}
+
 TEST_F(PendingFileTest, longestName_leavesRoomForTheHiddenOne) {
     gFaults.openUnnamed = EOPNOTSUPP;
     const std::string name(255, 'n');

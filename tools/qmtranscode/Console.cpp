@@ -1,5 +1,6 @@
 #include <locale.h>
 #include <qmtranscode/Console.h>
+#include <qmtranscode/Descriptor.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,13 +10,11 @@
 #include <wchar.h>
 
 #include <algorithm>
+#include <string_view>
 
 namespace android::qmmediaeditor::cli::console {
 
 namespace {
-
-// Back to the first column, and clear to the end of the line.
-constexpr const char* kEraseLine = "\r\x1b[K";
 
 Mutex gLock;
 std::string gBar GUARDED_BY(gLock);
@@ -25,11 +24,50 @@ void write(const std::string& text) {
     fflush(stderr);
 }
 
+struct Character {
+    char32_t code;
+    size_t bytes;
+};
+
+// The character at the start of `text`, in UTF-8 as RFC 3629 limits it; 0 bytes if there is none.
+Character firstCharacter(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text[0]);
+    if (lead < 0x80) return {lead, 1};
+    size_t bytes = 2;
+    if (lead >= 0xE0) bytes = 3;
+    if (lead >= 0xF0) bytes = 4;
+    if (lead < 0xC0 || lead > 0xF7 || text.size() < bytes) return {0, 0};
+    char32_t code = lead & (0x7F >> bytes);
+    for (size_t i = 1; i < bytes; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if ((byte & 0xC0) != 0x80) return {0, 0};
+        code = code << 6 | (byte & 0x3F);
+    }
+    // Below the smallest code of its length, an encoding is too long.
+    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
+    if (code < kSmallest[bytes] || code > 0x10FFFF || isSurrogate) return {0, 0};
+    return {code, bytes};
+}
+
+// Whether a terminal may act on the character, or show the text around it in another order.
+bool steersTerminal(char32_t code) {
+    return code < 0x20 || (code >= 0x7F && code <= 0x9F) || code == 0x2028 || code == 0x2029 ||
+           (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+}
+
 }  // namespace
 
 void printLine(const std::string& text) {
+    const std::string shown = printable(text, LineBreaks::kKeep);
     Mutex::Autolock lock(gLock);
-    write(gBar.empty() ? text + '\n' : kEraseLine + text + '\n' + gBar);
+    write(gBar.empty() ? shown + '\n' : kEraseLine + shown + '\n' + gBar);
+}
+
+int printOutput(const std::string& text) {
+    removeBar();
+    if (writeAll(STDOUT_FILENO, printable(text, LineBreaks::kKeep)) != 0) return -1;
+    return checkByClosing(STDOUT_FILENO);
 }
 
 void printFailure(const Failure& failure) {
@@ -58,12 +96,20 @@ int width() {
     return size.ws_col;
 }
 
-std::string printable(std::string text) {
-    for (char& c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F) c = '?';
+std::string printable(const std::string& text, LineBreaks breaks) {
+    std::string shown;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        const Character character = firstCharacter(rest);
+        const bool isKept = character.code == '\n' && breaks == LineBreaks::kKeep;
+        if (character.bytes == 0 || (steersTerminal(character.code) && !isKept)) {
+            shown += '?';
+        } else {
+            shown += rest.substr(0, character.bytes);
+        }
+        rest.remove_prefix(std::max<size_t>(character.bytes, 1));
     }
-    return text;
+    return shown;
 }
 
 int columnsOf(const std::string& text) {

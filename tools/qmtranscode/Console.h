@@ -1,5 +1,6 @@
-// The one way to standard error, shared by messages, progress and the log: a bar that is being
-// drawn never ends up in the middle of a message. Any thread may call any operation.
+// The one way to standard output and standard error, shared by messages, progress and the log: a
+// bar that is being drawn never ends up in the middle of a message, and no text steers a terminal.
+// Any thread may call any operation.
 #pragma once
 
 #include <qmtranscode/Failure.h>
@@ -8,9 +9,16 @@
 
 namespace android::qmmediaeditor::cli::console {
 
-// `text` and a line break, above the bar.
+// Back to the first column, and clear to the end of the line.
+constexpr const char* kEraseLine = "\r\x1b[K";
+
+// `text`, which may have several lines, and a line break, above the bar.
 void printLine(const std::string& text);
+// One line.
 void printFailure(const Failure& failure);
+
+// `text` to standard output, after removing the bar. Returns -1 with errno on error.
+int printOutput(const std::string& text);
 
 // Draws `bar` in place of the one before.
 void drawBar(const std::string& bar);
@@ -19,8 +27,11 @@ void removeBar();
 // Columns of the terminal, or 80.
 int width();
 
-// The text with a ? for each control character, so that no name can steer a terminal.
-std::string printable(std::string text);
+enum class LineBreaks { kReplace, kKeep };
+
+// The text with a ? for each control character, for each character that changes the direction of
+// text and for each byte that is not UTF-8.
+std::string printable(const std::string& text, LineBreaks breaks = LineBreaks::kReplace);
 
 // Columns that a terminal takes for a text in UTF-8.
 int columnsOf(const std::string& text);

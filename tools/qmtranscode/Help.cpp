@@ -23,14 +23,14 @@ Sound
 The file
   --format NAME            mp4 or 3gp
   --faststart              the index first, for players that read from the start
-  --preset NAME            speed of the AVC encoder, ultrafast to placebo;
-                           veryfast when not given
+  --preset NAME            AVC speed, ultrafast to placebo; default veryfast
   --overwrite              replace OUTPUT when it exists
+  --partial CHOICE         after a stop, keep the shorter file (keep, the
+                           default) or nothing (discard)
 To see what happens
   --plan                   say what would be done, as JSON, and do nothing
   --json                   the receipt as JSON, on standard output
-  --progress STYLE         bar, json or none, on standard error; a bar on a
-                           terminal, else none
+  --progress STYLE         bar, json or none; default: a bar on a terminal
   --trace FILE             a trace of the run, for https://ui.perfetto.dev
   --log FILTER             the log in logcat's words, such as 'Transcode:V *:S'
   --log-format NAME        brief, process, tag, thread, raw, time, threadtime or

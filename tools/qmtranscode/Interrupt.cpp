@@ -1,4 +1,5 @@
 #include <poll.h>
+#include <qmtranscode/Console.h>
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/Interrupt.h>
 #include <qmtranscode/LogOutput.h>
@@ -22,6 +23,7 @@ sigset_t takenSignals() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGXCPU);
     sigaddset(&signals, SIGUSR1);
     struct sigaction hangup {};
     sigaction(SIGHUP, nullptr, &hangup);
@@ -77,9 +79,9 @@ void Interrupt::endProcess() {
         return;
     }
     OutputFile::removeNow();
+    if (isatty(STDERR_FILENO) == 1) say(STDERR_FILENO, console::kEraseLine);
     say(STDOUT_FILENO, mLastWords);
-    say(STDERR_FILENO, std::string(isatty(STDERR_FILENO) == 1 ? "\n" : "") +
-                           "qmtranscode: stopped; nothing was kept\n");
+    say(STDERR_FILENO, "qmtranscode: stopped; nothing was kept\n");
     _exit(kExitStopped);
 }
 
@@ -98,8 +100,10 @@ void Interrupt::waitForSignals() {
         }
         // timeout(1) sends its signal to the process and to its group: that is one wish.
         constexpr int64_t kOneWishUs = 100000;
-        const bool repeated = info.ssi_pid != 0 && info.ssi_pid == first.ssi_pid &&
-                              info.ssi_signo == first.ssi_signo && nowUs() - firstUs < kOneWishUs;
+        const bool doubled = info.ssi_pid != 0 && info.ssi_pid == first.ssi_pid &&
+                             info.ssi_signo == first.ssi_signo && nowUs() - firstUs < kOneWishUs;
+        // Beyond a limit of CPU time, the kernel sends SIGXCPU again each second.
+        const bool repeated = doubled || (info.ssi_signo == SIGXCPU && info.ssi_code == SI_KERNEL);
         if (mRequested) {
             if (!repeated) endProcess();
             continue;

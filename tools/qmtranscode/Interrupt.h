@@ -1,5 +1,5 @@
-// SIGINT, SIGTERM and SIGHUP: the first one stops the run and keeps what it has written, or ends
-// the process where nothing could be kept; the second one ends the process. SIGUSR1 asks for a
+// SIGINT, SIGTERM, SIGHUP and SIGXCPU: the first one stops the run and keeps what it has written, or
+// ends the process where nothing could be kept; the second one ends the process. SIGUSR1 asks for a
 // report.
 #pragma once
 

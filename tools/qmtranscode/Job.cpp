@@ -6,7 +6,6 @@
 #include <qmtranscode/Progress.h>
 #include <qmtranscode/Request.h>
 #include <qmtranscode/Session.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
@@ -55,7 +54,8 @@ std::optional<Failure> Job::plan() {
     if (auto failure = tryRequest(mInput, mPeriods, mOutputFormat, mMonitor, &trial)) {
         return failure;
     }
-    return print(planJson(mOptions, mInput, mPeriods, trial));
+    if (console::printOutput(planJson(mOptions, mInput, mPeriods, trial)) == 0) return std::nullopt;
+    return Failure{kExitFailed, "standard output", strerror(errno)};
 }
 
 int64_t Job::outputLengthUs() const {
@@ -109,7 +109,9 @@ std::optional<Failure> Job::keepWhole(Progress* progress) {
     mInterrupt->endKeeping();
     receipt.complete = true;
     progress->finish();
-    return printReceipt(receipt);
+    const std::string lost = printReceipt(receipt);
+    if (lost.empty()) return std::nullopt;
+    return Failure{kExitFailed, "", mOutput.path() + " is complete" + lost};
 }
 
 std::optional<Failure> Job::keepStopped() {
@@ -119,12 +121,13 @@ std::optional<Failure> Job::keepStopped() {
         if (auto failure = mOutput.keep()) return failure;
     }
     mInterrupt->endKeeping();
-    if (auto failure = printReceipt(receipt)) return failure;
+    const std::string lost = printReceipt(receipt);
     if (!receipt.written) {
-        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
+        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written" + lost};
     }
-    return Failure{kExitStopped, mOutput.path(),
-                   "stopped; it is valid up to " + secondsText(commonEndUs(*receipt.written))};
+    return Failure{
+        kExitStopped, mOutput.path(),
+        "stopped; it is valid up to " + secondsText(commonEndUs(*receipt.written)) + lost};
 }
 
 std::optional<Failure> Job::failed(int32_t result) const {
@@ -161,7 +164,8 @@ Receipt Job::readReceipt() const {
     Receipt receipt;
     receipt.input = mInput.path();
     receipt.output = mOutput.path();
-    receipt.asked = mPeriods;
+    receipt.asked = mOptions.periods;
+    receipt.inputUs = mInput.media().durationUs();
     receipt.counts = mCounts;
     receipt.wallSeconds = mWallSeconds;
     receipt.usage = currentUsage();
@@ -169,17 +173,10 @@ Receipt Job::readReceipt() const {
     return receipt;
 }
 
-std::optional<Failure> Job::printReceipt(const Receipt& receipt) const {
-    if (mOptions.json) return print(toJson(receipt));
-    // Lines for a person may be missed; the output is there.
-    if (receipt.written) static_cast<void>(print(toText(receipt)));
-    return std::nullopt;
-}
-
-std::optional<Failure> Job::print(const std::string& text) const {
-    fwrite(text.data(), 1, text.size(), stdout);
-    if (fflush(stdout) == 0) return std::nullopt;
-    return Failure{kExitFailed, "standard output", strerror(errno)};
+std::string Job::printReceipt(const Receipt& receipt) const {
+    if (!mOptions.json && !receipt.written) return "";
+    if (console::printOutput(mOptions.json ? toJson(receipt) : toText(receipt)) == 0) return "";
+    return "; the receipt could not be written: " + std::string(strerror(errno));
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -50,8 +50,8 @@ private:
     void warnOfMissingTracks(const WrittenFile& written) const;
     // The receipt, with what can be read back of the output.
     Receipt readReceipt() const;
-    std::optional<Failure> printReceipt(const Receipt& receipt) const;
-    std::optional<Failure> print(const std::string& text) const;
+    // The end of a message that says why the receipt could not be written; empty if it was.
+    std::string printReceipt(const Receipt& receipt) const;
     int64_t outputLengthUs() const;
 
     const Options& mOptions;

@@ -9,9 +9,11 @@ namespace android::qmmediaeditor::cli {
 // Members stay in the order in which they are set.
 using Json = nlohmann::ordered_json;
 
-// Over several lines. Names of files are bytes on Linux: what is no UTF-8 in them is replaced.
+// Over several lines, in ASCII: a name of a file may hold characters that steer a terminal. Bytes
+// that are not UTF-8 are replaced.
 inline std::string dumpJson(const Json& json) {
-    return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+    constexpr bool kOnlyAscii = true;
+    return json.dump(2, ' ', kOnlyAscii, Json::error_handler_t::replace) + '\n';
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,14 +1,17 @@
+#include <errno.h>
 #include <log/logprint.h>
 #include <qmtranscode/CodecLimits.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Help.h>
 #include <qmtranscode/Options.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <numeric>
+#include <sstream>
 #include <utility>
 
 namespace android::qmmediaeditor::cli {
@@ -28,6 +31,7 @@ const Words<AudioCodec> kAudioCodecs = {
 const Words<FileFormat> kFormats = {{"mp4", FileFormat::kMp4}, {"3gp", FileFormat::k3gp}};
 const Words<ProgressStyle> kProgressStyles = {
     {"bar", ProgressStyle::kBar}, {"json", ProgressStyle::kJson}, {"none", ProgressStyle::kNone}};
+const Words<bool> kPartialChoices = {{"keep", true}, {"discard", false}};
 const Words<bool> kPresets = {{"ultrafast", true}, {"superfast", true}, {"veryfast", true},
                               {"faster", true},    {"fast", true},      {"medium", true},
                               {"slow", true},      {"slower", true},    {"veryslow", true},
@@ -58,7 +62,7 @@ struct Texts {
     std::vector<std::string> periods;
     std::string size, frameRate, videoBitrate, videoCodec;
     std::string audioBitrate, audioRate, audioChannels, audioCodec;
-    std::string format, progress;
+    std::string format, progress, partial;
 };
 
 // Turns the texts into options; the first one that cannot be taken is the failure.
@@ -73,6 +77,9 @@ public:
         if (mTexts.format.empty()) readName();
         readPeriods();
         readProgress();
+        std::optional<bool> keepPartial;
+        readWord("--partial", mTexts.partial, kPartialChoices, &keepPartial);
+        mOptions->keepPartial = keepPartial.value_or(true);
         std::optional<bool> known;
         readWord("--preset", mOptions->preset, kPresets, &known);
         readWord("--log-format", mOptions->logFormat, kLogFormats, &known);
@@ -296,6 +303,7 @@ void declare(CLI::App* app, Texts* texts, Options* options) {
     app->add_option("--format", texts->format);
     app->add_flag("--faststart", options->fastStart);
     app->add_option("--preset", options->preset);
+    app->add_option("--partial", texts->partial);
 
     app->add_flag("--plan", options->plan);
     app->add_flag("--json", options->json);
@@ -386,7 +394,11 @@ std::optional<int> parseOptions(int argc, char** argv, Options* options) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {
-        return app.exit(success);
+        std::ostringstream text;
+        const int status = app.exit(success, text, text);
+        if (console::printOutput(text.str()) == 0) return status;
+        console::printFailure({kExitFailed, "standard output", strerror(errno)});
+        return kExitFailed;
     } catch (const CLI::ExtrasError&) {
         console::printFailure(unknownWord(app));
         return kExitUsage;

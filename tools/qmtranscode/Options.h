@@ -36,10 +36,10 @@ struct Options {
     std::optional<AudioCodec> audioCodec;
     std::optional<FileFormat> format;
 
-    // After a stop, keep the shorter file.
-    bool keepPartial = true;
     bool fastStart = false;
     std::string preset = "veryfast";
+    // After a stop: keep the shorter file, or nothing.
+    bool keepPartial = true;
 
     // Say what would be done, and do nothing.
     bool plan = false;

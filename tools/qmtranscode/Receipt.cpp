@@ -15,6 +15,8 @@ namespace {
 // What came out of a period, in times of the input.
 struct PeriodResult {
     TrimPeriod asked;
+    // Where the input ends, if more was asked for.
+    std::optional<int64_t> inputEndUs;
     int64_t framesOut = 0;
     int64_t dropped = 0;
     std::optional<TrimPeriod> pictures;  // from the first picture to the last one
@@ -47,6 +49,9 @@ std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
         const bool whole = receipt.asked.empty();
         result.asked =
             whole ? TrimPeriod{0, receipt.written->media.durationUs()} : receipt.asked[i];
+        if (!whole && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
+            result.inputEndUs = receipt.inputUs;
+        }
         result.dropped = counts.dropped;
         const int64_t shiftUs = result.asked.mStartUs - counts.beginUs;
         if (receipt.written->video) {
@@ -108,11 +113,15 @@ Json spanOf(const std::optional<TrimPeriod>& span) {
 Json periodsOf(const Receipt& receipt) {
     Json periods = Json::array();
     for (const PeriodResult& result : resultsOf(receipt)) {
-        Json period = {
-            {"asked", spanOf(result.asked)},  {"pictures", spanOf(result.pictures)},
-            {"sound", spanOf(result.sound)},  {"frames_in", result.framesOut + result.dropped},
-            {"frames_out", result.framesOut}, {"frames_dropped", result.dropped},
-            {"sound_skew_ms", nullptr}};
+        Json period = {{"asked", spanOf(result.asked)},
+                       {"input_ends", nullptr},
+                       {"pictures", spanOf(result.pictures)},
+                       {"sound", spanOf(result.sound)},
+                       {"frames_in", result.framesOut + result.dropped},
+                       {"frames_out", result.framesOut},
+                       {"frames_dropped", result.dropped},
+                       {"sound_skew_ms", nullptr}};
+        if (result.inputEndUs) period["input_ends"] = seconds(*result.inputEndUs);
         if (result.skewUs) period["sound_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
         periods.push_back(std::move(period));
     }
@@ -152,6 +161,9 @@ std::string spanText(const TrimPeriod& span) {
 
 std::string periodRows(const PeriodResult& result) {
     std::string rows = row("period", "%s asked", spanText(result.asked).c_str());
+    if (result.inputEndUs) {
+        rows += row("", "the input ends at %.3f s", seconds(*result.inputEndUs));
+    }
     if (result.pictures) rows += row("", "%s pictures", spanText(*result.pictures).c_str());
     if (result.sound) rows += row("", "%s sound", spanText(*result.sound).c_str());
     if (result.skewUs) {

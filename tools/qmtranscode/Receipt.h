@@ -24,8 +24,10 @@ struct Receipt {
     std::string output;
     // A stopped run leaves a file that is valid up to its end.
     bool complete = false;
-    // Empty when the whole input was asked for.
+    // As the user has asked; empty for the whole input.
     std::vector<TrimPeriod> asked;
+    // The length of the input, 0 if unknown.
+    int64_t inputUs = 0;
     RunCounts counts;
     // Nothing when nothing was written.
     std::optional<WrittenFile> written;

@@ -7,6 +7,7 @@ _qmtranscode() {
         --audio-codec) words="aac amr-nb amr-wb" ;;
         --format) words="mp4 3gp" ;;
         --progress) words="bar json none" ;;
+        --partial) words="keep discard" ;;
         --preset)
             words="ultrafast superfast veryfast faster fast medium slow slower veryslow placebo"
             ;;
@@ -20,8 +21,8 @@ _qmtranscode() {
                 return
             fi
             words="--trim --size --fps --video-bitrate --video-codec --audio-bitrate --audio-rate
-                --audio-channels --audio-codec --format --faststart --preset --overwrite --plan
-                --json --progress --trace --log --log-format --help --version"
+                --audio-channels --audio-codec --format --faststart --preset --overwrite
+                --partial --plan --json --progress --trace --log --log-format --help --version"
             ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

@@ -1,0 +1,49 @@
+#include <gtest/gtest.h>
+#include <qmtranscode/Console.h>
+#include <qmtranscode/Json.h>
+
+namespace android::qmmediaeditor::cli::console {
+namespace {
+
+TEST(Console, printable_replacesWhatSteersATerminalAndNothingElse) {
+    const struct {
+        std::string text;
+        std::string shown;
+    } kCases[] = {
+        {"plain text", "plain text"},
+        {"Gr\u00FC\u00DFe \u4E2D\u6587 \U0001F3AC.mp4",
+         "Gr\u00FC\u00DFe \u4E2D\u6587 \U0001F3AC.mp4"},
+        {"a\x1b[31mb", "a?[31mb"},
+        {"a\r\n\tb\x7F", "a???b?"},
+        {std::string("a\0b", 3), "a?b"},
+        // C1 controls, as characters and as bytes; their neighbours stay.
+        {"a\u0080b\u009Bc\u009Fd\u00A0", "a?b?c?d\u00A0"},
+        {"a\x9B"
+         "b\x80",
+         "a?b?"},
+        {"\u2027\u2028\u2029\u202A\u202E\u202F", "\u2027????\u202F"},
+        {"\u2065\u2066\u2069\u206A", "\u2065??\u206A"},
+        // Not UTF-8: a lone byte, one cut short, too long a form, a surrogate, too large a code.
+        {"a\xFF"
+         "b",
+         "a?b"},
+        {"\xE4\xB8", "??"},
+        {"\xC0\x9B\xE0\x82\x9B", "?????"},
+        {"\xED\xA0\x80", "???"},
+        {"\xF4\x90\x80\x80", "????"},
+        {"\xE4\xB8\u00FC", "??\u00FC"},
+    };
+    for (const auto& c : kCases) EXPECT_EQ(c.shown, printable(c.text)) << c.shown;
+    EXPECT_EQ("a\nb?", printable("a\nb\r", LineBreaks::kKeep));
+}
+
+TEST(Console, dumpJson_isAsciiThatGivesTheSameTextBack) {
+    const std::string text = "\x1b[31m\u009B5m\u202E\x7F \u00FC \U0001F3AC";
+    const std::string json = dumpJson({{"name", text}, {"bytes", "a\xFF\x9B"}});
+    for (const char c : json) EXPECT_TRUE(c == '\n' || (c >= 0x20 && c < 0x7F)) << json;
+    EXPECT_EQ(text, Json::parse(json)["name"]);
+    EXPECT_EQ("a\uFFFD\uFFFD", Json::parse(json)["bytes"]);
+}
+
+}  // namespace
+}  // namespace android::qmmediaeditor::cli::console
