@@ -7,6 +7,12 @@ namespace android::qmmediaeditor {
 
 class ComponentTest : public SessionTest {
 protected:
+    int32_t process() {
+        const int32_t result = mComponent->process();
+        awaitEncodersOf(*mComponent->mTranscode);
+        return result;
+    }
+
     sp<TranscodeComponent> mComponent = new TranscodeComponent;
 };
 
@@ -26,6 +32,25 @@ TEST_F(ComponentTest, everyFailureOfModuleCreationIsAnInvalidRequest) {
     mComponent->create(&mRequest);
     EXPECT_EQ(-38, mComponent->process());
     EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "Failed selecting track"));
+}
+
+TEST_F(ComponentTest, aSessionRunsOnceWhateverItsResult) {
+    prepareEchoes();
+    addSamples(1, 1);
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, process());
+    mJournal.clear();
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ((std::vector<std::string>{"TranscodeComponent: call process"}), mJournal.lines());
+
+    mPlatform.extractor().fail("setDataSource", -1010);
+    renewOutput();
+    mComponent->create(&mRequest);
+    EXPECT_EQ(-38, mComponent->process());
+    mPlatform.extractor().fail("setDataSource", 0);
+    renewOutput();
+    EXPECT_EQ(-38, mComponent->process()) << "a refused session is used up as well";
+    EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
 }
 
 TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {

@@ -87,7 +87,7 @@ TEST_F(SessionSetUpTest, inputsThatCannotBeUsedAreRefusedWithTheOutputClosed) {
     };
     for (const auto& row : table) {
         mSession.reset();
-        mRequest.mOutputFd = memfd_create("output", 0);
+        renewOutput();
         row.prepare();
         EXPECT_EQ(row.result, session().createModule()) << row.what;
         EXPECT_TRUE(logged(ANDROID_LOG_ERROR, row.message)) << row.what;

@@ -10,7 +10,7 @@ namespace android::qmmediaeditor {
 
 SessionTest::SessionTest() {
     mRequest.mInputFd = memfd_create("input", 0);
-    mRequest.mOutputFd = memfd_create("output", 0);
+    renewOutput();
     EXPECT_EQ(0, ftruncate(mRequest.mInputFd, kInputBytes));
     mRequest.mProgressCallback = [this](int32_t percent) { mProgress.push_back(percent); };
 }
@@ -27,9 +27,11 @@ SessionTest::~SessionTest() {
     EXPECT_TRUE(mTrap.elsewhere().empty()) << mTrap.elsewhere().front();
 }
 
-void SessionTest::awaitEncoders() {
-    if (session().mAudioSource != nullptr) awaitEncoderThread(*session().mAudioSource);
-    if (session().mVideoSource != nullptr) awaitEncoderThread(*session().mVideoSource);
+void SessionTest::renewOutput() { mRequest.mOutputFd = memfd_create("output", 0); }
+
+void SessionTest::awaitEncodersOf(Transcode& session) {
+    if (session.mAudioSource != nullptr) awaitEncoderThread(*session.mAudioSource);
+    if (session.mVideoSource != nullptr) awaitEncoderThread(*session.mVideoSource);
 }
 
 sp<AMessage> SessionTest::audioFormat(int64_t durationUs) {

@@ -241,9 +241,9 @@ public:
     virtual int32_t create(void* property);
 
     // Runs the session on the calling thread, and blocks until the output is finished or the
-    // session stops. Once for each create(). 0 when the file is whole; kInvalidRequest, also
-    // without a session and whenever the input cannot be opened; or what Transcode::doTranscode()
-    // says.
+    // session stops. 0 when the file is whole; kInvalidRequest, also without a session and whenever
+    // the input cannot be opened; or what Transcode::doTranscode() says. A session runs once: a
+    // second call without a new create() returns kInvalidRequest and touches nothing.
     virtual int32_t process();
 
     // Has process() return kStopped soon, with the file closed after what was written. Any thread,
@@ -262,6 +262,7 @@ protected:
 
 private:
     Transcode* mTranscode = nullptr;
+    Shared<bool> mUsed{false};  // process() was called since create()
 };
 
 }  // namespace qmmediaeditor

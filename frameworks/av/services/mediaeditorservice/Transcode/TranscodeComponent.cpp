@@ -19,14 +19,18 @@ TranscodeComponent::~TranscodeComponent() { destory(); }
 int32_t TranscodeComponent::create(void* property) {
     destory();
     mTranscode = new Transcode(static_cast<TranscodeProperty*>(property), nullptr);
+    mUsed = false;
     return OK;
 }
 
 int32_t TranscodeComponent::process() {
     QM_LOGD(kComponentTag, "call process");
+    // A second run would use descriptors that the first one has closed, and a stop flag, an end of
+    // stream and decoders that are spent.
+    if (mTranscode == nullptr || mUsed.exchange(true)) return kInvalidRequest;
     // Whatever kept the modules from being made, the host learns one thing: this request cannot be
     // done.
-    if (mTranscode == nullptr || mTranscode->createModule() != OK) return kInvalidRequest;
+    if (mTranscode->createModule() != OK) return kInvalidRequest;
     return mTranscode->doTranscode();
 }
 
