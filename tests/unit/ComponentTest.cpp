@@ -1,4 +1,7 @@
 // What the host calls, the writer's events, and the ways to stop.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <tuple>
 
 #include "SessionTest.h"
@@ -51,6 +54,20 @@ TEST_F(ComponentTest, aSessionRunsOnceWhateverItsResult) {
     renewOutput();
     EXPECT_EQ(-38, mComponent->process()) << "a refused session is used up as well";
     EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
+}
+
+TEST_F(ComponentTest, aRetryWithTheSameRecordLeavesTheFileAloneThatGotTheNumberOfTheOutput) {
+    prepareEchoes();
+    const int number = mRequest.mOutputFd;
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, process());
+    const int other = memfd_create("another file", 0);
+    ASSERT_EQ(number, other);
+    mComponent->create(&mRequest);
+    mJournal.clear();
+    EXPECT_EQ(-38, process());
+    EXPECT_EQ(0u, mJournal.count("platform createWriter"));
+    EXPECT_EQ(0, close(other)) << "it is still open";
 }
 
 TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {

@@ -94,7 +94,7 @@ TEST_F(MainLoopTest, aStopBeforeTheWriterStartsLeavesItAlone) {
     };
     for (const auto& [at, message] : table) {
         mSession.reset();
-        mRequest.mOutputFd = -1;
+        renewOutput();
         session();
         stopAt(at);
         EXPECT_EQ(-1003, run()) << at;

@@ -22,12 +22,15 @@ SessionTest::~SessionTest() {
     if (mSession != nullptr) awaitEncoders();
     mSession.reset();
     close(mRequest.mInputFd);
-    // Closed by the session when it came that far.
-    close(mRequest.mOutputFd);
+    // Still open only when no session took it.
+    if (mRequest.mOutputFd >= 0) close(mRequest.mOutputFd);
     EXPECT_TRUE(mTrap.elsewhere().empty()) << mTrap.elsewhere().front();
 }
 
-void SessionTest::renewOutput() { mRequest.mOutputFd = memfd_create("output", 0); }
+void SessionTest::renewOutput() {
+    if (mRequest.mOutputFd >= 0) close(mRequest.mOutputFd);
+    mRequest.mOutputFd = memfd_create("output", 0);
+}
 
 void SessionTest::awaitEncodersOf(Transcode& session) {
     if (session.mAudioSource != nullptr) awaitEncoderThread(*session.mAudioSource);

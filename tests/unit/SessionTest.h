@@ -45,7 +45,7 @@ protected:
     // nothing.
     void prepareLoop();
     int32_t run();
-    // Another output file, for another session: the one before has been closed.
+    // An output file for the next session.
     void renewOutput();
     // The encoders' threads may outlive a run by a moment.
     void awaitEncoders() { awaitEncodersOf(session()); }

@@ -75,7 +75,8 @@ public:
     virtual ~Transcode();
 
     // Opens writer and extractor, selects the tracks, creates their decoders and works out what to
-    // encode. Once. 0, or what went wrong; the host's output descriptor is closed in either case.
+    // encode. Once. 0, or what went wrong; in either case the host's output descriptor is closed
+    // and TranscodeProperty::mOutputFd is -1.
     int32_t createModule();
 
     // Runs the whole transcoding on the calling thread. Once, after createModule(). 0,
@@ -105,6 +106,7 @@ private:
     };
 
     // Module creation and teardown.
+    int32_t takeOutput();
     int32_t createExtractor(FileAttribute& file);
     void releaseTracks();
     void stopSources();

@@ -34,7 +34,9 @@ struct TranscodeProperty {
     int32_t mReserved = 0;
     // Seekable; read from offset 0 to its end, and left positioned there.
     int32_t mInputFd = -1;
-    // Closed by the session as soon as the writer holds its own duplicate.
+    // A regular file (also one in memory) opened for writing, without O_APPEND, and not the input.
+    // process() closes it, also when it refuses the request, and sets it to -1: the number may
+    // belong to another file soon.
     int32_t mOutputFd = -1;
     // Called with a percentage, on the thread of process() and on the input reader's. Must not be
     // empty.
