@@ -37,6 +37,24 @@ TEST_F(ComponentTest, everyFailureOfModuleCreationIsAnInvalidRequest) {
     EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "Failed selecting track"));
 }
 
+TEST_F(ComponentTest, withoutARequest_processIsRefused) {
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, mComponent->create(nullptr));
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ(0u, mJournal.count("platform createWriter")) << "the session before is gone";
+    EXPECT_EQ(0, mComponent->cancel());
+    EXPECT_EQ(0, mComponent->destory());
+}
+
+TEST_F(ComponentTest, trimmingWithoutPeriodsIsRefusedBeforeAnyDecoderStarts) {
+    prepareEchoes();
+    setPeriods({{0, 1000}});
+    mRequest.mPeriods = nullptr;
+    mComponent->create(&mRequest);
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ(0u, mJournal.count("decoder audio/mp4a-latm start"));
+}
+
 TEST_F(ComponentTest, aSessionRunsOnceWhateverItsResult) {
     prepareEchoes();
     addSamples(1, 1);

@@ -244,7 +244,7 @@ bool Transcode::isInCurrentPeriod(int64_t timeUs) const {
 
 int Transcode::verifyTrimInfo() {
     if (!mProperty->mTrimEnabled) return OK;
-    if (mProperty->mPeriodCount < 1) return kInvalidRequest;
+    if (!hasPeriods()) return kInvalidRequest;
     for (int32_t i = 0; i < mProperty->mPeriodCount; ++i) {
         const TrimPeriod& period = mProperty->mPeriods[i];
         if (period.mEndUs < period.mStartUs) {

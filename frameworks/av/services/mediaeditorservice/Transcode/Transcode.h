@@ -166,7 +166,10 @@ private:
     int verifyTrimInfo();
     int makeSampleList(sp<QmMediaExtractorWrapper> extractor, List<SampleData>* list,
                        uint32_t bufferSize);
-    bool isTrimming() const { return mProperty->mTrimEnabled && mProperty->mPeriodCount >= 1; }
+    bool hasPeriods() const {
+        return mProperty->mPeriodCount >= 1 && mProperty->mPeriods != nullptr;
+    }
+    bool isTrimming() const { return mProperty->mTrimEnabled && hasPeriods(); }
 
     // Decoder drain.
     status_t runDecoder(List<TDecodedSample>* list, int trackIndex, int64_t timeoutUs);
@@ -238,8 +241,9 @@ class QM_EXPORT TranscodeComponent : public RefBase {
 public:
     TranscodeComponent();
 
-    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. Does not
-    // block; not while process() runs. 0.
+    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. With
+    // null there is no session, and process() returns kInvalidRequest. Does not block; not while
+    // process() runs. 0.
     virtual int32_t create(void* property);
 
     // Runs the session on the calling thread, and blocks until the output is finished or the

@@ -18,6 +18,7 @@ TranscodeComponent::~TranscodeComponent() { destory(); }
 
 int32_t TranscodeComponent::create(void* property) {
     destory();
+    if (property == nullptr) return OK;
     mTranscode = new Transcode(static_cast<TranscodeProperty*>(property), nullptr);
     mUsed = false;
     return OK;

@@ -53,7 +53,8 @@ struct TranscodeProperty {
     bool mTrimEnabled = false;
     // At least 1 when mTrimEnabled is set.
     int32_t mPeriodCount = 0;
-    // In the order of the output. mEndUs must not be less than mStartUs.
+    // In the order of the output; not null when mTrimEnabled is set. mEndUs must not be less than
+    // mStartUs.
     const TrimPeriod* mPeriods = nullptr;
     bool mHasAudioEffect = false;
     OpaqueParam mAudioEffectInfo;
