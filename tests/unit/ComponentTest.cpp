@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <thread>
 #include <tuple>
 
 #include "SessionTest.h"
@@ -102,6 +103,28 @@ TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {
     mComponent->create(&mRequest);
     mComponent.clear();
     EXPECT_EQ(4u, mJournal.count(gone));
+}
+
+TEST_F(ComponentTest, nothingMayEndASessionWhileItRuns) {
+    prepareEchoes();
+    mPlatform.extractor().addSample({1, 5000000, std::vector<uint8_t>(kPictureBytes)});
+    const std::string message = "create, destory or clearHandler called while process runs";
+    mRequest.mProgressCallback = [&](int32_t percent) {
+        if (percent == 0) {
+            EXPECT_FATAL(mComponent->create(&mRequest), message);
+            EXPECT_FATAL(mComponent->destory(), message);
+            EXPECT_FATAL(mComponent->clearHandler(), message);
+        } else {
+            // In the input reader. The failed check ends the thread that it is on.
+            std::thread([&] { mComponent->destory(); }).join();
+        }
+    };
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, process());
+    EXPECT_EQ((std::vector<std::string>{message}), mTrap.elsewhere());
+    EXPECT_EQ((std::vector<std::string>{"call process", message, message, message, message}),
+              mLog.texts("TranscodeComponent"));
+    EXPECT_EQ(0, mComponent->destory()) << "the run is over";
 }
 
 TEST_F(ComponentTest, aCancelledSessionStopsBeforeAnyDecoderStarts) {

@@ -24,7 +24,7 @@ SessionTest::~SessionTest() {
     close(mRequest.mInputFd);
     // Still open only when no session took it.
     if (mRequest.mOutputFd >= 0) close(mRequest.mOutputFd);
-    EXPECT_TRUE(mTrap.elsewhere().empty()) << mTrap.elsewhere().front();
+    EXPECT_EQ(std::vector<std::string>(), mTrap.elsewhere());
 }
 
 void SessionTest::renewOutput() {

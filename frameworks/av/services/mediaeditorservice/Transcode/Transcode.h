@@ -236,14 +236,14 @@ private:
     Transcode* mTranscode;
 };
 
-// What the host drives.
+// What the host drives. create(), destory() and clearHandler() must not be called while process()
+// runs, not from its progress callback either: each of them aborts the process then.
 class QM_EXPORT TranscodeComponent : public RefBase {
 public:
     TranscodeComponent();
 
     // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. With
-    // null there is no session, and process() returns kInvalidRequest. Does not block; not while
-    // process() runs. 0.
+    // null there is no session, and process() returns kInvalidRequest. Does not block. 0.
     virtual int32_t create(void* property);
 
     // Runs the session on the calling thread, and blocks until the output is finished or the
@@ -256,8 +256,7 @@ public:
     // at any time between create() and destory(); does not block. 0.
     virtual int32_t cancel();
 
-    // Ends the session and frees it; blocks until its threads have gone. Not while process() runs.
-    // 0.
+    // Ends the session and frees it; blocks until its threads have gone. 0.
     virtual int32_t destory();
 
     // As destory().
@@ -268,7 +267,8 @@ protected:
 
 private:
     Transcode* mTranscode = nullptr;
-    Shared<bool> mUsed{false};  // process() was called since create()
+    Shared<bool> mUsed{false};        // process() was called since create()
+    Shared<bool> mProcessing{false};  // process() runs
 };
 
 }  // namespace qmmediaeditor
