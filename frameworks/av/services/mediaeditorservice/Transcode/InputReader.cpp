@@ -209,7 +209,17 @@ void Transcode::printProgress(int64_t timeUs) {
         saturatingAdd(mProgressOffset, saturatingMul(done, 100 - mProgressOffset) / whole));
     if (progress <= mLastProgress) return;
     mLastProgress = progress;
-    mProperty->mProgressCallback(progress);
+    reportProgress(progress);
+}
+
+// On both threads that report, an exception would leave the session's other threads running without
+// an owner.
+void Transcode::reportProgress(int32_t percent) const {
+    try {
+        mProperty->mProgressCallback(percent);
+    } catch (...) {
+        kChecks.isAllowed("the progress callback threw an exception", false);
+    }
 }
 
 bool Transcode::adjustPresentationTimeUs(int64_t* timeUs) {

@@ -159,6 +159,7 @@ private:
     Next queueSample(const PendingSample& sample, bool* queued);
     void consumeSample(const PendingSample& sample);
     void printProgress(int64_t timeUs);
+    void reportProgress(int32_t percent) const;
     bool adjustPresentationTimeUs(int64_t* timeUs);
     void finishPeriod();
     int64_t rebased(int64_t timeUs) const;
@@ -250,7 +251,7 @@ public:
     // session stops. 0 when the file is whole; kInvalidRequest, also without a session and whenever
     // the input cannot be opened; or what Transcode::doTranscode() says. A session runs once: a
     // second call without a new create() returns kInvalidRequest and touches nothing.
-    virtual int32_t process();
+    virtual int32_t process() noexcept;
 
     // Has process() return kStopped soon, with the file closed after what was written. Any thread,
     // at any time between create() and destory(); does not block. 0.

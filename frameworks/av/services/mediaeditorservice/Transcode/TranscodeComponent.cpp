@@ -25,7 +25,7 @@ int32_t TranscodeComponent::create(void* property) {
     return OK;
 }
 
-int32_t TranscodeComponent::process() {
+int32_t TranscodeComponent::process() noexcept {
     QM_LOGD(kComponentTag, "call process");
     // A second run would use descriptors that the first one has closed, and a stop flag, an end of
     // stream and decoders that are spent.

@@ -38,8 +38,9 @@ struct TranscodeProperty {
     // process() closes it, also when it refuses the request, and sets it to -1: the number may
     // belong to another file soon.
     int32_t mOutputFd = -1;
-    // Called with a percentage, on the thread of process() and on the input reader's. Must not be
-    // empty.
+    // Called with a percentage, on the thread of process() and on the input reader's. An empty
+    // callback, one that throws and one that calls create(), destory() or clearHandler() abort the
+    // process.
     std::function<void(int32_t)> mProgressCallback;
     // Percentage that earlier work of the host accounts for; above 100 counts as 0.
     uint32_t mProgressOffset = 0;
