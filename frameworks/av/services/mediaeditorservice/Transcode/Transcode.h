@@ -10,6 +10,7 @@
 #include <Shared.h>
 #include <TAudioSource.h>
 #include <TVideoSource.h>
+#include <TranscodeErrors.h>
 #include <TranscodeTypes.h>
 #include <editorutils/QmMediaEditorUtils.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
@@ -29,16 +30,6 @@ namespace android {
 namespace qmmediaeditor {
 
 class TranscodeListener;
-
-// Result codes of process() and of the operations below it, beside those of
-// <media/stagefright/MediaErrors.h>.
-enum : int32_t {
-    kInvalidRequest = -38,   // the request or its input cannot be used
-    kNoSource = -1001,       // a source could not be made
-    kStopped = -1003,        // by cancel() or by the writer
-    kSessionFailed = -1010,  // extractor, source or writer failed
-    kEncoderError = -1130,   // an encoder could not be had, or failed
-};
 
 class QM_EXPORT Transcode {
 public:
