@@ -1,5 +1,5 @@
-// SIGINT, SIGTERM, SIGHUP and SIGXCPU: the first one asks the work to stop, the second one ends the process.
-// SIGUSR1 asks what the work does.
+// SIGINT, SIGTERM, SIGHUP and SIGXCPU: the first one asks the work to stop, the second one ends the
+// process. SIGUSR1 asks what the work does.
 #pragma once
 
 #include <utils/Mutex.h>
