@@ -3,6 +3,7 @@
 #pragma once
 
 #include <Platform.h>
+#include <stdint.h>
 
 #include <memory>
 #include <optional>
@@ -12,16 +13,43 @@
 namespace android {
 namespace qmmediaeditor {
 
+// Hears what a session's result code does not say. Called on the threads of the session and of its
+// codecs, several at a time; an operation must not block and must not call the session.
+class HostObserver {
+public:
+    virtual ~HostObserver() = default;
+
+    // The first read of the input that failed, with its errno and its offset in bytes. ESTALE means
+    // that the file has become shorter than it was.
+    virtual void onReadError(int /* error */, int64_t /* offsetBytes */) {}
+    // The first write of the output that failed, with its errno.
+    virtual void onWriteError(int /* error */) {}
+
+    // The output has got its first sample.
+    virtual void onFirstSample() {}
+    // The video encoder has accepted the frame that is shown at this time of the output.
+    virtual void onFrameEncoded(int64_t /* timeUs */) {}
+    // The audio encoder has accepted so many samples of each channel.
+    virtual void onAudioEncoded(int64_t /* samples */, int /* sampleRate */) {}
+    // The last video frame of the output is shown until this time. Not called when that is unknown:
+    // the frame then lasts as long as the one before it.
+    virtual void onVideoEnd(int64_t /* timeUs */) {}
+};
+
 // What a user of the host may choose and the component knows nothing of.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
     std::string avcPreset = "veryfast";
     // Put the movie box in front of the samples.
     bool fastStart = false;
-    // Microseconds on the input's time line, rising: where sound can be cut to the sample; empty
-    // when nothing is cut. When it is not known, a cut may fall some milliseconds late, which adds
-    // up from period to period, and sound moves in shorter pieces, which takes longer.
+    // Start and end of each period of the request, in microseconds on the input's time line,
+    // rising; empty when nothing is cut. Audio is then cut to the sample, and the last video frame
+    // keeps its own duration. Where it is absent, a cut may fall some milliseconds late, which adds
+    // up from period to period, audio moves in shorter pieces, which takes longer, and the last
+    // frame lasts as long as the one before it.
     std::optional<std::vector<int64_t>> cutTimesUs;
+    // May be null; outlives the platform.
+    HostObserver* observer = nullptr;
 };
 
 // To be given to Platform::install, and to be kept until the last session is gone.

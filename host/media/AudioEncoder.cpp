@@ -54,7 +54,8 @@ int encoderRate(const AVCodec& codec, int wanted) {
 
 }  // namespace
 
-AudioEncoder::AudioEncoder() : mFrame(av_frame_alloc()) {}
+AudioEncoder::AudioEncoder(HostObserver* observer)
+    : mObserver(observer), mFrame(av_frame_alloc()) {}
 
 AudioEncoder::~AudioEncoder() = default;
 
@@ -164,7 +165,12 @@ status_t AudioEncoder::accept(CodecInput input) {
         mFirstTimeUs = input.timeUs;
     }
     const size_t frameBytes = sizeof(int16_t) * static_cast<size_t>(mChannelCount);
-    return convert(input.data, static_cast<int>(input.size / frameBytes));
+    const size_t frames = input.size / frameBytes;
+    const status_t status = convert(input.data, static_cast<int>(frames));
+    if (status == OK && mObserver != nullptr) {
+        mObserver->onAudioEncoded(static_cast<int64_t>(frames), mInSampleRate);
+    }
+    return status;
 }
 
 status_t AudioEncoder::finish() {

@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 
+#include "host/Host.h"
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketEncoder.h"
 
@@ -14,7 +15,8 @@ namespace qmmediaeditor {
 
 class AudioEncoder : public CodecEngine {
 public:
-    AudioEncoder();
+    // `observer` may be null.
+    explicit AudioEncoder(HostObserver* observer);
     ~AudioEncoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -32,6 +34,7 @@ private:
     status_t sendFrame();
     bool hasFrame() const;
 
+    HostObserver* const mObserver;
     PacketEncoder mEncoder;
     const FramePtr mFrame;
     ResamplerPtr mConverter;

@@ -9,8 +9,9 @@
 namespace android {
 namespace qmmediaeditor {
 
-CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine)
-    : mLooper(looper), mEngine(std::move(engine)) {}
+CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine,
+                         std::function<void()> onEnd)
+    : mLooper(looper), mOnEnd(std::move(onEnd)), mEngine(std::move(engine)) {}
 
 CodecWorker::~CodecWorker() { release(); }
 
@@ -214,6 +215,7 @@ status_t CodecWorker::deliver(size_t* index, size_t* offset, size_t* size, int64
     *size = slot.buffer->size();
     *timeUs = slot.output.timeUs;
     *flags = slot.output.flags;
+    if ((*flags & BUFFER_FLAG_EOS) != 0 && mOnEnd) mOnEnd();
     publish();
     return OK;
 }

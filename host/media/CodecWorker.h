@@ -25,7 +25,10 @@ namespace qmmediaeditor {
 
 class CodecWorker : public MediaCodec {
 public:
-    CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine);
+    // `onEnd`, which may be empty, is called when the client takes the end of stream, on its
+    // thread.
+    CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine,
+                std::function<void()> onEnd = nullptr);
 
     status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
                        const sp<ICrypto>& crypto, uint32_t flags) override;
@@ -118,6 +121,7 @@ private:
     void freeOutput(size_t index) REQUIRES(mLock);
 
     const sp<ALooper> mLooper;
+    const std::function<void()> mOnEnd;
 
     mutable Mutex mLock;
     Condition mInputFree;

@@ -1,10 +1,12 @@
 #include "host/media/Demuxer.h"
 
 #include <errno.h>
+#include <media/stagefright/MediaErrors.h>
 #include <stdint.h>
 #include <string.h>
 
 #include <algorithm>
+#include <utility>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -82,27 +84,37 @@ struct Demuxer::Cursor {
 Demuxer::Demuxer() : mCursor(std::make_unique<Cursor>()) {}
 Demuxer::~Demuxer() = default;
 
-std::unique_ptr<Demuxer> Demuxer::open(const std::shared_ptr<const InputFile>& file, Study study) {
+Demuxer::Opened Demuxer::open(const std::shared_ptr<const InputFile>& file, Study study) {
     std::unique_ptr<Demuxer> demuxer(new Demuxer);
-    if (!demuxer->openInput(file)) return nullptr;
-    if (study == Study::kStreams &&
-        avformat_find_stream_info(demuxer->mContext.get(), nullptr) < 0) {
-        return nullptr;
-    }
-    return demuxer;
+    status_t status = demuxer->openInput(file);
+    if (status == OK && study == Study::kStreams) status = demuxer->readStreams();
+    if (status != OK) return {nullptr, status};
+    return {std::move(demuxer), OK};
 }
 
-bool Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
+status_t Demuxer::readStreams() {
+    const int result = avformat_find_stream_info(mContext.get(), nullptr);
+    // Demuxers resume behind a failed read, so the result alone does not tell.
+    return result < 0 || mCursor->file->status() != OK ? reasonOf(result) : OK;
+}
+
+status_t Demuxer::reasonOf(int error) const {
+    if (mCursor->file->status() != OK) return ERROR_IO;
+    if (error == AVERROR(ENOMEM)) return NO_MEMORY;
+    return ERROR_UNSUPPORTED;
+}
+
+status_t Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
     mCursor->file = file;
     auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
-    if (buffer == nullptr) return false;
+    if (buffer == nullptr) return NO_MEMORY;
     mIo.reset(avio_alloc_context(buffer, kIoBufferBytes, 0, mCursor.get(), Cursor::read, nullptr,
                                  Cursor::seek));
     AVFormatContext* context = avformat_alloc_context();
     if (mIo == nullptr || context == nullptr) {
         if (mIo == nullptr) av_free(buffer);
         avformat_free_context(context);
-        return false;
+        return NO_MEMORY;
     }
     context->pb = mIo.get();
     context->io_open = refuseToOpen;
@@ -112,9 +124,11 @@ bool Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
     // Frees the context when it fails.
     const int result = avformat_open_input(&context, "", nullptr, &options);
     av_dict_free(&options);
-    if (result < 0) return false;
+    if (result < 0) return reasonOf(result);
     mContext.reset(context);
-    return context->probe_score > AVPROBE_SCORE_RETRY;
+    if (file->status() != OK) return ERROR_IO;
+    if (context->probe_score <= AVPROBE_SCORE_RETRY) return ERROR_UNSUPPORTED;
+    return OK;
 }
 
 bool Demuxer::isIsoFile() const { return av_match_name("mov", mContext->iformat->name) != 0; }
@@ -131,20 +145,30 @@ bool Demuxer::indexIsOfPictures() const {
     return av_match_name(mContext->iformat->name, "matroska,webm,flv,asf") != 0;
 }
 
-bool Demuxer::readPacket(int index, AVPacket* packet) {
+status_t Demuxer::readPacket(int index, AVPacket* packet) {
+    status_t status = ERROR_END_OF_STREAM;
     for (int errors = 0; errors < kMaxReadErrors;) {
         av_packet_unref(packet);
         const int result = av_read_frame(mContext.get(), packet);
+        // Also after a success: the packet may lack its end, or follow unreadable bytes.
+        if (mCursor->file->status() != OK) {
+            status = ERROR_IO;
+            break;
+        }
         if (result == AVERROR_EOF) break;
+        if (result == AVERROR(ENOMEM)) {
+            status = NO_MEMORY;
+            break;
+        }
         if (result < 0) {
             ++errors;
             continue;
         }
         const bool wanted = index == kAnyStream || packet->stream_index == index;
-        if (wanted && packet->size > 0) return true;
+        if (wanted && packet->size > 0) return OK;
     }
     av_packet_unref(packet);
-    return false;
+    return status;
 }
 
 int64_t Demuxer::toUs(int index, int64_t time) const {

@@ -21,9 +21,14 @@ public:
         kStreams,  // and what the first packets of each stream add to it
     };
 
-    // Null when this is none of the containers that are read here: moving pictures and sound, by a
-    // list, since FFmpeg would take text, playlists and photographs as well.
-    static std::unique_ptr<Demuxer> open(const std::shared_ptr<const InputFile>& file, Study study);
+    struct Opened {
+        std::unique_ptr<Demuxer> demuxer;  // null unless status is OK
+        // ERROR_UNSUPPORTED for what is none of the containers that are read here: a list of audio
+        // and video containers, since FFmpeg would take text, playlists and photographs as well.
+        // ERROR_IO when the file cannot be read, NO_MEMORY when memory is short.
+        status_t status;
+    };
+    static Opened open(const std::shared_ptr<const InputFile>& file, Study study);
     ~Demuxer();
 
     AVFormatContext& context() { return *mContext; }
@@ -42,9 +47,9 @@ public:
     bool indexIsOfPictures() const;
 
     static constexpr int kAnyStream = -1;
-    // Reads the next packet of stream `index`, passing over others. False at the end; what is
-    // damaged is passed over.
-    bool readPacket(int index, AVPacket* packet);
+    // Reads the next packet of stream `index`, passing over others and over damaged ones. OK,
+    // ERROR_END_OF_STREAM, ERROR_IO when the file cannot be read, or NO_MEMORY.
+    status_t readPacket(int index, AVPacket* packet);
     // A time of stream `index` in microseconds. Damaged ones are kept within bounds that leave room
     // to reckon with them.
     int64_t toUs(int index, int64_t time) const;
@@ -56,7 +61,10 @@ private:
     struct Cursor;
 
     Demuxer();
-    bool openInput(const std::shared_ptr<const InputFile>& file);
+    status_t openInput(const std::shared_ptr<const InputFile>& file);
+    status_t readStreams();
+    // Why libavformat has failed with `error`.
+    status_t reasonOf(int error) const;
 
     // The input refers to the other two, so it is the first to go.
     std::unique_ptr<Cursor> mCursor;

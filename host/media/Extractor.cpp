@@ -30,6 +30,8 @@ constexpr int64_t kUnknownUs = INT64_MIN;
 
 class FileExtractor final : public ExtractorBackend {
 public:
+    explicit FileExtractor(HostObserver* observer) : mObserver(observer) {}
+
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
     size_t countTracks() override { return mInfo.tracks.size(); }
     status_t getTrackFormat(size_t index, sp<AMessage>* format) override;
@@ -44,11 +46,13 @@ public:
 
 private:
     int64_t originUs() const;
-    // The selected track whose sample comes next is mCurrent from here on. False at the end.
-    bool findCurrent();
+    // The selected track whose sample comes next is mCurrent from here on. OK,
+    // ERROR_END_OF_STREAM, or why a track could not be read.
+    status_t findCurrent();
     void announceCurrent();
     const TrackReader& current() const { return *mReaders.at(mCurrent); }
 
+    HostObserver* const mObserver;  // may be null
     std::shared_ptr<const InputFile> mFile;
     InputInfo mInfo;
     std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
@@ -62,10 +66,10 @@ private:
 
 status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
     if (mFile != nullptr) return INVALID_OPERATION;
-    const auto file = InputFile::open(fd, offset, length);
-    if (file == nullptr) return ERROR_IO;
-    const status_t result = probeInput(file, &mInfo);
-    if (result == OK) mFile = file;
+    const InputFile::Opened opened = InputFile::open(fd, offset, length, mObserver);
+    if (opened.file == nullptr) return opened.status;
+    const status_t result = probeInput(opened.file, &mInfo);
+    if (result == OK) mFile = opened.file;
     return result;
 }
 
@@ -85,20 +89,19 @@ status_t FileExtractor::selectTrack(size_t index) {
     if (index >= mInfo.tracks.size()) return BAD_INDEX;
     if (mReaders.count(index) != 0) return OK;
     if (mInfo.tracks[index].source == nullptr) return ERROR_UNSUPPORTED;
-    auto reader = TrackReader::open(mFile, mInfo.tracks[index]);
-    if (reader == nullptr) return ERROR_IO;
-    mReaders[index] = std::move(reader);
-    return OK;
+    TrackReader::Opened opened = TrackReader::open(mFile, mInfo.tracks[index]);
+    if (opened.reader != nullptr) mReaders[index] = std::move(opened.reader);
+    return opened.status;
 }
 
 status_t FileExtractor::getSampleTrackIndex(size_t* trackIndex) {
-    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    if (const status_t status = findCurrent(); status != OK) return status;
     *trackIndex = mCurrent;
     return OK;
 }
 
 status_t FileExtractor::readSampleData(const sp<ABuffer>& buffer) {
-    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    if (const status_t status = findCurrent(); status != OK) return status;
     const AVPacket& packet = *mReaders[mCurrent]->head();
     const auto size = static_cast<size_t>(packet.size);
     if (size > buffer->capacity()) return ERROR_BUFFER_TOO_SMALL;
@@ -108,13 +111,13 @@ status_t FileExtractor::readSampleData(const sp<ABuffer>& buffer) {
 }
 
 status_t FileExtractor::getSampleTime(int64_t* timeUs) {
-    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    if (const status_t status = findCurrent(); status != OK) return status;
     *timeUs = mTimeUs;
     return OK;
 }
 
 status_t FileExtractor::getSampleMeta(sp<MetaData>* meta) {
-    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    if (const status_t status = findCurrent(); status != OK) return status;
     *meta = new MetaData;
     if (const int64_t durationUs = current().durationUs(); durationUs > 0) {
         (*meta)->setInt64(kKeyDuration, durationUs);
@@ -125,7 +128,7 @@ status_t FileExtractor::getSampleMeta(sp<MetaData>* meta) {
 }
 
 status_t FileExtractor::advance() {
-    if (!findCurrent()) return ERROR_END_OF_STREAM;
+    if (const status_t status = findCurrent(); status != OK) return status;
     mReaders[mCurrent]->advance();
     mHasCurrent = false;
     return OK;
@@ -155,11 +158,16 @@ int64_t FileExtractor::originUs() const {
     return mInfo.zeroIsFixed ? std::max<int64_t>(originUs, 0) : originUs;
 }
 
-bool FileExtractor::findCurrent() {
-    if (mHasCurrent) return true;
+status_t FileExtractor::findCurrent() {
+    if (mHasCurrent) return OK;
     int64_t earliestUs = 0;
     for (const auto& entry : mReaders) {
-        if (entry.second->head() == nullptr) continue;
+        const bool hasHead = entry.second->head() != nullptr;
+        if (const status_t status = entry.second->status(); status != OK) {
+            mHasCurrent = false;
+            return status;
+        }
+        if (!hasHead) continue;
         const int64_t timeUs = entry.second->orderTimeUs();
         const bool soundFirst = timeUs == earliestUs && !mInfo.tracks[entry.first].isVideo;
         if (mHasCurrent && timeUs >= earliestUs && !soundFirst) continue;
@@ -167,8 +175,9 @@ bool FileExtractor::findCurrent() {
         mHasCurrent = true;
         earliestUs = timeUs;
     }
-    if (mHasCurrent) announceCurrent();
-    return mHasCurrent;
+    if (!mHasCurrent) return ERROR_END_OF_STREAM;
+    announceCurrent();
+    return OK;
 }
 
 // Tells the decoder what belongs to the sample beside its bytes. A time that is days away is
@@ -180,12 +189,21 @@ void FileExtractor::announceCurrent() {
         mDamageUs = timeUs - mTimeUs;
     }
     mTimeUs = timeUs - mDamageUs;
-    mInfo.tracks[mCurrent].source->announce(mTimeUs, reader.headProperties(originUs() + mDamageUs));
+    const int64_t offsetUs = originUs() + mDamageUs;
+    mInfo.tracks[mCurrent].source->announce(mTimeUs, reader.headProperties(offsetUs));
+    for (const auto& entry : mReaders) {
+        if (entry.second->head() == nullptr) continue;
+        const TrackInfo& track = mInfo.tracks[entry.first];
+        track.source->advanceTo(mTimeUs);
+        if (entry.second->isLast()) track.source->setEnd(track.ending->endUs - offsetUs);
+    }
 }
 
 }  // namespace
 
-sp<ExtractorBackend> createFileExtractor() { return new FileExtractor; }
+sp<ExtractorBackend> createFileExtractor(HostObserver* observer) {
+    return new FileExtractor(observer);
+}
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -16,6 +16,8 @@ namespace {
 
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kMaxRate = 240;
+// For a variable rate: no camera, screen or editor puts frames closer together than a millisecond.
+constexpr int kMaxVariableRate = 1000;
 constexpr int kDefaultRate = 30;
 constexpr int64_t kMaxDriftTicks = 3;
 constexpr int64_t kMaxDriftStepUs = 15;
@@ -57,7 +59,8 @@ bool fits(const std::vector<int64_t>& timesUs, int64_t toleranceUs, const FrameR
 
 // The smallest rate whose interval in whole microseconds does not exceed `distanceUs`.
 int rateFor(int64_t distanceUs) {
-    return static_cast<int>(std::clamp<int64_t>(kSecondUs / (distanceUs + 1) + 1, 1, kMaxRate));
+    return static_cast<int>(
+        std::clamp<int64_t>(kSecondUs / (distanceUs + 1) + 1, 1, kMaxVariableRate));
 }
 
 int rateFor(const FrameRate& rate) {
@@ -75,11 +78,10 @@ std::vector<int64_t> sortedDistancesUs(const std::vector<int64_t>& timesUs) {
 
 int64_t medianOf(const std::vector<int64_t>& sorted) { return sorted[sorted.size() / 2]; }
 
-// A few frames may lie closer together than the rest; the rate is not theirs.
-int64_t shortestUsual(const std::vector<int64_t>& distancesUs) {
-    const int64_t unusualUs = medianOf(distancesUs) / 4;
-    const auto usual = std::upper_bound(distancesUs.begin(), distancesUs.end(), unusualUs);
-    return std::max(*usual, distancesUs[distancesUs.size() / 100]);
+// A rate that is too low would have frames dropped that nobody asked to drop.
+int variableRate(int64_t shortestUs, int64_t tickUs, bool complete) {
+    if (complete) return rateFor(shortestUs);
+    return std::max(kMaxRate, rateFor(std::min(shortestUs, tickUs)));
 }
 
 }  // namespace
@@ -102,8 +104,9 @@ int64_t FrameGrid::snap(int64_t timeUs) {
     return timeUs + errorUs - stepUs;
 }
 
-FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
+FrameTiming studyFrameTimes(FrameTimes times, int64_t tickUs,
                             const std::vector<FrameRate>& likely) {
+    std::vector<int64_t>& timesUs = times.timesUs;
     // What a container names is often an average; so it comes after the usual rates.
     std::vector<FrameRate> rates(std::begin(kUsualRates), std::end(kUsualRates));
     std::copy_if(likely.begin(), likely.end(), std::back_inserter(rates), isUsable);
@@ -128,7 +131,7 @@ FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
             return timing;
         }
     }
-    timing.rate = rateFor(shortestUsual(distancesUs));
+    timing.rate = variableRate(distancesUs.front(), tickUs, times.complete);
     return timing;
 }
 

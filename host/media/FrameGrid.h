@@ -36,17 +36,22 @@ private:
 };
 
 struct FrameTiming {
-    // Frames a second, rounded up, so that 1000000 / rate is no longer than the usual distance of
-    // frames.
+    // Frames per second, rounded up, so that no two frames are closer than 1000000 / rate.
     int rate = 0;
     // For a constant rate.
     std::optional<FrameGrid> grid;
 };
 
-// `timesUs` are presentation times in any order; `likely` are rates that the container names, if it
-// does. With fewer than two times the first of these decides, or 30.
-FrameTiming studyFrameTimes(std::vector<int64_t> timesUs, int64_t tickUs,
-                            const std::vector<FrameRate>& likely);
+// Presentation times of frames, in any order.
+struct FrameTimes {
+    std::vector<int64_t> timesUs;
+    // Of all frames of the track, rather than of its first ones.
+    bool complete = false;
+};
+
+// `tickUs` is the container's resolution; `likely` are rates that the container names, if it does.
+// With fewer than two times the first of these decides, or 30.
+FrameTiming studyFrameTimes(FrameTimes times, int64_t tickUs, const std::vector<FrameRate>& likely);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -9,6 +9,7 @@
 #include "host/media/CodecTypes.h"
 #include "host/media/CodecWorker.h"
 #include "host/media/Extractor.h"
+#include "host/media/SessionTimeline.h"
 #include "host/media/VideoDecoder.h"
 #include "host/media/VideoEncoder.h"
 #include "host/media/Writer.h"
@@ -50,11 +51,20 @@ public:
         std::unique_ptr<CodecEngine> engine = encoder ? createEncoder(mime) : createDecoder(mime);
         if (err != nullptr) *err = engine == nullptr ? NAME_NOT_FOUND : OK;
         if (engine == nullptr) return nullptr;
-        return new CodecWorker(looper, std::move(engine));
+        if (!encoder) return new CodecWorker(looper, std::move(engine));
+        const bool isVideo = mime.startsWithIgnoreCase("video/");
+        session()->encoderStarted(isVideo);
+        return new CodecWorker(looper, std::move(engine),
+                               [session = session(), isVideo] { session->encoderEnded(isVideo); });
     }
 
-    sp<ExtractorBackend> createExtractor() override { return createFileExtractor(); }
-    sp<MediaWriter> createWriter(int fd) override { return createFileWriter(fd, mOptions); }
+    sp<ExtractorBackend> createExtractor() override {
+        return createFileExtractor(mOptions.observer);
+    }
+    sp<MediaWriter> createWriter(int fd) override {
+        tSession = std::make_shared<SessionTimeline>(mOptions);
+        return createFileWriter(fd, mOptions, tSession);
+    }
     sp<AudioConverterBackend> createAudioConverter() override { return new AudioConverter; }
     void scale(const ScaleRequest& request) override { scalePicture(request); }
     void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) override {
@@ -64,10 +74,18 @@ public:
     bool getUseDitherType(int* /* type */) override { return false; }
 
 private:
+    // A session makes all of its parts on the thread that runs it, and the writer first.
+    const std::shared_ptr<SessionTimeline>& session() const {
+        if (tSession == nullptr) tSession = std::make_shared<SessionTimeline>(mOptions);
+        return tSession;
+    }
+
     std::unique_ptr<CodecEngine> createEncoder(const AString& mime) const {
         if (encoderOf(mime) == nullptr) return nullptr;
-        if (mime.startsWithIgnoreCase("audio/")) return std::make_unique<AudioEncoder>();
-        return std::make_unique<VideoEncoder>(mOptions.avcPreset);
+        if (mime.startsWithIgnoreCase("audio/")) {
+            return std::make_unique<AudioEncoder>(mOptions.observer);
+        }
+        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session());
     }
 
     // A track's codec is known only when the decoder is configured with the track's format.
@@ -79,12 +97,15 @@ private:
         if (mime.startsWithIgnoreCase("audio/")) {
             return std::make_unique<AudioDecoder>(mOptions.cutTimesUs);
         }
-        if (mime.startsWithIgnoreCase("video/")) return std::make_unique<VideoDecoder>();
+        if (mime.startsWithIgnoreCase("video/")) return std::make_unique<VideoDecoder>(session());
         return nullptr;
     }
 
     const HostOptions mOptions;
+    static thread_local std::shared_ptr<SessionTimeline> tSession;
 };
+
+thread_local std::shared_ptr<SessionTimeline> HostPlatform::tSession;
 
 }  // namespace
 

@@ -8,6 +8,7 @@
 
 #include "host/media/DecodeOrder.h"
 #include "host/media/Demuxer.h"
+#include "host/media/IsoBoxes.h"
 #include "host/media/MediaTypes.h"
 #include "host/media/TrackFormat.h"
 #include "host/media/UuidBox.h"
@@ -27,7 +28,6 @@ constexpr AVRational kMicroseconds = {1, 1000000};
 // So many frames tell 30 a second from 29.97 through time stamps in milliseconds.
 constexpr size_t kStudiedFrames = 120;
 constexpr int64_t kMaxStudiedBytes = 32 << 20;
-constexpr int kMaxStudiedIndexEntries = 20000;
 constexpr int64_t kMinVideoSampleBytes = 1 << 20;
 constexpr int64_t kMaxAudioSampleBytes = 512 << 10;
 // Covers the overlap of transform codecs and MP3's bit reservoir.
@@ -45,10 +45,10 @@ bool isMovingPicture(const AVStream& stream) {
 std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const InputFile>& file,
                                         size_t count) {
     std::vector<int64_t> durationsUs(count, 0);
-    const auto demuxer = Demuxer::open(file, Demuxer::Study::kStreams);
+    const auto demuxer = Demuxer::open(file, Demuxer::Study::kStreams).demuxer;
     PacketPtr packet(av_packet_alloc());
     if (demuxer == nullptr || packet == nullptr) return durationsUs;
-    while (demuxer->readPacket(Demuxer::kAnyStream, packet.get())) {
+    while (demuxer->readPacket(Demuxer::kAnyStream, packet.get()) == OK) {
         const auto index = static_cast<size_t>(packet->stream_index);
         const int64_t start = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
         if (index >= count || start == AV_NOPTS_VALUE) continue;
@@ -96,30 +96,33 @@ int64_t maxSampleBytes(AVStream& stream) {
     return std::min<int64_t>(bytes, INT32_MAX);
 }
 
-// An ISO file's index knows all samples, at their decoding times: the distances are the same.
-// Elsewhere the first packets have to do.
-std::vector<int64_t> frameTimesUs(Demuxer* demuxer, AVStream& stream) {
-    std::vector<int64_t> timesUs;
+// An ISO file's index has the decoding times of all samples. Without reordering they are the
+// presentation times; with it, they have the same distances where the rate is constant. Elsewhere
+// the first packets are read.
+FrameTimes frameTimes(Demuxer* demuxer, AVStream& stream) {
+    FrameTimes times;
+    std::vector<int64_t>& timesUs = times.timesUs;
     const int entries = avformat_index_get_entries_count(&stream);
     if (demuxer->isIsoFile() && entries > 1) {
-        for (int i = 0; i < std::min(entries, kMaxStudiedIndexEntries); ++i) {
+        for (int i = 0; i < entries; ++i) {
             const AVIndexEntry& entry = *avformat_index_get_entry(&stream, i);
             if ((entry.flags & AVINDEX_DISCARD_FRAME) != 0) continue;
             timesUs.push_back(demuxer->toUs(stream.index, entry.timestamp));
         }
-        return timesUs;
+        times.complete = stream.codecpar->video_delay == 0;
+        return times;
     }
     PacketPtr packet(av_packet_alloc());
-    if (packet == nullptr) return timesUs;
+    if (packet == nullptr) return times;
     demuxer->keepOnly(stream.index);
     int64_t bytes = 0;
     while (timesUs.size() < kStudiedFrames && bytes < kMaxStudiedBytes &&
-           demuxer->readPacket(stream.index, packet.get())) {
+           demuxer->readPacket(stream.index, packet.get()) == OK) {
         const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
         if (time != AV_NOPTS_VALUE) timesUs.push_back(demuxer->toUs(stream.index, time));
         bytes += packet->size;
     }
-    return timesUs;
+    return times;
 }
 
 // Each field of an interlaced stream may come in a sample of its own.
@@ -127,13 +130,13 @@ bool isInterlaced(const AVStream& stream) {
     return stream.codecpar->field_order > AV_FIELD_PROGRESSIVE;
 }
 
-FrameTiming frameTiming(AVStream& stream, std::vector<int64_t> timesUs) {
+FrameTiming frameTiming(AVStream& stream, FrameTimes times) {
     std::vector<FrameRate> likely;
     for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
         likely.push_back({rate.num, rate.den});
     }
     const int64_t tickUs = av_rescale_q_rnd(1, stream.time_base, kMicroseconds, AV_ROUND_UP);
-    FrameTiming timing = studyFrameTimes(std::move(timesUs), tickUs, likely);
+    FrameTiming timing = studyFrameTimes(std::move(times), tickUs, likely);
     const double average = av_q2d(stream.avg_frame_rate);
     if (isInterlaced(stream) && average > 0 && timing.rate > average * 3 / 2) {
         timing.rate = (timing.rate + 1) / 2;
@@ -192,9 +195,10 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
             const size_t samplesPerPicture = isInterlaced(stream) ? 2 : 1;
             track.reorderDepth =
                 static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerPicture;
-            const FrameTiming timing = frameTiming(
-                stream, studyFrames ? frameTimesUs(demuxer, stream) : std::vector<int64_t>());
+            const FrameTiming timing =
+                frameTiming(stream, studyFrames ? frameTimes(demuxer, stream) : FrameTimes());
             facts.frameRate = timing.rate;
+            if (!timing.grid) facts.averageFrameRate = av_q2d(stream.avg_frame_rate);
             track.grid = timing.grid;
         } else {
             track.prerollUs = prerollUs(parameters);
@@ -203,6 +207,28 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     track.format = makeTrackFormat(context, stream, facts);
     if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
     return track;
+}
+
+// Nothing when an edit list leaves samples out: then another sample is the last one that is shown.
+std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& lengths,
+                                            const Demuxer& demuxer, AVStream& stream) {
+    const auto length = std::find_if(lengths.begin(), lengths.end(), [&](const auto& each) {
+        return static_cast<int64_t>(each.trackId) == stream.id;
+    });
+    const int entries = avformat_index_get_entries_count(&stream);
+    if (!isKind(stream, AVMEDIA_TYPE_VIDEO) || length == lengths.end() || entries < 1 ||
+        length->samples != entries) {
+        return std::nullopt;
+    }
+    TrackInfo::Ending ending;
+    ending.lastDts = avformat_index_get_entry(&stream, entries - 1)->timestamp;
+    // The decoding times of reordered frames do not say when the last one ends.
+    ending.endUs = length->presentationUs;
+    if (stream.codecpar->video_delay == 0) {
+        const int64_t start = stream.start_time == AV_NOPTS_VALUE ? 0 : stream.start_time;
+        ending.endUs = demuxer.toUs(stream.index, av_sat_add64(start, length->durationTicks));
+    }
+    return ending;
 }
 
 void findDelays(const std::vector<TrackInfo>& tracks) {
@@ -218,11 +244,13 @@ void findDelays(const std::vector<TrackInfo>& tracks) {
 }  // namespace
 
 status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info) {
-    const auto demuxer = Demuxer::open(file, Demuxer::Study::kStreams);
-    if (demuxer == nullptr) return ERROR_UNSUPPORTED;
+    const Demuxer::Opened opened = Demuxer::open(file, Demuxer::Study::kStreams);
+    if (opened.demuxer == nullptr) return opened.status;
+    Demuxer* const demuxer = opened.demuxer.get();
     TopLevelBoxes boxes;
     if (demuxer->isIsoFile()) {
         boxes = readTopLevelBoxes(*file);
+        if (file->status() != OK) return ERROR_IO;
         if (boxes.movieBytes == 0) return ERROR_UNSUPPORTED;
     }
     AVFormatContext& context = demuxer->context();
@@ -232,7 +260,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         forgetRefused(context.streams[i]);
         const AVStream& stream = *context.streams[i];
-        durationsUs[i] = statedDurationUs(demuxer.get(), stream);
+        durationsUs[i] = statedDurationUs(demuxer, stream);
         hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isMovingPicture(stream);
         complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
     }
@@ -245,14 +273,18 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     const sp<DecodeOrder> order = new DecodeOrder;
     std::shared_ptr<TimeJumps> jumps;
     if (demuxer->clockMayJump()) jumps = std::make_shared<TimeJumps>();
+    std::vector<IsoTrackLength> lengths;
+    if (boxes.movieBytes > 0) lengths = readTrackLengths(*file, boxes.movieOffset);
     bool studyFrames = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
-        found.tracks.push_back(
-            describeTrack(demuxer.get(), stream, durationsUs[i], studyFrames, order));
+        found.tracks.push_back(describeTrack(demuxer, stream, durationsUs[i], studyFrames, order));
         found.tracks.back().jumps = jumps;
+        found.tracks.back().ending = findEnding(lengths, *demuxer, stream);
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
     }
+    // The studies above take what they get.
+    if (file->status() != OK) return ERROR_IO;
     findDelays(found.tracks);
     *info = std::move(found);
     return OK;

@@ -31,6 +31,15 @@ struct TrackInfo {
     // How far before a seek's target its decoder has to begin.
     int64_t prerollUs = 0;
     size_t maxSampleBytes = 0;
+    // Of video, where the container states it: the decoding time of the last sample, in the
+    // stream's time base, and when the track ends, on the file's own time line. The duration that
+    // libavformat gives the last sample is off by what an edit list moves, and means little where
+    // frames are reordered.
+    struct Ending {
+        int64_t lastDts;
+        int64_t endUs;
+    };
+    std::optional<Ending> ending;
     // How many pictures can precede one in decoding order and follow it on the screen.
     size_t reorderDepth = 0;
     // For video of a constant rate.
@@ -46,7 +55,8 @@ struct InputInfo {
     bool zeroIsFixed = false;
 };
 
-// ERROR_UNSUPPORTED for what is no container of moving pictures or sound.
+// ERROR_UNSUPPORTED for what is no container of audio or video, ERROR_IO when the file cannot be
+// read, NO_MEMORY when memory is short.
 status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info);
 
 }  // namespace qmmediaeditor

@@ -7,6 +7,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "host/media/UuidBox.h"
@@ -18,17 +19,19 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
-#define LOG_TAG "Writer"
-
 namespace android {
 namespace qmmediaeditor {
 
 namespace {
 
+constexpr char kLogTag[] = "Writer";
 constexpr int32_t k3gpFileType = 1;
 // A multiple of every usual frame rate, of 30000/1001 too.
 constexpr int kVideoTicksPerSecond = 90000;
 constexpr int kDefaultFrameRate = 30;
+// Samples that are held back for another track. Two tracks of a session run within a batch of each
+// other, so only a track with a long pause comes near it.
+constexpr size_t kMaxHeldBytes = 16 << 20;
 
 struct Codec {
     const char* const& mime;
@@ -140,8 +143,8 @@ int closeWritten(AVFormatContext*, AVIOContext* io) {
 
 }  // namespace
 
-MuxedFile::MuxedFile(std::unique_ptr<OutputFile> output)
-    : mOutput(std::move(output)), mPacket(av_packet_alloc()) {}
+MuxedFile::MuxedFile(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session)
+    : mOutput(std::move(output)), mSession(std::move(session)) {}
 
 MuxedFile::~MuxedFile() = default;
 
@@ -179,10 +182,7 @@ status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieB
     Mutex::Autolock lock(mLock);
     const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
     AVFormatContext* context = nullptr;
-    if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0 ||
-        mPacket == nullptr) {
-        return NO_MEMORY;
-    }
+    if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
     mContext.reset(context);
     context->pb = &mOutput->io();
     context->opaque = mOutput.get();
@@ -206,6 +206,7 @@ status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieB
     if (result < 0 && keep(result) != OK && context->pb->error == 0) return mError;
     mHasHeader = result >= 0;
     for (Track& track : mTracks) startClock(&track);
+    mInterleaver = std::make_unique<PacketInterleaver>(mTracks.size(), kMaxHeldBytes);
     return OK;
 }
 
@@ -244,25 +245,83 @@ status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, 
                                 bool isSync) {
     Mutex::Autolock lock(mLock);
     if (mError != OK || size == 0) return mError;
+    const bool isFirst = std::none_of(mTracks.begin(), mTracks.end(),
+                                      [](const Track& each) { return each.hasSamples; });
+    if (isFirst && observer() != nullptr) observer()->onFirstSample();
     Track& track = mTracks.at(index);
     const SampleClock::Stamp stamp = track.clock->stamp(timeUs);
-    AVPacket* packet = mPacket.get();
-    av_packet_unref(packet);
+    PacketPtr packet(av_packet_alloc());
+    if (packet == nullptr || av_new_packet(packet.get(), static_cast<int>(size)) < 0) {
+        return keep(NO_MEMORY);
+    }
+    memcpy(packet->data, data, size);
     packet->stream_index = track.stream->index;
-    packet->data = const_cast<uint8_t*>(data);
-    packet->size = static_cast<int>(size);
     packet->pts = packet->dts = stamp.ticks;
     packet->duration = stamp.durationTicks;
     packet->flags = isSync ? AV_PKT_FLAG_KEY : 0;
+    // Samples of one track stay in order where their timestamps do not rise.
+    track.lastTimeUs = track.hasSamples ? std::max(timeUs, track.lastTimeUs) : timeUs;
     track.hasSamples = true;
-    const int result = av_write_frame(mContext.get(), packet);
-    packet->data = nullptr;
-    packet->size = 0;
-    return keep(result);
+    const int64_t durationUs =
+        av_rescale_q(stamp.durationTicks, track.stream->time_base, {1, 1000000});
+    mInterleaver->push({index, std::move(packet), track.lastTimeUs, track.lastTimeUs + durationUs});
+    return writeSettled();
+}
+
+status_t MuxedFile::endTrack(size_t index) {
+    Mutex::Autolock lock(mLock);
+    const Track& track = mTracks.at(index);
+    if (mInterleaver == nullptr || !hasAllSamples(track)) return mError;
+    const PacketInterleaver::Held* last = mInterleaver->last(index);
+    std::optional<int64_t> endUs;
+    if (last != nullptr && isVideo(*track.parameters) && mSession != nullptr) {
+        endUs = mSession->videoEndUs(last->timeUs);
+    }
+    const bool isKnown = endUs && *endUs > last->timeUs;
+    endAt(index, isKnown ? *endUs : last == nullptr ? 0 : last->endUs);
+    if (isKnown && observer() != nullptr) observer()->onVideoEnd(*endUs);
+    return writeSettled();
+}
+
+bool MuxedFile::hasAllSamples(const Track& track) const {
+    return mSession == nullptr || mSession->isComplete(isVideo(*track.parameters));
+}
+
+// Audio samples are as long as their codec makes them; only a video frame is as long as it is
+// shown.
+void MuxedFile::endAt(size_t index, int64_t endUs) {
+    const Track& track = mTracks[index];
+    const PacketInterleaver::Held* last = mInterleaver->last(index);
+    if (last != nullptr && isVideo(*track.parameters)) {
+        AVPacket& packet = *last->packet;
+        packet.duration = std::max<int64_t>(track.clock->ticksAt(endUs) - packet.dts, 1);
+    }
+    mInterleaver->end(index, endUs);
+}
+
+void MuxedFile::cutStoppedTracks() {
+    mInterleaver->cutAt(mInterleaver->commonEndUs());
+    for (size_t i = 0; i < mTracks.size(); ++i) {
+        const PacketInterleaver::Held* last = mInterleaver->last(i);
+        endAt(i, last == nullptr ? 0 : last->endUs);
+    }
+}
+
+status_t MuxedFile::writeSettled() {
+    while (mError == OK) {
+        const std::optional<PacketInterleaver::Held> next = mInterleaver->pop();
+        if (!next) break;
+        keep(av_write_frame(mContext.get(), next->packet.get()));
+    }
+    return mError;
 }
 
 status_t MuxedFile::finish(const std::vector<uint8_t>& boxes) {
     Mutex::Autolock lock(mLock);
+    if (mInterleaver != nullptr) {
+        cutStoppedTracks();
+        writeSettled();
+    }
     if (mHasHeader) {
         keep(av_write_trailer(mContext.get()));
         mHasHeader = false;
@@ -299,7 +358,8 @@ status_t MuxedFile::nameVp8Entries() {
 status_t MuxedFile::keep(int result) {
     if (result >= 0 || mError != OK) return mError;
     mError = result > -4096 ? result : ERROR_MALFORMED;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "writing fails: %d", mError);
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "writing fails: %d", mError);
+    if (observer() != nullptr && result > -4096) observer()->onWriteError(-result);
     return mError;
 }
 

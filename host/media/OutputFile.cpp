@@ -137,16 +137,20 @@ AVIOContext* OutputFile::openForReading() {
 
 std::shared_ptr<const InputFile> OutputFile::written() {
     avio_flush(mIo.get());
-    return isReadable() ? InputFile::open(mReading->fd, 0, mWriting->sizeBytes) : nullptr;
+    return isReadable() ? InputFile::open(mReading->fd, 0, mWriting->sizeBytes).file : nullptr;
 }
 
 status_t OutputFile::finish() {
+    if (mWriting->fd < 0) return mWriting->error;
     avio_flush(mIo.get());
     // Not every descriptor can be cut; a fresh file has nothing to cut off either.
     if (mWriting->error == 0 && ftruncate(mWriting->fd, mWriting->sizeBytes) != 0 &&
         errno != EINVAL) {
         mWriting->fail();
     }
+    // Network file systems report a failed write as late as here.
+    if (close(mWriting->fd) != 0 && mWriting->error == 0) mWriting->fail();
+    mWriting->fd = -1;
     return mWriting->error;
 }
 

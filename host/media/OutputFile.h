@@ -28,8 +28,8 @@ public:
     AVIOContext* openForReading();
     std::shared_ptr<const InputFile> written();
 
-    // Writes what is still in memory and cuts off what the file held before. The first error since
-    // open, or 0.
+    // Writes what is still in memory, cuts off what the file held before and closes the duplicate.
+    // The first error since open, or 0.
     status_t finish();
 
 private:

@@ -28,8 +28,10 @@ SampleClock::SampleClock(int64_t ticksPerSecond, int64_t frameTicks, int64_t usu
       mToleranceTicks(toTicks(kToleranceUs, ticksPerSecond)),
       mDurationTicks(std::max<int64_t>(frameTicks > 0 ? frameTicks : usualTicks, 1)) {}
 
+int64_t SampleClock::ticksAt(int64_t timeUs) const { return toTicks(timeUs, mTicksPerSecond); }
+
 SampleClock::Stamp SampleClock::stamp(int64_t timeUs) {
-    int64_t ticks = toTicks(timeUs, mTicksPerSecond);
+    int64_t ticks = ticksAt(timeUs);
     if (mLastTicks.has_value()) {
         const int64_t expected = *mLastTicks + mFrameTicks;
         if (mFrameTicks > 0 && std::abs(ticks - expected) <= mToleranceTicks) ticks = expected;

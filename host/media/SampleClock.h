@@ -25,6 +25,7 @@ public:
         int64_t durationTicks = 0;
     };
     Stamp stamp(int64_t timeUs);
+    int64_t ticksAt(int64_t timeUs) const;
 
 private:
     const int64_t mTicksPerSecond;

@@ -86,6 +86,9 @@ void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackFacts& 
     format->setInt32("width", size.width);
     format->setInt32("height", size.height);
     format->setInt32("frame-rate", facts.frameRate);
+    if (facts.averageFrameRate > 0) {
+        format->setFloat("average-frame-rate", static_cast<float>(facts.averageFrameRate));
+    }
     if (const int degrees = rotationDegrees(stream); degrees != 0) {
         format->setInt32("rotation-degrees", degrees);
     }

@@ -14,14 +14,16 @@ namespace qmmediaeditor {
 struct TrackFacts {
     int64_t durationUs = 0;
     int32_t maxSampleBytes = 0;
-    // Video: frames a second, rounded up.
+    // Video: frames per second, rounded up; for a variable rate that of the closest frames.
     int frameRate = 0;
+    // Video of a variable rate: frames per second on average, 0 when not known.
+    double averageFrameRate = 0;
 };
 
 // "mime", "durationUs", "max-input-size", and of what is known: "bitrate", the codec-specific data,
 // and
-//   video: "width" and "height" with square pixels, "frame-rate", "rotation-degrees" (clockwise,
-//   when not 0),
+//   video: "width" and "height" with square pixels, "frame-rate", "average-frame-rate" (float;
+//   where the rate varies), "rotation-degrees" (clockwise, when not 0),
 //          "android._is-hdr" (1 for PQ and HLG);
 //   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded sound: 16).
 sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream, const TrackFacts& facts);

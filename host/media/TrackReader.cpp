@@ -1,32 +1,34 @@
 #include "host/media/TrackReader.h"
 
 #include <android/log.h>
+#include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 
-#define LOG_TAG "Extractor"
-
 namespace android {
 namespace qmmediaeditor {
 
 namespace {
 
+constexpr char kLogTag[] = "Extractor";
 constexpr AVRational kMicroseconds = {1, 1000000};
 constexpr size_t kMaxReorderDepth = 16;
 constexpr int64_t kFirstStepBackUs = 500000;
 
 }  // namespace
 
-std::unique_ptr<TrackReader> TrackReader::open(const std::shared_ptr<const InputFile>& file,
-                                               const TrackInfo& track) {
+TrackReader::Opened TrackReader::open(const std::shared_ptr<const InputFile>& file,
+                                      const TrackInfo& track) {
     std::unique_ptr<TrackReader> reader(new TrackReader(file, track));
-    if (reader->mPacket == nullptr || !reader->reopen()) return nullptr;
-    return reader;
+    if (reader->mPacket == nullptr) return {nullptr, NO_MEMORY};
+    if (const status_t status = reader->reopen(); status != OK) return {nullptr, status};
+    return {std::move(reader), OK};
 }
 
 TrackReader::TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track)
@@ -37,24 +39,26 @@ TrackReader::TrackReader(const std::shared_ptr<const InputFile>& file, const Tra
 
 TrackReader::~TrackReader() = default;
 
-bool TrackReader::reopen() {
+status_t TrackReader::reopen() {
     forgetPosition();
     mAtStart = true;
     mEnded = true;
-    mDemuxer = Demuxer::open(mFile, Demuxer::Study::kHeader);
-    if (mDemuxer != nullptr && !mDemuxer->headerIsEnough()) {
-        mDemuxer = Demuxer::open(mFile, Demuxer::Study::kStreams);
+    Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::Study::kHeader);
+    if (opened.demuxer != nullptr && !opened.demuxer->headerIsEnough()) {
+        opened = Demuxer::open(mFile, Demuxer::Study::kStreams);
     }
-    if (mDemuxer == nullptr) return false;
+    mStatus = opened.status;
+    mDemuxer = std::move(opened.demuxer);
+    if (mDemuxer == nullptr) return mStatus;
     const AVFormatContext& context = mDemuxer->context();
     const auto index = static_cast<unsigned>(mTrack.streamIndex);
     if (index >= context.nb_streams ||
         context.streams[index]->codecpar->codec_type != mTrack.source->parameters().codec_type) {
-        return false;
+        return mStatus = ERROR_MALFORMED;
     }
     mDemuxer->keepOnly(mTrack.streamIndex);
     mEnded = false;
-    return true;
+    return OK;
 }
 
 const AVPacket* TrackReader::head() {
@@ -63,8 +67,13 @@ const AVPacket* TrackReader::head() {
 }
 
 int64_t TrackReader::durationUs() const {
+    if (isLast() && mTrack.reorderDepth == 0 && mTrack.ending->endUs > mPresentationTimeUs) {
+        return mTrack.ending->endUs - mPresentationTimeUs;
+    }
     return std::max<int64_t>(mDemuxer->toUs(mTrack.streamIndex, mPacket->duration), 0);
 }
+
+bool TrackReader::isLast() const { return mTrack.ending && mPacket->dts == mTrack.ending->lastDts; }
 
 PacketPtr TrackReader::headProperties(int64_t originUs) const {
     PacketPtr properties(av_packet_alloc());
@@ -107,14 +116,15 @@ void TrackReader::advance() {
 bool TrackReader::readHead() {
     if (mEnded) return false;
     mAtStart = false;
-    while (mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) {
+    while ((mStatus = mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) == OK) {
         // The buffers were made for what the track's format announced.
         if (static_cast<size_t>(mPacket->size) <= mTrack.maxSampleBytes) return mHasHead = true;
-        __android_log_print(ANDROID_LOG_WARN, LOG_TAG,
+        __android_log_print(ANDROID_LOG_WARN, kLogTag,
                             "track %d: a sample of %d bytes is passed over", mTrack.streamIndex,
                             mPacket->size);
     }
     mEnded = true;
+    if (mStatus == ERROR_END_OF_STREAM) mStatus = OK;
     return false;
 }
 
@@ -197,6 +207,7 @@ bool TrackReader::seekDemuxer(int64_t timeUs) {
     const int64_t time = av_rescale_q_rnd(timeUs, kMicroseconds, timeBase, AV_ROUND_DOWN);
     forgetPosition();
     mAtStart = mEnded = false;
+    mStatus = OK;
     return av_seek_frame(&context, mTrack.seekStreamIndex, time, AVSEEK_FLAG_BACKWARD) >= 0;
 }
 

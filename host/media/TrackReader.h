@@ -21,21 +21,28 @@ namespace qmmediaeditor {
 
 class TrackReader {
 public:
-    // Null when the file cannot be opened again.
-    static std::unique_ptr<TrackReader> open(const std::shared_ptr<const InputFile>& file,
-                                             const TrackInfo& track);
+    struct Opened {
+        std::unique_ptr<TrackReader> reader;  // null unless status is OK
+        status_t status;
+    };
+    static Opened open(const std::shared_ptr<const InputFile>& file, const TrackInfo& track);
     ~TrackReader();
 
-    // The sample that comes next; null at the end.
+    // The sample that comes next; null at the end and after a failure.
     const AVPacket* head();
+    // OK, ERROR_IO when the file cannot be read, or NO_MEMORY. Lasts until the next seek, a read
+    // error for ever.
+    status_t status() const { return mStatus; }
     // Of the head. No sample from it on is shown before orderTimeUs; for sound the two times are
     // the same.
     int64_t orderTimeUs() const { return mOrderTimeUs; }
     // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
     // Null when memory is short.
     PacketPtr headProperties(int64_t originUs) const;
-    // 0 when it is not known.
+    // Of the head; 0 when it is not known.
     int64_t durationUs() const;
+    // The head is the last sample of its track. False where the container does not say.
+    bool isLast() const;
     void advance();
 
     // To the last sync sample that the file's index names at or before `timeUs`, or an earlier one;
@@ -45,7 +52,7 @@ public:
 
 private:
     TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track);
-    bool reopen();
+    status_t reopen();
     bool readHead();
     void stampHead();
     int64_t statedTime();
@@ -67,6 +74,7 @@ private:
     bool mHasHead = false;
     bool mAtStart = true;  // nothing has been read since the file was opened
     bool mEnded = false;   // nothing follows until the next seek
+    status_t mStatus = OK;
     // A lower bound of it when it is not stated.
     int64_t mPresentationTimeUs = 0;
     bool mIsTimeStated = false;

@@ -34,6 +34,21 @@ void TrackSource::announce(int64_t timeUs, PacketPtr properties) {
     mOrder->advancePosition(timeUs);
 }
 
+void TrackSource::advanceTo(int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    mExtent.continuesAtUs = std::max(mExtent.continuesAtUs, timeUs);
+}
+
+void TrackSource::setEnd(int64_t endUs) {
+    Mutex::Autolock lock(mLock);
+    mExtent.endUs = endUs;
+}
+
+TrackSource::Extent TrackSource::extent() {
+    Mutex::Autolock lock(mLock);
+    return mExtent;
+}
+
 void TrackSource::keepNotes() {
     Mutex::Autolock lock(mLock);
     mKeepsNotes = true;

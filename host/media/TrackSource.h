@@ -14,6 +14,7 @@
 #include <utils/RefBase.h>
 
 #include <deque>
+#include <optional>
 
 #include "host/media/DecodeOrder.h"
 #include "host/media/FFmpegPointers.h"
@@ -58,6 +59,17 @@ public:
     // track, is shown before that time. The sample belongs to the order's current time line.
     void announce(int64_t timeUs, PacketPtr properties);
 
+    // For the extractor: frames or audio that are shown at `timeUs` or later follow in the file.
+    void advanceTo(int64_t timeUs);
+    // For the extractor, with the last sample: when the track ends.
+    void setEnd(int64_t endUs);
+    // For the decoder, at the end of stream.
+    struct Extent {
+        int64_t continuesAtUs = INT64_MIN;  // the latest time given to advanceTo
+        std::optional<int64_t> endUs;
+    };
+    Extent extent();
+
     // For the decoder, before samples are queued. Who reads a file without decoding it takes no
     // notes: until then, only the last one is kept.
     void keepNotes();
@@ -78,6 +90,7 @@ private:
     Mutex mLock;
     std::deque<SampleNote> mNotes GUARDED_BY(mLock);
     bool mKeepsNotes GUARDED_BY(mLock) = false;
+    Extent mExtent GUARDED_BY(mLock);
 };
 
 }  // namespace qmmediaeditor

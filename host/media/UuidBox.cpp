@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "host/media/InputFile.h"
+#include "host/media/IsoBoxes.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -10,55 +11,18 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr size_t kHeaderBytes = 8;
-constexpr size_t kLargeHeaderBytes = 16;
 constexpr size_t kTypeBytes = 16;
 constexpr size_t kMaxUuidBytes = 64 << 20;
 // Bounds the walk over a file that consists of tiny boxes.
 constexpr int kMaxBoxes = 100000;
 
-struct Box {
-    uint32_t type = 0;
-    int64_t payloadOffset = 0;
-    int64_t endOffset = 0;
-};
-
-constexpr uint32_t fourCc(char a, char b, char c, char d) {
-    return static_cast<uint32_t>(a) << 24 | static_cast<uint32_t>(b) << 16 |
-           static_cast<uint32_t>(c) << 8 | static_cast<uint32_t>(d);
-}
 constexpr uint32_t kUuid = fourCc('u', 'u', 'i', 'd');
 constexpr uint32_t kMovie = fourCc('m', 'o', 'o', 'v');
-
-uint32_t get32(const uint8_t* data) {
-    return static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
-           static_cast<uint32_t>(data[2]) << 8 | data[3];
-}
 
 void put32(uint32_t value, std::vector<uint8_t>* out) {
     for (int shift = 24; shift >= 0; shift -= 8) {
         out->push_back(static_cast<uint8_t>(value >> shift));
     }
-}
-
-// A size of 1 is followed by 64 bits that hold the real one, and 0 means: to the end of the file.
-bool readBox(const InputFile& file, int64_t offset, Box* box) {
-    uint8_t header[kLargeHeaderBytes];
-    if (!file.readFully(offset, header, kHeaderBytes)) return false;
-    const uint32_t shortSize = get32(header);
-    uint64_t size = shortSize;
-    size_t headerBytes = kHeaderBytes;
-    if (shortSize == 1) {
-        headerBytes = kLargeHeaderBytes;
-        if (!file.readFully(offset, header, headerBytes)) return false;
-        size = static_cast<uint64_t>(get32(header + 8)) << 32 | get32(header + 12);
-    } else if (shortSize == 0) {
-        size = static_cast<uint64_t>(file.sizeBytes() - offset);
-    }
-    if (size < headerBytes || size > static_cast<uint64_t>(file.sizeBytes() - offset)) return false;
-    box->type = get32(header + 4);
-    box->payloadOffset = offset + static_cast<int64_t>(headerBytes);
-    box->endOffset = offset + static_cast<int64_t>(size);
-    return true;
 }
 
 void appendBox(const uint8_t* content, size_t size, std::vector<uint8_t>* out) {
@@ -84,17 +48,19 @@ TopLevelBoxes readTopLevelBoxes(const InputFile& file) {
     TopLevelBoxes result;
     std::vector<std::vector<uint8_t>> contents;
     size_t totalBytes = 0;
-    Box box;
     int64_t offset = 0;
-    for (int i = 0; i < kMaxBoxes && readBox(file, offset, &box); ++i, offset = box.endOffset) {
-        if (box.type == kMovie && result.movieBytes == 0) {
-            result.movieOffset = offset;
-            result.movieBytes = box.endOffset - offset;
+    for (int i = 0; i < kMaxBoxes; ++i) {
+        const std::optional<IsoBox> box = readBox(file, offset, file.sizeBytes());
+        if (!box) break;
+        offset = box->endOffset;
+        if (box->type == kMovie && result.movieBytes == 0) {
+            result.movieOffset = box->offset;
+            result.movieBytes = box->endOffset - box->offset;
         }
-        const auto size = static_cast<uint64_t>(box.endOffset - box.payloadOffset);
-        if (box.type != kUuid || size < kTypeBytes || size > kMaxUuidBytes - totalBytes) continue;
+        const auto size = static_cast<uint64_t>(box->endOffset - box->payloadOffset);
+        if (box->type != kUuid || size < kTypeBytes || size > kMaxUuidBytes - totalBytes) continue;
         std::vector<uint8_t> content(static_cast<size_t>(size));
-        if (!file.readFully(box.payloadOffset, content.data(), content.size())) break;
+        if (!file.readFully(box->payloadOffset, content.data(), content.size())) break;
         totalBytes += content.size();
         contents.push_back(std::move(content));
     }

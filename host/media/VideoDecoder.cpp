@@ -69,6 +69,14 @@ PicturePlanes planesOf(const AVFrame& frame) {
     return planes;
 }
 
+int64_t durationOf(const AVFrame& frame) {
+#if LIBAVUTIL_VERSION_MAJOR < 58
+    return frame.pkt_duration;
+#else
+    return frame.duration;
+#endif
+}
+
 void copyPicture(const AVFrame& from, const AVFrame& to) {
     for (int i = 0; i < 3; ++i) {
         const int shift = i == 0 ? 0 : 1;
@@ -79,7 +87,8 @@ void copyPicture(const AVFrame& from, const AVFrame& to) {
 
 }  // namespace
 
-VideoDecoder::VideoDecoder() : mFrame(av_frame_alloc()) {}
+VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session)
+    : mSession(std::move(session)), mFrame(av_frame_alloc()) {}
 
 VideoDecoder::~VideoDecoder() {
     if (mUnconverted > 0) {
@@ -112,6 +121,11 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     format->findInt32("width", &mWidth);
     format->findInt32("height", &mHeight);
     format->findInt32("frame-rate", &mFrameRate);
+    mSource = TrackSource::find(format);
+    float averageFrameRate = 0;
+    if (mSession != nullptr && format->findFloat("average-frame-rate", &averageFrameRate)) {
+        mSession->setAverageFrameRate(static_cast<double>(averageFrameRate));
+    }
     if (mWidth > 0 && mHeight > 0) setLayout(mWidth, mHeight);
 
     ports->inputCount = kInputCount;
@@ -205,6 +219,10 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
                     return Step::kFailed;
                 case PacketDecoder::Received::kEnd:
                     mInside.clear();
+                    if (mSession != nullptr && mSource != nullptr) {
+                        const TrackSource::Extent extent = mSource->extent();
+                        mSession->endVideo(extent.continuesAtUs, extent.endUs);
+                    }
                     output->timeUs = mLastTimeUs;
                     output->timeLine = mTimeLine;
                     return Step::kEnd;
@@ -226,8 +244,12 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
         output->buffer = workingPicture();
         output->timeUs = mLastTimeUs;
         output->timeLine = mTimeLine;
+        const int64_t durationUs = durationOf(*mFrame);
         av_frame_unref(mFrame.get());
-        if (output->buffer != nullptr) return Step::kOutput;
+        if (output->buffer != nullptr) {
+            if (mSession != nullptr) mSession->addFrame(mLastTimeUs, durationUs);
+            return Step::kOutput;
+        }
         mUnconverted++;
     }
 }

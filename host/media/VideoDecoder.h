@@ -13,13 +13,15 @@
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketDecoder.h"
 #include "host/media/PicturePool.h"
+#include "host/media/SessionTimeline.h"
 
 namespace android {
 namespace qmmediaeditor {
 
 class VideoDecoder : public CodecEngine {
 public:
-    VideoDecoder();
+    // `session` may be null.
+    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -39,12 +41,14 @@ private:
     int64_t timeOf(const AVFrame& frame) const;
     sp<ABuffer> workingPicture();
 
+    const std::shared_ptr<SessionTimeline> mSession;
     const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
     PictureConverter mConverter;
 
     Mutex mPoolLock;
     std::shared_ptr<PicturePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
+    sp<TrackSource> mSource;  // null for a format that no extractor made
     sp<AMessage> mFormat;
     int mWidth = 0;  // of what goes out, when the format says it
     int mHeight = 0;

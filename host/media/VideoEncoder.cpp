@@ -86,12 +86,14 @@ struct VideoEncoder::Wanted {
     }
 
     int groupOfPictures() const {
-        if (keyFrameSeconds < 0) return kMaxGroupOfPictures;
+        // Where the rate varies, timestamps alone say when a key frame is due.
+        if (keyFrameSeconds < 0 || variableRate) return kMaxGroupOfPictures;
         const double pictures = keyFrameSeconds * frameRate;
         return static_cast<int>(std::clamp(pictures, 1.0, double{kMaxGroupOfPictures}));
     }
 
     bool possible = false;
+    bool variableRate = false;
     int32_t width = 0;
     int32_t height = 0;
     int32_t keyFrameSeconds = 1;
@@ -101,8 +103,11 @@ struct VideoEncoder::Wanted {
     int64_t bitRate = 0;   // bits a second
 };
 
-VideoEncoder::VideoEncoder(const std::string& avcPreset)
-    : mAvcPreset(avcPreset), mFrame(av_frame_alloc()), mLast{-1, -1} {}
+VideoEncoder::VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session)
+    : mAvcPreset(avcPreset),
+      mSession(std::move(session)),
+      mFrame(av_frame_alloc()),
+      mLast{-1, -1} {}
 
 VideoEncoder::~VideoEncoder() = default;
 
@@ -110,7 +115,14 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     if (mFrame == nullptr) return NO_MEMORY;
     AString mime;
     if (!format->findString("mime", &mime)) return BAD_VALUE;
-    const Wanted wanted(*format);
+    Wanted wanted(*format);
+    // Levels and bits per frame follow from how many frames come, not from how close they may be.
+    const double average = mSession == nullptr ? 0 : mSession->averageFrameRate();
+    if (average > 0) {
+        wanted.frameRate = std::min(wanted.frameRate, average);
+        wanted.variableRate = true;
+    }
+    mKeyFrameIntervalUs = int64_t{std::max(wanted.keyFrameSeconds, 0)} * kMicroseconds;
     const bool tooLarge = mime.equalsIgnoreCase(MEDIA_MIMETYPE_VIDEO_MPEG4) &&
                           std::max(wanted.width, wanted.height) > kMaxMpeg4Dimension;
     if (!wanted.possible || tooLarge) {
@@ -187,6 +199,8 @@ void VideoEncoder::setParameters(const Wanted& wanted) {
 
 void VideoEncoder::setAvcOptions(const Wanted& wanted, AVDictionary** options) const {
     av_dict_set(options, "preset", mAvcPreset.c_str(), 0);
+    // A key frame that is asked for is one to seek to.
+    av_dict_set(options, "forced-idr", "1", 0);
     const char* profile = avcProfileName(wanted.profileBit);
     if (profile != nullptr) av_dict_set(options, "profile", profile, 0);
     AvcDemand demand;
@@ -220,6 +234,16 @@ int64_t VideoEncoder::timeOf(int64_t pts) {
     return timeUs;
 }
 
+// The encoder's own interval counts frames, which tells nothing where their rate varies.
+bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
+    // Timestamps are rounded to microseconds.
+    constexpr int64_t kRoundingUs = 2;
+    if (mKeyFrameIntervalUs == 0) return false;
+    if (mKeyFrameUs && timeUs + kRoundingUs < *mKeyFrameUs + mKeyFrameIntervalUs) return false;
+    mKeyFrameUs = timeUs;
+    return true;
+}
+
 status_t VideoEncoder::accept(CodecInput input) {
     // The size that the caller computes drops the half samples of an odd picture; the buffer has
     // them.
@@ -248,7 +272,9 @@ status_t VideoEncoder::accept(CodecInput input) {
     frame->data[0] = data;
     frame->data[1] = data + static_cast<ptrdiff_t>(mWidth) * mHeight;
     frame->data[2] = frame->data[1] + static_cast<ptrdiff_t>(chromaStride) * ((mHeight + 1) / 2);
-    frame->pts = stampOf(input.timeUs).pts;
+    const Stamp stamp = stampOf(input.timeUs);
+    frame->pts = stamp.pts;
+    frame->pict_type = isKeyFrameDue(stamp.timeUs) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
 
     auto* lease = new std::shared_ptr<const void>(std::move(input.lease));
     frame->buf[0] =
@@ -259,6 +285,9 @@ status_t VideoEncoder::accept(CodecInput input) {
     }
     const status_t status = mEncoder.send(frame);
     av_frame_unref(frame);
+    if (status == OK && mSession != nullptr && mSession->observer() != nullptr) {
+        mSession->observer()->onFrameEncoded(stamp.timeUs);
+    }
     return status;
 }
 

@@ -7,19 +7,22 @@
 #include <stdint.h>
 
 #include <deque>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "host/foundation/PictureMemory.h"
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketEncoder.h"
+#include "host/media/SessionTimeline.h"
 
 namespace android {
 namespace qmmediaeditor {
 
 class VideoEncoder : public CodecEngine {
 public:
-    // `avcPreset` in x264's words.
-    explicit VideoEncoder(const std::string& avcPreset);
+    // `avcPreset` is one of x264's; `session` may be null.
+    VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session);
     ~VideoEncoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -41,8 +44,10 @@ private:
     void setAvcOptions(const Wanted& wanted, AVDictionary** options) const;
     Stamp stampOf(int64_t timeUs);
     int64_t timeOf(int64_t pts);
+    bool isKeyFrameDue(int64_t timeUs);
 
     const std::string mAvcPreset;
+    const std::shared_ptr<SessionTimeline> mSession;
     PacketEncoder mEncoder;
     const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
@@ -54,6 +59,8 @@ private:
 
     std::deque<Stamp> mInside;
     Stamp mLast;
+    int64_t mKeyFrameIntervalUs = 0;  // 0 for no interval
+    std::optional<int64_t> mKeyFrameUs;
 };
 
 }  // namespace qmmediaeditor

@@ -27,7 +27,7 @@ constexpr int64_t kEndWaitUs = 100000;
 
 class FileWriter final : public MediaWriter {
 public:
-    FileWriter(int fd, bool movieBoxFirst);
+    FileWriter(int fd, bool movieBoxFirst, std::shared_ptr<SessionTimeline> session);
 
     status_t addSource(const sp<MediaSource>& source) override;
     status_t start(MetaData* params) override;
@@ -71,9 +71,11 @@ private:
     std::atomic<bool> mFailed{false};
 };
 
-FileWriter::FileWriter(int fd, bool movieBoxFirst) : mMovieBoxFirst(movieBoxFirst) {
+FileWriter::FileWriter(int fd, bool movieBoxFirst, std::shared_ptr<SessionTimeline> session)
+    : mMovieBoxFirst(movieBoxFirst) {
     auto output = OutputFile::open(fd);
-    if (output != nullptr) mFile = std::make_unique<MuxedFile>(std::move(output));
+    if (output == nullptr) return;
+    mFile = std::make_unique<MuxedFile>(std::move(output), std::move(session));
 }
 
 FileWriter::~FileWriter() { stop(); }
@@ -143,7 +145,11 @@ void FileWriter::runTrack(size_t index, const sp<MediaSource>& source) {
     while (!mFailed) {
         MediaBufferBase* buffer = nullptr;
         status_t result = source->read(&buffer);
-        if (result == ERROR_END_OF_STREAM) break;
+        if (result == ERROR_END_OF_STREAM) {
+            result = mFile->endTrack(index);
+            if (result != OK) reportError(result);
+            break;
+        }
         if (result == OK && buffer != nullptr) {
             result = write(index, buffer);
             // The source has this one buffer and waits for it.
@@ -206,8 +212,9 @@ void FileWriter::setUuidData(const uint8_t* data, size_t size) {
 
 }  // namespace
 
-sp<MediaWriter> createFileWriter(int fd, const HostOptions& options) {
-    return new FileWriter(fd, options.fastStart);
+sp<MediaWriter> createFileWriter(int fd, const HostOptions& options,
+                                 const std::shared_ptr<SessionTimeline>& session) {
+    return new FileWriter(fd, options.fastStart, session);
 }
 
 void setWriterUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) {

@@ -6,6 +6,7 @@
 #include <utils/CallStack.h>
 
 #include <atomic>
+#include <utility>
 
 namespace android::qmmediaeditor {
 
@@ -30,9 +31,9 @@ void FatalCheckTrap::onFailure(const char* message) {
     pthread_exit(nullptr);
 }
 
-std::vector<std::string> FatalCheckTrap::elsewhere() const {
+std::vector<std::string> FatalCheckTrap::elsewhere() {
     std::lock_guard<std::mutex> guard(mLock);
-    return mElsewhere;
+    return std::exchange(mElsewhere, {});
 }
 
 }  // namespace android::qmmediaeditor

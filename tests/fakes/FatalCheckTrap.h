@@ -21,8 +21,8 @@ public:
     FatalCheckTrap();
     ~FatalCheckTrap();
 
-    // Messages of other threads.
-    std::vector<std::string> elsewhere() const;
+    // Messages of other threads since the last call.
+    std::vector<std::string> elsewhere();
 
     // What a failed check comes to.
     [[noreturn]] static void onFailure(const char* message);
@@ -40,7 +40,7 @@ public:
 
 private:
     const std::thread::id mOwner;
-    mutable std::mutex mLock;
+    std::mutex mLock;
     std::vector<std::string> mElsewhere;
 };
 

@@ -99,7 +99,7 @@ protected:
         EXPECT_EQ(run.result(), 0);
         expectSound(run);
         const int fd = run.output().open();
-        const std::optional<cli::MediaFile> file = cli::readMediaFile(fd);
+        const std::optional<cli::MediaFile> file = cli::readMediaFile(fd).media;
         close(fd);
         ASSERT_TRUE(file);
         EXPECT_EQ(file->audio.has_value(), GetParam().hasSound);
@@ -231,7 +231,7 @@ TEST_P(FaultTest, fullDisc_isNeverAWholeFile) {
     forEach({{}}, [&](SessionRun& run, FaultClock&) {
         expectWhole(run);
         const int fd = run.output().open();
-        movieOffset = readTopLevelBoxes(*InputFile::open(fd, 0, INT64_MAX)).movieOffset;
+        movieOffset = readTopLevelBoxes(*InputFile::open(fd, 0, INT64_MAX).file).movieOffset;
         close(fd);
     });
     ASSERT_GT(movieOffset, 0);

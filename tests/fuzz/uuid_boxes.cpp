@@ -8,7 +8,7 @@ using namespace android::qmmediaeditor;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     const MemoryFile file(data, size);
-    const auto input = InputFile::open(file.fd(), 0, static_cast<int64_t>(size));
+    const auto input = InputFile::open(file.fd(), 0, static_cast<int64_t>(size)).file;
     const TopLevelBoxes boxes = readTopLevelBoxes(*input);
     if (boxes.movieOffset + boxes.movieBytes > static_cast<int64_t>(size)) abort();
     const std::vector<uint8_t> made = makeUuidBoxes(boxes.uuidData.data(), boxes.uuidData.size());
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // What goes into a file comes out of it again.
     const MemoryFile written(made.data(), made.size());
-    const auto again = InputFile::open(written.fd(), 0, static_cast<int64_t>(made.size()));
+    const auto again = InputFile::open(written.fd(), 0, static_cast<int64_t>(made.size())).file;
     if (readTopLevelBoxes(*again).uuidData != boxes.uuidData) abort();
     return 0;
 }

@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     const MemoryFile input(data + 1, size - 1);
-    const std::optional<cli::MediaFile> media = cli::readMediaFile(input.fd());
+    const std::optional<cli::MediaFile> media = cli::readMediaFile(input.fd()).media;
     if (!media || !isSmall(*media)) return 0;
 
     const TrimPeriod periods[] = {{100000, 400000}, {600000, 800000}};

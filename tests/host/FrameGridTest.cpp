@@ -27,7 +27,7 @@ class FrameGridRates : public ::testing::TestWithParam<std::pair<double, int>> {
 TEST_P(FrameGridRates, millisecondsGoBackToTheGrid_andNoFrameComesTooEarlyForTheRate) {
     const auto [rate, announced] = GetParam();
     const auto timesUs = timesInMilliseconds(rate, 120);
-    FrameTiming timing = studyFrameTimes(timesUs, kMillisecondUs, {});
+    FrameTiming timing = studyFrameTimes({timesUs}, kMillisecondUs, {});
     EXPECT_EQ(announced, timing.rate);
     ASSERT_TRUE(timing.grid.has_value());
     const auto longRunUs = timesInMilliseconds(rate, 100000);
@@ -50,27 +50,30 @@ INSTANTIATE_TEST_SUITE_P(, FrameGridRates,
 
 TEST(FrameGrid, aRateThatTheContainerNamesIsTakenAndRoundedUp) {
     const FrameTiming timing =
-        studyFrameTimes(timesInMilliseconds(10.3, 50), kMillisecondUs, {{103, 10}});
+        studyFrameTimes({timesInMilliseconds(10.3, 50)}, kMillisecondUs, {{103, 10}});
     EXPECT_EQ(11, timing.rate);
     EXPECT_TRUE(timing.grid.has_value());
-    EXPECT_EQ(9, studyFrameTimes({0}, kMillisecondUs, {{8797, 1000}}).rate);
-    EXPECT_EQ(30, studyFrameTimes({}, kMillisecondUs, {{0, 0}, {1, 0}}).rate);
+    EXPECT_EQ(9, studyFrameTimes({{0}}, kMillisecondUs, {{8797, 1000}}).rate);
+    EXPECT_EQ(30, studyFrameTimes(FrameTimes(), kMillisecondUs, {{0, 0}, {1, 0}}).rate);
 }
 
-TEST(FrameGrid, variableRate_isLeftAlone_andTheShortestUsualDistanceDecides) {
+TEST(FrameGrid, variableRate_isLeftAlone_andNoFrameIsTooCloseForTheRate) {
     std::vector<int64_t> timesUs = {0};
     for (int i = 0; i < 200; ++i) {
         timesUs.push_back(timesUs.back() + (i % 3 == 0 ? 67000 : i == 100 ? 5000 : 33400));
     }
-    FrameTiming timing = studyFrameTimes(timesUs, 11, {{90000, 1}});
+    const FrameTiming timing = studyFrameTimes({timesUs, true}, 11, {{90000, 1}});
     EXPECT_FALSE(timing.grid.has_value());
-    EXPECT_EQ(30, timing.rate);
+    EXPECT_EQ(200, timing.rate);
+    // Later frames may be closer than those that were read.
+    EXPECT_EQ(240, studyFrameTimes({timesUs, false}, 33000, {}).rate);
+    EXPECT_EQ(1000, studyFrameTimes({timesUs, false}, kMillisecondUs, {}).rate);
 }
 
 TEST(FrameGrid, timesThatAreExactStayAsTheyAre_howeverLongTheTick) {
     std::vector<int64_t> timesUs;
     for (int i = 0; i < 900; ++i) timesUs.push_back(llround(i * 1e6 / 30));
-    FrameTiming timing = studyFrameTimes(timesUs, 33334, {});
+    FrameTiming timing = studyFrameTimes({timesUs}, 33334, {});
     ASSERT_TRUE(timing.grid.has_value());
     for (const int64_t timeUs : timesUs) ASSERT_EQ(timeUs, timing.grid->snap(timeUs));
 }

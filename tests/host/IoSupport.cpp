@@ -29,12 +29,14 @@ public:
     ScratchFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "host-io-XXXXXX").string();
         mPath = mkdtemp(name.data());
+        // Paths are relative to it, because they become words of shell commands and its own may
+        // have spaces.
+        std::filesystem::current_path(mPath);
     }
     ~ScratchFolder() {
         std::error_code ignored;
         std::filesystem::remove_all(mPath, ignored);
     }
-    const std::filesystem::path& path() const { return mPath; }
 
 private:
     std::filesystem::path mPath;
@@ -44,7 +46,7 @@ private:
 
 std::string scratchPath(const std::string& name) {
     static const ScratchFolder folder;
-    return (folder.path() / name).string();
+    return name;
 }
 
 std::string makeClip(const std::string& name, const std::string& arguments) {

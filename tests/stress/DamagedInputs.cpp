@@ -102,8 +102,8 @@ int runCommand(const std::string& command) {
 class Trial {
 public:
     // Cuts the clip to `percent` of its length; 0 damages it in some other way.
-    Trial(const std::string& qmtranscode, const fs::path& clip, size_t percent, uint64_t seed)
-        : mQmtranscode(qmtranscode), mClip(clip), mPercent(percent), mSeed(seed) {}
+    Trial(const fs::path& clip, size_t percent, uint64_t seed)
+        : mClip(clip), mPercent(percent), mSeed(seed) {}
 
     // "" when it was borne, else what went wrong. Adds to `whole` when a file came out.
     std::string run(std::atomic<uint64_t>* whole) {
@@ -117,8 +117,8 @@ public:
         std::ofstream(mIn.path(), std::ios::binary)
             .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         fs::remove(mOut.path());
-        const int status = runCommand("timeout -s KILL " + std::to_string(kBoundSeconds) + " '" +
-                                      mQmtranscode + "' '" + mIn.path() + "' '" + mOut.path() +
+        const int status = runCommand("timeout -s KILL " + std::to_string(kBoundSeconds) +
+                                      " \"$QMTRANSCODE\" '" + mIn.path() + "' '" + mOut.path() +
                                       "' >/dev/null 2>'" + mSaid.path() + "' </dev/null");
         const Bytes words = readFile(mSaid.path());
         const std::string said(words.begin(), words.end());
@@ -145,7 +145,6 @@ private:
         return said.find("internal check") == std::string::npos ? "" : "not the input's fault";
     }
 
-    const std::string mQmtranscode;
     const fs::path mClip;
     const size_t mPercent;
     const uint64_t mSeed;
@@ -154,7 +153,9 @@ private:
     const TemporaryFile mSaid;
 };
 
-int run(const std::string& qmtranscode, const fs::path& folder) {
+int run(const char* qmtranscode, const fs::path& folder) {
+    // A variable, because the path may have characters that a shell command would have to quote.
+    setenv("QMTRANSCODE", qmtranscode, 1);
     const uint64_t seed = numberFromEnvironment("QM_SEED", 1);
     const uint64_t count = numberFromEnvironment("QM_DAMAGES", 300 / kSlowness);
     setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -175,7 +176,7 @@ int run(const std::string& qmtranscode, const fs::path& folder) {
                 const uint64_t round = n / clips.size();
                 const size_t percent = round % 2 == 0 ? 1 + round / 2 % 99 : 0;
                 const std::string wrong =
-                    Trial(qmtranscode, clips[n % clips.size()], percent, seed + n).run(&whole);
+                    Trial(clips[n % clips.size()], percent, seed + n).run(&whole);
                 if (wrong.empty()) continue;
                 ++failures;
                 printf("FAILED: %s\n", wrong.c_str());

@@ -1,4 +1,8 @@
 // What the host calls, the writer's events, and the ways to stop.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <thread>
 #include <tuple>
 
 #include "SessionTest.h"
@@ -7,6 +11,12 @@ namespace android::qmmediaeditor {
 
 class ComponentTest : public SessionTest {
 protected:
+    int32_t process() {
+        const int32_t result = mComponent->process();
+        awaitEncodersOf(*mComponent->mTranscode);
+        return result;
+    }
+
     sp<TranscodeComponent> mComponent = new TranscodeComponent;
 };
 
@@ -28,6 +38,57 @@ TEST_F(ComponentTest, everyFailureOfModuleCreationIsAnInvalidRequest) {
     EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "Failed selecting track"));
 }
 
+TEST_F(ComponentTest, withoutARequest_processIsRefused) {
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, mComponent->create(nullptr));
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ(0u, mJournal.count("platform createWriter")) << "the session before is gone";
+    EXPECT_EQ(0, mComponent->cancel());
+    EXPECT_EQ(0, mComponent->destory());
+}
+
+TEST_F(ComponentTest, trimmingWithoutPeriodsIsRefusedBeforeAnyDecoderStarts) {
+    prepareEchoes();
+    setPeriods({{0, 1000}});
+    mRequest.mPeriods = nullptr;
+    mComponent->create(&mRequest);
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ(0u, mJournal.count("decoder audio/mp4a-latm start"));
+}
+
+TEST_F(ComponentTest, aSessionRunsOnceWhateverItsResult) {
+    prepareEchoes();
+    addSamples(1, 1);
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, process());
+    mJournal.clear();
+    EXPECT_EQ(-38, mComponent->process());
+    EXPECT_EQ((std::vector<std::string>{"TranscodeComponent: call process"}), mJournal.lines());
+
+    mPlatform.extractor().fail("setDataSource", -1010);
+    renewOutput();
+    mComponent->create(&mRequest);
+    EXPECT_EQ(-38, mComponent->process());
+    mPlatform.extractor().fail("setDataSource", 0);
+    renewOutput();
+    EXPECT_EQ(-38, mComponent->process()) << "a refused session is used up as well";
+    EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
+}
+
+TEST_F(ComponentTest, aRetryWithTheSameRecordLeavesTheFileAloneThatGotTheNumberOfTheOutput) {
+    prepareEchoes();
+    const int number = mRequest.mOutputFd;
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, process());
+    const int other = memfd_create("another file", 0);
+    ASSERT_EQ(number, other);
+    mComponent->create(&mRequest);
+    mJournal.clear();
+    EXPECT_EQ(-38, process());
+    EXPECT_EQ(0u, mJournal.count("platform createWriter"));
+    EXPECT_EQ(0, close(other)) << "it is still open";
+}
+
 TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {
     const std::string gone = "Transcode: Decontructor ~Transcode end";
     mComponent->create(&mRequest);
@@ -42,6 +103,28 @@ TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {
     mComponent->create(&mRequest);
     mComponent.clear();
     EXPECT_EQ(4u, mJournal.count(gone));
+}
+
+TEST_F(ComponentTest, nothingMayEndASessionWhileItRuns) {
+    prepareEchoes();
+    mPlatform.extractor().addSample({1, 5000000, std::vector<uint8_t>(kPictureBytes)});
+    const std::string message = "create, destory or clearHandler called while process runs";
+    mRequest.mProgressCallback = [&](int32_t percent) {
+        if (percent == 0) {
+            EXPECT_FATAL(mComponent->create(&mRequest), message);
+            EXPECT_FATAL(mComponent->destory(), message);
+            EXPECT_FATAL(mComponent->clearHandler(), message);
+        } else {
+            // In the input reader. The failed check ends the thread that it is on.
+            std::thread([&] { mComponent->destory(); }).join();
+        }
+    };
+    mComponent->create(&mRequest);
+    EXPECT_EQ(0, process());
+    EXPECT_EQ((std::vector<std::string>{message}), mTrap.elsewhere());
+    EXPECT_EQ((std::vector<std::string>{"call process", message, message, message, message}),
+              mLog.texts("TranscodeComponent"));
+    EXPECT_EQ(0, mComponent->destory()) << "the run is over";
 }
 
 TEST_F(ComponentTest, aCancelledSessionStopsBeforeAnyDecoderStarts) {

@@ -294,9 +294,8 @@ TEST_F(EncoderConfigurationTest, theFileIsToldItsTypeAndRotation) {
     prepareEchoes();
     for (const auto& [outputRequest, type] : table) {
         mRequest.mOutputFormat = outputRequest;
-        mRequest.mOutputFd = -1;
         mSession.reset();
-        session();
+        renewOutput();
         EXPECT_EQ(0, session().createModule());
         EXPECT_EQ(type, fileKey(kKeyFileType));
     }
@@ -313,6 +312,7 @@ TEST_F(EncoderConfigurationTest, theTrimPolicyIsOffAndNamesTheContainerOfAShortL
 
     setPeriods({{0, 1}, {2, 3}});
     mSession.reset();
+    renewOutput();
     EXPECT_EQ(0, session().createModule());
     EXPECT_EQ(1u, mJournal.count("Transcode: container: video/mp4"));
 }

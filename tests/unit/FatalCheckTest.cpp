@@ -65,7 +65,7 @@ TEST_F(SessionCheckTest, startOfTheDecodersAndOfTheWriter) {
          "&mpTrack[i].mCodecStatus->mOutBuffers)) failed: "}};
     for (const auto& [operation, message] : table) {
         mSession.reset();
-        mRequest.mOutputFd = -1;
+        renewOutput();
         mPlatform.extractor().addTrack(audioFormat());
         mPlatform.decoder(kAac)->fail(operation, -5);
         ASSERT_EQ(OK, session().createModule());

@@ -94,7 +94,7 @@ TEST_F(MainLoopTest, aStopBeforeTheWriterStartsLeavesItAlone) {
     };
     for (const auto& [at, message] : table) {
         mSession.reset();
-        mRequest.mOutputFd = -1;
+        renewOutput();
         session();
         stopAt(at);
         EXPECT_EQ(-1003, run()) << at;
@@ -243,10 +243,20 @@ TEST_F(MainLoopTest, oneBufferHoldsWhatTheLargestInputBufferHolds) {
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "got 5 input and 9 output buffers"));
 }
 
-TEST_F(MainLoopTest, anEmptyProgressCallbackIsAFaultOfTheHost) {
+TEST_F(MainLoopTest, anEmptyProgressCallbackAbortsBeforeTheWriterStarts) {
     mRequest.mProgressCallback = nullptr;
-    ASSERT_EQ(0, session().createModule());
-    EXPECT_THROW(session().printProgress(5000000), std::bad_function_call);
+    EXPECT_FATAL(run(), "the progress callback is empty");
+    EXPECT_TRUE(logged(ANDROID_LOG_FATAL, "the progress callback is empty"));
+    EXPECT_EQ(0u, mJournal.count("writer start"));
+}
+
+TEST_F(MainLoopTest, aProgressCallbackThatThrowsAbortsOnEitherThread) {
+    static_assert(noexcept(std::declval<TranscodeComponent&>().process()), "hosts rely on it");
+    const std::string message = "the progress callback threw an exception";
+    mRequest.mProgressCallback = [](int32_t) { throw 1; };
+    EXPECT_FATAL(run(), message);
+    EXPECT_TRUE(logged(ANDROID_LOG_FATAL, message));
+    EXPECT_FATAL(session().printProgress(5000000), message) << "on the input reader";
 }
 
 }  // namespace android::qmmediaeditor

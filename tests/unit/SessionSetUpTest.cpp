@@ -12,6 +12,9 @@ namespace android::qmmediaeditor {
 
 class SessionSetUpTest : public SessionTest {
 protected:
+    static bool isOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+    // Opened again, the file gets a descriptor with flags of its own.
+    static std::string reopened(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
     // What the kernel calls the looper's thread.
     static std::string threadNameOf(const sp<ALooper>& looper) {
         std::promise<std::string> name;
@@ -53,8 +56,11 @@ TEST_F(SessionSetUpTest, aProgressOffsetBeyondAHundredCountsAsNone) {
 
 TEST_F(SessionSetUpTest, moduleCreationTakesTheOutputAndMeasuresTheInput) {
     prepareEchoes();
+    const int output = mRequest.mOutputFd;
     EXPECT_EQ(0, session().createModule());
-    EXPECT_EQ(-1, fcntl(mRequest.mOutputFd, F_GETFD)) << "the output descriptor is closed";
+    EXPECT_FALSE(isOpen(output));
+    EXPECT_EQ(-1, mRequest.mOutputFd);
+    EXPECT_EQ(1u, mJournal.count("platform createWriter"));
     EXPECT_EQ(kInputBytes, lseek(mRequest.mInputFd, 0, SEEK_CUR));
     EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Input file(FD[" + std::to_string(mRequest.mInputFd) +
@@ -87,12 +93,61 @@ TEST_F(SessionSetUpTest, inputsThatCannotBeUsedAreRefusedWithTheOutputClosed) {
     };
     for (const auto& row : table) {
         mSession.reset();
-        mRequest.mOutputFd = memfd_create("output", 0);
+        renewOutput();
+        const int output = mRequest.mOutputFd;
         row.prepare();
         EXPECT_EQ(row.result, session().createModule()) << row.what;
         EXPECT_TRUE(logged(ANDROID_LOG_ERROR, row.message)) << row.what;
-        EXPECT_EQ(-1, fcntl(mRequest.mOutputFd, F_GETFD)) << row.what;
+        EXPECT_FALSE(isOpen(output)) << row.what;
+        EXPECT_EQ(-1, mRequest.mOutputFd) << row.what;
     }
+}
+
+TEST_F(SessionSetUpTest, outputsThatCannotBeWrittenAreRefusedAndClosedBeforeThereIsAWriter) {
+    prepareEchoes();
+    const std::string path = reopened(mRequest.mOutputFd);
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    const struct {
+        const char* reason;
+        int fd;
+    } table[] = {
+        {"it is not open", -1},
+        {"it is not open for writing", open(path.c_str(), O_RDONLY)},
+        {"it is not open for writing", open(path.c_str(), O_PATH)},
+        {"it is not open for writing", open("/", O_RDONLY)},
+        {"it is in append mode", open(path.c_str(), O_WRONLY | O_APPEND)},
+        {"it is not a regular file", ends[1]},
+        {"it is not a regular file", open("/dev/null", O_WRONLY)},
+        {"it is the input", open(reopened(mRequest.mInputFd).c_str(), O_WRONLY)},
+    };
+    const int unused = mRequest.mOutputFd;
+    for (const auto& row : table) {
+        mSession.reset();
+        mRequest.mOutputFd = row.fd;
+        EXPECT_EQ(-38, session().createModule()) << row.reason;
+        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "output descriptor " + std::to_string(row.fd) +
+                                                  " cannot be used: " + row.reason));
+        EXPECT_FALSE(isOpen(row.fd)) << row.reason;
+        EXPECT_EQ(-1, mRequest.mOutputFd) << row.reason;
+    }
+    EXPECT_EQ(0u, mJournal.count("platform createWriter"));
+    EXPECT_EQ(0, lseek(mRequest.mInputFd, 0, SEEK_CUR)) << "the input was not looked at either";
+    close(ends[0]);
+
+    mSession.reset();
+    mRequest.mOutputFd = open(path.c_str(), O_WRONLY);
+    EXPECT_EQ(0, session().createModule()) << "reading back is not needed";
+    close(unused);
+}
+
+TEST_F(SessionSetUpTest, oneDescriptorAsInputAndOutputIsRefusedAndStaysTheHosts) {
+    prepareEchoes();
+    close(mRequest.mOutputFd);
+    mRequest.mOutputFd = mRequest.mInputFd;
+    EXPECT_EQ(-38, session().createModule());
+    EXPECT_EQ(-1, mRequest.mOutputFd);
+    EXPECT_TRUE(isOpen(mRequest.mInputFd));
 }
 
 TEST_F(SessionSetUpTest, teardownGoesWriterDecodersSourcesAndLeavesNothingBehind) {

@@ -45,8 +45,11 @@ protected:
     // nothing.
     void prepareLoop();
     int32_t run();
+    // An output file for the next session.
+    void renewOutput();
     // The encoders' threads may outlive a run by a moment.
-    void awaitEncoders();
+    void awaitEncoders() { awaitEncodersOf(session()); }
+    static void awaitEncodersOf(Transcode& session);
 
     std::vector<std::string> logged(const std::string& tag = "Transcode") const {
         return mLog.texts(tag);

@@ -24,4 +24,8 @@ struct Failure {
     std::string reason;
 };
 
+// The status for a system call that failed with this errno: kExitFailed where another try may
+// succeed (I/O errors and exhausted resources), else kExitUnusable.
+ExitStatus exitStatusOf(int error);
+
 }  // namespace android::qmmediaeditor::cli

@@ -3,6 +3,7 @@
 
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/MediaFile.h>
+#include <qmtranscode/RunFacts.h>
 #include <sys/stat.h>
 
 #include <optional>
@@ -18,7 +19,10 @@ public:
     // Opens a plain file; what is in it is not looked at.
     std::optional<Failure> open(const std::string& path);
     // Finds out what can be decoded.
-    std::optional<Failure> probe();
+    std::optional<Failure> probe(const RunFacts& facts);
+    // A failure when the file could not be read, has become shorter, or was changed since `open`. A
+    // recording may grow.
+    std::optional<Failure> checkReads(const RunFacts& facts) const;
 
     int fd() const { return mFd; }
     const std::string& path() const { return mPath; }
@@ -32,8 +36,7 @@ private:
 
     std::string mPath;
     int mFd = -1;
-    dev_t mDevice = 0;
-    ino_t mInode = 0;
+    struct stat mStatus {};  // at `open`
     MediaFile mMedia;
 };
 

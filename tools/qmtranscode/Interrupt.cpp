@@ -59,10 +59,9 @@ Interrupt::~Interrupt() {
 void Interrupt::onFirst(std::function<void()> stop) {
     Mutex::Autolock lock(mLock);
     mStop = std::move(stop);
-    if (mRequested) mStop();
 }
 
-void Interrupt::ignore() {
+void Interrupt::endAtFirst() {
     Mutex::Autolock lock(mLock);
     mStop = nullptr;
 }
@@ -73,7 +72,7 @@ void Interrupt::beginKeeping() {
     while (true) pause();
 }
 
-void Interrupt::onSecond() {
+void Interrupt::endProcess() {
     Ending open = Ending::kOpen;
     if (!mEnding.compare_exchange_strong(open, Ending::kAtOnce)) {
         if (open == Ending::kKept) _exit(kExitStopped);
@@ -82,7 +81,7 @@ void Interrupt::onSecond() {
     OutputFile::removeNow();
     if (isatty(STDERR_FILENO) == 1) say(STDERR_FILENO, console::kEraseLine);
     say(STDOUT_FILENO, mLastWords);
-    say(STDERR_FILENO, "qmtranscode: stopped at once; nothing was written\n");
+    say(STDERR_FILENO, "qmtranscode: stopped; nothing was kept\n");
     _exit(kExitStopped);
 }
 
@@ -106,14 +105,18 @@ void Interrupt::waitForSignals() {
         // Beyond a limit of CPU time, the kernel sends SIGXCPU again each second.
         const bool repeated = doubled || (info.ssi_signo == SIGXCPU && info.ssi_code == SI_KERNEL);
         if (mRequested) {
-            if (!repeated) onSecond();
+            if (!repeated) endProcess();
             continue;
         }
         first = info;
         firstUs = nowUs();
         Mutex::Autolock lock(mLock);
         mRequested = true;
-        if (mStop) mStop();
+        if (mStop) {
+            mStop();
+        } else {
+            endProcess();
+        }
     }
 }
 

@@ -1,5 +1,6 @@
-// SIGINT, SIGTERM, SIGHUP and SIGXCPU: the first one asks the work to stop, the second one ends the
-// process. SIGUSR1 asks what the work does.
+// SIGINT, SIGTERM, SIGHUP and SIGXCPU: the first one stops the run and keeps what it has written, or
+// ends the process where nothing could be kept; the second one ends the process. SIGUSR1 asks for a
+// report.
 #pragma once
 
 #include <utils/Mutex.h>
@@ -19,10 +20,11 @@ public:
     Interrupt(std::function<void()> explain, std::string lastWords);
     ~Interrupt();
 
-    // `stop` is called once, on that thread: at the first signal, or at once when that has come
-    // already. After `ignore` has returned it is not called any more.
+    // From here on the first signal calls `stop`, on that thread, instead of ending the process.
     void onFirst(std::function<void()> stop);
-    void ignore();
+    // The first signal ends the process again. After this has returned, `stop` is not called any
+    // more.
+    void endAtFirst();
 
     bool requested() const { return mRequested; }
 
@@ -40,7 +42,8 @@ private:
     enum class Ending { kOpen, kKeeping, kKept, kAtOnce };
 
     void waitForSignals();
-    void onSecond();
+    // Unless the output is being kept.
+    void endProcess();
 
     const std::function<void()> mExplain;
     const std::string mLastWords;

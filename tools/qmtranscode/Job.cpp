@@ -35,6 +35,7 @@ std::optional<Failure> Job::run() {
 }
 
 std::optional<Failure> Job::conclude(int32_t result, Progress* progress) {
+    if (auto failure = mInput.checkReads(*mFacts)) return failure;
     if (result == OK) return keepWhole(progress);
     if (result == kStopped && mInterrupt->requested()) return keepStopped();
     return failed(result);
@@ -43,14 +44,14 @@ std::optional<Failure> Job::conclude(int32_t result, Progress* progress) {
 std::optional<Failure> Job::prepare() {
     if (auto failure = mInput.open(mOptions.input)) return failure;
     if (auto failure = mOutput.check(mOptions.output, mOptions.overwrite, mInput)) return failure;
-    if (auto failure = mInput.probe()) return failure;
+    if (auto failure = mInput.probe(*mFacts)) return failure;
     if (auto failure = makePeriods(mOptions, mInput.media(), &mPeriods)) return failure;
     return makeOutputFormat(mOptions, mInput.media(), &mOutputFormat);
 }
 
 std::optional<Failure> Job::plan() {
     TrialResult trial;
-    if (auto failure = tryRequest(mInput, mPeriods, mOutputFormat, mInterrupt, mMonitor, &trial)) {
+    if (auto failure = tryRequest(mInput, mPeriods, mOutputFormat, mMonitor, &trial)) {
         return failure;
     }
     if (console::printOutput(planJson(mOptions, mInput, mPeriods, trial)) == 0) return std::nullopt;
@@ -79,9 +80,15 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
                  mMonitor->onProgress(percent);
                  progress->report(percent);
              }});
-        mInterrupt->onFirst([&session] { session.cancel(); });
+        // A run whose output would not be kept ends at the first signal.
+        if (mOptions.keepPartial && !mOutput.replaces()) {
+            mFacts->begin(
+                [this, &session] { mInterrupt->onFirst([&session] { session.cancel(); }); });
+        } else {
+            mFacts->begin(nullptr);
+        }
         result = session.run();
-        mInterrupt->ignore();
+        mInterrupt->endAtFirst();
     }
     mCounts = mMonitor->end();
     // What long tracks need tables for is needed again by whoever reads the output back.
@@ -92,12 +99,11 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
 
 std::optional<Failure> Job::keepWhole(Progress* progress) {
     Receipt receipt = readReceipt();
-    if (!receipt.written) {
-        return Failure{kExitFailed, mOutput.path(), "what was written cannot be read back"};
-    }
-    if (auto failure = checkWhole(mInput, mPeriods, mCounts, *receipt.written, mOutput.path())) {
+    if (!receipt.written) return nothingWritten();
+    if (auto failure = checkWhole(mInput, mCounts, *mFacts, *receipt.written, mOutput.path())) {
         return failure;
     }
+    warnOfMissingTracks(*receipt.written);
     mInterrupt->beginKeeping();
     if (auto failure = mOutput.keep()) return failure;
     mInterrupt->endKeeping();
@@ -121,15 +127,37 @@ std::optional<Failure> Job::keepStopped() {
     }
     return Failure{
         kExitStopped, mOutput.path(),
-        "stopped; it is valid up to " + secondsText(receipt.written->media.durationUs()) + lost};
+        "stopped; it is valid up to " + secondsText(commonEndUs(*receipt.written)) + lost};
 }
 
 std::optional<Failure> Job::failed(int32_t result) const {
-    if ((result == kStopped || result == kSessionFailed) && mOutput.isFull()) {
-        return Failure{kExitFailed, mOutput.path(), "no space is left for it"};
+    if (const std::optional<int> error = mFacts->writeError()) {
+        return Failure{kExitFailed, mOutput.path(), strerror(*error)};
     }
     const bool isInputs = result == kInvalidRequest;
     return Failure{kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+}
+
+Failure Job::nothingWritten() const {
+    if (!mFacts->framesUs().empty() || mFacts->audioUs() > 0) {
+        return {kExitFailed, mOutput.path(), "the check of the output failed: it cannot be read"};
+    }
+    if (mPeriods.empty()) return {kExitUnusable, mInput.path(), "nothing in it could be decoded"};
+    return {kExitUnusable, mInput.path(),
+            "no frame and no audio begins in " +
+                std::string(mPeriods.size() > 1 ? "these periods" : "this period")};
+}
+
+void Job::warnOfMissingTracks(const WrittenFile& written) const {
+    const char* const reason = mCounts.damaged > 0 ? "could be decoded" : "begins in these periods";
+    if (mInput.media().video && !written.video) {
+        console::printLine(console::printable("qmtranscode: " + mOutput.path() +
+                                              ": no video track: no frame " + reason));
+    }
+    if (mInput.media().audio && !written.audio) {
+        console::printLine(console::printable("qmtranscode: " + mOutput.path() +
+                                              ": no audio track: no sample " + reason));
+    }
 }
 
 Receipt Job::readReceipt() const {

@@ -6,6 +6,7 @@
 #include <qmtranscode/Options.h>
 #include <qmtranscode/OutputFile.h>
 #include <qmtranscode/Receipt.h>
+#include <qmtranscode/RunFacts.h>
 #include <qmtranscode/RunMonitor.h>
 #include <qmtranscode/TraceFile.h>
 #include <utils/StrongPointer.h>
@@ -19,9 +20,10 @@ class Progress;
 
 class Job {
 public:
-    // All outlive the job. A platform has to be installed, and the log goes to the monitor.
-    Job(const Options& options, Interrupt* interrupt, RunMonitor* monitor)
-        : mOptions(options), mInterrupt(interrupt), mMonitor(monitor) {}
+    // All outlive the job. A platform has to be installed; its observer is `facts`, and the log
+    // goes to the monitor.
+    Job(const Options& options, Interrupt* interrupt, RunMonitor* monitor, RunFacts* facts)
+        : mOptions(options), mInterrupt(interrupt), mMonitor(monitor), mFacts(facts) {}
 
     // Nothing when the output is whole and has its name.
     std::optional<Failure> run();
@@ -42,6 +44,10 @@ private:
     std::optional<Failure> keepWhole(Progress* progress);
     std::optional<Failure> keepStopped();
     std::optional<Failure> failed(int32_t result) const;
+    // What is wrong with the request or the input when not even one sample has come out.
+    Failure nothingWritten() const;
+    // Notes about a complete output that its receipt does not hold.
+    void warnOfMissingTracks(const WrittenFile& written) const;
     // The receipt, with what can be read back of the output.
     Receipt readReceipt() const;
     // The end of a message that says why the receipt could not be written; empty if it was.
@@ -51,6 +57,7 @@ private:
     const Options& mOptions;
     Interrupt* const mInterrupt;
     RunMonitor* const mMonitor;
+    RunFacts* const mFacts;
     InputFile mInput;
     OutputFile mOutput;
     TraceFile mTrace;

@@ -5,6 +5,7 @@
 #include <editorutils/QmMediaExtractorWrapper.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <utils/Errors.h>
 
 #include <optional>
 #include <string>
@@ -47,17 +48,19 @@ struct MediaFile {
     int64_t durationUs() const;
 };
 
-// Null when this is no media file.
-sp<QmMediaExtractorWrapper> openExtractor(int fd, int64_t* sizeBytes);
+struct OpenedExtractor {
+    sp<QmMediaExtractorWrapper> extractor;  // null unless status is OK
+    // ERROR_UNSUPPORTED for what is not a media file; ERROR_IO, NO_MEMORY or -errno for what
+    // another try may open.
+    status_t status = OK;
+    int64_t sizeBytes = 0;
+};
+OpenedExtractor openExtractor(int fd);
 
-// Nothing when this is no media file. `fd` may be closed afterwards; its position is left alone.
-std::optional<MediaFile> readMediaFile(int fd);
-
-// How long an output's track is with the samples of a track of `file` that lie in the periods, or
-// in the whole file when there are no periods, by walking through all of them. Sound is counted
-// from the beginning, where silence stands for what is missing; pictures from the first one.
-// Nothing when there is no such sample.
-std::optional<int64_t> measureTrack(int fd, const MediaFile& file, size_t trackIndex,
-                                    const std::vector<TrimPeriod>& periods);
-
+struct ReadMediaFile {
+    std::optional<MediaFile> media;  // nothing unless status is OK
+    status_t status = OK;            // as openExtractor's
+};
+// `fd` may be closed afterwards; its position is left alone.
+ReadMediaFile readMediaFile(int fd);
 }  // namespace android::qmmediaeditor::cli

@@ -3,69 +3,71 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// What the periods leave of a track of this length.
-int64_t keptUs(int64_t durationUs, const std::vector<TrimPeriod>& periods) {
-    if (periods.empty()) return durationUs;
-    int64_t sumUs = 0;
-    for (const TrimPeriod& period : periods) {
-        sumUs += std::max<int64_t>(0, std::min(period.mEndUs, durationUs) - period.mStartUs);
-    }
-    return sumUs;
+// The file rounds timestamps to its own timescale.
+constexpr int64_t kRoundingUs = 1000;
+
+Failure wrong(const std::string& output, const std::string& reason) {
+    return {kExitFailed, output, "the check of the output failed: " + reason};
 }
 
-// The ends of a track fall on whole frames, and each cut may cost one more.
-bool isClose(int64_t writtenUs, int64_t expectedUs) {
-    return std::llabs(writtenUs - expectedUs) <= 500000 + expectedUs / 50;
-}
-
-std::optional<Failure> checkTrack(const char* kind, const InputFile& input, size_t index,
-                                  int64_t durationUs, const std::vector<TrimPeriod>& periods,
-                                  std::optional<int64_t> writtenUs, const std::string& output) {
-    if (writtenUs && isClose(*writtenUs, keptUs(durationUs, periods))) return std::nullopt;
-    // A damaged input, or one with pauses, holds less than it tells: its samples decide.
-    const std::optional<int64_t> heldUs = measureTrack(input.fd(), input.media(), index, periods);
-    if (!heldUs || (writtenUs && isClose(*writtenUs, *heldUs))) return std::nullopt;
-    const std::string expected = secondsText(*heldUs) + " of " + kind;
-    if (!writtenUs) {
-        return Failure{kExitFailed, output, expected + " are missing from what was written"};
+std::optional<Failure> checkVideo(const RunCounts& counts, const RunFacts& facts,
+                                  const WrittenFile& written, const std::string& output) {
+    const std::vector<int64_t> takenUs = facts.framesUs();
+    const auto taken = static_cast<int64_t>(takenUs.size());
+    const int64_t decoded = counts.picturesDecoded - counts.dropped();
+    if (taken != decoded) {
+        return wrong(output, std::to_string(taken) + " of " + std::to_string(decoded) +
+                                 " decoded frames reached the encoder");
     }
-    return Failure{kExitFailed, output,
-                   "what was written has " + secondsText(*writtenUs) + " instead of " + expected};
-}
-
-// What went to the encoders has come out of them. An encoder rounds sound up to whole frames, and
-// some begin with silence.
-std::optional<Failure> checkCounts(const RunCounts& counts, const WrittenFile& written,
-                                   const std::string& output) {
-    if (written.video) {
-        const int64_t encoded = counts.picturesDecoded - counts.dropped();
-        if (written.video->count != encoded) {
-            return Failure{kExitFailed, output,
-                           "what was written has " + std::to_string(written.video->count) +
-                               " pictures instead of " + std::to_string(encoded)};
-        }
+    const int64_t count = written.video ? written.video->count : 0;
+    if (count != taken) {
+        return wrong(
+            output, "it has " + std::to_string(count) + " of " + std::to_string(taken) + " frames");
     }
-    if (written.audio) {
-        constexpr int64_t kRoundingUs = 300000;
-        const int64_t writtenUs = written.audio->endUs - written.audio->firstUs;
-        if (std::llabs(writtenUs - counts.soundUs()) > kRoundingUs) {
-            return Failure{kExitFailed, output,
-                           "what was written has " + secondsText(writtenUs) +
-                               " of sound instead of " + secondsText(counts.soundUs())};
-        }
+    if (count == 0) return std::nullopt;
+    const TrackSamples& video = *written.video;
+    // A file begins with the earliest of its tracks.
+    const int64_t shiftUs = video.timesUs.front() - takenUs.front();
+    for (size_t i = 0; i < takenUs.size(); ++i) {
+        const int64_t offUs = video.timesUs[i] - shiftUs - takenUs[i];
+        if (std::llabs(offUs) <= kRoundingUs) continue;
+        return wrong(output, "frame " + std::to_string(i + 1) + " is at " +
+                                 secondsText(video.timesUs[i] - shiftUs) + " instead of " +
+                                 secondsText(takenUs[i]));
+    }
+    const std::optional<int64_t> endUs = facts.videoEndUs();
+    if (endUs && std::llabs(video.endUs - shiftUs - *endUs) > kRoundingUs) {
+        return wrong(output, "its last frame ends at " + secondsText(video.endUs - shiftUs) +
+                                 " instead of " + secondsText(*endUs));
     }
     return std::nullopt;
+}
+
+// Encoders round audio up to whole frames, and some begin with silence.
+std::optional<Failure> checkAudio(const RunFacts& facts, const WrittenFile& written,
+                                  const std::string& output) {
+    const int64_t takenUs = facts.audioUs();
+    const int64_t writtenUs = written.audio ? written.audio->endUs - written.audio->firstUs : 0;
+    if (takenUs == 0 && !written.audio) return std::nullopt;
+    constexpr int64_t kLongestFrameSamples = 1024;
+    const int32_t sampleRate = written.media.audio ? written.media.audio->sampleRate : 0;
+    const int64_t frameUs =
+        sampleRate > 0 ? kLongestFrameSamples * 1000000 / sampleRate : int64_t{0};
+    if (std::llabs(writtenUs - takenUs) <= 3 * frameUs) return std::nullopt;
+    return wrong(output, "it has " + secondsText(writtenUs) + " instead of " +
+                             secondsText(takenUs) + " of audio");
 }
 
 }  // namespace
 
 std::optional<WrittenFile> readBack(int fd) {
-    const std::optional<MediaFile> media = readMediaFile(fd);
+    const std::optional<MediaFile> media = readMediaFile(fd).media;
     if (!media || media->durationUs() == 0) return std::nullopt;
     WrittenFile written{*media, std::nullopt, std::nullopt};
     std::vector<size_t> tracks;
@@ -78,31 +80,22 @@ std::optional<WrittenFile> readBack(int fd) {
     return written;
 }
 
-std::optional<Failure> checkWhole(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const RunCounts& counts, const WrittenFile& written,
+std::optional<Failure> checkWhole(const InputFile& input, const RunCounts& counts,
+                                  const RunFacts& facts, const WrittenFile& written,
                                   const std::string& outputPath) {
-    const MediaFile& media = input.media();
-    if (media.video) {
-        std::optional<int64_t> us;
-        if (written.media.video) us = written.media.video->durationUs;
-        if (auto failure = checkTrack("video", input, media.video->index, media.video->durationUs,
-                                      periods, us, outputPath)) {
-            return failure;
-        }
+    if (auto failure = checkVideo(counts, facts, written, outputPath)) return failure;
+    if (auto failure = checkAudio(facts, written, outputPath)) return failure;
+    if (input.media().uuidData != written.media.uuidData) {
+        return wrong(outputPath, "it lacks the input's uuid data");
     }
-    if (media.audio) {
-        std::optional<int64_t> us;
-        if (written.media.audio) us = written.media.audio->durationUs;
-        if (auto failure = checkTrack("audio", input, media.audio->index, media.audio->durationUs,
-                                      periods, us, outputPath)) {
-            return failure;
-        }
-    }
-    if (media.uuidData != written.media.uuidData) {
-        return Failure{kExitFailed, outputPath,
-                       "what was written does not carry the input's uuid data"};
-    }
-    return checkCounts(counts, written, outputPath);
+    return std::nullopt;
+}
+
+int64_t commonEndUs(const WrittenFile& written) {
+    int64_t endUs = std::numeric_limits<int64_t>::max();
+    if (written.video) endUs = std::min(endUs, written.video->endUs);
+    if (written.audio) endUs = std::min(endUs, written.audio->endUs);
+    return endUs;
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,4 +1,4 @@
-// The look at what was written: nothing is called whole that was not read back.
+// The check after the run: no output is called complete that was not read back.
 #pragma once
 
 #include <TranscodeTypes.h>
@@ -6,6 +6,7 @@
 #include <qmtranscode/InputFile.h>
 #include <qmtranscode/OutputFile.h>
 #include <qmtranscode/RunCounts.h>
+#include <qmtranscode/RunFacts.h>
 #include <qmtranscode/TrackWalk.h>
 
 #include <optional>
@@ -24,10 +25,13 @@ struct WrittenFile {
 // Nothing when it cannot be read to its end, or when nothing is in it.
 std::optional<WrittenFile> readBack(int fd);
 
-// Compares each track with what the input has of it in the periods, or in all when there are none,
-// and with what went to its encoder.
-std::optional<Failure> checkWhole(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const RunCounts& counts, const WrittenFile& written,
+// Compares the output with what the session took from the input: every frame at its timestamp, the
+// length of the last frame, all audio samples, the uuid data.
+std::optional<Failure> checkWhole(const InputFile& input, const RunCounts& counts,
+                                  const RunFacts& facts, const WrittenFile& written,
                                   const std::string& outputPath);
+
+// Until when every track of the file lasts, in microseconds.
+int64_t commonEndUs(const WrittenFile& written);
 
 }  // namespace android::qmmediaeditor::cli

@@ -189,8 +189,9 @@ std::string toJson(const Receipt& receipt) {
     if (!receipt.written) return emptyReceipt(receipt.input, receipt.output);
     const WrittenFile& written = *receipt.written;
     const int64_t lengthUs = written.media.durationUs();
+    const int64_t validUs = receipt.complete ? lengthUs : commonEndUs(written);
     Json json = {{"status", receipt.complete ? "complete" : "stopped"},
-                 {"valid_up_to", seconds(lengthUs)},
+                 {"valid_up_to", seconds(validUs)},
                  {"input", receipt.input},
                  {"output", receipt.output},
                  {"bytes", written.media.sizeBytes},

@@ -12,8 +12,7 @@ constexpr size_t kFirstBufferBytes = size_t{1} << 20;
 constexpr size_t kLargestBufferBytes = size_t{1} << 28;
 
 sp<QmMediaExtractorWrapper> openTracks(int fd, const std::vector<size_t>& tracks) {
-    int64_t sizeBytes = 0;
-    const sp<QmMediaExtractorWrapper> extractor = openExtractor(fd, &sizeBytes);
+    const sp<QmMediaExtractorWrapper> extractor = openExtractor(fd).extractor;
     if (extractor == nullptr) return nullptr;
     for (size_t track : tracks) {
         if (extractor->selectTrack(track) != OK) return nullptr;
@@ -29,6 +28,7 @@ bool readWhole(const sp<QmMediaExtractorWrapper>& extractor, sp<ABuffer>* buffer
         const size_t larger = (*buffer)->capacity() * 2;
         if (larger > kLargestBufferBytes) return false;
         *buffer = new ABuffer(larger);
+        if ((*buffer)->capacity() < larger) return false;
     }
 }
 
@@ -40,7 +40,8 @@ std::optional<std::vector<TrackSamples>> walkTracks(int fd, const std::vector<si
     std::vector<TrackSamples> samples(tracks.size());
     sp<ABuffer> buffer = new ABuffer(kFirstBufferBytes);
     size_t index = 0;
-    for (; extractor->getSampleTrackIndex(&index) == OK; extractor->advance()) {
+    status_t status;
+    for (; (status = extractor->getSampleTrackIndex(&index)) == OK; extractor->advance()) {
         const auto found = std::find(tracks.begin(), tracks.end(), index);
         int64_t timeUs = 0;
         if (found == tracks.end() || !readWhole(extractor, &buffer)) return std::nullopt;
@@ -55,6 +56,7 @@ std::optional<std::vector<TrackSamples>> walkTracks(int fd, const std::vector<si
         track.endUs = std::max(track.endUs, timeUs + durationUs);
         track.timesUs.push_back(timeUs);
     }
+    if (status != ERROR_END_OF_STREAM) return std::nullopt;
     return samples;
 }
 

@@ -56,8 +56,8 @@ private:
 }  // namespace
 
 std::optional<Failure> tryRequest(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const sp<AMessage>& outputFormat, Interrupt* interrupt,
-                                  RunMonitor* monitor, TrialResult* result) {
+                                  const sp<AMessage>& outputFormat, RunMonitor* monitor,
+                                  TrialResult* result) {
     const int memory = memfd_create("qmtranscode-plan", MFD_CLOEXEC);
     const int output = memory < 0 ? -1 : fcntl(memory, F_DUPFD_CLOEXEC, 0);
     if (output < 0) return Failure{kExitFailed, "memory for a measurement", strerror(errno)};
@@ -68,19 +68,16 @@ std::optional<Failure> tryRequest(const InputFile& input, const std::vector<Trim
     {
         Session session({input.fd(), output, periods, outputFormat,
                          [monitor](int32_t percent) { monitor->onProgress(percent); }});
-        interrupt->onFirst([&session] { session.cancel(); });
         const MediaFile& media = input.media();
         const Deadline deadline(&session, [monitor, &media] {
             return monitor->hasEncoded(media.video.has_value(), media.audio.has_value());
         });
         status = session.run();
-        interrupt->ignore();
     }
     result->counts = monitor->end();
     result->wallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;
     result->written = readBack(memory);
     close(memory);
-    if (interrupt->requested()) return Failure{kExitStopped, input.path(), "stopped"};
     if (status == OK || status == kStopped) return std::nullopt;
     return Failure{kExitUnusable, input.path(), reasonOf(status)};
 }

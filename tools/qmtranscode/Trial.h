@@ -3,7 +3,6 @@
 
 #include <qmtranscode/Failure.h>
 #include <qmtranscode/InputFile.h>
-#include <qmtranscode/Interrupt.h>
 #include <qmtranscode/ReadBack.h>
 #include <qmtranscode/RunMonitor.h>
 
@@ -20,10 +19,9 @@ struct TrialResult {
 };
 
 // Runs for two seconds: less when the work is done earlier, and up to ten when a track takes so
-// long to come as far as the writer. A failure when the request cannot be carried out, or when the
-// user has stopped it.
+// long to come as far as the writer. A failure when the request cannot be carried out.
 std::optional<Failure> tryRequest(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const sp<AMessage>& outputFormat, Interrupt* interrupt,
-                                  RunMonitor* monitor, TrialResult* result);
+                                  const sp<AMessage>& outputFormat, RunMonitor* monitor,
+                                  TrialResult* result);
 
 }  // namespace android::qmmediaeditor::cli

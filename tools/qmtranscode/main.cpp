@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
+#include <qmtranscode/RunFacts.h>
 #include <qmtranscode/StallWatch.h>
 #include <signal.h>
 #include <unistd.h>
@@ -39,11 +40,12 @@ int main(int argc, char** argv) {
                              options.json ? cli::emptyReceipt(options.input, options.output) : "");
     cli::installLog(options.logFilter, options.logFormat, monitor);
     const cli::StallWatch stallWatch(monitor, std::chrono::seconds(10));
+    auto* const facts = new cli::RunFacts;
     const std::unique_ptr<Platform> platform =
-        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs()});
+        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs(), facts});
     Platform::install(platform.get());
 
-    cli::Job job(options, &interrupt, monitor);
+    cli::Job job(options, &interrupt, monitor, facts);
     if (const std::optional<cli::Failure> failure = job.run()) {
         cli::console::printFailure(*failure);
         return failure->status;

@@ -1,4 +1,4 @@
-// Platform invariants whose failure ends the process.
+// Invariants of the platform and rules for the host whose violation ends the process.
 //
 // The text of a failed check is part of the log's vocabulary, line number included, so both are
 // given by the caller and do not follow the code around.
@@ -31,6 +31,11 @@ public:
         if (first == second) return;
         __android_log_assert(text, mTag, "%s:%d CHECK_EQ( %s) failed: %d vs. %d", mSource, line,
                              text, first, second);
+    }
+
+    // `message` unless `allowed`: for a host that breaks a rule of the interface.
+    void isAllowed(const char* message, bool allowed) const {
+        if (!allowed) __android_log_assert(nullptr, mTag, "%s", message);
     }
 
     // The codec's buffer of that index, which it must have.

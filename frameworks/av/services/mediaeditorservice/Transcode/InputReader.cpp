@@ -209,7 +209,17 @@ void Transcode::printProgress(int64_t timeUs) {
         saturatingAdd(mProgressOffset, saturatingMul(done, 100 - mProgressOffset) / whole));
     if (progress <= mLastProgress) return;
     mLastProgress = progress;
-    mProperty->mProgressCallback(progress);
+    reportProgress(progress);
+}
+
+// On both threads that report, an exception would leave the session's other threads running without
+// an owner.
+void Transcode::reportProgress(int32_t percent) const {
+    try {
+        mProperty->mProgressCallback(percent);
+    } catch (...) {
+        kChecks.isAllowed("the progress callback threw an exception", false);
+    }
 }
 
 bool Transcode::adjustPresentationTimeUs(int64_t* timeUs) {
@@ -244,7 +254,7 @@ bool Transcode::isInCurrentPeriod(int64_t timeUs) const {
 
 int Transcode::verifyTrimInfo() {
     if (!mProperty->mTrimEnabled) return OK;
-    if (mProperty->mPeriodCount < 1) return kInvalidRequest;
+    if (!hasPeriods()) return kInvalidRequest;
     for (int32_t i = 0; i < mProperty->mPeriodCount; ++i) {
         const TrimPeriod& period = mProperty->mPeriods[i];
         if (period.mEndUs < period.mStartUs) {

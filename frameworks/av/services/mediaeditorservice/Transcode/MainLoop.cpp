@@ -41,9 +41,11 @@ int32_t Transcode::doTranscode() {
         return kStopped;
     }
 
+    // Before the writer starts, so that there is no half-made file.
+    kChecks.isAllowed("the progress callback is empty", mProperty->mProgressCallback != nullptr);
     wireWriter();
     copyUuidData();
-    mProperty->mProgressCallback(mProgressOffset);
+    reportProgress(mProgressOffset);
 
     List<TDecodedSample> decodedList;
     QM_LOGV(kTag, "Start loop");

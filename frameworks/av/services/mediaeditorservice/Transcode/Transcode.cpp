@@ -1,6 +1,8 @@
 // Construction, module creation, teardown and the ways to stop a session.
 #include <Log.h>
 #include <Transcode.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace android {
@@ -20,6 +22,22 @@ bool isStoppingEvent(int msg, int ext1) {
     return msg == MEDIA_RECORDER_EVENT_ERROR ||
            (msg == MEDIA_RECORDER_EVENT_INFO &&
             (ext1 | 1) == MEDIA_RECORDER_INFO_MAX_FILESIZE_REACHED);
+}
+
+// Null when the writer can use the descriptor, else the reason why it cannot. The writer goes back
+// in the file, so the file must be seekable and must not be in append mode.
+const char* outputFault(int outputFd, int flags, int inputFd) {
+    if ((flags & O_ACCMODE) == O_RDONLY) return "it is not open for writing";
+    struct stat output {};
+    if (fstat(outputFd, &output) != 0) return "its file cannot be looked up";
+    if (!S_ISREG(output.st_mode)) return "it is not a regular file";
+    if ((flags & O_APPEND) != 0) return "it is in append mode";
+    struct stat input {};
+    if (fstat(inputFd, &input) == 0 && input.st_dev == output.st_dev &&
+        input.st_ino == output.st_ino) {
+        return "it is the input";
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -79,10 +97,8 @@ void Transcode::releaseTracks() {
 }
 
 int32_t Transcode::createModule() {
-    mMP4Writer = new MPEG4Writer(mProperty->mOutputFd);
+    if (takeOutput() != OK) return kInvalidRequest;
     mFileMeta = new MetaData;
-    // The writer has its own duplicate.
-    close(mProperty->mOutputFd);
 
     mFileAttribute.mHasAudio = 0;
     mFileAttribute.mHasVideo = 0;
@@ -102,6 +118,24 @@ int32_t Transcode::createModule() {
         return kInvalidRequest;
     }
     return OK;
+}
+
+// The writer gets its own duplicate of the host's descriptor, which is closed in any case. Its
+// number is forgotten because the next file that is opened may get it.
+int32_t Transcode::takeOutput() {
+    const int fd = mProperty->mOutputFd;
+    mProperty->mOutputFd = -1;
+    const int flags = fcntl(fd, F_GETFL);
+    const char* fault = flags < 0 ? "it is not open" : outputFault(fd, flags, mProperty->mInputFd);
+    if (fault == nullptr) {
+        mMP4Writer = new MPEG4Writer(fd);
+    } else {
+        QM_LOGE(kTag, "output descriptor %d cannot be used: %s", fd, fault);
+    }
+    // A number that is not open may be another thread's by now. A host that gives one descriptor as
+    // input and output closes it itself, as every input.
+    if (flags >= 0 && fd != mProperty->mInputFd) close(fd);
+    return fault == nullptr ? static_cast<int32_t>(OK) : kInvalidRequest;
 }
 
 int32_t Transcode::createExtractor(FileAttribute& file) {

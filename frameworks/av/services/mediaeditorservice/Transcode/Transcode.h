@@ -10,6 +10,7 @@
 #include <Shared.h>
 #include <TAudioSource.h>
 #include <TVideoSource.h>
+#include <TranscodeErrors.h>
 #include <TranscodeTypes.h>
 #include <editorutils/QmMediaEditorUtils.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
@@ -29,16 +30,6 @@ namespace android {
 namespace qmmediaeditor {
 
 class TranscodeListener;
-
-// Result codes of process() and of the operations below it, beside those of
-// <media/stagefright/MediaErrors.h>.
-enum : int32_t {
-    kInvalidRequest = -38,   // the request or its input cannot be used
-    kNoSource = -1001,       // a source could not be made
-    kStopped = -1003,        // by cancel() or by the writer
-    kSessionFailed = -1010,  // extractor, source or writer failed
-    kEncoderError = -1130,   // an encoder could not be had, or failed
-};
 
 class QM_EXPORT Transcode {
 public:
@@ -75,7 +66,8 @@ public:
     virtual ~Transcode();
 
     // Opens writer and extractor, selects the tracks, creates their decoders and works out what to
-    // encode. Once. 0, or what went wrong; the host's output descriptor is closed in either case.
+    // encode. Once. 0, or what went wrong; in either case the host's output descriptor is closed
+    // and TranscodeProperty::mOutputFd is -1.
     int32_t createModule();
 
     // Runs the whole transcoding on the calling thread. Once, after createModule(). 0,
@@ -105,6 +97,7 @@ private:
     };
 
     // Module creation and teardown.
+    int32_t takeOutput();
     int32_t createExtractor(FileAttribute& file);
     void releaseTracks();
     void stopSources();
@@ -157,6 +150,7 @@ private:
     Next queueSample(const PendingSample& sample, bool* queued);
     void consumeSample(const PendingSample& sample);
     void printProgress(int64_t timeUs);
+    void reportProgress(int32_t percent) const;
     bool adjustPresentationTimeUs(int64_t* timeUs);
     void finishPeriod();
     int64_t rebased(int64_t timeUs) const;
@@ -164,7 +158,10 @@ private:
     int verifyTrimInfo();
     int makeSampleList(sp<QmMediaExtractorWrapper> extractor, List<SampleData>* list,
                        uint32_t bufferSize);
-    bool isTrimming() const { return mProperty->mTrimEnabled && mProperty->mPeriodCount >= 1; }
+    bool hasPeriods() const {
+        return mProperty->mPeriodCount >= 1 && mProperty->mPeriods != nullptr;
+    }
+    bool isTrimming() const { return mProperty->mTrimEnabled && hasPeriods(); }
 
     // Decoder drain.
     status_t runDecoder(List<TDecodedSample>* list, int trackIndex, int64_t timeoutUs);
@@ -231,27 +228,27 @@ private:
     Transcode* mTranscode;
 };
 
-// What the host drives.
+// What the host drives. create(), destory() and clearHandler() must not be called while process()
+// runs, not from its progress callback either: each of them aborts the process then.
 class QM_EXPORT TranscodeComponent : public RefBase {
 public:
     TranscodeComponent();
 
-    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. Does not
-    // block; not while process() runs. 0.
+    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. With
+    // null there is no session, and process() returns kInvalidRequest. Does not block. 0.
     virtual int32_t create(void* property);
 
     // Runs the session on the calling thread, and blocks until the output is finished or the
-    // session stops. Once for each create(). 0 when the file is whole; kInvalidRequest, also
-    // without a session and whenever the input cannot be opened; or what Transcode::doTranscode()
-    // says.
-    virtual int32_t process();
+    // session stops. 0 when the file is whole; kInvalidRequest, also without a session and whenever
+    // the input cannot be opened; or what Transcode::doTranscode() says. A session runs once: a
+    // second call without a new create() returns kInvalidRequest and touches nothing.
+    virtual int32_t process() noexcept;
 
     // Has process() return kStopped soon, with the file closed after what was written. Any thread,
     // at any time between create() and destory(); does not block. 0.
     virtual int32_t cancel();
 
-    // Ends the session and frees it; blocks until its threads have gone. Not while process() runs.
-    // 0.
+    // Ends the session and frees it; blocks until its threads have gone. 0.
     virtual int32_t destory();
 
     // As destory().
@@ -262,6 +259,8 @@ protected:
 
 private:
     Transcode* mTranscode = nullptr;
+    Shared<bool> mUsed{false};        // process() was called since create()
+    Shared<bool> mProcessing{false};  // process() runs
 };
 
 }  // namespace qmmediaeditor

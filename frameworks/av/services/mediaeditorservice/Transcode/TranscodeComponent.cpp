@@ -9,6 +9,7 @@ namespace {
 
 constexpr const char* kComponentTag = "TranscodeComponent";
 constexpr const char* kListenerTag = "Transcode";
+constexpr FatalCheck kChecks(kComponentTag, QM_COMPONENT_PATH "TranscodeComponent");
 
 }  // namespace
 
@@ -18,16 +19,24 @@ TranscodeComponent::~TranscodeComponent() { destory(); }
 
 int32_t TranscodeComponent::create(void* property) {
     destory();
+    if (property == nullptr) return OK;
     mTranscode = new Transcode(static_cast<TranscodeProperty*>(property), nullptr);
+    mUsed = false;
     return OK;
 }
 
-int32_t TranscodeComponent::process() {
+int32_t TranscodeComponent::process() noexcept {
     QM_LOGD(kComponentTag, "call process");
+    // A second run would use descriptors that the first one has closed, and a stop flag, an end of
+    // stream and decoders that are spent.
+    if (mTranscode == nullptr || mUsed.exchange(true)) return kInvalidRequest;
+    mProcessing = true;
     // Whatever kept the modules from being made, the host learns one thing: this request cannot be
     // done.
-    if (mTranscode == nullptr || mTranscode->createModule() != OK) return kInvalidRequest;
-    return mTranscode->doTranscode();
+    const int32_t result =
+        mTranscode->createModule() == OK ? mTranscode->doTranscode() : kInvalidRequest;
+    mProcessing = false;
+    return result;
 }
 
 int32_t TranscodeComponent::cancel() {
@@ -36,6 +45,8 @@ int32_t TranscodeComponent::cancel() {
 }
 
 int32_t TranscodeComponent::destory() {
+    // The session must not be deleted while its threads use it.
+    kChecks.isAllowed("create, destory or clearHandler called while process runs", !mProcessing);
     delete mTranscode;
     mTranscode = nullptr;
     return OK;

@@ -34,10 +34,13 @@ struct TranscodeProperty {
     int32_t mReserved = 0;
     // Seekable; read from offset 0 to its end, and left positioned there.
     int32_t mInputFd = -1;
-    // Closed by the session as soon as the writer holds its own duplicate.
+    // A regular file (also one in memory) opened for writing, without O_APPEND, and not the input.
+    // process() closes it, also when it refuses the request, and sets it to -1: the number may
+    // belong to another file soon.
     int32_t mOutputFd = -1;
-    // Called with a percentage, on the thread of process() and on the input reader's. Must not be
-    // empty.
+    // Called with a percentage, on the thread of process() and on the input reader's. An empty
+    // callback, one that throws and one that calls create(), destory() or clearHandler() abort the
+    // process.
     std::function<void(int32_t)> mProgressCallback;
     // Percentage that earlier work of the host accounts for; above 100 counts as 0.
     uint32_t mProgressOffset = 0;
@@ -51,7 +54,8 @@ struct TranscodeProperty {
     bool mTrimEnabled = false;
     // At least 1 when mTrimEnabled is set.
     int32_t mPeriodCount = 0;
-    // In the order of the output. mEndUs must not be less than mStartUs.
+    // In the order of the output; not null when mTrimEnabled is set. mEndUs must not be less than
+    // mStartUs.
     const TrimPeriod* mPeriods = nullptr;
     bool mHasAudioEffect = false;
     OpaqueParam mAudioEffectInfo;

@@ -1,0 +1,68 @@
+// Facts about one session that its decoders, encoders and writer exchange past the component, which
+// passes on timestamps only.
+//
+// Any thread may call any operation.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/Mutex.h>
+
+#include <optional>
+#include <vector>
+
+#include "host/Host.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class SessionTimeline {
+public:
+    explicit SessionTimeline(const HostOptions& options);
+
+    HostObserver* observer() const { return mObserver; }
+
+    // For the video decoder. Frames per second of the input on average, 0 when not known; the
+    // "frame-rate" key of a variable-rate track is higher, since it bounds the distance of frames.
+    void setAverageFrameRate(double rate);
+    double averageFrameRate() const;
+
+    // For the video decoder: a frame of the input is shown at `timeUs` for `durationUs`, or for an
+    // unknown time when that is 0.
+    void addFrame(int64_t timeUs, int64_t durationUs);
+    // For the video decoder at the end of stream: frames of the track follow at `continuesAtUs` or
+    // later, and it ends at `endUs`, if that is known.
+    void endVideo(int64_t continuesAtUs, std::optional<int64_t> endUs);
+    // When the last frame of the period that holds `outputTimeUs` ends, on the output's time line.
+    // Nothing when that is unknown.
+    std::optional<int64_t> videoEndUs(int64_t outputTimeUs) const;
+
+    // For the encoders: one exists, and its client has taken its end of stream. A session that was
+    // stopped has encoders that never come to their end.
+    void encoderStarted(bool isVideo);
+    void encoderEnded(bool isVideo);
+    // Whether every sample of this track has reached the writer.
+    bool isComplete(bool isVideo) const;
+
+private:
+    struct Period {
+        int64_t startUs;
+        int64_t endUs;
+        int64_t outputUs;  // its start on the output's time line
+        // Of its latest frame; the end is clipped to the period's.
+        std::optional<int64_t> frameUs;
+        std::optional<int64_t> frameEndUs;
+    };
+    enum class Encoder { kNone, kStarted, kEnded };
+
+    HostObserver* const mObserver;
+    mutable Mutex mLock;
+    std::vector<Period> mPeriods GUARDED_BY(mLock);  // empty when they are not known
+    double mAverageFrameRate GUARDED_BY(mLock) = 0;
+    int64_t mContinuesAtUs GUARDED_BY(mLock) = INT64_MIN;
+    std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);  // on the input's time line
+    Encoder mEncoders[2] GUARDED_BY(mLock) = {Encoder::kNone, Encoder::kNone};  // audio, video
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android
