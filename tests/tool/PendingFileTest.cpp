@@ -173,10 +173,12 @@ TEST_F(PendingFileTest, folderNotWrittenToDiskAndNoWayBack_losesNeitherFile) {
 }
 
 TEST_F(PendingFileTest, fileThatCameMeanwhile_isReplacedOnlyWhenOverwriting) {
-    // From the best file system to the worst one.
+    // From the best file system to the worst one; in the last one, the older file goes away just
+    // before the exchange.
     for (const FileFaults& faults :
          {FileFaults{0, 0, 0, 0}, FileFaults{EOPNOTSUPP, 0, 0, 0},
-          FileFaults{EISDIR, 0, EINVAL, EINVAL}, FileFaults{EINVAL, EPERM, EINVAL, EINVAL}}) {
+          FileFaults{EISDIR, 0, EINVAL, EINVAL}, FileFaults{EINVAL, EPERM, EINVAL, EINVAL},
+          FileFaults{0, 0, 0, ENOENT}}) {
         SCOPED_TRACE(strerror(faults.openUnnamed));
         gFaults = faults;
         auto file = filled("out", false);
