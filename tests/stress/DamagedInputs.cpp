@@ -133,7 +133,8 @@ public:
 private:
     std::string judge(int status, const std::string& said) const {
         if (status == 0) {
-            if (!said.empty()) return "words beside a whole file";
+            const bool lacksTrack = said.find("has no samples") != std::string::npos;
+            if (!said.empty() && !lacksTrack) return "words beside a whole file";
             return runCommand("ffprobe -v error '" + mOut.path() + "' >/dev/null 2>&1") == 0
                        ? ""
                        : "unreadable output";

@@ -103,7 +103,7 @@ std::optional<Failure> Job::keepWhole(Progress* progress) {
     if (auto failure = checkWhole(mInput, mCounts, *mFacts, *receipt.written, mOutput.path())) {
         return failure;
     }
-    warnOfMissingTracks(*receipt.written);
+    if (auto failure = checkTracks(*receipt.written)) return failure;
     mInterrupt->beginKeeping();
     if (auto failure = mOutput.keep()) return failure;
     mInterrupt->endKeeping();
@@ -148,16 +148,24 @@ Failure Job::nothingWritten() const {
                 std::string(mPeriods.size() > 1 ? "these periods" : "this period")};
 }
 
-void Job::warnOfMissingTracks(const WrittenFile& written) const {
-    const char* const reason = mCounts.damaged > 0 ? "could be decoded" : "begins in these periods";
-    if (mInput.media().video && !written.video) {
-        console::printLine(console::printable("qmtranscode: " + mOutput.path() +
-                                              ": no video track: no frame " + reason));
+std::optional<Failure> Job::checkTracks(const WrittenFile& written) const {
+    const bool lacksVideo = mInput.media().video && !written.video;
+    const bool lacksAudio = mInput.media().audio && !written.audio;
+    if (lacksVideo && mCounts.damagedVideo > 0) {
+        return Failure{kExitUnusable, mInput.path(), "no frame of its video could be decoded"};
     }
-    if (mInput.media().audio && !written.audio) {
-        console::printLine(console::printable("qmtranscode: " + mOutput.path() +
-                                              ": no audio track: no sample " + reason));
+    if (lacksAudio && mCounts.damagedAudio > 0) {
+        return Failure{kExitUnusable, mInput.path(), "nothing of its audio could be decoded"};
     }
+    const std::string where =
+        mPeriods.empty() ? "the input's has no samples" : "none of it begins in these periods";
+    if (lacksVideo) {
+        console::printLine("qmtranscode: " + mOutput.path() + ": no video track: " + where);
+    }
+    if (lacksAudio) {
+        console::printLine("qmtranscode: " + mOutput.path() + ": no audio track: " + where);
+    }
+    return std::nullopt;
 }
 
 Receipt Job::readReceipt() const {

@@ -46,8 +46,8 @@ private:
     std::optional<Failure> failed(int32_t result) const;
     // What is wrong with the request or the input when not even one sample has come out.
     Failure nothingWritten() const;
-    // Notes about a complete output that its receipt does not hold.
-    void warnOfMissingTracks(const WrittenFile& written) const;
+    // A failure when nothing of a track could be decoded; a line where the input has nothing of it.
+    std::optional<Failure> checkTracks(const WrittenFile& written) const;
     // The receipt, with what can be read back of the output.
     Receipt readReceipt() const;
     // The end of a message that says why the receipt could not be written; empty if it was.

@@ -197,7 +197,7 @@ std::string toJson(const Receipt& receipt) {
                  {"bytes", written.media.sizeBytes},
                  {"tracks", tracksOf(written, receipt.counts)},
                  {"periods", periodsOf(receipt)},
-                 {"damaged_samples", receipt.counts.damaged},
+                 {"damaged_samples", receipt.counts.damaged()},
                  {"uuid_data", nullptr}};
     if (!written.media.uuidData.empty()) {
         json["uuid_data"] = {{"bytes", written.media.uuidData.size()},
@@ -226,9 +226,9 @@ std::string toText(const Receipt& receipt) {
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }
-    if (receipt.counts.damaged > 0) {
+    if (receipt.counts.damaged() > 0) {
         text += row("damaged", "%lld samples were skipped",
-                    static_cast<long long>(receipt.counts.damaged));
+                    static_cast<long long>(receipt.counts.damaged()));
     }
     if (!written.media.uuidData.empty()) {
         text += row("uuid", "%zu bytes", written.media.uuidData.size()) +

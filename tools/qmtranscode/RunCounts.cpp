@@ -65,7 +65,9 @@ void RunCounts::noteOther(const LogMessage& message) {
                                formatNumber(rest, "bits-per-sample") / 8;
     } else if (strstr(message.text, "damaged samples were skipped") != nullptr) {
         const char* number = strstr(message.text, ": ");
-        if (number != nullptr) damaged += strtoll(number + 2, nullptr, 10);
+        if (number == nullptr) return;
+        const std::string decoder(message.text, number);
+        (decoder == videoDecoder ? damagedVideo : damagedAudio) += strtoll(number + 2, nullptr, 10);
     }
 }
 

@@ -40,7 +40,10 @@ struct RunCounts {
 
     std::vector<PeriodCounts> periods;
     int64_t picturesDecoded = 0;  // those outside of the periods not among them
-    int64_t damaged = 0;          // samples that no decoder could make anything of
+    // Samples that no decoder could make anything of.
+    int64_t damagedVideo = 0;
+    int64_t damagedAudio = 0;
+    int64_t damaged() const { return damagedVideo + damagedAudio; }
     // Names of the host's codecs; empty for a track that is not there.
     std::string videoDecoder, audioDecoder, videoEncoder, audioEncoder;
     // What the encoders were told to make, written out.
