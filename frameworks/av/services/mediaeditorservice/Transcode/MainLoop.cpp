@@ -86,9 +86,10 @@ int32_t Transcode::createSource() {
         QM_LOGV(kTag, "Force Stop in createSource");
         return kStopped;
     }
+    const auto stopTest = [this] { return mForceStop || sourceFailure() != OK; };
     if (mFileAttribute.mHasAudio) {
         mAudioSource = new TAudioSource(mAudioAttribute);
-        mAudioSource->setStopFlag(&mForceStop);
+        mAudioSource->setStopTest(stopTest);
         if (!mAudioSource->isValid()) {
             QM_LOGE(kTag, "TAudioSource error");
             return kNoSource;
@@ -96,7 +97,7 @@ int32_t Transcode::createSource() {
     }
     if (mFileAttribute.mHasVideo) {
         mVideoSource = new TVideoSource(mVideoAttribute);
-        mVideoSource->setStopFlag(&mForceStop);
+        mVideoSource->setStopTest(stopTest);
         if (!mVideoSource->isValid()) {
             QM_LOGE(kTag, "TVideoSource error");
             if (mAudioSource != nullptr && mAudioSource->isValid()) mAudioSource->stop();
@@ -144,11 +145,13 @@ void Transcode::runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeRe
         for (int32_t i = 0; i < mTrackCount; ++i) {
             if (!mpTrack[i].mSelected) continue;
             *lastDecodeResult = runDecoder(decodedList, i, kDecoderOutputTimeoutUs);
-            // An encoder that fails in the middle of the run is told from its source.
-            if (!mForceStop && encoderFailed()) *lastDecodeResult = kEncoderError;
-            if (*lastDecodeResult == kEncoderError) {
+            // The source knows of an encoder that fails in the middle of the run, and whether an
+            // encoder cannot be had for want of a thread.
+            int32_t failure = sourceFailure();
+            if (failure == OK && *lastDecodeResult == kEncoderError) failure = kEncoderError;
+            if (failure != OK) {
                 QM_LOGD(kTag, "encoder error");
-                mForceStop = true;
+                fail(failure);
             }
             if (mForceStop) {
                 pushEndMarkers("force stop in output2");
@@ -165,9 +168,10 @@ bool Transcode::allTracksEnded() const {
     return true;
 }
 
-bool Transcode::encoderFailed() const {
-    return (mAudioSource != nullptr && mAudioSource->encoderFailed()) ||
-           (mVideoSource != nullptr && mVideoSource->encoderFailed());
+int32_t Transcode::sourceFailure() const {
+    const int32_t failure = mAudioSource == nullptr ? OK : mAudioSource->failure();
+    if (failure != OK || mVideoSource == nullptr) return failure;
+    return mVideoSource->failure();
 }
 
 // Both sources end at once, whatever still waits in them.
@@ -189,19 +193,33 @@ void Transcode::releaseDecoders() {
     }
 }
 
+// The writer's tracks end with the sources. After a stop or a failure the sources end with what
+// they have, because an encoder that stalls would keep the file open for ever.
+void Transcode::awaitWriter() {
+    bool stopped = false;
+    while (!mMP4Writer->reachedEOS()) {
+        if (const int32_t failure = sourceFailure(); failure != OK) fail(failure);
+        if (mForceStop && !stopped) {
+            stopSources();
+            stopped = true;
+        }
+        usleep(kWriterPollUs);
+    }
+}
+
 int32_t Transcode::finish(int32_t lastDecodeResult) {
     // The reader may hold an input buffer, and a decoder that is released under it would refuse it.
     mInputPort.waitIdle();
     releaseDecoders();
 
     QM_LOGV(kTag, "wait writer EOS");
-    while (!mMP4Writer->reachedEOS()) usleep(kWriterPollUs);
+    awaitWriter();
     QM_LOGV(kTag, "call writer stop");
     const status_t err = mMP4Writer->stop();
     QM_LOGV(kTag, "doTranscode End");
 
     // An encoder may still fail on what the decoders had left for it.
-    if (!mForceStop && encoderFailed()) return kEncoderError;
+    if (const int32_t failure = sourceFailure(); failure != OK) fail(failure);
     if (mFailure != OK) return mFailure;
     if (mForceStop) return lastDecodeResult == kEncoderError ? kEncoderError : kStopped;
     if (err != OK) {

@@ -20,7 +20,9 @@
 #include <utils/Mutex.h>
 #include <utils/Thread.h>
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 namespace android {
 namespace qmmediaeditor {
@@ -31,9 +33,9 @@ public:
 
     bool isValid() const { return mValid; }
 
-    // The session's stop flag, which outlives the source: a push that waits ends soon after it
-    // rises. Before the first push.
-    void setStopFlag(const Shared<bool>* flag) { mStopFlag = flag; }
+    // Tells whether the session ends: a push that waits for room gives up soon after it does.
+    // Called on the session's thread only. Before the first push.
+    void setStopTest(std::function<bool()> test) { mStopTest = std::move(test); }
 
     // Bounds of both queues, in samples beyond which a batch is handed over. A negative number only
     // logs.
@@ -67,9 +69,11 @@ public:
     // buffers.
     void cropFrame(TDecodedSample& in, TDecodedSample& out, bool convert);
 
-    // The encoder failed in the middle of the run: the source stops. Any thread.
-    void reportEncoderFailure();
-    bool encoderFailed() const { return mEncoderFailed; }
+    // The encoder failed in the middle of the run (kEncoderError), or one of its threads could not
+    // be created (kNoThread): the source stops. Any thread.
+    void reportFailure(int32_t result);
+    // The result that was reported; 0 before.
+    int32_t failure() const { return mFailure; }
 
     // Input reader only.
     void pushPresentationTime(int64_t timeUs);
@@ -103,7 +107,7 @@ private:
     Shared<bool> mStarted{false};  // written by the writer's and the encoder's threads, read by all
     Shared<bool> mCodecStopped{false};  // written by any thread, never cleared, read by all
     bool mValid = false;
-    const Shared<bool>* mStopFlag = nullptr;  // the session's thread only
+    std::function<bool()> mStopTest;  // the session's thread only
     List<TDecodedSample> mDecodedSamples GUARDED_BY(mDecodedLock);
     List<TEncodedSample> mEncodedSamples GUARDED_BY(mEncodedLock);
     List<int64_t> mPresentationTimes;  // input reader only
@@ -126,7 +130,8 @@ private:
     sp<MetaData> mMeta GUARDED_BY(mFormatLock);
     sp<QmMediaEditorColorUtils> mColorUtils GUARDED_BY(mDecodedLock);
     int64_t mNextFrameTimeUs GUARDED_BY(mDecodedLock) = 0;
-    Shared<bool> mEncoderFailed{false};  // written by the encoder's threads, read by the session's
+    // Written by the session's and the encoder's threads, read by the session's.
+    Shared<int32_t> mFailure{OK};
 };
 
 // Owns the encoder. The constructor sets it up; the first reference starts the input port, a
@@ -182,7 +187,6 @@ private:
     Next feedEncoder(const sp<MediaCodec>& codec, TDecodedSample* record);
     Next fillInput(const sp<MediaCodec>& codec, size_t index, TDecodedSample* record);
     Next signalInputEOS(const sp<MediaCodec>& codec);
-    Next queueEOS(const sp<MediaCodec>& codec, size_t index);
     status_t drainEncoder(const sp<MediaCodec>& codec);
     bool forwardOutput(const sp<MediaCodec>& codec, TEncodedSample* output);
     Next handleDrainResult(const sp<MediaCodec>& codec, status_t result);

@@ -133,9 +133,10 @@ private:
     void copyUuidData();
     void runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeResult);
     bool allTracksEnded() const;
-    bool encoderFailed() const;
+    int32_t sourceFailure() const;
     void pushEndMarkers(const char* message);
     void releaseDecoders();
+    void awaitWriter();
     int32_t finish(int32_t lastDecodeResult);
 
     // Input reader.
