@@ -1,25 +1,39 @@
+# shellcheck shell=bash
 # What the cases share. Sourced by each script, which ends with: run_case "$@"
 # Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips.
 set -euo pipefail
+# Independent of the caller's: ls, wc and numbers follow the locale, and script(1) runs $SHELL.
+export LC_ALL=C.UTF-8 SHELL=/bin/bash
+case_script=$(realpath "$0")
 
 fail() {
     echo "FAILED: $*" >&2
     exit 1
 }
 
-# For what this machine does not let a test do.
+# For tests that are not possible on this machine: `./test` ends with their reasons.
 skip() {
     echo "SKIPPED: $*"
     exit 77
 }
 
-# Runs the case in an empty folder of its own.
+# Runs the case in an empty folder of its own, whose name has a space so that every case covers that.
 run_case() {
-    local folder
-    folder=$(mktemp -d)
-    trap 'rm -rf "'"$folder"'"' EXIT
-    cd "$folder"
+    case_folder=$(mktemp -d "${TMPDIR:-/tmp}/qm test.XXXXXX")
+    trap 'chmod -R u+w "$case_folder" && rm -rf "$case_folder"' EXIT
+    cd "$case_folder"
     "case_$1"
+}
+
+# as_ordinary_user CASE: runs another case without root's right to write everywhere.
+as_ordinary_user() {
+    if ((EUID == 0)); then
+        setpriv --bounding-set=-dac_override true 2>/dev/null ||
+            skip "root may write everywhere here and cannot give that right up"
+        setpriv --bounding-set=-dac_override "$case_script" "$1"
+    else
+        "$case_script" "$1"
+    fi
 }
 
 # transcode INPUT OUTPUT [OPTIONS]: has to succeed, without a word on standard error.
@@ -46,7 +60,7 @@ expect_refused() {
 # Exactly these names are in the folder.
 expect_files() {
     local found expected
-    found=$(ls -A | sort | tr '\n' ' ')
+    found=$(find . -mindepth 1 -maxdepth 1 -printf '%f\n' | sort | tr '\n' ' ')
     expected=$( (($# == 0)) || printf '%s\n' "$@" | sort | tr '\n' ' ')
     [[ $found == "$expected" ]] || fail "files are '$found' instead of '$expected'"
 }
@@ -128,6 +142,11 @@ start() {
     pid=$!
     exec 3<pipe
     rm pipe
+}
+
+# Puts the library here for LD_PRELOAD=./slow_disk.so, because the loader splits LD_PRELOAD at spaces.
+link_slow_disk() {
+    ln -s "$SLOW_DISK" slow_disk.so
 }
 
 wait_for_progress() {
