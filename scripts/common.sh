@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # What `run` and `test` share. Sourced by both; `root` is the folder of the project.
 root=$(dirname "$(dirname "$(realpath "${BASH_SOURCE[0]}")")")
 
@@ -66,4 +67,27 @@ build_targets() {
     cd "$root"
     [[ -f $build/build.ninja && ! CMakePresets.json -nt $build/build.ninja ]] || configure
     ninja -C "$build" "$@" || fail "the build failed"
+}
+
+# run_tests [OPTIONS]: passes them to ctest and returns its status. Then lists the tests that were skipped with the
+# reason of each, because ctest does not print it.
+run_tests() {
+    local status=0 log=$build/Testing/Temporary/LastTest.log
+    rm -f "$log"
+    ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" "$@" || status=$?
+    local skipped=
+    [[ ! -f $log ]] || skipped=$(list_skipped "$log")
+    [[ -z $skipped ]] || printf '\nSkipped tests:\n%s\n' "$skipped"
+    return "$status"
+}
+
+# list_skipped LOG: a script prints "SKIPPED: REASON"; GoogleTest prints the reason in the line below the place.
+list_skipped() {
+    awk '
+        /^[0-9]+\/[0-9]+ Test: / { name = $0; sub(/^[^:]*: /, "", name); reason = ""; failed = 0 }
+        /^SKIPPED: / { reason = substr($0, 10) }
+        after_place { reason = $0; after_place = 0 }
+        /: Skipped$/ { after_place = 1 }
+        /^Test Failed\.$/ { failed = 1 }
+        /^".*" time elapsed: / && reason != "" && !failed { print "  " name ": " reason }' "$1" | sort
 }
