@@ -1,50 +1,83 @@
 # shellcheck shell=bash
-# What `run` and `test` share. Sourced by both; `root` is the folder of the project.
+# Functions that `run`, `test` and the commands in scripts/ share. Sourced; `root` is the project's folder.
+#
+# Their messages go to standard error, because the standard output of `run` belongs to the command it runs.
 root=$(dirname "$(dirname "$(realpath "${BASH_SOURCE[0]}")")")
 
-# Which of the presets is configured and built.
+# Selects the preset that the functions below configure, build and test.
 use_preset() {
     preset=$1
     build=$root/build/$preset
 }
 use_preset release
 
+note() {
+    echo "${0##*/}: $*" >&2
+}
+
 fail() {
-    echo "$(basename "$0"): $*" >&2
+    note "$@"
     exit 1
 }
 
-# package_names LIST…: the names in these files of scripts/, a line each.
+# package_names LIST…: the names in these files of scripts/, one a line.
 package_names() {
     local list
     for list in "$@"; do
-        sed 's/#.*//' "$root/scripts/$list" | awk 'NF { print $1 }'
-    done
+        sed 's/#.*//' "$root/scripts/$list"
+    done | awk 'NF && !seen[$1]++ { print $1 }'
 }
 
 missing_packages() {
-    local package
-    package_names "$@" | while read -r package; do
-        [[ $(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null) == ii* ]] || echo "$package"
+    local names
+    mapfile -t names < <(package_names "$@")
+    printf '%s\n' "${names[@]}" | grep -vxFf <(
+        dpkg-query -W -f='${db:Status-Abbrev} ${Package}\n' "${names[@]}" 2>/dev/null |
+            awk '$1 ~ /^.i/ { print $2 }'
+    ) || true
+}
+
+# Prints the size of what apt is about to install and a line for every tenth of the work. The rest of apt's output
+# goes on to standard output.
+show_apt_progress() {
+    local line phase progress shown="Downloading 0 %"
+    while IFS= read -r line; do
+        case $line in
+            dlstatus:*) phase=Downloading ;;
+            pmstatus:*) phase=Installing ;;
+            *' newly installed, '* | 'Need to get '* | 'After this operation, '*)
+                echo "  $line" >&2
+                continue
+                ;;
+            *)
+                echo "$line"
+                continue
+                ;;
+        esac
+        [[ $line =~ :([0-9]+)[.,][0-9]+: ]] || continue
+        progress="$phase $((BASH_REMATCH[1] / 10 * 10)) %"
+        [[ $progress == "$shown" ]] || echo "  $progress" >&2
+        shown=$progress
     done
 }
 
-# install_packages [LIST…]: those of `packages` when no list is named.
+# install_packages LIST…: installs the packages of these files of scripts/ that are missing.
 install_packages() {
-    (($# > 0)) || set -- packages
-    local missing as_root=()
+    local missing log apt_get=(env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 apt-get -o DPkg::Lock::Timeout=300)
     mapfile -t missing < <(missing_packages "$@")
     ((${#missing[@]} > 0)) || return 0
+    command -v apt-get >/dev/null || fail "there is no apt-get to install these Debian packages: ${missing[*]}"
     if ((EUID != 0)); then
         command -v sudo >/dev/null || fail "root or sudo is needed to install: ${missing[*]}"
-        as_root=(sudo)
+        apt_get=(sudo "${apt_get[@]}")
     fi
-    echo "Installing ${missing[*]}"
-    local log
+    note "installing ${missing[*]}"
     log=$(mktemp)
-    if ! { "${as_root[@]}" apt-get update &&
-        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-            apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1 </dev/null; then
+    # A list that cannot be fetched matters only if a package cannot be found without it.
+    "${apt_get[@]}" update >"$log" 2>&1 </dev/null || note "not all package lists could be updated"
+    # The status goes to standard output, because sudo closes every descriptor after standard error.
+    if ! "${apt_get[@]}" -o APT::Status-Fd=1 install -y --no-install-recommends "${missing[@]}" 2>&1 </dev/null |
+        show_apt_progress >>"$log"; then
         tail -n 20 "$log" >&2
         rm -f "$log"
         fail "the packages could not be installed"
@@ -66,7 +99,7 @@ configure() {
 build_targets() {
     cd "$root"
     [[ -f $build/build.ninja && ! CMakePresets.json -nt $build/build.ninja ]] || configure
-    ninja -C "$build" "$@" || fail "the build failed"
+    ninja -C "$build" "$@" >&2 </dev/null || fail "the build failed"
 }
 
 # run_tests [OPTIONS]: passes them to ctest and returns its status. Then lists the tests that were skipped with the
