@@ -85,21 +85,55 @@ install_packages() {
     rm -f "$log"
 }
 
-# configure [OPTIONS]: cmake's.
+# cached LINE: whether the build folder is configured with this line.
+cached() {
+    grep -qsxF "$1" "$build/CMakeCache.txt"
+}
+
+make_build_folder() {
+    mkdir -p "$build" 2>/dev/null || true
+    [[ -w $build ]] || fail "nothing can be written to $build"
+}
+
+# configure [OPTIONS]: passes them to cmake.
 configure() {
-    cd "$root"
-    mkdir -p "$build"
-    if ! cmake --preset "$preset" "$@" >"$build/configure.log" 2>&1; then
+    local fresh=()
+    make_build_folder
+    # CMake refuses a build folder that was moved.
+    [[ ! -f $build/CMakeCache.txt ]] || cached "CMAKE_HOME_DIRECTORY:INTERNAL=$root" || fresh=(--fresh)
+    if ! (cd "$root" && cmake --preset "$preset" "${fresh[@]}" "$@") >"$build/configure.log" 2>&1 </dev/null; then
         cat "$build/configure.log" >&2
+        # Without it, the next call configures again.
+        rm -f "$build/build.ninja"
         fail "the build could not be configured"
     fi
 }
 
 # build_targets [TARGET…]: everything when none is named.
 build_targets() {
-    cd "$root"
-    [[ -f $build/build.ninja && ! CMakePresets.json -nt $build/build.ninja ]] || configure
+    make_build_folder
+    if [[ ! -f $build/build.ninja || $root/CMakePresets.json -nt $build/build.ninja ]] ||
+        ! cached "CMAKE_HOME_DIRECTORY:INTERNAL=$root"; then
+        configure
+    fi
     ninja -C "$build" "$@" >&2 </dev/null || fail "the build failed"
+}
+
+# Builds the command alone, which needs no package that only the tests need.
+build_command() {
+    local missing
+    mapfile -t missing < <(missing_packages packages-test)
+    # A build folder with tests keeps them while it can be configured with them.
+    if ((${#missing[@]} > 0)) || ! cached BUILD_TESTING:BOOL=ON; then
+        cached BUILD_TESTING:BOOL=OFF || configure -DBUILD_TESTING=OFF
+    fi
+    build_targets qmtranscode
+}
+
+# Builds everything, with the tests that `build_command` leaves out.
+build_with_tests() {
+    cached BUILD_TESTING:BOOL=ON || configure -DBUILD_TESTING=ON
+    build_targets
 }
 
 # run_tests [OPTIONS]: passes them to ctest and returns its status. Then lists the tests that were skipped with the
