@@ -40,7 +40,7 @@ missing_packages() {
 # Prints the size of what apt is about to install and a line for every tenth of the work. The rest of apt's output
 # goes on to standard output.
 show_apt_progress() {
-    local line phase progress shown=
+    local line phase progress shown="Downloading 0 %"
     while IFS= read -r line; do
         case $line in
             dlstatus:*) phase=Downloading ;;

@@ -60,7 +60,7 @@ expect_refused() {
 # Exactly these names are in the folder.
 expect_files() {
     local found expected
-    found=$(ls -A | sort | tr '\n' ' ')
+    found=$(find . -mindepth 1 -maxdepth 1 -printf '%f\n' | sort | tr '\n' ' ')
     expected=$( (($# == 0)) || printf '%s\n' "$@" | sort | tr '\n' ' ')
     [[ $found == "$expected" ]] || fail "files are '$found' instead of '$expected'"
 }
