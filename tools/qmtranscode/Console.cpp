@@ -18,6 +18,9 @@ namespace {
 
 Mutex gLock;
 std::string gBar GUARDED_BY(gLock);
+// Both null outside of a worker.
+const Link* gLink = nullptr;
+const std::atomic<int>* gColumns = nullptr;
 
 void write(const std::string& text) {
     fwrite(text.data(), 1, text.size(), stderr);
@@ -58,7 +61,16 @@ bool steersTerminal(char32_t code) {
 
 }  // namespace
 
+void useLink(const Link* link, const std::atomic<int>* columns) {
+    gLink = link;
+    gColumns = columns;
+}
+
 void printLine(const std::string& text) {
+    if (gLink != nullptr) {
+        gLink->send(Message::kLine, text);
+        return;
+    }
     const std::string shown = printable(text, LineBreaks::kKeep);
     Mutex::Autolock lock(gLock);
     write(gBar.empty() ? shown + '\n' : kEraseLine + shown + '\n' + gBar);
@@ -78,12 +90,20 @@ void printFailure(const Failure& failure) {
 }
 
 void drawBar(const std::string& bar) {
+    if (gLink != nullptr) {
+        gLink->send(Message::kBar, bar);
+        return;
+    }
     Mutex::Autolock lock(gLock);
     gBar = bar;
     write(kEraseLine + bar);
 }
 
 void removeBar() {
+    if (gLink != nullptr) {
+        gLink->send(Message::kNoBar);
+        return;
+    }
     Mutex::Autolock lock(gLock);
     if (gBar.empty()) return;
     gBar.clear();
@@ -91,24 +111,36 @@ void removeBar() {
 }
 
 int width() {
+    constexpr int kDefaultColumns = 80;
+    if (gColumns != nullptr) {
+        const int columns = *gColumns;
+        return columns > 0 ? columns : kDefaultColumns;
+    }
     winsize size{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kDefaultColumns;
     return size.ws_col;
 }
 
-std::string printable(const std::string& text, LineBreaks breaks) {
-    std::string shown;
-    std::string_view rest = text;
+size_t makePrintable(char* text, size_t size, LineBreaks breaks) {
+    std::string_view rest(text, size);
+    size_t done = 0;
     while (!rest.empty()) {
         const Character character = firstCharacter(rest);
         const bool isKept = character.code == '\n' && breaks == LineBreaks::kKeep;
         if (character.bytes == 0 || (steersTerminal(character.code) && !isKept)) {
-            shown += '?';
+            text[done++] = '?';
         } else {
-            shown += rest.substr(0, character.bytes);
+            memmove(text + done, rest.data(), character.bytes);
+            done += character.bytes;
         }
         rest.remove_prefix(std::max<size_t>(character.bytes, 1));
     }
+    return done;
+}
+
+std::string printable(const std::string& text, LineBreaks breaks) {
+    std::string shown = text;
+    shown.resize(makePrintable(shown.data(), shown.size(), breaks));
     return shown;
 }
 
@@ -135,7 +167,7 @@ std::string green(const std::string& text) {
     const char* const terminal = getenv("TERM");
     const bool plain = (refused != nullptr && *refused != '\0') || terminal == nullptr ||
                        strcmp(terminal, "dumb") == 0;
-    return plain || text.empty() ? text : "\x1b[32m" + text + "\x1b[m";
+    return plain || text.empty() ? text : kGreenBegin + text + kGreenEnd;
 }
 
 }  // namespace android::qmmediaeditor::cli::console

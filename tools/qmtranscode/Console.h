@@ -4,13 +4,20 @@
 #pragma once
 
 #include <qmtranscode/Failure.h>
+#include <qmtranscode/Link.h>
+#include <stddef.h>
 
+#include <atomic>
 #include <string>
 
 namespace android::qmmediaeditor::cli::console {
 
 // Back to the first column, and clear to the end of the line.
 constexpr const char* kEraseLine = "\r\x1b[K";
+
+// From here on everything goes to the parent process, which writes it; `columns` has the width of
+// its terminal. For a worker, before it has other threads.
+void useLink(const Link* link, const std::atomic<int>* columns);
 
 // `text`, which may have several lines, and a line break, above the bar.
 void printLine(const std::string& text);
@@ -33,10 +40,14 @@ enum class LineBreaks { kReplace, kKeep };
 // text and for each byte that is not UTF-8.
 std::string printable(const std::string& text, LineBreaks breaks = LineBreaks::kReplace);
 
+// The same in place; the new size, which is not larger.
+size_t makePrintable(char* text, size_t size, LineBreaks breaks);
+
 // Columns that a terminal takes for a text in UTF-8.
 int columnsOf(const std::string& text);
 
-// The text in green, unless NO_COLOR is set or the terminal has no colours.
+// The text with the marks of a bar's coloured part, unless NO_COLOR is set or the terminal has no
+// colours.
 std::string green(const std::string& text);
 
 }  // namespace android::qmmediaeditor::cli::console

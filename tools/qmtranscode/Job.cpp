@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <malloc.h>
 #include <qmtranscode/Console.h>
+#include <qmtranscode/Descriptor.h>
 #include <qmtranscode/Job.h>
 #include <qmtranscode/Plan.h>
 #include <qmtranscode/Progress.h>
@@ -12,38 +13,29 @@
 
 namespace android::qmmediaeditor::cli {
 
-std::optional<Failure> Job::run() {
-    if (auto failure = prepare()) return failure;
-    if (mOptions.plan) return plan();
-    if (auto failure = openTrace()) return failure;
-    if (auto failure = mOutput.create()) return failure;
+Outcome Job::run() {
+    if (auto failure = prepare()) return {failure};
+    if (mOptions.plan) return {plan()};
     // The session closes it.
     const int outputFd = mOutput.duplicate();
-    if (outputFd < 0) return Failure{kExitFailed, mOutput.path(), strerror(errno)};
+    if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
     Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
+    const bool traces = mOptions.trace.has_value();
+    if (traces) mTrace.begin();
     const int32_t result = transcode(outputFd, &progress);
-    auto failure = conclude(result, &progress);
-    // A trace is for looking at, above all one of a run that failed.
-    const auto traceFailure = mTrace.finish();
-    if (!traceFailure) return failure;
-    if (failure) {
-        console::printFailure(*traceFailure);
-        return failure;
-    }
-    return Failure{kExitFailed, mOutput.path() + " is complete; " + traceFailure->subject,
-                   traceFailure->reason};
+    Outcome outcome = conclude(result, &progress);
+    if (traces) outcome.traceError = mTrace.end();
+    return outcome;
 }
 
-std::optional<Failure> Job::conclude(int32_t result, Progress* progress) {
-    if (auto failure = mInput.checkReads(*mFacts)) return failure;
+Outcome Job::conclude(int32_t result, Progress* progress) {
+    if (auto failure = mInput.checkReads(*mFacts)) return {failure};
     if (result == OK) return keepWhole(progress);
-    if (result == kStopped && mInterrupt->requested()) return keepStopped();
-    return failed(result);
+    if (result == kStopped && mControl->stopRequested()) return keepStopped();
+    return {failed(result)};
 }
 
 std::optional<Failure> Job::prepare() {
-    if (auto failure = mInput.open(mOptions.input)) return failure;
-    if (auto failure = mOutput.check(mOptions.output, mOptions.overwrite, mInput)) return failure;
     if (auto failure = mInput.probe(*mFacts)) return failure;
     if (auto failure = makePeriods(mOptions, mInput.media(), &mPeriods)) return failure;
     return makeOutputFormat(mOptions, mInput.media(), &mOutputFormat);
@@ -54,8 +46,7 @@ std::optional<Failure> Job::plan() {
     if (auto failure = tryRequest(mInput, mPeriods, mOutputFormat, mMonitor, &trial)) {
         return failure;
     }
-    if (console::printOutput(planJson(mOptions, mInput, mPeriods, trial)) == 0) return std::nullopt;
-    return Failure{kExitFailed, "standard output", strerror(errno)};
+    return writeReceipt(planJson(mOptions, mInput, mPeriods, trial));
 }
 
 int64_t Job::outputLengthUs() const {
@@ -63,11 +54,6 @@ int64_t Job::outputLengthUs() const {
     int64_t lengthUs = 0;
     for (const TrimPeriod& period : mPeriods) lengthUs += period.mEndUs - period.mStartUs;
     return lengthUs;
-}
-
-std::optional<Failure> Job::openTrace() {
-    if (!mOptions.trace) return std::nullopt;
-    return mTrace.open(*mOptions.trace, mOptions.overwrite, mInput, mOutput);
 }
 
 int32_t Job::transcode(int outputFd, Progress* progress) {
@@ -80,15 +66,12 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
                  mMonitor->onProgress(percent);
                  progress->report(percent);
              }});
-        // A run whose output would not be kept ends at the first signal.
-        if (mOptions.keepPartial && !mOutput.replaces()) {
-            mFacts->begin(
-                [this, &session] { mInterrupt->onFirst([&session] { session.cancel(); }); });
-        } else {
-            mFacts->begin(nullptr);
-        }
+        mControl->onStop([&session] { session.cancel(); });
+        mControl->report(WorkerStage::kStarting);
+        mFacts->begin([this] { mControl->report(WorkerStage::kTranscoding); });
         result = session.run();
-        mInterrupt->endAtFirst();
+        mControl->ignoreStop();
+        mControl->report(WorkerStage::kChecking);
     }
     mCounts = mMonitor->end();
     // What long tracks need tables for is needed again by whoever reads the output back.
@@ -97,37 +80,28 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
     return result;
 }
 
-std::optional<Failure> Job::keepWhole(Progress* progress) {
+Outcome Job::keepWhole(Progress* progress) {
     Receipt receipt = readReceipt();
-    if (!receipt.written) return nothingWritten();
+    if (!receipt.written) return {nothingWritten()};
     if (auto failure = checkWhole(mInput, mCounts, *mFacts, *receipt.written, mOutput.path())) {
-        return failure;
+        return {failure};
     }
-    if (auto failure = checkTracks(*receipt.written)) return failure;
-    mInterrupt->beginKeeping();
-    if (auto failure = mOutput.keep()) return failure;
-    mInterrupt->endKeeping();
+    if (auto failure = checkTracks(*receipt.written)) return {failure};
     receipt.complete = true;
     progress->finish();
-    const std::string lost = printReceipt(receipt);
-    if (lost.empty()) return std::nullopt;
-    return Failure{kExitFailed, "", mOutput.path() + " is complete" + lost};
+    if (auto failure = writeReceipt(receipt)) return {failure};
+    return {std::nullopt, true};
 }
 
-std::optional<Failure> Job::keepStopped() {
+Outcome Job::keepStopped() {
     const Receipt receipt = readReceipt();
-    mInterrupt->beginKeeping();
-    if (receipt.written) {
-        if (auto failure = mOutput.keep()) return failure;
-    }
-    mInterrupt->endKeeping();
-    const std::string lost = printReceipt(receipt);
+    if (auto failure = writeReceipt(receipt)) return {failure};
     if (!receipt.written) {
-        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written" + lost};
+        return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written"}};
     }
-    return Failure{
-        kExitStopped, mOutput.path(),
-        "stopped; it is valid up to " + secondsText(commonEndUs(*receipt.written)) + lost};
+    return {Failure{kExitStopped, mOutput.path(),
+                    "stopped; it is valid up to " + secondsText(commonEndUs(*receipt.written))},
+            true};
 }
 
 std::optional<Failure> Job::failed(int32_t result) const {
@@ -176,15 +150,18 @@ Receipt Job::readReceipt() const {
     receipt.inputUs = mInput.media().durationUs();
     receipt.counts = mCounts;
     receipt.wallSeconds = mWallSeconds;
-    receipt.usage = currentUsage();
     receipt.written = readBack(mOutput.fd());
     return receipt;
 }
 
-std::string Job::printReceipt(const Receipt& receipt) const {
-    if (!mOptions.json && !receipt.written) return "";
-    if (console::printOutput(mOptions.json ? toJson(receipt) : toText(receipt)) == 0) return "";
-    return "; the receipt could not be written: " + std::string(strerror(errno));
+std::optional<Failure> Job::writeReceipt(const Receipt& receipt) const {
+    if (mOptions.json) return writeReceipt(toJson(receipt));
+    return receipt.written ? writeReceipt(toText(receipt)) : std::nullopt;
+}
+
+std::optional<Failure> Job::writeReceipt(const std::string& text) const {
+    if (writeAll(mReceipt, text) == 0) return std::nullopt;
+    return Failure{kExitFailed, "the receipt", strerror(errno)};
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,14 +1,12 @@
 // One run of the command, from checked options to an exit status.
 #pragma once
 
-#include <qmtranscode/InputFile.h>
-#include <qmtranscode/Interrupt.h>
+#include <qmtranscode/JobFiles.h>
 #include <qmtranscode/Options.h>
-#include <qmtranscode/OutputFile.h>
 #include <qmtranscode/Receipt.h>
 #include <qmtranscode/RunFacts.h>
 #include <qmtranscode/RunMonitor.h>
-#include <qmtranscode/TraceFile.h>
+#include <qmtranscode/WorkerControl.h>
 #include <utils/StrongPointer.h>
 
 #include <optional>
@@ -18,15 +16,31 @@ namespace android::qmmediaeditor::cli {
 
 class Progress;
 
+// How a job ends. The receipt or the plan is written by then.
+struct Outcome {
+    // Nothing when the output is complete.
+    std::optional<Failure> failure;
+    // The output is to get its name: it is complete, or valid up to where it was stopped.
+    bool keepOutput = false;
+    int traceError = 0;  // errno of the first failed write of the trace
+};
+
 class Job {
 public:
     // All outlive the job. A platform has to be installed; its observer is `facts`, and the log
     // goes to the monitor.
-    Job(const Options& options, Interrupt* interrupt, RunMonitor* monitor, RunFacts* facts)
-        : mOptions(options), mInterrupt(interrupt), mMonitor(monitor), mFacts(facts) {}
+    Job(const Options& options, JobFiles* files, WorkerControl* control, RunMonitor* monitor,
+        RunFacts* facts)
+        : mOptions(options),
+          mInput(files->input),
+          mOutput(files->output),
+          mTrace(files->trace),
+          mReceipt(files->receipt),
+          mControl(control),
+          mMonitor(monitor),
+          mFacts(facts) {}
 
-    // Nothing when the output is whole and has its name.
-    std::optional<Failure> run();
+    Outcome run();
 
 private:
     Job(const Job&) = delete;
@@ -34,15 +48,14 @@ private:
 
     // Everything that can be refused before anything is written.
     std::optional<Failure> prepare();
-    std::optional<Failure> openTrace();
-    // Says what would be done.
+    // Writes the plan.
     std::optional<Failure> plan();
     // Runs the session; its result code.
     int32_t transcode(int outputFd, Progress* progress);
-    // From the session's result code to the output's name and the receipt.
-    std::optional<Failure> conclude(int32_t result, Progress* progress);
-    std::optional<Failure> keepWhole(Progress* progress);
-    std::optional<Failure> keepStopped();
+    // From the session's result code to the receipt.
+    Outcome conclude(int32_t result, Progress* progress);
+    Outcome keepWhole(Progress* progress);
+    Outcome keepStopped();
     std::optional<Failure> failed(int32_t result) const;
     // What is wrong with the request or the input when not even one sample has come out.
     Failure nothingWritten() const;
@@ -50,17 +63,18 @@ private:
     std::optional<Failure> checkTracks(const WrittenFile& written) const;
     // The receipt, with what can be read back of the output.
     Receipt readReceipt() const;
-    // The end of a message that says why the receipt could not be written; empty if it was.
-    std::string printReceipt(const Receipt& receipt) const;
+    std::optional<Failure> writeReceipt(const Receipt& receipt) const;
+    std::optional<Failure> writeReceipt(const std::string& text) const;
     int64_t outputLengthUs() const;
 
     const Options& mOptions;
-    Interrupt* const mInterrupt;
+    InputFile& mInput;
+    const OutputFile& mOutput;
+    TraceFile& mTrace;
+    const int mReceipt;
+    WorkerControl* const mControl;
     RunMonitor* const mMonitor;
     RunFacts* const mFacts;
-    InputFile mInput;
-    OutputFile mOutput;
-    TraceFile mTrace;
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
     RunCounts mCounts;

@@ -1,8 +1,6 @@
 #include <log/logprint.h>
 #include <qmtranscode/Console.h>
-#include <qmtranscode/Failure.h>
 #include <qmtranscode/LogOutput.h>
-#include <qmtranscode/OutputFile.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -17,6 +15,7 @@ namespace {
 AndroidLogFormat* gFormat = nullptr;
 Mutex gFormatLock;
 LogListener* gListener = nullptr;
+void (*gOnFailedCheck)(const std::string& reason) = nullptr;
 
 void printMessage(android_LogPriority priority, const char* tag, const char* message) {
     timespec now{};
@@ -55,18 +54,17 @@ void takeMessage(const __android_logger_data* data, const char* message) {
 }
 
 void endProcess(const char* message) {
-    OutputFile::removeNow();
     std::string text = message == nullptr ? "no reason given" : message;
     while (!text.empty() && text.back() == '\n') text.pop_back();
-    console::printFailure({kExitFailed, "internal check failed", text});
-    _exit(kExitFailed);
+    gOnFailedCheck(text);
 }
 
 }  // namespace
 
 void installLog(const std::optional<std::string>& filter, const std::string& format,
-                LogListener* listener) {
+                LogListener* listener, void (*onFailedCheck)(const std::string& reason)) {
     gListener = listener;
+    gOnFailedCheck = onFailedCheck;
     if (filter) {
         gFormat = android_log_format_new();
         android_log_setPrintFormat(gFormat, android_log_formatFromString(format.c_str()));

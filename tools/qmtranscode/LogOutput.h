@@ -26,9 +26,9 @@ public:
 
 // Prints what logcat's filter lets through, in one of logcat's formats; nothing without a filter.
 // Every message goes to `listener`, which lives as long as the process: a thread may log until its
-// very end. A failed internal check ends the process with one line and status 1.
+// very end. `onFailedCheck` is called for a failed internal check, and ends the process.
 void installLog(const std::optional<std::string>& filter, const std::string& format,
-                LogListener* listener);
+                LogListener* listener, void (*onFailedCheck)(const std::string& reason));
 
 // The clock of messages: monotonic, in microseconds.
 int64_t nowUs();

@@ -4,7 +4,6 @@
 #include <qmtranscode/Receipt.h>
 #include <qmtranscode/Values.h>
 #include <stdio.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 
@@ -23,6 +22,21 @@ struct PeriodResult {
     std::optional<TrimPeriod> sound;     // from where it begins to where it ends
     std::optional<int64_t> skewUs;
 };
+
+// In the order of kUsageMarks.
+constexpr char kCpuTextMark = 1;
+constexpr char kMemoryTextMark = 2;
+constexpr char kCpuJsonMark = 3;
+constexpr char kMemoryJsonMark = 4;
+
+// A number that only the mark stands for.
+void markNumber(const std::string& key, char mark, std::string* json) {
+    const std::string placeholder = "\"" + key + "\": null";
+    const size_t at = json->find(placeholder);
+    if (at != std::string::npos) {
+        json->replace(at, placeholder.size(), "\"" + key + "\": " + mark);
+    }
+}
 
 double seconds(int64_t us) { return static_cast<double>(us) / 1e6; }
 
@@ -175,14 +189,30 @@ std::string periodRows(const PeriodResult& result) {
 
 }  // namespace
 
-Usage currentUsage() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
+Usage usageOf(const rusage& usage) {
     const auto secondsOf = [](const timeval& time) {
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
     };
     return {secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime),
             static_cast<int64_t>(usage.ru_maxrss) * 1024};
+}
+
+std::string usageText(const Usage& usage, char mark) {
+    char text[48];
+    switch (mark) {
+        case kCpuTextMark:
+            snprintf(text, sizeof(text), "%.2f", usage.cpuSeconds);
+            return text;
+        case kMemoryTextMark:
+            return bytesText(usage.peakBytes);
+        case kCpuJsonMark:
+            snprintf(text, sizeof(text), "%.6f", usage.cpuSeconds);
+            return text;
+        case kMemoryJsonMark:
+            return std::to_string(usage.peakBytes);
+        default:
+            return "";
+    }
 }
 
 std::string toJson(const Receipt& receipt) {
@@ -205,9 +235,12 @@ std::string toJson(const Receipt& receipt) {
     }
     json["seconds"] = receipt.wallSeconds;
     json["speed"] = seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
-    json["cpu_seconds"] = receipt.usage.cpuSeconds;
-    json["peak_memory_bytes"] = receipt.usage.peakBytes;
-    return dumpJson(json);
+    json["cpu_seconds"] = nullptr;
+    json["peak_memory_bytes"] = nullptr;
+    std::string text = dumpJson(json);
+    markNumber("cpu_seconds", kCpuJsonMark, &text);
+    markNumber("peak_memory_bytes", kMemoryJsonMark, &text);
+    return text;
 }
 
 std::string emptyReceipt(const std::string& input, const std::string& output) {
@@ -237,8 +270,7 @@ std::string toText(const Receipt& receipt) {
     return text +
            row("took", "%.2f s, %.1f x real time", receipt.wallSeconds,
                seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
-           row("", "%.2f s CPU, %s memory", receipt.usage.cpuSeconds,
-               bytesText(receipt.usage.peakBytes).c_str());
+           row("", "%c s CPU, %c memory", kCpuTextMark, kMemoryTextMark);
 }
 
 }  // namespace android::qmmediaeditor::cli

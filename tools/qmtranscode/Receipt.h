@@ -5,6 +5,7 @@
 #include <qmtranscode/ReadBack.h>
 #include <qmtranscode/RunCounts.h>
 #include <stdint.h>
+#include <sys/resource.h>
 
 #include <optional>
 #include <string>
@@ -12,12 +13,17 @@
 
 namespace android::qmmediaeditor::cli {
 
-// What the process has used so far.
+// What a process has used. It is known when the process has ended, which is after it wrote its
+// receipt: there, marks stand in its place.
 struct Usage {
     double cpuSeconds = 0;  // of all threads
     int64_t peakBytes = 0;  // resident memory
 };
-Usage currentUsage();
+Usage usageOf(const rusage& usage);
+// Control characters, which a receipt does not have otherwise.
+constexpr const char* kUsageMarks = "\x01\x02\x03\x04";
+// What stands in the place of a mark.
+std::string usageText(const Usage& usage, char mark);
 
 struct Receipt {
     std::string input;
@@ -32,7 +38,6 @@ struct Receipt {
     // Nothing when nothing was written.
     std::optional<WrittenFile> written;
     double wallSeconds = 0;
-    Usage usage;
 };
 
 // One JSON object, over several lines.

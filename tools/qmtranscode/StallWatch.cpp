@@ -21,13 +21,20 @@ StallWatch::~StallWatch() {
 void StallWatch::watch() {
     const int64_t patienceUs = std::chrono::microseconds(mPatience).count();
     const auto step = std::max(mPatience / 10, std::chrono::milliseconds(1));
+    constexpr int64_t kLateUs = 500000;
     int64_t toldUs = 0;
+    int64_t resumedUs = 0;
     Mutex::Autolock lock(mLock);
     while (!mEnd) {
+        const int64_t beganUs = nowUs();
         mEnded.waitRelative(mLock, std::chrono::nanoseconds(step).count());
         if (mEnd) return;
+        // The process itself was stopped, by Ctrl-Z for example.
+        const int64_t stepUs = std::chrono::microseconds(step).count();
+        if (nowUs() - beganUs > 2 * stepUs + kLateUs) resumedUs = nowUs();
         const int64_t movedUs = mMonitor->lastMoveUs();
-        if (movedUs == 0 || movedUs == toldUs || nowUs() - movedUs < patienceUs) continue;
+        if (movedUs == 0 || movedUs == toldUs) continue;
+        if (nowUs() - std::max(movedUs, resumedUs) < patienceUs) continue;
         toldUs = movedUs;
         explainRun(*mMonitor, "nothing has moved for " + secondsText(nowUs() - movedUs) +
                                   "; what every thread does:");

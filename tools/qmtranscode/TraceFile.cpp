@@ -27,27 +27,33 @@ std::optional<Failure> TraceFile::open(const std::string& path, bool overwrite,
     if (input.isSameFile(mFile.older())) return Failure{kExitUsage, path, "this is the input"};
     if (mFile.isSameAs(output.file())) return Failure{kExitUsage, path, "this is the output"};
     if (auto failure = mFile.checkPlace(overwrite)) return failure;
-    if (auto failure = mFile.create(overwrite)) return failure;
+    return mFile.create(overwrite);
+}
+
+void TraceFile::begin() {
     const int fd = mFile.duplicate();
     if (fd >= 0) mStream = fdopen(fd, "w");
     if (mStream == nullptr) {
-        const Failure failure{kExitFailed, path, strerror(errno)};
+        mError = errno;
         if (fd >= 0) close(fd);
-        return failure;
+        return;
     }
     noteError(fputs("[", mStream));
     write("M", 0, "\"name\":\"process_name\",\"args\":{\"name\":\"qmtranscode\"}");
-    return std::nullopt;
 }
 
-std::optional<Failure> TraceFile::finish() {
-    if (mStream == nullptr) return std::nullopt;
+int TraceFile::end() {
+    if (mStream == nullptr) return mError;
     noteError(fputs("\n]\n", mStream));
     noteError(fclose(mStream));
     mStream = nullptr;
+    return mError;
+}
+
+std::optional<Failure> TraceFile::commit(int error) {
     std::optional<Failure> failure;
-    if (mError != 0) {
-        failure = Failure{kExitFailed, mFile.path(), strerror(mError)};
+    if (error != 0) {
+        failure = Failure{kExitFailed, mFile.path(), strerror(error)};
     } else {
         failure = mFile.commit();
     }
@@ -80,6 +86,7 @@ void TraceFile::event(pid_t thread, const char* what, int64_t timeUs) {
 }
 
 void TraceFile::write(const char* phase, pid_t thread, const std::string& rest) {
+    if (mStream == nullptr) return;
     noteError(fprintf(mStream, "%s\n{\"ph\":\"%s\",\"pid\":%d,\"tid\":%d,%s}", mFirst ? "" : ",",
                       phase, getpid(), thread == 0 ? getpid() : thread, rest.c_str()));
     mFirst = false;

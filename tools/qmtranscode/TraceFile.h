@@ -23,8 +23,15 @@ public:
     // Refuses the input and the output, whatever their spelling.
     std::optional<Failure> open(const std::string& path, bool overwrite, const InputFile& input,
                                 const OutputFile& output);
-    // Writes the trace to disk and gives it its name. Does nothing without `open`.
-    std::optional<Failure> finish();
+
+    // In the process that traces: before the first event, and after the last one. `end` returns 0,
+    // or errno of the first write that failed.
+    void begin();
+    int end();
+
+    // In the process that opened the file: writes the trace to disk and gives it its name, unless
+    // `error` says that not all of it could be written.
+    std::optional<Failure> commit(int error);
 
     void thread(pid_t thread, const char* role) override;
     void slice(pid_t thread, const char* what, bool waits, int64_t beginUs, int64_t endUs) override;

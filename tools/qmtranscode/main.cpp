@@ -1,23 +1,41 @@
+#include <errno.h>
 #include <fcntl.h>
-#include <host/Host.h>
-#include <malloc.h>
 #include <qmtranscode/Console.h>
-#include <qmtranscode/Job.h>
-#include <qmtranscode/RunFacts.h>
-#include <qmtranscode/StallWatch.h>
+#include <qmtranscode/JobFiles.h>
+#include <qmtranscode/Receipt.h>
+#include <qmtranscode/Supervisor.h>
+#include <qmtranscode/Worker.h>
 #include <signal.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <new>
 
 using namespace android::qmmediaeditor;
 
 namespace {
 
-// A file that is opened later would take the place of a stream that the caller has closed, and what
-// is said would go into it.
+// A file that is opened later would take the place of a stream that the caller has closed, and
+// messages would go into it.
 void openClosedStreams() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
     if (fd >= 0) close(fd);
+}
+
+int failed(const cli::Failure& failure) {
+    cli::console::printFailure(failure);
+    return failure.status;
+}
+
+int cannotStart() { return failed({cli::kExitFailed, "the worker process", strerror(errno)}); }
+
+cli::SharedState* makeSharedState() {
+    void* const memory = mmap(nullptr, sizeof(cli::SharedState), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return memory == MAP_FAILED ? nullptr : new (memory) cli::SharedState;
 }
 
 }  // namespace
@@ -28,27 +46,43 @@ int main(int argc, char** argv) {
     // a temporary file left behind.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
-    // Tables of long files come and go as a whole, and leave no holes.
-    mallopt(M_MMAP_THRESHOLD, 1 << 20);
 
     cli::Options options;
     if (const std::optional<int> status = cli::parseOptions(argc, argv, &options)) return *status;
 
-    // Lives as long as the process: the host's threads log until its very end.
-    auto* const monitor = new cli::RunMonitor;
-    cli::Interrupt interrupt([monitor] { cli::explainRun(*monitor, "what every thread does:"); },
-                             options.json ? cli::emptyReceipt(options.input, options.output) : "");
-    cli::installLog(options.logFilter, options.logFormat, monitor);
-    const cli::StallWatch stallWatch(monitor, std::chrono::seconds(10));
-    auto* const facts = new cli::RunFacts;
-    const std::unique_ptr<Platform> platform =
-        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs(), facts});
-    Platform::install(platform.get());
+    cli::blockSignals();
+    cli::JobFiles files;
+    if (const std::optional<cli::Failure> failure = files.open(options)) return failed(*failure);
 
-    cli::Job job(options, &interrupt, monitor, facts);
-    if (const std::optional<cli::Failure> failure = job.run()) {
-        cli::console::printFailure(*failure);
-        return failure->status;
+    int links[2];
+    int libraryOutput[2];
+    cli::SharedState* const shared = makeSharedState();
+    if (shared == nullptr || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, links) != 0 ||
+        pipe2(libraryOutput, O_CLOEXEC) != 0) {
+        return cannotStart();
     }
-    return cli::kExitWhole;
+    shared->columns = cli::console::width();
+    const pid_t parent = getpid();
+    const pid_t worker = fork();
+    if (worker < 0) return cannotStart();
+    if (worker == 0) {
+        close(links[0]);
+        close(libraryOutput[0]);
+        const cli::Link link(links[1]);
+        cli::runWorker(options, &files, link, shared, libraryOutput[1], parent);
+    }
+    close(links[1]);
+    close(libraryOutput[1]);
+    fcntl(links[0], F_SETFL, O_NONBLOCK);
+    const cli::Link link(links[0]);
+    cli::Supervisor::Job job;
+    job.input = options.input;
+    job.output = options.plan ? nullptr : &files.output;
+    job.trace = options.trace && !options.plan ? &files.trace : nullptr;
+    job.receipt = files.receipt;
+    job.libraryOutput = libraryOutput[0];
+    job.showsLibraryOutput = options.logFilter.has_value();
+    job.mayKeepPartial = options.keepPartial && !files.output.replaces();
+    if (options.json) job.lastWords = cli::emptyReceipt(options.input, options.output);
+    return cli::Supervisor(job, worker, link, shared).run();
 }
