@@ -50,6 +50,9 @@ struct HostOptions {
     std::optional<std::vector<int64_t>> cutTimesUs;
     // May be null; outlives the platform.
     HostObserver* observer = nullptr;
+    // Threads of each video codec. 0: as many as this process may use CPUs, by its affinity mask
+    // and the quota of its control group, but at most 16.
+    int threads = 0;
 };
 
 // To be given to Platform::install, and to be kept until the last session is gone.

@@ -85,7 +85,7 @@ private:
         if (mime.startsWithIgnoreCase("audio/")) {
             return std::make_unique<AudioEncoder>(mOptions.observer);
         }
-        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session());
+        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session(), mOptions.threads);
     }
 
     // A track's codec is known only when the decoder is configured with the track's format.
@@ -97,7 +97,9 @@ private:
         if (mime.startsWithIgnoreCase("audio/")) {
             return std::make_unique<AudioDecoder>(mOptions.cutTimesUs);
         }
-        if (mime.startsWithIgnoreCase("video/")) return std::make_unique<VideoDecoder>(session());
+        if (mime.startsWithIgnoreCase("video/")) {
+            return std::make_unique<VideoDecoder>(session(), mOptions.threads);
+        }
         return nullptr;
     }
 

@@ -20,8 +20,8 @@ namespace qmmediaeditor {
 
 class VideoDecoder : public CodecEngine {
 public:
-    // `session` may be null.
-    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session);
+    // `session` may be null; `threads` as in HostOptions.
+    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -42,6 +42,7 @@ private:
     sp<ABuffer> workingPicture();
 
     const std::shared_ptr<SessionTimeline> mSession;
+    const int mThreads;
     const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
     PictureConverter mConverter;

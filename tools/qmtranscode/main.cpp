@@ -42,7 +42,8 @@ int main(int argc, char** argv) {
     const cli::StallWatch stallWatch(monitor, std::chrono::seconds(10));
     auto* const facts = new cli::RunFacts;
     const std::unique_ptr<Platform> platform =
-        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs(), facts});
+        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs(), facts,
+                            options.threads.value_or(0)});
     Platform::install(platform.get());
 
     cli::Job job(options, &interrupt, monitor, facts);
