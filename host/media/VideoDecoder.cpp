@@ -239,11 +239,12 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
             av_frame_unref(mFrame.get());
             continue;
         }
-        output->buffer = workingPicture();
+        const bool taken = workingPicture(&output->buffer);
         output->timeUs = mLastTimeUs;
         output->timeLine = mTimeLine;
         const int64_t durationUs = durationOf(*mFrame);
         av_frame_unref(mFrame.get());
+        if (!taken) return Step::kFailed;
         if (output->buffer != nullptr) {
             if (mSession != nullptr) mSession->addFrame(mLastTimeUs, durationUs);
             return Step::kOutput;
@@ -259,20 +260,23 @@ int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
     return mInside.empty() ? mLastTimeUs : *mInside.begin();
 }
 
-sp<ABuffer> VideoDecoder::workingPicture() {
+bool VideoDecoder::workingPicture(sp<ABuffer>* buffer) {
     const std::shared_ptr<PicturePool> pool = this->pool();
     const PictureLayout& layout = pool->layout();
     const bool asItIs = PictureConverter::isWorkingPicture(*mFrame, layout.width, layout.height);
-    if (asItIs && pool->fits(*mFrame)) return pool->wrap(mFrame.get());
-
+    if (asItIs && pool->fits(*mFrame)) {
+        *buffer = pool->wrap(mFrame.get());
+        return *buffer != nullptr;
+    }
     FramePtr picture(av_frame_alloc());
-    if (picture == nullptr || !pool->attach(picture.get())) return nullptr;
+    if (picture == nullptr || !pool->attach(picture.get())) return false;
     if (asItIs) {
         copyPicture(*mFrame, *picture);
     } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
-        return nullptr;
+        return true;
     }
-    return pool->wrap(picture.get());
+    *buffer = pool->wrap(picture.get());
+    return *buffer != nullptr;
 }
 
 }  // namespace qmmediaeditor

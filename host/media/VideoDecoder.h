@@ -39,7 +39,8 @@ private:
     static bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<PicturePool> pool();
     int64_t timeOf(const AVFrame& frame) const;
-    sp<ABuffer> workingPicture();
+    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
+    bool workingPicture(sp<ABuffer>* buffer);
 
     const std::shared_ptr<SessionTimeline> mSession;
     const int mThreads;

@@ -153,6 +153,9 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     if (status != OK) return status;
 
     mCodecSpecificData = mEncoder.codecSpecificData();
+    if (mCodecSpecificData == nullptr && mEncoder.context()->extradata_size > 0) {
+        return NO_MEMORY;
+    }
     mFormat = new AMessage;
     mFormat->setString("mime", mime);
     mFormat->setInt32("width", mWidth & ~1);
