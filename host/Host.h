@@ -50,7 +50,14 @@ struct HostOptions {
     std::optional<std::vector<int64_t>> cutTimesUs;
     // May be null; outlives the platform.
     HostObserver* observer = nullptr;
+    // Threads of each video codec. 0: as many as this process may use CPUs, by its affinity mask
+    // and the quota of its control group, but at most 16.
+    int threads = 0;
 };
+
+// The number of threads that a codec has where HostOptions::threads is 0. It depends on files of
+// /proc and /sys: a process that gives up the right to open files calls it before that.
+int defaultThreads();
 
 // To be given to Platform::install, and to be kept until the last session is gone.
 std::unique_ptr<Platform> createHostPlatform(const HostOptions& options);

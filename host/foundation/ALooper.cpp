@@ -11,6 +11,20 @@
 
 namespace android {
 
+namespace {
+
+// Sets the calling thread's nice value to `priority`, but never below the value that it inherited,
+// because a process that was started with a low priority must keep it, as root too.
+void lowerPriority(int32_t priority) {
+    const auto thread = static_cast<id_t>(gettid());
+    if (priority > getpriority(PRIO_PROCESS, thread)) {
+        // The work is the same at any priority.
+        (void)setpriority(PRIO_PROCESS, thread, priority);
+    }
+}
+
+}  // namespace
+
 // Shared with the thread, so that a looper may go away while its last work still runs.
 struct ALooper::State {
     Mutex lock;
@@ -57,8 +71,7 @@ status_t ALooper::start(bool runOnCallingThread, bool /* canCallJava */, int32_t
             // The kernel keeps 15 characters.
             pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
         }
-        // Only a privileged process may raise its priority; without it the work is the same.
-        (void)setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), priority);
+        lowerPriority(priority);
         state->loop(generation);
     });
     return OK;

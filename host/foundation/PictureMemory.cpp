@@ -18,7 +18,9 @@ namespace {
 constexpr size_t kGranule = 64 * 1024;
 constexpr size_t kLargePage = 2 * 1024 * 1024;
 // Address space alone: pages that no block has used take no memory.
-constexpr size_t kBlocksPerRegion = 32;
+constexpr size_t kMaxBlocksPerRegion = 32;
+// Keeps the sizes below representable, and is more than any frame takes.
+constexpr size_t kMaxBlockBytes = SIZE_MAX / 4;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // What is used again hides from the sanitizers who used it too long.
@@ -33,6 +35,7 @@ struct Region {
     uint8_t* memory;
     size_t bytes;
     size_t blockBytes;
+    size_t blocks;
     size_t touched = 0;  // blocks that were ever used; they are the first ones
     std::vector<void*> free = {};
 
@@ -40,13 +43,14 @@ struct Region {
         const auto* address = static_cast<const uint8_t*>(block);
         return address >= memory && address < memory + bytes;
     }
-    bool isFull() const { return free.empty() && touched == kBlocksPerRegion; }
+    bool isFull() const { return free.empty() && touched == blocks; }
     bool isIdle() const { return free.size() == touched; }
 };
 
 class Regions {
 public:
     void* allocate(size_t bytes) {
+        if (bytes > kMaxBlockBytes) return nullptr;
         const size_t blockBytes = roundUp(std::max<size_t>(bytes, 1), kGranule);
         Mutex::Autolock lock(mLock);
         Region* region = findRoom(blockBytes);
@@ -72,12 +76,26 @@ public:
     }
 
 private:
+    // Each region of a size is as large as all before it together, because a single buffer must not
+    // reserve address space for many. A smaller region will do where address space is short.
     Region* findRoom(size_t blockBytes) REQUIRES(mLock) {
+        size_t blocks = 0;
         for (Region& region : mRegions) {
-            if (region.blockBytes == blockBytes && !region.isFull()) return &region;
+            if (region.blockBytes != blockBytes) continue;
+            if (!region.isFull()) return &region;
+            blocks += region.blocks;
         }
+        blocks = std::clamp<size_t>(blocks, 1, kMaxBlocksPerRegion);
+        blocks = std::min(blocks, kMaxBlockBytes / blockBytes);
+        for (; blocks > 0; blocks /= 2) {
+            if (Region* region = addRegion(blockBytes, blocks)) return region;
+        }
+        return nullptr;
+    }
+
+    Region* addRegion(size_t blockBytes, size_t blocks) REQUIRES(mLock) {
         // Large pages begin at multiples of their size.
-        const size_t bytes = roundUp(blockBytes * kBlocksPerRegion, kLargePage);
+        const size_t bytes = roundUp(blockBytes * blocks, kLargePage);
         void* mapped = mmap(nullptr, bytes + kLargePage, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (mapped == MAP_FAILED) return nullptr;
@@ -88,7 +106,7 @@ private:
         if (before < kLargePage) munmap(start + before + bytes, kLargePage - before);
         // Where there are none, small pages do.
         madvise(start + before, bytes, MADV_HUGEPAGE);
-        mRegions.push_back({start + before, bytes, blockBytes});
+        mRegions.push_back({start + before, bytes, blockBytes, blocks});
         return &mRegions.back();
     }
 

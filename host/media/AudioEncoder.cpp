@@ -70,7 +70,10 @@ status_t AudioEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     if (status != OK) return status;
 
     const bool isAac = mEncoder.context()->codec_id == AV_CODEC_ID_AAC;
-    if (isAac) mCodecSpecificData = mEncoder.codecSpecificData();
+    if (isAac) {
+        mCodecSpecificData = mEncoder.codecSpecificData();
+        if (mCodecSpecificData == nullptr) return NO_MEMORY;
+    }
     mFormat = new AMessage;
     mFormat->setString("mime", mime);
     mFormat->setInt32("sample-rate", mInSampleRate);

@@ -46,8 +46,12 @@ private:
     const uint8_t* const mEnd;
 };
 
-void setBytes(const char* name, const Bytes& bytes, const sp<AMessage>& format) {
-    if (!bytes.empty()) format->setBuffer(name, ABuffer::CreateAsCopy(bytes.data(), bytes.size()));
+bool setBytes(const char* name, const uint8_t* data, size_t size, const sp<AMessage>& format) {
+    if (size == 0) return true;
+    const sp<ABuffer> copy = ABuffer::CreateAsCopy(data, size);
+    if (copy == nullptr) return false;
+    format->setBuffer(name, copy);
+    return true;
 }
 
 bool isByteStream(const uint8_t* data, size_t size) {
@@ -85,7 +89,7 @@ void splitByteStream(const uint8_t* data, size_t size, Bytes* sequence, Bytes* p
 
 }  // namespace
 
-void setAvcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
+bool setAvcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
     Bytes sequence;
     Bytes picture;
     if (isByteStream(extradata, size)) {
@@ -93,11 +97,11 @@ void setAvcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& for
     } else {
         splitRecord(extradata, size, &sequence, &picture);
     }
-    setBytes("csd-0", sequence, format);
-    setBytes("csd-1", picture, format);
+    return setBytes("csd-0", sequence.data(), sequence.size(), format) &&
+           setBytes("csd-1", picture.data(), picture.size(), format);
 }
 
-void setHevcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
+bool setHevcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
     if (isByteStream(extradata, size)) return setPlainConfig(extradata, size, format);
     Bytes units;
     Reader reader(extradata, size);
@@ -106,11 +110,11 @@ void setHevcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& fo
         reader.skip(1);
         for (unsigned count = reader.get16(); count > 0; --count) reader.appendUnit(&units);
     }
-    setBytes("csd-0", units, format);
+    return setBytes("csd-0", units.data(), units.size(), format);
 }
 
-void setPlainConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
-    if (size > 0) format->setBuffer("csd-0", ABuffer::CreateAsCopy(extradata, size));
+bool setPlainConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
+    return setBytes("csd-0", extradata, size, format);
 }
 
 }  // namespace qmmediaeditor

@@ -3,6 +3,7 @@
 
 #include "host/Host.h"
 #include "host/convert/AudioConverter.h"
+#include "host/foundation/CpuCount.h"
 #include "host/convert/PictureScaler.h"
 #include "host/media/AudioDecoder.h"
 #include "host/media/AudioEncoder.h"
@@ -85,7 +86,7 @@ private:
         if (mime.startsWithIgnoreCase("audio/")) {
             return std::make_unique<AudioEncoder>(mOptions.observer);
         }
-        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session());
+        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session(), mOptions.threads);
     }
 
     // A track's codec is known only when the decoder is configured with the track's format.
@@ -97,7 +98,9 @@ private:
         if (mime.startsWithIgnoreCase("audio/")) {
             return std::make_unique<AudioDecoder>(mOptions.cutTimesUs);
         }
-        if (mime.startsWithIgnoreCase("video/")) return std::make_unique<VideoDecoder>(session());
+        if (mime.startsWithIgnoreCase("video/")) {
+            return std::make_unique<VideoDecoder>(session(), mOptions.threads);
+        }
         return nullptr;
     }
 
@@ -108,6 +111,8 @@ private:
 thread_local std::shared_ptr<SessionTimeline> HostPlatform::tSession;
 
 }  // namespace
+
+int defaultThreads() { return codecThreads(0); }
 
 std::unique_ptr<Platform> createHostPlatform(const HostOptions& options) {
     return std::make_unique<HostPlatform>(options);

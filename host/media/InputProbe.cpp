@@ -165,15 +165,19 @@ sp<TrackSource> makeSource(const AVCodecParameters& parameters, const sp<DecodeO
     return new TrackSource(std::move(copy), order);
 }
 
+// Null when memory is short.
 sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData) {
     sp<AMessage> format = new AMessage;
     format->setString("mime", mimeOfContainer(context));
     if (!uuidData.empty()) {
-        format->setBuffer("uuid-data", ABuffer::CreateAsCopy(uuidData.data(), uuidData.size()));
+        const sp<ABuffer> copy = ABuffer::CreateAsCopy(uuidData.data(), uuidData.size());
+        if (copy == nullptr) return nullptr;
+        format->setBuffer("uuid-data", copy);
     }
     return format;
 }
 
+// Without a format when memory is short.
 TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, bool studyFrames,
                         const sp<DecodeOrder>& order) {
     AVFormatContext& context = demuxer->context();
@@ -191,6 +195,7 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
             track.startUs = demuxer->toUs(stream.index, stream.start_time);
         }
         track.source = makeSource(parameters, order);
+        if (track.source == nullptr) return track;
         if (track.isVideo) {
             const size_t samplesPerPicture = isInterlaced(stream) ? 2 : 1;
             track.reorderDepth =
@@ -205,6 +210,7 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
         }
     }
     track.format = makeTrackFormat(context, stream, facts);
+    if (track.format == nullptr) return track;
     if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
     return track;
 }
@@ -270,6 +276,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     InputInfo found;
     found.zeroIsFixed = demuxer->isIsoFile();
     found.format = makeFileFormat(context, boxes.uuidData);
+    if (found.format == nullptr) return NO_MEMORY;
     const sp<DecodeOrder> order = new DecodeOrder;
     std::shared_ptr<TimeJumps> jumps;
     if (demuxer->clockMayJump()) jumps = std::make_shared<TimeJumps>();
@@ -279,6 +286,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
         found.tracks.push_back(describeTrack(demuxer, stream, durationsUs[i], studyFrames, order));
+        if (found.tracks.back().format == nullptr) return NO_MEMORY;
         found.tracks.back().jumps = jumps;
         found.tracks.back().ending = findEnding(lengths, *demuxer, stream);
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;

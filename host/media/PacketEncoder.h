@@ -23,7 +23,7 @@ public:
     // Takes the options over.
     status_t open(AVDictionary* options);
 
-    // Null when the encoder has none.
+    // Null when the encoder has none, and when memory is short.
     sp<ABuffer> codecSpecificData() const;
 
     // A null frame is the end.

@@ -64,8 +64,9 @@ int64_t bitRate(const AVStream& stream) {
     return tag == nullptr ? 0 : strtoll(tag->value, nullptr, 10);
 }
 
-void setCodecConfig(const AVCodecParameters& parameters, const sp<AMessage>& format) {
-    if (parameters.extradata == nullptr || parameters.extradata_size <= 0) return;
+// False when memory is short.
+bool setCodecConfig(const AVCodecParameters& parameters, const sp<AMessage>& format) {
+    if (parameters.extradata == nullptr || parameters.extradata_size <= 0) return true;
     const auto size = static_cast<size_t>(parameters.extradata_size);
     switch (parameters.codec_id) {
         case AV_CODEC_ID_H264:
@@ -76,7 +77,7 @@ void setCodecConfig(const AVCodecParameters& parameters, const sp<AMessage>& for
         case AV_CODEC_ID_MPEG4:
             return setPlainConfig(parameters.extradata, size, format);
         default:
-            return;
+            return true;
     }
 }
 
@@ -108,7 +109,7 @@ sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream, const T
     if (const int64_t rate = bitRate(stream); rate > 0) {
         format->setInt32("bitrate", static_cast<int32_t>(std::min<int64_t>(rate, INT32_MAX)));
     }
-    setCodecConfig(parameters, format);
+    if (!setCodecConfig(parameters, format)) return nullptr;
     if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
         setVideoKeys(context, stream, facts, format);
     } else {

@@ -26,6 +26,7 @@ struct TrackFacts {
 //   where the rate varies), "rotation-degrees" (clockwise, when not 0),
 //          "android._is-hdr" (1 for PQ and HLG);
 //   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded sound: 16).
+// Null when memory is short.
 sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream, const TrackFacts& facts);
 
 }  // namespace qmmediaeditor

@@ -7,8 +7,9 @@
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
-#include <thread>
 #include <utility>
+
+#include "host/foundation/CpuCount.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -28,7 +29,6 @@ constexpr size_t kInputCount = 6;
 constexpr size_t kMinOutputCount = 4;
 constexpr size_t kMaxOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
-constexpr int kMaxThreads = 16;
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kUsualFrameRate = 30;
 constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
@@ -46,14 +46,12 @@ size_t inputBytesOf(const AMessage& format, int width, int height) {
                     static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2);
 }
 
-size_t outputCount() {
-    const size_t cores = std::thread::hardware_concurrency();
-    return std::clamp(2 * cores, kMinOutputCount, kMaxOutputCount);
+size_t outputCount(int threads) {
+    return std::clamp(2 * static_cast<size_t>(threads), kMinOutputCount, kMaxOutputCount);
 }
 
-void allowThreads(AVCodecContext* context) {
-    const auto cores = static_cast<int>(std::thread::hardware_concurrency());
-    context->thread_count = std::clamp(cores, 1, kMaxThreads);
+void allowThreads(AVCodecContext* context, int threads) {
+    context->thread_count = threads;
 #if LIBAVCODEC_VERSION_MAJOR < 60
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -87,8 +85,8 @@ void copyPicture(const AVFrame& from, const AVFrame& to) {
 
 }  // namespace
 
-VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session)
-    : mSession(std::move(session)), mFrame(av_frame_alloc()) {}
+VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads)
+    : mSession(std::move(session)), mThreads(codecThreads(threads)), mFrame(av_frame_alloc()) {}
 
 VideoDecoder::~VideoDecoder() {
     if (mUnconverted > 0) {
@@ -109,7 +107,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     }
     context->opaque = this;
     context->get_buffer2 = getBuffer;
-    allowThreads(context);
+    allowThreads(context, mThreads);
     // Opening may already look for the size of the pictures.
     const int codedWidth = context->width;
     const int codedHeight = context->height;
@@ -130,7 +128,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
 
     ports->inputCount = kInputCount;
     ports->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
-    ports->outputCount = outputCount();
+    ports->outputCount = outputCount(mThreads);
     ports->announcesFormat = true;
     return OK;
 }
@@ -241,11 +239,12 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
             av_frame_unref(mFrame.get());
             continue;
         }
-        output->buffer = workingPicture();
+        const bool taken = workingPicture(&output->buffer);
         output->timeUs = mLastTimeUs;
         output->timeLine = mTimeLine;
         const int64_t durationUs = durationOf(*mFrame);
         av_frame_unref(mFrame.get());
+        if (!taken) return Step::kFailed;
         if (output->buffer != nullptr) {
             if (mSession != nullptr) mSession->addFrame(mLastTimeUs, durationUs);
             return Step::kOutput;
@@ -261,20 +260,23 @@ int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
     return mInside.empty() ? mLastTimeUs : *mInside.begin();
 }
 
-sp<ABuffer> VideoDecoder::workingPicture() {
+bool VideoDecoder::workingPicture(sp<ABuffer>* buffer) {
     const std::shared_ptr<PicturePool> pool = this->pool();
     const PictureLayout& layout = pool->layout();
     const bool asItIs = PictureConverter::isWorkingPicture(*mFrame, layout.width, layout.height);
-    if (asItIs && pool->fits(*mFrame)) return pool->wrap(mFrame.get());
-
+    if (asItIs && pool->fits(*mFrame)) {
+        *buffer = pool->wrap(mFrame.get());
+        return *buffer != nullptr;
+    }
     FramePtr picture(av_frame_alloc());
-    if (picture == nullptr || !pool->attach(picture.get())) return nullptr;
+    if (picture == nullptr || !pool->attach(picture.get())) return false;
     if (asItIs) {
         copyPicture(*mFrame, *picture);
     } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
-        return nullptr;
+        return true;
     }
-    return pool->wrap(picture.get());
+    *buffer = pool->wrap(picture.get());
+    return *buffer != nullptr;
 }
 
 }  // namespace qmmediaeditor

@@ -20,8 +20,8 @@ namespace qmmediaeditor {
 
 class VideoDecoder : public CodecEngine {
 public:
-    // `session` may be null.
-    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session);
+    // `session` may be null; `threads` as in HostOptions.
+    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -39,9 +39,11 @@ private:
     static bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<PicturePool> pool();
     int64_t timeOf(const AVFrame& frame) const;
-    sp<ABuffer> workingPicture();
+    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
+    bool workingPicture(sp<ABuffer>* buffer);
 
     const std::shared_ptr<SessionTimeline> mSession;
+    const int mThreads;
     const PictureMemory::Keep mKeepMemory;
     const FramePtr mFrame;
     PictureConverter mConverter;

@@ -6,9 +6,9 @@
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
+#include "host/foundation/CpuCount.h"
 #include "host/media/AvcSettings.h"
 
 extern "C" {
@@ -47,9 +47,8 @@ constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
 constexpr int kMaxGroupOfPictures = 10000;
 
-size_t inputCount() {
-    const size_t cores = std::thread::hardware_concurrency();
-    return std::clamp(2 * cores, kMinInputCount, kMaxInputCount);
+size_t inputCount(int threads) {
+    return std::clamp(2 * static_cast<size_t>(threads), kMinInputCount, kMaxInputCount);
 }
 
 void releaseLease(void* lease, uint8_t* /* data */) {
@@ -103,8 +102,10 @@ struct VideoEncoder::Wanted {
     int64_t bitRate = 0;   // bits a second
 };
 
-VideoEncoder::VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session)
+VideoEncoder::VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
+                           int threads)
     : mAvcPreset(avcPreset),
+      mThreads(codecThreads(threads)),
       mSession(std::move(session)),
       mFrame(av_frame_alloc()),
       mLast{-1, -1} {}
@@ -152,13 +153,16 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     if (status != OK) return status;
 
     mCodecSpecificData = mEncoder.codecSpecificData();
+    if (mCodecSpecificData == nullptr && mEncoder.context()->extradata_size > 0) {
+        return NO_MEMORY;
+    }
     mFormat = new AMessage;
     mFormat->setString("mime", mime);
     mFormat->setInt32("width", mWidth & ~1);
     mFormat->setInt32("height", mHeight & ~1);
     if (mCodecSpecificData != nullptr) mFormat->setBuffer("csd-0", mCodecSpecificData);
 
-    ports->inputCount = inputCount();
+    ports->inputCount = inputCount(mThreads);
     ports->inputBytes = mPictureBytes;
     ports->inputsArePictures = true;
     ports->outputCount = kOutputCount;
@@ -189,7 +193,7 @@ void VideoEncoder::setParameters(const Wanted& wanted) {
     context->rc_initial_buffer_occupancy =
         static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
     context->framerate = av_d2q(wanted.frameRate, 100000);
-    context->thread_count = static_cast<int>(std::thread::hardware_concurrency());
+    context->thread_count = mThreads;
     context->time_base = {1, kMicroseconds};
     if (context->codec_id == AV_CODEC_ID_MPEG4 || context->codec_id == AV_CODEC_ID_H263) {
         // These two count in frames, and their rate control with them.

@@ -22,7 +22,8 @@ namespace qmmediaeditor {
 class VideoEncoder : public CodecEngine {
 public:
     // `avcPreset` is one of x264's; `session` may be null.
-    VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session);
+    VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
+                 int threads);
     ~VideoEncoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -47,6 +48,7 @@ private:
     bool isKeyFrameDue(int64_t timeUs);
 
     const std::string mAvcPreset;
+    const int mThreads;
     const std::shared_ptr<SessionTimeline> mSession;
     PacketEncoder mEncoder;
     const PictureMemory::Keep mKeepMemory;

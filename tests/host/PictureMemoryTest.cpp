@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -39,6 +41,31 @@ TEST(PictureMemoryTest, copiesOfPicturesHoldTheBytes_afterTheKeeperIsGone) {
     PictureMemory::makeBuffer(kBytes);
     ASSERT_EQ(bytes.size(), copy->size());
     EXPECT_EQ(0, memcmp(bytes.data(), copy->data(), bytes.size()));
+}
+
+int64_t addressSpaceBytes() {
+    int64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * sysconf(_SC_PAGESIZE);
+}
+
+TEST(PictureMemoryTest, aSingleCopyReservesLittleMoreThanItsBytes) {
+    constexpr int64_t kCopiedBytes = 60 << 20;
+    const std::vector<uint8_t> bytes(kCopiedBytes, 7);
+    const int64_t before = addressSpaceBytes();
+    const sp<ABuffer> copy = ABuffer::CreateAsCopy(bytes.data(), bytes.size());
+    ASSERT_NE(nullptr, copy);
+    EXPECT_LT(addressSpaceBytes() - before, kCopiedBytes * 3 / 2);
+}
+
+TEST(PictureMemoryTest, sizesThatNoAddressSpaceHoldsAreRefused) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer ends the process at such sizes";
+#endif
+    // 32 blocks of the first size are 4 MiB when the product overflows.
+    for (const size_t bytes : {SIZE_MAX / 32 + (128 << 10), SIZE_MAX / 4, SIZE_MAX / 2, SIZE_MAX}) {
+        EXPECT_EQ(nullptr, PictureMemory::makeBuffer(bytes));
+    }
 }
 
 }  // namespace

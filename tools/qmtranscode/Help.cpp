@@ -24,6 +24,8 @@ The file
   --format NAME            mp4 or 3gp
   --faststart              the index first, for players that read from the start
   --preset NAME            AVC speed, ultrafast to placebo; default veryfast
+  --threads N              of each video codec, 1 to 64; default: the CPUs that
+                           may be used, at most 16
   --overwrite              replace OUTPUT when it exists
   --partial CHOICE         after a stop, keep the shorter file (keep, the
                            default) or nothing (discard)

@@ -20,6 +20,7 @@ namespace {
 
 constexpr int32_t kSmallestSide = 2;
 constexpr int32_t kLargestSide = 8192;
+constexpr int32_t kMaxThreads = 64;
 
 template <typename T>
 using Words = std::vector<std::pair<const char*, T>>;
@@ -62,7 +63,7 @@ struct Texts {
     std::vector<std::string> periods;
     std::string size, frameRate, videoBitrate, videoCodec;
     std::string audioBitrate, audioRate, audioChannels, audioCodec;
-    std::string format, progress, partial;
+    std::string format, threads, progress, partial;
 };
 
 // Turns the texts into options; the first one that cannot be taken is the failure.
@@ -76,6 +77,7 @@ public:
         readWord("--format", mTexts.format, kFormats, &mOptions->format);
         if (mTexts.format.empty()) readName();
         readPeriods();
+        readNumber("--threads", mTexts.threads, 1, kMaxThreads, &mOptions->threads);
         readProgress();
         std::optional<bool> keepPartial;
         readWord("--partial", mTexts.partial, kPartialChoices, &keepPartial);
@@ -303,6 +305,7 @@ void declare(CLI::App* app, Texts* texts, Options* options) {
     app->add_option("--format", texts->format);
     app->add_flag("--faststart", options->fastStart);
     app->add_option("--preset", options->preset);
+    app->add_option("--threads", texts->threads);
     app->add_option("--partial", texts->partial);
 
     app->add_flag("--plan", options->plan);

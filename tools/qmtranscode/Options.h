@@ -38,6 +38,8 @@ struct Options {
 
     bool fastStart = false;
     std::string preset = "veryfast";
+    // Of each video codec; by the CPUs that are available when not given.
+    std::optional<int32_t> threads;
     // After a stop: keep the shorter file, or nothing.
     bool keepPartial = true;
 

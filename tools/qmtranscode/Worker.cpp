@@ -52,15 +52,15 @@ void endOnFailedCheck(const std::string& text) {
     _exit(kExitFailed);
 }
 
-Outcome runJob(const Options& options, JobFiles* files, const Link& link) {
+Outcome runJob(const Options& options, int threads, JobFiles* files, const Link& link) {
     // These live as long as the process: the host's threads log until its very end.
     auto* const monitor = new RunMonitor;
     auto* const facts = new RunFacts;
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [monitor] { explainRun(*monitor, "what every thread does:"); });
     const StallWatch stallWatch(monitor, std::chrono::seconds(10));
-    const std::unique_ptr<Platform> platform =
-        createHostPlatform({options.preset, options.fastStart, options.cutTimesUs(), facts});
+    const std::unique_ptr<Platform> platform = createHostPlatform(
+        {options.preset, options.fastStart, options.cutTimesUs(), facts, threads});
     Platform::install(platform.get());
     return Job(options, files, &control, monitor, facts).run();
 }
@@ -80,8 +80,9 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     console::useLink(&link, &shared->columns);
     // The log's times need it, and it reads a file.
     tzset();
+    const int threads = options.threads.value_or(defaultThreads());
     enterSandbox();
-    const Outcome outcome = runJob(options, files, link);
+    const Outcome outcome = runJob(options, threads, files, link);
     WorkerResult result;
     result.status = outcome.failure ? outcome.failure->status : kExitWhole;
     result.keepOutput = outcome.keepOutput;

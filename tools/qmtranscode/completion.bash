@@ -13,7 +13,7 @@ _qmtranscode() {
             ;;
         --log-format) words="brief process tag thread raw time threadtime long" ;;
         --trim | --size | --fps | --video-bitrate | --audio-bitrate | --audio-rate | \
-            --audio-channels | --log) return ;;
+            --audio-channels | --threads | --log) return ;;
         *)
             if [[ $word != -* ]]; then
                 compopt -o filenames 2>/dev/null
@@ -21,7 +21,7 @@ _qmtranscode() {
                 return
             fi
             words="--trim --size --fps --video-bitrate --video-codec --audio-bitrate --audio-rate
-                --audio-channels --audio-codec --format --faststart --preset --overwrite
+                --audio-channels --audio-codec --format --faststart --preset --threads --overwrite
                 --partial --plan --json --progress --trace --log --log-format --help --version"
             ;;
     esac
