@@ -112,8 +112,11 @@ private:
 
 class FaultExtractor final : public ExtractorBackend {
 public:
-    FaultExtractor(const sp<ExtractorBackend>& real, uint64_t samples, ClockPtr clock)
-        : mReal(real), mSamplesLeft(samples), mClock(std::move(clock)) {}
+    FaultExtractor(const sp<ExtractorBackend>& real, const FaultScript& script, ClockPtr clock)
+        : mReal(real),
+          mSamplesLeft(script.at),
+          mResult(script.what == What::kReadFails ? ERROR_IO : ERROR_END_OF_STREAM),
+          mClock(std::move(clock)) {}
 
     status_t setDataSource(int fd, int64_t offset, int64_t length) override {
         return mReal->setDataSource(fd, offset, length);
@@ -127,7 +130,7 @@ public:
     status_t getSampleTrackIndex(size_t* index) override {
         if (mSamplesLeft > 0) return mReal->getSampleTrackIndex(index);
         mClock->strike();
-        return ERROR_END_OF_STREAM;
+        return mResult;
     }
     status_t readSampleData(const sp<ABuffer>& buffer) override {
         return mReal->readSampleData(buffer);
@@ -143,6 +146,7 @@ public:
 private:
     const sp<ExtractorBackend> mReal;
     uint64_t mSamplesLeft;
+    const status_t mResult;
     const ClockPtr mClock;
 };
 
@@ -243,7 +247,7 @@ sp<MediaCodec> FaultPlatform::createCodec(const sp<ALooper>& looper, const AStri
 sp<ExtractorBackend> FaultPlatform::createExtractor() {
     const sp<ExtractorBackend> real = mReal->createExtractor();
     if (!concerns(Part::kExtractor)) return real;
-    return new FaultExtractor(real, mScript.at, mClock);
+    return new FaultExtractor(real, mScript, mClock);
 }
 
 sp<MediaWriter> FaultPlatform::createWriter(int fd) {

@@ -36,7 +36,7 @@ struct FaultScript {
         kFormatAgain,  // decoders: it comes a second time there
         kEnds,         // the extractor, after `at` samples
         kEvent,        // the writer, before its sample `at`: `message` and `detail`
-        kReadFails,    // the writer's sources, in place of its sample `at`
+        kReadFails,    // in place of sample `at`: of the extractor, or of the writer's sources
     };
 
     Part part = Part::kNone;

@@ -197,6 +197,30 @@ TEST_P(FaultTest, inputThatEndsEarly_endsTheRun) {
     });
 }
 
+TEST_P(FaultTest, inputThatCannotBeRead_endsTheRunWithItsError) {
+    std::vector<FaultScript> faults;
+    for (const unsigned at : {0U, 1U, 20U, 100U})
+        faults.push_back({Part::kExtractor, What::kReadFails, at});
+    forEach(faults, [](SessionRun& run, FaultClock& fault) {
+        EXPECT_EQ(run.result(), kReadError);
+        expectEndsSoon(run, fault.at());
+        expectSound(run);
+    });
+}
+
+TEST_P(FaultTest, decoderThatRefusesAnInput_endsTheRunWithItsError) {
+    std::vector<FaultScript> faults;
+    for (const Part part : parts(Part::kAudioDecoder, Part::kVideoDecoder)) {
+        for (const unsigned at : {0U, 1U, 20U, 50U})
+            faults.push_back({part, What::kInputFails, at});
+    }
+    forEach(faults, [](SessionRun& run, FaultClock& fault) {
+        EXPECT_EQ(run.result(), kDecoderError);
+        expectEndsSoon(run, fault.at());
+        expectSound(run);
+    });
+}
+
 TEST_P(FaultTest, eventOfTheWriter_stopsTheRunWhenItHasTo) {
     std::vector<FaultScript> faults;
     for (const unsigned at : {0U, 1U, 12U, 60U}) {

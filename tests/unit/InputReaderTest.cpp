@@ -81,6 +81,20 @@ TEST_F(InputReaderTest, samplesOfOtherTracksCostOneStep) {
     EXPECT_EQ(2u, mVideoDecoder->queued().size());
 }
 
+TEST_F(InputReaderTest, withoutASelectedTrackNothingIsMissedByAReadError) {
+    sp<AMessage> text = new AMessage;
+    text->setString("mime", "text/3gpp");
+    mPlatform.extractor().addTrack(text);
+    mPlatform.extractor().fail("seekTo", -38);
+    mPlatform.extractor().fail("getSampleTrackIndex", -38);
+    prepareLoop();
+    session().mNeedtoSeek = true;
+    session().inputThreadEntry();
+    session().inputThreadEntry();
+    EXPECT_EQ(2u, mJournal.count("Transcode: All codec was stopped"));
+    EXPECT_FALSE(session().mForceStop);
+}
+
 TEST_F(InputReaderTest, aDecoderThatTakesNothingIsAskedAgainWithTheSameSample) {
     prepareReader();
     for (const status_t err : {-EAGAIN, -EAGAIN, -5}) mVideoDecoder->inputResult(err);

@@ -144,6 +144,62 @@ TEST_F(MainLoopTest, aFileThatCannotBeClosedIsAFailure) {
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "MPEG4Writer stop result: -5"));
 }
 
+// What ends a run that nobody stopped, and the result that it leads to.
+struct RunFault {
+    const char* what;
+    int32_t result;
+    std::function<void(MainLoopTest&)> inject;
+};
+
+void PrintTo(const RunFault& fault, std::ostream* out) { *out << fault.what; }
+
+class RunFaultTest : public MainLoopTest, public ::testing::WithParamInterface<RunFault> {};
+
+TEST_P(RunFaultTest, theRunEndsWithTheFileClosedAndTheResultNamesTheFault) {
+    addSamples(30, 30);
+    GetParam().inject(*this);
+    // A stop that comes later changes nothing about it.
+    stopAt("Transcode: inputThreadEntry end");
+    EXPECT_EQ(GetParam().result, run());
+    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop in output") ||
+                logged(ANDROID_LOG_DEBUG, "force stop in output2"));
+    EXPECT_EQ(GetParam().result == -1004, logged(ANDROID_LOG_VERBOSE, "saw input eos"));
+    expectNoHang();
+}
+
+const RunFault kRunFaults[] = {
+    {"readErrorAtTheBegin", -1004,
+     [](MainLoopTest& t) { t.mPlatform.extractor().fail("getSampleTrackIndex", -1004); }},
+    {"readErrorInTheMiddle", -1004,
+     [](MainLoopTest& t) {
+         t.mJournal.on(
+             "extractor advance", [&t] { t.mPlatform.extractor().fail("getSampleTrackIndex", -5); },
+             20);
+     }},
+    {"seekThatCannotRead", -1004,
+     [](MainLoopTest& t) { t.mPlatform.extractor().fail("seekTo", -5); }},
+    {"decoderThatRefusesAnInput", -1007,
+     [](MainLoopTest& t) { t.mVideoDecoder->fail("queueInputBuffer", -38, 10); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Faults, RunFaultTest, ::testing::ValuesIn(kRunFaults),
+                         [](const auto& fault) { return fault.param.what; });
+
+TEST_F(MainLoopTest, aFailureThatFollowsAStopIsReportedAsTheStop) {
+    addSamples(3, 3);
+    mVideoDecoder->fail("queueInputBuffer", -38);
+    stopAt("decoder video/avc queueInputBuffer 384 0 0");
+    EXPECT_EQ(-1003, run());
+    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "input abort by invalid state"));
+}
+
+TEST_F(MainLoopTest, anEndOfTheInputBehindASeekIsNoReadError) {
+    addSamples(3, 3);
+    mPlatform.extractor().fail("seekTo", -1011);
+    EXPECT_EQ(0, run());
+    EXPECT_EQ(3u, mPlatform.writer().samples(0).size());
+}
+
 TEST_F(MainLoopTest, anEncoderThatCannotBeHadEndsTheRun) {
     addSamples(30, 30);
     mPlatform.refuseCodec(kAvc, true);

@@ -2,6 +2,7 @@
 #include <Log.h>
 #include <SaturatingMath.h>
 #include <Transcode.h>
+#include <media/stagefright/MediaErrors.h>
 #include <string.h>
 
 #include <algorithm>
@@ -89,12 +90,18 @@ Transcode::Next Transcode::signalInputEOS() {
 
 // Moves one sample on, or finds that there is none.
 Transcode::Next Transcode::feedDecoder(bool* sawInputEOS) {
-    seekIfNeeded();
     PendingSample sample;
-    if (!nextSample(&sample)) {
+    status_t err = seekIfNeeded();
+    if (err == OK) err = nextSample(&sample);
+    if (err != OK) {
         QM_LOGV(kTag, "saw input eos");
         *sawInputEOS = true;
-        return Next::kGoOn;
+        // When every track has ended, which includes that none is selected, nothing is missing.
+        if (err == ERROR_END_OF_STREAM || allTracksEnded()) return Next::kGoOn;
+        // Taken for the end, a read error would make a part of the input look like a whole file.
+        QM_LOGE(kTag, "the input could not be read: %d", err);
+        fail(kReadError);
+        return Next::kEnd;
     }
     if (sample.trackIndex >= static_cast<size_t>(mTrackCount) ||
         !mpTrack[sample.trackIndex].mSelected) {
@@ -114,24 +121,27 @@ Transcode::Next Transcode::feedDecoder(bool* sawInputEOS) {
     return next;
 }
 
-void Transcode::seekIfNeeded() {
-    if (!mNeedtoSeek.take(false)) return;
+status_t Transcode::seekIfNeeded() {
+    if (!mNeedtoSeek.take(false)) return OK;
     const int32_t period = mCurrentPeriodIndex;
     if (mProperty->mTrimEnabled && period < mProperty->mPeriodCount) {
         mSeekTime = mProperty->mPeriods[period].mStartUs;
     }
     const int64_t seekTimeUs = mSeekTime;
     QM_LOGV(kTag, "Do transcode seekTo Prev : %lld", wide(seekTimeUs));
-    mExtractor->seekTo(seekTimeUs, MediaTrack::ReadOptions::SEEK_PREVIOUS_SYNC);
+    const status_t err =
+        mExtractor->seekTo(seekTimeUs, MediaTrack::ReadOptions::SEEK_PREVIOUS_SYNC);
+    // The next sample tells whether there is anything behind the target.
+    return err == ERROR_END_OF_STREAM ? static_cast<status_t>(OK) : err;
 }
 
-bool Transcode::nextSample(PendingSample* sample) {
+status_t Transcode::nextSample(PendingSample* sample) {
     sample->fromList = !mSampleList.empty();
     if (sample->fromList) {
         sample->trackIndex = mSampleList.begin()->mTrackIndex;
-        return true;
+        return OK;
     }
-    return mExtractor->getSampleTrackIndex(&sample->trackIndex) == OK;
+    return mExtractor->getSampleTrackIndex(&sample->trackIndex);
 }
 
 void Transcode::readSample(PendingSample* sample) {
@@ -179,7 +189,7 @@ Transcode::Next Transcode::queueSample(const PendingSample& sample, bool* queued
     if (err != OK) {
         QM_LOGV(kTag, "input abort by invalid state");
         // The decoder would wait for an end that nobody signals any more.
-        mForceStop = true;
+        fail(kDecoderError);
         return Next::kEnd;
     }
     *queued = true;

@@ -202,6 +202,7 @@ int32_t Transcode::finish(int32_t lastDecodeResult) {
 
     // An encoder may still fail on what the decoders had left for it.
     if (!mForceStop && encoderFailed()) return kEncoderError;
+    if (mFailure != OK) return mFailure;
     if (mForceStop) return lastDecodeResult == kEncoderError ? kEncoderError : kStopped;
     if (err != OK) {
         QM_LOGD(kTag, "MPEG4Writer stop result: %d", err);

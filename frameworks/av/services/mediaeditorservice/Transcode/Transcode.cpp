@@ -154,6 +154,12 @@ int32_t Transcode::forceStop() {
     return OK;
 }
 
+// A failure that nobody asked for ends the run as forceStop() does: with the file closed. The first
+// one is the result; one that follows a stop is not.
+void Transcode::fail(int32_t result) {
+    if (!mForceStop.exchange(true)) mFailure = result;
+}
+
 void Transcode::notify(int msg, int ext1, int ext2) {
     QM_LOGD(kTag, "MPEG4Writer notify %d, %d, %d", msg, ext1, ext2);
     if (!isStoppingEvent(msg, ext1)) return;

@@ -70,9 +70,8 @@ public:
     // and TranscodeProperty::mOutputFd is -1.
     int32_t createModule();
 
-    // Runs the whole transcoding on the calling thread. Once, after createModule(). 0,
-    // kInvalidRequest, kStopped, kSessionFailed or kEncoderError. After it has returned, no thread
-    // reads the input any more.
+    // Runs the whole transcoding on the calling thread. Once, after createModule(). 0, or any of
+    // TranscodeErrors.h but kNoSource. After it has returned, no thread reads the input any more.
     int32_t doTranscode();
 
     // Raises the stop flag and returns. Any thread.
@@ -99,6 +98,7 @@ private:
     // Module creation and teardown.
     int32_t takeOutput();
     int32_t createExtractor(FileAttribute& file);
+    void fail(int32_t result);
     void releaseTracks();
     void stopSources();
 
@@ -144,8 +144,8 @@ private:
     int inputThreadEntry();
     Next signalInputEOS();
     Next feedDecoder(bool* sawInputEOS);
-    void seekIfNeeded();
-    bool nextSample(PendingSample* sample);
+    status_t seekIfNeeded();
+    status_t nextSample(PendingSample* sample);
     void readSample(PendingSample* sample);
     Next queueSample(const PendingSample& sample, bool* queued);
     void consumeSample(const PendingSample& sample);
@@ -190,6 +190,8 @@ private:
     List<SampleData> mSampleList;        // input reader
     Shared<bool> mOutputStopped{false};  // main loop
     Shared<bool> mForceStop{false};      // written by any thread, polled by all
+    // The failure that has set mForceStop; written by the session's thread and the input reader.
+    Shared<int32_t> mFailure{OK};
     FileAttribute mFileAttribute;
     sp<ALooper> mVideoDecoderLooper;
     sp<ALooper> mAudioDecoderLooper;
