@@ -23,6 +23,10 @@ std::string reasonOf(int32_t result) {
     switch (result) {
         case kInvalidRequest:
             return "its tracks could not be set up for decoding";
+        case kReadError:
+            return "the input could not be read";
+        case kDecoderError:
+            return "a decoder refused its input";
         case kStopped:
             return "the output could not be written";
         case kSessionFailed:
