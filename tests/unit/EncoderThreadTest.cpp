@@ -54,7 +54,7 @@ TYPED_TEST(EncoderThreadTest, anEncoderThatCannotBeSetUpIsReleasedAndGetsNoThrea
                                                           TypeParam::kMime + " codec instance\n"));
     EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "MediaEncoderThread error"));
     EXPECT_FALSE(this->threadLogged(ANDROID_LOG_VERBOSE, "startInputPortThread start"));
-    EXPECT_FALSE(this->mSource->encoderFailed()) << "the run is told by the result";
+    EXPECT_EQ(0, this->mSource->failure()) << "the run is told by the result";
 }
 
 TYPED_TEST(EncoderThreadTest, theEncoderIsStartedOnALooperOfItsOwn) {
@@ -95,7 +95,7 @@ TYPED_TEST(EncoderThreadTest, whatIsPushedTravelsThroughTheEncoderAndEndsWithAnE
     EXPECT_EQ(990000, this->mEncoder->lastTimeoutUs());
     EXPECT_EQ(3u, this->readAll());
     EXPECT_EQ(0u, this->mEncoder->heldOutputs());
-    EXPECT_FALSE(this->mSource->encoderFailed());
+    EXPECT_EQ(0, this->mSource->failure());
 }
 
 TYPED_TEST(EncoderThreadTest, theLastOutputIsForwardedOnlyAsAudioWithDataAfterTimeZero) {
@@ -141,7 +141,7 @@ TYPED_TEST(EncoderThreadTest, theEncoderOfAStoppedSourceIsToldTheEnd) {
     ASSERT_EQ(1u, this->mEncoder->queued().size());
     EXPECT_EQ(4u, this->mEncoder->queued()[0].flags);
     EXPECT_TRUE(this->thread().mInputEOS);
-    EXPECT_FALSE(this->mSource->encoderFailed());
+    EXPECT_EQ(0, this->mSource->failure());
 }
 
 TYPED_TEST(EncoderThreadTest, theOutputLoopGoesOnAfterATimeOutUntilTheSourceIsStopped) {
@@ -152,7 +152,7 @@ TYPED_TEST(EncoderThreadTest, theOutputLoopGoesOnAfterATimeOutUntilTheSourceIsSt
     this->mSource->setCodecStopped();
     this->mEncoder->outputResult(-EAGAIN);
     EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
-    EXPECT_FALSE(this->mSource->encoderFailed());
+    EXPECT_EQ(0, this->mSource->failure());
     EXPECT_EQ(1u, this->readAll());
 }
 
@@ -179,7 +179,7 @@ TYPED_TEST(EncoderThreadTest, anEncoderThatFailsStopsTheSource) {
         this->pushDecoded(0);
         fault();
         EXPECT_TRUE(this->waitFor("setCodecStopped"));
-        EXPECT_TRUE(this->mSource->encoderFailed());
+        EXPECT_EQ(-1130, this->mSource->failure());
         EXPECT_EQ(-1011, this->pushDecoded(1));
     }
 }
@@ -195,7 +195,7 @@ TYPED_TEST(EncoderThreadTest, stoppingTheEncoderEndsBothPortsWithoutAFailure) {
                                             this->threadLine("call stopEncoder end")};
     EXPECT_EQ(order, this->mJournal.orderOf(order));
     EXPECT_EQ(INVALID_OPERATION, looper->stop()) << "it runs no more";
-    EXPECT_FALSE(this->mSource->encoderFailed());
+    EXPECT_EQ(0, this->mSource->failure());
     EXPECT_FALSE(this->mSource->getRunning());
     EXPECT_TRUE(this->thread().mPaused);
     endSource(*this->mSource);

@@ -1,4 +1,5 @@
 // A whole run: what it brings, where it can be stopped, and what it returns.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,7 +23,8 @@ protected:
     void expectNoHang() {
         EXPECT_EQ(0u, mJournal.count("writer tracks have not ended"));
         EXPECT_EQ(1u, mJournal.count("writer stop"));
-        EXPECT_EQ(1u, mJournal.count("Transcode: inputThreadEntry end"));
+        EXPECT_EQ(mJournal.count("Transcode: inputThreadEntry start"),
+                  mJournal.count("Transcode: inputThreadEntry end"));
     }
 };
 
@@ -144,6 +146,19 @@ TEST_F(MainLoopTest, aFileThatCannotBeClosedIsAFailure) {
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "MPEG4Writer stop result: -5"));
 }
 
+// No thread can be created from the message `first` to the message `last`: none gets a stack of
+// that size.
+void refuseThreads(Journal& journal, const std::string& first, const std::string& last) {
+    static pthread_attr_t usual;
+    journal.on(first, [] {
+        ASSERT_EQ(0, pthread_getattr_default_np(&usual));
+        pthread_attr_t huge = usual;
+        ASSERT_EQ(0, pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3));
+        ASSERT_EQ(0, pthread_setattr_default_np(&huge));
+    });
+    journal.on(last, [] { ASSERT_EQ(0, pthread_setattr_default_np(&usual)); });
+}
+
 // What ends a run that nobody stopped, and the result that it leads to.
 struct RunFault {
     const char* what;
@@ -159,11 +174,13 @@ TEST_P(RunFaultTest, theRunEndsWithTheFileClosedAndTheResultNamesTheFault) {
     addSamples(30, 30);
     GetParam().inject(*this);
     // A stop that comes later changes nothing about it.
-    stopAt("Transcode: inputThreadEntry end");
+    stopAt("Transcode: force stop in output");
+    stopAt("Transcode: force stop in output2");
     EXPECT_EQ(GetParam().result, run());
-    EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop in output") ||
-                logged(ANDROID_LOG_DEBUG, "force stop in output2"));
-    EXPECT_EQ(GetParam().result == -1004, logged(ANDROID_LOG_VERBOSE, "saw input eos"));
+    EXPECT_EQ(1u, mJournal.count("Transcode: Call force Stop"));
+    if (GetParam().result == -1004) {
+        EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "saw input eos"));
+    }
     expectNoHang();
 }
 
@@ -178,6 +195,21 @@ const RunFault kRunFaults[] = {
      }},
     {"seekThatCannotRead", -1004,
      [](MainLoopTest& t) { t.mPlatform.extractor().fail("seekTo", -5); }},
+    {"noThreadForTheReader", -12,
+     [](MainLoopTest& t) {
+         refuseThreads(t.mJournal, "Transcode: startInputPortThread start",
+                       "Transcode: startInputPortThread end");
+     }},
+    {"noThreadForAnEncodersInput", -12,
+     [](MainLoopTest& t) {
+         refuseThreads(t.mJournal, "AudioEncoderThread: startInputPortThread start",
+                       "AudioEncoderThread: startInputPortThread end");
+     }},
+    {"noThreadForAnEncodersOutput", -12,
+     [](MainLoopTest& t) {
+         refuseThreads(t.mJournal, "VideoEncoderThread: startInputPortThread end",
+                       "TVideoSource: MediaEncoderThread error");
+     }},
     {"decoderThatRefusesAnInput", -1007,
      [](MainLoopTest& t) { t.mVideoDecoder->fail("queueInputBuffer", -38, 10); }},
 };

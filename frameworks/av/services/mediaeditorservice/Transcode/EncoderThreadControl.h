@@ -5,6 +5,7 @@
 #include <Log.h>
 #include <PortLatch.h>
 #include <Shared.h>
+#include <TranscodeErrors.h>
 #include <TranscodeTypes.h>
 #include <media/stagefright/MediaCodec.h>
 #include <pthread.h>
@@ -87,9 +88,16 @@ struct EncoderThreadControl {
     static void startInputPort(EncoderThread& t) {
         QM_LOGV(EncoderThread::kTag, "startInputPortThread start");
         if (!startDetached(t, &t.mInputThread, EncoderThread::inputThreadWrapper)) {
-            t.mSource->reportEncoderFailure();
+            t.mSource->reportFailure(kNoThread);
         }
         QM_LOGV(EncoderThread::kTag, "startInputPortThread end");
+    }
+
+    template <class EncoderThread>
+    static bool startOutputLoop(EncoderThread& t, const char* name) {
+        if (t.run(name, ANDROID_PRIORITY_AUDIO, 0) == OK) return true;
+        t.mSource->reportFailure(kNoThread);
+        return false;
     }
 
     template <class EncoderThread>
@@ -97,6 +105,7 @@ struct EncoderThreadControl {
         t.mPorts->enter();
         t.incStrong(&t);
         if (createDetachedThread(handle, entry, &t)) return true;
+        QM_LOGE(EncoderThread::kTag, "ERROR: unable to create a port's thread");
         t.decStrong(&t);
         t.mPorts->leave();
         return false;
@@ -156,7 +165,7 @@ struct EncoderThreadControl {
     // anything.
     template <class EncoderThread>
     static void reportFailure(EncoderThread& t) {
-        if (!t.mExitRequested && !t.mSource->mCodecStopped) t.mSource->reportEncoderFailure();
+        if (!t.mExitRequested && !t.mSource->mCodecStopped) t.mSource->reportFailure(kEncoderError);
     }
 
     // The source's last words to its thread: both ports are gone, or the bound has passed, when it

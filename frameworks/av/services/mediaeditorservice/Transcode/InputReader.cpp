@@ -26,8 +26,9 @@ void Transcode::startInputPortThread() {
     QM_LOGV(kTag, "startInputPortThread start");
     mInputPort.enter();
     if (!createDetachedThread(&mInputThread, inputThreadWrapper, this)) {
+        QM_LOGE(kTag, "unable to create the input thread");
         // Without a reader nothing would ever end the run.
-        mForceStop = true;
+        fail(kNoThread);
         mInputPort.leave();
     }
     QM_LOGV(kTag, "startInputPortThread end");

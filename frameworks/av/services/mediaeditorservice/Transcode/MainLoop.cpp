@@ -144,11 +144,13 @@ void Transcode::runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeRe
         for (int32_t i = 0; i < mTrackCount; ++i) {
             if (!mpTrack[i].mSelected) continue;
             *lastDecodeResult = runDecoder(decodedList, i, kDecoderOutputTimeoutUs);
-            // An encoder that fails in the middle of the run is told from its source.
-            if (!mForceStop && encoderFailed()) *lastDecodeResult = kEncoderError;
-            if (*lastDecodeResult == kEncoderError) {
+            // The source knows of an encoder that fails in the middle of the run, and whether an
+            // encoder cannot be had for want of a thread.
+            int32_t failure = sourceFailure();
+            if (failure == OK && *lastDecodeResult == kEncoderError) failure = kEncoderError;
+            if (failure != OK) {
                 QM_LOGD(kTag, "encoder error");
-                mForceStop = true;
+                fail(failure);
             }
             if (mForceStop) {
                 pushEndMarkers("force stop in output2");
@@ -165,9 +167,10 @@ bool Transcode::allTracksEnded() const {
     return true;
 }
 
-bool Transcode::encoderFailed() const {
-    return (mAudioSource != nullptr && mAudioSource->encoderFailed()) ||
-           (mVideoSource != nullptr && mVideoSource->encoderFailed());
+int32_t Transcode::sourceFailure() const {
+    const int32_t failure = mAudioSource == nullptr ? OK : mAudioSource->failure();
+    if (failure != OK || mVideoSource == nullptr) return failure;
+    return mVideoSource->failure();
 }
 
 // Both sources end at once, whatever still waits in them.
@@ -201,7 +204,7 @@ int32_t Transcode::finish(int32_t lastDecodeResult) {
     QM_LOGV(kTag, "doTranscode End");
 
     // An encoder may still fail on what the decoders had left for it.
-    if (!mForceStop && encoderFailed()) return kEncoderError;
+    if (const int32_t failure = sourceFailure(); failure != OK) fail(failure);
     if (mFailure != OK) return mFailure;
     if (mForceStop) return lastDecodeResult == kEncoderError ? kEncoderError : kStopped;
     if (err != OK) {

@@ -86,7 +86,7 @@ status_t TAudioSource::enable(const AudioAttribute& attribute, sp<AMessage> deco
     }
     mMediaEncoderThread = new MediaEncoderThread(this);
     if (!mMediaEncoderThread->isValid() ||
-        mMediaEncoderThread->run(kTag, ANDROID_PRIORITY_AUDIO, 0) != OK) {
+        !EncoderThreadControl::startOutputLoop(*mMediaEncoderThread, kTag)) {
         QM_LOGE(kTag, "MediaEncoderThread error");
         return kEnableFailed;
     }
@@ -137,8 +137,8 @@ bool TAudioSource::getRunning() { return mStarted; }
 
 void TAudioSource::setCodecStopped() { BatchHandOff::setCodecStopped(*this); }
 
-void TAudioSource::reportEncoderFailure() {
-    mEncoderFailed = true;
+void TAudioSource::reportFailure(int32_t result) {
+    mFailure = result;
     setCodecStopped();
 }
 

@@ -55,9 +55,11 @@ public:
     // waits for the writer.
     status_t pushEncodedBuffer(TEncodedSample* sample);
 
-    // The encoder failed in the middle of the run: the source stops. Any thread.
-    void reportEncoderFailure();
-    bool encoderFailed() const { return mEncoderFailed; }
+    // The encoder failed in the middle of the run (kEncoderError), or one of its threads could not
+    // be created (kNoThread): the source stops. Any thread.
+    void reportFailure(int32_t result);
+    // The result that was reported; 0 before.
+    int32_t failure() const { return mFailure; }
 
     void pushPresentationTime(int64_t timeUs);
     int getCurrentEffect(int64_t timeUs);
@@ -117,7 +119,8 @@ private:
     int32_t mCurrentAudioFrameLoopingNum GUARDED_BY(mDecodedLock) = 0;
     bool mEOSSampleAdded GUARDED_BY(mDecodedLock) = false;
     sp<MetaData> mMeta GUARDED_BY(mFormatLock);
-    Shared<bool> mEncoderFailed{false};  // written by the encoder's threads, read by the session's
+    // Written by the session's and the encoder's threads, read by the session's.
+    Shared<int32_t> mFailure{OK};
 };
 
 // Owns the encoder. The constructor sets it up; the first reference starts the input port, a

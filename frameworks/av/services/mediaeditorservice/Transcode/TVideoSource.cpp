@@ -113,7 +113,7 @@ status_t TVideoSource::enable(const VideoAttribute& attribute, sp<AMessage> deco
     }
     mMediaEncoderThread = new MediaEncoderThread(this);
     if (!mMediaEncoderThread->isValid() ||
-        mMediaEncoderThread->run(kTag, ANDROID_PRIORITY_AUDIO, 0) != OK) {
+        !EncoderThreadControl::startOutputLoop(*mMediaEncoderThread, kTag)) {
         QM_LOGE(kTag, "MediaEncoderThread error");
         return kEnableFailed;
     }
@@ -186,8 +186,8 @@ bool TVideoSource::getRunning() { return mStarted; }
 
 void TVideoSource::setCodecStopped() { BatchHandOff::setCodecStopped(*this); }
 
-void TVideoSource::reportEncoderFailure() {
-    mEncoderFailed = true;
+void TVideoSource::reportFailure(int32_t result) {
+    mFailure = result;
     setCodecStopped();
 }
 

@@ -67,9 +67,11 @@ public:
     // buffers.
     void cropFrame(TDecodedSample& in, TDecodedSample& out, bool convert);
 
-    // The encoder failed in the middle of the run: the source stops. Any thread.
-    void reportEncoderFailure();
-    bool encoderFailed() const { return mEncoderFailed; }
+    // The encoder failed in the middle of the run (kEncoderError), or one of its threads could not
+    // be created (kNoThread): the source stops. Any thread.
+    void reportFailure(int32_t result);
+    // The result that was reported; 0 before.
+    int32_t failure() const { return mFailure; }
 
     // Input reader only.
     void pushPresentationTime(int64_t timeUs);
@@ -126,7 +128,8 @@ private:
     sp<MetaData> mMeta GUARDED_BY(mFormatLock);
     sp<QmMediaEditorColorUtils> mColorUtils GUARDED_BY(mDecodedLock);
     int64_t mNextFrameTimeUs GUARDED_BY(mDecodedLock) = 0;
-    Shared<bool> mEncoderFailed{false};  // written by the encoder's threads, read by the session's
+    // Written by the session's and the encoder's threads, read by the session's.
+    Shared<int32_t> mFailure{OK};
 };
 
 // Owns the encoder. The constructor sets it up; the first reference starts the input port, a

@@ -133,7 +133,7 @@ private:
     void copyUuidData();
     void runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeResult);
     bool allTracksEnded() const;
-    bool encoderFailed() const;
+    int32_t sourceFailure() const;
     void pushEndMarkers(const char* message);
     void releaseDecoders();
     int32_t finish(int32_t lastDecodeResult);

@@ -9,6 +9,7 @@ namespace qmmediaeditor {
 // Of process() and of the operations below it, beside those of <media/stagefright/MediaErrors.h>.
 // The first reason why a run ends is its result.
 enum : int32_t {
+    kNoThread = -12,         // a thread could not be created
     kInvalidRequest = -38,   // the request or its input cannot be used
     kNoSource = -1001,       // a source could not be made
     kStopped = -1003,        // by cancel() or by the writer
