@@ -23,6 +23,8 @@ std::string reasonOf(int32_t result) {
     switch (result) {
         case kInvalidRequest:
             return "its tracks could not be set up for decoding";
+        case kNoThread:
+            return "a thread could not be created";
         case kReadError:
             return "the input could not be read";
         case kDecoderError:
