@@ -274,14 +274,20 @@ TEST_P(EncoderFaultTest, anEncoderThatFailsInTheMiddleEndsTheRunWithAnErrorSoon)
 
 void failDequeueingInput(const sp<ScriptedCodec>& encoder) { encoder->inputResult(-38); }
 void failQueueing(const sp<ScriptedCodec>& encoder) { encoder->fail("queueInputBuffer", -5, 20); }
+// The one after the 60 samples.
+void failQueueingTheEnd(const sp<ScriptedCodec>& encoder) {
+    encoder->fail("queueInputBuffer", -5, 61);
+}
 void failOutput(const sp<ScriptedCodec>& encoder) { encoder->outputResult(-1010); }
 
 INSTANTIATE_TEST_SUITE_P(Encoders, EncoderFaultTest,
                          ::testing::Values(EncoderFault{"audioInput", false, failDequeueingInput},
                                            EncoderFault{"audioQueue", false, failQueueing},
+                                           EncoderFault{"audioEnd", false, failQueueingTheEnd},
                                            EncoderFault{"audioOutput", false, failOutput},
                                            EncoderFault{"videoInput", true, failDequeueingInput},
                                            EncoderFault{"videoQueue", true, failQueueing},
+                                           EncoderFault{"videoEnd", true, failQueueingTheEnd},
                                            EncoderFault{"videoOutput", true, failOutput}),
                          [](const auto& fault) { return fault.param.what; });
 

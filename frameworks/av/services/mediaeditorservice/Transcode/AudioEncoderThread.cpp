@@ -115,11 +115,7 @@ TAudioSource::MediaEncoderThread::Next TAudioSource::MediaEncoderThread::feedEnc
         QM_LOGV(kTag, "the codec was stopped");
         return Next::kEnd;
     }
-    if (result == ERROR_END_OF_STREAM) {
-        codec->queueInputBuffer(index, 0, 0, 0, kFlagEOS, nullptr);
-        mInputEOS = true;
-        return Next::kEnd;
-    }
+    if (result == ERROR_END_OF_STREAM) return EncoderThreadControl::queueEOS(*this, codec, index);
     err = codec->queueInputBuffer(index, 0, input->mSize, input->mPresentationTimeUs, input->mFlags,
                                   nullptr);
     if (err != OK) {
@@ -135,9 +131,7 @@ TAudioSource::MediaEncoderThread::Next TAudioSource::MediaEncoderThread::signalI
     size_t index = 0;
     if (codec->dequeueInputBuffer(&index, mTimeoutUs) == OK) {
         QM_LOGV(kTag, "signalling input EOS");
-        codec->queueInputBuffer(index, 0, 0, 0, kFlagEOS, nullptr);
-        mInputEOS = true;
-        return Next::kEnd;
+        return EncoderThreadControl::queueEOS(*this, codec, index);
     }
     QM_LOGD(kTag, "EOS input thread forced stop by others");
     return Next::kEnd;

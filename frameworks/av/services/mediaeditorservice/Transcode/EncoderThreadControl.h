@@ -143,6 +143,22 @@ struct EncoderThreadControl {
         QM_LOGV(EncoderThread::kTag, "inputThreadEntry end");
     }
 
+    // The input port's last act. An encoder that refuses the end fails: it would never say that its
+    // output has ended.
+    template <class EncoderThread>
+    static typename EncoderThread::Next queueEOS(EncoderThread& t, const sp<MediaCodec>& codec,
+                                                 size_t index) {
+        const status_t err =
+            codec->queueInputBuffer(index, 0, 0, 0, MediaCodec::BUFFER_FLAG_EOS, nullptr);
+        if (err == OK) {
+            t.mInputEOS = true;
+        } else {
+            QM_LOGW(EncoderThread::kTag, "thread stop by error[%d]", err);
+            reportFailure(t);
+        }
+        return EncoderThread::Next::kEnd;
+    }
+
     template <class EncoderThread>
     static void stopEncoder(EncoderThread& t) {
         QM_LOGV(EncoderThread::kTag, "call stopEncoder start");

@@ -185,7 +185,6 @@ private:
     Next feedEncoder(const sp<MediaCodec>& codec, TDecodedSample* record);
     Next fillInput(const sp<MediaCodec>& codec, size_t index, TDecodedSample* record);
     Next signalInputEOS(const sp<MediaCodec>& codec);
-    Next queueEOS(const sp<MediaCodec>& codec, size_t index);
     status_t drainEncoder(const sp<MediaCodec>& codec);
     bool forwardOutput(const sp<MediaCodec>& codec, TEncodedSample* output);
     Next handleDrainResult(const sp<MediaCodec>& codec, status_t result);

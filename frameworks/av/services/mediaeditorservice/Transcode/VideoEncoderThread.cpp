@@ -101,7 +101,7 @@ TVideoSource::MediaEncoderThread::Next TVideoSource::MediaEncoderThread::fillInp
         QM_LOGV(kTag, "the codec was stopped");
         return Next::kEnd;
     }
-    if (result == ERROR_END_OF_STREAM) return queueEOS(codec, index);
+    if (result == ERROR_END_OF_STREAM) return EncoderThreadControl::queueEOS(*this, codec, index);
 
     // After an empty wake-up the record still holds the size and time of the picture before.
     const status_t err =
@@ -119,21 +119,9 @@ TVideoSource::MediaEncoderThread::Next TVideoSource::MediaEncoderThread::signalI
     size_t index = 0;
     if (codec->dequeueInputBuffer(&index, mDequeueTimeoutUs) == OK) {
         QM_LOGV(kTag, "signalling input EOS");
-        return queueEOS(codec, index);
+        return EncoderThreadControl::queueEOS(*this, codec, index);
     }
     QM_LOGD(kTag, "EOS input thread forced stop by others");
-    return Next::kEnd;
-}
-
-TVideoSource::MediaEncoderThread::Next TVideoSource::MediaEncoderThread::queueEOS(
-    const sp<MediaCodec>& codec, size_t index) {
-    const status_t err = codec->queueInputBuffer(index, 0, 0, 0, kFlagEOS, nullptr);
-    if (err == OK) {
-        mInputEOS = true;
-    } else {
-        QM_LOGW(kTag, "thread stop by error[%d]", err);
-        EncoderThreadControl::reportFailure(*this);
-    }
     return Next::kEnd;
 }
 
