@@ -291,6 +291,15 @@ INSTANTIATE_TEST_SUITE_P(Encoders, EncoderFaultTest,
                                            EncoderFault{"videoOutput", true, failOutput}),
                          [](const auto& fault) { return fault.param.what; });
 
+TEST_F(MainLoopTest, anEncoderThatFailsWhileTheOtherOneStallsEndsTheRun) {
+    addSamples(60, 60);
+    mVideoEncoder->holdInput(true);
+    mJournal.on("TVideoSource: wait@mDecoderBufferReturnedCond [DecodedSample:11]",
+                [this] { mAudioEncoder->outputResult(-1010); });
+    EXPECT_EQ(-1130, run());
+    expectNoHang();
+}
+
 TEST_F(MainLoopTest, anEncoderThatFailsAfterTheDecodersEndedIsStillAnError) {
     addSamples(2, 2);
     mVideoEncoder->holdInput(true);

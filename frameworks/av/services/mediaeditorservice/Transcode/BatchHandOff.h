@@ -105,10 +105,11 @@ struct BatchHandOff {
         while (!queue.empty() && !stopped()) returned.waitRelative(lock, kStopPollNs);
     }
 
-    // For handOver() on the session's thread, which its own stop must reach as well.
+    // For handOver() on the session's thread, which must hear of a stop of the session and of a
+    // failure of the other source as well.
     template <class Source>
     static bool stopWanted(const Source& s) {
-        return s.mCodecStopped || (s.mStopFlag != nullptr && *s.mStopFlag);
+        return s.mCodecStopped || (s.mStopTest && s.mStopTest());
     }
 
     // For an input port: OK when a decoded sample waits, -1011 when the source is stopped, and

@@ -86,9 +86,10 @@ int32_t Transcode::createSource() {
         QM_LOGV(kTag, "Force Stop in createSource");
         return kStopped;
     }
+    const auto stopTest = [this] { return mForceStop || sourceFailure() != OK; };
     if (mFileAttribute.mHasAudio) {
         mAudioSource = new TAudioSource(mAudioAttribute);
-        mAudioSource->setStopFlag(&mForceStop);
+        mAudioSource->setStopTest(stopTest);
         if (!mAudioSource->isValid()) {
             QM_LOGE(kTag, "TAudioSource error");
             return kNoSource;
@@ -96,7 +97,7 @@ int32_t Transcode::createSource() {
     }
     if (mFileAttribute.mHasVideo) {
         mVideoSource = new TVideoSource(mVideoAttribute);
-        mVideoSource->setStopFlag(&mForceStop);
+        mVideoSource->setStopTest(stopTest);
         if (!mVideoSource->isValid()) {
             QM_LOGE(kTag, "TVideoSource error");
             if (mAudioSource != nullptr && mAudioSource->isValid()) mAudioSource->stop();

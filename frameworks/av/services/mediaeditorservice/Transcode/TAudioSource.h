@@ -20,7 +20,9 @@
 #include <utils/Mutex.h>
 #include <utils/Thread.h>
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 namespace android {
 namespace qmmediaeditor {
@@ -31,9 +33,9 @@ public:
 
     bool isValid() const { return mValid; }
 
-    // The session's stop flag, which outlives the source: a push that waits ends soon after it
-    // rises. Before the first push.
-    void setStopFlag(const Shared<bool>* flag) { mStopFlag = flag; }
+    // Tells whether the session ends: a push that waits for room gives up soon after it does.
+    // Called on the session's thread only. Before the first push.
+    void setStopTest(std::function<bool()> test) { mStopTest = std::move(test); }
 
     // Makes the pool for the writer and the encoder with its threads; again when the format
     // changes. 0, or -1100 when the encoder cannot be had.
@@ -88,7 +90,7 @@ private:
     Shared<bool> mStarted{false};  // written by the writer's and the encoder's threads, read by all
     Shared<bool> mCodecStopped{false};  // written by any thread, never cleared, read by all
     bool mValid = false;
-    const Shared<bool>* mStopFlag = nullptr;  // the session's thread only
+    std::function<bool()> mStopTest;  // the session's thread only
     Condition mStartCond;
     Mutex mEncodedLock;
     Condition mFrameAvailableCond;

@@ -20,7 +20,9 @@
 #include <utils/Mutex.h>
 #include <utils/Thread.h>
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 namespace android {
 namespace qmmediaeditor {
@@ -31,9 +33,9 @@ public:
 
     bool isValid() const { return mValid; }
 
-    // The session's stop flag, which outlives the source: a push that waits ends soon after it
-    // rises. Before the first push.
-    void setStopFlag(const Shared<bool>* flag) { mStopFlag = flag; }
+    // Tells whether the session ends: a push that waits for room gives up soon after it does.
+    // Called on the session's thread only. Before the first push.
+    void setStopTest(std::function<bool()> test) { mStopTest = std::move(test); }
 
     // Bounds of both queues, in samples beyond which a batch is handed over. A negative number only
     // logs.
@@ -105,7 +107,7 @@ private:
     Shared<bool> mStarted{false};  // written by the writer's and the encoder's threads, read by all
     Shared<bool> mCodecStopped{false};  // written by any thread, never cleared, read by all
     bool mValid = false;
-    const Shared<bool>* mStopFlag = nullptr;  // the session's thread only
+    std::function<bool()> mStopTest;  // the session's thread only
     List<TDecodedSample> mDecodedSamples GUARDED_BY(mDecodedLock);
     List<TEncodedSample> mEncodedSamples GUARDED_BY(mEncodedLock);
     List<int64_t> mPresentationTimes;  // input reader only
