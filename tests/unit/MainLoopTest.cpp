@@ -309,6 +309,32 @@ TEST_F(MainLoopTest, anEncoderThatFailsAfterTheDecodersEndedIsStillAnError) {
     expectNoHang();
 }
 
+TEST_F(MainLoopTest, aStopDuringTheWaitForTheWriterClosesTheFileWithWhatIsThere) {
+    addSamples(3, 3);
+    mVideoEncoder->holdInput(true);
+    mPlatform.writer().setEndDelay(2);
+    mJournal.on("Transcode: wait writer EOS", [this] {
+        EXPECT_TRUE(mLog.waitFor("TAudioSource", "setCodecStopped"));
+        session().forceStop();
+    });
+    EXPECT_EQ(-1003, run());
+    EXPECT_EQ(3u, mPlatform.writer().samples(1).size()) << "the other track is whole";
+    expectNoHang();
+}
+
+TEST_F(MainLoopTest, anEncoderThatFailsDuringTheWaitForTheWriterEndsTheOtherTrackAsWell) {
+    addSamples(3, 3);
+    mVideoEncoder->holdInput(true);
+    mAudioEncoder->holdInput(true);
+    mPlatform.writer().setEndDelay(2);
+    mJournal.on("Transcode: wait writer EOS", [this] {
+        mAudioEncoder->outputResult(-1010);
+        EXPECT_TRUE(mLog.waitFor("TAudioSource", "setCodecStopped"));
+    });
+    EXPECT_EQ(-1130, run());
+    expectNoHang();
+}
+
 TEST_F(MainLoopTest, theUuidDataOfTheInputIsCopied) {
     const struct {
         sp<ABuffer> data;

@@ -193,13 +193,27 @@ void Transcode::releaseDecoders() {
     }
 }
 
+// The writer's tracks end with the sources. After a stop or a failure the sources end with what
+// they have, because an encoder that stalls would keep the file open for ever.
+void Transcode::awaitWriter() {
+    bool stopped = false;
+    while (!mMP4Writer->reachedEOS()) {
+        if (const int32_t failure = sourceFailure(); failure != OK) fail(failure);
+        if (mForceStop && !stopped) {
+            stopSources();
+            stopped = true;
+        }
+        usleep(kWriterPollUs);
+    }
+}
+
 int32_t Transcode::finish(int32_t lastDecodeResult) {
     // The reader may hold an input buffer, and a decoder that is released under it would refuse it.
     mInputPort.waitIdle();
     releaseDecoders();
 
     QM_LOGV(kTag, "wait writer EOS");
-    while (!mMP4Writer->reachedEOS()) usleep(kWriterPollUs);
+    awaitWriter();
     QM_LOGV(kTag, "call writer stop");
     const status_t err = mMP4Writer->stop();
     QM_LOGV(kTag, "doTranscode End");

@@ -136,6 +136,7 @@ private:
     int32_t sourceFailure() const;
     void pushEndMarkers(const char* message);
     void releaseDecoders();
+    void awaitWriter();
     int32_t finish(int32_t lastDecodeResult);
 
     // Input reader.
