@@ -7,7 +7,7 @@ namespace android {
 namespace qmmediaeditor {
 
 // Of process() and of the operations below it, beside those of <media/stagefright/MediaErrors.h>.
-// The first reason why a run ends counts: a failure that follows a stop is reported as the stop.
+// The first reason why a run ends is its result.
 enum : int32_t {
     kNoThread = -12,         // a thread could not be created
     kInvalidRequest = -38,   // the request or its input cannot be used
