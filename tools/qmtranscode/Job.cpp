@@ -13,6 +13,7 @@
 namespace android::qmmediaeditor::cli {
 
 std::optional<Failure> Job::run() {
+    limitAllocations();
     if (auto failure = prepare()) return failure;
     if (mOptions.plan) return plan();
     if (auto failure = openTrace()) return failure;
