@@ -25,6 +25,11 @@ public:
     // The first write of the output that failed, with its errno.
     virtual void onWriteError(int /* error */) {}
 
+    // Why the input is refused: it exceeds a limit that protects memory and time. The session then
+    // fails with the code of the operation that found it. May be called again; the first reason
+    // counts.
+    virtual void onRefused(const std::string& /* reason */) {}
+
     // The output has got its first sample.
     virtual void onFirstSample() {}
     // The video encoder has accepted the frame that is shown at this time of the output.
@@ -58,6 +63,11 @@ struct HostOptions {
 // The number of threads that a codec has where HostOptions::threads is 0. It depends on files of
 // /proc and /sys: a process that gives up the right to open files calls it before that.
 int defaultThreads();
+
+// Limits each allocation of FFmpeg's libraries to 256 MiB, because a few bytes of input can ask for
+// any amount. Irrevocable and for the whole process, including its other users of these libraries,
+// so that the host does not call it by itself. Call it before the first session.
+void limitAllocations();
 
 // To be given to Platform::install, and to be kept until the last session is gone.
 std::unique_ptr<Platform> createHostPlatform(const HostOptions& options);

@@ -43,9 +43,12 @@ AVChannelLayout plainLayout(int channelCount) {
 
 }  // namespace
 
-AudioDecoder::AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs)
+AudioDecoder::AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs,
+                           HostObserver* observer)
     : mCutTimesUs(cutTimesUs.value_or(std::vector<int64_t>())),
+      mObserver(observer),
       mChunkFrames(cutTimesUs ? kChunkFrames : kShortChunkFrames),
+      mDecoder(observer),
       mFrame(av_frame_alloc()) {}
 
 AudioDecoder::~AudioDecoder() = default;
@@ -65,8 +68,8 @@ status_t AudioDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     format->findInt32("channel-count", &channelCount);
     if (sampleRate > 0 && channelCount > 0) setFormat(sampleRate, channelCount);
     format->findInt64("durationUs", &mTrackEndUs);
-    const sp<TrackSource> source = TrackSource::find(format);
-    if (source != nullptr) mTrackEndUs += source->delayUs();
+    mSource = TrackSource::find(format);
+    if (mSource != nullptr) mTrackEndUs += mSource->delayUs();
 
     int32_t maxInputBytes = 0;
     format->findInt32("max-input-size", &maxInputBytes);
@@ -120,6 +123,7 @@ void AudioDecoder::enter(const TimeLine& timeLine) {
     mTimeLine = timeLine;
     mNextFrame = 0;
     mSilenceFrames = 0;
+    mSilenceBudget.beginTimeLine();
     mAtStart = true;
     mInHole = false;
     mPcm.clear();
@@ -143,6 +147,8 @@ CodecEngine::Step AudioDecoder::produce(CodecOutput* output) {
                 return Step::kNeedsInput;
             case PacketDecoder::Received::kFailed:
                 return Step::kFailed;
+            case PacketDecoder::Received::kRefused:
+                return Step::kRefused;
             case PacketDecoder::Received::kEnd:
                 output->timeUs = mSampleRate > 0 ? timeAt(mNextFrame) : 0;
                 output->timeLine = mTimeLine.number;
@@ -152,6 +158,7 @@ CodecEngine::Step AudioDecoder::produce(CodecOutput* output) {
         if (first) setFormat(mFrame->sample_rate, mFrame->ch_layout.nb_channels);
         const bool taken = takeFrame();
         av_frame_unref(mFrame.get());
+        if (mRefused) return Step::kRefused;
         if (!taken) return Step::kFailed;
         if (first) return Step::kFormat;
     }
@@ -166,7 +173,8 @@ CodecEngine::Step AudioDecoder::produceWithoutInput(const TimeLine& timeLine, in
     if (silenceDueUs() >= untilUs) return Step::kNeedsInput;
     const int64_t missing = frameAt(untilUs) - mNextFrame;
     if (missing <= 0) return Step::kNeedsInput;
-    mSilenceFrames = missing;
+    addSilence(missing);
+    if (mRefused) return Step::kRefused;
     mInHole = true;
     return produceChunk(output);
 }
@@ -247,6 +255,20 @@ bool AudioDecoder::resample(const AVFrame* frame) {
     return true;
 }
 
+// A period that ends before the silence needs only a part of it.
+void AudioDecoder::addSilence(int64_t frames) {
+    const int64_t endUs = timeAt(mNextFrame + std::min(frames, framesToCut()));
+    const int64_t videoUs = mSource == nullptr ? INT64_MIN : mSource->order()->videoBefore(endUs);
+    const std::optional<std::string> reason =
+        mSilenceBudget.addSilence(timeAt(mNextFrame), endUs, videoUs);
+    mRefused = reason.has_value();
+    if (!mRefused) {
+        mSilenceFrames = frames;
+    } else if (mObserver != nullptr) {
+        mObserver->onRefused(*reason);
+    }
+}
+
 void AudioDecoder::place(int64_t startFrame) {
     const int64_t gap = startFrame - mNextFrame;
     // The first sound is put to its exact place, and so is the first one after a hole, which may
@@ -254,11 +276,12 @@ void AudioDecoder::place(int64_t startFrame) {
     const bool adjoins = !mAtStart && !mInHole;
     const int64_t jitter = adjoins ? av_rescale(kJitterUs, mSampleRate, 1000000) : 0;
     if (gap > jitter) {
-        mSilenceFrames = gap;
+        addSilence(gap);
     } else if (gap < -jitter) {
         const int64_t dropped = std::min(-gap, pcmFrames());
         mPcmUsed += static_cast<size_t>(dropped) * static_cast<size_t>(mChannelCount);
     }
+    mSilenceBudget.addAudio(av_rescale(pcmFrames(), 1000000, mSampleRate));
     mInHole = false;
     if (pcmFrames() > 0) mAtStart = false;
 }

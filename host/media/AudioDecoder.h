@@ -14,6 +14,7 @@
 
 #include "host/media/CodecEngine.h"
 #include "host/media/PacketDecoder.h"
+#include "host/media/SilenceBudget.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -21,8 +22,9 @@ namespace qmmediaeditor {
 class AudioDecoder : public CodecEngine {
 public:
     // No buffer goes across one of the times in `cutTimesUs`, which rise. When there may be others,
-    // all buffers are short.
-    explicit AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs);
+    // all buffers are short. `observer`, which may be null, hears why an input is refused, and
+    // outlives the decoder.
+    AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs, HostObserver* observer);
     ~AudioDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
@@ -43,6 +45,8 @@ private:
     bool resample(const AVFrame* frame);
     // Says where the samples in mPcm belong.
     void place(int64_t startFrame);
+    // Silence comes next, unless that is too much: then mRefused is set.
+    void addSilence(int64_t frames);
     Step produceChunk(CodecOutput* output);
 
     // The reader being past this time, what is missing is a hole.
@@ -54,6 +58,7 @@ private:
     int64_t framesToCut() const;
 
     const std::vector<int64_t> mCutTimesUs;
+    HostObserver* const mObserver;
     const int64_t mChunkFrames;  // of a buffer, at the most
     PacketDecoder mDecoder;
     const FramePtr mFrame;
@@ -64,6 +69,9 @@ private:
     int mSampleRate = 0;
     int mChannelCount = 0;
     int64_t mTrackEndUs = 0;
+    sp<TrackSource> mSource;  // null for a format that no extractor made
+    SilenceBudget mSilenceBudget;
+    bool mRefused = false;
 
     TimeLine mTimeLine;
     // Of what comes out next, in sample frames since the start of the time line.

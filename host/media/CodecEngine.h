@@ -59,6 +59,7 @@ public:
         kFormat,      // outputFormat() is known, or new, from here on
         kNeedsInput,  // accept() or finish() must come first
         kEnd,         // the end of stream, and everything before it was produced
+        kRefused,  // the input exceeds a limit, and the observer has been told; as kEnd otherwise
         kFailed,
     };
 
@@ -71,7 +72,7 @@ public:
     virtual sp<AMessage> outputFormat() const = 0;
 
     virtual Step produce(CodecOutput* output) = 0;
-    // Only when produce() has said kNeedsInput.
+    // Only when produce() has said kNeedsInput. ERROR_UNSUPPORTED has the meaning of kRefused.
     virtual status_t accept(CodecInput input) = 0;
     // No input follows.
     virtual status_t finish() = 0;

@@ -1,5 +1,6 @@
 // The half of a CodecWorker that runs on the looper's thread.
 #include <android/log.h>
+#include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
 #include <utility>
@@ -45,6 +46,9 @@ bool CodecWorker::takeStep(CodecEngine::Step step, CodecOutput output) {
             mOutputFormat = mEngine->outputFormat();
             mFormatPending = mPorts.announcesFormat;
             break;
+        case CodecEngine::Step::kRefused:
+            refuseInput();
+            [[fallthrough]];
         case CodecEngine::Step::kEnd:
             mEndProduced = true;
             output.flags |= BUFFER_FLAG_EOS;
@@ -75,7 +79,7 @@ bool CodecWorker::feed() {
                           input.note.timeLine.number != mSource->order()->timeLine().number;
     const sp<Buffer> buffer = mInputs[input.index].buffer;
     mFeedingUs = input.size > 0 ? input.timeUs : DecodeOrder::kNever;
-    const bool accepted = useEngine([&](CodecEngine& engine) {
+    const status_t status = useEngine([&](CodecEngine& engine) {
         CodecInput sample;
         sample.lease = std::shared_ptr<const void>(
             buffer.get(), [this, index = input.index](const void*) { inputDone(index); });
@@ -83,14 +87,15 @@ bool CodecWorker::feed() {
         sample.size = input.size;
         sample.timeUs = input.timeUs;
         sample.note = std::move(input.note);
-        status_t status = OK;
-        if (input.size > 0 && !outdated) status = engine.accept(std::move(sample));
-        if (status == OK && input.endOfStream) status = engine.finish();
-        return status == OK;
+        status_t result = OK;
+        if (input.size > 0 && !outdated) result = engine.accept(std::move(sample));
+        if (result == OK && input.endOfStream) result = engine.finish();
+        return result;
     });
     mFeedingUs = DecodeOrder::kNever;
     if (mState != State::kStarted) return false;
-    if (!accepted) {
+    if (status == ERROR_UNSUPPORTED) return takeStep(CodecEngine::Step::kRefused, CodecOutput());
+    if (status != OK) {
         fail();
         return false;
     }
@@ -120,6 +125,15 @@ void CodecWorker::inputDone(size_t index) {
     if (mState != State::kStarted) return;
     mFreeInputs.push_back(index);
     if (!mWorkPosted || mFreeInputs.size() * 2 >= mInputs.size()) mInputFree.broadcast();
+}
+
+// The client finds out when it queues its next sample, because a failing output would end the
+// process; without another sample it takes the end of stream.
+void CodecWorker::refuseInput() {
+    mRefusesInput = true;
+    for (const QueuedInput& input : mQueued) mFreeInputs.push_back(input.index);
+    mQueued.clear();
+    mInputFree.broadcast();
 }
 
 void CodecWorker::fail() {
@@ -159,8 +173,8 @@ bool CodecWorker::publish() {
     DecodeOrder::Standing standing = mEngineStanding;
     standing.hasHead = !mReady.empty();
     standing.working = mWorkPosted || !mQueued.empty();
-    standing.inputEnded = mEndQueued;
-    if (mEndQueued) standing.silenceDueUs = DecodeOrder::kNever;
+    standing.inputEnded = mEndQueued || mRefusesInput;
+    if (standing.inputEnded) standing.silenceDueUs = DecodeOrder::kNever;
     standing.inputFull = mFreeInputs.empty();
     if (standing.hasHead) {
         standing.earliestUs = mOutputs[mReady.front()].output.timeUs;

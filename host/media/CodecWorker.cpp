@@ -1,5 +1,7 @@
 #include "host/media/CodecWorker.h"
 
+#include <media/stagefright/MediaErrors.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -141,6 +143,7 @@ status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
         return refuse(BAD_VALUE, "the range does not fit the buffer");
     }
     if (mEndQueued) return refuse(INVALID_OPERATION, "the input has ended");
+    if (mRefusesInput && size > 0) return refuse(ERROR_UNSUPPORTED, "the input exceeds a limit");
 
     mInputs[index].withClient = false;
     QueuedInput input;

@@ -111,6 +111,7 @@ private:
     status_t notRunning() const REQUIRES(mLock);
     void schedule() REQUIRES(mLock);
     void shutDown(State state) REQUIRES(mLock);
+    void refuseInput() REQUIRES(mLock);
     void fail() REQUIRES(mLock);
     // True when silence is owed.
     bool publish() REQUIRES(mLock);
@@ -143,6 +144,7 @@ private:
     std::deque<size_t> mReady GUARDED_BY(mLock);
     bool mEndQueued GUARDED_BY(mLock) = false;
     bool mEndProduced GUARDED_BY(mLock) = false;
+    bool mRefusesInput GUARDED_BY(mLock) = false;
 
     bool mWorkPosted GUARDED_BY(mLock) = false;
     // What the work has ended for: the client holds the outputs, or has not taken them yet.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/foundation/Deadline.h"
+#include "host/media/SilenceBudget.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -13,6 +14,7 @@ void DecodeOrder::beginTimeLine(int64_t startUs) {
     mTimeLine.number++;
     mTimeLine.startUs = std::max<int64_t>(startUs, 0);
     mPositionUs = std::numeric_limits<int64_t>::min();
+    mVideoRuns.clear();
     mChanged.broadcast();
 }
 
@@ -24,6 +26,26 @@ void DecodeOrder::advancePosition(int64_t timeUs) {
         if (owesSilence(entry.second.standing)) entry.second.wake();
     }
     mChanged.broadcast();
+}
+
+void DecodeOrder::addVideo(int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    if (!mVideoRuns.empty() && timeUs <= mVideoRuns.back().lastUs) return;
+    const bool continues = !mVideoRuns.empty() &&
+                           timeUs - mVideoRuns.back().lastUs <= SilenceBudget::kMaxFrameDistanceUs;
+    if (continues) {
+        mVideoRuns.back().lastUs = timeUs;
+    } else {
+        mVideoRuns.push_back({timeUs, timeUs});
+    }
+}
+
+int64_t DecodeOrder::videoBefore(int64_t timeUs) const {
+    Mutex::Autolock lock(mLock);
+    for (auto run = mVideoRuns.rbegin(); run != mVideoRuns.rend(); ++run) {
+        if (run->firstUs <= timeUs) return std::min(run->lastUs, timeUs);
+    }
+    return std::numeric_limits<int64_t>::min();
 }
 
 TimeLine DecodeOrder::timeLine() const {

@@ -22,6 +22,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <vector>
 
 namespace android {
 namespace qmmediaeditor {
@@ -44,9 +45,15 @@ public:
     void beginTimeLine(int64_t startUs);
     // No sample that comes later, of any track, is shown before `timeUs`.
     void advancePosition(int64_t timeUs);
+    // For the extractor: a sample of the video track comes, and is shown at `timeUs` or later.
+    void addVideo(int64_t timeUs);
 
     TimeLine timeLine() const;
     int64_t position() const;
+    // The time of the last video sample at or before `timeUs`, where their distances exceed
+    // SilenceBudget::kMaxFrameDistanceUs; `timeUs` itself between samples that are closer.
+    // INT64_MIN before the first one.
+    int64_t videoBefore(int64_t timeUs) const;
 
     // Where a decoder stands, as far as the others must know.
     struct Standing {
@@ -94,6 +101,12 @@ private:
     mutable Mutex mLock;
     Condition mChanged;
     TimeLine mTimeLine GUARDED_BY(mLock);
+    // Stretches of video samples that lie close together, in rising order.
+    struct VideoRun {
+        int64_t firstUs;
+        int64_t lastUs;
+    };
+    std::vector<VideoRun> mVideoRuns GUARDED_BY(mLock);
     int64_t mPositionUs GUARDED_BY(mLock) = std::numeric_limits<int64_t>::min();
     std::map<size_t, Member> mMembers GUARDED_BY(mLock);
     size_t mNextMember GUARDED_BY(mLock) = 0;

@@ -6,7 +6,14 @@
 #include <string.h>
 
 #include <algorithm>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
+
+#include "host/media/InputFormats.h"
+#include "host/media/Limits.h"
+#include "host/media/MediaTypes.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -19,13 +26,14 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr char kContainers[] =
-    "mov,matroska,webm,mpegts,mpeg,avi,flv,asf,ogg,wav,w64,flac,mp3,aac,ac3,eac3,amr,aiff,caf,au";
 constexpr int kIoBufferBytes = 64 * 1024;
 constexpr int64_t kDefaultProbeBytes = 1 << 20;
 constexpr int64_t kMaxProbeBytes = 64 << 20;
 // So many damaged places in a row are taken for the end.
 constexpr int kMaxReadErrors = 64;
+
+// Bounds what opening takes. Below it, the number of streams can be named.
+constexpr int kMaxOpenedStreams = 1000;
 
 constexpr int64_t kMaxTimeUs = INT64_C(1) << 60;
 
@@ -93,14 +101,37 @@ Demuxer::Opened Demuxer::open(const std::shared_ptr<const InputFile>& file, Stud
 }
 
 status_t Demuxer::readStreams() {
-    const int result = avformat_find_stream_info(mContext.get(), nullptr);
+    // Decoders look into the first packets.
+    std::vector<AVDictionary*> options(mContext->nb_streams, nullptr);
+    for (AVDictionary*& each : options) av_dict_set_int(&each, "max_pixels", kMaxPixels, 0);
+    const int result = avformat_find_stream_info(mContext.get(), options.data());
+    for (AVDictionary*& each : options) av_dict_free(&each);
     // Demuxers resume behind a failed read, so the result alone does not tell.
-    return result < 0 || mCursor->file->status() != OK ? reasonOf(result) : OK;
+    if (result < 0 || mCursor->file->status() != OK) return reasonOf(result);
+    return checkLimits();
+}
+
+status_t Demuxer::checkLimits() const {
+    std::optional<std::string> reason = checkStreams(mContext->nb_streams);
+    for (unsigned i = 0; i < mContext->nb_streams && !reason; ++i) {
+        const AVStream& stream = *mContext->streams[i];
+        const AVCodecParameters& parameters = *stream.codecpar;
+        if (parameters.codec_type != AVMEDIA_TYPE_VIDEO || !isDecodable(stream)) continue;
+        reason = checkSize("video", parameters.width, parameters.height);
+    }
+    if (!reason) return OK;
+    mCursor->file->refuse(*reason);
+    return ERROR_UNSUPPORTED;
 }
 
 status_t Demuxer::reasonOf(int error) const {
     if (mCursor->file->status() != OK) return ERROR_IO;
-    if (error == AVERROR(ENOMEM)) return NO_MEMORY;
+    if (error != AVERROR(ENOMEM)) return ERROR_UNSUPPORTED;
+    const std::optional<std::string> reason = checkAllocation();
+    if (!reason) return NO_MEMORY;
+    // libavformat reports too many streams as a lack of memory, too.
+    mCursor->file->refuse("more than " + std::to_string(kMaxOpenedStreams) + " streams, or " +
+                          *reason);
     return ERROR_UNSUPPORTED;
 }
 
@@ -118,9 +149,11 @@ status_t Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
     }
     context->pb = mIo.get();
     context->io_open = refuseToOpen;
+    context->max_streams = kMaxOpenedStreams;
     context->format_probesize = static_cast<int>(probeSizeBytes(*file));
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "format_whitelist", kContainers, 0);
+    av_dict_set(&options, "format_whitelist", demuxerNames().c_str(), 0);
+    av_dict_set(&options, "codec_whitelist", decoderNames().c_str(), 0);
     // Frees the context when it fails.
     const int result = avformat_open_input(&context, "", nullptr, &options);
     av_dict_free(&options);
@@ -128,7 +161,7 @@ status_t Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
     mContext.reset(context);
     if (file->status() != OK) return ERROR_IO;
     if (context->probe_score <= AVPROBE_SCORE_RETRY) return ERROR_UNSUPPORTED;
-    return OK;
+    return checkLimits();
 }
 
 bool Demuxer::isIsoFile() const { return av_match_name("mov", mContext->iformat->name) != 0; }
@@ -157,6 +190,7 @@ status_t Demuxer::readPacket(int index, AVPacket* packet) {
         }
         if (result == AVERROR_EOF) break;
         if (result == AVERROR(ENOMEM)) {
+            if (const auto reason = checkAllocation()) mCursor->file->refuse(*reason);
             status = NO_MEMORY;
             break;
         }

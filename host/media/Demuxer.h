@@ -23,9 +23,9 @@ public:
 
     struct Opened {
         std::unique_ptr<Demuxer> demuxer;  // null unless status is OK
-        // ERROR_UNSUPPORTED for what is none of the containers that are read here: a list of audio
-        // and video containers, since FFmpeg would take text, playlists and photographs as well.
-        // ERROR_IO when the file cannot be read, NO_MEMORY when memory is short.
+        // ERROR_UNSUPPORTED for what is none of the listed containers, and for a file that is
+        // refused because it exceeds a limit. ERROR_IO when the file cannot be read, NO_MEMORY when
+        // memory is short.
         status_t status;
     };
     static Opened open(const std::shared_ptr<const InputFile>& file, Study study);
@@ -63,6 +63,7 @@ private:
     Demuxer();
     status_t openInput(const std::shared_ptr<const InputFile>& file);
     status_t readStreams();
+    status_t checkLimits() const;
     // Why libavformat has failed with `error`.
     status_t reasonOf(int error) const;
 

@@ -190,7 +190,9 @@ void FileExtractor::announceCurrent() {
     }
     mTimeUs = timeUs - mDamageUs;
     const int64_t offsetUs = originUs() + mDamageUs;
-    mInfo.tracks[mCurrent].source->announce(mTimeUs, reader.headProperties(offsetUs));
+    const TrackInfo& currentTrack = mInfo.tracks[mCurrent];
+    if (currentTrack.isVideo) currentTrack.source->order()->addVideo(mTimeUs);
+    currentTrack.source->announce(mTimeUs, reader.headProperties(offsetUs));
     for (const auto& entry : mReaders) {
         if (entry.second->head() == nullptr) continue;
         const TrackInfo& track = mInfo.tracks[entry.first];

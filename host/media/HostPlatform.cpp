@@ -96,7 +96,7 @@ private:
             return nullptr;
         }
         if (mime.startsWithIgnoreCase("audio/")) {
-            return std::make_unique<AudioDecoder>(mOptions.cutTimesUs);
+            return std::make_unique<AudioDecoder>(mOptions.cutTimesUs, mOptions.observer);
         }
         if (mime.startsWithIgnoreCase("video/")) {
             return std::make_unique<VideoDecoder>(session(), mOptions.threads);

@@ -49,6 +49,10 @@ ssize_t InputFile::fail(int error, int64_t position) const {
     return -error;
 }
 
+void InputFile::refuse(const std::string& reason) const {
+    if (mObserver != nullptr) mObserver->onRefused(reason);
+}
+
 bool InputFile::readFully(int64_t position, void* data, size_t size) const {
     auto* bytes = static_cast<uint8_t*>(data);
     while (size > 0) {

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "host/Host.h"
 
@@ -24,7 +25,8 @@ public:
         status_t status;                        // OK or -errno
     };
     // The window ends with the file when that comes first; an empty one is refused with -ENODATA.
-    // `observer`, which may be null, hears of the first read error and outlives the file.
+    // `observer`, which may be null, hears of the first read error and of a refusal, and outlives
+    // the file.
     static Opened open(int fd, int64_t offset, int64_t length, HostObserver* observer = nullptr);
     ~InputFile();
 
@@ -37,6 +39,9 @@ public:
     ssize_t readAt(int64_t position, void* data, size_t size) const;
     // True when all of them were read.
     bool readFully(int64_t position, void* data, size_t size) const;
+
+    // Tells the observer why the file is refused.
+    void refuse(const std::string& reason) const;
 
     // OK, or the first read error as -errno.
     status_t status() const { return mStatus; }

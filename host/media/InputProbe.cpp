@@ -1,14 +1,18 @@
 #include "host/media/InputProbe.h"
 
+#include <android/log.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/ABuffer.h>
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 #include "host/media/DecodeOrder.h"
 #include "host/media/Demuxer.h"
+#include "host/media/InputFormats.h"
 #include "host/media/IsoBoxes.h"
+#include "host/media/Limits.h"
 #include "host/media/MediaTypes.h"
 #include "host/media/TrackFormat.h"
 #include "host/media/UuidBox.h"
@@ -24,6 +28,7 @@ namespace qmmediaeditor {
 
 namespace {
 
+constexpr char kLogTag[] = "Extractor";
 constexpr AVRational kMicroseconds = {1, 1000000};
 // So many frames tell 30 a second from 29.97 through time stamps in milliseconds.
 constexpr size_t kStudiedFrames = 120;
@@ -62,6 +67,12 @@ std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const InputFile>& 
 }
 
 int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
+    // A duration that libavformat estimates from the bit rate knows of no gaps. In a container with
+    // timestamps it would make those behind a gap look damaged.
+    if (demuxer->headerIsEnough() &&
+        demuxer->context().duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) {
+        return 0;
+    }
     if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0) {
         return demuxer->toUs(stream.index, stream.duration);
     }
@@ -72,16 +83,18 @@ int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
 void forgetRefused(AVStream* stream) {
     if (!isDecodable(*stream)) return;
     AVCodecParameters* parameters = stream->codecpar;
-    const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+    const AVCodec* decoder = decoderOf(parameters->codec_id);
     CodecContextPtr context(avcodec_alloc_context3(decoder));
+    if (context != nullptr) context->max_pixels = kMaxPixels;
     if (context == nullptr || avcodec_parameters_to_context(context.get(), parameters) < 0 ||
         avcodec_open2(context.get(), decoder, nullptr) < 0) {
         parameters->codec_id = AV_CODEC_ID_NONE;
     }
 }
 
-// The longest sample that the index names, or what a sample of the kind can come to.
-int64_t maxSampleBytes(AVStream& stream) {
+// The longest sample that the index names and the file can hold, or what a sample of the kind can
+// come to.
+int64_t maxSampleBytes(AVStream& stream, int64_t fileBytes) {
     int64_t bytes = kMaxAudioSampleBytes;
     if (isKind(stream, AVMEDIA_TYPE_VIDEO)) {
         const AVCodecParameters& parameters = *stream.codecpar;
@@ -91,7 +104,8 @@ int64_t maxSampleBytes(AVStream& stream) {
         bytes = std::max(kMinVideoSampleBytes, lossless ? pixels * 8 : pixels * 3 / 2);
     }
     for (int i = 0; i < avformat_index_get_entries_count(&stream); ++i) {
-        bytes = std::max<int64_t>(bytes, avformat_index_get_entry(&stream, i)->size);
+        const int64_t stated = avformat_index_get_entry(&stream, i)->size;
+        bytes = std::max(bytes, std::min(stated, fileBytes));
     }
     return std::min<int64_t>(bytes, INT32_MAX);
 }
@@ -188,7 +202,7 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     TrackFacts facts;
     facts.durationUs = durationUs;
     if (isDecodable(stream)) {
-        track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream));
+        track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream, avio_size(context.pb)));
         facts.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
         track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
         if (stream.start_time != AV_NOPTS_VALUE && !demuxer->countsPictures()) {
@@ -247,9 +261,42 @@ void findDelays(const std::vector<TrackInfo>& tracks) {
     }
 }
 
+// Audio beyond the limits is passed over. The reason when that leaves nothing to decode.
+std::optional<std::string> findUnreadable(const AVFormatContext& context) {
+    std::optional<std::string> reason;
+    bool isReadable = false;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        const AVStream& stream = *context.streams[i];
+        isReadable = isReadable || isDecodable(stream);
+        if (!isKind(stream, AVMEDIA_TYPE_AUDIO) || reason) continue;
+        reason = checkAudio(stream.codecpar->sample_rate, stream.codecpar->ch_layout.nb_channels);
+    }
+    if (!reason || !isReadable) return reason;
+    __android_log_print(ANDROID_LOG_WARN, kLogTag, "passed over: %s", reason->c_str());
+    return std::nullopt;
+}
+
+std::optional<std::string> checkDisplaySize(const TrackInfo& track) {
+    int32_t width = 0;
+    int32_t height = 0;
+    if (!track.isVideo || !track.format->findInt32("width", &width) ||
+        !track.format->findInt32("height", &height)) {
+        return std::nullopt;
+    }
+    return checkSize("video with a displayed size", width, height);
+}
+
+status_t refuse(const InputFile& file, const std::string& reason) {
+    file.refuse(reason);
+    return ERROR_UNSUPPORTED;
+}
+
 }  // namespace
 
 status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info) {
+    // Before the demuxer, which makes an entry of its index for each sample.
+    if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
+    if (file->status() != OK) return ERROR_IO;
     const Demuxer::Opened opened = Demuxer::open(file, Demuxer::Study::kStreams);
     if (opened.demuxer == nullptr) return opened.status;
     Demuxer* const demuxer = opened.demuxer.get();
@@ -271,6 +318,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
         complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
     }
     if (!hasMedia) return ERROR_UNSUPPORTED;
+    if (const auto reason = findUnreadable(context)) return refuse(*file, *reason);
     if (!complete) durationsUs = measureDurationsUs(file, durationsUs.size());
 
     InputInfo found;
@@ -287,6 +335,9 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
         AVStream& stream = *context.streams[i];
         found.tracks.push_back(describeTrack(demuxer, stream, durationsUs[i], studyFrames, order));
         if (found.tracks.back().format == nullptr) return NO_MEMORY;
+        if (const auto reason = checkDisplaySize(found.tracks.back())) {
+            return refuse(*file, *reason);
+        }
         found.tracks.back().jumps = jumps;
         found.tracks.back().ending = findEnding(lengths, *demuxer, stream);
         if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;

@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "host/media/InputFile.h"
@@ -44,6 +45,11 @@ struct IsoTrackLength {
 
 // One for each track of the movie box that has both.
 std::vector<IsoTrackLength> readTrackLengths(const InputFile& file, int64_t movieOffset);
+
+// The reason to refuse a file whose tables ('stsz', 'stz2', 'stts', 'ctts', 'trun') name more
+// samples than the file has bytes, because a demuxer makes an index entry for each: a few bytes
+// could take any amount of memory. Every file passes that is no ISO file, or that cannot be read.
+std::optional<std::string> checkSampleTables(const InputFile& file);
 
 }  // namespace qmmediaeditor
 }  // namespace android

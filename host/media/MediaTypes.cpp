@@ -3,6 +3,9 @@
 #include <editorutils/MediaEditorDefs.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
+#include "host/media/InputFormats.h"
+#include "host/media/Limits.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -114,12 +117,13 @@ bool isAttachedPicture(const AVStream& stream) {
 bool isDecodable(const AVStream& stream) {
     const AVCodecParameters& parameters = *stream.codecpar;
     if (isAttachedPicture(stream) || isEncrypted(stream)) return false;
-    if (avcodec_find_decoder(parameters.codec_id) == nullptr) return false;
+    if (decoderOf(parameters.codec_id) == nullptr) return false;
     if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
         return parameters.width > 0 && parameters.height > 0;
     }
     return parameters.codec_type == AVMEDIA_TYPE_AUDIO && parameters.sample_rate > 0 &&
-           parameters.ch_layout.nb_channels > 0;
+           parameters.ch_layout.nb_channels > 0 &&
+           !checkAudio(parameters.sample_rate, parameters.ch_layout.nb_channels);
 }
 
 const char* mimeOfStream(const AVStream& stream) {

@@ -5,6 +5,8 @@
 #include <media/stagefright/MediaErrors.h>
 
 #include "host/media/CodecTypes.h"
+#include "host/media/InputFormats.h"
+#include "host/media/Limits.h"
 #include "host/media/ThreadName.h"
 #include "host/media/TrackSource.h"
 
@@ -47,7 +49,8 @@ status_t parametersFromKeys(const AMessage& format, AVCodecContext* context) {
 
 }  // namespace
 
-PacketDecoder::PacketDecoder() : mPacket(av_packet_alloc()) {}
+PacketDecoder::PacketDecoder(HostObserver* observer)
+    : mObserver(observer), mPacket(av_packet_alloc()) {}
 
 PacketDecoder::~PacketDecoder() {
     if (mDamaged > 0) {
@@ -64,7 +67,7 @@ status_t PacketDecoder::prepare(const sp<AMessage>& format) {
     AString mime;
     format->findString("mime", &mime);
     const int id = source != nullptr ? source->parameters().codec_id : decoderIdOf(mime);
-    const AVCodec* codec = avcodec_find_decoder(static_cast<AVCodecID>(id));
+    const AVCodec* codec = decoderOf(id);
     if (codec == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no decoder for %s", mime.c_str());
         return ERROR_UNSUPPORTED;
@@ -78,6 +81,8 @@ status_t PacketDecoder::prepare(const sp<AMessage>& format) {
         return ERROR_MALFORMED;
     }
     mContext->pkt_timebase = {1, 1000000};
+    // The size may change in mid-stream.
+    mContext->max_pixels = kMaxPixels;
     return OK;
 }
 
@@ -96,7 +101,12 @@ status_t PacketDecoder::open() {
 }
 
 status_t PacketDecoder::countDamage(int error) {
-    if (error == AVERROR(ENOMEM)) return NO_MEMORY;
+    if (error == AVERROR(ENOMEM)) {
+        const std::optional<std::string> reason = checkAllocation();
+        if (!reason) return NO_MEMORY;
+        if (mObserver != nullptr) mObserver->onRefused(*reason);
+        return ERROR_UNSUPPORTED;
+    }
     mDamaged++;
     return OK;
 }
@@ -133,7 +143,9 @@ PacketDecoder::Received PacketDecoder::receive(AVFrame* frame) {
         }
         if (error == AVERROR(EAGAIN)) return Received::kNeedsInput;
         if (error == AVERROR_EOF) return Received::kEnd;
-        if (countDamage(error) != OK) return Received::kFailed;
+        const status_t status = countDamage(error);
+        if (status == ERROR_UNSUPPORTED) return Received::kRefused;
+        if (status != OK) return Received::kFailed;
     }
     return Received::kEnd;
 }

@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <utils/Errors.h>
 
+#include "host/Host.h"
 #include "host/media/CodecEngine.h"
 #include "host/media/FFmpegPointers.h"
 
@@ -13,7 +14,8 @@ namespace qmmediaeditor {
 
 class PacketDecoder {
 public:
-    PacketDecoder();
+    // `observer`, which may be null, hears why memory was refused, and outlives the decoder.
+    explicit PacketDecoder(HostObserver* observer);
     ~PacketDecoder();
 
     // Makes the context for the track that `format` describes; options may then be set before
@@ -22,19 +24,21 @@ public:
     AVCodecContext* context() { return mContext.get(); }
     status_t open();
 
-    // A damaged sample is skipped and counted; an error means that memory is short.
+    // A damaged sample is skipped and counted. ERROR_UNSUPPORTED when the sample takes more memory
+    // than the limit allows, NO_MEMORY when memory is short.
     status_t send(const CodecInput& input);
     status_t sendEnd();
     // What is inside is dropped: the next sample belongs to another stretch of the input.
     void flush();
 
-    enum class Received { kFrame, kNeedsInput, kEnd, kFailed };
+    enum class Received { kFrame, kNeedsInput, kEnd, kRefused, kFailed };
     // The frame's pts is in microseconds.
     Received receive(AVFrame* frame);
 
 private:
     status_t countDamage(int error);
 
+    HostObserver* const mObserver;
     CodecContextPtr mContext;
     const PacketPtr mPacket;
     int64_t mDamaged = 0;

@@ -2,7 +2,7 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
+#include <iterator>
 
 namespace android {
 namespace qmmediaeditor {
@@ -16,6 +16,8 @@ constexpr int64_t kMaxStepUs = 10000000;
 constexpr int64_t kLeastBytesPerSecond = 5000;
 // The samples of one time lie no further apart in a file.
 constexpr int64_t kMaxInterleavingBytes = 8 << 20;
+// More jumps than a recording has in so many bytes; bounds the search where all timestamps jump.
+constexpr int kMaxNearJumps = 1000;
 
 }  // namespace
 
@@ -24,25 +26,38 @@ bool TimeJumps::isJump(int64_t stepUs, int64_t stepBytes) {
     return stepUs > kMaxStepUs && stepBytes < stepUs / 1000000 * kLeastBytesPerSecond;
 }
 
-int64_t TimeJumps::offsetUs(int64_t position, int64_t timeUs, int64_t expectedUs) {
-    for (const Jump& jump : mJumps) {
-        const bool isNear = std::llabs(jump.position - position) < kMaxInterleavingBytes;
-        if (isNear && std::llabs(timeUs + jump.offsetUs - expectedUs) < kMaxStepUs) {
-            return jump.offsetUs;
+int64_t TimeJumps::offsetUs(int stream, int64_t position, int64_t timeUs, int64_t expectedUs) {
+    Jumps& own = mJumps[stream];
+    // Read again after a seek. Other jumps of the same stream are no match, however near: where its
+    // clock jumps twice in ten seconds, that would drop what lies between.
+    if (const auto known = own.find(position); known != own.end()) return known->second;
+    int64_t bestUs = expectedUs - timeUs;
+    int64_t bestErrorUs = kMaxStepUs;
+    for (const auto& [other, jumps] : mJumps) {
+        if (other == stream) continue;
+        auto jump = jumps.lower_bound(position - kMaxInterleavingBytes + 1);
+        for (int i = 0; i < kMaxNearJumps && jump != jumps.end(); ++i, ++jump) {
+            if (jump->first - position >= kMaxInterleavingBytes) break;
+            const int64_t errorUs = std::llabs(timeUs + jump->second - expectedUs);
+            if (errorUs >= bestErrorUs) continue;
+            bestErrorUs = errorUs;
+            bestUs = jump->second;
         }
     }
-    const Jump jump = {position, expectedUs - timeUs};
-    const auto behind = std::find_if(mJumps.begin(), mJumps.end(), [&](const Jump& other) {
-        return other.position > jump.position;
-    });
-    mJumps.insert(behind, jump);
-    return jump.offsetUs;
+    if (bestErrorUs == kMaxStepUs) own[position] = bestUs;
+    return bestUs;
 }
 
 int64_t TimeJumps::offsetUsAt(int64_t position) const {
+    int64_t latest = -1;
     int64_t offsetUs = 0;
-    for (const Jump& jump : mJumps) {
-        if (jump.position <= position) offsetUs = jump.offsetUs;
+    for (const auto& [stream, jumps] : mJumps) {
+        const auto next = jumps.upper_bound(position);
+        if (next == jumps.begin()) continue;
+        const auto& [jumpPosition, jumpUs] = *std::prev(next);
+        if (jumpPosition <= latest) continue;
+        latest = jumpPosition;
+        offsetUs = jumpUs;
     }
     return offsetUs;
 }

@@ -6,16 +6,16 @@
 
 #include <stdint.h>
 
-#include <vector>
+#include <map>
 
 namespace android {
 namespace qmmediaeditor {
 
 class TimeJumps {
 public:
-    // What to add to a track's times from byte `position` on, where its clock shows `timeUs` and
-    // `expectedUs` would follow from what came before.
-    int64_t offsetUs(int64_t position, int64_t timeUs, int64_t expectedUs);
+    // What to add to the times of stream `stream` from byte `position` on, where its clock shows
+    // `timeUs` and `expectedUs` would follow from what came before.
+    int64_t offsetUs(int stream, int64_t position, int64_t timeUs, int64_t expectedUs);
     // What is known of `position`, for a reader that comes there by a seek.
     int64_t offsetUsAt(int64_t position) const;
 
@@ -24,11 +24,10 @@ public:
     static bool isJump(int64_t stepUs, int64_t stepBytes);
 
 private:
-    struct Jump {
-        int64_t position;
-        int64_t offsetUs;
-    };
-    std::vector<Jump> mJumps;  // by position
+    // Offsets by position; for each stream those that its reader found first.
+    typedef std::map<int64_t, int64_t> Jumps;
+
+    std::map<int, Jumps> mJumps;
 };
 
 }  // namespace qmmediaeditor

@@ -21,8 +21,6 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr int64_t kMaxDimension = 16384;
-
 struct Size {
     int width;
     int height;
@@ -35,8 +33,9 @@ Size displaySize(AVFormatContext& context, AVStream& stream) {
     if (aspect.num <= 0 || aspect.den <= 0 || aspect.num == aspect.den) return coded;
     const int64_t halfWidth =
         av_rescale_rnd(coded.width, aspect.num, 2LL * aspect.den, AV_ROUND_NEAR_INF);
-    if (halfWidth < 1 || halfWidth * 2 > kMaxDimension) return coded;
-    return {static_cast<int>(halfWidth * 2), coded.height};
+    if (halfWidth < 1) return coded;
+    // Beyond the limit, any size will be refused.
+    return {static_cast<int>(std::min<int64_t>(halfWidth, INT32_MAX / 2) * 2), coded.height};
 }
 
 // Clockwise, in quarter turns: 0, 90, 180 or 270.

@@ -100,7 +100,8 @@ void TrackReader::noteClock() {
     if (!mHasClock) {
         mJumpUs = mTrack.jumps->offsetUsAt(mPacket->pos);
     } else if (TimeJumps::isJump(clockUs - mClockUs, mPacket->pos - mClockPosition)) {
-        mJumpUs = mTrack.jumps->offsetUs(mPacket->pos, clockUs, mClockEndUs + mJumpUs);
+        mJumpUs = mTrack.jumps->offsetUs(mTrack.streamIndex, mPacket->pos, clockUs,
+                                         mClockEndUs + mJumpUs);
     }
     mHasClock = true;
     mClockUs = clockUs;

@@ -86,7 +86,10 @@ void copyPicture(const AVFrame& from, const AVFrame& to) {
 }  // namespace
 
 VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads)
-    : mSession(std::move(session)), mThreads(codecThreads(threads)), mFrame(av_frame_alloc()) {}
+    : mSession(std::move(session)),
+      mThreads(codecThreads(threads)),
+      mFrame(av_frame_alloc()),
+      mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
 
 VideoDecoder::~VideoDecoder() {
     if (mUnconverted > 0) {
@@ -215,6 +218,8 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
                     return Step::kNeedsInput;
                 case PacketDecoder::Received::kFailed:
                     return Step::kFailed;
+                case PacketDecoder::Received::kRefused:
+                    return Step::kRefused;
                 case PacketDecoder::Received::kEnd:
                     mInside.clear();
                     if (mSession != nullptr && mSource != nullptr) {

@@ -4,7 +4,8 @@
 //   pread:7:EIO              the 7th call fails
 //   pread:7+:EIO             the 7th and every later call
 //   pread@65536-131072:EIO   every call that touches these offsets; the second one is excluded
-// The operations are those of kNames. Each includes its 64-bit form, and rename includes renameat2.
+// The operations are those of kNames. Each includes its 64-bit form, rename includes renameat2,
+// and malloc all functions that give memory.
 // A close that fails closes the descriptor all the same; any other call that fails does nothing.
 //
 // QM_FAULT_FILE restricts calls and counts to the descriptors whose link in /proc, and the names
@@ -21,6 +22,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -36,8 +38,23 @@
 
 namespace {
 
-enum Operation { kPread, kPwrite, kFsync, kClose, kRename, kLinkat, kFtruncate, kOperations };
-const char* const kNames[] = {"pread", "pwrite", "fsync", "close", "rename", "linkat", "ftruncate"};
+enum Operation {
+    kPread,
+    kPwrite,
+    kFsync,
+    kClose,
+    kRename,
+    kLinkat,
+    kFtruncate,
+    kMalloc,
+    kMmap,
+    kPthreadCreate,
+    kOperations
+};
+const char* const kNames[] = {"pread",  "pwrite",    "fsync",  "close", "rename",
+                              "linkat", "ftruncate", "malloc", "mmap",  "pthread_create"};
+// The library's own calls do not count.
+thread_local bool tInside = false;
 
 // From `first` to before `end`: numbers of calls, which begin at 1, or offsets.
 struct Fault {
@@ -115,13 +132,14 @@ bool isChosen(const char* path) {
 
 bool isChosen(int fd) {
     char path[PATH_MAX] = "";
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    return readlink(link.c_str(), path, sizeof(path) - 1) >= 0 && isChosen(path);
+    char link[32];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    return readlink(link, path, sizeof(path) - 1) >= 0 && isChosen(path);
 }
 
 // Counts a call. False, with errno set, when it is to fail.
 bool passes(Operation operation, bool chosen, long long offset = 0, size_t size = 0) {
-    if (gCounts == nullptr || !gCounts->counting || !chosen) return true;
+    if (gCounts == nullptr || !gCounts->counting || !chosen || tInside) return true;
     const long long number = ++gCounts->calls[operation];
     for (const Fault& fault : *gFaults) {
         const long long begin = fault.byOffset ? offset : number;
@@ -141,8 +159,15 @@ bool passes(Operation operation, bool chosen, long long offset = 0, size_t size 
 
 }  // namespace
 
+static void* find(const char* name) {
+    tInside = true;
+    void* const function = dlsym(RTLD_NEXT, name);
+    tInside = false;
+    return function;
+}
+
 // The function that this one stands in for.
-#define REAL(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+#define REAL(function) reinterpret_cast<decltype(&function)>(find(#function))
 
 #define TRANSFER(function, operation, Buffer, Offset)                   \
     ssize_t function(int fd, Buffer data, size_t size, Offset offset) { \
@@ -188,6 +213,49 @@ int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned
 int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
     if (!passes(kLinkat, isChosen(from) || isChosen(to))) return -1;
     return REAL(linkat)(fromDir, from, toDir, to, flags);
+}
+
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+
+// Not by dlsym(), which takes memory itself.
+void* malloc(size_t size) { return passes(kMalloc, true) ? __libc_malloc(size) : nullptr; }
+
+void* calloc(size_t count, size_t size) {
+    return passes(kMalloc, true) ? __libc_calloc(count, size) : nullptr;
+}
+
+void* realloc(void* memory, size_t size) {
+    return passes(kMalloc, true) ? __libc_realloc(memory, size) : nullptr;
+}
+
+void* memalign(size_t alignment, size_t size) {
+    return passes(kMalloc, true) ? __libc_memalign(alignment, size) : nullptr;
+}
+
+void* aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
+
+int posix_memalign(void** memory, size_t alignment, size_t size) {
+    *memory = memalign(alignment, size);
+    return *memory == nullptr ? ENOMEM : 0;
+}
+
+void* mmap64(void* address, size_t size, int protection, int flags, int fd,
+             off64_t offset) noexcept {
+    if (!passes(kMmap, true)) return MAP_FAILED;
+    return REAL(mmap64)(address, size, protection, flags, fd, offset);
+}
+
+void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+    return mmap64(address, size, protection, flags, fd, offset);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                   void* argument) noexcept {
+    if (!passes(kPthreadCreate, true)) return errno;
+    return REAL(pthread_create)(thread, attributes, run, argument);
 }
 
 using Main = int (*)(int, char**, char**);

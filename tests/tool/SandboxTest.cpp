@@ -19,7 +19,7 @@ namespace {
 int inSandbox(const std::function<int()>& attempt) {
     const pid_t child = fork();
     if (child == 0) {
-        enterSandbox();
+        if (!enterSandbox()) _exit(255);
         _exit(attempt());
     }
     int status = 0;

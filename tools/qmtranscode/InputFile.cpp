@@ -67,6 +67,9 @@ std::optional<Failure> InputFile::checkReads(const RunFacts& facts) const {
             return Failure{kExitFailed, mPath, strerror(read->error) + place};
         return Failure{kExitFailed, mPath, "it became shorter while it was read; it ended" + place};
     }
+    if (const std::optional<std::string> reason = facts.refusal()) {
+        return Failure{kExitUnusable, mPath, *reason};
+    }
     struct stat now {};
     if (fstat(mFd, &now) != 0) return Failure{kExitFailed, mPath, strerror(errno)};
     const bool grew = now.st_size > mStatus.st_size;

@@ -20,8 +20,8 @@ public:
     std::optional<Failure> open(const std::string& path);
     // Finds out what can be decoded.
     std::optional<Failure> probe(const RunFacts& facts);
-    // A failure when the file could not be read, has become shorter, or was changed since `open`. A
-    // recording may grow.
+    // A failure when the file could not be read, has become shorter, exceeds a limit, or was
+    // changed since `open`. A recording may grow.
     std::optional<Failure> checkReads(const RunFacts& facts) const;
 
     int fd() const { return mFd; }

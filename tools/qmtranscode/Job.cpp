@@ -14,6 +14,7 @@
 namespace android::qmmediaeditor::cli {
 
 Outcome Job::run() {
+    limitAllocations();
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
     // The session closes it.

@@ -14,6 +14,11 @@ void RunFacts::onWriteError(int error) {
     if (!mWriteError) mWriteError = error;
 }
 
+void RunFacts::onRefused(const std::string& reason) {
+    Mutex::Autolock lock(mLock);
+    if (!mRefusal) mRefusal = reason;
+}
+
 void RunFacts::onFirstSample() {
     Mutex::Autolock lock(mLock);
     if (mFirstSample) mFirstSample();
@@ -38,6 +43,11 @@ void RunFacts::onVideoEnd(int64_t timeUs) {
 std::optional<ReadError> RunFacts::readError() const {
     Mutex::Autolock lock(mLock);
     return mReadError;
+}
+
+std::optional<std::string> RunFacts::refusal() const {
+    Mutex::Autolock lock(mLock);
+    return mRefusal;
 }
 
 std::optional<int> RunFacts::writeError() const {

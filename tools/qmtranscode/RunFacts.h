@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
@@ -22,6 +23,7 @@ class RunFacts : public HostObserver {
 public:
     void onReadError(int error, int64_t offsetBytes) override;
     void onWriteError(int error) override;
+    void onRefused(const std::string& reason) override;
     void onFirstSample() override;
     void onFrameEncoded(int64_t timeUs) override;
     void onAudioEncoded(int64_t samples, int sampleRate) override;
@@ -29,6 +31,8 @@ public:
 
     // The first one since the command began.
     std::optional<ReadError> readError() const;
+    // Why the input was refused; the first reason since the command began.
+    std::optional<std::string> refusal() const;
     // errno of the first write error since begin().
     std::optional<int> writeError() const;
 
@@ -47,6 +51,7 @@ private:
     mutable Mutex mLock;
     std::function<void()> mFirstSample GUARDED_BY(mLock);
     std::optional<ReadError> mReadError GUARDED_BY(mLock);
+    std::optional<std::string> mRefusal GUARDED_BY(mLock);
     std::optional<int> mWriteError GUARDED_BY(mLock);
     std::vector<int64_t> mFramesUs GUARDED_BY(mLock);
     int64_t mAudioSamples GUARDED_BY(mLock) = 0;

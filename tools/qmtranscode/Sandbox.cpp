@@ -182,38 +182,45 @@ constexpr int kAllowed[] = {
     SCMP_SYS(writev),
 };
 
-void restrictCalls() {
+// False when memory is short.
+bool restrictCalls() {
     const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ERRNO(EPERM));
-    if (filter == nullptr) return;
-    // On some machines a call of the list does not exist.
-    for (const int call : kAllowed) seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0);
+    if (filter == nullptr) return false;
+    // Other errors than this one mean that a call of the list does not exist on this machine.
+    bool hasMemory = true;
+    const auto check = [&hasMemory](int result) { hasMemory = hasMemory && result != -ENOMEM; };
+    for (const int call : kAllowed) check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0));
     // The C library falls back to clone, whose flags can be seen: threads, no processes.
-    seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0);
+    check(seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0));
     constexpr uint64_t kThread = 0x00010000;
-    seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(clone), 1,
-                     SCMP_A0(SCMP_CMP_MASKED_EQ, kThread, kThread));
+    check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(clone), 1,
+                           SCMP_A0(SCMP_CMP_MASKED_EQ, kThread, kThread)));
     for (const int call : {SCMP_SYS(tgkill), SCMP_SYS(kill)}) {
-        seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 1,
-                         SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid())));
+        check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 1,
+                               SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid()))));
     }
     // Libraries are opened for reading.
-    seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(openat), 1,
-                     SCMP_A2(SCMP_CMP_MASKED_EQ, O_ACCMODE | O_CREAT | O_TRUNC, O_RDONLY));
-    seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(open), 1,
-                     SCMP_A1(SCMP_CMP_MASKED_EQ, O_ACCMODE | O_CREAT | O_TRUNC, O_RDONLY));
-    seccomp_load(filter);
+    constexpr uint64_t kChanges = O_ACCMODE | O_CREAT | O_TRUNC;
+    check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(openat), 1,
+                           SCMP_A2(SCMP_CMP_MASKED_EQ, kChanges, O_RDONLY)));
+    check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(open), 1,
+                           SCMP_A1(SCMP_CMP_MASKED_EQ, kChanges, O_RDONLY)));
+    if (hasMemory) check(seccomp_load(filter));
     seccomp_release(filter);
+    return hasMemory;
 }
 #endif
 
 }  // namespace
 
-void enterSandbox() {
+bool enterSandbox() {
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     restrictFiles();
     dropCapabilities();
-#ifndef QM_SANITIZED
-    restrictCalls();
+#ifdef QM_SANITIZED
+    return true;
+#else
+    return restrictCalls();
 #endif
 }
 

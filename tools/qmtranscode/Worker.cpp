@@ -8,6 +8,7 @@
 #include <qmtranscode/Worker.h>
 #include <qmtranscode/WorkerControl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <new>
 
 namespace android::qmmediaeditor::cli {
 
@@ -45,12 +47,18 @@ void ignoreSignals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-void endOnFailedCheck(const std::string& text) {
+// Without memory of its own: there may be none.
+[[noreturn]] void endWith(const char* reason, const char* more = "") {
     WorkerResult result;
     result.status = kExitFailed;
-    sendResult(result, "internal check failed: " + text);
+    char payload[sizeof(result) + 512];
+    memcpy(payload, &result, sizeof(result));
+    snprintf(payload + sizeof(result), sizeof(payload) - sizeof(result), "%s%s", reason, more);
+    gLink->send(Message::kResult, {payload, sizeof(result) + strlen(payload + sizeof(result))});
     _exit(kExitFailed);
 }
+
+void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text.c_str()); }
 
 Outcome runJob(const Options& options, int threads, JobFiles* files, const Link& link) {
     // These live as long as the process: the host's threads log until its very end.
@@ -68,7 +76,7 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Link&
 }  // namespace
 
 void runWorker(const Options& options, JobFiles* files, const Link& link, SharedState* shared,
-               int libraryOutput, pid_t parent) {
+               int libraryOutput, pid_t parent) noexcept {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kExitFailed);
     gLink = &link;
@@ -81,8 +89,13 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     // The log's times need it, and it reads a file.
     tzset();
     const int threads = options.threads.value_or(defaultThreads());
-    enterSandbox();
-    const Outcome outcome = runJob(options, threads, files, link);
+    if (!enterSandbox()) endWith("not enough memory");
+    Outcome outcome;
+    try {
+        outcome = runJob(options, threads, files, link);
+    } catch (const std::bad_alloc&) {
+        endWith("not enough memory");
+    }
     WorkerResult result;
     result.status = outcome.failure ? outcome.failure->status : kExitWhole;
     result.keepOutput = outcome.keepOutput;

@@ -12,6 +12,6 @@ namespace android::qmmediaeditor::cli {
 // In a process of its own, forked from `parent` while that had no other thread. What libraries
 // print goes to `libraryOutput`.
 [[noreturn]] void runWorker(const Options& options, JobFiles* files, const Link& link,
-                            SharedState* shared, int libraryOutput, pid_t parent);
+                            SharedState* shared, int libraryOutput, pid_t parent) noexcept;
 
 }  // namespace android::qmmediaeditor::cli

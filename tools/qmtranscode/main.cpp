@@ -38,9 +38,7 @@ cli::SharedState* makeSharedState() {
     return memory == MAP_FAILED ? nullptr : new (memory) cli::SharedState;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     openClosedStreams();
     // A closed pipe and a file that grew too large are results of a write, not reasons to die with
     // a temporary file left behind.
@@ -85,4 +83,17 @@ int main(int argc, char** argv) {
     job.mayKeepPartial = options.keepPartial && !files.output.replaces();
     if (options.json) job.lastWords = cli::emptyReceipt(options.input, options.output);
     return cli::Supervisor(job, worker, link, shared).run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        constexpr char kLine[] = "qmtranscode: not enough memory\n";
+        const ssize_t written = write(STDERR_FILENO, kLine, sizeof(kLine) - 1);
+        static_cast<void>(written);
+        return cli::kExitFailed;
+    }
 }

@@ -1,0 +1,65 @@
+// How much silence may be made up, with and without video.
+#include <gtest/gtest.h>
+
+#include "host/media/DecodeOrder.h"
+#include "host/media/SilenceBudget.h"
+
+namespace android {
+namespace qmmediaeditor {
+namespace {
+
+constexpr int64_t kMinuteUs = INT64_C(60000000);
+constexpr int64_t kNoVideo = INT64_MIN;
+
+TEST(SilenceBudgetTest, aGapIsLimited_alsoInPieces_untilAudioComes) {
+    SilenceBudget budget;
+    budget.addAudio(100 * kMinuteUs);
+    EXPECT_FALSE(budget.addSilence(0, 10 * kMinuteUs, kNoVideo));
+    EXPECT_TRUE(budget.addSilence(10 * kMinuteUs, 10 * kMinuteUs + 1, kNoVideo));
+    budget.addAudio(1);
+    EXPECT_FALSE(budget.addSilence(20 * kMinuteUs, 30 * kMinuteUs, kNoVideo));
+    budget.beginTimeLine();
+    EXPECT_FALSE(budget.addSilence(5 * kMinuteUs, 15 * kMinuteUs, kNoVideo));
+    EXPECT_TRUE(budget.addSilence(INT64_MIN / 4, INT64_MAX / 4, kNoVideo));
+}
+
+TEST(SilenceBudgetTest, allGapsTogetherAreLimitedByTheAudioThatThereIs) {
+    SilenceBudget budget;
+    for (int64_t i = 0; i < 4; ++i) {
+        budget.addAudio(kMinuteUs);
+        EXPECT_FALSE(budget.addSilence(10 * i * kMinuteUs, (10 * i + 4) * kMinuteUs, kNoVideo));
+    }
+    // 16 of 18 minutes.
+    budget.addAudio(0);
+    const auto reason = budget.addSilence(50 * kMinuteUs, 53 * kMinuteUs, kNoVideo);
+    ASSERT_TRUE(reason);
+    EXPECT_NE(std::string::npos, reason->find("1140 s")) << *reason;
+    EXPECT_NE(std::string::npos, reason->find("1080 s")) << *reason;
+}
+
+TEST(SilenceBudgetTest, silenceIsFreeWhileVideoContinues_andAGapBeginsWhereItEnds) {
+    SilenceBudget budget;
+    int64_t timeUs = 0;
+    for (; timeUs < 600 * kMinuteUs; timeUs += kMinuteUs) {
+        ASSERT_FALSE(budget.addSilence(timeUs, timeUs + kMinuteUs, timeUs)) << timeUs;
+    }
+    EXPECT_FALSE(budget.addSilence(timeUs, timeUs + 10 * kMinuteUs, timeUs));
+    EXPECT_TRUE(budget.addSilence(timeUs + 10 * kMinuteUs, timeUs + 11 * kMinuteUs, timeUs));
+}
+
+TEST(SilenceBudgetTest, videoContinuesBetweenFramesThatAreAtMostAMinuteApart) {
+    const sp<DecodeOrder> order = new DecodeOrder;
+    order->beginTimeLine(0);
+    EXPECT_EQ(kNoVideo, order->videoBefore(5));
+    for (const int64_t minute : {1, 2, 3, 8, 9}) order->addVideo(minute * kMinuteUs);
+    EXPECT_EQ(kNoVideo, order->videoBefore(kMinuteUs - 1));
+    EXPECT_EQ(kMinuteUs + 7, order->videoBefore(kMinuteUs + 7));
+    EXPECT_EQ(3 * kMinuteUs, order->videoBefore(7 * kMinuteUs));
+    EXPECT_EQ(9 * kMinuteUs, order->videoBefore(90 * kMinuteUs));
+    order->beginTimeLine(0);
+    EXPECT_EQ(kNoVideo, order->videoBefore(90 * kMinuteUs));
+}
+
+}  // namespace
+}  // namespace qmmediaeditor
+}  // namespace android
