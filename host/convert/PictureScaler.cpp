@@ -2,8 +2,10 @@
 
 #include <android/log.h>
 #include <libyuv/planar_functions.h>
+#include <utils/Mutex.h>
 
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "host/convert/PictureGraph.h"
@@ -12,6 +14,9 @@ namespace android {
 namespace qmmediaeditor {
 
 namespace {
+
+Mutex gUnfilledLock;
+std::set<const unsigned char*> gUnfilled GUARDED_BY(gUnfilledLock);
 
 constexpr char kLogTag[] = "PictureScaler";
 
@@ -141,9 +146,7 @@ void copyPlanes(const Size& size, const PicturePlanes& from, const PicturePlanes
     }
 }
 
-}  // namespace
-
-void scalePicture(const ScaleRequest& request) {
+bool scaleInto(const ScaleRequest& request) {
     if (!makesSense(request)) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "cannot scale %dx%d (stride %d, %d rows, format %d) to %dx%d "
@@ -151,7 +154,7 @@ void scalePicture(const ScaleRequest& request) {
                             request.srcWidth, request.srcHeight, request.srcStride,
                             request.srcSliceHeight, request.srcColorFormat, request.dstWidth,
                             request.dstHeight, request.dstColorFormat);
-        return;
+        return false;
     }
     thread_local PlaneScaler scaler;
     thread_local std::vector<uint8_t> sourceChroma;
@@ -164,7 +167,7 @@ void scalePicture(const ScaleRequest& request) {
     if (from == to) {
         copyPlanes(from, source, target);
     } else if (!scaler.scale(from, source, to, target)) {
-        return;
+        return false;
     }
     if (request.dstColorFormat == kSemiPlanar) {
         const Size chroma = to.chroma();
@@ -172,6 +175,20 @@ void scalePicture(const ScaleRequest& request) {
                              request.dst + to.pixels(), chroma.width * 2, chroma.width,
                              chroma.height);
     }
+    return true;
+}
+
+}  // namespace
+
+void scalePicture(const ScaleRequest& request) {
+    if (scaleInto(request)) return;
+    Mutex::Autolock lock(gUnfilledLock);
+    gUnfilled.insert(request.dst);
+}
+
+bool takeUnfilled(const unsigned char* frame) {
+    Mutex::Autolock lock(gUnfilledLock);
+    return gUnfilled.erase(frame) > 0;
 }
 
 }  // namespace qmmediaeditor

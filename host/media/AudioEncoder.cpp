@@ -127,7 +127,7 @@ status_t AudioEncoder::openEncoder() {
     AVDictionary* options = nullptr;
     if (mEncoder.context()->codec_id == AV_CODEC_ID_AAC) {
         // Noise substitution takes tones for noise at low rates, and weakens them.
-        av_dict_set(&options, "aac_pns", "0", 0);
+        if (av_dict_set(&options, "aac_pns", "0", 0) < 0) return NO_MEMORY;
     }
     return mEncoder.open(options);
 }

@@ -152,8 +152,12 @@ status_t Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
     context->max_streams = kMaxOpenedStreams;
     context->format_probesize = static_cast<int>(probeSizeBytes(*file));
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "format_whitelist", demuxerNames().c_str(), 0);
-    av_dict_set(&options, "codec_whitelist", decoderNames().c_str(), 0);
+    if (av_dict_set(&options, "format_whitelist", demuxerNames().c_str(), 0) < 0 ||
+        av_dict_set(&options, "codec_whitelist", decoderNames().c_str(), 0) < 0) {
+        av_dict_free(&options);
+        avformat_free_context(context);
+        return NO_MEMORY;
+    }
     // Frees the context when it fails.
     const int result = avformat_open_input(&context, "", nullptr, &options);
     av_dict_free(&options);

@@ -3,8 +3,8 @@
 
 #include "host/Host.h"
 #include "host/convert/AudioConverter.h"
-#include "host/foundation/CpuCount.h"
 #include "host/convert/PictureScaler.h"
+#include "host/foundation/CpuCount.h"
 #include "host/media/AudioDecoder.h"
 #include "host/media/AudioEncoder.h"
 #include "host/media/CodecTypes.h"

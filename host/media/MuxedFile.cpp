@@ -197,9 +197,13 @@ status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieB
         if (result != OK) return result;
     }
     AVDictionary* options = nullptr;
-    av_dict_set_int(&options, "video_track_timescale", kVideoTicksPerSecond, 0);
-    av_dict_set_int(&options, "movie_timescale", kVideoTicksPerSecond, 0);
-    if (movieBoxFirst && mOutput->isReadable()) av_dict_set(&options, "movflags", "+faststart", 0);
+    const bool isFirst = movieBoxFirst && mOutput->isReadable();
+    if (av_dict_set_int(&options, "video_track_timescale", kVideoTicksPerSecond, 0) < 0 ||
+        av_dict_set_int(&options, "movie_timescale", kVideoTicksPerSecond, 0) < 0 ||
+        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
+        av_dict_free(&options);
+        return NO_MEMORY;
+    }
     const int result = avformat_write_header(context, &options);
     av_dict_free(&options);
     // A full disc is no reason to refuse the tracks: the first sample reports it.

@@ -278,7 +278,8 @@ bool VideoDecoder::workingPicture(sp<ABuffer>* buffer) {
     if (asItIs) {
         copyPicture(*mFrame, *picture);
     } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
-        return true;
+        // An unknown pixel format is passed over; short memory is a failure.
+        return !PictureConverter::canConvert(mFrame->format);
     }
     *buffer = pool->wrap(picture.get());
     return *buffer != nullptr;

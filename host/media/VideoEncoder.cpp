@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/convert/PictureScaler.h"
 #include "host/foundation/CpuCount.h"
 #include "host/media/AvcSettings.h"
 
@@ -142,7 +143,10 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     setParameters(wanted);
     AVDictionary* options = nullptr;
     if (mEncoder.context()->codec_id == AV_CODEC_ID_H264) {
-        setAvcOptions(wanted, &options);
+        if (!setAvcOptions(wanted, &options)) {
+            av_dict_free(&options);
+            return NO_MEMORY;
+        }
     } else if (mEncoder.context()->codec_id == AV_CODEC_ID_VP8) {
         av_dict_set(&options, "deadline", "realtime", 0);
         av_dict_set(&options, "cpu-used", "5", 0);
@@ -201,12 +205,12 @@ void VideoEncoder::setParameters(const Wanted& wanted) {
     }
 }
 
-void VideoEncoder::setAvcOptions(const Wanted& wanted, AVDictionary** options) const {
-    av_dict_set(options, "preset", mAvcPreset.c_str(), 0);
+bool VideoEncoder::setAvcOptions(const Wanted& wanted, AVDictionary** options) const {
+    bool set = av_dict_set(options, "preset", mAvcPreset.c_str(), 0) >= 0;
     // A key frame that is asked for is one to seek to.
-    av_dict_set(options, "forced-idr", "1", 0);
+    set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
     const char* profile = avcProfileName(wanted.profileBit);
-    if (profile != nullptr) av_dict_set(options, "profile", profile, 0);
+    if (profile != nullptr) set = set && av_dict_set(options, "profile", profile, 0) >= 0;
     AvcDemand demand;
     demand.width = wanted.width;
     demand.height = wanted.height;
@@ -216,6 +220,7 @@ void VideoEncoder::setAvcOptions(const Wanted& wanted, AVDictionary** options) c
     if (const int level = avcLevelFor(wanted.levelBit, demand); level != 0) {
         mEncoder.context()->level = level;
     }
+    return set;
 }
 
 // libavcodec wants times to rise; inputs that repeat one or go back a little are moved to the next
@@ -249,6 +254,10 @@ bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
 }
 
 status_t VideoEncoder::accept(CodecInput input) {
+    if (takeUnfilled(input.data)) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "a frame could not be scaled");
+        return NO_MEMORY;
+    }
     // The size that the caller computes drops the half samples of an odd picture; the buffer has
     // them.
     const size_t leastBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) * 3 / 2;

@@ -42,7 +42,8 @@ private:
     };
 
     void setParameters(const Wanted& wanted);
-    void setAvcOptions(const Wanted& wanted, AVDictionary** options) const;
+    // False when memory is short.
+    bool setAvcOptions(const Wanted& wanted, AVDictionary** options) const;
     Stamp stampOf(int64_t timeUs);
     int64_t timeOf(int64_t pts);
     bool isKeyFrameDue(int64_t timeUs);

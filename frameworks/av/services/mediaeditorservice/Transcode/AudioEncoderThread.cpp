@@ -283,10 +283,14 @@ TAudioSource::MediaEncoderThread::Next TAudioSource::MediaEncoderThread::forward
 
     const bool last = (output->mFlags & kFlagEOS) != 0;
     if (!last) {
-        mSource->pushEncodedBuffer(output);
+        if (mSource->pushEncodedBuffer(output) == BAD_VALUE) {
+            EncoderThreadControl::reportFailure(*this);
+        }
     } else if (output->mSize != 0 && output->mTimeUs >= 1) {
         QM_LOGD(kTag, "frame with eos");
-        mSource->pushEncodedBuffer(output);
+        if (mSource->pushEncodedBuffer(output) == BAD_VALUE) {
+            EncoderThreadControl::reportFailure(*this);
+        }
     }
     const status_t err = codec->releaseOutputBuffer(output->mIndex);
     if (err != OK) {

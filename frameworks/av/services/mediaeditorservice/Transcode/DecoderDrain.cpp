@@ -72,9 +72,10 @@ status_t Transcode::handleDecodedFrame(Track& track, TDecodedSample* sample,
     ++state->mDecodedFrameCount;
     state->mDecodedByteCount += sample->mSize;
     sample->mBuffer = kChecks.bufferAt(state->mOutBuffers, sample->mIndex);
+    status_t result = OK;
     if (list != nullptr) {
         list->push_back(*sample);
-        copyDecodedBufferNEncoder(track, list);
+        result = copyDecodedBufferNEncoder(track, list);
     }
     if (last) {
         QM_LOGD(kTag, "[%s] reached EOS on output", kindOf(state->mIsAudio));
@@ -82,7 +83,7 @@ status_t Transcode::handleDecodedFrame(Track& track, TDecodedSample* sample,
     }
     const status_t err = state->mCodec->releaseOutputBuffer(sample->mIndex);
     kChecks.areEqual(1329, "err,(status_t)OK", err, OK);
-    return OK;
+    return result;
 }
 
 status_t Transcode::handleFormatChange(CodecState* state) {
@@ -124,14 +125,17 @@ status_t Transcode::copyDecodedBufferNEncoder(Track& track, List<TDecodedSample>
     TDecodedSample copy = *list->begin();
     const bool isAudio = track.mCodecStatus->mIsAudio;
     QM_LOGV(kTag, "Decoded frame size : %zu, [%s]", copy.mSize, kindOf(isAudio));
+    status_t err;
     if (isAudio) {
-        mAudioSource->pushDecodedBuffer(copy, false);
+        err = mAudioSource->pushDecodedBuffer(copy, false);
     } else {
         mPeriodChanged = false;
         copy.mColorFormat = mVideoAttribute.mDecoderColorFormat;
-        mVideoSource->pushDecodedBuffer(copy, false);
+        err = mVideoSource->pushDecodedBuffer(copy, false);
     }
     list->erase(list->begin());
+    // A sample that could not be copied would be missing in a file that looks whole.
+    if (err == BAD_VALUE) return kEncoderError;
     return OK;
 }
 

@@ -198,7 +198,9 @@ bool TVideoSource::MediaEncoderThread::forwardOutput(const sp<MediaCodec>& codec
     const bool last = (output->mFlags & kFlagEOS) != 0;
     if (!last) {
         output->mSpare2 = kDurationFromFrameRate;
-        mSource->pushEncodedBuffer(output);
+        if (mSource->pushEncodedBuffer(output) == BAD_VALUE) {
+            EncoderThreadControl::reportFailure(*this);
+        }
     }
     codec->releaseOutputBuffer(output->mIndex);
     if (!last) return false;
