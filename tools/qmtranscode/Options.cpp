@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <host/media/Limits.h>
 #include <log/logprint.h>
 #include <qmtranscode/CodecLimits.h>
 #include <qmtranscode/Console.h>
@@ -19,7 +20,6 @@ namespace android::qmmediaeditor::cli {
 namespace {
 
 constexpr int32_t kSmallestSide = 2;
-constexpr int32_t kLargestSide = 8192;
 constexpr int32_t kMaxThreads = 64;
 
 template <typename T>
@@ -142,9 +142,14 @@ private:
             refuse(subject, "expected WIDTHxHEIGHT, such as 1280x720");
             return;
         }
-        if (size.width < kSmallestSide || size.height < kSmallestSide ||
-            size.width > kLargestSide || size.height > kLargestSide) {
-            refuse(subject, "width and height have to be from 2 to 8192");
+        if (size.width < kSmallestSide || size.height < kSmallestSide || size.width > kMaxSide ||
+            size.height > kMaxSide) {
+            refuse(subject, "width and height have to be from 2 to " + std::to_string(kMaxSide));
+            return;
+        }
+        // The output is read again.
+        if (int64_t{size.width} * size.height > kMaxPixels) {
+            refuse(subject, "a frame has at most " + std::to_string(kMaxPixels) + " pixels");
             return;
         }
         if (size.width % 2 != 0 || size.height % 2 != 0) {
