@@ -149,6 +149,19 @@ TEST_F(DecoderDrainTest, aPeriodThatLiesBeforeTheFinishedOneAsksForASeek) {
     EXPECT_FALSE(session().mNeedtoSeek);
 }
 
+TEST_F(DecoderDrainTest, aReaderThatTakesTheSeekAtOnceSeesTheNewPeriod) {
+    setPeriods({{500, 700}, {600, 800}});
+    session().verifyTrimInfo();
+    session().createExtractor(session().mFileAttribute);
+    mJournal.on("Transcode: mNeedtoSeek : true, mSeekTime: 600",
+                [this] { session().seekIfNeeded(); });
+    TDecodedSample sample;
+    sample.mPresentationTimeUs = 700;
+    session().adjustPresentationTimeUs(&sample);
+    EXPECT_EQ((std::vector<std::string>{"extractor seekTo 600 mode 0"}),
+              mJournal.linesOf("extractor seekTo"));
+}
+
 TEST_F(DecoderDrainTest, periodsAtTheEndsOfTheRangeStayThere) {
     setPeriods({{INT64_MIN, INT64_MAX}, {0, INT64_MAX}});
     session().verifyTrimInfo();
