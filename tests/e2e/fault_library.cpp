@@ -1,0 +1,208 @@
+// To be preloaded: makes calls for files fail.
+//
+// QM_FAULT is a list of faults, separated by commas:
+//   pread:7:EIO              the 7th call fails
+//   pread:7+:EIO             the 7th and every later call
+//   pread@65536-131072:EIO   every call that touches these offsets; the second one is excluded
+// The operations are those of kNames. Each includes its 64-bit form, and rename includes renameat2.
+// A close that fails closes the descriptor all the same; any other call that fails does nothing.
+//
+// QM_FAULT_FILE restricts calls and counts to the descriptors whose link in /proc, and the names
+// for rename and linkat, which contain that text.
+//
+// QM_FAULT_COUNT names a file that is written at exit: "OPERATION CALLS FAILED" for each operation,
+// and "first OFFSET SIZE" of the first pread or pwrite that failed.
+//
+// Calls count from main() on, those of forked children included.
+
+// Both names of a call are to be replaced, and this would make them one.
+#undef _FILE_OFFSET_BITS
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+enum Operation { kPread, kPwrite, kFsync, kClose, kRename, kLinkat, kFtruncate, kOperations };
+const char* const kNames[] = {"pread", "pwrite", "fsync", "close", "rename", "linkat", "ftruncate"};
+
+// From `first` to before `end`: numbers of calls, which begin at 1, or offsets.
+struct Fault {
+    std::string operation;
+    bool byOffset;
+    long long first, end;
+    int error;
+};
+
+// In memory that forked processes share.
+struct Counts {
+    std::atomic<bool> counting, hasFirst;
+    std::atomic<long long> calls[kOperations], failed[kOperations], firstOffset, firstSize;
+};
+
+const pid_t gProcess = getpid();
+Counts* gCounts = nullptr;
+std::vector<Fault>* gFaults = nullptr;
+
+// What a fault says must be known: a test whose fault never strikes proves nothing.
+[[noreturn]] void refuse(const std::string& text) {
+    fprintf(stderr, "QM_FAULT cannot be parsed: %s\n", text.c_str());
+    abort();
+}
+
+int errorOf(const std::string& name) {
+    for (int error = 1; error < 200; ++error) {
+        if (name == (strerrorname_np(error) ?: "")) return error;
+    }
+    refuse(name);
+}
+
+__attribute__((constructor)) void setUp() {
+    void* memory =
+        mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) abort();
+    gCounts = static_cast<Counts*>(memory);
+    gFaults = new std::vector<Fault>;
+    const std::regex syntax("(\\w+)(:(\\d+)(\\+?)|@(\\d+)-(\\d+)):(\\w+),?");
+    std::string text = getenv("QM_FAULT") ?: "";
+    for (std::smatch m; !text.empty(); text = m.suffix()) {
+        if (!std::regex_search(text, m, syntax, std::regex_constants::match_continuous) ||
+            std::find(std::begin(kNames), std::end(kNames), m[1]) == std::end(kNames)) {
+            refuse(text);
+        }
+        const bool byOffset = m[5].matched;
+        const long long first = std::stoll(byOffset ? m[5] : m[3]);
+        const long long end = byOffset            ? std::stoll(m[6])
+                              : m[4].length() > 0 ? LLONG_MAX
+                                                  : first + 1;
+        gFaults->push_back({m[1], byOffset, first, end, errorOf(m[7])});
+    }
+}
+
+__attribute__((destructor)) void report() {
+    const char* path = getenv("QM_FAULT_COUNT");
+    // A forked child may not be allowed to write files.
+    if (path == nullptr || getpid() != gProcess) return;
+    gCounts->counting = false;
+    FILE* file = fopen(path, "w");
+    if (file == nullptr) abort();
+    for (int i = 0; i < kOperations; ++i) {
+        fprintf(file, "%s %lld %lld\n", kNames[i], +gCounts->calls[i], +gCounts->failed[i]);
+    }
+    if (gCounts->hasFirst) {
+        fprintf(file, "first %lld %lld\n", +gCounts->firstOffset, +gCounts->firstSize);
+    }
+    fclose(file);
+}
+
+bool isChosen(const char* path) {
+    const char* text = getenv("QM_FAULT_FILE");
+    return text == nullptr || strstr(path, text) != nullptr;
+}
+
+bool isChosen(int fd) {
+    char path[PATH_MAX] = "";
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    return readlink(link.c_str(), path, sizeof(path) - 1) >= 0 && isChosen(path);
+}
+
+// Counts a call. False, with errno set, when it is to fail.
+bool passes(Operation operation, bool chosen, long long offset = 0, size_t size = 0) {
+    if (gCounts == nullptr || !gCounts->counting || !chosen) return true;
+    const long long number = ++gCounts->calls[operation];
+    for (const Fault& fault : *gFaults) {
+        const long long begin = fault.byOffset ? offset : number;
+        const long long end = fault.byOffset ? offset + static_cast<long long>(size) : number + 1;
+        if (fault.operation != kNames[operation] || begin >= fault.end || end <= fault.first)
+            continue;
+        ++gCounts->failed[operation];
+        if (size > 0 && !gCounts->hasFirst.exchange(true)) {
+            gCounts->firstOffset = offset;
+            gCounts->firstSize = static_cast<long long>(size);
+        }
+        errno = fault.error;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// The function that this one stands in for.
+#define REAL(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+
+#define TRANSFER(function, operation, Buffer, Offset)                   \
+    ssize_t function(int fd, Buffer data, size_t size, Offset offset) { \
+        if (!passes(operation, isChosen(fd), offset, size)) return -1;  \
+        return REAL(function)(fd, data, size, offset);                  \
+    }
+
+extern "C" {
+
+TRANSFER(pread, kPread, void*, off_t)
+TRANSFER(pread64, kPread, void*, off64_t)
+TRANSFER(pwrite, kPwrite, const void*, off_t)
+TRANSFER(pwrite64, kPwrite, const void*, off64_t)
+
+int fsync(int fd) { return passes(kFsync, isChosen(fd)) ? REAL(fsync)(fd) : -1; }
+
+int close(int fd) {
+    const bool passed = passes(kClose, isChosen(fd));
+    const int error = errno;
+    const int result = REAL(close)(fd);
+    if (passed) return result;
+    errno = error;
+    return -1;
+}
+
+int ftruncate(int fd, off_t size) noexcept {
+    return passes(kFtruncate, isChosen(fd)) ? REAL(ftruncate)(fd, size) : -1;
+}
+
+int ftruncate64(int fd, off64_t size) noexcept {
+    return passes(kFtruncate, isChosen(fd)) ? REAL(ftruncate64)(fd, size) : -1;
+}
+
+int rename(const char* from, const char* to) noexcept {
+    return passes(kRename, isChosen(from) || isChosen(to)) ? REAL(rename)(from, to) : -1;
+}
+
+int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) noexcept {
+    if (!passes(kRename, isChosen(from) || isChosen(to))) return -1;
+    return REAL(renameat2)(fromDir, from, toDir, to, flags);
+}
+
+int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
+    if (!passes(kLinkat, isChosen(from) || isChosen(to))) return -1;
+    return REAL(linkat)(fromDir, from, toDir, to, flags);
+}
+
+using Main = int (*)(int, char**, char**);
+static Main gMain = nullptr;
+
+static int countingMain(int count, char** arguments, char** environment) {
+    gCounts->counting = true;
+    return gMain(count, arguments, environment);
+}
+
+// The C library's entry, which no header declares.
+int __libc_start_main(Main main, int count, char** arguments, void (*init)(), void (*fini)(),
+                      void (*loaderFini)(), void* stackEnd) {
+    gMain = main;
+    return REAL(__libc_start_main)(countingMain, count, arguments, init, fini, loaderFini,
+                                   stackEnd);
+}
+}
