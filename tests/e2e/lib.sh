@@ -1,5 +1,5 @@
 # What the cases share. Sourced by each script, which ends with: run_case "$@"
-# Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips.
+# Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips; FAULT_LIBRARY, for faulty().
 set -euo pipefail
 
 fail() {
@@ -41,6 +41,38 @@ expect_refused() {
     [[ $said == "qmtranscode: "*"$subject"?* ]] || fail "no subject '$subject' or reason: $said"
     [[ ! -s stdout ]] || fail "unexpected on standard output: $(cat stdout)"
     rm stdout stderr
+}
+
+# faulty FAULTS TEXT ARGUMENTS…: runs the command with faults in the files whose names contain the text, as
+# fault_library.cpp describes them. What it says is in stdout and stderr, its status in `status`.
+faulty() {
+    local faults=$1 text=$2
+    shift 2
+    # LD_PRELOAD splits at spaces, so the library is loaded by a path that has none.
+    [[ -e fault.so ]] || cp "$FAULT_LIBRARY" fault.so
+    status=0
+    timeout 60 env LD_PRELOAD=./fault.so QM_FAULT="$faults" QM_FAULT_FILE="$text" QM_FAULT_COUNT=calls \
+        "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || status=$?
+}
+
+# calls OPERATION: how many the last `faulty` command made.
+calls() {
+    awk -v operation="$1" '$1 == operation { print $2 }' calls
+}
+
+# How many calls of the last `faulty` command failed.
+failed_calls() {
+    awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' calls
+}
+
+# expect_failure SUBJECT: the last `faulty` command ended with status 1 and one line that names the subject.
+expect_failure() {
+    local said
+    said=$(cat stderr)
+    [[ $status == 1 ]] || fail "status $status instead of 1 ($said)"
+    [[ $(wc -l <stderr) == 1 ]] || fail "not exactly one line: $said"
+    [[ $said == "qmtranscode: "*"$1"?* ]] || fail "no subject '$1' or reason: $said"
+    [[ ! -s stdout ]] || fail "unexpected on standard output: $(cat stdout)"
 }
 
 # Exactly these names are in the folder.
