@@ -74,7 +74,7 @@ const pid_t gProcess = getpid();
 Counts* gCounts = nullptr;
 std::vector<Fault>* gFaults = nullptr;
 
-// What a fault says must be known: a test whose fault never strikes proves nothing.
+// A fault that cannot be parsed ends the test, because a fault that never strikes proves nothing.
 [[noreturn]] void refuse(const std::string& text) {
     fprintf(stderr, "QM_FAULT cannot be parsed: %s\n", text.c_str());
     abort();

@@ -57,7 +57,7 @@ private:
     Outcome keepWhole(Progress* progress);
     Outcome keepStopped();
     std::optional<Failure> failed(int32_t result) const;
-    // What is wrong with the request or the input when not even one sample has come out.
+    // Why not even one sample has come out.
     Failure nothingWritten() const;
     // A failure when nothing of a track could be decoded; a line where the input has nothing of it.
     std::optional<Failure> checkTracks(const WrittenFile& written) const;
