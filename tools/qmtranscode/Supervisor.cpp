@@ -202,8 +202,12 @@ void Supervisor::stop(const signalfd_siginfo& signal) {
                          signal.ssi_signo == mFirstSignal.ssi_signo &&
                          nowUs() - mFirstSignalUs < kOneWishUs;
     // Beyond a limit of CPU time, the kernel sends SIGXCPU again each second.
+    // When a terminal closes, its shell and the kernel send one SIGHUP each, in either order.
+    const bool isTerminalGone =
+        signal.ssi_signo == SIGHUP && mFirstSignal.ssi_signo == SIGHUP &&
+        (signal.ssi_code == SI_KERNEL || mFirstSignal.ssi_code == SI_KERNEL);
     const bool isRepeated =
-        doubled || (signal.ssi_signo == SIGXCPU && signal.ssi_code == SI_KERNEL);
+        doubled || isTerminalGone || (signal.ssi_signo == SIGXCPU && signal.ssi_code == SI_KERNEL);
     if (mStopRequested) {
         if (!isRepeated) mEndAtOnce = true;
         return;
