@@ -285,6 +285,15 @@ bool Supervisor::reapWorker() {
     return mWorkerEnded;
 }
 
+// Whether a signal ends the wait for a reader, which is all that is left to stop once the worker
+// has ended. The waits that follow are short, because one signal has to end them all.
+bool Supervisor::endsWait(const signalfd_siginfo& signal) {
+    if (signal.ssi_signo == SIGCHLD || signal.ssi_signo == SIGWINCH) return false;
+    if (signal.ssi_signo == SIGUSR1) return false;
+    mStopRequested = true;
+    return true;
+}
+
 // Until everything stands on standard error, or the time is over; without a limit for -1.
 void Supervisor::flush(int timeoutMs) {
     const int64_t endUs = nowUs() + int64_t{timeoutMs} * 1000;
@@ -299,8 +308,7 @@ void Supervisor::flush(int timeoutMs) {
         } else if (fds[1].revents != 0) {
             signalfd_siginfo info{};
             const bool isRead = read(mSignals, &info, sizeof(info)) == sizeof(info);
-            // Nothing is left to stop but the wait for a reader.
-            if (isRead && info.ssi_signo != SIGCHLD && info.ssi_signo != SIGWINCH) return;
+            if (isRead && endsWait(info)) return;
         }
     }
 }
@@ -422,7 +430,7 @@ bool Supervisor::printChecked(std::string_view text) {
         if (fds[0].revents == 0) {
             signalfd_siginfo info{};
             const bool isRead = read(mSignals, &info, sizeof(info)) == sizeof(info);
-            if (!isRead || info.ssi_signo == SIGCHLD || info.ssi_signo == SIGWINCH) continue;
+            if (!isRead || !endsWait(info)) continue;
             errno = EINTR;
             return false;
         }
