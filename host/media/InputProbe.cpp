@@ -245,7 +245,9 @@ std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& l
     // The decoding times of reordered frames do not say when the last one ends.
     ending.endUs = length->presentationUs;
     if (stream.codecpar->video_delay == 0) {
-        const int64_t start = stream.start_time == AV_NOPTS_VALUE ? 0 : stream.start_time;
+        // Of the first sample in the file, which is before the first one shown if an edit list
+        // cuts the start.
+        const int64_t start = avformat_index_get_entry(&stream, 0)->timestamp;
         ending.endUs = demuxer.toUs(stream.index, av_sat_add64(start, length->durationTicks));
     }
     return ending;

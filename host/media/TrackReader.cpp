@@ -102,10 +102,13 @@ void TrackReader::noteClock() {
     } else if (TimeJumps::isJump(clockUs - mClockUs, mPacket->pos - mClockPosition)) {
         mJumpUs = mTrack.jumps->offsetUs(mTrack.streamIndex, mPacket->pos, clockUs,
                                          mClockEndUs + mJumpUs);
+    } else {
+        mClockStepUs = std::max<int64_t>(clockUs - mClockUs, 0);
     }
     mHasClock = true;
     mClockUs = clockUs;
-    mClockEndUs = clockUs + durationUs();
+    // Some streams have no durations. Without one, a jump would give two frames the same timestamp.
+    mClockEndUs = clockUs + (durationUs() > 0 ? durationUs() : mClockStepUs);
     mClockPosition = mPacket->pos;
 }
 

@@ -85,6 +85,7 @@ private:
     bool mHasClock = false;
     int64_t mClockUs = 0;
     int64_t mClockEndUs = 0;
+    int64_t mClockStepUs = 0;  // the latest distance of two packets
     int64_t mClockPosition = 0;
     int64_t mFirstTimeUs = 0;  // of the first picture since the last seek
     int64_t mNextTimeUs = 0;   // where the last sample ends, for one without a time

@@ -202,8 +202,12 @@ void Supervisor::stop(const signalfd_siginfo& signal) {
                          signal.ssi_signo == mFirstSignal.ssi_signo &&
                          nowUs() - mFirstSignalUs < kOneWishUs;
     // Beyond a limit of CPU time, the kernel sends SIGXCPU again each second.
+    // When a terminal closes, its shell and the kernel send one SIGHUP each, in either order.
+    const bool isTerminalGone =
+        signal.ssi_signo == SIGHUP && mFirstSignal.ssi_signo == SIGHUP &&
+        (signal.ssi_code == SI_KERNEL || mFirstSignal.ssi_code == SI_KERNEL);
     const bool isRepeated =
-        doubled || (signal.ssi_signo == SIGXCPU && signal.ssi_code == SI_KERNEL);
+        doubled || isTerminalGone || (signal.ssi_signo == SIGXCPU && signal.ssi_code == SI_KERNEL);
     if (mStopRequested) {
         if (!isRepeated) mEndAtOnce = true;
         return;
@@ -281,6 +285,15 @@ bool Supervisor::reapWorker() {
     return mWorkerEnded;
 }
 
+// Whether a signal ends the wait for a reader, which is all that is left to stop once the worker
+// has ended. The waits that follow are short, because one signal has to end them all.
+bool Supervisor::endsWait(const signalfd_siginfo& signal) {
+    if (signal.ssi_signo == SIGCHLD || signal.ssi_signo == SIGWINCH) return false;
+    if (signal.ssi_signo == SIGUSR1) return false;
+    mStopRequested = true;
+    return true;
+}
+
 // Until everything stands on standard error, or the time is over; without a limit for -1.
 void Supervisor::flush(int timeoutMs) {
     const int64_t endUs = nowUs() + int64_t{timeoutMs} * 1000;
@@ -295,8 +308,7 @@ void Supervisor::flush(int timeoutMs) {
         } else if (fds[1].revents != 0) {
             signalfd_siginfo info{};
             const bool isRead = read(mSignals, &info, sizeof(info)) == sizeof(info);
-            // Nothing is left to stop but the wait for a reader.
-            if (isRead && info.ssi_signo != SIGCHLD && info.ssi_signo != SIGWINCH) return;
+            if (isRead && endsWait(info)) return;
         }
     }
 }
@@ -418,7 +430,7 @@ bool Supervisor::printChecked(std::string_view text) {
         if (fds[0].revents == 0) {
             signalfd_siginfo info{};
             const bool isRead = read(mSignals, &info, sizeof(info)) == sizeof(info);
-            if (!isRead || info.ssi_signo == SIGCHLD || info.ssi_signo == SIGWINCH) continue;
+            if (!isRead || !endsWait(info)) continue;
             errno = EINTR;
             return false;
         }

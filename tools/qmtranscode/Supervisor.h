@@ -84,6 +84,7 @@ private:
     int kept();
     bool printReceipt();
     bool printChecked(std::string_view text);
+    bool endsWait(const signalfd_siginfo& signal);
     void flush(int timeoutMs);
 
     const Job mJob;
