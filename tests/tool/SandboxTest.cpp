@@ -45,11 +45,9 @@ protected:
 // Attempts return errno, or 0 when they succeed.
 int resultOf(long result) { return result < 0 ? errno : 0; }
 
-TEST_F(SandboxTest, filesCannotBeOpenedOrChangedByName) {
-    EXPECT_EQ(EACCES, inSandbox([this] { return resultOf(open(mPath, O_RDONLY)); }));
+TEST_F(SandboxTest, filesCannotBeMadeOrChangedByName) {
     EXPECT_NE(0, inSandbox([this] { return resultOf(open(mPath, O_WRONLY)); }));
     EXPECT_NE(0, inSandbox([] { return resultOf(open("/tmp/qm-new", O_WRONLY | O_CREAT, 0600)); }));
-    EXPECT_NE(0, inSandbox([] { return resultOf(open("/etc/passwd", O_RDONLY)); }));
     EXPECT_NE(0, inSandbox([this] { return resultOf(truncate(mPath, 0)); }));
     EXPECT_NE(0, inSandbox([this] { return resultOf(unlink(mPath)); }));
     EXPECT_NE(0, inSandbox([this] { return resultOf(rename(mPath, "/tmp/qm-other")); }));
@@ -71,7 +69,12 @@ TEST_F(SandboxTest, openDescriptorsMemoryAndThreadsWork) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(__clang__)
-// Sanitizers need what the filter for system calls refuses.
+// Sanitizers read files, and need what the filter for system calls refuses.
+TEST_F(SandboxTest, filesCannotBeRead) {
+    EXPECT_EQ(EACCES, inSandbox([this] { return resultOf(open(mPath, O_RDONLY)); }));
+    EXPECT_EQ(EACCES, inSandbox([] { return resultOf(open("/etc/passwd", O_RDONLY)); }));
+}
+
 TEST_F(SandboxTest, thereAreNoSocketsAndNoProcesses) {
     EXPECT_EQ(EPERM, inSandbox([] { return resultOf(socket(AF_INET, SOCK_STREAM, 0)); }));
     EXPECT_EQ(EPERM, inSandbox([] {

@@ -263,9 +263,11 @@ TEST_P(EncoderFaultTest, anEncoderThatFailsInTheMiddleEndsTheRunWithAnErrorSoon)
     fault.inject(fault.video ? mVideoEncoder : mAudioEncoder);
     // The other track never ends by itself.
     (fault.video ? mAudioDecoder : mVideoDecoder)->holdOutput(true);
-    const auto start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point failedAt;
+    mJournal.on(fault.video ? "TVideoSource: setCodecStopped" : "TAudioSource: setCodecStopped",
+                [&] { failedAt = std::chrono::steady_clock::now(); });
     EXPECT_EQ(-1130, run());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - failedAt, std::chrono::seconds(2));
     expectNoHang();
     const std::string tag = fault.video ? "VideoEncoderThread" : "AudioEncoderThread";
     EXPECT_TRUE(mLog.waitFor(tag, "inputThreadEntry end"));

@@ -109,7 +109,8 @@ std::optional<Failure> Job::failed(int32_t result) const {
     if (const std::optional<int> error = mFacts->writeError()) {
         return Failure{kExitFailed, mOutput.path(), strerror(*error)};
     }
-    const bool isInputs = result == kInvalidRequest;
+    const bool isInputs =
+        result == kInvalidRequest || result == kReadError || result == kDecoderError;
     return Failure{kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
 }
 

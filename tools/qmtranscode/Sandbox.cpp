@@ -5,14 +5,11 @@
 #include <qmtranscode/Sandbox.h>
 #include <seccomp.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <initializer_list>
-#include <string>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define QM_SANITIZED
@@ -43,33 +40,15 @@ uint64_t fileRights(long abi) {
     return rights;
 }
 
-void allowReading(int ruleset, const char* path, uint64_t rights = kReadLibraries) {
+void allowReading(int ruleset, const char* path) {
     const int folder = open(path, O_PATH | O_CLOEXEC);
     if (folder < 0) return;
     landlock_path_beneath_attr rule{};
-    rule.allowed_access = rights;
+    rule.allowed_access = kReadLibraries;
     rule.parent_fd = folder;
     syscall(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
     close(folder);
 }
-
-#ifdef QM_SANITIZED
-// The file that a sanitizer's options name as suppressions='FILE'.
-void allowSuppressions(int ruleset, const char* options) {
-    const char* const value = getenv(options);
-    if (value == nullptr) return;
-    std::string path = value;
-    const std::string key = "suppressions=";
-    const size_t at = path.find(key);
-    if (at == std::string::npos) return;
-    path.erase(0, at + key.size());
-    const bool isQuoted = !path.empty() && (path[0] == '\'' || path[0] == '"');
-    const char end = isQuoted ? path[0] : ':';
-    if (isQuoted) path.erase(0, 1);
-    path.resize(std::min(path.find(end), path.size()));
-    allowReading(ruleset, path.c_str(), LANDLOCK_ACCESS_FS_READ_FILE);
-}
-#endif
 
 void restrictFiles() {
     const long abi =
@@ -84,9 +63,8 @@ void restrictFiles() {
         allowReading(ruleset, path);
     }
 #ifdef QM_SANITIZED
-    // A sanitizer reads the process's memory map, the symbols of its report, and suppressions.
-    for (const char* path : {"/proc", "/usr/bin"}) allowReading(ruleset, path);
-    for (const char* name : {"LSAN_OPTIONS", "TSAN_OPTIONS"}) allowSuppressions(ruleset, name);
+    // A sanitizer reads the memory map, its suppressions, and the symbols of what it reports.
+    allowReading(ruleset, "/");
 #endif
     syscall(SYS_landlock_restrict_self, ruleset, 0);
     close(ruleset);

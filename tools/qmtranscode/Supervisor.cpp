@@ -241,8 +241,8 @@ void Supervisor::takeMessage() {
             mScreen.removeBar();
             return;
         case Message::kStage:
-            if (payload.size() == 1 && payload[0] >= 0 &&
-                payload[0] <= static_cast<char>(WorkerStage::kChecking)) {
+            if (payload.size() == 1 && static_cast<unsigned char>(payload[0]) <=
+                                           static_cast<unsigned char>(WorkerStage::kChecking)) {
                 mStage = static_cast<WorkerStage>(payload[0]);
             }
             return;
@@ -332,7 +332,9 @@ int Supervisor::endAtOnce() {
 int Supervisor::conclude() {
     mScreen.removeBar();
     flush(mStopRequested ? kLastLineMs : -1);
-    const bool isWell = WIFEXITED(mWorkerStatus) && mHasResult;
+    // A sanitizer changes the status of a worker that has given its result.
+    const bool isWell =
+        mHasResult && WIFEXITED(mWorkerStatus) && WEXITSTATUS(mWorkerStatus) == mResult.status;
     const int status = isWell ? kept() : crashed();
     flush(mStopRequested ? kLastLineMs : -1);
     return status;

@@ -62,10 +62,10 @@ void endOnFailedCheck(const std::string& text) { endWith("internal check failed:
 
 Outcome runJob(const Options& options, int threads, JobFiles* files, const Link& link) {
     // These live as long as the process: the host's threads log until its very end.
-    auto* const monitor = new RunMonitor;
-    auto* const facts = new RunFacts;
+    static auto* const monitor = new RunMonitor;
+    static auto* const facts = new RunFacts;
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
-    WorkerControl control(link, [monitor] { explainRun(*monitor, "what every thread does:"); });
+    WorkerControl control(link, [] { explainRun(*monitor, "what every thread does:"); });
     const StallWatch stallWatch(monitor, std::chrono::seconds(10));
     const std::unique_ptr<Platform> platform = createHostPlatform(
         {options.preset, options.fastStart, options.cutTimesUs(), facts, threads});
