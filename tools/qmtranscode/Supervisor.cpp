@@ -331,7 +331,8 @@ int Supervisor::endAtOnce() {
 
 int Supervisor::conclude() {
     mScreen.removeBar();
-    flush(mStopRequested ? kLastLineMs : -1);
+    // A finished output does not wait for a terminal to get its name.
+    flush(kLastLineMs);
     // A sanitizer changes the status of a worker that has given its result.
     const bool isWell =
         mHasResult && WIFEXITED(mWorkerStatus) && WEXITSTATUS(mWorkerStatus) == mResult.status;
