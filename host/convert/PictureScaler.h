@@ -6,7 +6,7 @@
 namespace android {
 namespace qmmediaeditor {
 
-// What Platform::scale promises. A request that makes no sense is logged. Any thread; each keeps
+// Implements Platform::scale. A request that makes no sense is logged. Any thread; each keeps
 // the filters of the last sizes that it scaled.
 void scalePicture(const ScaleRequest& request);
 

@@ -13,7 +13,7 @@ namespace qmmediaeditor {
 
 class TimeJumps {
 public:
-    // What to add to the times of stream `stream` from byte `position` on, where its clock shows
+    // The offset to add to the timestamps of stream `stream` from byte `position` on, where its clock shows
     // `timeUs` and `expectedUs` would follow from what came before.
     int64_t offsetUs(int stream, int64_t position, int64_t timeUs, int64_t expectedUs);
     // What is known of `position`, for a reader that comes there by a seek.

@@ -159,7 +159,7 @@ void refuseThreads(Journal& journal, const std::string& first, const std::string
     journal.on(last, [] { ASSERT_EQ(0, pthread_setattr_default_np(&usual)); });
 }
 
-// What ends a run that nobody stopped, and the result that it leads to.
+// A failure that ends a run which nobody stopped, and its result.
 struct RunFault {
     const char* what;
     int32_t result;

@@ -35,9 +35,6 @@ public:
     // Whether an older file stood under the name at `check`.
     bool replaces() const { return mFile.older() != nullptr; }
 
-    // Whether the file system has no room left for it.
-    bool isFull() const { return mFile.isFull(); }
-
     // Removes what has a hidden name, for a process that ends at once: async-signal-safe, on any
     // thread.
     static void removeNow() { PendingFile::removeNow(); }

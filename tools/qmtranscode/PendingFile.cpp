@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -320,11 +319,6 @@ bool PendingFile::isSameAs(const PendingFile& other) const {
     struct stat others {};
     return mName == other.mName && fstat(mFolder, &folder) == 0 &&
            fstat(other.mFolder, &others) == 0 && isSameFile(folder, others);
-}
-
-bool PendingFile::isFull() const {
-    struct statvfs status {};
-    return fstatvfs(mFolder, &status) == 0 && status.f_bavail == 0;
 }
 
 Failure PendingFile::failed() const { return {kExitFailed, mPath, strerror(errno)}; }

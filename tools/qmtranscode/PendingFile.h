@@ -41,8 +41,6 @@ public:
     const struct stat* older() const { return mOlder ? &*mOlder : nullptr; }
     // Whether both are one file, or would become one, however their paths are spelled.
     bool isSameAs(const PendingFile& other) const;
-    // Whether the file system has no room left.
-    bool isFull() const;
 
     // Removes all hidden names, for a process that ends at once: async-signal-safe, on any thread.
     static void removeNow();

@@ -13,8 +13,8 @@
 
 namespace android::qmmediaeditor::cli {
 
-// What a process has used. It is known when the process has ended, which is after it wrote its
-// receipt: there, marks stand in its place.
+// The resources that a process has used. They are known when the process has ended, which is after
+// it wrote its receipt: there, marks stand in their place.
 struct Usage {
     double cpuSeconds = 0;  // of all threads
     int64_t peakBytes = 0;  // resident memory

@@ -231,7 +231,7 @@ private:
     Transcode* mTranscode;
 };
 
-// What the host drives. create(), destory() and clearHandler() must not be called while process()
+// The entry for the host. create(), destory() and clearHandler() must not be called while process()
 // runs, not from its progress callback either: each of them aborts the process then.
 class QM_EXPORT TranscodeComponent : public RefBase {
 public:
