@@ -1,5 +1,6 @@
 #include "host/media/CodecWorker.h"
 
+#include <errno.h>
 #include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
@@ -23,6 +24,8 @@ status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /
     if (mState != State::kCreated) return INVALID_OPERATION;
     if (format == nullptr) return BAD_VALUE;
     if (crypto != nullptr) return ERROR_UNSUPPORTED;
+    // Its thread could not be created, which the client need not have noticed.
+    if (!mLooper->isRunning()) return -EAGAIN;
     const status_t status = mEngine->configure(format, &mPorts);
     if (status != OK) return status;
     mSource = TrackSource::find(format);
