@@ -138,11 +138,13 @@ status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
     // Whoever cuts a file needs the sample before the cut; nothing asks for the others.
     if (mode != SeekMode::SEEK_PREVIOUS_SYNC) return ERROR_UNSUPPORTED;
     if (mReaders.empty()) return INVALID_OPERATION;
-    mInfo.tracks[mReaders.begin()->first].source->order()->beginTimeLine(timeUs);
+    // Decoders compute with it, so that it stays away from the ends of its range.
+    const int64_t startUs = std::min(timeUs, kMaxSeekUs);
+    mInfo.tracks[mReaders.begin()->first].source->order()->beginTimeLine(startUs);
     mHasCurrent = false;
     mDamageUs = 0;
     mTimeUs = kUnknownUs;
-    const int64_t targetUs = std::clamp<int64_t>(timeUs, 0, kMaxSeekUs) + originUs();
+    const int64_t targetUs = std::max<int64_t>(startUs, 0) + originUs();
     for (const auto& entry : mReaders) entry.second->seek(targetUs);
     return OK;
 }

@@ -113,7 +113,9 @@ std::optional<Failure> PendingFile::locate(const std::string& path) {
     if (mName.empty()) return Failure{kExitUsage, path, "the name of a file is missing"};
     mFolder = openFolder(folderOf(*target));
     if (mFolder < 0) {
-        return Failure{kExitUsage, path,
+        // Without enough descriptors or memory, another try may do.
+        const bool isShort = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EIO;
+        return Failure{isShort ? kExitFailed : kExitUsage, path,
                        "its folder cannot be used: " + std::string(strerror(errno))};
     }
     struct stat status {};
@@ -220,7 +222,8 @@ int PendingFile::copyAttributes() const {
 }
 
 int PendingFile::writeToDisk() const {
-    if (fsync(mFd) != 0) return -1;
+    // Some file systems have no such operation.
+    if (fsync(mFd) != 0 && errno != EINVAL) return -1;
     return checkByClosing(mFd);
 }
 

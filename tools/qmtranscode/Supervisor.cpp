@@ -24,8 +24,15 @@ constexpr int kExplainMs = 1000;
 // How long the last line of a stopped command waits for a terminal.
 constexpr int kLastLineMs = 100;
 
-// A shell starts background jobs with SIGINT ignored, and a signal that is sent to one of them is
-// meant. An ignored SIGHUP is nohup's, and stays ignored.
+// A script starts background jobs with SIGINT ignored, so that an interrupt typed at the terminal
+// leaves them alone; a SIGINT that a process sends is meant for the job.
+bool gIgnoresTerminalInterrupt = false;
+
+bool isIgnored(const signalfd_siginfo& signal) {
+    return gIgnoresTerminalInterrupt && signal.ssi_signo == SIGINT && signal.ssi_code == SI_KERNEL;
+}
+
+// An ignored SIGHUP is nohup's, and stays ignored.
 sigset_t takenSignals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -67,7 +74,13 @@ ExitStatus exitStatus(int value) {
 }  // namespace
 
 void blockSignals() {
+    struct sigaction interrupt {};
+    sigaction(SIGINT, nullptr, &interrupt);
+    gIgnoresTerminalInterrupt = interrupt.sa_handler == SIG_IGN;
     signal(SIGINT, SIG_DFL);
+    // While it is ignored, as some programs leave it to their children, nobody hears of the worker's
+    // end.
+    signal(SIGCHLD, SIG_DFL);
     const sigset_t signals = takenSignals();
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
@@ -141,9 +154,9 @@ Supervisor::~Supervisor() {
 }
 
 int Supervisor::run() {
-    if (mSignals < 0) mEndAtOnce = true;
-    while (!mEndAtOnce && (!mWorkerEnded || mLinkOpen)) step(-1);
-    return mEndAtOnce ? endAtOnce() : conclude();
+    if (mSignals < 0) mWaitError = errno;
+    while (mWaitError == 0 && !mEndAtOnce && (!mWorkerEnded || mLinkOpen)) step(-1);
+    return mWaitError != 0 || mEndAtOnce ? endAtOnce() : conclude();
 }
 
 // Waits until something has happened, and deals with it.
@@ -162,7 +175,10 @@ void Supervisor::step(int timeoutMs) {
         const int leftMs = static_cast<int>(leftUs / 1000 + 1);
         timeoutMs = timeoutMs < 0 ? leftMs : std::min(timeoutMs, leftMs);
     }
-    if (poll(fds, 4, timeoutMs) < 0) return;
+    if (poll(fds, 4, timeoutMs) < 0) {
+        if (errno != EINTR) mWaitError = errno;
+        return;
+    }
     if (fds[3].revents != 0) mScreen.writeSome();
     if (fds[0].revents != 0) takeSignal();
     if (fds[1].revents != 0) takeMessage();
@@ -197,6 +213,7 @@ void Supervisor::explain() {
 }
 
 void Supervisor::stop(const signalfd_siginfo& signal) {
+    if (isIgnored(signal)) return;
     // timeout(1) sends its signal to the process and to its group: that is one wish.
     constexpr int64_t kOneWishUs = 100000;
     const bool doubled = signal.ssi_pid != 0 && signal.ssi_pid == mFirstSignal.ssi_pid &&
@@ -290,7 +307,7 @@ bool Supervisor::reapWorker() {
 // has ended. The waits that follow are short, because one signal has to end them all.
 bool Supervisor::endsWait(const signalfd_siginfo& signal) {
     if (signal.ssi_signo == SIGCHLD || signal.ssi_signo == SIGWINCH) return false;
-    if (signal.ssi_signo == SIGUSR1) return false;
+    if (signal.ssi_signo == SIGUSR1 || isIgnored(signal)) return false;
     mStopRequested = true;
     return true;
 }
@@ -324,10 +341,17 @@ int Supervisor::endAtOnce() {
         static_cast<void>(written);
     }
     if (!mScreen.hasRoom()) mScreen.drop();
-    mScreen.line("qmtranscode: stopped; nothing was kept");
+    if (mWaitError == 0) {
+        mScreen.line("qmtranscode: stopped; nothing was kept");
+    } else {
+        char line[256];
+        snprintf(line, sizeof(line), "qmtranscode: the worker process cannot be supervised: %s",
+                 strerror(mWaitError));
+        mScreen.line(line);
+    }
     flush(kLastLineMs);
     reapWorker();
-    return kExitStopped;
+    return mWaitError == 0 ? kExitStopped : kExitFailed;
 }
 
 int Supervisor::conclude() {

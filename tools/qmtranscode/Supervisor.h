@@ -107,6 +107,7 @@ private:
 
     bool mStopRequested = false;
     bool mEndAtOnce = false;
+    int mWaitError = 0;  // the errno that makes waiting impossible
     signalfd_siginfo mFirstSignal{};
     int64_t mFirstSignalUs = 0;
     int64_t mExplainDueUs = 0;  // 0 when no answer is awaited

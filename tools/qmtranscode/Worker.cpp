@@ -98,6 +98,7 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kExitFailed);
     gLink = &link;
+    endOnFailedAllocation(endWithoutMemory);
     ignoreSignals();
     dup2(libraryOutput, STDOUT_FILENO);
     dup2(libraryOutput, STDERR_FILENO);
@@ -107,7 +108,6 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     // The log's times need it, and it reads a file.
     tzset();
     const int threads = options.threads.value_or(defaultThreads());
-    endOnFailedAllocation(endWithoutMemory);
     if (!enterSandbox()) endWithoutMemory();
     Outcome outcome;
     try {
