@@ -16,8 +16,8 @@
 #include <memory>
 #include <vector>
 
-#include "host/foundation/PictureMemory.h"
-#include "host/media/CodecWorker.h"
+#include "host/codec/HostMediaCodec.h"
+#include "host/foundation/FrameAllocator.h"
 
 namespace android::qmmediaeditor {
 namespace {

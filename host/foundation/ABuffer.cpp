@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host/foundation/PictureMemory.h"
+#include "host/foundation/FrameAllocator.h"
 
 namespace android {
 

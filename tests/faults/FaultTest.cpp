@@ -4,8 +4,8 @@
 #include <faults/FaultPlatform.h>
 #include <gtest/gtest.h>
 #include <host/Host.h>
-#include <host/media/InputFile.h>
-#include <host/media/UuidBox.h>
+#include <host/io/DescriptorFile.h>
+#include <host/io/UuidBox.h>
 #include <qmtranscode/MediaFile.h>
 #include <signal.h>
 #include <support/SessionRun.h>

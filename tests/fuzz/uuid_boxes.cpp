@@ -1,7 +1,7 @@
 // The walk over the top-level boxes of a file, and the boxes that are made of what it finds.
 #include <fuzz/MemoryFile.h>
-#include <host/media/InputFile.h>
-#include <host/media/UuidBox.h>
+#include <host/io/DescriptorFile.h>
+#include <host/io/UuidBox.h>
 
 using namespace android::qmmediaeditor;
 

@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "host/media/Extractor.h"
-#include "host/media/TrackSource.h"
+#include "host/codec/TrackSource.h"
+#include "host/extractor/FileExtractor.h"
 
 extern "C" {
 #include <libavcodec/packet.h>

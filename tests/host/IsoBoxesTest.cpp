@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "host/media/InputFile.h"
-#include "host/media/IsoBoxes.h"
+#include "host/io/DescriptorFile.h"
+#include "host/io/IsoBoxes.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "host/media/InputFile.h"
-#include "host/media/UuidBox.h"
+#include "host/io/DescriptorFile.h"
+#include "host/io/UuidBox.h"
 
 namespace android {
 namespace qmmediaeditor {

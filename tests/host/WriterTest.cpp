@@ -10,7 +10,7 @@
 #include <future>
 
 #include "IoSupport.h"
-#include "host/media/Writer.h"
+#include "host/writer/FileWriter.h"
 
 namespace android {
 namespace qmmediaeditor {

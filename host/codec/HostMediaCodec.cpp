@@ -1,0 +1,283 @@
+#include "host/codec/HostMediaCodec.h"
+
+#include <media/stagefright/MediaErrors.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/foundation/FrameAllocator.h"
+#include "host/foundation/TimedWait.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine,
+                         std::function<void()> onEnd)
+    : mLooper(looper), mOnEnd(std::move(onEnd)), mEngine(std::move(engine)) {}
+
+CodecWorker::~CodecWorker() { release(); }
+
+status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /* nativeWindow */,
+                                const sp<ICrypto>& crypto, uint32_t /* flags */) {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kCreated) return INVALID_OPERATION;
+    if (format == nullptr) return BAD_VALUE;
+    if (crypto != nullptr) return ERROR_UNSUPPORTED;
+    const status_t status = mEngine->configure(format, &mPorts);
+    if (status != OK) return status;
+    mSource = TrackSource::find(format);
+    if (mSource != nullptr) mSource->keepNotes();
+    mOutputFormat = mEngine->outputFormat();
+    mState = State::kConfigured;
+    return OK;
+}
+
+status_t CodecWorker::start() {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kConfigured) return INVALID_OPERATION;
+    const status_t status = allocateBuffers();
+    if (status != OK) return status;
+    mState = State::kStarted;
+    mFormatPending = mPorts.announcesFormat && mOutputFormat != nullptr;
+    if (mSource != nullptr) {
+        const wp<CodecWorker> self(this);
+        mOrderMember = mSource->order()->join([self, looper = mLooper] {
+            looper->post([self] {
+                const sp<CodecWorker> worker = self.promote();
+                if (worker != nullptr) worker->work();
+            });
+        });
+        mInOrder = true;
+    }
+    schedule();
+    return OK;
+}
+
+status_t CodecWorker::stop() {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kStarted && mState != State::kFailed) return INVALID_OPERATION;
+    shutDown(State::kStopped);
+    return OK;
+}
+
+status_t CodecWorker::release() {
+    std::unique_ptr<CodecEngine> engine;
+    {
+        Mutex::Autolock lock(mLock);
+        if (mState == State::kReleased) return OK;
+        shutDown(State::kReleased);
+        engine = std::move(mEngine);
+    }
+    // Outside of the lock: an engine gives its inputs back when it goes.
+    engine.reset();
+    Mutex::Autolock lock(mLock);
+    mReady.clear();
+    mQueued.clear();
+    mOutputs.clear();
+    mInputs.clear();
+    return OK;
+}
+
+void CodecWorker::shutDown(State state) {
+    mState = state;
+    if (mInOrder) mSource->order()->leave(mOrderMember);
+    mInOrder = false;
+    mInputFree.broadcast();
+    mOutputReady.broadcast();
+    // The looper's own thread gets here only when its work drops the last reference, and is not in
+    // a step then.
+    while (mBusy) mWorkDone.wait(mLock);
+}
+
+status_t CodecWorker::allocateBuffers() {
+    for (size_t i = 0; i < mPorts.inputCount; ++i) {
+        const sp<ABuffer> memory = mPorts.inputsArePictures
+                                       ? PictureMemory::makeBuffer(mPorts.inputBytes)
+                                       : sp<ABuffer>(new ABuffer(mPorts.inputBytes));
+        if (memory == nullptr || memory->capacity() < mPorts.inputBytes) return NO_MEMORY;
+        mInputs.push_back({new Buffer(memory), false});
+        mFreeInputs.push_back(i);
+    }
+    for (size_t i = 0; i < mPorts.outputCount; ++i) {
+        OutputSlot slot;
+        slot.buffer = new Buffer(new ABuffer(nullptr, 0));
+        mOutputs.push_back(std::move(slot));
+        mFreeOutputs.push_back(i);
+    }
+    return OK;
+}
+
+status_t CodecWorker::notRunning() const {
+    return mState == State::kFailed ? UNKNOWN_ERROR : INVALID_OPERATION;
+}
+
+status_t CodecWorker::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
+    const nsecs_t deadline = deadlineAfter(timeoutUs);
+    Mutex::Autolock lock(mLock);
+    while (mState == State::kStarted && mFreeInputs.empty() &&
+           waitUntil(deadline, mInputFree, mLock)) {
+    }
+    if (mState != State::kStarted) return notRunning();
+    if (mFreeInputs.empty()) return -EAGAIN;
+    *index = mFreeInputs.front();
+    mFreeInputs.pop_front();
+    mInputs[*index].withClient = true;
+    publish();
+    return OK;
+}
+
+status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
+                                       int64_t presentationTimeUs, uint32_t flags,
+                                       AString* errorDetailMsg) {
+    Mutex::Autolock lock(mLock);
+    const auto refuse = [&](status_t status, const char* why) {
+        if (errorDetailMsg != nullptr) errorDetailMsg->setTo(why);
+        return status;
+    };
+    if (mState != State::kStarted) return refuse(notRunning(), "the codec does not run");
+    if (index >= mInputs.size() || !mInputs[index].withClient) {
+        return refuse(BAD_INDEX, "the caller does not hold this buffer");
+    }
+    const size_t capacity = mInputs[index].buffer->capacity();
+    if (offset > capacity || size > capacity - offset) {
+        return refuse(BAD_VALUE, "the range does not fit the buffer");
+    }
+    if (mEndQueued) return refuse(INVALID_OPERATION, "the input has ended");
+    if (mRefusesInput && size > 0) return refuse(ERROR_UNSUPPORTED, "the input exceeds a limit");
+
+    mInputs[index].withClient = false;
+    QueuedInput input;
+    input.index = index;
+    input.offset = offset;
+    input.size = size;
+    input.timeUs = presentationTimeUs;
+    input.endOfStream = (flags & BUFFER_FLAG_EOS) != 0;
+    if (size == 0 && !input.endOfStream) {
+        mFreeInputs.push_back(index);
+        mInputFree.broadcast();
+        return OK;
+    }
+    if (mSource != nullptr && size > 0) input.note = mSource->take(presentationTimeUs);
+    mEndQueued = input.endOfStream;
+    mQueued.push_back(std::move(input));
+    publish();
+    schedule();
+    return OK;
+}
+
+status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
+                                          int64_t* presentationTimeUs, uint32_t* flags,
+                                          int64_t timeoutUs) {
+    const nsecs_t deadline = deadlineAfter(timeoutUs);
+    Mutex::Autolock lock(mLock);
+    for (;;) {
+        if (mState != State::kStarted) return notRunning();
+        if (mFormatPending) {
+            mFormatPending = false;
+            return INFO_FORMAT_CHANGED;
+        }
+        dropOutdated();
+        if (mReady.empty()) {
+            if (!waitUntil(deadline, mOutputReady, mLock) && mReady.empty() && !mFormatPending &&
+                mState == State::kStarted) {
+                return -EAGAIN;
+            }
+            continue;
+        }
+        if (!headNeedsTurn()) return deliver(index, offset, size, presentationTimeUs, flags);
+
+        const size_t head = mReady.front();
+        const sp<DecodeOrder> order = mSource->order();
+        const size_t member = mOrderMember;
+        mLock.unlock();
+        const DecodeOrder::Turn turn = order->waitForTurn(member, deadline);
+        mLock.lock();
+        if (turn == DecodeOrder::Turn::kOtherFirst || turn == DecodeOrder::Turn::kTimedOut) {
+            return mState == State::kStarted ? -EAGAIN : notRunning();
+        }
+        const bool sameHead = !mReady.empty() && mReady.front() == head;
+        if (turn == DecodeOrder::Turn::kYes && mState == State::kStarted && sameHead) {
+            return deliver(index, offset, size, presentationTimeUs, flags);
+        }
+    }
+}
+
+bool CodecWorker::headNeedsTurn() const {
+    return mInOrder && (mOutputs[mReady.front()].output.flags & BUFFER_FLAG_EOS) == 0;
+}
+
+status_t CodecWorker::deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs,
+                              uint32_t* flags) {
+    const size_t head = mReady.front();
+    mReady.pop_front();
+    OutputSlot& slot = mOutputs[head];
+    slot.withClient = true;
+    slot.buffer->setBuffer(slot.output.buffer);
+    *index = head;
+    *offset = slot.buffer->offset();
+    *size = slot.buffer->size();
+    *timeUs = slot.output.timeUs;
+    *flags = slot.output.flags;
+    if ((*flags & BUFFER_FLAG_EOS) != 0 && mOnEnd) mOnEnd();
+    publish();
+    return OK;
+}
+
+status_t CodecWorker::releaseOutputBuffer(size_t index) {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kStarted) return notRunning();
+    if (index >= mOutputs.size() || !mOutputs[index].withClient) return BAD_INDEX;
+    freeOutput(index);
+    if (mLacksOutputs) schedule();
+    return OK;
+}
+
+void CodecWorker::freeOutput(size_t index) {
+    OutputSlot& slot = mOutputs[index];
+    slot.withClient = false;
+    slot.buffer->setBuffer(new ABuffer(nullptr, 0));
+    slot.output = CodecOutput();
+    mFreeOutputs.push_back(index);
+}
+
+status_t CodecWorker::signalEndOfInputStream() { return INVALID_OPERATION; }
+
+status_t CodecWorker::getOutputFormat(sp<AMessage>* format) const {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kConfigured && mState != State::kStarted) return notRunning();
+    if (mOutputFormat == nullptr) return NAME_NOT_FOUND;
+    *format = mOutputFormat->dup();
+    return OK;
+}
+
+status_t CodecWorker::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kStarted) return notRunning();
+    buffers->clear();
+    for (const InputSlot& slot : mInputs) buffers->push_back(slot.buffer);
+    return OK;
+}
+
+status_t CodecWorker::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
+    Mutex::Autolock lock(mLock);
+    if (mState != State::kStarted) return notRunning();
+    buffers->clear();
+    for (const OutputSlot& slot : mOutputs) buffers->push_back(slot.buffer);
+    return OK;
+}
+
+void CodecWorker::schedule() {
+    if (mWorkPosted || mState != State::kStarted) return;
+    // While the client has some to take, it will release more.
+    if (mLacksOutputs && !mReady.empty() && mFreeOutputs.size() * 2 < mOutputs.size()) return;
+    mWorkPosted = true;
+    mLacksOutputs = false;
+    const wp<CodecWorker> self(this);
+    mLooper->post([self] {
+        const sp<CodecWorker> worker = self.promote();
+        if (worker != nullptr) worker->work();
+    });
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

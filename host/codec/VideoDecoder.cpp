@@ -1,0 +1,289 @@
+#include "host/codec/VideoDecoder.h"
+
+#include <android/log.h>
+#include <inttypes.h>
+#include <libyuv/planar_functions.h>
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/foundation/CpuCount.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/imgutils.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "VideoDecoder";
+
+constexpr size_t kInputCount = 6;
+// A hand-off takes eleven pictures at once. Where the cores are few, the encoder uses them all
+// while the decoder waits for room, and pictures that wait cost memory only.
+constexpr size_t kMinOutputCount = 4;
+constexpr size_t kMaxOutputCount = 16;
+constexpr size_t kMinInputBytes = 1024 * 1024;
+constexpr int64_t kSecondUs = 1000000;
+constexpr int kUsualFrameRate = 30;
+constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
+// Half of it, a chroma row, still suits every vector instruction.
+constexpr int kStrideAlignment = 128;
+// More than any decoder holds back; what is older was lost.
+constexpr size_t kMaxInside = 128;
+
+size_t inputBytesOf(const AMessage& format, int width, int height) {
+    int32_t largest = 0;
+    if (format.findInt32("max-input-size", &largest) && largest > 0) {
+        return static_cast<size_t>(largest);
+    }
+    return std::max(kMinInputBytes,
+                    static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2);
+}
+
+size_t outputCount(int threads) {
+    return std::clamp(2 * static_cast<size_t>(threads), kMinOutputCount, kMaxOutputCount);
+}
+
+void allowThreads(AVCodecContext* context, int threads) {
+    context->thread_count = threads;
+#if LIBAVCODEC_VERSION_MAJOR < 60
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    // Later versions take it for granted.
+    context->thread_safe_callbacks = 1;
+#pragma GCC diagnostic pop
+#endif
+}
+
+PicturePlanes planesOf(const AVFrame& frame) {
+    PicturePlanes planes;
+    for (int i = 0; i < 3; ++i) planes.plane[i] = {frame.data[i], frame.linesize[i]};
+    return planes;
+}
+
+int64_t durationOf(const AVFrame& frame) {
+#if LIBAVUTIL_VERSION_MAJOR < 58
+    return frame.pkt_duration;
+#else
+    return frame.duration;
+#endif
+}
+
+void copyPicture(const AVFrame& from, const AVFrame& to) {
+    for (int i = 0; i < 3; ++i) {
+        const int shift = i == 0 ? 0 : 1;
+        libyuv::CopyPlane(from.data[i], from.linesize[i], to.data[i], to.linesize[i],
+                          AV_CEIL_RSHIFT(from.width, shift), AV_CEIL_RSHIFT(from.height, shift));
+    }
+}
+
+}  // namespace
+
+VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads)
+    : mSession(std::move(session)),
+      mThreads(codecThreads(threads)),
+      mFrame(av_frame_alloc()),
+      mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
+
+VideoDecoder::~VideoDecoder() {
+    if (mUnconverted > 0) {
+        __android_log_print(ANDROID_LOG_WARN, kLogTag,
+                            "%" PRId64 " pictures of an unknown kind were dropped", mUnconverted);
+    }
+}
+
+status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) {
+    if (mFrame == nullptr) return NO_MEMORY;
+    status_t status = mDecoder.prepare(format);
+    if (status != OK) return status;
+    AVCodecContext* context = mDecoder.context();
+    if (context->pix_fmt != AV_PIX_FMT_NONE && !PictureConverter::canConvert(context->pix_fmt)) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pixel format %d cannot be converted",
+                            context->pix_fmt);
+        return ERROR_UNSUPPORTED;
+    }
+    context->opaque = this;
+    context->get_buffer2 = getBuffer;
+    allowThreads(context, mThreads);
+    // Opening may already look for the size of the pictures.
+    const int codedWidth = context->width;
+    const int codedHeight = context->height;
+    status = mDecoder.open();
+    if (status != OK) return status;
+
+    mWidth = codedWidth;
+    mHeight = codedHeight;
+    format->findInt32("width", &mWidth);
+    format->findInt32("height", &mHeight);
+    format->findInt32("frame-rate", &mFrameRate);
+    mSource = TrackSource::find(format);
+    float averageFrameRate = 0;
+    if (mSession != nullptr && format->findFloat("average-frame-rate", &averageFrameRate)) {
+        mSession->setAverageFrameRate(static_cast<double>(averageFrameRate));
+    }
+    if (mWidth > 0 && mHeight > 0) setLayout(mWidth, mHeight);
+
+    ports->inputCount = kInputCount;
+    ports->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
+    ports->outputCount = outputCount(mThreads);
+    ports->announcesFormat = true;
+    return OK;
+}
+
+void VideoDecoder::setLayout(int width, int height) {
+    int alignedWidth = width;
+    int alignedHeight = height;
+    int unused[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(mDecoder.context(), &alignedWidth, &alignedHeight, unused);
+    PictureLayout layout;
+    layout.width = width;
+    layout.height = height;
+    layout.stride = FFALIGN(alignedWidth, kStrideAlignment);
+    layout.sliceHeight = FFALIGN(alignedHeight, 2);
+    {
+        Mutex::Autolock lock(mPoolLock);
+        mPool = std::make_shared<PicturePool>(layout);
+    }
+    mFormat = new AMessage;
+    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_RAW);
+    mFormat->setInt32("width", layout.stride);
+    mFormat->setInt32("height", layout.sliceHeight);
+    mFormat->setRect("crop", 0, 0, width - 1, height - 1);
+    mFormat->setInt32("stride", layout.stride);
+    mFormat->setInt32("slice-height", layout.sliceHeight);
+    mFormat->setInt32("color-format", kPlanar);
+    if (mFrameRate > 0) mFormat->setInt32("frame-rate", mFrameRate);
+}
+
+std::shared_ptr<PicturePool> VideoDecoder::pool() {
+    Mutex::Autolock lock(mPoolLock);
+    return mPool;
+}
+
+int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
+    auto* self = static_cast<VideoDecoder*>(context->opaque);
+    if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) {
+        return avcodec_default_get_buffer2(context, frame, flags);
+    }
+    const std::shared_ptr<PicturePool> pool = self->pool();
+    if (pool != nullptr && decodesInto(*pool, context, *frame)) {
+        return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
+    }
+    return attachPlanes(context, frame) ? 0 : avcodec_default_get_buffer2(context, frame, flags);
+}
+
+bool VideoDecoder::decodesInto(const PicturePool& pool, AVCodecContext* context,
+                               const AVFrame& frame) {
+    if (frame.format != AV_PIX_FMT_YUV420P) return false;
+    int width = frame.width;
+    int height = frame.height;
+    int alignment[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(context, &width, &height, alignment);
+    return width <= pool.layout().stride && height <= pool.layout().sliceHeight;
+}
+
+status_t VideoDecoder::accept(CodecInput input) {
+    if (input.note.timeLine.number != mTimeLine) {
+        mDecoder.flush();
+        mInside.clear();
+        mHasTime = false;
+        mTimeLine = input.note.timeLine.number;
+    }
+    const AVPacket* properties = input.note.properties.get();
+    const bool stated = properties != nullptr && properties->pts != AV_NOPTS_VALUE;
+    mInside.insert(stated ? properties->pts : input.timeUs);
+    if (mInside.size() > kMaxInside) mInside.erase(mInside.begin());
+    return mDecoder.send(input);
+}
+
+status_t VideoDecoder::finish() { return mDecoder.sendEnd(); }
+
+void VideoDecoder::standing(DecodeOrder::Standing* standing) const {
+    if (!mInside.empty()) standing->earliestUs = *mInside.begin();
+}
+
+CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
+    for (;;) {
+        if (mFrame->buf[0] == nullptr) {
+            switch (mDecoder.receive(mFrame.get())) {
+                case PacketDecoder::Received::kFrame:
+                    break;
+                case PacketDecoder::Received::kNeedsInput:
+                    return Step::kNeedsInput;
+                case PacketDecoder::Received::kFailed:
+                    return Step::kFailed;
+                case PacketDecoder::Received::kRefused:
+                    return Step::kRefused;
+                case PacketDecoder::Received::kEnd:
+                    mInside.clear();
+                    if (mSession != nullptr && mSource != nullptr) {
+                        const TrackSource::Extent extent = mSource->extent();
+                        mSession->endVideo(extent.continuesAtUs, extent.endUs);
+                    }
+                    output->timeUs = mLastTimeUs;
+                    output->timeLine = mTimeLine;
+                    return Step::kEnd;
+            }
+        }
+        if (mFormat == nullptr) {
+            // The frame waits until the format is out.
+            setLayout(mFrame->width, mFrame->height);
+            return Step::kFormat;
+        }
+        mLastTimeUs = timeOf(*mFrame);
+        mHasTime = true;
+        mInside.erase(mInside.begin(), mInside.upper_bound(mLastTimeUs));
+        if (mLastTimeUs < 0) {
+            // An edit list begins behind it; it was needed to decode what follows.
+            av_frame_unref(mFrame.get());
+            continue;
+        }
+        const bool taken = workingPicture(&output->buffer);
+        output->timeUs = mLastTimeUs;
+        output->timeLine = mTimeLine;
+        const int64_t durationUs = durationOf(*mFrame);
+        av_frame_unref(mFrame.get());
+        if (!taken) return Step::kFailed;
+        if (output->buffer != nullptr) {
+            if (mSession != nullptr) mSession->addFrame(mLastTimeUs, durationUs);
+            return Step::kOutput;
+        }
+        mUnconverted++;
+    }
+}
+
+// The last pictures of a stream may have no time: none follows that would push them out.
+int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
+    if (frame.pts != AV_NOPTS_VALUE) return frame.pts;
+    if (mHasTime) return mLastTimeUs + kSecondUs / (mFrameRate > 0 ? mFrameRate : kUsualFrameRate);
+    return mInside.empty() ? mLastTimeUs : *mInside.begin();
+}
+
+bool VideoDecoder::workingPicture(sp<ABuffer>* buffer) {
+    const std::shared_ptr<PicturePool> pool = this->pool();
+    const PictureLayout& layout = pool->layout();
+    const bool asItIs = PictureConverter::isWorkingPicture(*mFrame, layout.width, layout.height);
+    if (asItIs && pool->fits(*mFrame)) {
+        *buffer = pool->wrap(mFrame.get());
+        return *buffer != nullptr;
+    }
+    FramePtr picture(av_frame_alloc());
+    if (picture == nullptr || !pool->attach(picture.get())) return false;
+    if (asItIs) {
+        copyPicture(*mFrame, *picture);
+    } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
+        // An unknown pixel format is passed over; short memory is a failure.
+        return !PictureConverter::canConvert(mFrame->format);
+    }
+    *buffer = pool->wrap(picture.get());
+    return *buffer != nullptr;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

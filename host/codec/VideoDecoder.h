@@ -1,0 +1,71 @@
+// Decodes pictures into working pictures. Where the stream already has the right kind, libavcodec
+// decodes straight into the memory that goes out; everything else is converted into such memory.
+#pragma once
+
+#include <stdint.h>
+#include <utils/Mutex.h>
+
+#include <memory>
+#include <set>
+
+#include "host/codec/CodecBackend.h"
+#include "host/codec/FramePool.h"
+#include "host/codec/PacketDecoder.h"
+#include "host/codec/SessionTimeline.h"
+#include "host/convert/VideoFrameConverter.h"
+#include "host/foundation/FrameAllocator.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class VideoDecoder : public CodecEngine {
+public:
+    // `session` may be null; `threads` as in HostOptions.
+    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0);
+    ~VideoDecoder() override;
+
+    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    sp<AMessage> outputFormat() const override { return mFormat; }
+    Step produce(CodecOutput* output) override;
+    status_t accept(CodecInput input) override;
+    status_t finish() override;
+    void standing(DecodeOrder::Standing* standing) const override;
+
+private:
+    // Fixes the layout of everything that goes out.
+    void setLayout(int width, int height);
+    // libavcodec's get_buffer2; called on its threads, too.
+    static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
+    static bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame);
+    std::shared_ptr<PicturePool> pool();
+    int64_t timeOf(const AVFrame& frame) const;
+    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
+    bool workingPicture(sp<ABuffer>* buffer);
+
+    const std::shared_ptr<SessionTimeline> mSession;
+    const int mThreads;
+    const PictureMemory::Keep mKeepMemory;
+    const FramePtr mFrame;
+    PictureConverter mConverter;
+
+    Mutex mPoolLock;
+    std::shared_ptr<PicturePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
+    sp<TrackSource> mSource;  // null for a format that no extractor made
+    sp<AMessage> mFormat;
+    int mWidth = 0;  // of what goes out, when the format says it
+    int mHeight = 0;
+    int mFrameRate = 0;
+
+    uint32_t mTimeLine = 0;
+    bool mHasTime = false;  // a picture of the time line has come out
+    int64_t mLastTimeUs = 0;
+    // Presentation times of what libavcodec has and has not given back.
+    std::multiset<int64_t> mInside;
+    int64_t mUnconverted = 0;
+
+    // Its threads use the members above: it is the first to go.
+    PacketDecoder mDecoder;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,371 @@
+#include "host/writer/Mp4Muxer.h"
+
+#include <android/log.h>
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+#include <string.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "host/io/UuidBox.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/dict.h>
+#include <libavutil/display.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "Writer";
+constexpr int32_t k3gpFileType = 1;
+// A multiple of every usual frame rate, of 30000/1001 too.
+constexpr int kVideoTicksPerSecond = 90000;
+constexpr int kDefaultFrameRate = 30;
+// Samples that are held back for another track. Two tracks of a session run within a batch of each
+// other, so only a track with a long pause comes near it.
+constexpr size_t kMaxHeldBytes = 16 << 20;
+
+struct Codec {
+    const char* const& mime;
+    AVCodecID id;
+    int frameSamples;  // sound: of each frame
+    bool only3gp;      // the registry of MP4 has no place for it
+};
+
+const Codec kCodecs[] = {
+    {MEDIA_MIMETYPE_VIDEO_AVC, AV_CODEC_ID_H264, 0, false},
+    {MEDIA_MIMETYPE_VIDEO_MPEG4, AV_CODEC_ID_MPEG4, 0, false},
+    {MEDIA_MIMETYPE_VIDEO_H263, AV_CODEC_ID_H263, 0, true},
+    // libavformat writes no VP8. VP9 goes into a file in the same way but for the sample entry's
+    // name.
+    {MEDIA_MIMETYPE_VIDEO_VP8, AV_CODEC_ID_VP9, 0, false},
+    {MEDIA_MIMETYPE_AUDIO_AAC, AV_CODEC_ID_AAC, 1024, false},
+    {MEDIA_MIMETYPE_AUDIO_AMR_NB, AV_CODEC_ID_AMR_NB, 160, true},
+    {MEDIA_MIMETYPE_AUDIO_AMR_WB, AV_CODEC_ID_AMR_WB, 320, true},
+};
+
+const Codec* findCodec(const MetaDataBase& format) {
+    const char* mime = nullptr;
+    if (!format.findCString(kKeyMIMEType, &mime)) return nullptr;
+    const auto* found =
+        std::find_if(std::begin(kCodecs), std::end(kCodecs),
+                     [&](const Codec& codec) { return strcasecmp(codec.mime, mime) == 0; });
+    return found == std::end(kCodecs) ? nullptr : found;
+}
+
+int32_t intOf(const MetaDataBase& format, uint32_t key) {
+    int32_t value = 0;
+    format.findInt32(key, &value);
+    return value;
+}
+
+bool isVideo(const AVCodecParameters& parameters) {
+    return parameters.codec_type == AVMEDIA_TYPE_VIDEO;
+}
+
+bool setExtradata(const uint8_t* data, size_t size, AVCodecParameters* parameters) {
+    auto* copy = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (copy == nullptr) return false;
+    memcpy(copy, data, size);
+    av_freep(&parameters->extradata);
+    parameters->extradata = copy;
+    parameters->extradata_size = static_cast<int>(size);
+    return true;
+}
+
+// What every encoder here is given: the picture of a plain screen.
+void setPictureKeys(const MetaDataBase& format, AVCodecParameters* parameters) {
+    // 4:2:0 has no odd sizes; the encoders leave the last row and column out.
+    parameters->width = intOf(format, kKeyWidth) & ~1;
+    parameters->height = intOf(format, kKeyHeight) & ~1;
+    parameters->color_primaries = AVCOL_PRI_BT709;
+    parameters->color_trc = AVCOL_TRC_BT709;
+    parameters->color_space = AVCOL_SPC_BT709;
+    parameters->color_range = AVCOL_RANGE_MPEG;
+    parameters->sample_aspect_ratio = {1, 1};
+    parameters->format = AV_PIX_FMT_YUV420P;
+    parameters->profile = 0;
+}
+
+void setSoundKeys(const MetaDataBase& format, const Codec& codec, AVCodecParameters* parameters) {
+    parameters->sample_rate = intOf(format, kKeySampleRate);
+    av_channel_layout_default(&parameters->ch_layout, intOf(format, kKeyChannelCount));
+    parameters->frame_size = codec.frameSamples;
+}
+
+bool isComplete(const AVCodecParameters& parameters) {
+    if (isVideo(parameters)) return parameters.width > 0 && parameters.height > 0;
+    return parameters.sample_rate > 0 && parameters.ch_layout.nb_channels > 0;
+}
+
+bool setRotation(AVStream* stream, int32_t degrees) {
+    int32_t matrix[9];
+    av_display_rotation_set(matrix, degrees);
+    uint8_t* data = av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, sizeof(matrix));
+    if (data == nullptr) return false;
+    memcpy(data, matrix, sizeof(matrix));
+    return true;
+}
+
+// Where in a movie box the name of a VP9 sample entry is, as the first of its description box
+// (ISO/IEC 14496-12, 8.5.2); the end when there is none from `start` on.
+uint8_t* findVp9Entry(uint8_t* start, uint8_t* end) {
+    static constexpr uint8_t kDescription[] = {'s', 't', 's', 'd', 0, 0, 0, 0, 0, 0, 0, 1};
+    constexpr ptrdiff_t kNameOffset = sizeof(kDescription) + 4;
+    for (;;) {
+        start = std::search(start, end, std::begin(kDescription), std::end(kDescription));
+        if (end - start < kNameOffset + 4) return end;
+        if (memcmp(start + kNameOffset, "vp09", 4) == 0) return start + kNameOffset;
+        start += sizeof(kDescription);
+    }
+}
+
+// To put the movie box first, libavformat reads back what it wrote.
+int openWritten(AVFormatContext* context, AVIOContext** io, const char*, int flags,
+                AVDictionary**) {
+    if ((flags & AVIO_FLAG_WRITE) != 0) return AVERROR(EACCES);
+    *io = static_cast<OutputFile*>(context->opaque)->openForReading();
+    return *io == nullptr ? AVERROR(EACCES) : 0;
+}
+
+int closeWritten(AVFormatContext*, AVIOContext* io) {
+    IoContextPtr owner(io);
+    return 0;
+}
+
+}  // namespace
+
+MuxedFile::MuxedFile(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session)
+    : mOutput(std::move(output)), mSession(std::move(session)) {}
+
+MuxedFile::~MuxedFile() = default;
+
+status_t MuxedFile::addTrack(const MetaDataBase& format) {
+    Mutex::Autolock lock(mLock);
+    const Codec* codec = findCodec(format);
+    if (codec == nullptr) return ERROR_UNSUPPORTED;
+    Track track;
+    track.parameters.reset(avcodec_parameters_alloc());
+    if (track.parameters == nullptr) return NO_MEMORY;
+    AVCodecParameters* parameters = track.parameters.get();
+    parameters->codec_type = avcodec_get_type(codec->id);
+    parameters->codec_id = codec->id;
+    parameters->bit_rate = intOf(format, kKeyBitRate);
+    track.frameRate = intOf(format, kKeyFrameRate);
+    if (isVideo(*parameters)) {
+        setPictureKeys(format, parameters);
+    } else {
+        setSoundKeys(format, *codec, parameters);
+    }
+    if (!isComplete(*parameters)) return ERROR_MALFORMED;
+    mTracks.push_back(std::move(track));
+    return OK;
+}
+
+bool MuxedFile::needs3gp() const {
+    return std::any_of(mTracks.begin(), mTracks.end(), [](const Track& track) {
+        return std::any_of(std::begin(kCodecs), std::end(kCodecs), [&](const Codec& codec) {
+            return codec.only3gp && codec.id == track.parameters->codec_id;
+        });
+    });
+}
+
+status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
+    Mutex::Autolock lock(mLock);
+    const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
+    AVFormatContext* context = nullptr;
+    if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
+    mContext.reset(context);
+    context->pb = &mOutput->io();
+    context->opaque = mOutput.get();
+    context->io_open = openWritten;
+    context->io_close2 = closeWritten;
+    context->flags |= AVFMT_FLAG_BITEXACT;
+    context->flush_packets = 0;
+    // Samples are as they should be; VP8 would not pass for VP9.
+    context->flags &= ~AVFMT_FLAG_AUTO_BSF;
+    for (Track& track : mTracks) {
+        const status_t result = addStream(&track, rotationDegrees);
+        if (result != OK) return result;
+    }
+    AVDictionary* options = nullptr;
+    const bool isFirst = movieBoxFirst && mOutput->isReadable();
+    if (av_dict_set_int(&options, "video_track_timescale", kVideoTicksPerSecond, 0) < 0 ||
+        av_dict_set_int(&options, "movie_timescale", kVideoTicksPerSecond, 0) < 0 ||
+        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
+        av_dict_free(&options);
+        return NO_MEMORY;
+    }
+    const int result = avformat_write_header(context, &options);
+    av_dict_free(&options);
+    // A full disc is no reason to refuse the tracks: the first sample reports it.
+    if (result < 0 && keep(result) != OK && context->pb->error == 0) return mError;
+    mHasHeader = result >= 0;
+    for (Track& track : mTracks) startClock(&track);
+    mInterleaver = std::make_unique<PacketInterleaver>(mTracks.size(), kMaxHeldBytes);
+    return OK;
+}
+
+status_t MuxedFile::addStream(Track* track, int32_t rotationDegrees) {
+    AVStream* stream = avformat_new_stream(mContext.get(), nullptr);
+    if (stream == nullptr) return NO_MEMORY;
+    if (avcodec_parameters_copy(stream->codecpar, track->parameters.get()) < 0) return NO_MEMORY;
+    track->stream = stream;
+    if (!isVideo(*stream->codecpar)) {
+        stream->time_base = {1, stream->codecpar->sample_rate};
+        return OK;
+    }
+    stream->time_base = {1, kVideoTicksPerSecond};
+    stream->sample_aspect_ratio = stream->codecpar->sample_aspect_ratio;
+    if (rotationDegrees % 360 != 0 && !setRotation(stream, rotationDegrees)) return NO_MEMORY;
+    return OK;
+}
+
+void MuxedFile::startClock(Track* track) {
+    const AVRational tick = track->stream->time_base;
+    const int64_t ticksPerSecond = tick.den / std::max(tick.num, 1);
+    const int frameRate = track->frameRate > 0 ? track->frameRate : kDefaultFrameRate;
+    track->clock = std::make_unique<SampleClock>(ticksPerSecond, track->parameters->frame_size,
+                                                 ticksPerSecond / frameRate);
+}
+
+status_t MuxedFile::setCodecConfig(size_t index, const uint8_t* data, size_t size) {
+    Mutex::Autolock lock(mLock);
+    Track& track = mTracks.at(index);
+    if (track.hasSamples || size == 0) return mError;
+    // libavformat takes it over with the track's first sample.
+    return setExtradata(data, size, track.stream->codecpar) ? mError : NO_MEMORY;
+}
+
+status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, int64_t timeUs,
+                                bool isSync) {
+    Mutex::Autolock lock(mLock);
+    if (mError != OK || size == 0) return mError;
+    const bool isFirst = std::none_of(mTracks.begin(), mTracks.end(),
+                                      [](const Track& each) { return each.hasSamples; });
+    if (isFirst && observer() != nullptr) observer()->onFirstSample();
+    Track& track = mTracks.at(index);
+    const SampleClock::Stamp stamp = track.clock->stamp(timeUs);
+    PacketPtr packet(av_packet_alloc());
+    if (packet == nullptr || av_new_packet(packet.get(), static_cast<int>(size)) < 0) {
+        return keep(NO_MEMORY);
+    }
+    memcpy(packet->data, data, size);
+    packet->stream_index = track.stream->index;
+    packet->pts = packet->dts = stamp.ticks;
+    packet->duration = stamp.durationTicks;
+    packet->flags = isSync ? AV_PKT_FLAG_KEY : 0;
+    // Samples of one track stay in order where their timestamps do not rise.
+    track.lastTimeUs = track.hasSamples ? std::max(timeUs, track.lastTimeUs) : timeUs;
+    track.hasSamples = true;
+    const int64_t durationUs =
+        av_rescale_q(stamp.durationTicks, track.stream->time_base, {1, 1000000});
+    mInterleaver->push({index, std::move(packet), track.lastTimeUs, track.lastTimeUs + durationUs});
+    return writeSettled();
+}
+
+status_t MuxedFile::endTrack(size_t index) {
+    Mutex::Autolock lock(mLock);
+    const Track& track = mTracks.at(index);
+    if (mInterleaver == nullptr || !hasAllSamples(track)) return mError;
+    const PacketInterleaver::Held* last = mInterleaver->last(index);
+    std::optional<int64_t> endUs;
+    if (last != nullptr && isVideo(*track.parameters) && mSession != nullptr) {
+        endUs = mSession->videoEndUs(last->timeUs);
+    }
+    const bool isKnown = endUs && *endUs > last->timeUs;
+    endAt(index, isKnown ? *endUs : last == nullptr ? 0 : last->endUs);
+    if (isKnown && observer() != nullptr) observer()->onVideoEnd(*endUs);
+    return writeSettled();
+}
+
+bool MuxedFile::hasAllSamples(const Track& track) const {
+    return mSession == nullptr || mSession->isComplete(isVideo(*track.parameters));
+}
+
+// Audio samples are as long as their codec makes them; only a video frame is as long as it is
+// shown.
+void MuxedFile::endAt(size_t index, int64_t endUs) {
+    const Track& track = mTracks[index];
+    const PacketInterleaver::Held* last = mInterleaver->last(index);
+    if (last != nullptr && isVideo(*track.parameters)) {
+        AVPacket& packet = *last->packet;
+        packet.duration = std::max<int64_t>(track.clock->ticksAt(endUs) - packet.dts, 1);
+    }
+    mInterleaver->end(index, endUs);
+}
+
+void MuxedFile::cutStoppedTracks() {
+    mInterleaver->cutAt(mInterleaver->commonEndUs());
+    for (size_t i = 0; i < mTracks.size(); ++i) {
+        const PacketInterleaver::Held* last = mInterleaver->last(i);
+        endAt(i, last == nullptr ? 0 : last->endUs);
+    }
+}
+
+status_t MuxedFile::writeSettled() {
+    while (mError == OK) {
+        const std::optional<PacketInterleaver::Held> next = mInterleaver->pop();
+        if (!next) break;
+        keep(av_write_frame(mContext.get(), next->packet.get()));
+    }
+    return mError;
+}
+
+status_t MuxedFile::finish(const std::vector<uint8_t>& boxes) {
+    Mutex::Autolock lock(mLock);
+    if (mInterleaver != nullptr) {
+        cutStoppedTracks();
+        writeSettled();
+    }
+    if (mHasHeader) {
+        keep(av_write_trailer(mContext.get()));
+        mHasHeader = false;
+        keep(nameVp8Entries());
+        // When the movie box was put first, the position is behind that one.
+        AVIOContext& io = mOutput->io();
+        avio_seek(&io, avio_size(&io), SEEK_SET);
+        avio_write(&io, boxes.data(), static_cast<int>(boxes.size()));
+    }
+    keep(mOutput->finish());
+    return mError;
+}
+
+status_t MuxedFile::nameVp8Entries() {
+    const bool hasVp8 = std::any_of(mTracks.begin(), mTracks.end(), [](const Track& track) {
+        return track.parameters->codec_id == AV_CODEC_ID_VP9 && track.hasSamples;
+    });
+    if (!hasVp8 || mError != OK) return OK;
+    const auto file = mOutput->written();
+    if (file == nullptr) return ERROR_IO;
+    const TopLevelBoxes boxes = readTopLevelBoxes(*file);
+    std::vector<uint8_t> movie(static_cast<size_t>(boxes.movieBytes));
+    if (!file->readFully(boxes.movieOffset, movie.data(), movie.size())) return ERROR_IO;
+    uint8_t* const end = movie.data() + movie.size();
+    for (uint8_t* name = findVp9Entry(movie.data(), end); name != end;
+         name = findVp9Entry(name, end)) {
+        avio_seek(&mOutput->io(), boxes.movieOffset + (name - movie.data()), SEEK_SET);
+        avio_write(&mOutput->io(), reinterpret_cast<const uint8_t*>("vp08"), 4);
+    }
+    return OK;
+}
+
+// FFmpeg's errors are -errno, or codes of its own that mean nothing outside.
+status_t MuxedFile::keep(int result) {
+    if (result >= 0 || mError != OK) return mError;
+    mError = result > -4096 ? result : ERROR_MALFORMED;
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "writing fails: %d", mError);
+    if (observer() != nullptr && result > -4096) observer()->onWriteError(-result);
+    return mError;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

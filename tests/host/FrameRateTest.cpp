@@ -1,0 +1,125 @@
+// Rates from frame times, and times put back on their grid.
+#include <gtest/gtest.h>
+#include <math.h>
+
+#include <cmath>
+
+#include "host/extractor/FrameRate.h"
+#include "host/writer/TrackTimestamps.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr int64_t kMillisecondUs = 1000;
+
+std::vector<int64_t> timesInMilliseconds(double rate, int count) {
+    std::vector<int64_t> timesUs;
+    for (int i = 0; i < count; ++i) timesUs.push_back(llround(i * 1000 / rate) * kMillisecondUs);
+    return timesUs;
+}
+
+}  // namespace
+
+class FrameGridRates : public ::testing::TestWithParam<std::pair<double, int>> {};
+
+TEST_P(FrameGridRates, millisecondsGoBackToTheGrid_andNoFrameComesTooEarlyForTheRate) {
+    const auto [rate, announced] = GetParam();
+    const auto timesUs = timesInMilliseconds(rate, 120);
+    FrameTiming timing = studyFrameTimes({timesUs}, kMillisecondUs, {});
+    EXPECT_EQ(announced, timing.rate);
+    ASSERT_TRUE(timing.grid.has_value());
+    const auto longRunUs = timesInMilliseconds(rate, 100000);
+    int64_t lastUs = timing.grid->snap(longRunUs[0]);
+    for (size_t i = 1; i < longRunUs.size(); ++i) {
+        const int64_t timeUs = timing.grid->snap(longRunUs[i]);
+        ASSERT_GE(timeUs - lastUs, 1000000 / announced) << "frame " << i;
+        ASSERT_LE(std::abs(timeUs - longRunUs[i]), kMillisecondUs) << "frame " << i;
+        lastUs = timeUs;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, FrameGridRates,
+                         ::testing::Values(std::make_pair(24000 / 1001.0, 24),
+                                           std::make_pair(24.0, 24), std::make_pair(25.0, 25),
+                                           std::make_pair(30000 / 1001.0, 30),
+                                           std::make_pair(30.0, 30), std::make_pair(50.0, 50),
+                                           std::make_pair(60000 / 1001.0, 60),
+                                           std::make_pair(60.0, 60), std::make_pair(120.0, 120)));
+
+TEST(FrameGrid, aRateThatTheContainerNamesIsTakenAndRoundedUp) {
+    const FrameTiming timing =
+        studyFrameTimes({timesInMilliseconds(10.3, 50)}, kMillisecondUs, {{103, 10}});
+    EXPECT_EQ(11, timing.rate);
+    EXPECT_TRUE(timing.grid.has_value());
+    EXPECT_EQ(9, studyFrameTimes({{0}}, kMillisecondUs, {{8797, 1000}}).rate);
+    EXPECT_EQ(30, studyFrameTimes(FrameTimes(), kMillisecondUs, {{0, 0}, {1, 0}}).rate);
+}
+
+TEST(FrameGrid, variableRate_isLeftAlone_andNoFrameIsTooCloseForTheRate) {
+    std::vector<int64_t> timesUs = {0};
+    for (int i = 0; i < 200; ++i) {
+        timesUs.push_back(timesUs.back() + (i % 3 == 0 ? 67000 : i == 100 ? 5000 : 33400));
+    }
+    const FrameTiming timing = studyFrameTimes({timesUs, true}, 11, {{90000, 1}});
+    EXPECT_FALSE(timing.grid.has_value());
+    EXPECT_EQ(200, timing.rate);
+    // Later frames may be closer than those that were read.
+    EXPECT_EQ(240, studyFrameTimes({timesUs, false}, 33000, {}).rate);
+    EXPECT_EQ(1000, studyFrameTimes({timesUs, false}, kMillisecondUs, {}).rate);
+}
+
+TEST(FrameGrid, timesThatAreExactStayAsTheyAre_howeverLongTheTick) {
+    std::vector<int64_t> timesUs;
+    for (int i = 0; i < 900; ++i) timesUs.push_back(llround(i * 1e6 / 30));
+    FrameTiming timing = studyFrameTimes({timesUs}, 33334, {});
+    ASSERT_TRUE(timing.grid.has_value());
+    for (const int64_t timeUs : timesUs) ASSERT_EQ(timeUs, timing.grid->snap(timeUs));
+}
+
+TEST(FrameGrid, afterABreakTheGridBeginsAnew) {
+    FrameGrid grid({30, 1}, kMillisecondUs);
+    EXPECT_EQ(0, grid.snap(0));
+    EXPECT_EQ(33333, grid.snap(33000));
+    EXPECT_EQ(1015000, grid.snap(1015000));
+    EXPECT_EQ(1048333, grid.snap(1048000));
+    EXPECT_EQ(1015000 - 33333, grid.snap(982000));
+}
+
+TEST(FrameGrid, aRateThatIsSlightlyOff_driftsWithoutAFrameThatComesTooEarly) {
+    FrameGrid grid({2997, 100}, kMillisecondUs);
+    const auto timesUs = timesInMilliseconds(29.98, 20000);
+    int64_t lastUs = grid.snap(timesUs[0]);
+    for (size_t i = 1; i < timesUs.size(); ++i) {
+        const int64_t timeUs = grid.snap(timesUs[i]);
+        ASSERT_GE(timeUs - lastUs, 33333) << "frame " << i;
+        lastUs = timeUs;
+    }
+}
+
+TEST(SampleClock, soundKeepsItsFrameLength_untilThereIsARealGap) {
+    SampleClock clock(48000, 1024, 0);
+    EXPECT_EQ(-1024, clock.stamp(-21333).ticks);
+    for (int64_t i = 0; i < 1000; ++i) {
+        // As counted by someone who drops the fractions.
+        EXPECT_EQ(i * 1024, clock.stamp(i * 1024 * 1000000 / 48000).ticks);
+    }
+    EXPECT_EQ(48000 * 30, clock.stamp(30000000).ticks);
+    EXPECT_EQ(1024, clock.stamp(30021333).durationTicks);
+}
+
+TEST(SampleClock, picturesRise_whateverTheirTimesDo) {
+    SampleClock clock(90000, 0, 3000);
+    const auto first = clock.stamp(0);
+    EXPECT_EQ(3000, first.durationTicks);
+    EXPECT_EQ(3003, clock.stamp(33367).ticks);
+    EXPECT_EQ(3004, clock.stamp(33367).ticks);
+    EXPECT_EQ(3005, clock.stamp(10000).ticks);
+    EXPECT_EQ(9000, clock.stamp(100000).ticks);
+    const auto late = clock.stamp(INT64_C(360000000000));
+    EXPECT_EQ(INT64_C(360000) * 90000, late.ticks);
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android
