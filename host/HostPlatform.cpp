@@ -49,14 +49,15 @@ public:
 
     sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString& mime, bool encoder,
                                status_t* err) override {
-        std::unique_ptr<CodecEngine> engine = encoder ? createEncoder(mime) : createDecoder(mime);
-        if (err != nullptr) *err = engine == nullptr ? NAME_NOT_FOUND : OK;
-        if (engine == nullptr) return nullptr;
-        if (!encoder) return new CodecWorker(looper, std::move(engine));
+        std::unique_ptr<CodecBackend> backend = encoder ? createEncoder(mime) : createDecoder(mime);
+        if (err != nullptr) *err = backend == nullptr ? NAME_NOT_FOUND : OK;
+        if (backend == nullptr) return nullptr;
+        if (!encoder) return new HostMediaCodec(looper, std::move(backend));
         const bool isVideo = mime.startsWithIgnoreCase("video/");
         session()->encoderStarted(isVideo);
-        return new CodecWorker(looper, std::move(engine),
-                               [session = session(), isVideo] { session->encoderEnded(isVideo); });
+        return new HostMediaCodec(looper, std::move(backend), [session = session(), isVideo] {
+            session->encoderEnded(isVideo);
+        });
     }
 
     sp<ExtractorBackend> createExtractor() override {
@@ -67,7 +68,7 @@ public:
         return createFileWriter(fd, mOptions, tSession);
     }
     sp<AudioConverterBackend> createAudioConverter() override { return new AudioConverter; }
-    void scale(const ScaleRequest& request) override { scalePicture(request); }
+    void scale(const ScaleRequest& request) override { scaleFrame(request); }
     void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) override {
         setWriterUuidData(writer, data, size);
     }
@@ -81,7 +82,7 @@ private:
         return tSession;
     }
 
-    std::unique_ptr<CodecEngine> createEncoder(const AString& mime) const {
+    std::unique_ptr<CodecBackend> createEncoder(const AString& mime) const {
         if (encoderOf(mime) == nullptr) return nullptr;
         if (mime.startsWithIgnoreCase("audio/")) {
             return std::make_unique<AudioEncoder>(mOptions.observer);
@@ -90,7 +91,7 @@ private:
     }
 
     // A track's codec is known only when the decoder is configured with the track's format.
-    std::unique_ptr<CodecEngine> createDecoder(const AString& mime) const {
+    std::unique_ptr<CodecBackend> createDecoder(const AString& mime) const {
         if (mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED) ||
             mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED)) {
             return nullptr;

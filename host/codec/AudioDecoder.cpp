@@ -30,7 +30,7 @@ constexpr int64_t kShortChunkFrames = 256;
 constexpr int64_t kJitterUs = 20000;
 // Sound that is missing for longer, where the reader has passed already, is a hole; less may still
 // be inside the decoder.
-constexpr int64_t kHoleUs = 100000;
+constexpr int64_t kGapUs = 100000;
 // A time this far behind the end of the track is damaged.
 constexpr int64_t kBeyondEndUs = 10000000;
 
@@ -53,7 +53,7 @@ AudioDecoder::AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs
 
 AudioDecoder::~AudioDecoder() = default;
 
-status_t AudioDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) {
+status_t AudioDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffers) {
     if (mFrame == nullptr) return NO_MEMORY;
     status_t status = mDecoder.prepare(format);
     if (status != OK) return status;
@@ -73,10 +73,11 @@ status_t AudioDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
 
     int32_t maxInputBytes = 0;
     format->findInt32("max-input-size", &maxInputBytes);
-    ports->inputCount = kInputCount;
-    ports->inputBytes = maxInputBytes > 0 ? static_cast<size_t>(maxInputBytes) : kDefaultInputBytes;
-    ports->outputCount = kOutputCount;
-    ports->announcesFormat = true;
+    buffers->inputCount = kInputCount;
+    buffers->inputBytes =
+        maxInputBytes > 0 ? static_cast<size_t>(maxInputBytes) : kDefaultInputBytes;
+    buffers->outputCount = kOutputCount;
+    buffers->announcesFormat = true;
     return OK;
 }
 
@@ -91,16 +92,16 @@ void AudioDecoder::setFormat(int sampleRate, int channelCount) {
 }
 
 int64_t AudioDecoder::frameAt(int64_t timeUs) const {
-    return av_rescale(timeUs - mTimeLine.startUs, mSampleRate, 1000000);
+    return av_rescale(timeUs - mSegment.startUs, mSampleRate, 1000000);
 }
 
 int64_t AudioDecoder::timeAt(int64_t frame) const {
-    return mTimeLine.startUs + av_rescale(frame, 1000000, mSampleRate);
+    return mSegment.startUs + av_rescale(frame, 1000000, mSampleRate);
 }
 
 int64_t AudioDecoder::silenceDueUs() const {
     // One sample more, so that silence that is due is never less than a sample.
-    return mInHole ? timeAt(mNextFrame + 1) : timeAt(mNextFrame) + kHoleUs;
+    return mInGap ? timeAt(mNextFrame + 1) : timeAt(mNextFrame) + kGapUs;
 }
 
 int64_t AudioDecoder::pcmFrames() const {
@@ -116,28 +117,28 @@ int64_t AudioDecoder::framesToCut() const {
     return std::max<int64_t>(frame - mNextFrame, 1);
 }
 
-void AudioDecoder::enter(const TimeLine& timeLine) {
+void AudioDecoder::enter(const InputSegment& segment) {
     mDecoder.flush();
     mResampler.reset();
     mResamplerInput.clear();
-    mTimeLine = timeLine;
+    mSegment = segment;
     mNextFrame = 0;
     mSilenceFrames = 0;
-    mSilenceBudget.beginTimeLine();
+    mSilenceBudget.beginSegment();
     mAtStart = true;
-    mInHole = false;
+    mInGap = false;
     mPcm.clear();
     mPcmUsed = 0;
 }
 
 status_t AudioDecoder::accept(CodecInput input) {
-    if (input.note.timeLine.number != mTimeLine.number) enter(input.note.timeLine);
+    if (input.info.segment.number != mSegment.number) enter(input.info.segment);
     return mDecoder.send(input);
 }
 
 status_t AudioDecoder::finish() { return mDecoder.sendEnd(); }
 
-CodecEngine::Step AudioDecoder::produce(CodecOutput* output) {
+CodecBackend::Step AudioDecoder::produce(CodecOutput* output) {
     for (;;) {
         if (mSilenceFrames > 0 || pcmFrames() > 0) return produceChunk(output);
         switch (mDecoder.receive(mFrame.get())) {
@@ -151,7 +152,7 @@ CodecEngine::Step AudioDecoder::produce(CodecOutput* output) {
                 return Step::kRefused;
             case PacketDecoder::Received::kEnd:
                 output->timeUs = mSampleRate > 0 ? timeAt(mNextFrame) : 0;
-                output->timeLine = mTimeLine.number;
+                output->segment = mSegment.number;
                 return Step::kEnd;
         }
         const bool first = mFormat == nullptr;
@@ -164,9 +165,9 @@ CodecEngine::Step AudioDecoder::produce(CodecOutput* output) {
     }
 }
 
-CodecEngine::Step AudioDecoder::produceWithoutInput(const TimeLine& timeLine, int64_t positionUs,
-                                                    CodecOutput* output) {
-    if (timeLine.number != mTimeLine.number) enter(timeLine);
+CodecBackend::Step AudioDecoder::produceWithoutInput(const InputSegment& segment,
+                                                     int64_t positionUs, CodecOutput* output) {
+    if (segment.number != mSegment.number) enter(segment);
     if (mFormat == nullptr) return Step::kNeedsInput;
     const int64_t untilUs = std::min(positionUs, mTrackEndUs);
     // Before the first sample of a time line, the position is no time yet.
@@ -175,18 +176,20 @@ CodecEngine::Step AudioDecoder::produceWithoutInput(const TimeLine& timeLine, in
     if (missing <= 0) return Step::kNeedsInput;
     addSilence(missing);
     if (mRefused) return Step::kRefused;
-    mInHole = true;
+    mInGap = true;
     return produceChunk(output);
 }
 
-void AudioDecoder::standing(DecodeOrder::Standing* standing) const {
-    if (mFormat == nullptr) return;
-    if (mSilenceFrames > 0 || pcmFrames() > 0) standing->earliestUs = timeAt(mNextFrame);
-    standing->silenceDueUs = silenceDueUs();
-    standing->silenceUntilUs = mTrackEndUs;
+OutputSequencer::MemberState AudioDecoder::memberState() const {
+    OutputSequencer::MemberState state;
+    if (mFormat == nullptr) return state;
+    if (mSilenceFrames > 0 || pcmFrames() > 0) state.earliestUs = timeAt(mNextFrame);
+    state.silenceDueUs = silenceDueUs();
+    state.silenceUntilUs = mTrackEndUs;
+    return state;
 }
 
-CodecEngine::Step AudioDecoder::produceChunk(CodecOutput* output) {
+CodecBackend::Step AudioDecoder::produceChunk(CodecOutput* output) {
     const bool silent = mSilenceFrames > 0;
     const int64_t frames =
         std::min({mChunkFrames, silent ? mSilenceFrames : pcmFrames(), framesToCut()});
@@ -194,7 +197,7 @@ CodecEngine::Step AudioDecoder::produceChunk(CodecOutput* output) {
     output->buffer = new ABuffer(samples * sizeof(int16_t));
     if (output->buffer->capacity() == 0) return Step::kFailed;
     output->timeUs = timeAt(mNextFrame);
-    output->timeLine = mTimeLine.number;
+    output->segment = mSegment.number;
     if (silent) {
         memset(output->buffer->base(), 0, samples * sizeof(int16_t));
         mSilenceFrames -= frames;
@@ -258,7 +261,8 @@ bool AudioDecoder::resample(const AVFrame* frame) {
 // A period that ends before the silence needs only a part of it.
 void AudioDecoder::addSilence(int64_t frames) {
     const int64_t endUs = timeAt(mNextFrame + std::min(frames, framesToCut()));
-    const int64_t videoUs = mSource == nullptr ? INT64_MIN : mSource->order()->videoBefore(endUs);
+    const int64_t videoUs =
+        mSource == nullptr ? INT64_MIN : mSource->sequencer()->videoBefore(endUs);
     const std::optional<std::string> reason =
         mSilenceBudget.addSilence(timeAt(mNextFrame), endUs, videoUs);
     mRefused = reason.has_value();
@@ -273,7 +277,7 @@ void AudioDecoder::place(int64_t startFrame) {
     const int64_t gap = startFrame - mNextFrame;
     // The first sound is put to its exact place, and so is the first one after a hole, which may
     // have been filled up to anywhere.
-    const bool adjoins = !mAtStart && !mInHole;
+    const bool adjoins = !mAtStart && !mInGap;
     const int64_t jitter = adjoins ? av_rescale(kJitterUs, mSampleRate, 1000000) : 0;
     if (gap > jitter) {
         addSilence(gap);
@@ -282,7 +286,7 @@ void AudioDecoder::place(int64_t startFrame) {
         mPcmUsed += static_cast<size_t>(dropped) * static_cast<size_t>(mChannelCount);
     }
     mSilenceBudget.addAudio(av_rescale(pcmFrames(), 1000000, mSampleRate));
-    mInHole = false;
+    mInGap = false;
     if (pcmFrames() > 0) mAtStart = false;
 }
 

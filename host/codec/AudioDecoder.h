@@ -19,7 +19,7 @@
 namespace android {
 namespace qmmediaeditor {
 
-class AudioDecoder : public CodecEngine {
+class AudioDecoder : public CodecBackend {
 public:
     // No buffer goes across one of the times in `cutTimesUs`, which rise. When there may be others,
     // all buffers are short. `observer`, which may be null, hears why an input is refused, and
@@ -27,18 +27,18 @@ public:
     AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs, HostObserver* observer);
     ~AudioDecoder() override;
 
-    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
     sp<AMessage> outputFormat() const override { return mFormat; }
     Step produce(CodecOutput* output) override;
     status_t accept(CodecInput input) override;
     status_t finish() override;
-    Step produceWithoutInput(const TimeLine& timeLine, int64_t positionUs,
+    Step produceWithoutInput(const InputSegment& segment, int64_t positionUs,
                              CodecOutput* output) override;
-    void standing(DecodeOrder::Standing* standing) const override;
+    OutputSequencer::MemberState memberState() const override;
 
 private:
     void setFormat(int sampleRate, int channelCount);
-    void enter(const TimeLine& timeLine);
+    void enter(const InputSegment& segment);
     // Each false when memory is short.
     bool takeFrame();
     bool prepareResampler();
@@ -73,14 +73,14 @@ private:
     SilenceBudget mSilenceBudget;
     bool mRefused = false;
 
-    TimeLine mTimeLine;
+    InputSegment mSegment;
     // Of what comes out next, in sample frames since the start of the time line.
     int64_t mNextFrame = 0;
     int64_t mSilenceFrames = 0;
     // No sound has come yet on this time line.
     bool mAtStart = true;
     // The last that came out was silence, for want of input.
-    bool mInHole = false;
+    bool mInGap = false;
     std::vector<int16_t> mPcm;
     size_t mPcmUsed = 0;  // samples
 };

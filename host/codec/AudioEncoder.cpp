@@ -59,7 +59,7 @@ AudioEncoder::AudioEncoder(HostObserver* observer)
 
 AudioEncoder::~AudioEncoder() = default;
 
-status_t AudioEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) {
+status_t AudioEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffers) {
     if (mFrame == nullptr) return NO_MEMORY;
     AString mime;
     if (!format->findString("mime", &mime)) return BAD_VALUE;
@@ -82,10 +82,10 @@ status_t AudioEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
 
     int32_t inputBytes = 0;
     format->findInt32("max-input-size", &inputBytes);
-    ports->inputCount = kInputCount;
-    ports->inputBytes =
+    buffers->inputCount = kInputCount;
+    buffers->inputBytes =
         std::clamp(static_cast<size_t>(std::max(inputBytes, 0)), kMinInputBytes, kMaxInputBytes);
-    ports->outputCount = kOutputCount;
+    buffers->outputCount = kOutputCount;
     return OK;
 }
 
@@ -204,7 +204,7 @@ status_t AudioEncoder::sendFrame() {
     return mEncoder.send(frame);
 }
 
-CodecEngine::Step AudioEncoder::produce(CodecOutput* output) {
+CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     if (mCodecSpecificData != nullptr) {
         output->buffer = mCodecSpecificData;
         output->flags = MediaCodec::BUFFER_FLAG_CODECCONFIG;

@@ -13,13 +13,13 @@
 namespace android {
 namespace qmmediaeditor {
 
-class AudioEncoder : public CodecEngine {
+class AudioEncoder : public CodecBackend {
 public:
     // `observer` may be null.
     explicit AudioEncoder(HostObserver* observer);
     ~AudioEncoder() override;
 
-    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
     sp<AMessage> outputFormat() const override { return mFormat; }
     Step produce(CodecOutput* output) override;
     status_t accept(CodecInput input) override;

@@ -1,5 +1,5 @@
-// What one kind of codec does, without threads and buffers' bookkeeping: a CodecWorker owns one and
-// feeds it.
+// What one kind of codec does, without threads and buffers' bookkeeping: a HostMediaCodec owns one
+// and feeds it.
 //
 // Order of use: configure, then produce and accept in turn, until produce says kEnd or the engine
 // is destroyed. One thread at a time: configure comes from the caller's thread, everything else
@@ -23,11 +23,11 @@ namespace android {
 namespace qmmediaeditor {
 
 // The buffers that an engine wants to have.
-struct CodecPorts {
+struct CodecBuffers {
     size_t inputCount = 0;
     size_t inputBytes = 0;
     // They are filled to the end. Others are as large as a sample can be, and mostly stay empty.
-    bool inputsArePictures = false;
+    bool inputsAreFrames = false;
     size_t outputCount = 0;
     // The client is told of the output format before the first output.
     bool announcesFormat = false;
@@ -40,7 +40,7 @@ struct CodecInput {
     int64_t timeUs = 0;
     // The input buffer is taken again when the last copy of this is gone.
     std::shared_ptr<const void> lease;
-    SampleNote note;
+    PacketInfo info;
 };
 
 struct CodecOutput {
@@ -49,10 +49,10 @@ struct CodecOutput {
     int64_t timeUs = 0;
     uint32_t flags = 0;
     // Number of the time line that it belongs to.
-    uint32_t timeLine = 0;
+    uint32_t segment = 0;
 };
 
-class CodecEngine {
+class CodecBackend {
 public:
     enum class Step {
         kOutput,      // `output` is filled
@@ -63,10 +63,10 @@ public:
         kFailed,
     };
 
-    virtual ~CodecEngine() = default;
+    virtual ~CodecBackend() = default;
 
     // An error when such a stream cannot be decoded or made.
-    virtual status_t configure(const sp<AMessage>& format, CodecPorts* ports) = 0;
+    virtual status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) = 0;
 
     // Null until it is known. It is known from configure() on where the track's format says enough.
     virtual sp<AMessage> outputFormat() const = 0;
@@ -78,13 +78,13 @@ public:
     virtual status_t finish() = 0;
 
     // In place of accept(), when no input waits and the reader has come to `positionUs`.
-    virtual Step produceWithoutInput(const TimeLine& /* timeLine */, int64_t /* positionUs */,
+    virtual Step produceWithoutInput(const InputSegment& /* segment */, int64_t /* positionUs */,
                                      CodecOutput* /* output */) {
         return Step::kNeedsInput;
     }
     // Fills in what the other decoders of a run must know of what is inside the engine: earliestUs
     // and the silence.
-    virtual void standing(DecodeOrder::Standing* /* standing */) const {}
+    virtual OutputSequencer::MemberState memberState() const { return {}; }
 };
 
 }  // namespace qmmediaeditor

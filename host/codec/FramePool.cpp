@@ -23,16 +23,16 @@ constexpr size_t kReadBeyondBytes = 256;
 // A quarter of it, a row of the most subsampled chroma, still suits every vector instruction.
 constexpr int kWidthAlignment = 256;
 
-void releasePicture(void* bytes, uint8_t* data) {
-    PictureMemory::release(data, reinterpret_cast<size_t>(bytes));
+void releaseFrameMemory(void* bytes, uint8_t* data) {
+    FrameAllocator::release(data, reinterpret_cast<size_t>(bytes));
 }
 
-AVBufferRef* allocatePicture(size_t bytes) {
-    auto* data = static_cast<uint8_t*>(PictureMemory::allocate(bytes));
+AVBufferRef* allocateFrameMemory(size_t bytes) {
+    auto* data = static_cast<uint8_t*>(FrameAllocator::allocate(bytes));
     if (data == nullptr) return nullptr;
     AVBufferRef* buffer =
-        av_buffer_create(data, bytes, releasePicture, reinterpret_cast<void*>(bytes), 0);
-    if (buffer == nullptr) PictureMemory::release(data, bytes);
+        av_buffer_create(data, bytes, releaseFrameMemory, reinterpret_cast<void*>(bytes), 0);
+    if (buffer == nullptr) FrameAllocator::release(data, bytes);
     return buffer;
 }
 
@@ -63,20 +63,20 @@ bool attachPlanes(AVCodecContext* context, AVFrame* frame) {
     std::copy(frame->linesize, frame->linesize + 4, strides);
     if (av_image_fill_plane_sizes(sizes, format, height, strides) < 0) return false;
     size_t bytes = kReadBeyondBytes;
-    for (const size_t size : sizes) bytes += FFALIGN(size, PictureMemory::kAlignment);
-    frame->buf[0] = allocatePicture(bytes);
+    for (const size_t size : sizes) bytes += FFALIGN(size, FrameAllocator::kAlignment);
+    frame->buf[0] = allocateFrameMemory(bytes);
     if (frame->buf[0] == nullptr) return false;
     uint8_t* plane = frame->buf[0]->data;
     for (int i = 0; i < 4; ++i) {
         frame->data[i] = sizes[i] > 0 ? plane : nullptr;
-        plane += FFALIGN(sizes[i], PictureMemory::kAlignment);
+        plane += FFALIGN(sizes[i], FrameAllocator::kAlignment);
     }
     frame->extended_data = frame->data;
     return true;
 }
 
-bool PicturePool::attach(AVFrame* frame) const {
-    AVBufferRef* memory = allocatePicture(mLayout.bytes() + kReadBeyondBytes);
+bool FramePool::attach(AVFrame* frame) const {
+    AVBufferRef* memory = allocateFrameMemory(mLayout.bytes() + kReadBeyondBytes);
     if (memory == nullptr) return false;
     const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
     frame->buf[0] = memory;
@@ -89,7 +89,7 @@ bool PicturePool::attach(AVFrame* frame) const {
     return true;
 }
 
-bool PicturePool::fits(const AVFrame& frame) const {
+bool FramePool::fits(const AVFrame& frame) const {
     if (frame.buf[0] == nullptr || frame.buf[0]->size < mLayout.bytes()) return false;
     const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
     return frame.data[0] == frame.buf[0]->data && frame.linesize[0] == mLayout.stride &&
@@ -98,7 +98,7 @@ bool PicturePool::fits(const AVFrame& frame) const {
            frame.data[2] == frame.data[1] + lumaBytes / 4;
 }
 
-sp<ABuffer> PicturePool::wrap(AVFrame* frame) const {
+sp<ABuffer> FramePool::wrap(AVFrame* frame) const {
     FramePtr own(av_frame_alloc());
     if (own == nullptr) return nullptr;
     av_frame_move_ref(own.get(), frame);

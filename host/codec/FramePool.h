@@ -12,7 +12,7 @@
 namespace android {
 namespace qmmediaeditor {
 
-struct PictureLayout {
+struct FrameLayout {
     int width = 0;  // visible
     int height = 0;
     int stride = 0;       // bytes of a luma row; a chroma row has half of it
@@ -27,11 +27,11 @@ struct PictureLayout {
 // them. False for formats that libavcodec had better allocate by itself. For get_buffer2.
 bool attachPlanes(AVCodecContext* context, AVFrame* frame);
 
-class PicturePool {
+class FramePool {
 public:
-    explicit PicturePool(const PictureLayout& layout) : mLayout(layout) {}
+    explicit FramePool(const FrameLayout& layout) : mLayout(layout) {}
 
-    const PictureLayout& layout() const { return mLayout; }
+    const FrameLayout& layout() const { return mLayout; }
 
     // Gives the frame memory of the pool, and its planes' addresses. False when memory is short.
     bool attach(AVFrame* frame) const;
@@ -41,7 +41,7 @@ public:
     sp<ABuffer> wrap(AVFrame* frame) const;
 
 private:
-    const PictureLayout mLayout;
+    const FrameLayout mLayout;
 };
 
 }  // namespace qmmediaeditor

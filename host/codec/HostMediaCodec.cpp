@@ -11,65 +11,66 @@
 namespace android {
 namespace qmmediaeditor {
 
-CodecWorker::CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine,
-                         std::function<void()> onEnd)
-    : mLooper(looper), mOnEnd(std::move(onEnd)), mEngine(std::move(engine)) {}
+HostMediaCodec::HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
+                               std::function<void()> onEnd)
+    : mLooper(looper), mOnEnd(std::move(onEnd)), mBackend(std::move(backend)) {}
 
-CodecWorker::~CodecWorker() { release(); }
+HostMediaCodec::~HostMediaCodec() { release(); }
 
-status_t CodecWorker::configure(const sp<AMessage>& format, const sp<Surface>& /* nativeWindow */,
-                                const sp<ICrypto>& crypto, uint32_t /* flags */) {
+status_t HostMediaCodec::configure(const sp<AMessage>& format,
+                                   const sp<Surface>& /* nativeWindow */, const sp<ICrypto>& crypto,
+                                   uint32_t /* flags */) {
     Mutex::Autolock lock(mLock);
     if (mState != State::kCreated) return INVALID_OPERATION;
     if (format == nullptr) return BAD_VALUE;
     if (crypto != nullptr) return ERROR_UNSUPPORTED;
-    const status_t status = mEngine->configure(format, &mPorts);
+    const status_t status = mBackend->configure(format, &mBuffers);
     if (status != OK) return status;
     mSource = TrackSource::find(format);
-    if (mSource != nullptr) mSource->keepNotes();
-    mOutputFormat = mEngine->outputFormat();
+    if (mSource != nullptr) mSource->keepPacketInfo();
+    mOutputFormat = mBackend->outputFormat();
     mState = State::kConfigured;
     return OK;
 }
 
-status_t CodecWorker::start() {
+status_t HostMediaCodec::start() {
     Mutex::Autolock lock(mLock);
     if (mState != State::kConfigured) return INVALID_OPERATION;
     const status_t status = allocateBuffers();
     if (status != OK) return status;
     mState = State::kStarted;
-    mFormatPending = mPorts.announcesFormat && mOutputFormat != nullptr;
+    mFormatPending = mBuffers.announcesFormat && mOutputFormat != nullptr;
     if (mSource != nullptr) {
-        const wp<CodecWorker> self(this);
-        mOrderMember = mSource->order()->join([self, looper = mLooper] {
+        const wp<HostMediaCodec> self(this);
+        mSequencerMember = mSource->sequencer()->join([self, looper = mLooper] {
             looper->post([self] {
-                const sp<CodecWorker> worker = self.promote();
+                const sp<HostMediaCodec> worker = self.promote();
                 if (worker != nullptr) worker->work();
             });
         });
-        mInOrder = true;
+        mInSequence = true;
     }
     schedule();
     return OK;
 }
 
-status_t CodecWorker::stop() {
+status_t HostMediaCodec::stop() {
     Mutex::Autolock lock(mLock);
     if (mState != State::kStarted && mState != State::kFailed) return INVALID_OPERATION;
     shutDown(State::kStopped);
     return OK;
 }
 
-status_t CodecWorker::release() {
-    std::unique_ptr<CodecEngine> engine;
+status_t HostMediaCodec::release() {
+    std::unique_ptr<CodecBackend> backend;
     {
         Mutex::Autolock lock(mLock);
         if (mState == State::kReleased) return OK;
         shutDown(State::kReleased);
-        engine = std::move(mEngine);
+        backend = std::move(mBackend);
     }
     // Outside of the lock: an engine gives its inputs back when it goes.
-    engine.reset();
+    backend.reset();
     Mutex::Autolock lock(mLock);
     mReady.clear();
     mQueued.clear();
@@ -78,10 +79,10 @@ status_t CodecWorker::release() {
     return OK;
 }
 
-void CodecWorker::shutDown(State state) {
+void HostMediaCodec::shutDown(State state) {
     mState = state;
-    if (mInOrder) mSource->order()->leave(mOrderMember);
-    mInOrder = false;
+    if (mInSequence) mSource->sequencer()->leave(mSequencerMember);
+    mInSequence = false;
     mInputFree.broadcast();
     mOutputReady.broadcast();
     // The looper's own thread gets here only when its work drops the last reference, and is not in
@@ -89,16 +90,16 @@ void CodecWorker::shutDown(State state) {
     while (mBusy) mWorkDone.wait(mLock);
 }
 
-status_t CodecWorker::allocateBuffers() {
-    for (size_t i = 0; i < mPorts.inputCount; ++i) {
-        const sp<ABuffer> memory = mPorts.inputsArePictures
-                                       ? PictureMemory::makeBuffer(mPorts.inputBytes)
-                                       : sp<ABuffer>(new ABuffer(mPorts.inputBytes));
-        if (memory == nullptr || memory->capacity() < mPorts.inputBytes) return NO_MEMORY;
+status_t HostMediaCodec::allocateBuffers() {
+    for (size_t i = 0; i < mBuffers.inputCount; ++i) {
+        const sp<ABuffer> memory = mBuffers.inputsAreFrames
+                                       ? FrameAllocator::makeBuffer(mBuffers.inputBytes)
+                                       : sp<ABuffer>(new ABuffer(mBuffers.inputBytes));
+        if (memory == nullptr || memory->capacity() < mBuffers.inputBytes) return NO_MEMORY;
         mInputs.push_back({new Buffer(memory), false});
         mFreeInputs.push_back(i);
     }
-    for (size_t i = 0; i < mPorts.outputCount; ++i) {
+    for (size_t i = 0; i < mBuffers.outputCount; ++i) {
         OutputSlot slot;
         slot.buffer = new Buffer(new ABuffer(nullptr, 0));
         mOutputs.push_back(std::move(slot));
@@ -107,11 +108,11 @@ status_t CodecWorker::allocateBuffers() {
     return OK;
 }
 
-status_t CodecWorker::notRunning() const {
+status_t HostMediaCodec::notRunning() const {
     return mState == State::kFailed ? UNKNOWN_ERROR : INVALID_OPERATION;
 }
 
-status_t CodecWorker::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
+status_t HostMediaCodec::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
     const nsecs_t deadline = deadlineAfter(timeoutUs);
     Mutex::Autolock lock(mLock);
     while (mState == State::kStarted && mFreeInputs.empty() &&
@@ -126,9 +127,9 @@ status_t CodecWorker::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
     return OK;
 }
 
-status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
-                                       int64_t presentationTimeUs, uint32_t flags,
-                                       AString* errorDetailMsg) {
+status_t HostMediaCodec::queueInputBuffer(size_t index, size_t offset, size_t size,
+                                          int64_t presentationTimeUs, uint32_t flags,
+                                          AString* errorDetailMsg) {
     Mutex::Autolock lock(mLock);
     const auto refuse = [&](status_t status, const char* why) {
         if (errorDetailMsg != nullptr) errorDetailMsg->setTo(why);
@@ -157,7 +158,7 @@ status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
         mInputFree.broadcast();
         return OK;
     }
-    if (mSource != nullptr && size > 0) input.note = mSource->take(presentationTimeUs);
+    if (mSource != nullptr && size > 0) input.info = mSource->take(presentationTimeUs);
     mEndQueued = input.endOfStream;
     mQueued.push_back(std::move(input));
     publish();
@@ -165,9 +166,9 @@ status_t CodecWorker::queueInputBuffer(size_t index, size_t offset, size_t size,
     return OK;
 }
 
-status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
-                                          int64_t* presentationTimeUs, uint32_t* flags,
-                                          int64_t timeoutUs) {
+status_t HostMediaCodec::dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
+                                             int64_t* presentationTimeUs, uint32_t* flags,
+                                             int64_t timeoutUs) {
     const nsecs_t deadline = deadlineAfter(timeoutUs);
     Mutex::Autolock lock(mLock);
     for (;;) {
@@ -187,27 +188,28 @@ status_t CodecWorker::dequeueOutputBuffer(size_t* index, size_t* offset, size_t*
         if (!headNeedsTurn()) return deliver(index, offset, size, presentationTimeUs, flags);
 
         const size_t head = mReady.front();
-        const sp<DecodeOrder> order = mSource->order();
-        const size_t member = mOrderMember;
+        const sp<OutputSequencer> sequencer = mSource->sequencer();
+        const size_t member = mSequencerMember;
         mLock.unlock();
-        const DecodeOrder::Turn turn = order->waitForTurn(member, deadline);
+        const OutputSequencer::Turn turn = sequencer->waitForTurn(member, deadline);
         mLock.lock();
-        if (turn == DecodeOrder::Turn::kOtherFirst || turn == DecodeOrder::Turn::kTimedOut) {
+        if (turn == OutputSequencer::Turn::kOtherFirst ||
+            turn == OutputSequencer::Turn::kTimedOut) {
             return mState == State::kStarted ? -EAGAIN : notRunning();
         }
         const bool sameHead = !mReady.empty() && mReady.front() == head;
-        if (turn == DecodeOrder::Turn::kYes && mState == State::kStarted && sameHead) {
+        if (turn == OutputSequencer::Turn::kYes && mState == State::kStarted && sameHead) {
             return deliver(index, offset, size, presentationTimeUs, flags);
         }
     }
 }
 
-bool CodecWorker::headNeedsTurn() const {
-    return mInOrder && (mOutputs[mReady.front()].output.flags & BUFFER_FLAG_EOS) == 0;
+bool HostMediaCodec::headNeedsTurn() const {
+    return mInSequence && (mOutputs[mReady.front()].output.flags & BUFFER_FLAG_EOS) == 0;
 }
 
-status_t CodecWorker::deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs,
-                              uint32_t* flags) {
+status_t HostMediaCodec::deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs,
+                                 uint32_t* flags) {
     const size_t head = mReady.front();
     mReady.pop_front();
     OutputSlot& slot = mOutputs[head];
@@ -223,7 +225,7 @@ status_t CodecWorker::deliver(size_t* index, size_t* offset, size_t* size, int64
     return OK;
 }
 
-status_t CodecWorker::releaseOutputBuffer(size_t index) {
+status_t HostMediaCodec::releaseOutputBuffer(size_t index) {
     Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return notRunning();
     if (index >= mOutputs.size() || !mOutputs[index].withClient) return BAD_INDEX;
@@ -232,7 +234,7 @@ status_t CodecWorker::releaseOutputBuffer(size_t index) {
     return OK;
 }
 
-void CodecWorker::freeOutput(size_t index) {
+void HostMediaCodec::freeOutput(size_t index) {
     OutputSlot& slot = mOutputs[index];
     slot.withClient = false;
     slot.buffer->setBuffer(new ABuffer(nullptr, 0));
@@ -240,9 +242,9 @@ void CodecWorker::freeOutput(size_t index) {
     mFreeOutputs.push_back(index);
 }
 
-status_t CodecWorker::signalEndOfInputStream() { return INVALID_OPERATION; }
+status_t HostMediaCodec::signalEndOfInputStream() { return INVALID_OPERATION; }
 
-status_t CodecWorker::getOutputFormat(sp<AMessage>* format) const {
+status_t HostMediaCodec::getOutputFormat(sp<AMessage>* format) const {
     Mutex::Autolock lock(mLock);
     if (mState != State::kConfigured && mState != State::kStarted) return notRunning();
     if (mOutputFormat == nullptr) return NAME_NOT_FOUND;
@@ -250,7 +252,7 @@ status_t CodecWorker::getOutputFormat(sp<AMessage>* format) const {
     return OK;
 }
 
-status_t CodecWorker::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
+status_t HostMediaCodec::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
     Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return notRunning();
     buffers->clear();
@@ -258,7 +260,7 @@ status_t CodecWorker::getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) con
     return OK;
 }
 
-status_t CodecWorker::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
+status_t HostMediaCodec::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const {
     Mutex::Autolock lock(mLock);
     if (mState != State::kStarted) return notRunning();
     buffers->clear();
@@ -266,15 +268,15 @@ status_t CodecWorker::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) co
     return OK;
 }
 
-void CodecWorker::schedule() {
+void HostMediaCodec::schedule() {
     if (mWorkPosted || mState != State::kStarted) return;
     // While the client has some to take, it will release more.
     if (mLacksOutputs && !mReady.empty() && mFreeOutputs.size() * 2 < mOutputs.size()) return;
     mWorkPosted = true;
     mLacksOutputs = false;
-    const wp<CodecWorker> self(this);
+    const wp<HostMediaCodec> self(this);
     mLooper->post([self] {
-        const sp<CodecWorker> worker = self.promote();
+        const sp<HostMediaCodec> worker = self.promote();
         if (worker != nullptr) worker->work();
     });
 }

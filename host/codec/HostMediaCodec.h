@@ -23,12 +23,12 @@
 namespace android {
 namespace qmmediaeditor {
 
-class CodecWorker : public MediaCodec {
+class HostMediaCodec : public MediaCodec {
 public:
     // `onEnd`, which may be empty, is called when the client takes the end of stream, on its
     // thread.
-    CodecWorker(const sp<ALooper>& looper, std::unique_ptr<CodecEngine> engine,
-                std::function<void()> onEnd = nullptr);
+    HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
+                   std::function<void()> onEnd = nullptr);
 
     status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
                        const sp<ICrypto>& crypto, uint32_t flags) override;
@@ -51,7 +51,7 @@ public:
     status_t getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const override;
 
 protected:
-    ~CodecWorker() override;
+    ~HostMediaCodec() override;
 
 private:
     class Buffer : public MediaCodecBuffer {
@@ -78,13 +78,13 @@ private:
         size_t size = 0;
         bool endOfStream = false;
         int64_t timeUs = 0;
-        SampleNote note;
+        PacketInfo info;
     };
 
     // On the looper's thread. The steps say whether there may be more to do now.
     void work();
     bool workStep() REQUIRES(mLock);
-    bool takeStep(CodecEngine::Step step, CodecOutput output) REQUIRES(mLock);
+    bool takeStep(CodecBackend::Step step, CodecOutput output) REQUIRES(mLock);
     bool feed() REQUIRES(mLock);
     bool workWithoutInput() REQUIRES(mLock);
     // The engine lets an input buffer go.
@@ -92,16 +92,15 @@ private:
 
     // Runs `use` on the engine without the lock. Whoever shuts down waits until it has returned.
     template <typename Use>
-    auto useEngine(const Use& use) REQUIRES(mLock) {
-        CodecEngine& engine = *mEngine;
+    auto useBackend(const Use& use) REQUIRES(mLock) {
+        CodecBackend& backend = *mBackend;
         mBusy = true;
         publish();
         mLock.unlock();
-        const auto result = use(engine);
-        DecodeOrder::Standing standing;
-        engine.standing(&standing);
+        const auto result = use(backend);
+        const OutputSequencer::MemberState state = backend.memberState();
         mLock.lock();
-        mEngineStanding = standing;
+        mBackendState = state;
         mBusy = false;
         mWorkDone.broadcast();
         return result;
@@ -131,8 +130,8 @@ private:
 
     State mState GUARDED_BY(mLock) = State::kCreated;
     // The work alone uses the engine, unlocked, while mBusy is set.
-    std::unique_ptr<CodecEngine> mEngine GUARDED_BY(mLock);
-    CodecPorts mPorts GUARDED_BY(mLock);
+    std::unique_ptr<CodecBackend> mBackend GUARDED_BY(mLock);
+    CodecBuffers mBuffers GUARDED_BY(mLock);
     sp<AMessage> mOutputFormat GUARDED_BY(mLock);
     bool mFormatPending GUARDED_BY(mLock) = false;
 
@@ -153,10 +152,10 @@ private:
 
     // Decoders of an extractor's track only.
     sp<TrackSource> mSource GUARDED_BY(mLock);
-    bool mInOrder GUARDED_BY(mLock) = false;
-    size_t mOrderMember GUARDED_BY(mLock) = 0;
-    DecodeOrder::Standing mEngineStanding GUARDED_BY(mLock);
-    int64_t mFeedingUs GUARDED_BY(mLock) = DecodeOrder::kNever;
+    bool mInSequence GUARDED_BY(mLock) = false;
+    size_t mSequencerMember GUARDED_BY(mLock) = 0;
+    OutputSequencer::MemberState mBackendState GUARDED_BY(mLock);
+    int64_t mFeedingUs GUARDED_BY(mLock) = OutputSequencer::kNever;
 };
 
 }  // namespace qmmediaeditor

@@ -9,26 +9,26 @@
 namespace android {
 namespace qmmediaeditor {
 
-void DecodeOrder::beginTimeLine(int64_t startUs) {
+void OutputSequencer::beginSegment(int64_t startUs) {
     Mutex::Autolock lock(mLock);
-    mTimeLine.number++;
-    mTimeLine.startUs = std::max<int64_t>(startUs, 0);
+    mSegment.number++;
+    mSegment.startUs = std::max<int64_t>(startUs, 0);
     mPositionUs = std::numeric_limits<int64_t>::min();
     mVideoRuns.clear();
     mChanged.broadcast();
 }
 
-void DecodeOrder::advancePosition(int64_t timeUs) {
+void OutputSequencer::advancePosition(int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     if (timeUs <= mPositionUs) return;
     mPositionUs = timeUs;
     for (const auto& entry : mMembers) {
-        if (owesSilence(entry.second.standing)) entry.second.wake();
+        if (owesSilence(entry.second.state)) entry.second.wake();
     }
     mChanged.broadcast();
 }
 
-void DecodeOrder::addVideo(int64_t timeUs) {
+void OutputSequencer::addVideo(int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     if (!mVideoRuns.empty() && timeUs <= mVideoRuns.back().lastUs) return;
     const bool continues = !mVideoRuns.empty() &&
@@ -40,7 +40,7 @@ void DecodeOrder::addVideo(int64_t timeUs) {
     }
 }
 
-int64_t DecodeOrder::videoBefore(int64_t timeUs) const {
+int64_t OutputSequencer::videoBefore(int64_t timeUs) const {
     Mutex::Autolock lock(mLock);
     for (auto run = mVideoRuns.rbegin(); run != mVideoRuns.rend(); ++run) {
         if (run->firstUs <= timeUs) return std::min(run->lastUs, timeUs);
@@ -48,39 +48,39 @@ int64_t DecodeOrder::videoBefore(int64_t timeUs) const {
     return std::numeric_limits<int64_t>::min();
 }
 
-TimeLine DecodeOrder::timeLine() const {
+InputSegment OutputSequencer::segment() const {
     Mutex::Autolock lock(mLock);
-    return mTimeLine;
+    return mSegment;
 }
 
-int64_t DecodeOrder::position() const {
+int64_t OutputSequencer::position() const {
     Mutex::Autolock lock(mLock);
     return mPositionUs;
 }
 
-size_t DecodeOrder::join(std::function<void()> wake) {
+size_t OutputSequencer::join(std::function<void()> wake) {
     Mutex::Autolock lock(mLock);
     const size_t member = mNextMember++;
     mMembers[member].wake = std::move(wake);
     return member;
 }
 
-void DecodeOrder::leave(size_t member) {
+void OutputSequencer::leave(size_t member) {
     Mutex::Autolock lock(mLock);
     mMembers.erase(member);
     mChanged.broadcast();
 }
 
-bool DecodeOrder::publish(size_t member, const Standing& standing) {
+bool OutputSequencer::publish(size_t member, const MemberState& state) {
     Mutex::Autolock lock(mLock);
     const auto found = mMembers.find(member);
     if (found == mMembers.end()) return false;
-    found->second.standing = standing;
+    found->second.state = state;
     mChanged.broadcast();
-    return owesSilence(standing);
+    return owesSilence(state);
 }
 
-DecodeOrder::Turn DecodeOrder::waitForTurn(size_t member, nsecs_t deadline) {
+OutputSequencer::Turn OutputSequencer::waitForTurn(size_t member, nsecs_t deadline) {
     Mutex::Autolock lock(mLock);
     for (;;) {
         const Turn turn = turnOf(member);
@@ -89,11 +89,11 @@ DecodeOrder::Turn DecodeOrder::waitForTurn(size_t member, nsecs_t deadline) {
     }
 }
 
-bool DecodeOrder::owesSilence(const Standing& standing) const {
-    return standing.silenceDueUs < std::min(mPositionUs, standing.silenceUntilUs);
+bool OutputSequencer::owesSilence(const MemberState& state) const {
+    return state.silenceDueUs < std::min(mPositionUs, state.silenceUntilUs);
 }
 
-bool DecodeOrder::mayWaitFor(const Standing& mine, const Standing& other) const {
+bool OutputSequencer::mayWaitFor(const MemberState& mine, const MemberState& other) const {
     if (owesSilence(other)) return true;
     const bool earlierInside = other.earliestUs < mine.earliestUs;
     if (earlierInside && other.working) return true;
@@ -103,14 +103,14 @@ bool DecodeOrder::mayWaitFor(const Standing& mine, const Standing& other) const 
 }
 
 // kTimedOut: not yet clear.
-DecodeOrder::Turn DecodeOrder::turnOf(size_t member) const {
+OutputSequencer::Turn OutputSequencer::turnOf(size_t member) const {
     const auto found = mMembers.find(member);
-    if (found == mMembers.end() || !found->second.standing.hasHead) return Turn::kHeadGone;
-    const Standing& mine = found->second.standing;
+    if (found == mMembers.end() || !found->second.state.hasHead) return Turn::kHeadGone;
+    const MemberState& mine = found->second.state;
     bool wait = false;
     for (const auto& entry : mMembers) {
         if (entry.first == member) continue;
-        const Standing& other = entry.second.standing;
+        const MemberState& other = entry.second.state;
         if (other.hasHead) {
             // Its head is the next thing that it delivers; there is nothing earlier to wait for.
             if (other.earliestUs < mine.earliestUs) return Turn::kOtherFirst;

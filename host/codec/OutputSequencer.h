@@ -28,27 +28,27 @@ namespace android {
 namespace qmmediaeditor {
 
 // A stretch of input that is read without a seek.
-struct TimeLine {
+struct InputSegment {
     uint32_t number = 0;
     // Where working sound begins: what comes before is dropped, a later start is filled with
     // silence.
     int64_t startUs = 0;
 };
 
-class DecodeOrder : public RefBase {
+class OutputSequencer : public RefBase {
 public:
     static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
     // For the extractor, once in each seek (the first one, to 0, too), before samples are
     // announced. `startUs` is the seek's target. Decoders drop what they still have of earlier time
     // lines.
-    void beginTimeLine(int64_t startUs);
+    void beginSegment(int64_t startUs);
     // No sample that comes later, of any track, is shown before `timeUs`.
     void advancePosition(int64_t timeUs);
     // For the extractor: a sample of the video track comes, and is shown at `timeUs` or later.
     void addVideo(int64_t timeUs);
 
-    TimeLine timeLine() const;
+    InputSegment segment() const;
     int64_t position() const;
     // The time of the last video sample at or before `timeUs`, where their distances exceed
     // SilenceBudget::kMaxFrameDistanceUs; `timeUs` itself between samples that are closer.
@@ -56,7 +56,7 @@ public:
     int64_t videoBefore(int64_t timeUs) const;
 
     // Where a decoder stands, as far as the others must know.
-    struct Standing {
+    struct MemberState {
         bool hasHead = false;
         // It has queued input, or is at work.
         bool working = false;
@@ -78,7 +78,7 @@ public:
     size_t join(std::function<void()> wake);
     void leave(size_t member);
     // True when the decoder has to fill a hole now.
-    bool publish(size_t member, const Standing& standing);
+    bool publish(size_t member, const MemberState& state);
 
     enum class Turn { kYes, kOtherFirst, kTimedOut, kHeadGone };
 
@@ -86,21 +86,21 @@ public:
     Turn waitForTurn(size_t member, nsecs_t deadline);
 
 protected:
-    ~DecodeOrder() override = default;
+    ~OutputSequencer() override = default;
 
 private:
     struct Member {
-        Standing standing;
+        MemberState state;
         std::function<void()> wake;
     };
 
-    bool owesSilence(const Standing& standing) const REQUIRES(mLock);
-    bool mayWaitFor(const Standing& mine, const Standing& other) const REQUIRES(mLock);
+    bool owesSilence(const MemberState& state) const REQUIRES(mLock);
+    bool mayWaitFor(const MemberState& mine, const MemberState& other) const REQUIRES(mLock);
     Turn turnOf(size_t member) const REQUIRES(mLock);
 
     mutable Mutex mLock;
     Condition mChanged;
-    TimeLine mTimeLine GUARDED_BY(mLock);
+    InputSegment mSegment GUARDED_BY(mLock);
     // Stretches of video samples that lie close together, in rising order.
     struct VideoRun {
         int64_t firstUs;

@@ -100,7 +100,7 @@ status_t PacketDecoder::open() {
     return OK;
 }
 
-status_t PacketDecoder::countDamage(int error) {
+status_t PacketDecoder::countSkipped(int error) {
     if (error == AVERROR(ENOMEM)) {
         const std::optional<std::string> reason = checkAllocation();
         if (!reason) return NO_MEMORY;
@@ -114,7 +114,7 @@ status_t PacketDecoder::countDamage(int error) {
 status_t PacketDecoder::send(const CodecInput& input) {
     AVPacket* packet = mPacket.get();
     av_packet_unref(packet);
-    const AVPacket* properties = input.note.properties.get();
+    const AVPacket* properties = input.info.properties.get();
     if (properties != nullptr && av_packet_copy_props(packet, properties) < 0) return NO_MEMORY;
     // libavcodec makes a padded copy of data that is not reference-counted.
     packet->data = const_cast<uint8_t*>(input.data);
@@ -123,12 +123,12 @@ status_t PacketDecoder::send(const CodecInput& input) {
     const int error = avcodec_send_packet(mContext.get(), packet);
     packet->data = nullptr;
     packet->size = 0;
-    return error < 0 ? countDamage(error) : OK;
+    return error < 0 ? countSkipped(error) : OK;
 }
 
 status_t PacketDecoder::sendEnd() {
     const int error = avcodec_send_packet(mContext.get(), nullptr);
-    return error < 0 ? countDamage(error) : OK;
+    return error < 0 ? countSkipped(error) : OK;
 }
 
 void PacketDecoder::flush() { avcodec_flush_buffers(mContext.get()); }
@@ -143,7 +143,7 @@ PacketDecoder::Received PacketDecoder::receive(AVFrame* frame) {
         }
         if (error == AVERROR(EAGAIN)) return Received::kNeedsInput;
         if (error == AVERROR_EOF) return Received::kEnd;
-        const status_t status = countDamage(error);
+        const status_t status = countSkipped(error);
         if (status == ERROR_UNSUPPORTED) return Received::kRefused;
         if (status != OK) return Received::kFailed;
     }

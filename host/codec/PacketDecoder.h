@@ -36,7 +36,7 @@ public:
     Received receive(AVFrame* frame);
 
 private:
-    status_t countDamage(int error);
+    status_t countSkipped(int error);
 
     HostObserver* const mObserver;
     CodecContextPtr mContext;

@@ -21,7 +21,7 @@ public:
     // Decoded audio raises what is allowed, and ends a gap.
     void addAudio(int64_t durationUs);
     // The next silence belongs to another stretch of the input.
-    void beginTimeLine() { mGapStartUs.reset(); }
+    void beginSegment() { mGapStartUs.reset(); }
 
     // Silence from `startUs` to `endUs` is due. `videoUs` is the time of the last video frame
     // before its end, INT64_MIN without one. The reason when it exceeds the budget.

@@ -10,8 +10,8 @@ extern "C" {
 namespace android {
 namespace qmmediaeditor {
 
-TrackSource::TrackSource(CodecParametersPtr parameters, const sp<DecodeOrder>& order)
-    : mParameters(std::move(parameters)), mOrder(order) {}
+TrackSource::TrackSource(CodecParametersPtr parameters, const sp<OutputSequencer>& sequencer)
+    : mParameters(std::move(parameters)), mSequencer(sequencer) {}
 
 TrackSource::~TrackSource() = default;
 
@@ -22,16 +22,16 @@ sp<TrackSource> TrackSource::find(const sp<AMessage>& format) {
 }
 
 void TrackSource::announce(int64_t timeUs, PacketPtr properties) {
-    SampleNote note;
-    note.timeUs = timeUs;
-    note.timeLine = mOrder->timeLine();
-    note.properties = std::move(properties);
+    PacketInfo info;
+    info.timeUs = timeUs;
+    info.segment = mSequencer->segment();
+    info.properties = std::move(properties);
     {
         Mutex::Autolock lock(mLock);
-        if (!mKeepsNotes) mNotes.clear();
-        mNotes.push_back(std::move(note));
+        if (!mKeepsInfos) mInfos.clear();
+        mInfos.push_back(std::move(info));
     }
-    mOrder->advancePosition(timeUs);
+    mSequencer->advancePosition(timeUs);
 }
 
 void TrackSource::advanceTo(int64_t timeUs) {
@@ -49,27 +49,27 @@ TrackSource::Extent TrackSource::extent() {
     return mExtent;
 }
 
-void TrackSource::keepNotes() {
+void TrackSource::keepPacketInfo() {
     Mutex::Autolock lock(mLock);
-    mKeepsNotes = true;
+    mKeepsInfos = true;
 }
 
-SampleNote TrackSource::take(int64_t timeUs) {
-    SampleNote note;
-    note.timeUs = timeUs;
-    note.timeLine = mOrder->timeLine();
+PacketInfo TrackSource::take(int64_t timeUs) {
+    PacketInfo info;
+    info.timeUs = timeUs;
+    info.segment = mSequencer->segment();
     Mutex::Autolock lock(mLock);
-    const auto current = std::find_if(mNotes.begin(), mNotes.end(), [&](const SampleNote& each) {
-        return each.timeLine.number == note.timeLine.number;
+    const auto current = std::find_if(mInfos.begin(), mInfos.end(), [&](const PacketInfo& each) {
+        return each.segment.number == info.segment.number;
     });
-    mNotes.erase(mNotes.begin(), current);
-    const auto found = std::find_if(mNotes.begin(), mNotes.end(), [timeUs](const SampleNote& each) {
+    mInfos.erase(mInfos.begin(), current);
+    const auto found = std::find_if(mInfos.begin(), mInfos.end(), [timeUs](const PacketInfo& each) {
         return each.timeUs == timeUs;
     });
-    if (found == mNotes.end()) return note;
-    note.properties = std::move(found->properties);
-    mNotes.erase(mNotes.begin(), found + 1);
-    return note;
+    if (found == mInfos.end()) return info;
+    info.properties = std::move(found->properties);
+    mInfos.erase(mInfos.begin(), found + 1);
+    return info;
 }
 
 }  // namespace qmmediaeditor

@@ -23,12 +23,12 @@ namespace android {
 namespace qmmediaeditor {
 
 // What belongs to one sample beside its bytes.
-struct SampleNote {
+struct PacketInfo {
     // The time that the sample travels under: nothing from here on in decoding order is shown
     // before it. Reordered video comes with times that rise all the same, so that a reader which
     // stops at a time stops after every picture that belongs before it.
     int64_t timeUs = 0;
-    TimeLine timeLine;
+    InputSegment segment;
     // A packet without data: side data, flags, and pts, dts and duration in microseconds. Its pts
     // is when the sample is shown, which may be later than timeUs; unknown where it has to follow
     // from the dts. May be null.
@@ -41,13 +41,13 @@ public:
 
     // `parameters` is not null; its codec_id says which decoder it takes. `order` is shared by the
     // tracks of one extractor.
-    TrackSource(CodecParametersPtr parameters, const sp<DecodeOrder>& order);
+    TrackSource(CodecParametersPtr parameters, const sp<OutputSequencer>& sequencer);
 
     // The track source in `format`, or null.
     static sp<TrackSource> find(const sp<AMessage>& format);
 
     const AVCodecParameters& parameters() const { return *mParameters; }
-    const sp<DecodeOrder>& order() const { return mOrder; }
+    const sp<OutputSequencer>& sequencer() const { return mSequencer; }
 
     // How much later the track begins than the first one of its file. Set before the format goes
     // out.
@@ -72,24 +72,24 @@ public:
 
     // For the decoder, before samples are queued. Who reads a file without decoding it takes no
     // notes: until then, only the last one is kept.
-    void keepNotes();
+    void keepPacketInfo();
 
     // For the decoder: the note of the sample that is queued with `timeUs` now. Notes of samples
     // that were never queued are dropped on the way. Without a note, one of the current time line
     // without properties.
-    SampleNote take(int64_t timeUs);
+    PacketInfo take(int64_t timeUs);
 
 protected:
     ~TrackSource() override;
 
 private:
     const CodecParametersPtr mParameters;
-    const sp<DecodeOrder> mOrder;
+    const sp<OutputSequencer> mSequencer;
     int64_t mDelayUs = 0;
 
     Mutex mLock;
-    std::deque<SampleNote> mNotes GUARDED_BY(mLock);
-    bool mKeepsNotes GUARDED_BY(mLock) = false;
+    std::deque<PacketInfo> mInfos GUARDED_BY(mLock);
+    bool mKeepsInfos GUARDED_BY(mLock) = false;
     Extent mExtent GUARDED_BY(mLock);
 };
 

@@ -61,8 +61,8 @@ void allowThreads(AVCodecContext* context, int threads) {
 #endif
 }
 
-PicturePlanes planesOf(const AVFrame& frame) {
-    PicturePlanes planes;
+FramePlanes planesOf(const AVFrame& frame) {
+    FramePlanes planes;
     for (int i = 0; i < 3; ++i) planes.plane[i] = {frame.data[i], frame.linesize[i]};
     return planes;
 }
@@ -75,7 +75,7 @@ int64_t durationOf(const AVFrame& frame) {
 #endif
 }
 
-void copyPicture(const AVFrame& from, const AVFrame& to) {
+void copyFrame(const AVFrame& from, const AVFrame& to) {
     for (int i = 0; i < 3; ++i) {
         const int shift = i == 0 ? 0 : 1;
         libyuv::CopyPlane(from.data[i], from.linesize[i], to.data[i], to.linesize[i],
@@ -98,12 +98,12 @@ VideoDecoder::~VideoDecoder() {
     }
 }
 
-status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) {
+status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffers) {
     if (mFrame == nullptr) return NO_MEMORY;
     status_t status = mDecoder.prepare(format);
     if (status != OK) return status;
     AVCodecContext* context = mDecoder.context();
-    if (context->pix_fmt != AV_PIX_FMT_NONE && !PictureConverter::canConvert(context->pix_fmt)) {
+    if (context->pix_fmt != AV_PIX_FMT_NONE && !VideoFrameConverter::canConvert(context->pix_fmt)) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pixel format %d cannot be converted",
                             context->pix_fmt);
         return ERROR_UNSUPPORTED;
@@ -129,10 +129,10 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     }
     if (mWidth > 0 && mHeight > 0) setLayout(mWidth, mHeight);
 
-    ports->inputCount = kInputCount;
-    ports->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
-    ports->outputCount = outputCount(mThreads);
-    ports->announcesFormat = true;
+    buffers->inputCount = kInputCount;
+    buffers->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
+    buffers->outputCount = outputCount(mThreads);
+    buffers->announcesFormat = true;
     return OK;
 }
 
@@ -141,14 +141,14 @@ void VideoDecoder::setLayout(int width, int height) {
     int alignedHeight = height;
     int unused[AV_NUM_DATA_POINTERS] = {};
     avcodec_align_dimensions2(mDecoder.context(), &alignedWidth, &alignedHeight, unused);
-    PictureLayout layout;
+    FrameLayout layout;
     layout.width = width;
     layout.height = height;
     layout.stride = FFALIGN(alignedWidth, kStrideAlignment);
     layout.sliceHeight = FFALIGN(alignedHeight, 2);
     {
         Mutex::Autolock lock(mPoolLock);
-        mPool = std::make_shared<PicturePool>(layout);
+        mPool = std::make_shared<FramePool>(layout);
     }
     mFormat = new AMessage;
     mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_RAW);
@@ -161,7 +161,7 @@ void VideoDecoder::setLayout(int width, int height) {
     if (mFrameRate > 0) mFormat->setInt32("frame-rate", mFrameRate);
 }
 
-std::shared_ptr<PicturePool> VideoDecoder::pool() {
+std::shared_ptr<FramePool> VideoDecoder::pool() {
     Mutex::Autolock lock(mPoolLock);
     return mPool;
 }
@@ -171,14 +171,14 @@ int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) 
     if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) {
         return avcodec_default_get_buffer2(context, frame, flags);
     }
-    const std::shared_ptr<PicturePool> pool = self->pool();
+    const std::shared_ptr<FramePool> pool = self->pool();
     if (pool != nullptr && decodesInto(*pool, context, *frame)) {
         return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
     }
     return attachPlanes(context, frame) ? 0 : avcodec_default_get_buffer2(context, frame, flags);
 }
 
-bool VideoDecoder::decodesInto(const PicturePool& pool, AVCodecContext* context,
+bool VideoDecoder::decodesInto(const FramePool& pool, AVCodecContext* context,
                                const AVFrame& frame) {
     if (frame.format != AV_PIX_FMT_YUV420P) return false;
     int width = frame.width;
@@ -189,13 +189,13 @@ bool VideoDecoder::decodesInto(const PicturePool& pool, AVCodecContext* context,
 }
 
 status_t VideoDecoder::accept(CodecInput input) {
-    if (input.note.timeLine.number != mTimeLine) {
+    if (input.info.segment.number != mSegment) {
         mDecoder.flush();
         mInside.clear();
         mHasTime = false;
-        mTimeLine = input.note.timeLine.number;
+        mSegment = input.info.segment.number;
     }
-    const AVPacket* properties = input.note.properties.get();
+    const AVPacket* properties = input.info.properties.get();
     const bool stated = properties != nullptr && properties->pts != AV_NOPTS_VALUE;
     mInside.insert(stated ? properties->pts : input.timeUs);
     if (mInside.size() > kMaxInside) mInside.erase(mInside.begin());
@@ -204,11 +204,13 @@ status_t VideoDecoder::accept(CodecInput input) {
 
 status_t VideoDecoder::finish() { return mDecoder.sendEnd(); }
 
-void VideoDecoder::standing(DecodeOrder::Standing* standing) const {
-    if (!mInside.empty()) standing->earliestUs = *mInside.begin();
+OutputSequencer::MemberState VideoDecoder::memberState() const {
+    OutputSequencer::MemberState state;
+    if (!mInside.empty()) state.earliestUs = *mInside.begin();
+    return state;
 }
 
-CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
+CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
     for (;;) {
         if (mFrame->buf[0] == nullptr) {
             switch (mDecoder.receive(mFrame.get())) {
@@ -227,7 +229,7 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
                         mSession->endVideo(extent.continuesAtUs, extent.endUs);
                     }
                     output->timeUs = mLastTimeUs;
-                    output->timeLine = mTimeLine;
+                    output->segment = mSegment;
                     return Step::kEnd;
             }
         }
@@ -244,9 +246,9 @@ CodecEngine::Step VideoDecoder::produce(CodecOutput* output) {
             av_frame_unref(mFrame.get());
             continue;
         }
-        const bool taken = workingPicture(&output->buffer);
+        const bool taken = workingFrame(&output->buffer);
         output->timeUs = mLastTimeUs;
-        output->timeLine = mTimeLine;
+        output->segment = mSegment;
         const int64_t durationUs = durationOf(*mFrame);
         av_frame_unref(mFrame.get());
         if (!taken) return Step::kFailed;
@@ -265,10 +267,10 @@ int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
     return mInside.empty() ? mLastTimeUs : *mInside.begin();
 }
 
-bool VideoDecoder::workingPicture(sp<ABuffer>* buffer) {
-    const std::shared_ptr<PicturePool> pool = this->pool();
-    const PictureLayout& layout = pool->layout();
-    const bool asItIs = PictureConverter::isWorkingPicture(*mFrame, layout.width, layout.height);
+bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
+    const std::shared_ptr<FramePool> pool = this->pool();
+    const FrameLayout& layout = pool->layout();
+    const bool asItIs = VideoFrameConverter::isWorkingFrame(*mFrame, layout.width, layout.height);
     if (asItIs && pool->fits(*mFrame)) {
         *buffer = pool->wrap(mFrame.get());
         return *buffer != nullptr;
@@ -276,10 +278,10 @@ bool VideoDecoder::workingPicture(sp<ABuffer>* buffer) {
     FramePtr picture(av_frame_alloc());
     if (picture == nullptr || !pool->attach(picture.get())) return false;
     if (asItIs) {
-        copyPicture(*mFrame, *picture);
+        copyFrame(*mFrame, *picture);
     } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
         // An unknown pixel format is passed over; short memory is a failure.
-        return !PictureConverter::canConvert(mFrame->format);
+        return !VideoFrameConverter::canConvert(mFrame->format);
     }
     *buffer = pool->wrap(picture.get());
     return *buffer != nullptr;

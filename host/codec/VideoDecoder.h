@@ -18,45 +18,45 @@
 namespace android {
 namespace qmmediaeditor {
 
-class VideoDecoder : public CodecEngine {
+class VideoDecoder : public CodecBackend {
 public:
     // `session` may be null; `threads` as in HostOptions.
     explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0);
     ~VideoDecoder() override;
 
-    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
     sp<AMessage> outputFormat() const override { return mFormat; }
     Step produce(CodecOutput* output) override;
     status_t accept(CodecInput input) override;
     status_t finish() override;
-    void standing(DecodeOrder::Standing* standing) const override;
+    OutputSequencer::MemberState memberState() const override;
 
 private:
     // Fixes the layout of everything that goes out.
     void setLayout(int width, int height);
     // libavcodec's get_buffer2; called on its threads, too.
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
-    static bool decodesInto(const PicturePool& pool, AVCodecContext* context, const AVFrame& frame);
-    std::shared_ptr<PicturePool> pool();
+    static bool decodesInto(const FramePool& pool, AVCodecContext* context, const AVFrame& frame);
+    std::shared_ptr<FramePool> pool();
     int64_t timeOf(const AVFrame& frame) const;
     // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
-    bool workingPicture(sp<ABuffer>* buffer);
+    bool workingFrame(sp<ABuffer>* buffer);
 
     const std::shared_ptr<SessionTimeline> mSession;
     const int mThreads;
-    const PictureMemory::Keep mKeepMemory;
+    const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;
-    PictureConverter mConverter;
+    VideoFrameConverter mConverter;
 
     Mutex mPoolLock;
-    std::shared_ptr<PicturePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
+    std::shared_ptr<FramePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
     sp<TrackSource> mSource;  // null for a format that no extractor made
     sp<AMessage> mFormat;
     int mWidth = 0;  // of what goes out, when the format says it
     int mHeight = 0;
     int mFrameRate = 0;
 
-    uint32_t mTimeLine = 0;
+    uint32_t mSegment = 0;
     bool mHasTime = false;  // a picture of the time line has come out
     int64_t mLastTimeUs = 0;
     // Presentation times of what libavcodec has and has not given back.

@@ -38,7 +38,7 @@ constexpr double kDefaultFrameRate = 30;
 constexpr double kDefaultBitsPerPixel = 0.1;
 // Every decoder takes as much (ITU-T H.264, level 1). Still pictures arrive at lower rates, which
 // leave nothing for key frames.
-constexpr int64_t kLeastBitRate = 64000;
+constexpr int64_t kMinBitRate = 64000;
 // Rates may rise above the wanted one for a while, but no second takes more than this many of the
 // wanted seconds.
 constexpr double kPeakOverMean = 1.5;
@@ -80,7 +80,7 @@ struct VideoEncoder::Wanted {
             bitRate = static_cast<int64_t>(static_cast<double>(width) * height * frameRate *
                                            kDefaultBitsPerPixel);
         }
-        bitRate = std::max(bitRate, kLeastBitRate);
+        bitRate = std::max(bitRate, kMinBitRate);
         possible = width >= 2 && height >= 2 && width <= kMaxDimension && height <= kMaxDimension &&
                    colorFormat == kPlanar;
     }
@@ -113,7 +113,7 @@ VideoEncoder::VideoEncoder(const std::string& avcPreset, std::shared_ptr<Session
 
 VideoEncoder::~VideoEncoder() = default;
 
-status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) {
+status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffers) {
     if (mFrame == nullptr) return NO_MEMORY;
     AString mime;
     if (!format->findString("mime", &mime)) return BAD_VALUE;
@@ -136,7 +136,7 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     mHeight = wanted.height;
     const size_t chromaBytes =
         static_cast<size_t>((mWidth + 1) / 2) * static_cast<size_t>((mHeight + 1) / 2);
-    mPictureBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) + 2 * chromaBytes;
+    mFrameBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) + 2 * chromaBytes;
 
     status_t status = mEncoder.prepare(mime);
     if (status != OK) return status;
@@ -166,10 +166,10 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecPorts* ports) 
     mFormat->setInt32("height", mHeight & ~1);
     if (mCodecSpecificData != nullptr) mFormat->setBuffer("csd-0", mCodecSpecificData);
 
-    ports->inputCount = inputCount(mThreads);
-    ports->inputBytes = mPictureBytes;
-    ports->inputsArePictures = true;
-    ports->outputCount = kOutputCount;
+    buffers->inputCount = inputCount(mThreads);
+    buffers->inputBytes = mFrameBytes;
+    buffers->inputsAreFrames = true;
+    buffers->outputCount = kOutputCount;
     return OK;
 }
 
@@ -254,14 +254,14 @@ bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
 }
 
 status_t VideoEncoder::accept(CodecInput input) {
-    if (takeUnfilled(input.data)) {
+    if (takeScaleFailure(input.data)) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "a frame could not be scaled");
         return NO_MEMORY;
     }
     // The size that the caller computes drops the half samples of an odd picture; the buffer has
     // them.
-    const size_t leastBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) * 3 / 2;
-    if (input.size < leastBytes) {
+    const size_t minBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) * 3 / 2;
+    if (input.size < minBytes) {
         __android_log_print(ANDROID_LOG_WARN, kLogTag, "a picture of %zu bytes is too short",
                             input.size);
         return OK;
@@ -291,7 +291,7 @@ status_t VideoEncoder::accept(CodecInput input) {
 
     auto* lease = new std::shared_ptr<const void>(std::move(input.lease));
     frame->buf[0] =
-        av_buffer_create(data, mPictureBytes, releaseLease, lease, AV_BUFFER_FLAG_READONLY);
+        av_buffer_create(data, mFrameBytes, releaseLease, lease, AV_BUFFER_FLAG_READONLY);
     if (frame->buf[0] == nullptr) {
         delete lease;
         return NO_MEMORY;
@@ -306,7 +306,7 @@ status_t VideoEncoder::accept(CodecInput input) {
 
 status_t VideoEncoder::finish() { return mEncoder.send(nullptr); }
 
-CodecEngine::Step VideoEncoder::produce(CodecOutput* output) {
+CodecBackend::Step VideoEncoder::produce(CodecOutput* output) {
     if (mCodecSpecificData != nullptr) {
         output->buffer = mCodecSpecificData;
         output->flags = MediaCodec::BUFFER_FLAG_CODECCONFIG;

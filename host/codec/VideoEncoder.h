@@ -19,14 +19,14 @@
 namespace android {
 namespace qmmediaeditor {
 
-class VideoEncoder : public CodecEngine {
+class VideoEncoder : public CodecBackend {
 public:
     // `avcPreset` is one of x264's; `session` may be null.
     VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
                  int threads);
     ~VideoEncoder() override;
 
-    status_t configure(const sp<AMessage>& format, CodecPorts* ports) override;
+    status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
     sp<AMessage> outputFormat() const override { return mFormat; }
     Step produce(CodecOutput* output) override;
     status_t accept(CodecInput input) override;
@@ -52,13 +52,13 @@ private:
     const int mThreads;
     const std::shared_ptr<SessionTimeline> mSession;
     PacketEncoder mEncoder;
-    const PictureMemory::Keep mKeepMemory;
+    const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;
     sp<AMessage> mFormat;
     sp<ABuffer> mCodecSpecificData;  // until it is out
     int mWidth = 0;                  // of the input
     int mHeight = 0;
-    size_t mPictureBytes = 0;
+    size_t mFrameBytes = 0;
 
     std::deque<Stamp> mInside;
     Stamp mLast;

@@ -15,10 +15,10 @@ namespace qmmediaeditor {
 
 namespace {
 
-Mutex gUnfilledLock;
-std::set<const unsigned char*> gUnfilled GUARDED_BY(gUnfilledLock);
+Mutex gFailedTargetsLock;
+std::set<const unsigned char*> gFailedTargets GUARDED_BY(gFailedTargetsLock);
 
-constexpr char kLogTag[] = "PictureScaler";
+constexpr char kLogTag[] = "FrameScaler";
 
 constexpr int kPlanar = 19;
 constexpr int kSemiPlanar = 21;
@@ -60,12 +60,12 @@ zimg_image_format planeFormat(const Size& size) {
 // whole number of chroma samples.
 class PlaneScaler {
 public:
-    bool scale(const Size& from, const PicturePlanes& source, const Size& to,
-               const PicturePlanes& target) {
+    bool scale(const Size& from, const FramePlanes& source, const Size& to,
+               const FramePlanes& target) {
         if (!prepare(from, to)) return false;
         for (int i = 0; i < 3; ++i) {
-            PicturePlanes in;
-            PicturePlanes out;
+            FramePlanes in;
+            FramePlanes out;
             in.plane[0] = source.plane[i];
             out.plane[0] = target.plane[i];
             if (!(i == 0 ? mLuma : mChroma)->process(in, out)) return false;
@@ -78,7 +78,7 @@ private:
         if (mLuma != nullptr && from == mFrom && to == mTo) return true;
         mFrom = from;
         mTo = to;
-        mLuma = PictureGraph::build(planeFormat(from), planeFormat(to), {});
+        mLuma = ZimgGraph::build(planeFormat(from), planeFormat(to), {});
         // Chroma samples lie on every second luma column, beginning with the first, and between the
         // rows.
         const double columns = static_cast<double>(from.width) / to.width;
@@ -88,7 +88,7 @@ private:
         chroma.active_region.top = 0;
         chroma.active_region.width = columns * to.chroma().width;
         chroma.active_region.height = rows * to.chroma().height;
-        mChroma = PictureGraph::build(chroma, planeFormat(to.chroma()), {});
+        mChroma = ZimgGraph::build(chroma, planeFormat(to.chroma()), {});
         if (mLuma != nullptr && mChroma != nullptr) return true;
         mLuma.reset();
         return false;
@@ -96,16 +96,16 @@ private:
 
     Size mFrom = {0, 0};
     Size mTo = {0, 0};
-    std::unique_ptr<PictureGraph> mLuma;
-    std::unique_ptr<PictureGraph> mChroma;
+    std::unique_ptr<ZimgGraph> mLuma;
+    std::unique_ptr<ZimgGraph> mChroma;
 };
 
 // The source's planes; semi-planar chroma is taken apart into `split`.
-PicturePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
+FramePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
     auto* luma = const_cast<uint8_t*>(request.src);
     uint8_t* chroma = luma + static_cast<ptrdiff_t>(request.srcStride) * request.srcSliceHeight;
     const Size size = Size{request.srcWidth, request.srcHeight}.chroma();
-    PicturePlanes planes;
+    FramePlanes planes;
     planes.plane[0] = {luma, request.srcStride};
     if (request.srcColorFormat == kPlanar) {
         const int stride = halfUp(request.srcStride);
@@ -122,7 +122,7 @@ PicturePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* sp
     return planes;
 }
 
-PicturePlanes targetPlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
+FramePlanes targetPlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
     const Size size = {request.dstWidth, request.dstHeight};
     const Size chroma = size.chroma();
     uint8_t* first = request.dst + size.pixels();
@@ -130,14 +130,14 @@ PicturePlanes targetPlanes(const ScaleRequest& request, std::vector<uint8_t>* sp
         split->resize(chroma.pixels() * 2);
         first = split->data();
     }
-    PicturePlanes planes;
+    FramePlanes planes;
     planes.plane[0] = {request.dst, size.width};
     planes.plane[1] = {first, chroma.width};
     planes.plane[2] = {first + chroma.pixels(), chroma.width};
     return planes;
 }
 
-void copyPlanes(const Size& size, const PicturePlanes& from, const PicturePlanes& to) {
+void copyPlanes(const Size& size, const FramePlanes& from, const FramePlanes& to) {
     for (int i = 0; i < 3; ++i) {
         const Size plane = i == 0 ? size : size.chroma();
         libyuv::CopyPlane(from.plane[i].data, static_cast<int>(from.plane[i].stride),
@@ -162,8 +162,8 @@ bool scaleInto(const ScaleRequest& request) {
 
     const Size from = {request.srcWidth, request.srcHeight};
     const Size to = {request.dstWidth, request.dstHeight};
-    const PicturePlanes source = sourcePlanes(request, &sourceChroma);
-    const PicturePlanes target = targetPlanes(request, &targetChroma);
+    const FramePlanes source = sourcePlanes(request, &sourceChroma);
+    const FramePlanes target = targetPlanes(request, &targetChroma);
     if (from == to) {
         copyPlanes(from, source, target);
     } else if (!scaler.scale(from, source, to, target)) {
@@ -180,15 +180,15 @@ bool scaleInto(const ScaleRequest& request) {
 
 }  // namespace
 
-void scalePicture(const ScaleRequest& request) {
+void scaleFrame(const ScaleRequest& request) {
     if (scaleInto(request)) return;
-    Mutex::Autolock lock(gUnfilledLock);
-    gUnfilled.insert(request.dst);
+    Mutex::Autolock lock(gFailedTargetsLock);
+    gFailedTargets.insert(request.dst);
 }
 
-bool takeUnfilled(const unsigned char* frame) {
-    Mutex::Autolock lock(gUnfilledLock);
-    return gUnfilled.erase(frame) > 0;
+bool takeScaleFailure(const unsigned char* frame) {
+    Mutex::Autolock lock(gFailedTargetsLock);
+    return gFailedTargets.erase(frame) > 0;
 }
 
 }  // namespace qmmediaeditor

@@ -57,10 +57,10 @@ int evenUp(int size) { return size + (size & 1); }
 
 // Three planes in one piece, each of an even size.
 template <typename Sample>
-PicturePlanes planesOf(std::vector<Sample>& samples, int width, int height) {
+FramePlanes planesOf(std::vector<Sample>& samples, int width, int height) {
     const size_t rowSamples = static_cast<size_t>(evenUp(width));
     const size_t planeSamples = rowSamples * static_cast<size_t>(evenUp(height));
-    PicturePlanes planes;
+    FramePlanes planes;
     for (size_t i = 0; i < 3; ++i) {
         planes.plane[i] = {reinterpret_cast<uint8_t*>(samples.data() + i * planeSamples),
                            static_cast<ptrdiff_t>(rowSamples * sizeof(Sample))};
@@ -110,7 +110,7 @@ private:
             return;
         }
         if ((mFormat.flags & AV_PIX_FMT_FLAG_PAL) != 0) {
-            return readColors(component, row, left, right, line);
+            return readPalette(component, row, left, right, line);
         }
         mSamples.resize(static_cast<size_t>(right - left));
         av_read_image_line2(mSamples.data(), const_cast<const uint8_t**>(mFrame.data),
@@ -123,7 +123,7 @@ private:
     }
 
     // A palette has 32-bit entries of A, R, G, B from the highest byte down.
-    void readColors(int component, int row, int left, int right, uint8_t* line) const {
+    void readPalette(int component, int row, int left, int right, uint8_t* line) const {
         const uint8_t* indexes = mFrame.data[0] + row * mFrame.linesize[0];
         for (int x = left; x < right; ++x) {
             uint32_t color = 0;
@@ -155,7 +155,7 @@ private:
 }  // namespace
 
 // All of a frame that decides how it is converted.
-struct PictureConverter::Source {
+struct VideoFrameConverter::Source {
     int pixelFormat;
     int width;
     int height;
@@ -172,11 +172,11 @@ struct PictureConverter::Source {
     }
 };
 
-PictureConverter::PictureConverter() = default;
+VideoFrameConverter::VideoFrameConverter() = default;
 
-PictureConverter::~PictureConverter() = default;
+VideoFrameConverter::~VideoFrameConverter() = default;
 
-bool PictureConverter::canConvert(int pixelFormat) {
+bool VideoFrameConverter::canConvert(int pixelFormat) {
     const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(pixelFormat));
     if (format == nullptr || strncmp(format->name, "xyz", 3) == 0) return false;
     constexpr uint64_t kRefused = AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_BAYER |
@@ -184,14 +184,14 @@ bool PictureConverter::canConvert(int pixelFormat) {
     return (format->flags & kRefused) == 0 && format->comp[0].depth <= 16;
 }
 
-bool PictureConverter::isWorkingPicture(const AVFrame& frame, int width, int height) {
+bool VideoFrameConverter::isWorkingFrame(const AVFrame& frame, int width, int height) {
     if (frame.format != AV_PIX_FMT_YUV420P && frame.format != AV_PIX_FMT_YUVA420P) return false;
     return frame.width == width && frame.height == height && !isHdr(frame) && !isWideGamut(frame) &&
            frame.color_range != AVCOL_RANGE_JPEG && matrixOf(frame) == AVCOL_SPC_BT709;
 }
 
-bool PictureConverter::convert(const AVFrame& frame, const PicturePlanes& to, int width,
-                               int height) {
+bool VideoFrameConverter::convert(const AVFrame& frame, const FramePlanes& to, int width,
+                                  int height) {
     if (!canConvert(frame.format)) return false;
     const AVPixFmtDescriptor& format =
         *av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
@@ -210,12 +210,12 @@ bool PictureConverter::convert(const AVFrame& frame, const PicturePlanes& to, in
     return read(frame, mToLinear.get(), planesOf(mLinear, width, height)) && mapTones(to);
 }
 
-bool PictureConverter::read(const AVFrame& frame, PictureGraph* graph, const PicturePlanes& to) {
+bool VideoFrameConverter::read(const AVFrame& frame, ZimgGraph* graph, const FramePlanes& to) {
     const AVPixFmtDescriptor& format =
         *av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const bool even = ((frame.width | frame.height) & 1) == 0;
     if (even && isPlanar(format) && !isGrey(format)) {
-        PicturePlanes from;
+        FramePlanes from;
         for (int i = 0; i < 3; ++i) {
             const int plane = format.comp[i].plane;
             from.plane[i] = {frame.data[plane], frame.linesize[plane]};
@@ -228,7 +228,7 @@ bool PictureConverter::read(const AVFrame& frame, PictureGraph* graph, const Pic
                           to);
 }
 
-bool PictureConverter::mapTones(const PicturePlanes& to) {
+bool VideoFrameConverter::mapTones(const FramePlanes& to) {
     const int width = evenUp(mWidth);
     const int height = evenUp(mHeight);
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
@@ -245,8 +245,8 @@ bool PictureConverter::mapTones(const PicturePlanes& to) {
     return mGraph->process(planesOf(mCoded, mWidth, mHeight), to);
 }
 
-bool PictureConverter::prepareToneMapping(const zimg_image_format& from,
-                                          const zimg_image_format& to) {
+bool VideoFrameConverter::prepareToneMapping(const zimg_image_format& from,
+                                             const zimg_image_format& to) {
     zimg_image_format linear = to;
     linear.pixel_type = ZIMG_PIXEL_FLOAT;
     linear.depth = 32;
@@ -264,12 +264,12 @@ bool PictureConverter::prepareToneMapping(const zimg_image_format& from,
     mLinear.resize(samples);
     mCoded.resize(samples);
     mToneMapper = std::make_unique<ToneMapper>();
-    mToLinear = PictureGraph::build(from, linear, {ZIMG_DITHER_NONE, ToneMapper::kWhiteNits});
-    mGraph = PictureGraph::build(coded, to, {ZIMG_DITHER_ORDERED});
+    mToLinear = ZimgGraph::build(from, linear, {ZIMG_DITHER_NONE, ToneMapper::kWhiteNits});
+    mGraph = ZimgGraph::build(coded, to, {ZIMG_DITHER_ORDERED});
     return mToLinear != nullptr && mGraph != nullptr;
 }
 
-bool PictureConverter::prepare(const Source& source, int width, int height) {
+bool VideoFrameConverter::prepare(const Source& source, int width, int height) {
     if (mSource != nullptr && *mSource == source && mWidth == width && mHeight == height) {
         return mGraph != nullptr;
     }
@@ -320,7 +320,7 @@ bool PictureConverter::prepare(const Source& source, int width, int height) {
         to.color_primaries = ZIMG_PRIMARIES_BT709;
     }
     if (isHdrTransfer(source.transfer)) return prepareToneMapping(from, to);
-    mGraph = PictureGraph::build(from, to, {depth > 8 ? ZIMG_DITHER_ORDERED : ZIMG_DITHER_NONE});
+    mGraph = ZimgGraph::build(from, to, {depth > 8 ? ZIMG_DITHER_ORDERED : ZIMG_DITHER_NONE});
     return mGraph != nullptr;
 }
 

@@ -16,19 +16,19 @@ struct AVFrame;
 namespace android {
 namespace qmmediaeditor {
 
-class PictureConverter {
+class VideoFrameConverter {
 public:
-    PictureConverter();
-    ~PictureConverter();
+    VideoFrameConverter();
+    ~VideoFrameConverter();
 
     // `pixelFormat` is an AVPixelFormat.
     static bool canConvert(int pixelFormat);
     // True when the frame needs no conversion but the choice of planes.
-    static bool isWorkingPicture(const AVFrame& frame, int width, int height);
+    static bool isWorkingFrame(const AVFrame& frame, int width, int height);
 
     // `to` has room for a picture of `width` x `height`, rounded up to even numbers. False when the
     // frame cannot be converted.
-    bool convert(const AVFrame& frame, const PicturePlanes& to, int width, int height);
+    bool convert(const AVFrame& frame, const FramePlanes& to, int width, int height);
 
 private:
     struct Source;
@@ -36,17 +36,17 @@ private:
     bool prepare(const Source& source, int width, int height);
     // HDR takes three steps: to linear light, through the tone mapper, to the working picture.
     bool prepareToneMapping(const zimg_image_format& from, const zimg_image_format& to);
-    bool read(const AVFrame& frame, PictureGraph* graph, const PicturePlanes& to);
-    bool mapTones(const PicturePlanes& to);
+    bool read(const AVFrame& frame, ZimgGraph* graph, const FramePlanes& to);
+    bool mapTones(const FramePlanes& to);
 
     // What the graphs were built for.
     std::unique_ptr<Source> mSource;
     int mWidth = 0;
     int mHeight = 0;
-    std::unique_ptr<PictureGraph> mGraph;
+    std::unique_ptr<ZimgGraph> mGraph;
 
     // For HDR only.
-    std::unique_ptr<PictureGraph> mToLinear;
+    std::unique_ptr<ZimgGraph> mToLinear;
     std::unique_ptr<ToneMapper> mToneMapper;
     std::vector<float> mLinear;  // R, G and B planes in the size of what goes out
     std::vector<uint16_t> mCoded;

@@ -10,7 +10,7 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr char kLogTag[] = "PictureGraph";
+constexpr char kLogTag[] = "ZimgGraph";
 
 // What zimg asks of addresses and strides.
 constexpr uintptr_t kAlignment = 64;
@@ -48,7 +48,7 @@ size_t sampleBytes(const zimg_image_format& format) {
     return 4;
 }
 
-bool isAligned(const PicturePlanes& planes, int count) {
+bool isAligned(const FramePlanes& planes, int count) {
     for (int i = 0; i < count; ++i) {
         const auto address = reinterpret_cast<uintptr_t>(planes.plane[i].data);
         const auto stride = static_cast<uintptr_t>(planes.plane[i].stride);
@@ -79,15 +79,14 @@ Span spanOf(const zimg_image_format& format, int plane, unsigned row, unsigned l
 }  // namespace
 
 // What the callbacks need to know of the run that calls them.
-struct PictureGraph::Call {
-    PictureGraph& graph;
+struct ZimgGraph::Call {
+    ZimgGraph& graph;
     const RowReader* reader;
-    const PicturePlanes& to;
+    const FramePlanes& to;
 };
 
-std::unique_ptr<PictureGraph> PictureGraph::build(const zimg_image_format& from,
-                                                  const zimg_image_format& to,
-                                                  const Settings& settings) {
+std::unique_ptr<ZimgGraph> ZimgGraph::build(const zimg_image_format& from,
+                                            const zimg_image_format& to, const Settings& settings) {
     zimg_graph_builder_params params;
     zimg_graph_builder_params_default(&params, ZIMG_API_VERSION);
     params.resample_filter = ZIMG_RESIZE_BICUBIC;
@@ -106,11 +105,11 @@ std::unique_ptr<PictureGraph> PictureGraph::build(const zimg_image_format& from,
                             from.width, from.height, to.width, to.height, reason);
         return nullptr;
     }
-    return std::unique_ptr<PictureGraph>(new PictureGraph(graph, from, to));
+    return std::unique_ptr<ZimgGraph>(new ZimgGraph(graph, from, to));
 }
 
-PictureGraph::PictureGraph(zimg_filter_graph* graph, const zimg_image_format& from,
-                           const zimg_image_format& to)
+ZimgGraph::ZimgGraph(zimg_filter_graph* graph, const zimg_image_format& from,
+                     const zimg_image_format& to)
     : mGraph(graph), mFrom(from), mTo(to) {
     size_t scratchBytes = 0;
     zimg_filter_graph_get_tmp_size(graph, &scratchBytes);
@@ -122,9 +121,9 @@ PictureGraph::PictureGraph(zimg_filter_graph* graph, const zimg_image_format& fr
     mToWindow = makeWindow(to, rows);
 }
 
-PictureGraph::~PictureGraph() = default;
+ZimgGraph::~ZimgGraph() = default;
 
-PictureGraph::Window PictureGraph::makeWindow(const zimg_image_format& format, unsigned rows) {
+ZimgGraph::Window ZimgGraph::makeWindow(const zimg_image_format& format, unsigned rows) {
     Window window;
     window.rows.version = ZIMG_API_VERSION;
     const unsigned mask = zimg_select_buffer_mask(rows);
@@ -143,7 +142,7 @@ PictureGraph::Window PictureGraph::makeWindow(const zimg_image_format& format, u
     return window;
 }
 
-int PictureGraph::readRows(void* user, unsigned row, unsigned left, unsigned right) {
+int ZimgGraph::readRows(void* user, unsigned row, unsigned left, unsigned right) {
     const Call& call = *static_cast<Call*>(user);
     const zimg_image_format& format = call.graph.mFrom;
     const size_t bytes = sampleBytes(format);
@@ -161,13 +160,13 @@ int PictureGraph::readRows(void* user, unsigned row, unsigned left, unsigned rig
     return 0;
 }
 
-int PictureGraph::writeRows(void* user, unsigned row, unsigned left, unsigned right) {
+int ZimgGraph::writeRows(void* user, unsigned row, unsigned left, unsigned right) {
     const Call& call = *static_cast<Call*>(user);
     const zimg_image_format& format = call.graph.mTo;
     const size_t bytes = sampleBytes(format);
     for (int plane = 0; plane < planeCount(format); ++plane) {
         const auto& window = call.graph.mToWindow.rows.plane[plane];
-        const PicturePlane& to = call.to.plane[plane];
+        const FramePlane& to = call.to.plane[plane];
         const Span span = spanOf(format, plane, row, left, right);
         const size_t offset = static_cast<size_t>(span.left) * bytes;
         const size_t length = static_cast<size_t>(span.right - span.left) * bytes;
@@ -181,23 +180,22 @@ int PictureGraph::writeRows(void* user, unsigned row, unsigned left, unsigned ri
     return 0;
 }
 
-bool PictureGraph::process(const PicturePlanes& from, const PicturePlanes& to) {
+bool ZimgGraph::process(const FramePlanes& from, const FramePlanes& to) {
     if (isAligned(from, planeCount(mFrom))) return run(&from, nullptr, to);
     const RowReader copy = [this, &from](int plane, int row, int left, int right, uint8_t* line) {
         const size_t bytes = sampleBytes(mFrom);
-        const PicturePlane& source = from.plane[plane];
+        const FramePlane& source = from.plane[plane];
         memcpy(line, source.data + row * source.stride + static_cast<size_t>(left) * bytes,
                static_cast<size_t>(right - left) * bytes);
     };
     return run(nullptr, &copy, to);
 }
 
-bool PictureGraph::process(const RowReader& from, const PicturePlanes& to) {
+bool ZimgGraph::process(const RowReader& from, const FramePlanes& to) {
     return run(nullptr, &from, to);
 }
 
-bool PictureGraph::run(const PicturePlanes* from, const RowReader* reader,
-                       const PicturePlanes& to) {
+bool ZimgGraph::run(const FramePlanes* from, const RowReader* reader, const FramePlanes& to) {
     zimg_image_buffer_const source;
     source.version = ZIMG_API_VERSION;
     zimg_image_buffer target = mToWindow.rows;

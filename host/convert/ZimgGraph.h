@@ -13,17 +13,17 @@
 namespace android {
 namespace qmmediaeditor {
 
-struct PicturePlane {
+struct FramePlane {
     uint8_t* data = nullptr;
     ptrdiff_t stride = 0;  // bytes
 };
 
 // Up to three planes: Y, U, V or R, G, B.
-struct PicturePlanes {
-    PicturePlane plane[3];
+struct FramePlanes {
+    FramePlane plane[3];
 };
 
-class PictureGraph {
+class ZimgGraph {
 public:
     struct Settings {
         zimg_dither_type_e dither = ZIMG_DITHER_NONE;
@@ -32,18 +32,17 @@ public:
     };
 
     // Null when zimg cannot do it; the reason is logged.
-    static std::unique_ptr<PictureGraph> build(const zimg_image_format& from,
-                                               const zimg_image_format& to,
-                                               const Settings& settings);
-    ~PictureGraph();
+    static std::unique_ptr<ZimgGraph> build(const zimg_image_format& from,
+                                            const zimg_image_format& to, const Settings& settings);
+    ~ZimgGraph();
 
     // Puts the samples of `plane` in `row`, from column `left` up to `right`, to `line`, which is
     // where column `left` belongs. Rows and columns are the plane's own.
     typedef std::function<void(int plane, int row, int left, int right, uint8_t* line)> RowReader;
 
-    bool process(const PicturePlanes& from, const PicturePlanes& to);
+    bool process(const FramePlanes& from, const FramePlanes& to);
     // For sources that zimg cannot read where they lie.
-    bool process(const RowReader& from, const PicturePlanes& to);
+    bool process(const RowReader& from, const FramePlanes& to);
 
 private:
     // A few rows in the alignment that zimg asks for.
@@ -55,15 +54,14 @@ private:
         void operator()(zimg_filter_graph* graph) const { zimg_filter_graph_free(graph); }
     };
 
-    PictureGraph(zimg_filter_graph* graph, const zimg_image_format& from,
-                 const zimg_image_format& to);
+    ZimgGraph(zimg_filter_graph* graph, const zimg_image_format& from, const zimg_image_format& to);
 
     static Window makeWindow(const zimg_image_format& format, unsigned rows);
     static int readRows(void* call, unsigned row, unsigned left, unsigned right);
     static int writeRows(void* call, unsigned row, unsigned left, unsigned right);
 
     struct Call;
-    bool run(const PicturePlanes* from, const RowReader* reader, const PicturePlanes& to);
+    bool run(const FramePlanes* from, const RowReader* reader, const FramePlanes& to);
 
     const std::unique_ptr<zimg_filter_graph, FreeGraph> mGraph;
     const zimg_image_format mFrom;

@@ -92,10 +92,10 @@ struct Demuxer::Cursor {
 Demuxer::Demuxer() : mCursor(std::make_unique<Cursor>()) {}
 Demuxer::~Demuxer() = default;
 
-Demuxer::Opened Demuxer::open(const std::shared_ptr<const InputFile>& file, Study study) {
+Demuxer::Opened Demuxer::open(const std::shared_ptr<const InputFile>& file, ProbeDepth study) {
     std::unique_ptr<Demuxer> demuxer(new Demuxer);
     status_t status = demuxer->openInput(file);
-    if (status == OK && study == Study::kStreams) status = demuxer->readStreams();
+    if (status == OK && study == ProbeDepth::kStreams) status = demuxer->readStreams();
     if (status != OK) return {nullptr, status};
     return {std::move(demuxer), OK};
 }
@@ -174,11 +174,15 @@ bool Demuxer::headerIsEnough() const {
     return isIsoFile() || av_match_name("matroska", mContext->iformat->name) != 0;
 }
 
-bool Demuxer::countsPictures() const { return av_match_name("avi", mContext->iformat->name) != 0; }
+bool Demuxer::hasOnlyFrameNumbers() const {
+    return av_match_name("avi", mContext->iformat->name) != 0;
+}
 
-bool Demuxer::clockMayJump() const { return (mContext->iformat->flags & AVFMT_TS_DISCONT) != 0; }
+bool Demuxer::mayHaveDiscontinuities() const {
+    return (mContext->iformat->flags & AVFMT_TS_DISCONT) != 0;
+}
 
-bool Demuxer::indexIsOfPictures() const {
+bool Demuxer::indexIsOfVideo() const {
     return av_match_name(mContext->iformat->name, "matroska,webm,flv,asf") != 0;
 }
 

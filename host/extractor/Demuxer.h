@@ -16,7 +16,7 @@ namespace qmmediaeditor {
 
 class Demuxer {
 public:
-    enum class Study {
+    enum class ProbeDepth {
         kHeader,   // what the container's header says of its streams
         kStreams,  // and what the first packets of each stream add to it
     };
@@ -28,23 +28,23 @@ public:
         // memory is short.
         status_t status;
     };
-    static Opened open(const std::shared_ptr<const InputFile>& file, Study study);
+    static Opened open(const std::shared_ptr<const InputFile>& file, ProbeDepth study);
     ~Demuxer();
 
     AVFormatContext& context() { return *mContext; }
 
     // The family of ISO base media files: MP4, MOV, 3GP.
     bool isIsoFile() const;
-    // The header alone names every stream and every packet has its times, so that Study::kHeader
-    // will do.
+    // The header alone names every stream and every packet has its times, so that
+    // ProbeDepth::kHeader will do.
     bool headerIsEnough() const;
     // The container gives a picture's place in decoding order and nothing else; what libavformat
     // makes of it is late by what the codec reorders.
-    bool countsPictures() const;
+    bool hasOnlyFrameNumbers() const;
     // The container's clock may start anew anywhere.
-    bool clockMayJump() const;
+    bool mayHaveDiscontinuities() const;
     // What index the container has is that of its pictures, for sound as well.
-    bool indexIsOfPictures() const;
+    bool indexIsOfVideo() const;
 
     static constexpr int kAnyStream = -1;
     // Reads the next packet of stream `index`, passing over others and over damaged ones. OK,

@@ -138,7 +138,7 @@ status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
     // Whoever cuts a file needs the sample before the cut; nothing asks for the others.
     if (mode != SeekMode::SEEK_PREVIOUS_SYNC) return ERROR_UNSUPPORTED;
     if (mReaders.empty()) return INVALID_OPERATION;
-    mInfo.tracks[mReaders.begin()->first].source->order()->beginTimeLine(timeUs);
+    mInfo.tracks[mReaders.begin()->first].source->sequencer()->beginSegment(timeUs);
     mHasCurrent = false;
     mDamageUs = 0;
     mTimeUs = kUnknownUs;
@@ -169,8 +169,8 @@ status_t FileExtractor::findCurrent() {
         }
         if (!hasHead) continue;
         const int64_t timeUs = entry.second->orderTimeUs();
-        const bool soundFirst = timeUs == earliestUs && !mInfo.tracks[entry.first].isVideo;
-        if (mHasCurrent && timeUs >= earliestUs && !soundFirst) continue;
+        const bool audioFirst = timeUs == earliestUs && !mInfo.tracks[entry.first].isVideo;
+        if (mHasCurrent && timeUs >= earliestUs && !audioFirst) continue;
         mCurrent = entry.first;
         mHasCurrent = true;
         earliestUs = timeUs;
@@ -191,7 +191,7 @@ void FileExtractor::announceCurrent() {
     mTimeUs = timeUs - mDamageUs;
     const int64_t offsetUs = originUs() + mDamageUs;
     const TrackInfo& currentTrack = mInfo.tracks[mCurrent];
-    if (currentTrack.isVideo) currentTrack.source->order()->addVideo(mTimeUs);
+    if (currentTrack.isVideo) currentTrack.source->sequencer()->addVideo(mTimeUs);
     currentTrack.source->announce(mTimeUs, reader.headProperties(offsetUs));
     for (const auto& entry : mReaders) {
         if (entry.second->head() == nullptr) continue;

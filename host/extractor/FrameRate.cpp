@@ -86,9 +86,10 @@ int variableRate(int64_t shortestUs, int64_t tickUs, bool complete) {
 
 }  // namespace
 
-FrameGrid::FrameGrid(FrameRate rate, int64_t tickUs) : mRate(rate), mToleranceUs(tickUs + 1) {}
+ConstantFrameRate::ConstantFrameRate(FrameRate rate, int64_t tickUs)
+    : mRate(rate), mToleranceUs(tickUs + 1) {}
 
-int64_t FrameGrid::snap(int64_t timeUs) {
+int64_t ConstantFrameRate::snap(int64_t timeUs) {
     if (!mAnchorUs.has_value()) mAnchorUs = timeUs;
     const int64_t number = frameNumber(timeUs - *mAnchorUs, mRate);
     const int64_t errorUs = *mAnchorUs + frameTimeUs(number, mRate) - timeUs;
@@ -104,8 +105,8 @@ int64_t FrameGrid::snap(int64_t timeUs) {
     return timeUs + errorUs - stepUs;
 }
 
-FrameTiming studyFrameTimes(FrameTimes times, int64_t tickUs,
-                            const std::vector<FrameRate>& likely) {
+FrameRateEstimate estimateFrameRate(FrameTimestamps times, int64_t tickUs,
+                                    const std::vector<FrameRate>& likely) {
     std::vector<int64_t>& timesUs = times.timesUs;
     // What a container names is often an average; so it comes after the usual rates.
     std::vector<FrameRate> rates(std::begin(kUsualRates), std::end(kUsualRates));
@@ -113,7 +114,7 @@ FrameTiming studyFrameTimes(FrameTimes times, int64_t tickUs,
     std::sort(timesUs.begin(), timesUs.end());
     timesUs.erase(std::unique(timesUs.begin(), timesUs.end()), timesUs.end());
 
-    FrameTiming timing;
+    FrameRateEstimate timing;
     if (timesUs.size() < 2) {
         const auto first = std::find_if(likely.begin(), likely.end(), isUsable);
         timing.rate = first == likely.end() ? kDefaultRate : rateFor(*first);
@@ -127,7 +128,7 @@ FrameTiming studyFrameTimes(FrameTimes times, int64_t tickUs,
         for (const FrameRate& rate : rates) {
             if (!fits(timesUs, toleranceUs, rate)) continue;
             timing.rate = rateFor(rate);
-            timing.grid = FrameGrid(rate, toleranceUs);
+            timing.constantRate = ConstantFrameRate(rate, toleranceUs);
             return timing;
         }
     }

@@ -19,10 +19,10 @@ struct FrameRate {
     int64_t denominator = 1;
 };
 
-class FrameGrid {
+class ConstantFrameRate {
 public:
     // `tickUs` is the container's resolution, microseconds.
-    FrameGrid(FrameRate rate, int64_t tickUs);
+    ConstantFrameRate(FrameRate rate, int64_t tickUs);
 
     // The grid's time nearest to `timeUs`, when what lies between them can be the container's
     // rounding. Else the stream has a break there: `timeUs`, where the grid begins anew. It begins
@@ -35,15 +35,15 @@ private:
     std::optional<int64_t> mAnchorUs;
 };
 
-struct FrameTiming {
+struct FrameRateEstimate {
     // Frames per second, rounded up, so that no two frames are closer than 1000000 / rate.
     int rate = 0;
     // For a constant rate.
-    std::optional<FrameGrid> grid;
+    std::optional<ConstantFrameRate> constantRate;
 };
 
 // Presentation times of frames, in any order.
-struct FrameTimes {
+struct FrameTimestamps {
     std::vector<int64_t> timesUs;
     // Of all frames of the track, rather than of its first ones.
     bool complete = false;
@@ -51,7 +51,8 @@ struct FrameTimes {
 
 // `tickUs` is the container's resolution; `likely` are rates that the container names, if it does.
 // With fewer than two times the first of these decides, or 30.
-FrameTiming studyFrameTimes(FrameTimes times, int64_t tickUs, const std::vector<FrameRate>& likely);
+FrameRateEstimate estimateFrameRate(FrameTimestamps times, int64_t tickUs,
+                                    const std::vector<FrameRate>& likely);
 
 }  // namespace qmmediaeditor
 }  // namespace android

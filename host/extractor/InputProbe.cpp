@@ -31,8 +31,8 @@ namespace {
 constexpr char kLogTag[] = "Extractor";
 constexpr AVRational kMicroseconds = {1, 1000000};
 // So many frames tell 30 a second from 29.97 through time stamps in milliseconds.
-constexpr size_t kStudiedFrames = 120;
-constexpr int64_t kMaxStudiedBytes = 32 << 20;
+constexpr size_t kMaxProbedFrames = 120;
+constexpr int64_t kMaxProbedBytes = 32 << 20;
 constexpr int64_t kMinVideoSampleBytes = 1 << 20;
 constexpr int64_t kMaxAudioSampleBytes = 512 << 10;
 // Covers the overlap of transform codecs and MP3's bit reservoir.
@@ -42,15 +42,15 @@ bool isKind(const AVStream& stream, AVMediaType kind) {
     return stream.codecpar->codec_type == kind;
 }
 
-bool isMovingPicture(const AVStream& stream) {
-    return isKind(stream, AVMEDIA_TYPE_VIDEO) && !isAttachedPicture(stream);
+bool isVideoTrack(const AVStream& stream) {
+    return isKind(stream, AVMEDIA_TYPE_VIDEO) && !isCoverArt(stream);
 }
 
 // Reads all packets: for a recording that was never finished, say.
 std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const InputFile>& file,
                                         size_t count) {
     std::vector<int64_t> durationsUs(count, 0);
-    const auto demuxer = Demuxer::open(file, Demuxer::Study::kStreams).demuxer;
+    const auto demuxer = Demuxer::open(file, Demuxer::ProbeDepth::kStreams).demuxer;
     PacketPtr packet(av_packet_alloc());
     if (demuxer == nullptr || packet == nullptr) return durationsUs;
     while (demuxer->readPacket(Demuxer::kAnyStream, packet.get()) == OK) {
@@ -80,7 +80,7 @@ int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
 }
 
 // A decoder that refuses what the file says of a track is as good as none.
-void forgetRefused(AVStream* stream) {
+void rejectUndecodable(AVStream* stream) {
     if (!isDecodable(*stream)) return;
     AVCodecParameters* parameters = stream->codecpar;
     const AVCodec* decoder = decoderOf(parameters->codec_id);
@@ -113,8 +113,8 @@ int64_t maxSampleBytes(AVStream& stream, int64_t fileBytes) {
 // An ISO file's index has the decoding times of all samples. Without reordering they are the
 // presentation times; with it, they have the same distances where the rate is constant. Elsewhere
 // the first packets are read.
-FrameTimes frameTimes(Demuxer* demuxer, AVStream& stream) {
-    FrameTimes times;
+FrameTimestamps frameTimestamps(Demuxer* demuxer, AVStream& stream) {
+    FrameTimestamps times;
     std::vector<int64_t>& timesUs = times.timesUs;
     const int entries = avformat_index_get_entries_count(&stream);
     if (demuxer->isIsoFile() && entries > 1) {
@@ -130,7 +130,7 @@ FrameTimes frameTimes(Demuxer* demuxer, AVStream& stream) {
     if (packet == nullptr) return times;
     demuxer->keepOnly(stream.index);
     int64_t bytes = 0;
-    while (timesUs.size() < kStudiedFrames && bytes < kMaxStudiedBytes &&
+    while (timesUs.size() < kMaxProbedFrames && bytes < kMaxProbedBytes &&
            demuxer->readPacket(stream.index, packet.get()) == OK) {
         const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
         if (time != AV_NOPTS_VALUE) timesUs.push_back(demuxer->toUs(stream.index, time));
@@ -144,13 +144,13 @@ bool isInterlaced(const AVStream& stream) {
     return stream.codecpar->field_order > AV_FIELD_PROGRESSIVE;
 }
 
-FrameTiming frameTiming(AVStream& stream, FrameTimes times) {
+FrameRateEstimate frameRateEstimate(AVStream& stream, FrameTimestamps times) {
     std::vector<FrameRate> likely;
     for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
         likely.push_back({rate.num, rate.den});
     }
     const int64_t tickUs = av_rescale_q_rnd(1, stream.time_base, kMicroseconds, AV_ROUND_UP);
-    FrameTiming timing = studyFrameTimes(std::move(times), tickUs, likely);
+    FrameRateEstimate timing = estimateFrameRate(std::move(times), tickUs, likely);
     const double average = av_q2d(stream.avg_frame_rate);
     if (isInterlaced(stream) && average > 0 && timing.rate > average * 3 / 2) {
         timing.rate = (timing.rate + 1) / 2;
@@ -166,17 +166,18 @@ int64_t prerollUs(const AVCodecParameters& parameters) {
 // A sound track's own index is often missing; then the picture's leads to it as well.
 int seekStreamIndex(const Demuxer& demuxer, const AVFormatContext& context,
                     const AVStream& stream) {
-    if (!demuxer.indexIsOfPictures()) return stream.index;
+    if (!demuxer.indexIsOfVideo()) return stream.index;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
-        if (isMovingPicture(*context.streams[i])) return context.streams[i]->index;
+        if (isVideoTrack(*context.streams[i])) return context.streams[i]->index;
     }
     return stream.index;
 }
 
-sp<TrackSource> makeSource(const AVCodecParameters& parameters, const sp<DecodeOrder>& order) {
+sp<TrackSource> makeSource(const AVCodecParameters& parameters,
+                           const sp<OutputSequencer>& sequencer) {
     CodecParametersPtr copy(avcodec_parameters_alloc());
     if (copy == nullptr || avcodec_parameters_copy(copy.get(), &parameters) < 0) return nullptr;
-    return new TrackSource(std::move(copy), order);
+    return new TrackSource(std::move(copy), sequencer);
 }
 
 // Null when memory is short.
@@ -192,33 +193,33 @@ sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<ui
 }
 
 // Without a format when memory is short.
-TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, bool studyFrames,
-                        const sp<DecodeOrder>& order) {
+TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, bool estimateRate,
+                        const sp<OutputSequencer>& sequencer) {
     AVFormatContext& context = demuxer->context();
     const AVCodecParameters& parameters = *stream.codecpar;
     TrackInfo track;
     track.streamIndex = stream.index;
     track.isVideo = isKind(stream, AVMEDIA_TYPE_VIDEO);
-    TrackFacts facts;
+    TrackProperties facts;
     facts.durationUs = durationUs;
     if (isDecodable(stream)) {
         track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream, avio_size(context.pb)));
         facts.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
         track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
-        if (stream.start_time != AV_NOPTS_VALUE && !demuxer->countsPictures()) {
+        if (stream.start_time != AV_NOPTS_VALUE && !demuxer->hasOnlyFrameNumbers()) {
             track.startUs = demuxer->toUs(stream.index, stream.start_time);
         }
-        track.source = makeSource(parameters, order);
+        track.source = makeSource(parameters, sequencer);
         if (track.source == nullptr) return track;
         if (track.isVideo) {
-            const size_t samplesPerPicture = isInterlaced(stream) ? 2 : 1;
+            const size_t samplesPerFrame = isInterlaced(stream) ? 2 : 1;
             track.reorderDepth =
-                static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerPicture;
-            const FrameTiming timing =
-                frameTiming(stream, studyFrames ? frameTimes(demuxer, stream) : FrameTimes());
+                static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerFrame;
+            const FrameRateEstimate timing = frameRateEstimate(
+                stream, estimateRate ? frameTimestamps(demuxer, stream) : FrameTimestamps());
             facts.frameRate = timing.rate;
-            if (!timing.grid) facts.averageFrameRate = av_q2d(stream.avg_frame_rate);
-            track.grid = timing.grid;
+            if (!timing.constantRate) facts.averageFrameRate = av_q2d(stream.avg_frame_rate);
+            track.constantRate = timing.constantRate;
         } else {
             track.prerollUs = prerollUs(parameters);
         }
@@ -299,7 +300,7 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     // Before the demuxer, which makes an entry of its index for each sample.
     if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
     if (file->status() != OK) return ERROR_IO;
-    const Demuxer::Opened opened = Demuxer::open(file, Demuxer::Study::kStreams);
+    const Demuxer::Opened opened = Demuxer::open(file, Demuxer::ProbeDepth::kStreams);
     if (opened.demuxer == nullptr) return opened.status;
     Demuxer* const demuxer = opened.demuxer.get();
     TopLevelBoxes boxes;
@@ -313,10 +314,10 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     bool hasMedia = false;
     bool complete = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
-        forgetRefused(context.streams[i]);
+        rejectUndecodable(context.streams[i]);
         const AVStream& stream = *context.streams[i];
         durationsUs[i] = statedDurationUs(demuxer, stream);
-        hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isMovingPicture(stream);
+        hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isVideoTrack(stream);
         complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
     }
     if (!hasMedia) return ERROR_UNSUPPORTED;
@@ -327,22 +328,24 @@ status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* inf
     found.zeroIsFixed = demuxer->isIsoFile();
     found.format = makeFileFormat(context, boxes.uuidData);
     if (found.format == nullptr) return NO_MEMORY;
-    const sp<DecodeOrder> order = new DecodeOrder;
-    std::shared_ptr<TimeJumps> jumps;
-    if (demuxer->clockMayJump()) jumps = std::make_shared<TimeJumps>();
+    const sp<OutputSequencer> sequencer = new OutputSequencer;
+    std::shared_ptr<TimestampDiscontinuities> discontinuities;
+    if (demuxer->mayHaveDiscontinuities())
+        discontinuities = std::make_shared<TimestampDiscontinuities>();
     std::vector<IsoTrackLength> lengths;
     if (boxes.movieBytes > 0) lengths = readTrackLengths(*file, boxes.movieOffset);
-    bool studyFrames = true;
+    bool estimateRate = true;
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
-        found.tracks.push_back(describeTrack(demuxer, stream, durationsUs[i], studyFrames, order));
+        found.tracks.push_back(
+            describeTrack(demuxer, stream, durationsUs[i], estimateRate, sequencer));
         if (found.tracks.back().format == nullptr) return NO_MEMORY;
         if (const auto reason = checkDisplaySize(found.tracks.back())) {
             return refuse(*file, *reason);
         }
-        found.tracks.back().jumps = jumps;
+        found.tracks.back().discontinuities = discontinuities;
         found.tracks.back().ending = findEnding(lengths, *demuxer, stream);
-        if (found.tracks.back().isVideo && isDecodable(stream)) studyFrames = false;
+        if (found.tracks.back().isVideo && isDecodable(stream)) estimateRate = false;
     }
     // The studies above take what they get.
     if (file->status() != OK) return ERROR_IO;

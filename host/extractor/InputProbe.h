@@ -43,9 +43,9 @@ struct TrackInfo {
     // How many pictures can precede one in decoding order and follow it on the screen.
     size_t reorderDepth = 0;
     // For video of a constant rate.
-    std::optional<FrameGrid> grid;
+    std::optional<ConstantFrameRate> constantRate;
     // One for all tracks of the file. Null where the clock never jumps.
-    std::shared_ptr<TimeJumps> jumps;
+    std::shared_ptr<TimestampDiscontinuities> discontinuities;
 };
 
 struct InputInfo {

@@ -96,7 +96,7 @@ const char* audioMime(AVCodecID codec) {
     }
 }
 
-const char* pictureMime(AVCodecID codec) {
+const char* imageMime(AVCodecID codec) {
     switch (codec) {
         case AV_CODEC_ID_MJPEG:
             return "image/jpeg";
@@ -109,14 +109,14 @@ const char* pictureMime(AVCodecID codec) {
 
 }  // namespace
 
-bool isAttachedPicture(const AVStream& stream) {
+bool isCoverArt(const AVStream& stream) {
     return (stream.disposition & (AV_DISPOSITION_ATTACHED_PIC | AV_DISPOSITION_TIMED_THUMBNAILS)) !=
            0;
 }
 
 bool isDecodable(const AVStream& stream) {
     const AVCodecParameters& parameters = *stream.codecpar;
-    if (isAttachedPicture(stream) || isEncrypted(stream)) return false;
+    if (isCoverArt(stream) || isEncrypted(stream)) return false;
     if (decoderOf(parameters.codec_id) == nullptr) return false;
     if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
         return parameters.width > 0 && parameters.height > 0;
@@ -130,7 +130,7 @@ const char* mimeOfStream(const AVStream& stream) {
     const AVCodecID codec = stream.codecpar->codec_id;
     switch (stream.codecpar->codec_type) {
         case AVMEDIA_TYPE_VIDEO:
-            if (isAttachedPicture(stream)) return pictureMime(codec);
+            if (isCoverArt(stream)) return imageMime(codec);
             return isDecodable(stream) ? videoMime(codec) : MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED;
         case AVMEDIA_TYPE_AUDIO:
             return isDecodable(stream) ? audioMime(codec) : MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED;

@@ -13,7 +13,7 @@ const char* mimeOfStream(const AVStream& stream);
 const char* mimeOfContainer(const AVFormatContext& context);
 
 // Cover art, for one: a picture that belongs to the file and not to a time.
-bool isAttachedPicture(const AVStream& stream);
+bool isCoverArt(const AVStream& stream);
 
 // An audio or video track that a decoder here takes.
 bool isDecodable(const AVStream& stream);

@@ -13,30 +13,32 @@ namespace {
 constexpr int64_t kMaxStepBackUs = 500000;
 constexpr int64_t kMaxStepUs = 10000000;
 // Whoever leaves one track out for so long still writes the other at 40 kb/s.
-constexpr int64_t kLeastBytesPerSecond = 5000;
+constexpr int64_t kMinBytesPerSecond = 5000;
 // The samples of one time lie no further apart in a file.
 constexpr int64_t kMaxInterleavingBytes = 8 << 20;
 // More jumps than a recording has in so many bytes; bounds the search where all timestamps jump.
-constexpr int kMaxNearJumps = 1000;
+constexpr int kMaxNearbyDiscontinuities = 1000;
 
 }  // namespace
 
-bool TimeJumps::isJump(int64_t stepUs, int64_t stepBytes) {
+bool TimestampDiscontinuities::isDiscontinuity(int64_t stepUs, int64_t stepBytes) {
     if (stepUs < -kMaxStepBackUs) return true;
-    return stepUs > kMaxStepUs && stepBytes < stepUs / 1000000 * kLeastBytesPerSecond;
+    return stepUs > kMaxStepUs && stepBytes < stepUs / 1000000 * kMinBytesPerSecond;
 }
 
-int64_t TimeJumps::offsetUs(int stream, int64_t position, int64_t timeUs, int64_t expectedUs) {
-    Jumps& own = mJumps[stream];
+int64_t TimestampDiscontinuities::offsetUs(int stream, int64_t position, int64_t timeUs,
+                                           int64_t expectedUs) {
+    Offsets& own = mOffsets[stream];
     // Read again after a seek. Other jumps of the same stream are no match, however near: where its
     // clock jumps twice in ten seconds, that would drop what lies between.
     if (const auto known = own.find(position); known != own.end()) return known->second;
     int64_t bestUs = expectedUs - timeUs;
     int64_t bestErrorUs = kMaxStepUs;
-    for (const auto& [other, jumps] : mJumps) {
+    for (const auto& [other, discontinuities] : mOffsets) {
         if (other == stream) continue;
-        auto jump = jumps.lower_bound(position - kMaxInterleavingBytes + 1);
-        for (int i = 0; i < kMaxNearJumps && jump != jumps.end(); ++i, ++jump) {
+        auto jump = discontinuities.lower_bound(position - kMaxInterleavingBytes + 1);
+        for (int i = 0; i < kMaxNearbyDiscontinuities && jump != discontinuities.end();
+             ++i, ++jump) {
             if (jump->first - position >= kMaxInterleavingBytes) break;
             const int64_t errorUs = std::llabs(timeUs + jump->second - expectedUs);
             if (errorUs >= bestErrorUs) continue;
@@ -48,12 +50,12 @@ int64_t TimeJumps::offsetUs(int stream, int64_t position, int64_t timeUs, int64_
     return bestUs;
 }
 
-int64_t TimeJumps::offsetUsAt(int64_t position) const {
+int64_t TimestampDiscontinuities::offsetUsAt(int64_t position) const {
     int64_t latest = -1;
     int64_t offsetUs = 0;
-    for (const auto& [stream, jumps] : mJumps) {
-        const auto next = jumps.upper_bound(position);
-        if (next == jumps.begin()) continue;
+    for (const auto& [stream, discontinuities] : mOffsets) {
+        const auto next = discontinuities.upper_bound(position);
+        if (next == discontinuities.begin()) continue;
         const auto& [jumpPosition, jumpUs] = *std::prev(next);
         if (jumpPosition <= latest) continue;
         latest = jumpPosition;

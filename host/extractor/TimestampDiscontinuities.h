@@ -11,7 +11,7 @@
 namespace android {
 namespace qmmediaeditor {
 
-class TimeJumps {
+class TimestampDiscontinuities {
 public:
     // The offset to add to the timestamps of stream `stream` from byte `position` on, where its
     // clock shows `timeUs` and `expectedUs` would follow from what came before.
@@ -21,13 +21,13 @@ public:
 
     // True when a track's clock does not go on: it goes back, or leaps without as many bytes as so
     // much time would need.
-    static bool isJump(int64_t stepUs, int64_t stepBytes);
+    static bool isDiscontinuity(int64_t stepUs, int64_t stepBytes);
 
 private:
     // Offsets by position; for each stream those that its reader found first.
-    typedef std::map<int64_t, int64_t> Jumps;
+    typedef std::map<int64_t, int64_t> Offsets;
 
-    std::map<int, Jumps> mJumps;
+    std::map<int, Offsets> mOffsets;
 };
 
 }  // namespace qmmediaeditor

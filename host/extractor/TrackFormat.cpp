@@ -80,7 +80,7 @@ bool setCodecConfig(const AVCodecParameters& parameters, const sp<AMessage>& for
     }
 }
 
-void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackFacts& facts,
+void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackProperties& facts,
                   const sp<AMessage>& format) {
     const Size size = displaySize(context, stream);
     format->setInt32("width", size.width);
@@ -97,7 +97,8 @@ void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackFacts& 
 
 }  // namespace
 
-sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream, const TrackFacts& facts) {
+sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream,
+                             const TrackProperties& facts) {
     const AVCodecParameters& parameters = *stream.codecpar;
     sp<AMessage> format = new AMessage;
     format->setString("mime", mimeOfStream(stream));

@@ -11,7 +11,7 @@ namespace android {
 namespace qmmediaeditor {
 
 // What the stream's header does not say.
-struct TrackFacts {
+struct TrackProperties {
     int64_t durationUs = 0;
     int32_t maxSampleBytes = 0;
     // Video: frames per second, rounded up; for a variable rate that of the closest frames.
@@ -27,7 +27,8 @@ struct TrackFacts {
 //          "android._is-hdr" (1 for PQ and HLG);
 //   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded sound: 16).
 // Null when memory is short.
-sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream, const TrackFacts& facts);
+sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream,
+                             const TrackProperties& facts);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -35,7 +35,7 @@ TrackReader::TrackReader(const std::shared_ptr<const InputFile>& file, const Tra
     : mFile(file),
       mTrack(track),
       mPacket(av_packet_alloc()),
-      mPictureOrder(track.source->parameters()) {}
+      mPocTimestamps(track.source->parameters()) {}
 
 TrackReader::~TrackReader() = default;
 
@@ -43,9 +43,9 @@ status_t TrackReader::reopen() {
     forgetPosition();
     mAtStart = true;
     mEnded = true;
-    Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::Study::kHeader);
+    Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kHeader);
     if (opened.demuxer != nullptr && !opened.demuxer->headerIsEnough()) {
-        opened = Demuxer::open(mFile, Demuxer::Study::kStreams);
+        opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kStreams);
     }
     mStatus = opened.status;
     mDemuxer = std::move(opened.demuxer);
@@ -62,7 +62,7 @@ status_t TrackReader::reopen() {
 }
 
 const AVPacket* TrackReader::head() {
-    if (!mHasHead && readHead()) stampHead();
+    if (!mHasHead && readHead()) setHeadTimestamps();
     return mHasHead ? mPacket.get() : nullptr;
 }
 
@@ -91,25 +91,27 @@ PacketPtr TrackReader::headProperties(int64_t originUs) const {
 }
 
 int64_t TrackReader::toUs(int64_t time) const {
-    return mDemuxer->toUs(mTrack.streamIndex, time) + mJumpUs;
+    return mDemuxer->toUs(mTrack.streamIndex, time) + mOffsetUs;
 }
 
-void TrackReader::noteClock() {
-    if (mTrack.jumps == nullptr || mPacket->dts == AV_NOPTS_VALUE || mPacket->pos < 0) return;
-    const int64_t clockUs = mDemuxer->toUs(mTrack.streamIndex, mPacket->dts);
-    if (!mHasClock) {
-        mJumpUs = mTrack.jumps->offsetUsAt(mPacket->pos);
-    } else if (TimeJumps::isJump(clockUs - mClockUs, mPacket->pos - mClockPosition)) {
-        mJumpUs = mTrack.jumps->offsetUs(mTrack.streamIndex, mPacket->pos, clockUs,
-                                         mClockEndUs + mJumpUs);
+void TrackReader::trackDiscontinuities() {
+    if (mTrack.discontinuities == nullptr || mPacket->dts == AV_NOPTS_VALUE || mPacket->pos < 0)
+        return;
+    const int64_t dtsUs = mDemuxer->toUs(mTrack.streamIndex, mPacket->dts);
+    if (!mHasPrevious) {
+        mOffsetUs = mTrack.discontinuities->offsetUsAt(mPacket->pos);
+    } else if (TimestampDiscontinuities::isDiscontinuity(dtsUs - mPreviousDtsUs,
+                                                         mPacket->pos - mPreviousPosition)) {
+        mOffsetUs = mTrack.discontinuities->offsetUs(mTrack.streamIndex, mPacket->pos, dtsUs,
+                                                     mPreviousEndUs + mOffsetUs);
     } else {
-        mClockStepUs = std::max<int64_t>(clockUs - mClockUs, 0);
+        mPreviousStepUs = std::max<int64_t>(dtsUs - mPreviousDtsUs, 0);
     }
-    mHasClock = true;
-    mClockUs = clockUs;
+    mHasPrevious = true;
+    mPreviousDtsUs = dtsUs;
     // Some streams have no durations. Without one, a jump would give two frames the same timestamp.
-    mClockEndUs = clockUs + (durationUs() > 0 ? durationUs() : mClockStepUs);
-    mClockPosition = mPacket->pos;
+    mPreviousEndUs = dtsUs + (durationUs() > 0 ? durationUs() : mPreviousStepUs);
+    mPreviousPosition = mPacket->pos;
 }
 
 void TrackReader::advance() {
@@ -132,9 +134,9 @@ bool TrackReader::readHead() {
     return false;
 }
 
-void TrackReader::stampHead() {
-    noteClock();
-    const int64_t time = statedTime();
+void TrackReader::setHeadTimestamps() {
+    trackDiscontinuities();
+    const int64_t time = statedTimestamp();
     mIsTimeStated = time != AV_NOPTS_VALUE || mPacket->dts == AV_NOPTS_VALUE;
     if (time != AV_NOPTS_VALUE) {
         mPresentationTimeUs = toUs(time);
@@ -145,26 +147,27 @@ void TrackReader::stampHead() {
         mOrderTimeUs = mPresentationTimeUs;
         return;
     }
-    if (mTrack.grid.has_value()) mPresentationTimeUs = mTrack.grid->snap(mPresentationTimeUs);
-    noteOrder();
+    if (mTrack.constantRate.has_value())
+        mPresentationTimeUs = mTrack.constantRate->snap(mPresentationTimeUs);
+    updateOrderTime();
 }
 
-int64_t TrackReader::statedTime() {
+int64_t TrackReader::statedTimestamp() {
     const bool isKnown = mPacket->pts != AV_NOPTS_VALUE && reorderTicks() == 0;
     if (isKnown) return mPacket->pts;
-    return mTrack.isVideo ? mPictureOrder.presentationTime(*mPacket) : mPacket->dts;
+    return mTrack.isVideo ? mPocTimestamps.presentationTime(*mPacket) : mPacket->dts;
 }
 
 // By how much the packet that pushes a picture out of the decoder is later than the picture.
 int64_t TrackReader::reorderTicks() const {
-    if (!mTrack.isVideo || !mDemuxer->countsPictures()) return 0;
+    if (!mTrack.isVideo || !mDemuxer->hasOnlyFrameNumbers()) return 0;
     return mTrack.source->parameters().video_delay;
 }
 
 // A picture is overtaken by reorderDepth others at most, so one more than that many later times
 // leave nothing to come below the earliest of them. Pictures that lead the first one are not shown:
 // they refer to what was not read.
-void TrackReader::noteOrder() {
+void TrackReader::updateOrderTime() {
     if (mLatestTimesUs.empty()) {
         mFirstTimeUs = mOrderTimeUs = mPresentationTimeUs;
     } else if (mPresentationTimeUs < mFirstTimeUs) {
@@ -182,11 +185,11 @@ void TrackReader::noteOrder() {
 
 void TrackReader::forgetPosition() {
     mHasHead = false;
-    mHasClock = false;
-    mJumpUs = 0;
+    mHasPrevious = false;
+    mOffsetUs = 0;
     mNextTimeUs = mTrack.startUs;
     mLatestTimesUs.clear();
-    mPictureOrder.restart();
+    mPocTimestamps.restart();
 }
 
 void TrackReader::seek(int64_t timeUs) {
@@ -196,12 +199,12 @@ void TrackReader::seek(int64_t timeUs) {
     for (int64_t soughtUs = targetUs; soughtUs > mTrack.startUs; soughtUs -= stepUs, stepUs *= 2) {
         if (!seekDemuxer(soughtUs)) break;
         if (!landsBy(targetUs)) continue;
-        skipSoundBefore(targetUs);
+        skipAudioBefore(targetUs);
         return;
     }
     // The beginning has samples that no index leads to, such as a codec's priming.
     if (!mAtStart) reopen();
-    if (targetUs > mTrack.startUs) skipSoundBefore(targetUs);
+    if (targetUs > mTrack.startUs) skipAudioBefore(targetUs);
 }
 
 bool TrackReader::seekDemuxer(int64_t timeUs) {
@@ -219,7 +222,7 @@ bool TrackReader::seekDemuxer(int64_t timeUs) {
 bool TrackReader::landsBy(int64_t timeUs) {
     while (readHead()) {
         if (!mTrack.isVideo || (mPacket->flags & AV_PKT_FLAG_KEY) != 0) {
-            stampHead();
+            setHeadTimestamps();
             return mPresentationTimeUs <= timeUs;
         }
         mHasHead = false;
@@ -227,7 +230,7 @@ bool TrackReader::landsBy(int64_t timeUs) {
     return false;
 }
 
-void TrackReader::skipSoundBefore(int64_t timeUs) {
+void TrackReader::skipAudioBefore(int64_t timeUs) {
     if (mTrack.isVideo) return;
     while (head() != nullptr && mPresentationTimeUs + durationUs() <= timeUs) advance();
 }

@@ -14,7 +14,7 @@
 #include "host/convert/FFmpegPointers.h"
 #include "host/extractor/Demuxer.h"
 #include "host/extractor/InputProbe.h"
-#include "host/extractor/PictureOrder.h"
+#include "host/extractor/PocTimestamps.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -54,18 +54,18 @@ private:
     TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track);
     status_t reopen();
     bool readHead();
-    void stampHead();
-    int64_t statedTime();
+    void setHeadTimestamps();
+    int64_t statedTimestamp();
     int64_t reorderTicks() const;
     // Of the head, on a time line without jumps.
     int64_t toUs(int64_t time) const;
-    void noteClock();
-    void noteOrder();
+    void trackDiscontinuities();
+    void updateOrderTime();
     void forgetPosition();
 
     bool seekDemuxer(int64_t timeUs);
     bool landsBy(int64_t timeUs);
-    void skipSoundBefore(int64_t timeUs);
+    void skipAudioBefore(int64_t timeUs);
 
     const std::shared_ptr<const InputFile> mFile;
     TrackInfo mTrack;
@@ -80,20 +80,20 @@ private:
     bool mIsTimeStated = false;
     int64_t mOrderTimeUs = 0;
     // What the clock's jumps add to times.
-    int64_t mJumpUs = 0;
+    int64_t mOffsetUs = 0;
     // Of the packet before the head, when there is one; the time is a decoding time.
-    bool mHasClock = false;
-    int64_t mClockUs = 0;
-    int64_t mClockEndUs = 0;
-    int64_t mClockStepUs = 0;  // the latest distance of two packets
-    int64_t mClockPosition = 0;
+    bool mHasPrevious = false;
+    int64_t mPreviousDtsUs = 0;
+    int64_t mPreviousEndUs = 0;
+    int64_t mPreviousStepUs = 0;  // the latest distance of two packets
+    int64_t mPreviousPosition = 0;
     int64_t mFirstTimeUs = 0;  // of the first picture since the last seek
     int64_t mNextTimeUs = 0;   // where the last sample ends, for one without a time
     // The latest presentation times that were read, in rising order: one more than
     // mTrack.reorderDepth.
     std::vector<int64_t> mLatestTimesUs;
     // For video in a container that states decoding times alone.
-    PictureOrder mPictureOrder;
+    PocTimestamps mPocTimestamps;
 };
 
 }  // namespace qmmediaeditor

@@ -129,12 +129,12 @@ Regions& regions() {
     return *instance;
 }
 
-class PictureBuffer : public ABuffer {
+class AllocatedBuffer : public ABuffer {
 public:
-    PictureBuffer(void* block, size_t bytes) : ABuffer(block, bytes), mBlock(block) {}
+    AllocatedBuffer(void* block, size_t bytes) : ABuffer(block, bytes), mBlock(block) {}
 
 protected:
-    ~PictureBuffer() override { PictureMemory::release(mBlock, capacity()); }
+    ~AllocatedBuffer() override { FrameAllocator::release(mBlock, capacity()); }
 
 private:
     void* const mBlock;
@@ -142,28 +142,28 @@ private:
 
 }  // namespace
 
-void* PictureMemory::allocate(size_t bytes) {
-    if (kRecycles && bytes >= kLeastBytes) return regions().allocate(bytes);
+void* FrameAllocator::allocate(size_t bytes) {
+    if (kRecycles && bytes >= kMinBytes) return regions().allocate(bytes);
     void* block = nullptr;
     if (posix_memalign(&block, kAlignment, std::max(bytes, kAlignment)) != 0) return nullptr;
     return block;
 }
 
-void PictureMemory::release(void* block, size_t bytes) {
-    if (kRecycles && bytes >= kLeastBytes) {
+void FrameAllocator::release(void* block, size_t bytes) {
+    if (kRecycles && bytes >= kMinBytes) {
         regions().release(block);
     } else {
         free(block);
     }
 }
 
-sp<ABuffer> PictureMemory::makeBuffer(size_t bytes) {
+sp<ABuffer> FrameAllocator::makeBuffer(size_t bytes) {
     void* block = allocate(bytes);
-    return block == nullptr ? nullptr : new PictureBuffer(block, bytes);
+    return block == nullptr ? nullptr : new AllocatedBuffer(block, bytes);
 }
 
-PictureMemory::Keep::Keep() { regions().keep(1); }
-PictureMemory::Keep::~Keep() { regions().keep(-1); }
+FrameAllocator::Keep::Keep() { regions().keep(1); }
+FrameAllocator::Keep::~Keep() { regions().keep(-1); }
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -11,10 +11,10 @@
 namespace android {
 namespace qmmediaeditor {
 
-class PictureMemory {
+class FrameAllocator {
 public:
     // Smaller blocks are better off with malloc.
-    static constexpr size_t kLeastBytes = 256 * 1024;
+    static constexpr size_t kMinBytes = 256 * 1024;
     static constexpr size_t kAlignment = 64;
 
     // Uninitialised, aligned to kAlignment at least. Null when memory is short.

@@ -60,7 +60,7 @@ private:
     status_t mResult GUARDED_BY(mLock) = OK;
 
     // Null when the descriptor cannot be written to.
-    std::unique_ptr<MuxedFile> mFile;
+    std::unique_ptr<Mp4Muxer> mFile;
     const bool mMovieBoxFirst;
     std::vector<std::thread> mThreads;
 
@@ -75,7 +75,7 @@ FileWriter::FileWriter(int fd, bool movieBoxFirst, std::shared_ptr<SessionTimeli
     : mMovieBoxFirst(movieBoxFirst) {
     auto output = OutputFile::open(fd);
     if (output == nullptr) return;
-    mFile = std::make_unique<MuxedFile>(std::move(output), std::move(session));
+    mFile = std::make_unique<Mp4Muxer>(std::move(output), std::move(session));
 }
 
 FileWriter::~FileWriter() { stop(); }

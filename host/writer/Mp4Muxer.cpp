@@ -82,7 +82,7 @@ bool setExtradata(const uint8_t* data, size_t size, AVCodecParameters* parameter
 }
 
 // What every encoder here is given: the picture of a plain screen.
-void setPictureKeys(const MetaDataBase& format, AVCodecParameters* parameters) {
+void setVideoParameters(const MetaDataBase& format, AVCodecParameters* parameters) {
     // 4:2:0 has no odd sizes; the encoders leave the last row and column out.
     parameters->width = intOf(format, kKeyWidth) & ~1;
     parameters->height = intOf(format, kKeyHeight) & ~1;
@@ -95,7 +95,8 @@ void setPictureKeys(const MetaDataBase& format, AVCodecParameters* parameters) {
     parameters->profile = 0;
 }
 
-void setSoundKeys(const MetaDataBase& format, const Codec& codec, AVCodecParameters* parameters) {
+void setAudioParameters(const MetaDataBase& format, const Codec& codec,
+                        AVCodecParameters* parameters) {
     parameters->sample_rate = intOf(format, kKeySampleRate);
     av_channel_layout_default(&parameters->ch_layout, intOf(format, kKeyChannelCount));
     parameters->frame_size = codec.frameSamples;
@@ -143,12 +144,12 @@ int closeWritten(AVFormatContext*, AVIOContext* io) {
 
 }  // namespace
 
-MuxedFile::MuxedFile(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session)
+Mp4Muxer::Mp4Muxer(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session)
     : mOutput(std::move(output)), mSession(std::move(session)) {}
 
-MuxedFile::~MuxedFile() = default;
+Mp4Muxer::~Mp4Muxer() = default;
 
-status_t MuxedFile::addTrack(const MetaDataBase& format) {
+status_t Mp4Muxer::addTrack(const MetaDataBase& format) {
     Mutex::Autolock lock(mLock);
     const Codec* codec = findCodec(format);
     if (codec == nullptr) return ERROR_UNSUPPORTED;
@@ -161,16 +162,16 @@ status_t MuxedFile::addTrack(const MetaDataBase& format) {
     parameters->bit_rate = intOf(format, kKeyBitRate);
     track.frameRate = intOf(format, kKeyFrameRate);
     if (isVideo(*parameters)) {
-        setPictureKeys(format, parameters);
+        setVideoParameters(format, parameters);
     } else {
-        setSoundKeys(format, *codec, parameters);
+        setAudioParameters(format, *codec, parameters);
     }
     if (!isComplete(*parameters)) return ERROR_MALFORMED;
     mTracks.push_back(std::move(track));
     return OK;
 }
 
-bool MuxedFile::needs3gp() const {
+bool Mp4Muxer::needs3gp() const {
     return std::any_of(mTracks.begin(), mTracks.end(), [](const Track& track) {
         return std::any_of(std::begin(kCodecs), std::end(kCodecs), [&](const Codec& codec) {
             return codec.only3gp && codec.id == track.parameters->codec_id;
@@ -178,7 +179,7 @@ bool MuxedFile::needs3gp() const {
     });
 }
 
-status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
+status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
     Mutex::Autolock lock(mLock);
     const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
     AVFormatContext* context = nullptr;
@@ -209,12 +210,12 @@ status_t MuxedFile::begin(int32_t fileType, int32_t rotationDegrees, bool movieB
     // A full disc is no reason to refuse the tracks: the first sample reports it.
     if (result < 0 && keep(result) != OK && context->pb->error == 0) return mError;
     mHasHeader = result >= 0;
-    for (Track& track : mTracks) startClock(&track);
+    for (Track& track : mTracks) startTimestamps(&track);
     mInterleaver = std::make_unique<PacketInterleaver>(mTracks.size(), kMaxHeldBytes);
     return OK;
 }
 
-status_t MuxedFile::addStream(Track* track, int32_t rotationDegrees) {
+status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees) {
     AVStream* stream = avformat_new_stream(mContext.get(), nullptr);
     if (stream == nullptr) return NO_MEMORY;
     if (avcodec_parameters_copy(stream->codecpar, track->parameters.get()) < 0) return NO_MEMORY;
@@ -229,15 +230,15 @@ status_t MuxedFile::addStream(Track* track, int32_t rotationDegrees) {
     return OK;
 }
 
-void MuxedFile::startClock(Track* track) {
+void Mp4Muxer::startTimestamps(Track* track) {
     const AVRational tick = track->stream->time_base;
     const int64_t ticksPerSecond = tick.den / std::max(tick.num, 1);
     const int frameRate = track->frameRate > 0 ? track->frameRate : kDefaultFrameRate;
-    track->clock = std::make_unique<SampleClock>(ticksPerSecond, track->parameters->frame_size,
-                                                 ticksPerSecond / frameRate);
+    track->clock = std::make_unique<TrackTimestamps>(ticksPerSecond, track->parameters->frame_size,
+                                                     ticksPerSecond / frameRate);
 }
 
-status_t MuxedFile::setCodecConfig(size_t index, const uint8_t* data, size_t size) {
+status_t Mp4Muxer::setCodecConfig(size_t index, const uint8_t* data, size_t size) {
     Mutex::Autolock lock(mLock);
     Track& track = mTracks.at(index);
     if (track.hasSamples || size == 0) return mError;
@@ -245,15 +246,15 @@ status_t MuxedFile::setCodecConfig(size_t index, const uint8_t* data, size_t siz
     return setExtradata(data, size, track.stream->codecpar) ? mError : NO_MEMORY;
 }
 
-status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, int64_t timeUs,
-                                bool isSync) {
+status_t Mp4Muxer::writeSample(size_t index, const uint8_t* data, size_t size, int64_t timeUs,
+                               bool isSync) {
     Mutex::Autolock lock(mLock);
     if (mError != OK || size == 0) return mError;
     const bool isFirst = std::none_of(mTracks.begin(), mTracks.end(),
                                       [](const Track& each) { return each.hasSamples; });
     if (isFirst && observer() != nullptr) observer()->onFirstSample();
     Track& track = mTracks.at(index);
-    const SampleClock::Stamp stamp = track.clock->stamp(timeUs);
+    const TrackTimestamps::Stamp stamp = track.clock->stamp(timeUs);
     PacketPtr packet(av_packet_alloc());
     if (packet == nullptr || av_new_packet(packet.get(), static_cast<int>(size)) < 0) {
         return keep(NO_MEMORY);
@@ -272,7 +273,7 @@ status_t MuxedFile::writeSample(size_t index, const uint8_t* data, size_t size, 
     return writeSettled();
 }
 
-status_t MuxedFile::endTrack(size_t index) {
+status_t Mp4Muxer::endTrack(size_t index) {
     Mutex::Autolock lock(mLock);
     const Track& track = mTracks.at(index);
     if (mInterleaver == nullptr || !hasAllSamples(track)) return mError;
@@ -287,13 +288,13 @@ status_t MuxedFile::endTrack(size_t index) {
     return writeSettled();
 }
 
-bool MuxedFile::hasAllSamples(const Track& track) const {
+bool Mp4Muxer::hasAllSamples(const Track& track) const {
     return mSession == nullptr || mSession->isComplete(isVideo(*track.parameters));
 }
 
 // Audio samples are as long as their codec makes them; only a video frame is as long as it is
 // shown.
-void MuxedFile::endAt(size_t index, int64_t endUs) {
+void Mp4Muxer::endAt(size_t index, int64_t endUs) {
     const Track& track = mTracks[index];
     const PacketInterleaver::Held* last = mInterleaver->last(index);
     if (last != nullptr && isVideo(*track.parameters)) {
@@ -303,7 +304,7 @@ void MuxedFile::endAt(size_t index, int64_t endUs) {
     mInterleaver->end(index, endUs);
 }
 
-void MuxedFile::cutStoppedTracks() {
+void Mp4Muxer::cutStoppedTracks() {
     mInterleaver->cutAt(mInterleaver->commonEndUs());
     for (size_t i = 0; i < mTracks.size(); ++i) {
         const PacketInterleaver::Held* last = mInterleaver->last(i);
@@ -311,7 +312,7 @@ void MuxedFile::cutStoppedTracks() {
     }
 }
 
-status_t MuxedFile::writeSettled() {
+status_t Mp4Muxer::writeSettled() {
     while (mError == OK) {
         const std::optional<PacketInterleaver::Held> next = mInterleaver->pop();
         if (!next) break;
@@ -320,7 +321,7 @@ status_t MuxedFile::writeSettled() {
     return mError;
 }
 
-status_t MuxedFile::finish(const std::vector<uint8_t>& boxes) {
+status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
     Mutex::Autolock lock(mLock);
     if (mInterleaver != nullptr) {
         cutStoppedTracks();
@@ -339,7 +340,7 @@ status_t MuxedFile::finish(const std::vector<uint8_t>& boxes) {
     return mError;
 }
 
-status_t MuxedFile::nameVp8Entries() {
+status_t Mp4Muxer::nameVp8Entries() {
     const bool hasVp8 = std::any_of(mTracks.begin(), mTracks.end(), [](const Track& track) {
         return track.parameters->codec_id == AV_CODEC_ID_VP9 && track.hasSamples;
     });
@@ -359,7 +360,7 @@ status_t MuxedFile::nameVp8Entries() {
 }
 
 // FFmpeg's errors are -errno, or codes of its own that mean nothing outside.
-status_t MuxedFile::keep(int result) {
+status_t Mp4Muxer::keep(int result) {
     if (result >= 0 || mError != OK) return mError;
     mError = result > -4096 ? result : ERROR_MALFORMED;
     __android_log_print(ANDROID_LOG_ERROR, kLogTag, "writing fails: %d", mError);

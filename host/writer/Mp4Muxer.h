@@ -30,11 +30,11 @@ struct AVStream;
 namespace android {
 namespace qmmediaeditor {
 
-class MuxedFile {
+class Mp4Muxer {
 public:
     // `session` may be null: then every track that ends is complete.
-    MuxedFile(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session);
-    ~MuxedFile();
+    Mp4Muxer(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session);
+    ~Mp4Muxer();
 
     // `format` is a track's: kKeyMIMEType, and of what is known the size, the rates, the channels.
     status_t addTrack(const MetaDataBase& format);
@@ -58,14 +58,14 @@ private:
         CodecParametersPtr parameters;
         AVStream* stream = nullptr;
         int frameRate = 0;
-        std::unique_ptr<SampleClock> clock;
+        std::unique_ptr<TrackTimestamps> clock;
         bool hasSamples = false;
         int64_t lastTimeUs = 0;
     };
 
     bool needs3gp() const REQUIRES(mLock);
     status_t addStream(Track* track, int32_t rotationDegrees) REQUIRES(mLock);
-    void startClock(Track* track);
+    void startTimestamps(Track* track);
     HostObserver* observer() const { return mSession == nullptr ? nullptr : mSession->observer(); }
     bool hasAllSamples(const Track& track) const;
     void endAt(size_t index, int64_t endUs) REQUIRES(mLock);

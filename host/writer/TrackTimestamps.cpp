@@ -22,15 +22,15 @@ int64_t toTicks(int64_t timeUs, int64_t ticksPerSecond) {
 
 }  // namespace
 
-SampleClock::SampleClock(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks)
+TrackTimestamps::TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks)
     : mTicksPerSecond(ticksPerSecond),
       mFrameTicks(frameTicks),
       mToleranceTicks(toTicks(kToleranceUs, ticksPerSecond)),
       mDurationTicks(std::max<int64_t>(frameTicks > 0 ? frameTicks : usualTicks, 1)) {}
 
-int64_t SampleClock::ticksAt(int64_t timeUs) const { return toTicks(timeUs, mTicksPerSecond); }
+int64_t TrackTimestamps::ticksAt(int64_t timeUs) const { return toTicks(timeUs, mTicksPerSecond); }
 
-SampleClock::Stamp SampleClock::stamp(int64_t timeUs) {
+TrackTimestamps::Stamp TrackTimestamps::stamp(int64_t timeUs) {
     int64_t ticks = ticksAt(timeUs);
     if (mLastTicks.has_value()) {
         const int64_t expected = *mLastTicks + mFrameTicks;

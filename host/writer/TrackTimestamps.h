@@ -12,11 +12,11 @@
 namespace android {
 namespace qmmediaeditor {
 
-class SampleClock {
+class TrackTimestamps {
 public:
     // `ticksPerSecond` is positive. `frameTicks` is the length of each sample, or 0 when they
     // differ; `usualTicks` is what a sample lasts that is alone in its track.
-    SampleClock(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks);
+    TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks);
 
     struct Stamp {
         int64_t ticks = 0;

@@ -15,10 +15,10 @@ struct AVCodecParserContext;
 namespace android {
 namespace qmmediaeditor {
 
-class PictureOrder {
+class PocTimestamps {
 public:
-    explicit PictureOrder(const AVCodecParameters& parameters);
-    ~PictureOrder();
+    explicit PocTimestamps(const AVCodecParameters& parameters);
+    ~PocTimestamps();
 
     // The time of the next packet in decoding order, in the packet's own unit. AV_NOPTS_VALUE when
     // it cannot be told: another codec, or a packet without a decoding time.

@@ -1,4 +1,4 @@
-#include "host/extractor/PictureOrder.h"
+#include "host/extractor/PocTimestamps.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -14,11 +14,11 @@ constexpr int kAvcStep = 2;
 
 }  // namespace
 
-void PictureOrder::ParserDeleter::operator()(AVCodecParserContext* parser) const {
+void PocTimestamps::ParserDeleter::operator()(AVCodecParserContext* parser) const {
     av_parser_close(parser);
 }
 
-PictureOrder::PictureOrder(const AVCodecParameters& parameters)
+PocTimestamps::PocTimestamps(const AVCodecParameters& parameters)
     : mLastDecodingTime(AV_NOPTS_VALUE), mSequenceStart(AV_NOPTS_VALUE) {
     const bool isAvc = parameters.codec_id == AV_CODEC_ID_H264;
     if (!isAvc && parameters.codec_id != AV_CODEC_ID_HEVC) return;
@@ -30,9 +30,9 @@ PictureOrder::PictureOrder(const AVCodecParameters& parameters)
     mStep = isAvc ? kAvcStep : 1;
 }
 
-PictureOrder::~PictureOrder() = default;
+PocTimestamps::~PocTimestamps() = default;
 
-int64_t PictureOrder::presentationTime(const AVPacket& packet) {
+int64_t PocTimestamps::presentationTime(const AVPacket& packet) {
     if (mParser == nullptr || packet.dts == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
     const int64_t distance =
         mLastDecodingTime == AV_NOPTS_VALUE ? 0 : packet.dts - mLastDecodingTime;
@@ -50,7 +50,7 @@ int64_t PictureOrder::presentationTime(const AVPacket& packet) {
     return mSequenceStart + count / mStep * mInterval;
 }
 
-void PictureOrder::restart() { mLastDecodingTime = mSequenceStart = AV_NOPTS_VALUE; }
+void PocTimestamps::restart() { mLastDecodingTime = mSequenceStart = AV_NOPTS_VALUE; }
 
 }  // namespace qmmediaeditor
 }  // namespace android
