@@ -38,7 +38,7 @@ constexpr int kMaxOpenedStreams = 1000;
 constexpr int64_t kMaxTimeUs = INT64_C(1) << 60;
 
 // A probe that ends inside an ID3 tag has seen nothing of the sound behind it.
-int64_t probeSizeBytes(const InputFile& file) {
+int64_t probeSizeBytes(const DescriptorFile& file) {
     uint8_t header[10];
     if (!file.readFully(0, header, sizeof(header)) || memcmp(header, "ID3", 3) != 0) {
         return kDefaultProbeBytes;
@@ -55,44 +55,10 @@ int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary
 
 }  // namespace
 
-struct Demuxer::Cursor {
-    std::shared_ptr<const InputFile> file;
-    int64_t position = 0;
-
-    static int read(void* opaque, uint8_t* data, int size) {
-        auto* cursor = static_cast<Cursor*>(opaque);
-        const ssize_t count =
-            cursor->file->readAt(cursor->position, data, static_cast<size_t>(size));
-        if (count == 0) return AVERROR_EOF;
-        if (count > 0) cursor->position += count;
-        return static_cast<int>(count);
-    }
-
-    static int64_t seek(void* opaque, int64_t offset, int whence) {
-        auto* cursor = static_cast<Cursor*>(opaque);
-        switch (whence & ~AVSEEK_FORCE) {
-            case AVSEEK_SIZE:
-                return cursor->file->sizeBytes();
-            case SEEK_SET:
-                break;
-            case SEEK_CUR:
-                offset += cursor->position;
-                break;
-            case SEEK_END:
-                offset += cursor->file->sizeBytes();
-                break;
-            default:
-                return AVERROR(EINVAL);
-        }
-        if (offset < 0) return AVERROR(EINVAL);
-        return cursor->position = offset;
-    }
-};
-
-Demuxer::Demuxer() : mCursor(std::make_unique<Cursor>()) {}
+Demuxer::Demuxer() = default;
 Demuxer::~Demuxer() = default;
 
-Demuxer::Opened Demuxer::open(const std::shared_ptr<const InputFile>& file, ProbeDepth study) {
+Demuxer::Opened Demuxer::open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth study) {
     std::unique_ptr<Demuxer> demuxer(new Demuxer);
     status_t status = demuxer->openInput(file);
     if (status == OK && study == ProbeDepth::kStreams) status = demuxer->readStreams();
@@ -107,7 +73,7 @@ status_t Demuxer::readStreams() {
     const int result = avformat_find_stream_info(mContext.get(), options.data());
     for (AVDictionary*& each : options) av_dict_free(&each);
     // Demuxers resume behind a failed read, so the result alone does not tell.
-    if (result < 0 || mCursor->file->status() != OK) return reasonOf(result);
+    if (result < 0 || mIo->file().status() != OK) return reasonOf(result);
     return checkLimits();
 }
 
@@ -120,34 +86,29 @@ status_t Demuxer::checkLimits() const {
         reason = checkSize("video", parameters.width, parameters.height);
     }
     if (!reason) return OK;
-    mCursor->file->refuse(*reason);
+    mIo->file().refuse(*reason);
     return ERROR_UNSUPPORTED;
 }
 
 status_t Demuxer::reasonOf(int error) const {
-    if (mCursor->file->status() != OK) return ERROR_IO;
+    if (mIo->file().status() != OK) return ERROR_IO;
     if (error != AVERROR(ENOMEM)) return ERROR_UNSUPPORTED;
     const std::optional<std::string> reason = checkAllocation();
     if (!reason) return NO_MEMORY;
     // libavformat reports too many streams as a lack of memory, too.
-    mCursor->file->refuse("more than " + std::to_string(kMaxOpenedStreams) + " streams, or " +
-                          *reason);
+    mIo->file().refuse("more than " + std::to_string(kMaxOpenedStreams) + " streams, or " +
+                       *reason);
     return ERROR_UNSUPPORTED;
 }
 
-status_t Demuxer::openInput(const std::shared_ptr<const InputFile>& file) {
-    mCursor->file = file;
-    auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
-    if (buffer == nullptr) return NO_MEMORY;
-    mIo.reset(avio_alloc_context(buffer, kIoBufferBytes, 0, mCursor.get(), Cursor::read, nullptr,
-                                 Cursor::seek));
+status_t Demuxer::openInput(const std::shared_ptr<const DescriptorFile>& file) {
+    mIo = AvioFile::forReading(file, kIoBufferBytes);
     AVFormatContext* context = avformat_alloc_context();
     if (mIo == nullptr || context == nullptr) {
-        if (mIo == nullptr) av_free(buffer);
         avformat_free_context(context);
         return NO_MEMORY;
     }
-    context->pb = mIo.get();
+    context->pb = mIo->context();
     context->io_open = refuseToOpen;
     context->max_streams = kMaxOpenedStreams;
     context->format_probesize = static_cast<int>(probeSizeBytes(*file));
@@ -192,13 +153,13 @@ status_t Demuxer::readPacket(int index, AVPacket* packet) {
         av_packet_unref(packet);
         const int result = av_read_frame(mContext.get(), packet);
         // Also after a success: the packet may lack its end, or follow unreadable bytes.
-        if (mCursor->file->status() != OK) {
+        if (mIo->file().status() != OK) {
             status = ERROR_IO;
             break;
         }
         if (result == AVERROR_EOF) break;
         if (result == AVERROR(ENOMEM)) {
-            if (const auto reason = checkAllocation()) mCursor->file->refuse(*reason);
+            if (const auto reason = checkAllocation()) mIo->file().refuse(*reason);
             status = NO_MEMORY;
             break;
         }

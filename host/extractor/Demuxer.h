@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "host/convert/FFmpegPointers.h"
-#include "host/io/DescriptorFile.h"
+#include "host/extractor/AvioFile.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -28,7 +28,7 @@ public:
         // memory is short.
         status_t status;
     };
-    static Opened open(const std::shared_ptr<const InputFile>& file, ProbeDepth study);
+    static Opened open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth study);
     ~Demuxer();
 
     AVFormatContext& context() { return *mContext; }
@@ -58,18 +58,15 @@ public:
     void keepOnly(int index);
 
 private:
-    struct Cursor;
-
     Demuxer();
-    status_t openInput(const std::shared_ptr<const InputFile>& file);
+    status_t openInput(const std::shared_ptr<const DescriptorFile>& file);
     status_t readStreams();
     status_t checkLimits() const;
     // Why libavformat has failed with `error`.
     status_t reasonOf(int error) const;
 
-    // The input refers to the other two, so it is the first to go.
-    std::unique_ptr<Cursor> mCursor;
-    IoContextPtr mIo;
+    // The context refers to it and is destroyed first.
+    std::unique_ptr<AvioFile> mIo;
     InputFormatPtr mContext;
 };
 

@@ -53,7 +53,7 @@ private:
     const TrackReader& current() const { return *mReaders.at(mCurrent); }
 
     HostObserver* const mObserver;  // may be null
-    std::shared_ptr<const InputFile> mFile;
+    std::shared_ptr<const DescriptorFile> mFile;
     InputInfo mInfo;
     std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
     size_t mCurrent = 0;
@@ -66,7 +66,8 @@ private:
 
 status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
     if (mFile != nullptr) return INVALID_OPERATION;
-    const InputFile::Opened opened = InputFile::open(fd, offset, length, mObserver);
+    const DescriptorFile::Opened opened =
+        DescriptorFile::openForReading(fd, offset, length, mObserver);
     if (opened.file == nullptr) return opened.status;
     const status_t result = probeInput(opened.file, &mInfo);
     if (result == OK) mFile = opened.file;

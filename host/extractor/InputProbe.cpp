@@ -15,7 +15,6 @@
 #include "host/extractor/MediaTypes.h"
 #include "host/extractor/TrackFormat.h"
 #include "host/io/IsoBoxes.h"
-#include "host/io/UuidBox.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -47,7 +46,7 @@ bool isVideoTrack(const AVStream& stream) {
 }
 
 // Reads all packets: for a recording that was never finished, say.
-std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const InputFile>& file,
+std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const DescriptorFile>& file,
                                         size_t count) {
     std::vector<int64_t> durationsUs(count, 0);
     const auto demuxer = Demuxer::open(file, Demuxer::ProbeDepth::kStreams).demuxer;
@@ -244,7 +243,8 @@ std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& l
     TrackInfo::Ending ending;
     ending.lastDts = avformat_index_get_entry(&stream, entries - 1)->timestamp;
     // The decoding times of reordered frames do not say when the last one ends.
-    ending.endUs = length->presentationUs;
+    ending.endUs =
+        av_rescale(length->presentationTicks, kMicroseconds.den, length->movieTicksPerSecond);
     if (stream.codecpar->video_delay == 0) {
         // Of the first sample in the file, which is before the first one shown if an edit list
         // cuts the start.
@@ -289,14 +289,14 @@ std::optional<std::string> checkDisplaySize(const TrackInfo& track) {
     return checkSize("video with a displayed size", width, height);
 }
 
-status_t refuse(const InputFile& file, const std::string& reason) {
+status_t refuse(const DescriptorFile& file, const std::string& reason) {
     file.refuse(reason);
     return ERROR_UNSUPPORTED;
 }
 
 }  // namespace
 
-status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info) {
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info) {
     // Before the demuxer, which makes an entry of its index for each sample.
     if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
     if (file->status() != OK) return ERROR_IO;

@@ -57,7 +57,7 @@ struct InputInfo {
 
 // ERROR_UNSUPPORTED for what is no container of audio or video, ERROR_IO when the file cannot be
 // read, NO_MEMORY when memory is short.
-status_t probeInput(const std::shared_ptr<const InputFile>& file, InputInfo* info);
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info);
 
 }  // namespace qmmediaeditor
 }  // namespace android

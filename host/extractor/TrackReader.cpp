@@ -23,7 +23,7 @@ constexpr int64_t kFirstStepBackUs = 500000;
 
 }  // namespace
 
-TrackReader::Opened TrackReader::open(const std::shared_ptr<const InputFile>& file,
+TrackReader::Opened TrackReader::open(const std::shared_ptr<const DescriptorFile>& file,
                                       const TrackInfo& track) {
     std::unique_ptr<TrackReader> reader(new TrackReader(file, track));
     if (reader->mPacket == nullptr) return {nullptr, NO_MEMORY};
@@ -31,7 +31,7 @@ TrackReader::Opened TrackReader::open(const std::shared_ptr<const InputFile>& fi
     return {std::move(reader), OK};
 }
 
-TrackReader::TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track)
+TrackReader::TrackReader(const std::shared_ptr<const DescriptorFile>& file, const TrackInfo& track)
     : mFile(file),
       mTrack(track),
       mPacket(av_packet_alloc()),

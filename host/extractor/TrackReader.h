@@ -25,7 +25,7 @@ public:
         std::unique_ptr<TrackReader> reader;  // null unless status is OK
         status_t status;
     };
-    static Opened open(const std::shared_ptr<const InputFile>& file, const TrackInfo& track);
+    static Opened open(const std::shared_ptr<const DescriptorFile>& file, const TrackInfo& track);
     ~TrackReader();
 
     // The sample that comes next; null at the end and after a failure.
@@ -51,7 +51,7 @@ public:
     void seek(int64_t timeUs);
 
 private:
-    TrackReader(const std::shared_ptr<const InputFile>& file, const TrackInfo& track);
+    TrackReader(const std::shared_ptr<const DescriptorFile>& file, const TrackInfo& track);
     status_t reopen();
     bool readHead();
     void setHeadTimestamps();
@@ -67,7 +67,7 @@ private:
     bool landsBy(int64_t timeUs);
     void skipAudioBefore(int64_t timeUs);
 
-    const std::shared_ptr<const InputFile> mFile;
+    const std::shared_ptr<const DescriptorFile> mFile;
     TrackInfo mTrack;
     std::unique_ptr<Demuxer> mDemuxer;
     PacketPtr mPacket;

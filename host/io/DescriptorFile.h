@@ -1,7 +1,9 @@
-// The bytes that an extractor was given: a window of a file.
+// A file that was given as a descriptor, read and written at explicit offsets.
 //
-// Read through a duplicate of the caller's descriptor with positions of its own, so the caller's
-// position stays where it is. Any thread may read.
+// It works on a duplicate of the caller's descriptor, whose position stays where it is. Offsets
+// count from the start of the window. The first read or write error is repeated by every later
+// call, because a demuxer that resumed behind unreadable bytes would lose them without a trace.
+// A file opened for reading may be used by any thread; one opened for writing by one at a time.
 #pragma once
 
 #include <stddef.h>
@@ -18,46 +20,58 @@
 namespace android {
 namespace qmmediaeditor {
 
-class InputFile {
+class DescriptorFile {
 public:
     struct Opened {
-        std::shared_ptr<const InputFile> file;  // null unless status is OK
-        status_t status;                        // OK or -errno
+        std::shared_ptr<DescriptorFile> file;  // null unless status is OK
+        status_t status;                       // OK or -errno
     };
-    // The window ends with the file when that comes first; an empty one is refused with -ENODATA.
-    // `observer`, which may be null, hears of the first read error and of a refusal, and outlives
-    // the file.
-    static Opened open(int fd, int64_t offset, int64_t length, HostObserver* observer = nullptr);
-    ~InputFile();
+    // For reading, a window of the file. It ends with the file if that is shorter; an empty one is
+    // refused with -ENODATA. `observer`, which may be null, is told of the first read error and of
+    // a refusal, and outlives the file.
+    static Opened openForReading(int fd, int64_t offset, int64_t length,
+                                 HostObserver* observer = nullptr);
+    // For writing from offset 0. -errno when `fd` cannot be duplicated or cannot seek.
+    static Opened openForWriting(int fd);
+    ~DescriptorFile();
 
+    // Bytes of the window, or up to the last byte written.
     int64_t sizeBytes() const { return mSizeBytes; }
+    // Always true of a file opened for reading; of one opened for writing, when its descriptor
+    // allows it or the file can be opened again.
+    bool makeReadable();
 
-    // Up to `size` bytes from `position` of the window: the number of bytes read, 0 at the end, or
-    // -errno. The first error is repeated by every later read, because a demuxer that resumed
-    // behind unreadable bytes would lose them without a trace. A file that has become shorter than
-    // the window gives -ESTALE.
+    // Up to `size` bytes from `position`: the number of bytes read, 0 at the end, or -errno. A file
+    // that has become shorter than the window gives -ESTALE.
     ssize_t readAt(int64_t position, void* data, size_t size) const;
     // True when all of them were read.
     bool readFully(int64_t position, void* data, size_t size) const;
+    // Writes all bytes: OK or -errno.
+    status_t writeAt(int64_t position, const void* data, size_t size);
 
     // Tells the observer why the file is refused.
     void refuse(const std::string& reason) const;
-
-    // OK, or the first read error as -errno.
+    // OK, or the first error as -errno.
     status_t status() const { return mStatus; }
 
+    // After writing: removes what the file held beyond sizeBytes() and closes the duplicate. The
+    // first error since open, or OK.
+    status_t finish();
+
 private:
-    InputFile(int fd, int64_t offset, int64_t sizeBytes, HostObserver* observer);
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
+    DescriptorFile() = default;
+    DescriptorFile(const DescriptorFile&) = delete;
+    DescriptorFile& operator=(const DescriptorFile&) = delete;
 
-    ssize_t fail(int error, int64_t position) const;
+    // True when this is the first error.
+    bool keepError(int error) const;
 
-    const int mFd;
-    const int64_t mOffset;
-    const int64_t mSizeBytes;
-    HostObserver* const mObserver;
-    // Written by the first thread whose read fails, read by all.
+    int mReadFd = -1;
+    int mWriteFd = -1;
+    int64_t mOffset = 0;  // of the window
+    int64_t mSizeBytes = 0;
+    HostObserver* mObserver = nullptr;
+    // Written by the first thread whose operation fails, read by all.
     mutable std::atomic<status_t> mStatus{OK};
 };
 

@@ -3,14 +3,20 @@
 #include <algorithm>
 #include <initializer_list>
 
-extern "C" {
-#include <libavutil/mathematics.h>
-}
-
 namespace android {
 namespace qmmediaeditor {
 
 namespace {
+
+constexpr uint32_t fourCc(char a, char b, char c, char d) {
+    return static_cast<uint32_t>(a) << 24 | static_cast<uint32_t>(b) << 16 |
+           static_cast<uint32_t>(c) << 8 | static_cast<uint32_t>(d);
+}
+
+uint32_t get32(const uint8_t* data) {
+    return static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
+           static_cast<uint32_t>(data[2]) << 8 | data[3];
+}
 
 constexpr uint32_t kMovieHeader = fourCc('m', 'v', 'h', 'd');
 constexpr uint32_t kCompressedMovie = fourCc('c', 'm', 'o', 'v');
@@ -24,7 +30,40 @@ constexpr int64_t kTimeEntryBytes = 8;
 // A variable-rate track has an entry for each frame: ten days at 30 frames per second.
 constexpr int64_t kMaxTimeEntries = INT64_C(1) << 24;
 
-std::optional<IsoBox> findChild(const InputFile& file, const IsoBox& parent, uint32_t type) {
+// Offsets are bytes of the file.
+struct IsoBox {
+    uint32_t type = 0;
+    int64_t offset = 0;
+    int64_t payloadOffset = 0;
+    int64_t endOffset = 0;
+};
+
+// The box at `offset` of a sequence of boxes that ends at `limit`; nothing when there is none, or
+// when it does not fit. A size of 1 is followed by the real size in 64 bits, and 0 means: up to the
+// limit.
+std::optional<IsoBox> readBox(const DescriptorFile& file, int64_t offset, int64_t limit) {
+    uint8_t header[kLargeHeaderBytes];
+    if (offset > limit - kHeaderBytes || !file.readFully(offset, header, kHeaderBytes)) {
+        return std::nullopt;
+    }
+    const uint32_t shortSize = get32(header);
+    uint64_t size = shortSize;
+    int64_t headerBytes = kHeaderBytes;
+    if (shortSize == 1) {
+        headerBytes = kLargeHeaderBytes;
+        if (!file.readFully(offset, header, kLargeHeaderBytes)) return std::nullopt;
+        size = static_cast<uint64_t>(get32(header + 8)) << 32 | get32(header + 12);
+    } else if (shortSize == 0) {
+        size = static_cast<uint64_t>(limit - offset);
+    }
+    if (size < static_cast<uint64_t>(headerBytes) || size > static_cast<uint64_t>(limit - offset)) {
+        return std::nullopt;
+    }
+    return IsoBox{get32(header + 4), offset, offset + headerBytes,
+                  offset + static_cast<int64_t>(size)};
+}
+
+std::optional<IsoBox> findChild(const DescriptorFile& file, const IsoBox& parent, uint32_t type) {
     int64_t offset = parent.payloadOffset;
     for (int i = 0; i < kMaxChildren; ++i) {
         const std::optional<IsoBox> child = readBox(file, offset, parent.endOffset);
@@ -34,7 +73,7 @@ std::optional<IsoBox> findChild(const InputFile& file, const IsoBox& parent, uin
     return std::nullopt;
 }
 
-std::optional<IsoBox> findPath(const InputFile& file, const IsoBox& parent,
+std::optional<IsoBox> findPath(const DescriptorFile& file, const IsoBox& parent,
                                std::initializer_list<uint32_t> types) {
     std::optional<IsoBox> box = parent;
     for (const uint32_t type : types) {
@@ -51,7 +90,7 @@ struct Header {
     int64_t duration = 0;
 };
 
-std::optional<Header> readHeader(const InputFile& file, const std::optional<IsoBox>& box) {
+std::optional<Header> readHeader(const DescriptorFile& file, const std::optional<IsoBox>& box) {
     uint8_t data[36];
     if (!box || box->endOffset - box->payloadOffset < static_cast<int64_t>(sizeof(data)) ||
         !file.readFully(box->payloadOffset, data, sizeof(data))) {
@@ -70,7 +109,7 @@ std::optional<Header> readHeader(const InputFile& file, const std::optional<IsoB
     return header;
 }
 
-std::optional<IsoTrackLength> readTimes(const InputFile& file, const IsoBox& times) {
+std::optional<IsoTrackLength> readTimes(const DescriptorFile& file, const IsoBox& times) {
     uint8_t header[kTableHeaderBytes];
     if (!file.readFully(times.payloadOffset, header, sizeof(header))) return std::nullopt;
     const int64_t fits =
@@ -94,7 +133,7 @@ std::optional<IsoTrackLength> readTimes(const InputFile& file, const IsoBox& tim
 // Reads forward through a file, a page at a time.
 class BufferedReader {
 public:
-    explicit BufferedReader(const InputFile& file) : mFile(file), mBytes(4096) {}
+    explicit BufferedReader(const DescriptorFile& file) : mFile(file), mBytes(4096) {}
 
     // `size` bytes, at most 16; null at the end of the file and after a read error.
     const uint8_t* at(int64_t offset, size_t size) {
@@ -118,7 +157,7 @@ private:
         }
     }
 
-    const InputFile& mFile;
+    const DescriptorFile& mFile;
     std::vector<uint8_t> mBytes;
     int64_t mOffset = 0;
     size_t mCount = 0;
@@ -129,7 +168,7 @@ private:
 // parent, and tables count outside of their tracks too.
 class SampleTables {
 public:
-    explicit SampleTables(const InputFile& file) : mFile(file), mReader(file) {}
+    explicit SampleTables(const DescriptorFile& file) : mFile(file), mReader(file) {}
 
     std::optional<std::string> check() {
         walk(0, mFile.sizeBytes(), 0);
@@ -238,42 +277,52 @@ private:
     static constexpr int kMaxDepth = 10;
     enum { kSizes, kTimes, kOffsets, kRuns };
 
-    const InputFile& mFile;
+    const DescriptorFile& mFile;
     BufferedReader mReader;
     Table mTables[4] = {{"stsz", 0}, {"stts", 0}, {"ctts", 0}, {"trun", 0}};
     bool mIsCompressed = false;
 };
 
+constexpr size_t kUuidTypeBytes = 16;
+constexpr size_t kMaxUuidBytes = 64 << 20;
+// Bounds the walk over a file that consists of tiny boxes.
+constexpr int kMaxBoxes = 100000;
+
+constexpr uint32_t kUuid = fourCc('u', 'u', 'i', 'd');
+constexpr uint32_t kMovie = fourCc('m', 'o', 'o', 'v');
+
+void put32(uint32_t value, std::vector<uint8_t>* out) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out->push_back(static_cast<uint8_t>(value >> shift));
+    }
+}
+
+void appendBox(const uint8_t* content, size_t size, std::vector<uint8_t>* out) {
+    put32(static_cast<uint32_t>(static_cast<size_t>(kHeaderBytes) + size), out);
+    put32(kUuid, out);
+    out->insert(out->end(), content, content + size);
+}
+
+bool isSequenceOfBoxes(const uint8_t* data, size_t size) {
+    size_t offset = 0;
+    while (size - offset >= static_cast<size_t>(kHeaderBytes) + kUuidTypeBytes) {
+        const uint32_t boxBytes = get32(data + offset);
+        if (get32(data + offset + 4) != kUuid ||
+            boxBytes < static_cast<size_t>(kHeaderBytes) + kUuidTypeBytes)
+            return false;
+        if (boxBytes > size - offset) return false;
+        offset += boxBytes;
+    }
+    return offset == size;
+}
+
 }  // namespace
 
-std::optional<std::string> checkSampleTables(const InputFile& file) {
+std::optional<std::string> checkSampleTables(const DescriptorFile& file) {
     return SampleTables(file).check();
 }
 
-// A size of 1 is followed by 64 bits that hold the real one, and 0 means: to the limit.
-std::optional<IsoBox> readBox(const InputFile& file, int64_t offset, int64_t limit) {
-    uint8_t header[kLargeHeaderBytes];
-    if (offset > limit - kHeaderBytes || !file.readFully(offset, header, kHeaderBytes)) {
-        return std::nullopt;
-    }
-    const uint32_t shortSize = get32(header);
-    uint64_t size = shortSize;
-    int64_t headerBytes = kHeaderBytes;
-    if (shortSize == 1) {
-        headerBytes = kLargeHeaderBytes;
-        if (!file.readFully(offset, header, kLargeHeaderBytes)) return std::nullopt;
-        size = static_cast<uint64_t>(get32(header + 8)) << 32 | get32(header + 12);
-    } else if (shortSize == 0) {
-        size = static_cast<uint64_t>(limit - offset);
-    }
-    if (size < static_cast<uint64_t>(headerBytes) || size > static_cast<uint64_t>(limit - offset)) {
-        return std::nullopt;
-    }
-    return IsoBox{get32(header + 4), offset, offset + headerBytes,
-                  offset + static_cast<int64_t>(size)};
-}
-
-std::vector<IsoTrackLength> readTrackLengths(const InputFile& file, int64_t movieOffset) {
+std::vector<IsoTrackLength> readTrackLengths(const DescriptorFile& file, int64_t movieOffset) {
     std::vector<IsoTrackLength> lengths;
     const std::optional<IsoBox> movie = readBox(file, movieOffset, file.sizeBytes());
     if (!movie) return lengths;
@@ -293,10 +342,57 @@ std::vector<IsoTrackLength> readTrackLengths(const InputFile& file, int64_t movi
         std::optional<IsoTrackLength> length = readTimes(file, *times);
         if (!length) continue;
         length->trackId = header->field;
-        length->presentationUs = av_rescale(header->duration, 1000000, movieHeader->field);
+        length->presentationTicks = header->duration;
+        length->movieTicksPerSecond = movieHeader->field;
         lengths.push_back(*length);
     }
     return lengths;
+}
+
+TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file) {
+    TopLevelBoxes result;
+    std::vector<std::vector<uint8_t>> contents;
+    size_t totalBytes = 0;
+    int64_t offset = 0;
+    for (int i = 0; i < kMaxBoxes; ++i) {
+        const std::optional<IsoBox> box = readBox(file, offset, file.sizeBytes());
+        if (!box) break;
+        offset = box->endOffset;
+        if (box->type == kMovie && result.movieBytes == 0) {
+            result.movieOffset = box->offset;
+            result.movieBytes = box->endOffset - box->offset;
+        }
+        const auto size = static_cast<uint64_t>(box->endOffset - box->payloadOffset);
+        if (box->type != kUuid || size < kUuidTypeBytes || size > kMaxUuidBytes - totalBytes)
+            continue;
+        std::vector<uint8_t> content(static_cast<size_t>(size));
+        if (!file.readFully(box->payloadOffset, content.data(), content.size())) break;
+        totalBytes += content.size();
+        contents.push_back(std::move(content));
+    }
+    // The content of one box stands alone, unless it would be taken for boxes.
+    if (contents.size() == 1 &&
+        !isSequenceOfBoxes(contents.front().data(), contents.front().size())) {
+        result.uuidData = std::move(contents.front());
+    } else {
+        for (const auto& content : contents) {
+            appendBox(content.data(), content.size(), &result.uuidData);
+        }
+    }
+    return result;
+}
+
+std::vector<uint8_t> makeUuidBoxes(const uint8_t* data, size_t size) {
+    std::vector<uint8_t> boxes;
+    if (data == nullptr || size < kUuidTypeBytes ||
+        size > UINT32_MAX - static_cast<size_t>(kHeaderBytes))
+        return boxes;
+    if (isSequenceOfBoxes(data, size)) {
+        boxes.assign(data, data + size);
+    } else {
+        appendBox(data, size, &boxes);
+    }
+    return boxes;
 }
 
 }  // namespace qmmediaeditor

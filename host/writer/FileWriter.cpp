@@ -12,9 +12,8 @@
 #include <vector>
 
 #include "host/foundation/TimedWait.h"
-#include "host/io/UuidBox.h"
+#include "host/io/IsoBoxes.h"
 #include "host/writer/Mp4Muxer.h"
-#include "host/writer/OutputFile.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -73,9 +72,9 @@ private:
 
 FileWriter::FileWriter(int fd, bool movieBoxFirst, std::shared_ptr<SessionTimeline> session)
     : mMovieBoxFirst(movieBoxFirst) {
-    auto output = OutputFile::open(fd);
-    if (output == nullptr) return;
-    mFile = std::make_unique<Mp4Muxer>(std::move(output), std::move(session));
+    const DescriptorFile::Opened output = DescriptorFile::openForWriting(fd);
+    if (output.file == nullptr) return;
+    mFile = std::make_unique<Mp4Muxer>(output.file, std::move(session));
 }
 
 FileWriter::~FileWriter() { stop(); }

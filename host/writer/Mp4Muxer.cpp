@@ -10,8 +10,6 @@
 #include <optional>
 #include <utility>
 
-#include "host/io/UuidBox.h"
-
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -32,6 +30,7 @@ constexpr int kDefaultFrameRate = 30;
 // Samples that are held back for another track. Two tracks of a session run within a batch of each
 // other, so only a track with a long pause comes near it.
 constexpr size_t kMaxHeldBytes = 16 << 20;
+constexpr int kIoBufferBytes = 256 * 1024;
 
 struct Codec {
     const char* const& mime;
@@ -44,9 +43,6 @@ const Codec kCodecs[] = {
     {MEDIA_MIMETYPE_VIDEO_AVC, AV_CODEC_ID_H264, 0, false},
     {MEDIA_MIMETYPE_VIDEO_MPEG4, AV_CODEC_ID_MPEG4, 0, false},
     {MEDIA_MIMETYPE_VIDEO_H263, AV_CODEC_ID_H263, 0, true},
-    // libavformat writes no VP8. VP9 goes into a file in the same way but for the sample entry's
-    // name.
-    {MEDIA_MIMETYPE_VIDEO_VP8, AV_CODEC_ID_VP9, 0, false},
     {MEDIA_MIMETYPE_AUDIO_AAC, AV_CODEC_ID_AAC, 1024, false},
     {MEDIA_MIMETYPE_AUDIO_AMR_NB, AV_CODEC_ID_AMR_NB, 160, true},
     {MEDIA_MIMETYPE_AUDIO_AMR_WB, AV_CODEC_ID_AMR_WB, 320, true},
@@ -116,36 +112,12 @@ bool setRotation(AVStream* stream, int32_t degrees) {
     return true;
 }
 
-// Where in a movie box the name of a VP9 sample entry is, as the first of its description box
-// (ISO/IEC 14496-12, 8.5.2); the end when there is none from `start` on.
-uint8_t* findVp9Entry(uint8_t* start, uint8_t* end) {
-    static constexpr uint8_t kDescription[] = {'s', 't', 's', 'd', 0, 0, 0, 0, 0, 0, 0, 1};
-    constexpr ptrdiff_t kNameOffset = sizeof(kDescription) + 4;
-    for (;;) {
-        start = std::search(start, end, std::begin(kDescription), std::end(kDescription));
-        if (end - start < kNameOffset + 4) return end;
-        if (memcmp(start + kNameOffset, "vp09", 4) == 0) return start + kNameOffset;
-        start += sizeof(kDescription);
-    }
-}
-
-// To put the movie box first, libavformat reads back what it wrote.
-int openWritten(AVFormatContext* context, AVIOContext** io, const char*, int flags,
-                AVDictionary**) {
-    if ((flags & AVIO_FLAG_WRITE) != 0) return AVERROR(EACCES);
-    *io = static_cast<OutputFile*>(context->opaque)->openForReading();
-    return *io == nullptr ? AVERROR(EACCES) : 0;
-}
-
-int closeWritten(AVFormatContext*, AVIOContext* io) {
-    IoContextPtr owner(io);
-    return 0;
-}
-
 }  // namespace
 
-Mp4Muxer::Mp4Muxer(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session)
-    : mOutput(std::move(output)), mSession(std::move(session)) {}
+Mp4Muxer::Mp4Muxer(std::shared_ptr<DescriptorFile> output, std::shared_ptr<SessionTimeline> session)
+    : mOutput(std::move(output)),
+      mIo(AvioFile::forWriting(mOutput, kIoBufferBytes)),
+      mSession(std::move(session)) {}
 
 Mp4Muxer::~Mp4Muxer() = default;
 
@@ -185,20 +157,20 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     AVFormatContext* context = nullptr;
     if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
     mContext.reset(context);
-    context->pb = &mOutput->io();
-    context->opaque = mOutput.get();
+    context->pb = mIo->context();
+    context->opaque = this;
     context->io_open = openWritten;
     context->io_close2 = closeWritten;
     context->flags |= AVFMT_FLAG_BITEXACT;
     context->flush_packets = 0;
-    // Samples are as they should be; VP8 would not pass for VP9.
+    // The encoders deliver samples in the form that the file needs.
     context->flags &= ~AVFMT_FLAG_AUTO_BSF;
     for (Track& track : mTracks) {
         const status_t result = addStream(&track, rotationDegrees);
         if (result != OK) return result;
     }
     AVDictionary* options = nullptr;
-    const bool isFirst = movieBoxFirst && mOutput->isReadable();
+    const bool isFirst = movieBoxFirst && mOutput->makeReadable();
     if (av_dict_set_int(&options, "video_track_timescale", kVideoTicksPerSecond, 0) < 0 ||
         av_dict_set_int(&options, "movie_timescale", kVideoTicksPerSecond, 0) < 0 ||
         (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
@@ -330,33 +302,31 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
     if (mHasHeader) {
         keep(av_write_trailer(mContext.get()));
         mHasHeader = false;
-        keep(nameVp8Entries());
         // When the movie box was put first, the position is behind that one.
-        AVIOContext& io = mOutput->io();
-        avio_seek(&io, avio_size(&io), SEEK_SET);
-        avio_write(&io, boxes.data(), static_cast<int>(boxes.size()));
+        AVIOContext* const io = mIo->context();
+        avio_seek(io, avio_size(io), SEEK_SET);
+        avio_write(io, boxes.data(), static_cast<int>(boxes.size()));
     }
+    avio_flush(mIo->context());
     keep(mOutput->finish());
     return mError;
 }
 
-status_t Mp4Muxer::nameVp8Entries() {
-    const bool hasVp8 = std::any_of(mTracks.begin(), mTracks.end(), [](const Track& track) {
-        return track.parameters->codec_id == AV_CODEC_ID_VP9 && track.hasSamples;
-    });
-    if (!hasVp8 || mError != OK) return OK;
-    const auto file = mOutput->written();
-    if (file == nullptr) return ERROR_IO;
-    const TopLevelBoxes boxes = readTopLevelBoxes(*file);
-    std::vector<uint8_t> movie(static_cast<size_t>(boxes.movieBytes));
-    if (!file->readFully(boxes.movieOffset, movie.data(), movie.size())) return ERROR_IO;
-    uint8_t* const end = movie.data() + movie.size();
-    for (uint8_t* name = findVp9Entry(movie.data(), end); name != end;
-         name = findVp9Entry(name, end)) {
-        avio_seek(&mOutput->io(), boxes.movieOffset + (name - movie.data()), SEEK_SET);
-        avio_write(&mOutput->io(), reinterpret_cast<const uint8_t*>("vp08"), 4);
-    }
-    return OK;
+// libavformat reads the samples back to put the movie box in front of them.
+int Mp4Muxer::openWritten(AVFormatContext* context, AVIOContext** io, const char*, int flags,
+                          AVDictionary**) {
+    auto* self = static_cast<Mp4Muxer*>(context->opaque);
+    if ((flags & AVIO_FLAG_WRITE) != 0 || !self->mOutput->makeReadable()) return AVERROR(EACCES);
+    avio_flush(self->mIo->context());
+    self->mReadBack = AvioFile::forReading(self->mOutput, kIoBufferBytes);
+    if (self->mReadBack == nullptr) return AVERROR(ENOMEM);
+    *io = self->mReadBack->context();
+    return 0;
+}
+
+int Mp4Muxer::closeWritten(AVFormatContext* context, AVIOContext*) {
+    static_cast<Mp4Muxer*>(context->opaque)->mReadBack.reset();
+    return 0;
 }
 
 // FFmpeg's errors are -errno, or codes of its own that mean nothing outside.

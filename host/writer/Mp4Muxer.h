@@ -21,10 +21,12 @@
 
 #include "host/codec/SessionTimeline.h"
 #include "host/convert/FFmpegPointers.h"
-#include "host/writer/OutputFile.h"
+#include "host/extractor/AvioFile.h"
+#include "host/io/DescriptorFile.h"
 #include "host/writer/PacketInterleaver.h"
 #include "host/writer/TrackTimestamps.h"
 
+struct AVDictionary;
 struct AVStream;
 
 namespace android {
@@ -33,7 +35,7 @@ namespace qmmediaeditor {
 class Mp4Muxer {
 public:
     // `session` may be null: then every track that ends is complete.
-    Mp4Muxer(std::unique_ptr<OutputFile> output, std::shared_ptr<SessionTimeline> session);
+    Mp4Muxer(std::shared_ptr<DescriptorFile> output, std::shared_ptr<SessionTimeline> session);
     ~Mp4Muxer();
 
     // `format` is a track's: kKeyMIMEType, and of what is known the size, the rates, the channels.
@@ -71,10 +73,16 @@ private:
     void endAt(size_t index, int64_t endUs) REQUIRES(mLock);
     void cutStoppedTracks() REQUIRES(mLock);
     status_t writeSettled() REQUIRES(mLock);
-    status_t nameVp8Entries() REQUIRES(mLock);
     status_t keep(int result) REQUIRES(mLock);
 
-    const std::unique_ptr<OutputFile> mOutput;
+    // libavformat's callbacks, during the calls to it.
+    static int openWritten(AVFormatContext* context, AVIOContext** io, const char* url, int flags,
+                           AVDictionary** options);
+    static int closeWritten(AVFormatContext* context, AVIOContext* io);
+
+    const std::shared_ptr<DescriptorFile> mOutput;
+    const std::unique_ptr<AvioFile> mIo;  // null when memory is short
+    std::unique_ptr<AvioFile> mReadBack;  // while libavformat moves the samples
     const std::shared_ptr<SessionTimeline> mSession;
     Mutex mLock;
     std::vector<Track> mTracks GUARDED_BY(mLock);
