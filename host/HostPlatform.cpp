@@ -4,7 +4,7 @@
 #include "host/Host.h"
 #include "host/codec/AudioDecoder.h"
 #include "host/codec/AudioEncoder.h"
-#include "host/codec/CodecTypes.h"
+#include "host/codec/CodecTable.h"
 #include "host/codec/HostMediaCodec.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/codec/VideoDecoder.h"

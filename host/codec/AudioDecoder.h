@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "host/codec/CodecBackend.h"
-#include "host/codec/PacketDecoder.h"
-#include "host/codec/SilenceBudget.h"
+#include "host/codec/InputLimits.h"
+#include "host/codec/PacketCodecs.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -29,27 +29,22 @@ constexpr int32_t kAacLowComplexity = 1;
 
 // ISO/IEC 14496-3: an AAC frame holds 6144 bits a channel at the most.
 constexpr int64_t kMaxAacFrameBits = 6144;
-constexpr int64_t kAacFrameSamples = 1024;
 // At 48 kHz, where the wanted rate is none: transparent for nearly everything.
 constexpr int64_t kGoodAacBitsPerChannel = 96000;
 
 // A rate that no AAC frame can hold is what a request says that knows no rate.
-int64_t aacBitRate(int64_t wanted, int sampleRate, int channelCount) {
-    const int64_t most = kMaxAacFrameBits * sampleRate / kAacFrameSamples * channelCount;
-    if (wanted > 0 && wanted < most) return wanted;
-    return std::min(most, kGoodAacBitsPerChannel * channelCount * sampleRate / 48000);
+int64_t aacBitRate(const CodecInfo& codec, int64_t requested, int sampleRate, int channelCount) {
+    const int64_t max = kMaxAacFrameBits * sampleRate / codec.frameSamples * channelCount;
+    if (requested > 0 && requested < max) return requested;
+    return std::min(max, kGoodAacBitsPerChannel * channelCount * sampleRate / 48000);
 }
 
-// The wanted rate, or the next lower one that the encoder has, or its lowest.
-int encoderRate(const AVCodec& codec, int wanted) {
-    if (codec.id != AV_CODEC_ID_AAC || codec.supported_samplerates == nullptr) return wanted;
-    int best = 0;
-    int lowest = wanted;
-    for (const int* rate = codec.supported_samplerates; *rate != 0; ++rate) {
-        if (*rate <= wanted) best = std::max(best, *rate);
-        lowest = std::min(lowest, *rate);
+// `rate`, or the next lower one that the codec has, or its lowest.
+int supportedRate(const CodecInfo& codec, int rate) {
+    for (const int supported : codec.limits.sampleRates) {
+        if (supported <= rate) return supported;
     }
-    return best > 0 ? best : lowest;
+    return codec.limits.sampleRates.back();
 }
 
 }  // namespace
@@ -99,7 +94,8 @@ status_t AudioEncoder::setParameters(const AMessage& format) {
     format.findInt32("aac-profile", &profile);
     if (mChannelCount < 1 || mInSampleRate < 1) return BAD_VALUE;
 
-    context->sample_rate = encoderRate(*context->codec, mInSampleRate);
+    const CodecInfo& codec = mEncoder.info();
+    context->sample_rate = supportedRate(codec, mInSampleRate);
     context->time_base = {1, context->sample_rate};
     context->sample_fmt = context->codec->sample_fmts[0];
     av_channel_layout_default(&context->ch_layout, mChannelCount);
@@ -110,13 +106,12 @@ status_t AudioEncoder::setParameters(const AMessage& format) {
             return ERROR_UNSUPPORTED;
         }
         context->profile = FF_PROFILE_AAC_LOW;
-        context->bit_rate = aacBitRate(bitRate, context->sample_rate, mChannelCount);
+        context->bit_rate = aacBitRate(codec, bitRate, context->sample_rate, mChannelCount);
         return OK;
     }
-    const int amrRate = context->codec_id == AV_CODEC_ID_AMR_NB ? 8000 : 16000;
-    if (mInSampleRate != amrRate || mChannelCount != 1) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s takes one channel of %d Hz only",
-                            context->codec->name, amrRate);
+    if (mInSampleRate != context->sample_rate || mChannelCount > codec.limits.maxChannels) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s supports only %d channel of %d Hz",
+                            codec.name, codec.limits.maxChannels, context->sample_rate);
         return ERROR_UNSUPPORTED;
     }
     if (bitRate > 0) context->bit_rate = bitRate;

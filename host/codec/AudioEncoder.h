@@ -8,7 +8,7 @@
 
 #include "host/Host.h"
 #include "host/codec/CodecBackend.h"
-#include "host/codec/PacketEncoder.h"
+#include "host/codec/PacketCodecs.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "host/Host.h"
@@ -21,6 +22,8 @@ std::atomic<bool> gLimitsAllocations{false};
 std::string sizeText(int64_t width, int64_t height) {
     return std::to_string(width) + "x" + std::to_string(height);
 }
+
+std::string secondsText(int64_t timeUs) { return std::to_string(timeUs / 1000000) + " s"; }
 
 }  // namespace
 
@@ -57,6 +60,30 @@ std::optional<std::string> checkAllocation() {
     if (isShort) return std::nullopt;
     return "an allocation beyond the limit of " + std::to_string(kMaxAllocationBytes >> 20) +
            " MiB";
+}
+
+void SilenceBudget::addAudio(int64_t durationUs) {
+    mAudioUs += durationUs;
+    mGapStartUs.reset();
+}
+
+std::optional<std::string> SilenceBudget::addSilence(int64_t startUs, int64_t endUs,
+                                                     int64_t videoUs) {
+    if (!mGapStartUs) mGapStartUs = startUs;
+    const int64_t gapStartUs = std::max(*mGapStartUs, videoUs);
+    if (endUs - gapStartUs > kMaxGapUs) {
+        return "a gap of " + secondsText(endUs - gapStartUs) +
+               " in its audio exceeds the limit of " + secondsText(kMaxGapUs);
+    }
+    const bool hasVideo = videoUs != INT64_MIN;
+    const int64_t uncoveredUs =
+        hasVideo ? std::max(startUs, videoUs + kMaxFrameDistanceUs) : startUs;
+    mSilenceUs += std::max<int64_t>(endUs - uncoveredUs, 0);
+    const int64_t maxSilenceUs = 2 * mAudioUs + kMaxGapUs;
+    if (mSilenceUs <= maxSilenceUs) return std::nullopt;
+    return "gaps of " + secondsText(mSilenceUs) + " in its audio exceed the limit of " +
+           secondsText(maxSilenceUs) + ", twice the audio that it has plus " +
+           secondsText(kMaxGapUs);
 }
 
 }  // namespace qmmediaeditor

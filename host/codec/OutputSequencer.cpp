@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/codec/SilenceBudget.h"
+#include "host/codec/InputLimits.h"
 #include "host/foundation/TimedWait.h"
 
 namespace android {

@@ -8,7 +8,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/codec/AvcLevels.h"
+#include "host/codec/CodecTable.h"
+#include "host/codec/InputLimits.h"
 #include "host/convert/FrameScaler.h"
 #include "host/foundation/CpuCount.h"
 
@@ -30,9 +31,6 @@ constexpr size_t kMinInputCount = 4;
 constexpr size_t kMaxInputCount = 8;
 constexpr size_t kOutputCount = 16;
 constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
-constexpr int kMaxDimension = 8192;
-// ISO/IEC 14496-2 has 13 bits for either side; the encoder writes beyond its tables at more.
-constexpr int kMaxMpeg4Dimension = 8191;
 constexpr double kDefaultFrameRate = 30;
 // Bits a pixel and frame, where no rate is wanted.
 constexpr double kDefaultBitsPerPixel = 0.1;
@@ -81,7 +79,7 @@ struct VideoEncoder::Wanted {
                                            kDefaultBitsPerPixel);
         }
         bitRate = std::max(bitRate, kMinBitRate);
-        possible = width >= 2 && height >= 2 && width <= kMaxDimension && height <= kMaxDimension &&
+        possible = width >= 2 && height >= 2 && width <= kMaxSide && height <= kMaxSide &&
                    colorFormat == kPlanar;
     }
 
@@ -125,8 +123,10 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
         wanted.variableRate = true;
     }
     mKeyFrameIntervalUs = int64_t{std::max(wanted.keyFrameSeconds, 0)} * kMicroseconds;
-    const bool tooLarge = mime.equalsIgnoreCase(MEDIA_MIMETYPE_VIDEO_MPEG4) &&
-                          std::max(wanted.width, wanted.height) > kMaxMpeg4Dimension;
+    const CodecInfo* codec = findEncodedCodec(mime.c_str());
+    // The MPEG-4 encoder writes beyond its tables at a larger size.
+    const bool tooLarge = codec != nullptr && codec->limits.maxSide > 0 &&
+                          std::max(wanted.width, wanted.height) > codec->limits.maxSide;
     if (!wanted.possible || tooLarge) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no encoder takes such pictures: %s",
                             format->debugString().c_str());
@@ -147,11 +147,6 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
             av_dict_free(&options);
             return NO_MEMORY;
         }
-    } else if (mEncoder.context()->codec_id == AV_CODEC_ID_VP8) {
-        av_dict_set(&options, "deadline", "realtime", 0);
-        av_dict_set(&options, "cpu-used", "5", 0);
-        av_dict_set(&options, "lag-in-frames", "0", 0);
-        av_dict_set(&options, "auto-alt-ref", "0", 0);
     }
     status = mEncoder.open(options);
     if (status != OK) return status;
@@ -186,7 +181,6 @@ void VideoEncoder::setParameters(const Wanted& wanted) {
     context->chroma_sample_location = AVCHROMA_LOC_LEFT;
     context->max_b_frames = 0;
     context->gop_size = wanted.groupOfPictures();
-    if (context->codec_id == AV_CODEC_ID_VP8) context->keyint_min = context->gop_size;
     context->bit_rate = wanted.bitRate;
     context->rc_max_rate =
         static_cast<int64_t>(static_cast<double>(wanted.bitRate) * kPeakOverMean);

@@ -1,4 +1,4 @@
-// Encodes working pictures to AVC, MPEG-4, H.263 or VP8, without reordering.
+// Encodes working pictures to AVC, MPEG-4 or H.263, without reordering.
 //
 // The input buffers are read where they lie. A picture with an odd width or height loses its last
 // column or row.
@@ -12,7 +12,7 @@
 #include <string>
 
 #include "host/codec/CodecBackend.h"
-#include "host/codec/PacketEncoder.h"
+#include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/foundation/FrameAllocator.h"
 

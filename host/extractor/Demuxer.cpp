@@ -13,7 +13,7 @@
 
 #include "host/codec/CodecTable.h"
 #include "host/codec/InputLimits.h"
-#include "host/extractor/MediaTypes.h"
+#include "host/extractor/TrackFormat.h"
 
 extern "C" {
 #include <libavformat/avformat.h>

@@ -12,7 +12,6 @@
 #include "host/codec/InputLimits.h"
 #include "host/codec/OutputSequencer.h"
 #include "host/extractor/Demuxer.h"
-#include "host/extractor/MediaTypes.h"
 #include "host/extractor/TrackFormat.h"
 #include "host/io/IsoBoxes.h"
 
@@ -199,11 +198,11 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     TrackInfo track;
     track.streamIndex = stream.index;
     track.isVideo = isKind(stream, AVMEDIA_TYPE_VIDEO);
-    TrackProperties facts;
-    facts.durationUs = durationUs;
+    TrackProperties properties;
+    properties.durationUs = durationUs;
     if (isDecodable(stream)) {
         track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream, avio_size(context.pb)));
-        facts.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
+        properties.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
         track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
         if (stream.start_time != AV_NOPTS_VALUE && !demuxer->hasOnlyFrameNumbers()) {
             track.startUs = demuxer->toUs(stream.index, stream.start_time);
@@ -216,14 +215,14 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
                 static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerFrame;
             const FrameRateEstimate timing = frameRateEstimate(
                 stream, estimateRate ? frameTimestamps(demuxer, stream) : FrameTimestamps());
-            facts.frameRate = timing.rate;
-            if (!timing.constantRate) facts.averageFrameRate = av_q2d(stream.avg_frame_rate);
+            properties.frameRate = timing.rate;
+            if (!timing.constantRate) properties.averageFrameRate = av_q2d(stream.avg_frame_rate);
             track.constantRate = timing.constantRate;
         } else {
             track.prerollUs = prerollUs(parameters);
         }
     }
-    track.format = makeTrackFormat(context, stream, facts);
+    track.format = makeTrackFormat(context, stream, properties);
     if (track.format == nullptr) return track;
     if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
     return track;

@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "host/codec/TrackSource.h"
-#include "host/extractor/FrameRate.h"
-#include "host/extractor/TimestampDiscontinuities.h"
+#include "host/extractor/TimestampRepair.h"
 #include "host/io/DescriptorFile.h"
 
 namespace android {

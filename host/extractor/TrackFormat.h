@@ -28,7 +28,19 @@ struct TrackProperties {
 //   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded sound: 16).
 // Null when memory is short.
 sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream,
-                             const TrackProperties& facts);
+                             const TrackProperties& properties);
+
+// The platform's MIME types for what FFmpeg calls by codec and container names. Any thread.
+// "audio/…" or "video/…" for a track that can be decoded here; the unsupported type of its kind for
+// one that cannot; "image/…" for an attached picture; another type for everything else.
+const char* mimeOfStream(const AVStream& stream);
+const char* mimeOfContainer(const AVFormatContext& context);
+
+// Cover art, for one: a picture that belongs to the file and not to a time.
+bool isCoverArt(const AVStream& stream);
+
+// An audio or video track that a decoder here takes.
+bool isDecodable(const AVStream& stream);
 
 }  // namespace qmmediaeditor
 }  // namespace android

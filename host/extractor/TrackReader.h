@@ -14,7 +14,7 @@
 #include "host/convert/FFmpegPointers.h"
 #include "host/extractor/Demuxer.h"
 #include "host/extractor/InputProbe.h"
-#include "host/extractor/PocTimestamps.h"
+#include "host/extractor/TimestampRepair.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -2,9 +2,7 @@
 
 #include <android/log.h>
 #include <media/stagefright/MediaErrors.h>
-#include <media/stagefright/foundation/MediaDefs.h>
 #include <string.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <optional>
@@ -32,29 +30,13 @@ constexpr int kDefaultFrameRate = 30;
 constexpr size_t kMaxHeldBytes = 16 << 20;
 constexpr int kIoBufferBytes = 256 * 1024;
 
-struct Codec {
-    const char* const& mime;
-    AVCodecID id;
-    int frameSamples;  // sound: of each frame
-    bool only3gp;      // the registry of MP4 has no place for it
-};
-
-const Codec kCodecs[] = {
-    {MEDIA_MIMETYPE_VIDEO_AVC, AV_CODEC_ID_H264, 0, false},
-    {MEDIA_MIMETYPE_VIDEO_MPEG4, AV_CODEC_ID_MPEG4, 0, false},
-    {MEDIA_MIMETYPE_VIDEO_H263, AV_CODEC_ID_H263, 0, true},
-    {MEDIA_MIMETYPE_AUDIO_AAC, AV_CODEC_ID_AAC, 1024, false},
-    {MEDIA_MIMETYPE_AUDIO_AMR_NB, AV_CODEC_ID_AMR_NB, 160, true},
-    {MEDIA_MIMETYPE_AUDIO_AMR_WB, AV_CODEC_ID_AMR_WB, 320, true},
-};
-
-const Codec* findCodec(const MetaDataBase& format) {
+const CodecInfo* findCodec(const MetaDataBase& format) {
     const char* mime = nullptr;
-    if (!format.findCString(kKeyMIMEType, &mime)) return nullptr;
-    const auto* found =
-        std::find_if(std::begin(kCodecs), std::end(kCodecs),
-                     [&](const Codec& codec) { return strcasecmp(codec.mime, mime) == 0; });
-    return found == std::end(kCodecs) ? nullptr : found;
+    return format.findCString(kKeyMIMEType, &mime) ? findEncodedCodec(mime) : nullptr;
+}
+
+uint32_t tagOf(const char* sampleEntry) {
+    return MKTAG(sampleEntry[0], sampleEntry[1], sampleEntry[2], sampleEntry[3]);
 }
 
 int32_t intOf(const MetaDataBase& format, uint32_t key) {
@@ -91,7 +73,7 @@ void setVideoParameters(const MetaDataBase& format, AVCodecParameters* parameter
     parameters->profile = 0;
 }
 
-void setAudioParameters(const MetaDataBase& format, const Codec& codec,
+void setAudioParameters(const MetaDataBase& format, const CodecInfo& codec,
                         AVCodecParameters* parameters) {
     parameters->sample_rate = intOf(format, kKeySampleRate);
     av_channel_layout_default(&parameters->ch_layout, intOf(format, kKeyChannelCount));
@@ -123,14 +105,16 @@ Mp4Muxer::~Mp4Muxer() = default;
 
 status_t Mp4Muxer::addTrack(const MetaDataBase& format) {
     Mutex::Autolock lock(mLock);
-    const Codec* codec = findCodec(format);
+    const CodecInfo* codec = findCodec(format);
     if (codec == nullptr) return ERROR_UNSUPPORTED;
     Track track;
+    track.codec = codec;
     track.parameters.reset(avcodec_parameters_alloc());
     if (track.parameters == nullptr) return NO_MEMORY;
     AVCodecParameters* parameters = track.parameters.get();
-    parameters->codec_type = avcodec_get_type(codec->id);
-    parameters->codec_id = codec->id;
+    parameters->codec_id = static_cast<AVCodecID>(decoderIdOf(codec->mime));
+    parameters->codec_type = avcodec_get_type(parameters->codec_id);
+    parameters->codec_tag = tagOf(codec->sampleEntry);
     parameters->bit_rate = intOf(format, kKeyBitRate);
     track.frameRate = intOf(format, kKeyFrameRate);
     if (isVideo(*parameters)) {
@@ -144,11 +128,8 @@ status_t Mp4Muxer::addTrack(const MetaDataBase& format) {
 }
 
 bool Mp4Muxer::needs3gp() const {
-    return std::any_of(mTracks.begin(), mTracks.end(), [](const Track& track) {
-        return std::any_of(std::begin(kCodecs), std::end(kCodecs), [&](const Codec& codec) {
-            return codec.only3gp && codec.id == track.parameters->codec_id;
-        });
-    });
+    return std::any_of(mTracks.begin(), mTracks.end(),
+                       [](const Track& track) { return track.codec->only3gp; });
 }
 
 status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {

@@ -19,12 +19,12 @@
 #include <memory>
 #include <vector>
 
+#include "host/codec/CodecTable.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/convert/FFmpegPointers.h"
 #include "host/extractor/AvioFile.h"
 #include "host/io/DescriptorFile.h"
 #include "host/writer/PacketInterleaver.h"
-#include "host/writer/TrackTimestamps.h"
 
 struct AVDictionary;
 struct AVStream;
@@ -57,6 +57,7 @@ public:
 
 private:
     struct Track {
+        const CodecInfo* codec = nullptr;
         CodecParametersPtr parameters;
         AVStream* stream = nullptr;
         int frameRate = 0;

@@ -35,26 +35,25 @@ std::string cellOf(const std::string& title) {
     return "no row of " + title;
 }
 
-std::string sentence(const std::vector<InputFormat>& formats) {
+template <typename Row>
+std::string namesOf(const std::vector<Row>& rows) {
     std::string text;
-    for (const InputFormat& format : formats) {
-        text += (text.empty() ? "" : ", ") + std::string(format.name);
-    }
+    for (const Row& row : rows) text += (text.empty() ? "" : ", ") + std::string(row.name);
     return text;
 }
 
-TEST(InputFormatsTest, readmeNamesTheSameOnes) {
-    EXPECT_EQ(sentence(inputContainers()), cellOf("containers"));
-    EXPECT_EQ(sentence(inputVideoCodecs()), cellOf("video"));
-    EXPECT_EQ(sentence(inputAudioCodecs()), cellOf("audio"));
+TEST(CodecTableTest, readmeNamesTheSameOnes) {
+    EXPECT_EQ(namesOf(inputContainers()), cellOf("containers"));
+    EXPECT_EQ(namesOf(inputVideoCodecs()), cellOf("video"));
+    EXPECT_EQ(namesOf(inputAudioCodecs()), cellOf("audio"));
 }
 
 // The demuxer opens the first decoder of a codec, and a list without it would stop it.
-TEST(InputFormatsTest, eachDecoderIsTheOneThatLibavcodecFindsByItself) {
-    for (const auto& [formats, type] : {std::pair(inputVideoCodecs(), AVMEDIA_TYPE_VIDEO),
-                                        std::pair(inputAudioCodecs(), AVMEDIA_TYPE_AUDIO)}) {
-        for (const InputFormat& format : formats) {
-            for (const std::string& name : split(format.implementations)) {
+TEST(CodecTableTest, eachDecoderIsTheOneThatLibavcodecFindsByItself) {
+    for (const auto& [codecs, type] : {std::pair(inputVideoCodecs(), AVMEDIA_TYPE_VIDEO),
+                                       std::pair(inputAudioCodecs(), AVMEDIA_TYPE_AUDIO)}) {
+        for (const CodecInfo& codec : codecs) {
+            for (const std::string& name : split(codec.decoders)) {
                 const AVCodec* decoder = avcodec_find_decoder_by_name(name.c_str());
                 ASSERT_NE(nullptr, decoder) << name;
                 EXPECT_EQ(type, decoder->type) << name;
@@ -66,10 +65,32 @@ TEST(InputFormatsTest, eachDecoderIsTheOneThatLibavcodecFindsByItself) {
     EXPECT_EQ(nullptr, decoderOf(AV_CODEC_ID_CINEPAK));
 }
 
-TEST(InputFormatsTest, eachContainerHasADemuxer) {
-    for (const InputFormat& format : inputContainers()) {
-        EXPECT_NE(nullptr, av_find_input_format(format.implementations)) << format.name;
+TEST(CodecTableTest, eachContainerHasADemuxer) {
+    for (const ContainerInfo& container : inputContainers()) {
+        EXPECT_NE(nullptr, av_find_input_format(container.demuxer)) << container.name;
     }
+}
+
+// libavcodec's AAC encoder lists the rates that it takes; a rate of ours that it lacks would fail
+// only when somebody asks for it.
+TEST(CodecTableTest, aacSampleRatesAreThoseOfTheEncoder) {
+    const CodecInfo* aac = findEncodedCodec("audio/mp4a-latm");
+    ASSERT_NE(nullptr, aac);
+    std::vector<int> rates;
+    const AVCodec* encoder = encoderOf(aac->mime);
+    for (const int* rate = encoder->supported_samplerates; *rate != 0; ++rate) {
+        rates.push_back(*rate);
+    }
+    EXPECT_EQ(rates, aac->limits.sampleRates);
+}
+
+TEST(CodecTableTest, aFormatThatNamesOnlyItsMimeTypeGetsTheUsualDecoder) {
+    EXPECT_EQ(AV_CODEC_ID_MP3, decoderIdOf("audio/mpeg"));
+    EXPECT_EQ(AV_CODEC_ID_H263, decoderIdOf("video/3gpp"));
+    EXPECT_EQ(AV_CODEC_ID_AAC, decoderIdOf("AUDIO/MP4A-LATM"));
+    EXPECT_EQ(AV_CODEC_ID_NONE, decoderIdOf("audio/raw"));
+    EXPECT_EQ(AV_CODEC_ID_NONE, decoderIdOf("video/x-unknown"));
+    EXPECT_EQ(nullptr, encoderOf("video/x-vnd.on2.vp8")) << "no MP4 file holds it";
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 
 #include <cmath>
 
-#include "host/extractor/FrameRate.h"
-#include "host/writer/TrackTimestamps.h"
+#include "host/extractor/TimestampRepair.h"
+#include "host/writer/PacketInterleaver.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -1,8 +1,8 @@
 // How much silence may be made up, with and without video.
 #include <gtest/gtest.h>
 
+#include "host/codec/InputLimits.h"
 #include "host/codec/OutputSequencer.h"
-#include "host/codec/SilenceBudget.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -1,7 +1,7 @@
 // Offsets behind discontinuities, found by the readers of two tracks.
 #include <gtest/gtest.h>
 
-#include "host/extractor/TimestampDiscontinuities.h"
+#include "host/extractor/TimestampRepair.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -1,4 +1,4 @@
-#include "host/extractor/FrameRate.h"
+#include "host/extractor/TimestampRepair.h"
 
 #include <stdlib.h>
 
@@ -6,6 +6,7 @@
 #include <iterator>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavutil/mathematics.h>
 }
 
@@ -13,6 +14,19 @@ namespace android {
 namespace qmmediaeditor {
 
 namespace {
+
+// Times that go back by less are a multiplexer's carelessness.
+constexpr int64_t kMaxStepBackUs = 500000;
+constexpr int64_t kMaxStepUs = 10000000;
+// Whoever leaves one track out for so long still writes the other at 40 kb/s.
+constexpr int64_t kMinBytesPerSecond = 5000;
+// The samples of one time lie no further apart in a file.
+constexpr int64_t kMaxInterleavingBytes = 8 << 20;
+// More jumps than a recording has in so many bytes; bounds the search where all timestamps jump.
+constexpr int kMaxNearbyDiscontinuities = 1000;
+
+// An AVC frame counts for its two fields.
+constexpr int kAvcStep = 2;
 
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kMaxRate = 240;
@@ -85,6 +99,87 @@ int variableRate(int64_t shortestUs, int64_t tickUs, bool complete) {
 }
 
 }  // namespace
+
+bool TimestampDiscontinuities::isDiscontinuity(int64_t stepUs, int64_t stepBytes) {
+    if (stepUs < -kMaxStepBackUs) return true;
+    return stepUs > kMaxStepUs && stepBytes < stepUs / 1000000 * kMinBytesPerSecond;
+}
+
+int64_t TimestampDiscontinuities::offsetUs(int stream, int64_t position, int64_t timeUs,
+                                           int64_t expectedUs) {
+    Offsets& own = mOffsets[stream];
+    // Read again after a seek. Other jumps of the same stream are no match, however near: where its
+    // clock jumps twice in ten seconds, that would drop what lies between.
+    if (const auto known = own.find(position); known != own.end()) return known->second;
+    int64_t bestUs = expectedUs - timeUs;
+    int64_t bestErrorUs = kMaxStepUs;
+    for (const auto& [other, discontinuities] : mOffsets) {
+        if (other == stream) continue;
+        auto jump = discontinuities.lower_bound(position - kMaxInterleavingBytes + 1);
+        for (int i = 0; i < kMaxNearbyDiscontinuities && jump != discontinuities.end();
+             ++i, ++jump) {
+            if (jump->first - position >= kMaxInterleavingBytes) break;
+            const int64_t errorUs = std::llabs(timeUs + jump->second - expectedUs);
+            if (errorUs >= bestErrorUs) continue;
+            bestErrorUs = errorUs;
+            bestUs = jump->second;
+        }
+    }
+    if (bestErrorUs == kMaxStepUs) own[position] = bestUs;
+    return bestUs;
+}
+
+int64_t TimestampDiscontinuities::offsetUsAt(int64_t position) const {
+    int64_t latest = -1;
+    int64_t offsetUs = 0;
+    for (const auto& [stream, discontinuities] : mOffsets) {
+        const auto next = discontinuities.upper_bound(position);
+        if (next == discontinuities.begin()) continue;
+        const auto& [jumpPosition, jumpUs] = *std::prev(next);
+        if (jumpPosition <= latest) continue;
+        latest = jumpPosition;
+        offsetUs = jumpUs;
+    }
+    return offsetUs;
+}
+
+void PocTimestamps::ParserDeleter::operator()(AVCodecParserContext* parser) const {
+    av_parser_close(parser);
+}
+
+PocTimestamps::PocTimestamps(const AVCodecParameters& parameters)
+    : mLastDecodingTime(AV_NOPTS_VALUE), mSequenceStart(AV_NOPTS_VALUE) {
+    const bool isAvc = parameters.codec_id == AV_CODEC_ID_H264;
+    if (!isAvc && parameters.codec_id != AV_CODEC_ID_HEVC) return;
+    mCodec.reset(avcodec_alloc_context3(nullptr));
+    if (mCodec == nullptr || avcodec_parameters_to_context(mCodec.get(), &parameters) < 0) return;
+    mParser.reset(av_parser_init(parameters.codec_id));
+    if (mParser == nullptr) return;
+    mParser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+    mStep = isAvc ? kAvcStep : 1;
+}
+
+PocTimestamps::~PocTimestamps() = default;
+
+int64_t PocTimestamps::presentationTime(const AVPacket& packet) {
+    if (mParser == nullptr || packet.dts == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
+    const int64_t distance =
+        mLastDecodingTime == AV_NOPTS_VALUE ? 0 : packet.dts - mLastDecodingTime;
+    if (distance > 0 && (mInterval == 0 || distance < mInterval)) mInterval = distance;
+    mLastDecodingTime = packet.dts;
+
+    uint8_t* unit = nullptr;
+    int unitBytes = 0;
+    av_parser_parse2(mParser.get(), mCodec.get(), &unit, &unitBytes, packet.data, packet.size,
+                     packet.pts, packet.dts, packet.pos);
+    const int count = mParser->output_picture_number;
+    // A closed group begins with the picture that is shown first.
+    if (count == 0 && (packet.flags & AV_PKT_FLAG_KEY) != 0) mSequenceStart = packet.dts;
+    if (mSequenceStart == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
+    return mSequenceStart + count / mStep * mInterval;
+}
+
+void PocTimestamps::restart() { mLastDecodingTime = mSequenceStart = AV_NOPTS_VALUE; }
 
 ConstantFrameRate::ConstantFrameRate(FrameRate rate, int64_t tickUs)
     : mRate(rate), mToleranceUs(tickUs + 1) {}

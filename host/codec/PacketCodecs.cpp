@@ -1,17 +1,20 @@
-#include "host/codec/PacketDecoder.h"
+#include "host/codec/PacketCodecs.h"
 
 #include <android/log.h>
 #include <inttypes.h>
 #include <media/stagefright/MediaErrors.h>
+#include <pthread.h>
+
+#include <string>
+#include <utility>
 
 #include "host/codec/CodecTable.h"
-#include "host/codec/CodecTypes.h"
 #include "host/codec/InputLimits.h"
-#include "host/codec/ThreadName.h"
 #include "host/codec/TrackSource.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/dict.h>
 }
 
 namespace android {
@@ -19,7 +22,24 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr char kLogTag[] = "Decoder";
+constexpr char kDecoderTag[] = "Decoder";
+constexpr char kEncoderTag[] = "Encoder";
+
+// While one lives, the calling thread has this name, cut to the 15 characters that the kernel
+// keeps. Threads that a library starts get the name of the thread that starts them.
+class ThreadName {
+public:
+    explicit ThreadName(const std::string& name) {
+        pthread_getname_np(pthread_self(), mBefore, sizeof(mBefore));
+        pthread_setname_np(pthread_self(), name.substr(0, sizeof(mBefore) - 1).c_str());
+    }
+    ~ThreadName() { pthread_setname_np(pthread_self(), mBefore); }
+    ThreadName(const ThreadName&) = delete;
+    ThreadName& operator=(const ThreadName&) = delete;
+
+private:
+    char mBefore[16] = "";
+};
 
 // A decoder that reports more errors than this in a row while it is drained has nothing left.
 constexpr int kMaxErrorsInARow = 256;
@@ -47,6 +67,15 @@ status_t parametersFromKeys(const AMessage& format, AVCodecContext* context) {
     return OK;
 }
 
+class PacketBuffer : public ABuffer {
+public:
+    explicit PacketBuffer(PacketPtr packet)
+        : ABuffer(packet->data, static_cast<size_t>(packet->size)), mPacket(std::move(packet)) {}
+
+private:
+    const PacketPtr mPacket;
+};
+
 }  // namespace
 
 PacketDecoder::PacketDecoder(HostObserver* observer)
@@ -54,7 +83,7 @@ PacketDecoder::PacketDecoder(HostObserver* observer)
 
 PacketDecoder::~PacketDecoder() {
     if (mDamaged > 0) {
-        __android_log_print(ANDROID_LOG_WARN, kLogTag,
+        __android_log_print(ANDROID_LOG_WARN, kDecoderTag,
                             "%s: %" PRId64 " damaged samples were skipped, %" PRId64
                             " frames were decoded",
                             mContext->codec->name, mDamaged, mDecoded);
@@ -69,7 +98,7 @@ status_t PacketDecoder::prepare(const sp<AMessage>& format) {
     const int id = source != nullptr ? source->parameters().codec_id : decoderIdOf(mime);
     const AVCodec* codec = decoderOf(id);
     if (codec == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no decoder for %s", mime.c_str());
+        __android_log_print(ANDROID_LOG_ERROR, kDecoderTag, "no decoder for %s", mime.c_str());
         return ERROR_UNSUPPORTED;
     }
     mContext.reset(avcodec_alloc_context3(codec));
@@ -91,11 +120,11 @@ status_t PacketDecoder::open() {
     const int error = avcodec_open2(mContext.get(), nullptr, nullptr);
     if (error < 0) {
         // The failure has taken the codec out of the context.
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s cannot be opened: %d",
+        __android_log_print(ANDROID_LOG_ERROR, kDecoderTag, "%s cannot be opened: %d",
                             avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
     }
-    __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "decodes %s with %s",
+    __android_log_print(ANDROID_LOG_DEBUG, kDecoderTag, "decodes %s with %s",
                         av_get_media_type_string(mContext->codec->type), mContext->codec->name);
     return OK;
 }
@@ -148,6 +177,70 @@ PacketDecoder::Received PacketDecoder::receive(AVFrame* frame) {
         if (status != OK) return Received::kFailed;
     }
     return Received::kEnd;
+}
+
+PacketEncoder::PacketEncoder() : mPacket(av_packet_alloc()) {}
+
+PacketEncoder::~PacketEncoder() = default;
+
+status_t PacketEncoder::prepare(const AString& mime) {
+    if (mPacket == nullptr) return NO_MEMORY;
+    mInfo = findEncodedCodec(mime.c_str());
+    const AVCodec* codec = encoderOf(mime);
+    if (codec == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, kEncoderTag, "no encoder for %s", mime.c_str());
+        return ERROR_UNSUPPORTED;
+    }
+    mContext.reset(avcodec_alloc_context3(codec));
+    if (mContext == nullptr) return NO_MEMORY;
+    mContext->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    return OK;
+}
+
+status_t PacketEncoder::open(AVDictionary* options) {
+    const ThreadName name(std::string("enc-") + mContext->codec->name);
+    const int error = avcodec_open2(mContext.get(), mContext->codec, &options);
+    av_dict_free(&options);
+    if (error < 0) {
+        // The failure has taken the codec out of the context.
+        __android_log_print(ANDROID_LOG_ERROR, kEncoderTag, "%s cannot be opened: %d",
+                            avcodec_get_name(mContext->codec_id), error);
+        return ERROR_UNSUPPORTED;
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, kEncoderTag, "encodes %s with %s",
+                        av_get_media_type_string(mContext->codec->type), mContext->codec->name);
+    return OK;
+}
+
+sp<ABuffer> PacketEncoder::codecSpecificData() const {
+    if (mContext->extradata == nullptr || mContext->extradata_size <= 0) return nullptr;
+    return ABuffer::CreateAsCopy(mContext->extradata,
+                                 static_cast<size_t>(mContext->extradata_size));
+}
+
+status_t PacketEncoder::send(AVFrame* frame) {
+    const int error = avcodec_send_frame(mContext.get(), frame);
+    if (error == 0) return OK;
+    __android_log_print(ANDROID_LOG_ERROR, kEncoderTag, "%s refused a frame: %d",
+                        mContext->codec->name, error);
+    return UNKNOWN_ERROR;
+}
+
+PacketEncoder::Received PacketEncoder::receive() {
+    const int error = avcodec_receive_packet(mContext.get(), mPacket.get());
+    if (error == 0) return Received::kPacket;
+    if (error == AVERROR(EAGAIN)) return Received::kNeedsInput;
+    if (error == AVERROR_EOF) return Received::kEnd;
+    __android_log_print(ANDROID_LOG_ERROR, kEncoderTag, "%s failed: %d", mContext->codec->name,
+                        error);
+    return Received::kFailed;
+}
+
+sp<ABuffer> PacketEncoder::takePayload() {
+    PacketPtr own(av_packet_alloc());
+    if (own == nullptr) return nullptr;
+    av_packet_move_ref(own.get(), mPacket.get());
+    return new PacketBuffer(std::move(own));
 }
 
 }  // namespace qmmediaeditor
