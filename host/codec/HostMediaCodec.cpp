@@ -1,6 +1,7 @@
 #include "host/codec/HostMediaCodec.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
@@ -31,6 +32,8 @@ status_t HostMediaCodec::configure(const sp<AMessage>& format,
     if (mState != State::kCreated) return INVALID_OPERATION;
     if (format == nullptr) return BAD_VALUE;
     if (crypto != nullptr) return ERROR_UNSUPPORTED;
+    // The looper's thread could not be created, and the client need not have noticed.
+    if (!mLooper->isRunning()) return -EAGAIN;
     const status_t status = mBackend->configure(format, &mBuffers);
     if (status != OK) return status;
     mSource = TrackSource::find(format);

@@ -61,7 +61,7 @@ public:
 
     // For the extractor: frames or audio that are shown at `timeUs` or later follow in the file.
     void advanceTo(int64_t timeUs);
-    // For the extractor, with the last sample: when the track ends.
+    // For the extractor, with the last sample or before it: when the track ends.
     void setEnd(int64_t endUs);
     // For the decoder, at the end of stream.
     struct Extent {

@@ -131,9 +131,9 @@ status_t Demuxer::openInput(const std::shared_ptr<const DescriptorFile>& file) {
 
 bool Demuxer::isIsoFile() const { return av_match_name("mov", mContext->iformat->name) != 0; }
 
-bool Demuxer::headerIsEnough() const {
-    return isIsoFile() || av_match_name("matroska", mContext->iformat->name) != 0;
-}
+bool Demuxer::isMatroska() const { return av_match_name("matroska", mContext->iformat->name) != 0; }
+
+bool Demuxer::headerIsEnough() const { return isIsoFile() || isMatroska(); }
 
 bool Demuxer::hasOnlyFrameNumbers() const {
     return av_match_name("avi", mContext->iformat->name) != 0;

@@ -35,6 +35,7 @@ public:
 
     // The family of ISO base media files: MP4, MOV, 3GP.
     bool isIsoFile() const;
+    bool isMatroska() const;
     // The header alone names every stream and every packet has its times, so that
     // ProbeDepth::kHeader will do.
     bool headerIsEnough() const;

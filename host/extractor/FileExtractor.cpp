@@ -198,7 +198,8 @@ void FileExtractor::announceCurrent() {
         if (entry.second->head() == nullptr) continue;
         const TrackInfo& track = mInfo.tracks[entry.first];
         track.source->advanceTo(mTimeUs);
-        if (entry.second->isLast()) track.source->setEnd(track.ending->endUs - offsetUs);
+        if (!track.ending || (track.ending->lastDts && !entry.second->isLast())) continue;
+        track.source->setEnd(track.ending->endUs - offsetUs);
     }
 }
 

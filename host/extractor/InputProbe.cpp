@@ -19,6 +19,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/common.h>
+#include <libavutil/parseutils.h>
 }
 
 namespace android {
@@ -253,6 +254,65 @@ std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& l
     return ending;
 }
 
+// The header of an EBML element (RFC 8794): its identifier, and where its content begins and ends.
+struct EbmlElement {
+    uint32_t id;
+    int64_t contentOffset;
+    std::optional<int64_t> endOffset;  // nothing when the size is not known
+};
+
+// Of elements whose identifiers have four bytes, such as those of the top level.
+std::optional<EbmlElement> readEbmlElement(const DescriptorFile& file, int64_t offset) {
+    constexpr int64_t kIdBytes = 4;
+    uint8_t data[kIdBytes + 8] = {};
+    if (!file.readFully(offset, data, sizeof(data)) || data[kIdBytes] == 0) return std::nullopt;
+    int sizeBytes = 1;
+    while ((data[kIdBytes] & (0x80 >> (sizeBytes - 1))) == 0) ++sizeBytes;
+    int64_t size = data[kIdBytes] & (0xff >> sizeBytes);
+    for (int i = 1; i < sizeBytes; ++i) size = size << 8 | data[kIdBytes + i];
+    EbmlElement element;
+    element.id = get32(data);
+    element.contentOffset = offset + kIdBytes + sizeBytes;
+    // All ones: a live recording does not know its size.
+    if (size != (INT64_C(1) << (7 * sizeBytes)) - 1) {
+        element.endOffset = av_sat_add64(element.contentOffset, size);
+    }
+    return element;
+}
+
+bool isWholeMatroskaFile(const DescriptorFile& file) {
+    constexpr uint32_t kSegment = 0x18538067;
+    const std::optional<EbmlElement> header = readEbmlElement(file, 0);
+    if (!header || !header->endOffset) return false;
+    const std::optional<EbmlElement> segment = readEbmlElement(file, *header->endOffset);
+    return segment && segment->id == kSegment && segment->endOffset &&
+           *segment->endOffset <= file.sizeBytes();
+}
+
+// The end that muxers state in the tags of a Matroska track. Where frames come at a constant rate,
+// the track's default duration is more exact. Nothing for a file that was cut off: its last frame
+// is not the track's.
+std::optional<TrackInfo::Ending> findMatroskaEnding(const DescriptorFile& file,
+                                                    const Demuxer& demuxer, const AVStream& stream,
+                                                    const TrackInfo& track) {
+    if (!demuxer.isMatroska() || !track.isVideo || track.constantRate) return std::nullopt;
+    const auto tag = [&stream](const char* name) {
+        return av_dict_get(stream.metadata, name, nullptr, AV_DICT_IGNORE_SUFFIX);
+    };
+    const AVDictionaryEntry* duration = tag("DURATION");
+    TrackInfo::Ending ending = {};
+    if (duration == nullptr || av_parse_time(&ending.endUs, duration->value, 1) < 0 ||
+        ending.endUs <= 0 || !isWholeMatroskaFile(file)) {
+        return std::nullopt;
+    }
+    // In the statistics that mkvmerge writes the duration counts from the first frame, elsewhere
+    // from 0.
+    if (tag("_STATISTICS_TAGS") != nullptr) {
+        ending.endUs = av_sat_add64(ending.endUs, track.startUs);
+    }
+    return ending;
+}
+
 void findDelays(const std::vector<TrackInfo>& tracks) {
     int64_t originUs = INT64_MAX;
     for (const TrackInfo& track : tracks) {
@@ -342,9 +402,11 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
         if (const auto reason = checkDisplaySize(found.tracks.back())) {
             return refuse(*file, *reason);
         }
-        found.tracks.back().discontinuities = discontinuities;
-        found.tracks.back().ending = findEnding(lengths, *demuxer, stream);
-        if (found.tracks.back().isVideo && isDecodable(stream)) estimateRate = false;
+        TrackInfo& track = found.tracks.back();
+        track.discontinuities = discontinuities;
+        track.ending = findEnding(lengths, *demuxer, stream);
+        if (!track.ending) track.ending = findMatroskaEnding(*file, *demuxer, stream, track);
+        if (track.isVideo && isDecodable(stream)) estimateRate = false;
     }
     // The studies above take what they get.
     if (file->status() != OK) return ERROR_IO;

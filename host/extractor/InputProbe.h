@@ -30,12 +30,12 @@ struct TrackInfo {
     // How far before a seek's target its decoder has to begin.
     int64_t prerollUs = 0;
     size_t maxSampleBytes = 0;
-    // Of video, where the container states it: the decoding time of the last sample, in the
-    // stream's time base, and when the track ends, on the file's own time line. The duration that
-    // libavformat gives the last sample is off by what an edit list moves, and means little where
-    // frames are reordered.
+    // Of video, where the container states it: when the track ends, on the file's own time line,
+    // and the decoding time of its last sample, in the stream's time base, where an index has it.
+    // The duration that libavformat gives the last sample is off by what an edit list moves, means
+    // little where frames are reordered, and is the default of the track in Matroska.
     struct Ending {
-        int64_t lastDts;
+        std::optional<int64_t> lastDts;
         int64_t endUs;
     };
     std::optional<Ending> ending;

@@ -13,11 +13,6 @@ constexpr uint32_t fourCc(char a, char b, char c, char d) {
            static_cast<uint32_t>(c) << 8 | static_cast<uint32_t>(d);
 }
 
-uint32_t get32(const uint8_t* data) {
-    return static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
-           static_cast<uint32_t>(data[2]) << 8 | data[3];
-}
-
 constexpr uint32_t kMovieHeader = fourCc('m', 'v', 'h', 'd');
 constexpr uint32_t kCompressedMovie = fourCc('c', 'm', 'o', 'v');
 constexpr uint32_t kTrackHeader = fourCc('t', 'k', 'h', 'd');

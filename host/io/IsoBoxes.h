@@ -14,6 +14,12 @@
 namespace android {
 namespace qmmediaeditor {
 
+// A big-endian number.
+inline uint32_t get32(const uint8_t* data) {
+    return static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
+           static_cast<uint32_t>(data[2]) << 8 | data[3];
+}
+
 // Length of a track, by its decoding time table ('stts') and by its header.
 struct IsoTrackLength {
     uint32_t trackId = 0;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <memory>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -51,6 +52,7 @@ private:
     void runTrack(size_t index, const sp<MediaSource>& source);
     status_t write(size_t index, MediaBufferBase* buffer);
     void reportError(status_t error);
+    void endTrackThread();
 
     Mutex mLock;
     State mState GUARDED_BY(mLock) = State::kIdle;
@@ -136,7 +138,12 @@ void FileWriter::startTracks() {
         mRunningTracks = mSources.size();
     }
     for (size_t i = 0; i < mSources.size(); ++i) {
-        mThreads.emplace_back(&FileWriter::runTrack, this, i, mSources[i]);
+        try {
+            mThreads.emplace_back(&FileWriter::runTrack, this, i, mSources[i]);
+        } catch (const std::system_error& error) {
+            reportError(-error.code().value());
+            endTrackThread();
+        }
     }
 }
 
@@ -157,6 +164,10 @@ void FileWriter::runTrack(size_t index, const sp<MediaSource>& source) {
         // Nobody reads from the source any more: whoever fills it has to hear of it.
         if (result != OK) reportError(result);
     }
+    endTrackThread();
+}
+
+void FileWriter::endTrackThread() {
     Mutex::Autolock lock(mEndLock);
     --mRunningTracks;
     mTrackEnded.broadcast();

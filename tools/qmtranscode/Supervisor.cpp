@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 
 namespace android::qmmediaeditor::cli {
 
@@ -374,7 +375,14 @@ int Supervisor::kept() {
         }
     }
     const std::string output = mJob.output == nullptr ? "" : mJob.output->path();
-    if (isKept && !printReceipt()) {
+    bool isPrinted = true;
+    try {
+        if (isKept) isPrinted = printReceipt();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        isPrinted = false;
+    }
+    if (!isPrinted) {
         const std::string lost =
             "; the receipt could not be written: " + std::string(strerror(errno));
         if (mJob.output == nullptr) {

@@ -1,5 +1,6 @@
 #include <host/Host.h>
 #include <malloc.h>
+#include <qmtranscode/AllocationFailure.h>
 #include <qmtranscode/Console.h>
 #include <qmtranscode/Job.h>
 #include <qmtranscode/LogOutput.h>
@@ -17,6 +18,7 @@
 
 #include <memory>
 #include <new>
+#include <system_error>
 
 namespace android::qmmediaeditor::cli {
 
@@ -58,6 +60,22 @@ void ignoreSignals() {
     _exit(kExitFailed);
 }
 
+[[noreturn]] void endWithoutMemory() { endWith("not enough memory"); }
+
+// When an exception is being handled: the standard library reports a lack of memory or threads so.
+[[noreturn]] void endOnException() {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        endWithoutMemory();
+    } catch (const std::system_error& error) {
+        if (error.code() == std::errc::resource_unavailable_try_again) {
+            endWith("a thread could not be created");
+        }
+        throw;
+    }
+}
+
 void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text.c_str()); }
 
 Outcome runJob(const Options& options, int threads, JobFiles* files, const Link& link) {
@@ -89,12 +107,13 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     // The log's times need it, and it reads a file.
     tzset();
     const int threads = options.threads.value_or(defaultThreads());
-    if (!enterSandbox()) endWith("not enough memory");
+    endOnFailedAllocation(endWithoutMemory);
+    if (!enterSandbox()) endWithoutMemory();
     Outcome outcome;
     try {
         outcome = runJob(options, threads, files, link);
-    } catch (const std::bad_alloc&) {
-        endWith("not enough memory");
+    } catch (...) {
+        endOnException();
     }
     WorkerResult result;
     result.status = outcome.failure ? outcome.failure->status : kExitWhole;
