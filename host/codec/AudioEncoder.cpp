@@ -81,6 +81,9 @@ status_t AudioEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     buffers->inputBytes =
         std::clamp(static_cast<size_t>(std::max(inputBytes, 0)), kMinInputBytes, kMaxInputBytes);
     buffers->outputCount = kOutputCount;
+    if (mObserver != nullptr) {
+        mObserver->onEncoderOpened(false, mEncoder.context()->codec->name, format);
+    }
     return OK;
 }
 

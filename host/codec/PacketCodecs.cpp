@@ -82,11 +82,11 @@ PacketDecoder::PacketDecoder(HostObserver* observer)
     : mObserver(observer), mPacket(av_packet_alloc()) {}
 
 PacketDecoder::~PacketDecoder() {
-    if (mDamaged > 0) {
+    if (mSkipped > 0) {
         __android_log_print(ANDROID_LOG_WARN, kDecoderTag,
                             "%s: %" PRId64 " damaged samples were skipped, %" PRId64
                             " frames were decoded",
-                            mContext->codec->name, mDamaged, mDecoded);
+                            mContext->codec->name, mSkipped, mDecoded);
     }
 }
 
@@ -126,8 +126,11 @@ status_t PacketDecoder::open() {
     }
     __android_log_print(ANDROID_LOG_DEBUG, kDecoderTag, "decodes %s with %s",
                         av_get_media_type_string(mContext->codec->type), mContext->codec->name);
+    if (mObserver != nullptr) mObserver->onDecoderOpened(isVideo(), mContext->codec->name);
     return OK;
 }
+
+bool PacketDecoder::isVideo() const { return mContext->codec_type == AVMEDIA_TYPE_VIDEO; }
 
 status_t PacketDecoder::countSkipped(int error) {
     if (error == AVERROR(ENOMEM)) {
@@ -136,7 +139,8 @@ status_t PacketDecoder::countSkipped(int error) {
         if (mObserver != nullptr) mObserver->onRefused(*reason);
         return ERROR_UNSUPPORTED;
     }
-    mDamaged++;
+    mSkipped++;
+    if (mObserver != nullptr) mObserver->onPacketSkipped(isVideo());
     return OK;
 }
 

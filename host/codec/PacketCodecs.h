@@ -41,12 +41,13 @@ public:
     Received receive(AVFrame* frame);
 
 private:
+    bool isVideo() const;
     status_t countSkipped(int error);
 
     HostObserver* const mObserver;
     CodecContextPtr mContext;
     const PacketPtr mPacket;
-    int64_t mDamaged = 0;
+    int64_t mSkipped = 0;
     int64_t mDecoded = 0;
 };
 

@@ -165,6 +165,9 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     buffers->inputBytes = mFrameBytes;
     buffers->inputsAreFrames = true;
     buffers->outputCount = kOutputCount;
+    if (mSession != nullptr && mSession->observer() != nullptr) {
+        mSession->observer()->onEncoderOpened(true, mEncoder.context()->codec->name, format);
+    }
     return OK;
 }
 
