@@ -1,5 +1,5 @@
 #include <errno.h>
-#include <host/media/Limits.h>
+#include <host/codec/InputLimits.h>
 #include <log/logprint.h>
 #include <qmtranscode/CodecLimits.h>
 #include <qmtranscode/Console.h>

@@ -1,6 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <host/foundation/Deadline.h>
+#include <host/foundation/TimedWait.h>
 #include <qmtranscode/Session.h>
 #include <qmtranscode/Trial.h>
 #include <string.h>
