@@ -5,6 +5,8 @@
 #include <thread>
 #include <tuple>
 
+#include <TranscodeComponent.h>
+
 #include "SessionTest.h"
 
 namespace android::qmmediaeditor {

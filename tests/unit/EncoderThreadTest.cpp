@@ -258,8 +258,8 @@ TEST_F(VideoEncoderThreadTest, decodingTimesGoUpByOneFrameOfTheOutput) {
 TEST_F(VideoEncoderThreadTest, aTimeOutOfAStoppedSourceEndsTheOutputLoop) {
     restart();
     mSource->setCodecStopped();
-    EXPECT_EQ(TVideoSource::MediaEncoderThread::Next::kEnd,
-              thread().handleDrainResult(mEncoder, -EAGAIN));
+    mEncoder->outputResult(-EAGAIN);
+    EXPECT_EQ(Next::kEnd, thread().drainEncoder(mEncoder));
     EXPECT_TRUE(threadLogged(ANDROID_LOG_DEBUG, "output buffer wa forced stop by others"));
     EXPECT_TRUE(thread().mExitRequested);
 }
@@ -269,7 +269,7 @@ TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastPictureAgain) {
     pushDecoded(1);
     mEncoder->holdInput(false);
     EXPECT_TRUE(waitForThread("waiting @ Decoded data read()"));
-    BatchHandOff::wakeDecodedSide(*mSource);
+    mSource->mCore.decoded.wakeBoth();
     EXPECT_TRUE(mEncoder->waitForQueued(2));
     EXPECT_EQ(40000, mEncoder->queued()[1].timeUs);
     EXPECT_EQ(VideoKind::kSampleBytes, mEncoder->queued()[1].bytes.size());

@@ -144,10 +144,7 @@ TEST_F(SessionCheckTest, indexesOfDecoderBuffers) {
     EXPECT_TRUE(endsWith(fatal([&] { session().runDecoder(nullptr, 1, 0); }),
                          ": index=16 out of range (16)"));
     mVideoDecoder->inputIndex(4);
-    bool queued;
-    EXPECT_TRUE(endsWith(fatal([&] {
-                             session().queueSample({1, 0, false}, &queued);
-                         }),
+    EXPECT_TRUE(endsWith(fatal([&] { session().queueSample({1, 0, false}); }),
                          ": index=4 out of range (4)"));
     mVideoDecoder->setInputBuffers(0, 0);
     EXPECT_TRUE(endsWith(fatal([&] { session().startDecoders(); }), ": index=0 out of range (0)"));
@@ -167,17 +164,11 @@ protected:
 
     // One turn of each port, on this thread; the encoder's own threads have ended.
     void takeOutput() {
-        auto& thread = *this->mSource->mMediaEncoderThread;
-        if constexpr (kIsAudio) {
-            TEncodedSample output;
-            thread.takeOutput(mDetached, &output);
-        } else {
-            thread.handleDrainResult(mDetached, thread.drainEncoder(mDetached));
-        }
+        this->mSource->mMediaEncoderThread->drainEncoder(mDetached);
     }
     void feed() {
         TDecodedSample input;
-        this->mSource->mMediaEncoderThread->feedEncoder(mDetached, &input);
+        this->mSource->mMediaEncoderThread->mPump.feedEncoder(mDetached, &input);
     }
 
     sp<ScriptedCodec> mDetached = new ScriptedCodec("detached", &this->mJournal);
@@ -229,7 +220,7 @@ TEST(FatalCheckTrapTest, aFailedCheckEndsAnotherThreadAndIsKept) {
     FatalCheckTrap trap;
     bool survived = false;
     std::thread other([&] {
-        Transcode::kChecks.areEqual(1, "a,b", 2, 3);
+        checkEqual({"tag", checks::kSession, 1, "a,b"}, 2, 3);
         survived = true;
     });
     other.join();

@@ -124,14 +124,13 @@ TEST_F(InputReaderTest, aStopEndsTheReaderWhereverItIs) {
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop : so sawInputEOS is changed as ture."));
     EXPECT_TRUE(mVideoDecoder->queued().empty());
 
-    bool queued = true;
     mVideoDecoder->inputResult(-EAGAIN);
     session().mSampleBuffer = new ABuffer(8);
-    EXPECT_EQ(Transcode::Next::kEnd, session().queueSample({1, 0, false}, &queued));
+    EXPECT_EQ(Transcode::ReaderState::kEnded, session().queueSample({1, 0, false}));
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop : in EAGAIN case"));
 
     mAudioDecoder->inputResult(-EAGAIN);
-    EXPECT_EQ(Transcode::Next::kEnd, session().signalInputEOS());
+    EXPECT_EQ(Transcode::ReaderState::kEnded, session().signalInputEOS());
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop input in EAGAIN case"));
     EXPECT_TRUE(session().mpTrack[0].mCodecStatus->mSawInputEOS);
     EXPECT_FALSE(session().mpTrack[1].mCodecStatus->mSawInputEOS);

@@ -1,4 +1,5 @@
 // A whole run: what it brings, where it can be stopped, and what it returns.
+#include <TranscodeComponent.h>
 #include <pthread.h>
 #include <unistd.h>
 

@@ -11,7 +11,7 @@ namespace android::qmmediaeditor {
 namespace {
 
 template <typename T>
-T plain(const Shared<T>&);
+T plain(const RelaxedAtomic<T>&);
 template <typename T>
 T plain(const T&);
 

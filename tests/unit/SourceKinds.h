@@ -33,7 +33,7 @@ struct AudioKind {
 
     static AudioAttribute attribute();
     static EncoderCodec& encoderOf(Source& s) { return s.mMediaEncoderThread->mAudioEncoder; }
-    static void makePool(Source& s) { s.makePool(); }
+    static void makePool(Source& s) { s.mCore.makePool(1024); }
 };
 
 struct VideoKind {
@@ -53,7 +53,7 @@ struct VideoKind {
 
     static VideoAttribute attribute();
     static EncoderCodec& encoderOf(Source& s) { return s.mMediaEncoderThread->mVideoEncoder; }
-    static void makePool(Source& s) { s.makePool(1024); }
+    static void makePool(Source& s) { s.mCore.makePool(1024); }
 };
 
 // Of a stopped source. The output loop lets go of its own object as the last thing it does, after

@@ -20,9 +20,6 @@ constexpr int32_t kMaxBitrateAbove720p = 17000000;
 constexpr int32_t kMaxBitrateUpTo720p = 12000000;
 constexpr int64_t kPixelsOf720p = 921600;
 
-constexpr int32_t kColorFormatYUV420Planar = 19;
-constexpr int32_t kColorFormatSurface = 0x7F000789;
-
 // Bytes of an AVC csd-0 that hold start code, NAL header, profile, constraints and level.
 constexpr size_t kAvcCsdHeaderBytes = 8;
 
@@ -296,19 +293,14 @@ int Transcode::findAVCVideoProfile(unsigned char* csd, int* profile, int* level)
     return OK;
 }
 
-int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> videoFormat,
-                                AudioAttribute* audio, VideoAttribute* video) {
+// The policy is off, whatever the input is; the input reader keeps what it would need.
+int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> /* videoFormat */,
+                                AudioAttribute* /* audio */, VideoAttribute* video) {
     if (mProperty->mPeriodCount < 2) {
         AString container;
         fileFormat->findString("mime", &container);
         QM_LOGD(kTag, "container: %s", container.c_str());
-        AString mime;
-        if (container.equalsIgnoreCase(MEDIA_MIMETYPE_CONTAINER_MPEG4) && !audio->mHasEffect &&
-            !video->mUseSurface && videoFormat != nullptr) {
-            videoFormat->findString("mime", &mime);
-        }
     }
-    // The policy is off, whatever the file is; the input reader keeps what it would need.
     mPTrimEnabled = false;
     video->mPTrim = 0;
     return OK;
