@@ -132,7 +132,7 @@ TEST_F(AudioSourceTest, otherPcmIsConverted) {
         {{1, 48000, 16}, {2, 24000, 16}, "converter allocateBuff 288 0.500", 144, 4096, 576},
         {{2, 48000, 16}, {1, 48000, 24}, "converter allocateBuff 144 1.000", 144, 4096, 288},
         {{0, 48000, 16}, {2, 48000, 16}, "converter allocateBuff 0 1.000", 0, 4096, 0},
-        {{2, 48000, 16}, {2, 96000, 16}, "converter allocateBuff 144 2.000", 288, 1000, 1000},
+        {{2, 48000, 16}, {2, 96000, 16}, "converter allocateBuff 144 2.000", 288, 1152, 1152},
     };
     for (const auto& row : table) {
         AudioAttribute a = AudioKind::attribute();
@@ -176,6 +176,34 @@ TEST_F(AudioSourceTest, conversionFailuresAreReported) {
     EXPECT_EQ(-1100, mSource->enable(a, new AMessage));
     EXPECT_TRUE(
         threadLogged(ANDROID_LOG_ERROR, "ERROR: QmMediaAudioConverter == null or init failed"));
+}
+
+TEST_F(AudioSourceTest, pcmThatCannotBeConvertedEndsTheRun) {
+    AudioAttribute a = AudioKind::attribute();
+    a.mSampleRate = 44100;
+    for (const bool outOfMemory : {true, false}) {
+        enableWith(a);
+        mPlatform.converter().outOfMemory = outOfMemory;
+        mPlatform.converter().framesOut = 1025;  // beyond the encoder's 4096 bytes
+        pushDecoded(1);
+        pushEnd(false);
+        mEncoder->holdInput(false);
+        EXPECT_TRUE(waitFor("setCodecStopped"));
+        EXPECT_EQ(-1130, mSource->failure());
+        EXPECT_TRUE(mEncoder->queued().empty());
+        EXPECT_EQ(1u, mJournal.linesOf("converter allocateBuff").size()) << "it is not tried again";
+        EXPECT_EQ(0u, mPlatform.converter().allocations);
+    }
+}
+
+TEST_F(AudioSourceTest, timeStopsAtTheEndOfTheRange) {
+    AudioAttribute a = AudioKind::attribute();
+    a.mInputChannelCount = a.mInputSampleRate = a.mInputBitsPerSample = INT32_MAX;
+    renew(a);
+    EXPECT_EQ((Times{0, 0}), timesOf(192, 2));
+    renew(AudioKind::attribute());
+    mSource->mNextTimeUs = INT64_MAX - 1;
+    EXPECT_EQ((Times{INT64_MAX - 1, INT64_MAX, INT64_MAX}), timesOf(192, 3));
 }
 
 TEST_F(AudioSourceTest, writerBuffersCarryTimesAndFlags) {

@@ -1,11 +1,10 @@
 // What the host calls, the writer's events, and the ways to stop.
+#include <TranscodeComponent.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <thread>
 #include <tuple>
-
-#include <TranscodeComponent.h>
 
 #include "SessionTest.h"
 

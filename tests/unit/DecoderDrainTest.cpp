@@ -51,6 +51,17 @@ TEST_F(DecoderDrainTest, aFrameIsCountedHandedOnAndOnlyThenReleased) {
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Decoded frame size : 384, [Video]"));
 }
 
+TEST_F(DecoderDrainTest, aPayloadBeginsAtItsOffset) {
+    prepareDrain();
+    takeFormats();
+    mVideoDecoder->setPayloadOffset(32);
+    mVideoDecoder->frame(ScriptedCodec::Bytes(kPictureBytes, 7), 40000);
+    EXPECT_EQ(0, drain(kVideo));
+    const TDecodedSample& kept = *session().mVideoSource->mDecodedSamples.begin();
+    EXPECT_EQ(7, kept.mBuffer->data()[0]);
+    EXPECT_EQ(7, kept.mBuffer->data()[kPictureBytes - 1]);
+}
+
 TEST_F(DecoderDrainTest, withoutAListAFrameIsOnlyReleased) {
     prepareDrain();
     takeFormats();

@@ -144,7 +144,9 @@ TEST_F(SessionCheckTest, indexesOfDecoderBuffers) {
     EXPECT_TRUE(endsWith(fatal([&] { session().runDecoder(nullptr, 1, 0); }),
                          ": index=16 out of range (16)"));
     mVideoDecoder->inputIndex(4);
-    EXPECT_TRUE(endsWith(fatal([&] { session().queueSample({1, 0, false}); }),
+    EXPECT_TRUE(endsWith(fatal([&] {
+                             session().queueSample({1, 0, false});
+                         }),
                          ": index=4 out of range (4)"));
     mVideoDecoder->setInputBuffers(0, 0);
     EXPECT_TRUE(endsWith(fatal([&] { session().startDecoders(); }), ": index=0 out of range (0)"));
@@ -163,9 +165,7 @@ protected:
     const std::string mMember = kIsAudio ? "mAudioEncoder" : "mVideoEncoder";
 
     // One turn of each port, on this thread; the encoder's own threads have ended.
-    void takeOutput() {
-        this->mSource->mMediaEncoderThread->drainEncoder(mDetached);
-    }
+    void takeOutput() { this->mSource->mMediaEncoderThread->drainEncoder(mDetached); }
     void feed() {
         TDecodedSample input;
         this->mSource->mMediaEncoderThread->mPump.feedEncoder(mDetached, &input);

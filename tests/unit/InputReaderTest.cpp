@@ -145,46 +145,29 @@ TEST_F(InputReaderTest, aDecoderThatRefusesASampleEndsTheReaderAndTheRun) {
     EXPECT_TRUE(session().mForceStop) << "or the run would wait for an end that never comes";
 }
 
-TEST_F(InputReaderTest, aSampleThatADecoderCannotHoldReachesItEmpty) {
+TEST_F(InputReaderTest, aSampleThatADecoderCannotHoldEndsTheReaderAndTheRun) {
     mPlatform.extractor().addTrack(audioFormat());
     mPlatform.extractor().addTrack(videoFormat());
     mAudioDecoder = mPlatform.decoder(kAac);
     mAudioDecoder->setInputBuffers(2, 64);
-    mPlatform.extractor().addSample({0, 5, std::vector<uint8_t>(65)});
-    mPlatform.extractor().addSample({0, 6, std::vector<uint8_t>(64)});
+    mPlatform.extractor().addSample({0, 5, std::vector<uint8_t>(64)});
+    mPlatform.extractor().addSample({0, 6, std::vector<uint8_t>(65)});
     prepareLoop();
     session().inputThreadEntry();
-    ASSERT_EQ(3u, mAudioDecoder->queued().size());
-    EXPECT_EQ(0u, mAudioDecoder->queued()[0].bytes.size());
-    EXPECT_EQ(64u, mAudioDecoder->queued()[1].bytes.size());
+    ASSERT_EQ(1u, mAudioDecoder->queued().size());
+    EXPECT_TRUE(session().mForceStop);
+    EXPECT_EQ(-1130, session().mFailure);
 }
 
 TEST_F(InputReaderTest, samplesReadAheadComeFirst) {
     prepareReader();
     EXPECT_EQ(4, session().makeSampleList(session().mExtractor, &session().mSampleList, 4096));
-    const Transcode::SampleData& first = *session().mSampleList.begin();
-    EXPECT_EQ(1u, first.mTrackIndex);
-    EXPECT_FALSE(first.mIsAudio);
-    EXPECT_EQ(1, first.mIsSyncFrame);
-    EXPECT_EQ(kPictureBytes, first.mBuffer->size());
     session().mNeedtoSeek = false;
     session().inputThreadEntry();
     EXPECT_EQ((Times{0, kAudioStepUs}), timesOf(mAudioDecoder));
     EXPECT_EQ((Times{0, kVideoStepUs}), timesOf(mVideoDecoder));
     EXPECT_EQ(1, mAudioDecoder->queued()[1].bytes[0]);
     EXPECT_TRUE(session().mSampleList.empty());
-}
-
-TEST_F(InputReaderTest, readingAheadEndsAtSixAudioOrElevenVideoSamples) {
-    prepareEchoes();
-    for (int64_t i = 0; i < 20; ++i)
-        mPlatform.extractor().addSample({i % 2 == 0 ? 0u : 1u, i, {1}});
-    for (int64_t i = 20; i < 40; ++i) mPlatform.extractor().addSample({1, i, {1}});
-    prepareLoop();
-    List<Transcode::SampleData> list;
-    EXPECT_EQ(11, session().makeSampleList(session().mExtractor, &list, 64));
-    session().mExtractor->seekTo(20, MediaTrack::ReadOptions::SEEK_PREVIOUS_SYNC);
-    EXPECT_EQ(22, session().makeSampleList(session().mExtractor, &list, 64));
 }
 
 TEST_F(InputReaderTest, progressGrowsFromTheOffsetAndIsNeverRepeated) {
@@ -196,11 +179,30 @@ TEST_F(InputReaderTest, progressGrowsFromTheOffsetAndIsNeverRepeated) {
 
 TEST_F(InputReaderTest, progressOfATrimmedRunCountsFromTheFirstStartToTheLastEnd) {
     setPeriods({{1000000, 2000000}, {3000000, 4999000}});
-    session().mFileAttribute.mDurationUs = 77;
-    for (const int64_t t : {1000000, 1040010, 3000000, 4999000, 4999001})
-        session().printProgress(t);
-    // (t + 1000 - 1000000) * 100 / (4999000 + 2000 - 1000000)
-    EXPECT_EQ((std::vector<int32_t>{1, 50, 99}), mProgress);
+    for (const uint32_t offset : {0u, 50u}) {
+        mRequest.mProgressOffset = offset;
+        mSession.reset();
+        mProgress.clear();
+        session().mFileAttribute.mDurationUs = 77;
+        for (const int64_t t : {1000000, 1040010, 3000000, 4999000, 4999001}) {
+            session().printProgress(t);
+        }
+        // offset + (t + 1000 - 1000000) * (100 - offset) / (4999000 + 2000 - 1000000)
+        const std::vector<int32_t> whole = {1, 50, 99};
+        const std::vector<int32_t> half = {50, 75, 99};
+        EXPECT_EQ(offset == 0 ? whole : half, mProgress);
+    }
+}
+
+TEST_F(InputReaderTest, progressIsEvaluatedForANegativeDenominatorToo) {
+    // The last period ends before the first one starts.
+    setPeriods({{10000000, 11000000}, {0, 3000000}});
+    for (const int64_t t : {10000000, 9999000, 1000000, 0}) session().printProgress(t);
+    // (t + 1000 - 10000000) * 100 / (3000000 + 2000 - 10000000)
+    EXPECT_EQ((std::vector<int32_t>{128, 142}), mProgress);
+    setPeriods({{3002000, 3002000}, {0, 3000000}});
+    session().printProgress(5);
+    EXPECT_EQ(2u, mProgress.size()) << "a denominator of 0 is passed over";
 }
 
 TEST_F(InputReaderTest, progressSurvivesDurationsAndTimesAtTheEndsOfTheRange) {
@@ -212,6 +214,9 @@ TEST_F(InputReaderTest, progressSurvivesDurationsAndTimesAtTheEndsOfTheRange) {
     EXPECT_EQ((std::vector<int32_t>{1}), mProgress) << "stays at the end of the range";
     setPeriods({{INT64_MIN, INT64_MAX}});
     session().printProgress(INT64_MAX);
+    session().printProgress(INT64_MIN);
+    session().mProperty->mTrimEnabled = false;
+    session().mFileAttribute.mDurationUs = -1;
     session().printProgress(INT64_MIN);
     EXPECT_EQ(1u, mProgress.size());
 }

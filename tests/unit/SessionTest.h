@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "SystemCalls.h"
+
 namespace android::qmmediaeditor {
 
 constexpr const char* kAac = "audio/mp4a-latm";
@@ -58,6 +60,7 @@ protected:
         return mLog.contains(priority, "Transcode", text);
     }
 
+    SystemCalls mCalls;
     ScriptedPlatform mPlatform;
     Journal& mJournal = mPlatform.journal();
     LogCapture mLog{&mJournal};

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Background.h"
+#include "SystemCalls.h"
 
 namespace android::qmmediaeditor {
 
@@ -139,6 +140,7 @@ protected:
         return mLog.contains(priority, Kind::kThreadTag, text);
     }
 
+    SystemCalls mCalls;
     ScriptedPlatform mPlatform;
     Journal& mJournal = mPlatform.journal();
     LogCapture mLog{&mJournal};

@@ -220,6 +220,31 @@ TEST_F(VideoSourceTest, aPictureThatDoesNotFitItsBuffersIsNotTouched) {
     }
 }
 
+TEST_F(VideoSourceTest, timesAndSizesAtTheEndsOfTheRangeStayThere) {
+    mSource->start();
+    pushPicture(INT64_MAX);
+    EXPECT_EQ(INT64_MAX, mSource->mNextFrameTimeUs);
+    for (const int64_t durationUs : {int64_t{-1}, INT64_MAX}) {
+        TEncodedSample sample;
+        sample.mBuffer = bufferOf(1, 0);
+        sample.mTimeUs = INT64_MAX;
+        sample.mSpare2 = durationUs;
+        mSource->mLastTimeUs = INT64_MAX - 1;
+        EXPECT_EQ(OK, mSource->pushEncodedBuffer(&sample));
+        EXPECT_EQ(INT64_MAX, mSource->mLastTimeUs);
+    }
+    VideoAttribute a = VideoKind::attribute();
+    a.mOutputWidth = INT32_MIN;
+    a.mStride = a.mSliceHeight = INT32_MAX;
+    renew(a);
+    mSource->setDecoderOutputFormat(new AMessage);
+    TDecodedSample in, out;
+    in.mBuffer = out.mBuffer = bufferOf(8, 0);
+    mSource->mAttribute.mOutputWidth = 16;
+    mSource->cropFrame(in, out, true);
+    EXPECT_EQ(0u, out.mSize);
+}
+
 TEST_F(VideoSourceTest, theMarkerIsQueuedEachTimeItIsPushed) {
     restart();
     EXPECT_EQ(-1011, pushEnd(false));

@@ -224,8 +224,8 @@ void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format
     format.findInt32("height", &attribute->mHeight);
     int32_t left, top, right, bottom;
     if (format.findRect("crop", &left, &top, &right, &bottom)) {
-        attribute->mWidth = right + 1 - left;
-        attribute->mHeight = bottom + 1 - top;
+        attribute->mWidth = clampToInt32(int64_t{right} + 1 - left);
+        attribute->mHeight = clampToInt32(int64_t{bottom} + 1 - top);
     }
     attribute->mFrameRate = int32Or(format, "frame-rate", 0);
     attribute->mStride = int32Or(format, "stride", attribute->mWidth);

@@ -120,9 +120,11 @@ Next EncoderPump::fillInput(const sp<MediaCodec>& encoder, size_t index, TDecode
     }
     if (m.mExitRequested) return Next::kEnd;
     if (result == ERROR_END_OF_STREAM) return queueEOS(encoder, index);
-    // A sample that cannot be converted would be missing in a file that looks whole. After an empty
-    // wake-up the record still holds the size and time of the sample before, and is queued.
-    if (result != OK && result != kNoDecodedData) return fail();
+    // A sample that cannot be converted, or does not fit, would be missing in a file that looks
+    // whole. After an empty wake-up the record still holds the size and time of the sample before,
+    // and is queued.
+    const bool fits = record->mSize <= record->mBuffer->capacity();
+    if ((result != OK && result != kNoDecodedData) || !fits) return fail();
 
     const status_t err =
         encoder->queueInputBuffer(index, 0, record->mSize, record->mPresentationTimeUs,

@@ -171,10 +171,15 @@ Transcode::ReaderState Transcode::queueSample(const PendingSample& sample) {
     }
 
     const sp<MediaCodecBuffer>& buffer = bufferAt(kTag, state.mInBuffers, index);
-    // A sample that the decoder cannot hold is lost; the buffer goes back empty.
-    const size_t size = mSampleBuffer->size() <= buffer->capacity() ? mSampleBuffer->size() : 0;
-    buffer->setRange(0, size);
-    memcpy(buffer->data(), mSampleBuffer->data(), size);
+    if (mSampleBuffer->size() > buffer->capacity()) {
+        // Without the sample a part of the input would look like a whole file.
+        QM_LOGE(kTag, "sample of %zu bytes does not fit the decoder's %zu", mSampleBuffer->size(),
+                buffer->capacity());
+        fail(kEncoderError);
+        return ReaderState::kEnded;
+    }
+    buffer->setRange(0, mSampleBuffer->size());
+    memcpy(buffer->data(), mSampleBuffer->data(), mSampleBuffer->size());
     err = state.mCodec->queueInputBuffer(index, 0, buffer->size(), sample.timeUs, 0, nullptr);
 
     if (!state.mIsAudio && mPTrimEnabled) {
@@ -209,9 +214,9 @@ void Transcode::printProgress(int64_t timeUs) {
         done = saturatingSub(saturatingAdd(timeUs, 1000), firstStartUs);
         whole = saturatingSub(saturatingAdd(lastEndUs, 2000), firstStartUs);
     }
-    if (whole <= 0) return;
-    const auto progress = static_cast<int32_t>(
-        saturatingAdd(mProgressOffset, saturatingMul(done, 100 - mProgressOffset) / whole));
+    if (whole == 0) return;
+    const auto progress = static_cast<int32_t>(saturatingAdd(
+        mProgressOffset, saturatingDiv(saturatingMul(done, 100 - mProgressOffset), whole)));
     if (progress <= mLastProgress) return;
     mLastProgress = progress;
     reportProgress(progress);

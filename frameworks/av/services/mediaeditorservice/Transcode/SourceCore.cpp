@@ -154,7 +154,7 @@ status_t SourceCore::awaitDecoded(const char* tag, const RelaxedAtomic<bool>& ex
     decoded.wakeProducer();
     QM_LOGV(tag, "waiting @ Decoded data read()");
     decoded.awaitOnce();
-    if (exitRequested && !m.mCodecStopped) return ERROR_END_OF_STREAM;
+    if (exitRequested) return ERROR_END_OF_STREAM;
     if (decoded.empty()) {
         QM_LOGV(tag, "decoded data read timeout");
         return kNoDecodedData;

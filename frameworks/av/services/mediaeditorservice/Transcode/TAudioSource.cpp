@@ -293,13 +293,16 @@ status_t TAudioSource::MediaEncoderThread::convertPcm(const TDecodedSample& head
     const int outFrames = mConverter->process(head.mBuffer->data(), converted, frames);
     const size_t wanted = static_cast<size_t>(std::max(mOutChannelCount, 0)) *
                           static_cast<size_t>(std::max(outFrames, 0)) * 2;
-    // The converter may hand out more at once than the encoder takes at once.
-    input->mSize = std::min(wanted, input->mBuffer->capacity());
-    if (input->mSize != wanted) {
-        QM_LOGE(kTag, "converted PCM of %zu bytes cut to the encoder's %zu", wanted, input->mSize);
+    const bool fits = wanted <= input->mBuffer->capacity();
+    if (fits) {
+        memcpy(input->mBuffer->base(), converted, wanted);
+        input->mSize = wanted;
+    } else {
+        QM_LOGE(kTag, "converted PCM of %zu bytes does not fit the encoder's %zu", wanted,
+                input->mBuffer->capacity());
     }
-    memcpy(input->mBuffer->base(), converted, input->mSize);
     mConverter->freeBuff(converted);
+    if (!fits) return BAD_VALUE;
     QM_LOGV(kTag, "decoder output buffer size: %zu, encoder input buffer size: %zu",
             head.mBuffer->size(), input->mSize);
     return OK;

@@ -119,7 +119,8 @@ public:
     void pauseInternal(int64_t timeUs) { mPump.pauseInternal(timeUs); }
 
     // Fills the encoder's input buffer `input.mBuffer` and sets size, flags and time. 0, -1011 (end
-    // of stream), -1018 (woken with nothing queued), -1100 (no converter) or -1001 (no memory).
+    // of stream), kNoDecodedData (woken with nothing queued), kSourceNotEnabled (no converter),
+    // kNoResource (no memory) or -22 (converted PCM that does not fit).
     status_t readDecodedData(TDecodedSample& input);
 
     void startInputPortThread() { mPump.startInputPort(inputThreadWrapper, this); }

@@ -135,7 +135,8 @@ status_t TVideoSource::setHdrOutputFormat(const sp<AMessage>& format) {
     const int width = mAttribute.mOutputWidth;
     const int height = mAttribute.mOutputHeight;
     QM_LOGD(kTag, "%dx%d", width, height);
-    mColorUtils->setOutputFormat(copy, width, height, 0, 0, width - 1, height - 1, width, height);
+    mColorUtils->setOutputFormat(copy, width, height, 0, 0, clampToInt32(int64_t{width} - 1),
+                                 clampToInt32(int64_t{height} - 1), width, height);
     return OK;
 }
 
@@ -215,8 +216,7 @@ bool TVideoSource::keepFrame(int64_t timeUs) {
 void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
                              bool convert) NO_THREAD_SAFETY_ANALYSIS {
     if (!convert) return;
-    const size_t outBytes = static_cast<unsigned>(static_cast<double>(mAttribute.mOutputWidth) *
-                                                  mAttribute.mOutputHeight * 1.5);
+    const auto outBytes = static_cast<size_t>(outputFrameBytes());
     if (!pictureFits(in, out, outBytes)) {
         QM_LOGE(kTag, "picture of %zu bytes does not hold %dx%d in %dx%d, or %zu bytes are too few",
                 in.mSize, mAttribute.mWidth, mAttribute.mHeight, mAttribute.mStride,
@@ -236,11 +236,10 @@ void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
 bool TVideoSource::pictureFits(const TDecodedSample& in, const TDecodedSample& out,
                                size_t outBytes) const {
     const VideoAttribute& a = mAttribute;
-    if (a.mWidth < 1 || a.mHeight < 1 || a.mOutputWidth < 1 || a.mOutputHeight < 1) return false;
+    if (a.mWidth < 1 || a.mHeight < 1 || outBytes == 0) return false;
     if (a.mWidth > a.mStride || a.mHeight > a.mSliceHeight) return false;
     const int64_t luma = static_cast<int64_t>(a.mStride) * a.mSliceHeight;
-    const int64_t chroma =
-        2 * ((static_cast<int64_t>(a.mStride) + 1) / 2) * ((a.mSliceHeight + 1) / 2);
+    const int64_t chroma = 2 * ((int64_t{a.mStride} + 1) / 2) * ((int64_t{a.mSliceHeight} + 1) / 2);
     return in.mBuffer != nullptr && luma + chroma <= static_cast<int64_t>(in.mSize) &&
            outBytes <= out.mBuffer->capacity();
 }
@@ -325,6 +324,7 @@ status_t TVideoSource::MediaEncoderThread::readDecodedData(TDecodedSample& out) 
         return ERROR_END_OF_STREAM;
     }
     mSource->cropFrame(head, out, true);
+    if (out.mSize == 0) return BAD_VALUE;
     out.mPresentationTimeUs = head.mPresentationTimeUs;
     out.mFlags = head.mFlags;
     mLastInputTimeUs = head.mPresentationTimeUs;

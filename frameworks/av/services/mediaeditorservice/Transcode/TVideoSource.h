@@ -131,7 +131,7 @@ public:
     void signalEndOfInputStream();
 
     // Fills the encoder's input buffer `out.mBuffer` and sets size, flags and time. 0, -1011 (end
-    // of stream) or -1018 (woken with nothing queued).
+    // of stream), kNoDecodedData (woken with nothing queued) or -22 (the frame does not fit).
     status_t readDecodedData(TDecodedSample& out);
 
     void startInputPortThread() { mPump.startInputPort(inputThreadWrapper, this); }
