@@ -41,7 +41,7 @@ public:
     // Operation `operation` returns `status` from its call number `fromCall` on.
     void fail(const std::string& operation, status_t status, size_t fromCall = 1);
 
-    // The script: what comes out next.
+    // The script: the next outputs.
     void frame(const Bytes& bytes, int64_t timeUs, uint32_t flags = 0);
     // The payload of every output begins at this offset of its buffer.
     void setPayloadOffset(size_t offset) { change(mPayloadOffset, offset); }
@@ -50,7 +50,7 @@ public:
     void outputResult(status_t status, uint32_t flags = 0);
     void clearOutput() { change(mOutputScript, {}); }
 
-    // The script: what the next dequeue of an input buffer brings.
+    // The script: the next dequeues of an input buffer.
     void inputResult(status_t status) { push({status, 0}); }
     void inputIndex(size_t index) { push({OK, index}); }
     // No input buffer is to be had until it is released.
@@ -64,7 +64,7 @@ public:
     bool waitForInputCall() const { return waitFor(mInputCalls); }
     bool waitForOutputCall() const { return waitFor(mOutputCalls); }
 
-    // What happened.
+    // The record.
     std::vector<Queued> queued() const { return locked(mQueued); }
     bool waitForQueued(size_t count) const;
     // Releases of an index that nobody held.

@@ -213,7 +213,7 @@ TEST_F(AudioSourceTest, writerBuffersCarryTimesAndFlags) {
         pushEncoded(3, flags);
         EXPECT_EQ(OK, readOne());
         EXPECT_EQ(flags == 2 ? 1 : 0, mRead.config);
-        EXPECT_EQ(1, mRead.sync) << "every sample of sound is one";
+        EXPECT_EQ(1, mRead.sync) << "every audio sample is one";
         EXPECT_EQ(120000, mRead.timeUs);
         EXPECT_EQ(0, mRead.decodingTimeUs);
     }

@@ -28,7 +28,7 @@ protected:
         EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
         EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
     }
-    // What the writer still gets.
+    // The number of samples that the writer still gets.
     size_t readAll() {
         size_t count = 0;
         while (this->readOne() == OK) ++count;
@@ -92,7 +92,7 @@ TYPED_TEST(EncoderThreadTest, whatIsPushedTravelsThroughTheEncoderAndEndsWithAnE
     EXPECT_EQ(TypeParam::kSampleBytes, queued[1].bytes.size());
     EXPECT_EQ(2, queued[1].bytes[0]);
     EXPECT_EQ(TypeParam::kIsAudio ? 1000 : 80000, queued[1].timeUs);
-    EXPECT_EQ(TypeParam::kIsAudio ? 1u : 0u, queued[1].flags) << "pictures go without";
+    EXPECT_EQ(TypeParam::kIsAudio ? 1u : 0u, queued[1].flags) << "video frames carry none";
     EXPECT_TRUE(queued[3].bytes.empty());
     EXPECT_EQ(0, queued[3].timeUs);
     EXPECT_EQ(4u, queued[3].flags);
@@ -373,7 +373,7 @@ TEST_F(VideoEncoderThreadTest, aTimeOutOfAStoppedSourceEndsTheOutputLoop) {
     EXPECT_TRUE(thread().mExitRequested);
 }
 
-TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastPictureAgain) {
+TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastFrameAgain) {
     restart();
     pushDecoded(1);
     mEncoder->holdInput(false);

@@ -50,7 +50,7 @@ TEST_F(InputReaderTest, everySampleGoesToItsDecoderAndThenTheEnd) {
     EXPECT_EQ(expected, std::vector<std::string>(lines.end() - 7, lines.end()));
 }
 
-TEST_F(InputReaderTest, trimming_seeksToThePeriodAndStopsReadingBeyondTheLast) {
+TEST_F(InputReaderTest, aTrimmedRunSeeksToThePeriodAndStopsReadingBeyondTheLast) {
     setPeriods({{kVideoStepUs, 2 * kVideoStepUs}, {3 * kVideoStepUs, 4 * kVideoStepUs}});
     prepareEchoes();
     addSamples(0, 8);
@@ -235,25 +235,6 @@ TEST_F(InputReaderTest, periodsAreAcceptedOnlyWhenNoneEndsBeforeItStarts) {
     EXPECT_EQ(0, session().verifyTrimInfo());
     EXPECT_EQ(0, session().mCurrentPeriodIndex);
     EXPECT_EQ(0, session().mPeriodOffsetUs);
-}
-
-TEST_F(InputReaderTest, timesOfTheInputSideAreRebasedLikeThoseOfTheOutput) {
-    setPeriods({{100, 200}, {500, 700}});
-    session().verifyTrimInfo();
-    session().mPeriodChanged = false;
-    const struct {
-        int64_t timeUs;
-        bool kept;
-        int64_t rebased;
-    } table[] = {{99, false, 99},  {100, true, 0},   {199, true, 99},   {200, false, 200},
-                 {500, true, 100}, {699, true, 299}, {700, false, 700}, {600, false, 600}};
-    for (const auto& row : table) {
-        int64_t timeUs = row.timeUs;
-        EXPECT_EQ(row.kept, session().adjustPresentationTimeUs(&timeUs)) << row.timeUs;
-        EXPECT_EQ(row.rebased, timeUs);
-    }
-    EXPECT_TRUE(session().mPeriodChanged);
-    EXPECT_EQ(300, session().mPeriodOffsetUs);
 }
 
 }  // namespace android::qmmediaeditor

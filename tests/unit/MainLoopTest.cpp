@@ -42,7 +42,7 @@ TEST_F(MainLoopTest, everySampleOfBothTracksReachesTheWriter) {
     ASSERT_EQ(25u, audio.size());
     for (size_t i = 0; i < 25; ++i) {
         EXPECT_EQ(static_cast<int64_t>(i) * kVideoStepUs, video[i].timeUs);
-        EXPECT_EQ(std::vector<uint8_t>(kPictureBytes, static_cast<uint8_t>(i)), video[i].bytes);
+        EXPECT_EQ(std::vector<uint8_t>(kFrameBytes, static_cast<uint8_t>(i)), video[i].bytes);
         EXPECT_EQ(static_cast<int64_t>(i) * kAudioStepUs, audio[i].timeUs);
         EXPECT_EQ(std::vector<uint8_t>(kPcmBytes, static_cast<uint8_t>(i)), audio[i].bytes);
     }
@@ -227,13 +227,13 @@ const RunFault kRunFaults[] = {
     {"sampleThatDoesNotFitTheDecoder", -1130,
      [](MainLoopTest& t) { t.mAudioDecoder->setInputBuffers(4, kPcmBytes - 1); }},
     {"frameThatCannotBeCopied", -1130,
-     [](MainLoopTest& t) { t.mVideoDecoder->setOutputBuffers(4, kPictureBytes - 1); }},
+     [](MainLoopTest& t) { t.mVideoDecoder->setOutputBuffers(4, kFrameBytes - 1); }},
     {"encodedSampleThatCannotBeCopied", -1130,
      [](MainLoopTest& t) { t.mAudioEncoder->setOutputBuffers(4, kPcmBytes - 1); }},
     {"pcmThatDoesNotFitTheEncoder", -1130,
      [](MainLoopTest& t) { t.mAudioEncoder->setInputBuffers(4, kPcmBytes - 1); }},
     {"frameThatDoesNotFitTheEncoder", -1130,
-     [](MainLoopTest& t) { t.mVideoEncoder->setInputBuffers(4, kPictureBytes - 1); }},
+     [](MainLoopTest& t) { t.mVideoEncoder->setInputBuffers(4, kFrameBytes - 1); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Faults, RunFaultTest, ::testing::ValuesIn(kRunFaults),

@@ -87,7 +87,7 @@ void SessionTest::addSamples(size_t audioCount, size_t videoCount) {
                 {0, audioUs, std::vector<uint8_t>(kPcmBytes, static_cast<uint8_t>(audio++))});
         } else {
             mPlatform.extractor().addSample(
-                {1, videoUs, std::vector<uint8_t>(kPictureBytes, static_cast<uint8_t>(video++))});
+                {1, videoUs, std::vector<uint8_t>(kFrameBytes, static_cast<uint8_t>(video++))});
         }
     }
 }

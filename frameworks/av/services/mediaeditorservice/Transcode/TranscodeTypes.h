@@ -27,12 +27,16 @@ constexpr int32_t kColorFormatSurface = 0x7F000789;  // an input surface feeds t
 struct OpaqueParam {
     int32_t mWords[2] = {0, 0};
 };
+static_assert(sizeof(OpaqueParam) == 8);
 
 // One period of the input to keep: [mStartUs, mEndUs).
 struct TrimPeriod {
     int64_t mStartUs;
     int64_t mEndUs;
 };
+// Periods come as an array of the host's.
+static_assert(sizeof(TrimPeriod) == 16 && offsetof(TrimPeriod, mEndUs) == 8);
+static_assert(sizeof(bool) == 1 && sizeof(size_t) == sizeof(void*), "as the host lays them out");
 
 // What-code of TranscodeProperty::mOutputFormat.
 constexpr uint32_t kOutputFormatWhat = 0x6F757446;  // 'outF'
