@@ -118,6 +118,22 @@ TEST_F(AudioSourceTest, pcmOfTheEncodersFormatIsCopied) {
     EXPECT_EQ(1000, input.mPresentationTimeUs);
 }
 
+TEST_F(AudioSourceTest, pcmBeginsAtTheBaseOfTheEncodersBufferWhateverItsRange) {
+    AudioAttribute a = AudioKind::attribute();
+    for (const int32_t rate : {48000, 24000}) {
+        a.mSampleRate = rate;
+        enableWith(a);
+        mPlatform.converter().framesOut = 48;
+        pushDecoded('p');
+        TDecodedSample input;
+        input.mBuffer = bufferOf(4096, 0);
+        input.mBuffer->setRange(100, 1);
+        EXPECT_EQ(OK, mSource->mMediaEncoderThread->readDecodedData(input));
+        EXPECT_EQ(rate == 48000 ? 'p' : 'c', input.mBuffer->base()[0]);
+        EXPECT_EQ(0, input.mBuffer->base()[192]);
+    }
+}
+
 TEST_F(AudioSourceTest, otherPcmIsConverted) {
     // Each row takes 576 bytes.
     const struct {

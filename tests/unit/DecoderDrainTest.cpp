@@ -173,6 +173,15 @@ TEST_F(DecoderDrainTest, aReaderThatTakesTheSeekAtOnceSeesTheNewPeriod) {
               mJournal.linesOf("extractor seekTo"));
 }
 
+TEST_F(DecoderDrainTest, aSeekThatIsAskedForDuringASeekIsNotLost) {
+    session().createExtractor(session().mFileAttribute);
+    mJournal.on("extractor seekTo 0 mode 0", [this] { session().mNeedtoSeek.publish(true); });
+    session().mSeekTime = 0;
+    session().mNeedtoSeek = true;
+    EXPECT_EQ(OK, session().seekIfNeeded());
+    EXPECT_TRUE(session().mNeedtoSeek);
+}
+
 TEST_F(DecoderDrainTest, periodsAtTheEndsOfTheRangeStayThere) {
     setPeriods({{INT64_MIN, INT64_MAX}, {0, INT64_MAX}});
     session().verifyTrimInfo();

@@ -187,6 +187,7 @@ TYPED_TEST(EncoderThreadTest, anEncoderThatFailsStopsTheSource) {
         EXPECT_EQ(-1130, this->mSource->failure());
         EXPECT_EQ(-1011, this->pushDecoded(1));
     }
+    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_WARN, "thread stop by error[-5]"));
 }
 
 TYPED_TEST(EncoderThreadTest, stoppingTheEncoderEndsBothPortsWithoutAFailure) {
@@ -337,7 +338,7 @@ TYPED_TEST(EncoderThreadTest, aSampleThatCannotBeCopiedOrDoesNotFitIsAFailure) {
     this->pushEnd(false);
     EXPECT_TRUE(this->waitFor("setCodecStopped"));
     EXPECT_EQ(-1130, this->mSource->failure()) << "an input that does not fit the encoder's buffer";
-    EXPECT_TRUE(this->mEncoder->queued().empty());
+    EXPECT_TRUE(this->mJournal.linesOf(this->encoderLine("queueInputBuffer")).empty());
 }
 
 TYPED_TEST(EncoderThreadTest, anEncoderThatWasToldToStopMayRefuseAnything) {

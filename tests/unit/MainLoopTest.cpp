@@ -333,6 +333,13 @@ TEST_F(MainLoopTest, anEncoderThatFailsAfterTheDecodersEndedIsStillAnError) {
     expectNoHang();
 }
 
+TEST_F(MainLoopTest, anEncoderThatFailsWhileTheWriterStopsIsStillAnError) {
+    addSamples(2, 2);
+    mJournal.on("Transcode: call writer stop",
+                [this] { session().mVideoSource->mCore.reportFailure(-1130); });
+    EXPECT_EQ(-1130, run());
+}
+
 TEST_F(MainLoopTest, aStopDuringTheWaitForTheWriterClosesTheFileWithWhatIsThere) {
     addSamples(3, 3);
     mVideoEncoder->holdInput(true);

@@ -21,6 +21,7 @@ SessionTest::~SessionTest() {
     if (mSession != nullptr && mSession->mVideoSource != nullptr) mSession->mVideoSource->stop();
     if (mSession != nullptr) awaitEncoders();
     mSession.reset();
+    EXPECT_EQ(0u, mCalls.timeouts()) << "teardown waited for a port that did not end";
     close(mRequest.mInputFd);
     // Still open only when no session took it.
     if (mRequest.mOutputFd >= 0) close(mRequest.mOutputFd);

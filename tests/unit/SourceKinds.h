@@ -77,7 +77,10 @@ class SourceTest : public ::testing::Test {
 protected:
     typedef typename Kind::Source Source;
 
-    ~SourceTest() override { endSource(*mSource); }
+    ~SourceTest() override {
+        endSource(*mSource);
+        EXPECT_EQ(0u, mCalls.timeouts()) << "teardown waited for a port that did not end";
+    }
 
     static sp<MediaCodecBuffer> bufferOf(size_t bytes, int fill) {
         sp<ABuffer> buffer = new ABuffer(bytes);

@@ -27,6 +27,7 @@ struct State {
     Hooks onWait;
     Hooks onWakeUp;
     std::vector<std::pair<const pthread_cond_t*, int64_t>> timedWaits;
+    size_t timeouts = 0;
     std::vector<useconds_t> sleeps;
     std::vector<int32_t> threadPriorities;
 };
@@ -79,6 +80,7 @@ SystemCalls::~SystemCalls() {
     state().onWait.clear();
     state().onWakeUp.clear();
     state().timedWaits.clear();
+    state().timeouts = 0;
     state().sleeps.clear();
     state().threadPriorities.clear();
 }
@@ -127,6 +129,11 @@ bool SystemCalls::waitForTimedWait(const Condition& condition) const {
         }
         return false;
     });
+}
+
+size_t SystemCalls::timeouts() const {
+    std::lock_guard<std::mutex> guard(state().lock);
+    return state().timeouts;
 }
 
 void SystemCalls::setInstant() {
@@ -179,18 +186,23 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
     runHook(&State::onWait, condition);
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t seconds = end->tv_sec - now.tv_sec;
+    const int64_t boundNs = seconds * 1000000000 + end->tv_nsec - now.tv_nsec;
     bool instant;
     {
         std::lock_guard<std::mutex> guard(state().lock);
         if (state().active) {
-            const int64_t seconds = end->tv_sec - now.tv_sec;
-            state().timedWaits.emplace_back(condition,
-                                            seconds * 1000000000 + end->tv_nsec - now.tv_nsec);
+            state().timedWaits.emplace_back(condition, boundNs);
             state().changed.notify_all();
         }
         instant = state().instant;
     }
-    if (!instant) return __real_pthread_cond_timedwait(condition, mutex, end);
+    if (!instant) {
+        const int err = __real_pthread_cond_timedwait(condition, mutex, end);
+        std::lock_guard<std::mutex> guard(state().lock);
+        if (state().active && err == ETIMEDOUT && boundNs > 1000000000) ++state().timeouts;
+        return err;
+    }
     pthread_mutex_unlock(mutex);
     sched_yield();
     pthread_mutex_lock(mutex);

@@ -33,6 +33,8 @@ public:
     std::vector<int64_t> timedWaitsNs(const Condition& condition) const;
     // False when no timed wait on `condition` begins within kFailureBound.
     bool waitForTimedWait(const Condition& condition) const;
+    // The timed waits of a second or more that nobody ended.
+    size_t timeouts() const;
     // Timed waits end at once from now on.
     void setInstant();
 
