@@ -4,7 +4,7 @@
 // A picture is copied twice on its way: from the decoder's buffer into the source's queue, and,
 // converted, from there into the encoder's buffer. The codecs are the host's workers, so that
 // waiting and waking are what they are in a real run.
-#include <Transcode.h>
+#include <TranscodeComponent.h>
 #include <benchmark/benchmark.h>
 #include <fakes/ScriptedPlatform.h>
 #include <media/stagefright/foundation/MediaDefs.h>

@@ -1,5 +1,5 @@
 // Keeps one period of a media file: trim INPUT OUTPUT START END, in seconds. Enter stops it.
-#include <Transcode.h>
+#include <TranscodeComponent.h>
 #include <fcntl.h>
 #include <host/Host.h>
 #include <poll.h>

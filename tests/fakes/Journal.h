@@ -1,4 +1,4 @@
-// What happened, in order, on every fake of a test: one line per call. Any thread.
+// The calls of every fake of a test, in order: one line per call. Any thread.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@
 
 namespace android::qmmediaeditor {
 
-// How long a test waits for an event that a sound program always brings.
+// How long a test waits for an event that a correct program always brings.
 constexpr std::chrono::seconds kFailureBound(10);
 
 class Journal {

@@ -93,6 +93,11 @@ bool ScriptedCodec::waitForQueued(size_t count) const {
     return mChanged.wait_for(guard, kFailureBound, [&] { return mQueued.size() >= count; });
 }
 
+bool ScriptedCodec::waitFor(const Calls& calls) const {
+    Guard guard(mLock);
+    return mChanged.wait_for(guard, kFailureBound, [&] { return calls.waiting > 0; });
+}
+
 size_t ScriptedCodec::heldOutputs() const {
     Guard guard(mLock);
     return static_cast<size_t>(std::count(mOutputHeld.begin(), mOutputHeld.end(), true));
@@ -144,8 +149,8 @@ status_t ScriptedCodec::dequeueInputBuffer(size_t* index, int64_t timeoutUs) {
     auto ready = [&] {
         return mStopped || !mInputScript.empty() || (!mHoldInput && !mFreeInputs.empty());
     };
-    if (!ready() && mIdle == Idle::kTryAgain) return -EAGAIN;
-    mChanged.wait(guard, ready);
+    if (!ready() && mIdle == Idle::kTryAgain && !mInputCalls.hold) return -EAGAIN;
+    await(guard, mInputCalls, ready);
     if (mStopped) return INVALID_OPERATION;
     if (!mInputScript.empty()) {
         const Input input = mInputScript.front();
@@ -204,8 +209,8 @@ status_t ScriptedCodec::dequeueOutputBuffer(size_t* index, size_t* offset, size_
         return mStopped || (!mHoldOutput && !mOutputScript.empty() &&
                             takeOutputIndex(mOutputScript.front(), &taken));
     };
-    if (!ready() && mIdle == Idle::kTryAgain) return -EAGAIN;
-    mChanged.wait(guard, ready);
+    if (!ready() && mIdle == Idle::kTryAgain && !mOutputCalls.hold) return -EAGAIN;
+    await(guard, mOutputCalls, ready);
     if (mStopped) return INVALID_OPERATION;
 
     const Output output = mOutputScript.front();
@@ -215,15 +220,15 @@ status_t ScriptedCodec::dequeueOutputBuffer(size_t* index, size_t* offset, size_
     if (output.flags != 0) *flags = output.flags;
     if (output.status != OK) return output.status;
     *index = taken;
-    *offset = 0;
+    *offset = mPayloadOffset;
     *size = output.bytes.size();
     *timeUs = output.timeUs;
     *flags = output.flags;
     if (output.forcedIndex) return OK;
     const sp<MediaCodecBuffer>& buffer = mOutBuffers[taken];
-    const size_t held = std::min(output.bytes.size(), buffer->capacity());
-    std::copy_n(output.bytes.begin(), held, buffer->base());
-    buffer->setRange(0, held);
+    const size_t held = std::min(output.bytes.size(), buffer->capacity() - mPayloadOffset);
+    std::copy_n(output.bytes.begin(), held, buffer->base() + mPayloadOffset);
+    buffer->setRange(mPayloadOffset, held);
     mOutputHeld[taken] = true;
     return OK;
 }

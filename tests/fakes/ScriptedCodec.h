@@ -41,21 +41,30 @@ public:
     // Operation `operation` returns `status` from its call number `fromCall` on.
     void fail(const std::string& operation, status_t status, size_t fromCall = 1);
 
-    // The script: what comes out next.
+    // The script: the next outputs.
     void frame(const Bytes& bytes, int64_t timeUs, uint32_t flags = 0);
+    // The payload of every output begins at this offset of its buffer.
+    void setPayloadOffset(size_t offset) { change(mPayloadOffset, offset); }
     void frameAtIndex(size_t index);
     void formatChange(const sp<AMessage>& format);
     void outputResult(status_t status, uint32_t flags = 0);
     void clearOutput() { change(mOutputScript, {}); }
 
-    // The script: what the next dequeue of an input buffer brings.
+    // The script: the next dequeues of an input buffer.
     void inputResult(status_t status) { push({status, 0}); }
     void inputIndex(size_t index) { push({OK, index}); }
     // No input buffer is to be had until it is released.
     void holdInput(bool hold) { change(mHoldInput, hold); }
     void holdOutput(bool hold) { change(mHoldOutput, hold); }
+    // No dequeue of an input buffer, or of an output, returns until it is let go, not even when the
+    // codec is stopped.
+    void holdInputCalls(bool hold) { change(mInputCalls.hold, hold); }
+    void holdOutputCalls(bool hold) { change(mOutputCalls.hold, hold); }
+    // False when no thread comes to wait in such a call within kFailureBound.
+    bool waitForInputCall() const { return waitFor(mInputCalls); }
+    bool waitForOutputCall() const { return waitFor(mOutputCalls); }
 
-    // What happened.
+    // The record.
     std::vector<Queued> queued() const { return locked(mQueued); }
     bool waitForQueued(size_t count) const;
     // Releases of an index that nobody held.
@@ -101,6 +110,10 @@ private:
         status_t status;
         size_t callsBefore;
     };
+    struct Calls {
+        bool hold = false;
+        size_t waiting = 0;
+    };
 
     status_t call(const char* operation, const std::string& arguments = "") const;
     void push(Output output);
@@ -117,6 +130,14 @@ private:
         mChanged.notify_all();
     }
     bool takeOutputIndex(const Output& next, size_t* index);
+    bool waitFor(const Calls& calls) const;
+    template <typename Ready>
+    void await(std::unique_lock<std::mutex>& guard, Calls& calls, const Ready& ready) {
+        ++calls.waiting;
+        mChanged.notify_all();
+        mChanged.wait(guard, [&] { return !calls.hold && ready(); });
+        --calls.waiting;
+    }
 
     const std::string mName;
     Journal* const mJournal;
@@ -136,6 +157,9 @@ private:
     bool mEcho = false;
     bool mHoldInput = false;
     bool mHoldOutput = false;
+    Calls mInputCalls;
+    Calls mOutputCalls;
+    size_t mPayloadOffset = 0;
     bool mStopped = false;
     size_t mStrayReleases = 0;
     int64_t mLastTimeoutUs = 0;

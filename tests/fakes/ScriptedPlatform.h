@@ -69,7 +69,7 @@ public:
     sp<ExtractorBackend> createExtractor() override { return mExtractor; }
     sp<MediaWriter> createWriter(int fd) override;
     sp<AudioConverterBackend> createAudioConverter() override { return mConverter; }
-    // Fills the picture with the first byte of the source.
+    // Fills the frame with the first byte of the source.
     void scale(const ScaleRequest& request) override;
     void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) override;
     bool getUseDitherType(int* type) override;

@@ -2,7 +2,7 @@
 // rest is the input file.
 //
 // A run that does not end is found by libFuzzer's -timeout.
-#include <Transcode.h>
+#include <TranscodeComponent.h>
 #include <fuzz/MemoryFile.h>
 #include <host/Host.h>
 #include <qmtranscode/MediaFile.h>

@@ -4,7 +4,7 @@
 // ends the test's process, since there is no way to go on without it.
 #pragma once
 
-#include <Transcode.h>
+#include <TranscodeComponent.h>
 
 #include <chrono>
 #include <future>

@@ -118,6 +118,22 @@ TEST_F(AudioSourceTest, pcmOfTheEncodersFormatIsCopied) {
     EXPECT_EQ(1000, input.mPresentationTimeUs);
 }
 
+TEST_F(AudioSourceTest, pcmBeginsAtTheBaseOfTheEncodersBufferWhateverItsRange) {
+    AudioAttribute a = AudioKind::attribute();
+    for (const int32_t rate : {48000, 24000}) {
+        a.mSampleRate = rate;
+        enableWith(a);
+        mPlatform.converter().framesOut = 48;
+        pushDecoded('p');
+        TDecodedSample input;
+        input.mBuffer = bufferOf(4096, 0);
+        input.mBuffer->setRange(100, 1);
+        EXPECT_EQ(OK, mSource->mMediaEncoderThread->readDecodedData(input));
+        EXPECT_EQ(rate == 48000 ? 'p' : 'c', input.mBuffer->base()[0]);
+        EXPECT_EQ(0, input.mBuffer->base()[192]);
+    }
+}
+
 TEST_F(AudioSourceTest, otherPcmIsConverted) {
     // Each row takes 576 bytes.
     const struct {
@@ -132,7 +148,7 @@ TEST_F(AudioSourceTest, otherPcmIsConverted) {
         {{1, 48000, 16}, {2, 24000, 16}, "converter allocateBuff 288 0.500", 144, 4096, 576},
         {{2, 48000, 16}, {1, 48000, 24}, "converter allocateBuff 144 1.000", 144, 4096, 288},
         {{0, 48000, 16}, {2, 48000, 16}, "converter allocateBuff 0 1.000", 0, 4096, 0},
-        {{2, 48000, 16}, {2, 96000, 16}, "converter allocateBuff 144 2.000", 288, 1000, 1000},
+        {{2, 48000, 16}, {2, 96000, 16}, "converter allocateBuff 144 2.000", 288, 1152, 1152},
     };
     for (const auto& row : table) {
         AudioAttribute a = AudioKind::attribute();
@@ -178,6 +194,34 @@ TEST_F(AudioSourceTest, conversionFailuresAreReported) {
         threadLogged(ANDROID_LOG_ERROR, "ERROR: QmMediaAudioConverter == null or init failed"));
 }
 
+TEST_F(AudioSourceTest, pcmThatCannotBeConvertedEndsTheRun) {
+    AudioAttribute a = AudioKind::attribute();
+    a.mSampleRate = 44100;
+    for (const bool outOfMemory : {true, false}) {
+        enableWith(a);
+        mPlatform.converter().outOfMemory = outOfMemory;
+        mPlatform.converter().framesOut = 1025;  // beyond the encoder's 4096 bytes
+        pushDecoded(1);
+        pushEnd(false);
+        mEncoder->holdInput(false);
+        EXPECT_TRUE(waitFor("setCodecStopped"));
+        EXPECT_EQ(-1130, mSource->failure());
+        EXPECT_TRUE(mEncoder->queued().empty());
+        EXPECT_EQ(1u, mJournal.linesOf("converter allocateBuff").size()) << "it is not tried again";
+        EXPECT_EQ(0u, mPlatform.converter().allocations);
+    }
+}
+
+TEST_F(AudioSourceTest, timeStopsAtTheEndOfTheRange) {
+    AudioAttribute a = AudioKind::attribute();
+    a.mInputChannelCount = a.mInputSampleRate = a.mInputBitsPerSample = INT32_MAX;
+    renew(a);
+    EXPECT_EQ((Times{0, 0}), timesOf(192, 2));
+    renew(AudioKind::attribute());
+    mSource->mNextTimeUs = INT64_MAX - 1;
+    EXPECT_EQ((Times{INT64_MAX - 1, INT64_MAX, INT64_MAX}), timesOf(192, 3));
+}
+
 TEST_F(AudioSourceTest, writerBuffersCarryTimesAndFlags) {
     AudioKind::makePool(*mSource);
     mSource->start();
@@ -185,7 +229,7 @@ TEST_F(AudioSourceTest, writerBuffersCarryTimesAndFlags) {
         pushEncoded(3, flags);
         EXPECT_EQ(OK, readOne());
         EXPECT_EQ(flags == 2 ? 1 : 0, mRead.config);
-        EXPECT_EQ(1, mRead.sync) << "every sample of sound is one";
+        EXPECT_EQ(1, mRead.sync) << "every audio sample is one";
         EXPECT_EQ(120000, mRead.timeUs);
         EXPECT_EQ(0, mRead.decodingTimeUs);
     }

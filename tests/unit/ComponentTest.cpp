@@ -1,4 +1,5 @@
-// What the host calls, the writer's events, and the ways to stop.
+// The host's calls, the writer's events, and the ways to stop.
+#include <TranscodeComponent.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -20,7 +21,7 @@ protected:
     sp<TranscodeComponent> mComponent = new TranscodeComponent;
 };
 
-TEST_F(ComponentTest, withoutASession_processIsRefusedAndTheRestDoesNothing) {
+TEST_F(ComponentTest, processIsRefusedWithoutASessionAndTheRestDoesNothing) {
     EXPECT_EQ(-38, mComponent->process());
     EXPECT_EQ(0, mComponent->cancel());
     EXPECT_EQ(0, mComponent->destory());
@@ -38,7 +39,7 @@ TEST_F(ComponentTest, everyFailureOfModuleCreationIsAnInvalidRequest) {
     EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "Failed selecting track"));
 }
 
-TEST_F(ComponentTest, withoutARequest_processIsRefused) {
+TEST_F(ComponentTest, processIsRefusedWithoutARequest) {
     mComponent->create(&mRequest);
     EXPECT_EQ(0, mComponent->create(nullptr));
     EXPECT_EQ(-38, mComponent->process());
@@ -89,7 +90,7 @@ TEST_F(ComponentTest, aRetryWithTheSameRecordLeavesTheFileAloneThatGotTheNumberO
     EXPECT_EQ(0, close(other)) << "it is still open";
 }
 
-TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {
+TEST_F(ComponentTest, creatingAgainAndEachWayToEndDeleteTheSession) {
     const std::string gone = "Transcode: Decontructor ~Transcode end";
     mComponent->create(&mRequest);
     mComponent->create(&mRequest);
@@ -107,7 +108,7 @@ TEST_F(ComponentTest, creatingAgain_andEachWayToEnd_deleteTheSession) {
 
 TEST_F(ComponentTest, nothingMayEndASessionWhileItRuns) {
     prepareEchoes();
-    mPlatform.extractor().addSample({1, 5000000, std::vector<uint8_t>(kPictureBytes)});
+    mPlatform.extractor().addSample({1, 5000000, std::vector<uint8_t>(kFrameBytes)});
     const std::string message = "create, destory or clearHandler called while process runs";
     mRequest.mProgressCallback = [&](int32_t percent) {
         if (percent == 0) {

@@ -35,14 +35,14 @@ TEST_F(DecoderDrainTest, aFrameIsCountedHandedOnAndOnlyThenReleased) {
     prepareDrain();
     takeFormats();
     session().mPeriodChanged = true;
-    mVideoDecoder->frame(ScriptedCodec::Bytes(kPictureBytes, 7), 40000);
+    mVideoDecoder->frame(ScriptedCodec::Bytes(kFrameBytes, 7), 40000);
     mJournal.on("decoder video/avc releaseOutputBuffer 0",
                 [&] { EXPECT_EQ((Times{40000}), queuedVideoTimes()); });
     EXPECT_EQ(0, drain(kVideo));
     EXPECT_EQ(123, mVideoDecoder->lastTimeoutUs());
     EXPECT_EQ(1u, mJournal.count("decoder video/avc releaseOutputBuffer 0"));
     EXPECT_EQ(1u, state(kVideo).mDecodedFrameCount);
-    EXPECT_EQ(kPictureBytes, state(kVideo).mDecodedByteCount);
+    EXPECT_EQ(kFrameBytes, state(kVideo).mDecodedByteCount);
     EXPECT_FALSE(session().mPeriodChanged);
     EXPECT_TRUE(mList.empty());
     const TDecodedSample& kept = *session().mVideoSource->mDecodedSamples.begin();
@@ -51,10 +51,21 @@ TEST_F(DecoderDrainTest, aFrameIsCountedHandedOnAndOnlyThenReleased) {
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Decoded frame size : 384, [Video]"));
 }
 
+TEST_F(DecoderDrainTest, aPayloadBeginsAtItsOffset) {
+    prepareDrain();
+    takeFormats();
+    mVideoDecoder->setPayloadOffset(32);
+    mVideoDecoder->frame(ScriptedCodec::Bytes(kFrameBytes, 7), 40000);
+    EXPECT_EQ(0, drain(kVideo));
+    const TDecodedSample& kept = *session().mVideoSource->mDecodedSamples.begin();
+    EXPECT_EQ(7, kept.mBuffer->data()[0]);
+    EXPECT_EQ(7, kept.mBuffer->data()[kFrameBytes - 1]);
+}
+
 TEST_F(DecoderDrainTest, withoutAListAFrameIsOnlyReleased) {
     prepareDrain();
     takeFormats();
-    mVideoDecoder->frame(ScriptedCodec::Bytes(kPictureBytes), 0);
+    mVideoDecoder->frame(ScriptedCodec::Bytes(kFrameBytes), 0);
     EXPECT_EQ(0, session().runDecoder(nullptr, kVideo, 0));
     EXPECT_TRUE(queuedVideoTimes().empty());
     EXPECT_EQ(0u, mVideoDecoder->heldOutputs());
@@ -101,10 +112,10 @@ TEST_F(DecoderDrainTest, periodsAreHalfOpenAndJoinedInTheOutput) {
     } table[] = {{999999, -1011}, {1000000, 0}, {4999999, 0},     {5000000, -1011},
                  {7000000, 0},    {8999999, 0}, {9000000, -1011}, {8000000, -1011}};
     for (const auto& row : table) {
-        mVideoDecoder->frame(ScriptedCodec::Bytes(kPictureBytes), row.timeUs);
+        mVideoDecoder->frame(ScriptedCodec::Bytes(kFrameBytes), row.timeUs);
         EXPECT_EQ(row.result, drain(kVideo)) << row.timeUs;
     }
-    // The first picture of the second period, at 4000000, comes too soon after the one before.
+    // The first frame of the second period, at 4000000, comes too soon after the one before.
     EXPECT_EQ((Times{0, 3999999, 5999999}), queuedVideoTimes());
     EXPECT_EQ(4u, state(kVideo).mDecodedFrameCount);
     EXPECT_EQ(0u, mVideoDecoder->heldOutputs());
@@ -160,6 +171,15 @@ TEST_F(DecoderDrainTest, aReaderThatTakesTheSeekAtOnceSeesTheNewPeriod) {
     session().adjustPresentationTimeUs(&sample);
     EXPECT_EQ((std::vector<std::string>{"extractor seekTo 600 mode 0"}),
               mJournal.linesOf("extractor seekTo"));
+}
+
+TEST_F(DecoderDrainTest, aSeekThatIsAskedForDuringASeekIsNotLost) {
+    session().createExtractor(session().mFileAttribute);
+    mJournal.on("extractor seekTo 0 mode 0", [this] { session().mNeedtoSeek.publish(true); });
+    session().mSeekTime = 0;
+    session().mNeedtoSeek = true;
+    EXPECT_EQ(OK, session().seekIfNeeded());
+    EXPECT_TRUE(session().mNeedtoSeek);
 }
 
 TEST_F(DecoderDrainTest, periodsAtTheEndsOfTheRangeStayThere) {

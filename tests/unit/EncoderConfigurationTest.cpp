@@ -1,4 +1,4 @@
-// What the encoders are told, for each input and request.
+// The encoders' formats for each input and request.
 #include "SessionTest.h"
 
 namespace android::qmmediaeditor {
@@ -206,7 +206,7 @@ TEST_F(EncoderConfigurationTest, onlyALongOutputIsHeldBack) {
     }
 }
 
-TEST_F(EncoderConfigurationTest, theDecodersPictureIsItsCropInItsPlanes) {
+TEST_F(EncoderConfigurationTest, theDecodedFrameIsItsCropInItsPlanes) {
     const sp<AMessage> format = videoFormat();
     format->setRect("crop", 8, 4, 1919, 1083);
     withKeys(format, {{"stride", 1920}, {"slice-height", 1088}});
@@ -231,25 +231,16 @@ TEST_F(EncoderConfigurationTest, theDecodersPictureIsItsCropInItsPlanes) {
 }
 
 TEST_F(EncoderConfigurationTest, profileAndLevelAreThoseOfAnAvcInput) {
-    // clang-format off
-    const std::pair<uint8_t, int> profiles[] = {
-        {66, 1}, {77, 2}, {88, 4}, {100, 8}, {110, 16}, {122, 32}, {244, 64}, {101, 0}, {0, 0}};
-    const std::pair<uint8_t, int> levels[] = {
-        {10, 0}, {11, 4}, {12, 8}, {13, 16}, {20, 32}, {21, 64}, {22, 128}, {30, 256}, {31, 512},
-        {32, 1024}, {40, 2048}, {41, 4096}, {42, 8192}, {50, 0}, {9, 0}};
-    // clang-format on
-    int profile, level;
-    for (const auto& [idc, bit] : profiles) {
-        unsigned char bytes[8] = {0, 0, 0, 1, 103, idc, 99, 41};
+    const struct {
+        uint8_t profileIdc, levelIdc;
+        int profile, level;
+    } codes[] = {{66, 11, 1, 4}, {100, 41, 8, 4096}, {244, 42, 64, 8192}, {101, 50, 0, 0}};
+    for (const auto& code : codes) {
+        unsigned char bytes[8] = {0, 0, 0, 1, 103, code.profileIdc, 99, code.levelIdc};
+        int profile, level;
         session().findAVCVideoProfile(bytes, &profile, &level);
-        EXPECT_EQ(bit, profile) << int(idc);
-        EXPECT_EQ(4096, level);
-    }
-    for (const auto& [idc, bit] : levels) {
-        unsigned char bytes[8] = {0, 0, 0, 1, 103, 100, 99, idc};
-        session().findAVCVideoProfile(bytes, &profile, &level);
-        EXPECT_EQ(8, profile);
-        EXPECT_EQ(bit, level) << int(idc);
+        EXPECT_EQ(code.profile, profile);
+        EXPECT_EQ(code.level, level);
     }
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "csd Profile: 100, csd Level: 41"));
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "*Profile: 0x8, *Level: 0x1000"));

@@ -1,6 +1,8 @@
 // The encoder threads: set-up, both ports, every end of stream, taking down.
 #include <pthread.h>
+#include <sched.h>
 
+#include <atomic>
 #include <future>
 
 #include "SourceKinds.h"
@@ -26,7 +28,7 @@ protected:
         EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
         EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
     }
-    // What the writer still gets.
+    // The number of samples that the writer still gets.
     size_t readAll() {
         size_t count = 0;
         while (this->readOne() == OK) ++count;
@@ -69,12 +71,15 @@ TYPED_TEST(EncoderThreadTest, theEncoderIsStartedOnALooperOfItsOwn) {
         this->threadLine("startInputPortThread end")};
     EXPECT_EQ(order, this->mJournal.orderOf(order));
     std::promise<std::string> name;
-    this->thread().mLooper->post([&name] {
+    int priority = -1;
+    this->thread().mLooper->post([&] {
         char text[16];
         pthread_getname_np(pthread_self(), text, sizeof(text));
+        priority = SystemCalls::priorityOfThisThread();
         name.set_value(text);
     });
     EXPECT_EQ(TypeParam::kLooperName, name.get_future().get());
+    EXPECT_EQ(0, priority);
 }
 
 TYPED_TEST(EncoderThreadTest, whatIsPushedTravelsThroughTheEncoderAndEndsWithAnEmptyBuffer) {
@@ -87,7 +92,7 @@ TYPED_TEST(EncoderThreadTest, whatIsPushedTravelsThroughTheEncoderAndEndsWithAnE
     EXPECT_EQ(TypeParam::kSampleBytes, queued[1].bytes.size());
     EXPECT_EQ(2, queued[1].bytes[0]);
     EXPECT_EQ(TypeParam::kIsAudio ? 1000 : 80000, queued[1].timeUs);
-    EXPECT_EQ(TypeParam::kIsAudio ? 1u : 0u, queued[1].flags) << "pictures go without";
+    EXPECT_EQ(TypeParam::kIsAudio ? 1u : 0u, queued[1].flags) << "video frames carry none";
     EXPECT_TRUE(queued[3].bytes.empty());
     EXPECT_EQ(0, queued[3].timeUs);
     EXPECT_EQ(4u, queued[3].flags);
@@ -182,6 +187,7 @@ TYPED_TEST(EncoderThreadTest, anEncoderThatFailsStopsTheSource) {
         EXPECT_EQ(-1130, this->mSource->failure());
         EXPECT_EQ(-1011, this->pushDecoded(1));
     }
+    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_WARN, "thread stop by error[-5]"));
 }
 
 TYPED_TEST(EncoderThreadTest, stoppingTheEncoderEndsBothPortsWithoutAFailure) {
@@ -220,26 +226,130 @@ TYPED_TEST(EncoderThreadTest, enablingAgainReplacesTheEncoder) {
     EXPECT_TRUE(first->queued().empty());
 }
 
-TYPED_TEST(EncoderThreadTest, pausingHasNoEffectOnTheData) {
+TYPED_TEST(EncoderThreadTest, teardownWaitsForAPortThatIsInsideACall) {
+    for (const bool output : {false, true}) {
+        this->restart();
+        auto& t = this->thread();
+        EXPECT_TRUE(this->mEncoder->waitForInputCall() && this->mEncoder->waitForOutputCall());
+        this->mEncoder->holdInputCalls(!output);
+        this->mEncoder->holdOutputCalls(output);
+        const Condition& idle = t.mPump.mPorts->mIdle;
+        std::atomic<bool> ended{false};
+        Background teardown([&] {
+            this->mSource->stop();
+            this->mSource->stopThread();
+            ended = true;
+        });
+        EXPECT_TRUE(this->mCalls.waitForTimedWait(idle)) << "it did not wait";
+        EXPECT_FALSE(ended);
+        const int64_t boundNs = this->mCalls.timedWaitsNs(idle)[0];
+        EXPECT_GT(boundNs, t.mPump.mOwner.timeoutUs * 1000) << "a dequeue may take that long";
+        EXPECT_LE(boundNs, 3000000000);
+        this->mEncoder->holdInputCalls(false);
+        this->mEncoder->holdOutputCalls(false);
+        EXPECT_TRUE(teardown.finishes());
+        EXPECT_EQ(1, this->mSource->getStrongCount()) << "the thread has let go of the source";
+    }
+}
+
+TYPED_TEST(EncoderThreadTest, teardownWaitsForAPortThatHasNotBegun) {
+    this->mCalls.holdThreads();
     this->restart();
-    auto& t = this->thread();
-    t.wake();
-    EXPECT_FALSE(t.mWakeRequested) << "not while paused";
-    t.resume();
-    EXPECT_FALSE(t.mPaused);
-    t.pauseInternal(0);
-    t.wake();
-    EXPECT_TRUE(t.mPausedInternal);
-    t.pauseInternal(1);
-    t.wake();
-    EXPECT_FALSE(t.mPausedInternal);
-    t.pause();
+    const auto thread = this->mSource->mMediaEncoderThread;
+    this->mSource->stop();
+    // This test, the source and the held port.
+    while (thread->getStrongCount() > 3) sched_yield();
+    std::atomic<bool> ended{false};
+    Background teardown([&] {
+        this->mSource->stopThread();
+        ended = true;
+    });
+    EXPECT_TRUE(this->mCalls.waitForTimedWait(thread->mPump.mPorts->mIdle)) << "it did not wait";
+    EXPECT_FALSE(ended);
+    this->mCalls.releaseThreads();
+    EXPECT_TRUE(teardown.finishes());
+}
+
+TYPED_TEST(EncoderThreadTest, aPortLetsGoOfTheThreadBeforeItCountsAsEnded) {
+    this->restart();
+    const auto thread = this->mSource->mMediaEncoderThread;
+    const std::shared_ptr<WaitGroup> ports = thread->mPump.mPorts;
+    this->mSource->setCodecStopped();
+    this->mEncoder->inputResult(-EAGAIN);
+    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
+    this->mSource->stop();
+    // One more port, alone; this test and the source hold the thread as well.
+    while (thread->getStrongCount() > 2) sched_yield();
+    int32_t holders = 0;
+    this->mCalls.onWakeUp(ports->mIdle, [&] { holders = thread->getStrongCount(); });
+    thread->startInputPortThread();
+    ports->waitIdle();
+    EXPECT_EQ(2, holders);
+    this->mCalls.forgetHooks();
+}
+
+TYPED_TEST(EncoderThreadTest, enablingAgainEndsAPortThatWaitsForSamples) {
+    this->restart();
+    const sp<ScriptedCodec> first = this->mEncoder;
+    first->holdInput(false);
+    EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
+    this->enable(TypeParam::attribute());
+    EXPECT_EQ(1u, this->mJournal.count(this->threadLine("inputThreadEntry end")));
     this->pushDecoded(1);
     this->pushEnd(false);
     this->runToTheEnd();
-    EXPECT_EQ(1u, this->readAll());
-    t.requestExit();
-    EXPECT_FALSE(t.mPaused);
+    EXPECT_EQ(1u, this->readAll()) << "the new encoder has all";
+    EXPECT_TRUE(first->queued().empty());
+    EXPECT_EQ(0, this->mSource->failure());
+}
+
+TYPED_TEST(EncoderThreadTest, aPortThatIsToExitTakesNothingAndDoesNotWait) {
+    this->restart();
+    this->thread().stopEncoder();
+    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
+    TDecodedSample input;
+    Background port([&] { EXPECT_EQ(-1011, this->takeDecoded(&input)); });
+    EXPECT_TRUE(port.finishes());
+    this->pushDecoded(1);
+    EXPECT_EQ(-1011, this->takeDecoded(&input));
+    EXPECT_EQ(1u, this->mSource->mDecodedSamples.size()) << "it belongs to the next encoder";
+}
+
+TYPED_TEST(EncoderThreadTest, theOutputLoopRunsAtAudioPriority) {
+    this->enable(TypeParam::attribute());
+    EXPECT_EQ((std::vector<int32_t>{-16}), this->mCalls.threadPriorities());
+}
+
+TYPED_TEST(EncoderThreadTest, aSampleThatCannotBeCopiedOrDoesNotFitIsAFailure) {
+    this->restart();
+    this->mEncoder->setOutputBuffers(4, 16);
+    this->mEncoder->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
+    this->mEncoder->frame(ScriptedCodec::Bytes(17), 1);
+    EXPECT_TRUE(this->waitFor("setCodecStopped"));
+    EXPECT_EQ(-1130, this->mSource->failure()) << "an output that could not be copied";
+
+    this->renew(TypeParam::attribute());
+    this->mJournal.clear();
+    this->mEncoder = this->mPlatform.encoder(TypeParam::kMime);
+    this->mEncoder->setInputBuffers(2, TypeParam::kSampleBytes - 1);
+    EXPECT_EQ(OK, this->mSource->enable(TypeParam::attribute(), new AMessage));
+    this->mSource->start();
+    this->pushDecoded(1);
+    this->pushEnd(false);
+    EXPECT_TRUE(this->waitFor("setCodecStopped"));
+    EXPECT_EQ(-1130, this->mSource->failure()) << "an input that does not fit the encoder's buffer";
+    EXPECT_TRUE(this->mJournal.linesOf(this->encoderLine("queueInputBuffer")).empty());
+}
+
+TYPED_TEST(EncoderThreadTest, anEncoderThatWasToldToStopMayRefuseAnything) {
+    this->restart();
+    this->mEncoder->fail("queueInputBuffer", -38);
+    this->pushDecoded(1);
+    this->mJournal.on(this->encoderLine("stop"), [&] { this->mEncoder->holdInput(false); });
+    this->mSource->stop();
+    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
+    EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
+    EXPECT_EQ(0, this->mSource->failure());
 }
 
 class VideoEncoderThreadTest : public EncoderThreadTest<VideoKind> {};
@@ -258,18 +368,18 @@ TEST_F(VideoEncoderThreadTest, decodingTimesGoUpByOneFrameOfTheOutput) {
 TEST_F(VideoEncoderThreadTest, aTimeOutOfAStoppedSourceEndsTheOutputLoop) {
     restart();
     mSource->setCodecStopped();
-    EXPECT_EQ(TVideoSource::MediaEncoderThread::Next::kEnd,
-              thread().handleDrainResult(mEncoder, -EAGAIN));
+    mEncoder->outputResult(-EAGAIN);
+    EXPECT_EQ(Next::kEnd, thread().drainEncoder(mEncoder));
     EXPECT_TRUE(threadLogged(ANDROID_LOG_DEBUG, "output buffer wa forced stop by others"));
     EXPECT_TRUE(thread().mExitRequested);
 }
 
-TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastPictureAgain) {
+TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastFrameAgain) {
     restart();
     pushDecoded(1);
     mEncoder->holdInput(false);
     EXPECT_TRUE(waitForThread("waiting @ Decoded data read()"));
-    BatchHandOff::wakeDecodedSide(*mSource);
+    mSource->mCore.decoded.wakeBoth();
     EXPECT_TRUE(mEncoder->waitForQueued(2));
     EXPECT_EQ(40000, mEncoder->queued()[1].timeUs);
     EXPECT_EQ(VideoKind::kSampleBytes, mEncoder->queued()[1].bytes.size());
@@ -280,6 +390,14 @@ TEST_F(VideoEncoderThreadTest, aMarkerWithFurtherFlagsEndsTheTrackAsWell) {
     pushEnd(false, 5);
     runToTheEnd();
     EXPECT_EQ(4u, mEncoder->queued()[0].flags);
+}
+
+TEST_F(VideoEncoderThreadTest, aTimeOutThatCarriesTheEndFlagEndsTheTrack) {
+    restart();
+    mEncoder->outputResult(-EAGAIN, 4);
+    EXPECT_TRUE(waitForThread("Call threadLoop End"));
+    EXPECT_TRUE(mSource->mCodecStopped) << "or the writer would wait for ever";
+    EXPECT_EQ(0, mSource->failure());
 }
 
 TEST_F(VideoEncoderThreadTest, anErrorThatCarriesTheEndFlagEndsTheOutput) {

@@ -1,46 +1,49 @@
-// Every check whose failure ends the process, to the letter.
+// Which operation fails which fatal check.
 #include "SessionTest.h"
 #include "SourceKinds.h"
 
 namespace android::qmmediaeditor {
 
-#define SOURCE_PATH "frameworks/av/services/mediaeditorservice/Transcode/"
+// The message of a check of two values.
+static std::string messageOf(const FatalCheck& c, status_t first, status_t second) {
+    return std::string(c.source) + ":" + std::to_string(c.line) + " CHECK_EQ( " + c.text +
+           ") failed: " + std::to_string(first) + " vs. " + std::to_string(second);
+}
+
+static std::string messageOf(const FatalCheck& c) {
+    return std::string(c.source) + ":" + std::to_string(c.line) + " CHECK(" + c.text + ") failed.";
+}
 
 class SessionCheckTest : public SessionTest {
 protected:
-    // The message, which must have been logged under that tag as well.
-    template <typename Statement>
-    std::string fatal(const Statement& statement) {
-        const std::string message = FatalCheckTrap::messageOf(statement);
-        EXPECT_TRUE(logged(ANDROID_LOG_FATAL, message)) << message;
-        return message;
-    }
-    static std::string check(const char* rest) {
-        return std::string(SOURCE_PATH "Transcode:") + rest;
-    }
-    void prepareTracks() {
+    void prepare() {
+        addSamples(1, 1);
         prepareEchoes();
-        ASSERT_EQ(OK, session().createModule());
+        prepareLoop();
+    }
+    void drain(const std::string& expected) {
+        EXPECT_FATAL(session().runDecoder(nullptr, 1, 0), expected);
+        EXPECT_TRUE(logged(ANDROID_LOG_FATAL, expected)) << expected;
     }
 };
 
-TEST_F(SessionCheckTest, trackSelection) {
+TEST_F(SessionCheckTest, aTrackOrDecoderThatIsNotAsPromisedAborts) {
     const struct {
-        const char* message;
+        std::string message;
         std::function<void(ScriptedPlatform&, AMessage&)> prepare;
     } table[] = {
-        {"667 CHECK(mpTrack[i].mFormat->findString(\"mime\", &mime)) failed.",
+        {messageOf(checks::kTrackMime),
          [](ScriptedPlatform&, AMessage& format) { format.setInt32("mime", 0); }},
-        {"688 CHECK(mpTrack[i].mCodecStatus->mCodec != NULL) failed.",
+        {messageOf(checks::kAudioDecoder),
          [](ScriptedPlatform& p, AMessage&) { p.refuseCodec(kAac, false); }},
-        {"697 CHECK_EQ( err,(status_t)OK) failed: -5 vs. 0",
+        {messageOf(checks::kAudioDecoderConfigured, -5, 0),
          [](ScriptedPlatform& p, AMessage&) { p.decoder(kAac)->fail("configure", -5); }},
-        {"728 CHECK(mpTrack[i].mCodecStatus->mCodec != NULL) failed.",
+        {messageOf(checks::kVideoDecoder),
          [](ScriptedPlatform& p, AMessage& format) {
              format.setString("mime", kAvc);
              p.refuseCodec(kAvc, false);
          }},
-        {"774 CHECK(mpTrack[i].mFormat->findInt64(\"durationUs\", &duration)) failed.",
+        {messageOf(checks::kTrackDuration),
          [](ScriptedPlatform&, AMessage& format) { format.setInt32("durationUs", 0); }},
     };
     for (const auto& row : table) {
@@ -50,191 +53,142 @@ TEST_F(SessionCheckTest, trackSelection) {
         row.prepare(platform, *format);
         Transcode s(&mRequest, nullptr);
         s.createExtractor(s.mFileAttribute);
-        EXPECT_EQ(check(row.message), fatal([&] { s.createTrack(); }));
+        EXPECT_FATAL(s.createTrack(), row.message);
     }
 }
 
-TEST_F(SessionCheckTest, startOfTheDecodersAndOfTheWriter) {
-    const std::pair<const char*, const char*> table[] = {
-        {"start", "1064 CHECK_EQ( (status_t)OK,mpTrack[i].mCodecStatus->mCodec->start()) failed: "},
-        {"getInputBuffers",
-         "1065 CHECK_EQ( (status_t)OK,mpTrack[i].mCodecStatus->mCodec->getInputBuffers("
-         "&mpTrack[i].mCodecStatus->mInBuffers)) failed: "},
-        {"getOutputBuffers",
-         "1066 CHECK_EQ( (status_t)OK,mpTrack[i].mCodecStatus->mCodec->getOutputBuffers("
-         "&mpTrack[i].mCodecStatus->mOutBuffers)) failed: "}};
-    for (const auto& [operation, message] : table) {
+TEST_F(SessionCheckTest, decodersAndWritersThatDoNotStartAbort) {
+    const std::pair<const char*, const FatalCheck&> table[] = {
+        {"start", checks::kDecoderStarted},
+        {"getInputBuffers", checks::kDecoderInputs},
+        {"getOutputBuffers", checks::kDecoderOutputs}};
+    for (const auto& [operation, c] : table) {
         mSession.reset();
         renewOutput();
         mPlatform.extractor().addTrack(audioFormat());
         mPlatform.decoder(kAac)->fail(operation, -5);
         ASSERT_EQ(OK, session().createModule());
-        EXPECT_EQ(check(message) + "-5 vs. 0", fatal([&] { session().startDecoders(); }));
+        EXPECT_FATAL(session().startDecoders(), messageOf(c, -5, 0));
     }
     mPlatform.writer().setStartResult(-6);
-    EXPECT_EQ(check("1120 CHECK_EQ( (status_t)OK,mMP4Writer->start(mFileMeta.get())) failed: "
-                    "0 vs. -6"),
-              fatal([&] {
-                  session().createSource();
-                  session().wireWriter();
-              }));
+    EXPECT_EQ(OK, session().createSource());
+    EXPECT_FATAL(session().wireWriter(), messageOf(checks::kWriterStarted, 0, -6));
 }
 
-TEST_F(SessionCheckTest, endOfTheDecoders) {
-    prepareTracks();
-    mVideoDecoder->fail("release", -5);
-    EXPECT_EQ(check("1226 CHECK_EQ( (status_t)OK,state->mCodec->release()) failed: 0 vs. -5"),
-              fatal([&] { session().releaseDecoders(); }));
-}
-
-TEST_F(SessionCheckTest, inputReader) {
-    addSamples(1, 1);
-    prepareEchoes();
-    prepareLoop();
+TEST_F(SessionCheckTest, samplesThatCannotBeReadAfterTheyWereAnnouncedAbort) {
+    prepare();
     mVideoDecoder->fail("queueInputBuffer", -5);
-    mAudioDecoder->holdInput(false);
-    EXPECT_EQ(check("997 CHECK_EQ( err,(status_t)OK) failed: -5 vs. 0"),
-              fatal([&] { session().signalInputEOS(); }));
-    const std::pair<const char*, const char*> table[] = {
-        {"getSampleMeta", "899 CHECK_EQ( err,(status_t)OK) failed: -4 vs. 0"},
-        {"getSampleTime", "895 CHECK_EQ( err,(status_t)OK) failed: -4 vs. 0"},
-        {"readSampleData", "892 CHECK_EQ( err,(status_t)OK) failed: -4 vs. 0"}};
-    for (const auto& [operation, message] : table) {
+    EXPECT_FATAL(session().signalInputEOS(), messageOf(checks::kDecoderEndQueued, -5, 0));
+    const std::pair<const char*, const FatalCheck&> table[] = {
+        {"getSampleMeta", checks::kSampleMeta},
+        {"getSampleTime", checks::kSampleTime},
+        {"readSampleData", checks::kSampleRead}};
+    for (const auto& [operation, c] : table) {
         mPlatform.extractor().fail(operation, -4);
         Transcode::PendingSample sample;
-        EXPECT_EQ(check(message), fatal([&] { session().readSample(&sample); }));
+        EXPECT_FATAL(session().readSample(&sample), messageOf(c, -4, 0));
     }
 }
 
-TEST_F(SessionCheckTest, decoderDrain) {
+TEST_F(SessionCheckTest, decodersThatBreakTheirContractWhileTheyRunAbort) {
     setPeriods({{100, 200}});
-    prepareEchoes();
-    prepareLoop();
-    auto drain = [&] { return fatal([&] { session().runDecoder(nullptr, 1, 0); }); };
+    prepare();
     mVideoDecoder->fail("getOutputFormat", -5);
-    EXPECT_EQ(check("1340 CHECK_EQ( (status_t)OK,state->mCodec->getOutputFormat(&format)) failed: "
-                    "0 vs. -5"),
-              drain());
+    drain(messageOf(checks::kNewDecoderFormat, 0, -5));
     mVideoDecoder->fail("getOutputBuffers", -6);
     mVideoDecoder->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
-    EXPECT_EQ(check("1334 CHECK_EQ( (status_t)OK,state->mCodec->getOutputBuffers("
-                    "&state->mOutBuffers)) failed: 0 vs. -6"),
-              drain());
-    for (const status_t err : {-38, -10, -12, -1013, 1}) {
+    drain(messageOf(checks::kNewDecoderOutputs, 0, -6));
+    for (const status_t err : {-38, 1}) {
         mVideoDecoder->outputResult(err);
-        EXPECT_EQ(check("1349 CHECK_EQ( err,-11) failed: ") + std::to_string(err) + " vs. -11",
-                  drain());
+        drain(messageOf(checks::kDecoderOutputResult, err, -11));
     }
     mVideoDecoder->fail("releaseOutputBuffer", -7);
     mVideoDecoder->frame({1}, 5);
-    EXPECT_EQ(check("1303 CHECK_EQ( err,(status_t)OK) failed: -7 vs. 0"), drain());
+    drain(messageOf(checks::kDroppedFrameReleased, -7, 0));
     mVideoDecoder->frame({1}, 150);
-    EXPECT_EQ(check("1329 CHECK_EQ( err,(status_t)OK) failed: -7 vs. 0"), drain());
+    drain(messageOf(checks::kFrameReleased, -7, 0));
+    mVideoDecoder->fail("release", -5);
+    EXPECT_FATAL(session().releaseDecoders(), messageOf(checks::kDecoderReleased, 0, -5));
 }
 
-TEST_F(SessionCheckTest, indexesOfDecoderBuffers) {
-    prepareEchoes();
-    prepareLoop();
-    auto endsWith = [](const std::string& text, const std::string& end) {
-        return text.size() >= end.size() &&
-               text.compare(text.size() - end.size(), end.size(), end) == 0;
-    };
+TEST_F(SessionCheckTest, indexesOfDecoderBuffersAreChecked) {
+    prepare();
     mVideoDecoder->clearOutput();
     mVideoDecoder->frameAtIndex(16);
-    EXPECT_TRUE(endsWith(fatal([&] { session().runDecoder(nullptr, 1, 0); }),
-                         ": index=16 out of range (16)"));
     mVideoDecoder->inputIndex(4);
-    bool queued;
-    EXPECT_TRUE(endsWith(fatal([&] {
-                             session().queueSample({1, 0, false}, &queued);
-                         }),
-                         ": index=4 out of range (4)"));
-    mVideoDecoder->setInputBuffers(0, 0);
-    EXPECT_TRUE(endsWith(fatal([&] { session().startDecoders(); }), ": index=0 out of range (0)"));
+    const std::string output =
+        FatalCheckTrap::messageOf([&] { session().runDecoder(nullptr, 1, 0); });
+    EXPECT_NE(std::string::npos, output.find(": index=16 out of range (16)")) << output;
+    const std::string input = FatalCheckTrap::messageOf([&] {
+        session().queueSample({1, 0, false});
+    });
+    EXPECT_NE(std::string::npos, input.find(": index=4 out of range (4)")) << input;
 }
 
 template <class Kind>
 class EncoderCheckTest : public SourceTest<Kind> {
 protected:
-    // "<path of the source>:<line> CHECK_EQ( (status_t)OK,<member>.mCodec-><call>) failed: 0 vs.
-    // -5"
-    static std::string check(int line, const std::string& member, const std::string& call) {
-        return std::string(SOURCE_PATH) + Kind::kTag + ":" + std::to_string(line) +
-               " CHECK_EQ( (status_t)OK," + member + ".mCodec->" + call + ") failed: 0 vs. -5";
+    static constexpr const FatalCheck& of(const FatalCheck& audio, const FatalCheck& video) {
+        return Kind::kIsAudio ? audio : video;
     }
-    static constexpr bool kIsAudio = Kind::kIsAudio;
-    const std::string mMember = kIsAudio ? "mAudioEncoder" : "mVideoEncoder";
-
-    // One turn of each port, on this thread; the encoder's own threads have ended.
-    void takeOutput() {
-        auto& thread = *this->mSource->mMediaEncoderThread;
-        if constexpr (kIsAudio) {
-            TEncodedSample output;
-            thread.takeOutput(mDetached, &output);
-        } else {
-            thread.handleDrainResult(mDetached, thread.drainEncoder(mDetached));
-        }
-    }
-    void feed() {
-        TDecodedSample input;
-        this->mSource->mMediaEncoderThread->feedEncoder(mDetached, &input);
-    }
+    // One pass of the output loop, on this thread.
+    void drain() { this->mSource->mMediaEncoderThread->drainEncoder(mDetached); }
 
     sp<ScriptedCodec> mDetached = new ScriptedCodec("detached", &this->mJournal);
 };
 
 TYPED_TEST_SUITE(EncoderCheckTest, BothKinds);
 
-TYPED_TEST(EncoderCheckTest, buffersOfTheEncoder) {
-    const std::tuple<const char*, int, const char*> table[] = {
-        {"getInputBuffers", TypeParam::kIsAudio ? 647 : 648, ".mInBuffers)"},
-        {"getOutputBuffers", TypeParam::kIsAudio ? 648 : 650, ".mOutBuffers)"}};
-    for (const auto& [operation, line, buffers] : table) {
+TYPED_TEST(EncoderCheckTest, anEncoderWithoutBuffersAborts) {
+    const std::pair<const char*, const FatalCheck&> table[] = {
+        {"getInputBuffers", this->of(checks::kAudioEncoderInputs, checks::kVideoEncoderInputs)},
+        {"getOutputBuffers", this->of(checks::kAudioEncoderOutputs, checks::kVideoEncoderOutputs)}};
+    for (const auto& [operation, c] : table) {
         this->mPlatform.encoder(TypeParam::kMime)->fail(operation, -5);
-        const std::string call = std::string(operation) + "(&" + this->mMember + buffers;
-        const std::string expected = this->check(line, this->mMember, call);
-        EXPECT_FATAL(this->mSource->enable(TypeParam::attribute(), new AMessage), expected);
-        EXPECT_TRUE(this->threadLogged(ANDROID_LOG_FATAL, expected));
+        EXPECT_FATAL(this->mSource->enable(TypeParam::attribute(), new AMessage),
+                     messageOf(c, 0, -5));
+        EXPECT_TRUE(this->threadLogged(ANDROID_LOG_FATAL, messageOf(c, 0, -5)));
     }
 }
 
-TYPED_TEST(EncoderCheckTest, outputOfTheEncoder) {
+TYPED_TEST(EncoderCheckTest, anEncoderThatBreaksItsContractWhileItRunsAborts) {
     this->enable(TypeParam::attribute());
     this->mDetached->fail("getOutputBuffers", -5);
-    this->mDetached->fail("getOutputFormat", -5);
     this->mDetached->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
-    EXPECT_FATAL(this->takeOutput(),
-                 this->check(TypeParam::kIsAudio ? 1020 : 997, this->mMember,
-                             "getOutputBuffers(&" + this->mMember + ".mOutBuffers)"));
+    EXPECT_FATAL(this->drain(), messageOf(this->of(checks::kNewAudioEncoderOutputs,
+                                                   checks::kNewVideoEncoderOutputs),
+                                          0, -5));
+    this->mDetached->fail("getOutputFormat", -5);
     this->mDetached->outputResult(INFO_FORMAT_CHANGED);
-    EXPECT_FATAL(this->takeOutput(), this->check(TypeParam::kIsAudio ? 1025 : 1002, this->mMember,
-                                                 "getOutputFormat(&format)"));
-}
+    EXPECT_FATAL(
+        this->drain(),
+        messageOf(this->of(checks::kNewAudioEncoderFormat, checks::kNewVideoEncoderFormat), 0, -5));
 
-TYPED_TEST(EncoderCheckTest, indexesOfEncoderBuffers) {
-    this->enable(TypeParam::attribute());
     this->mDetached->frameAtIndex(16);
-    std::string message = FatalCheckTrap::messageOf([&] { this->takeOutput(); });
+    std::string message = FatalCheckTrap::messageOf([&] { this->drain(); });
     EXPECT_NE(std::string::npos, message.find(": index=16 out of range (16)")) << message;
-    EXPECT_TRUE(this->logged(ANDROID_LOG_FATAL, message));
+    EXPECT_TRUE(this->logged(ANDROID_LOG_FATAL, message)) << "under the source's tag";
     this->mDetached->inputIndex(4);
-    message = FatalCheckTrap::messageOf([&] { this->feed(); });
+    TDecodedSample input;
+    message = FatalCheckTrap::messageOf(
+        [&] { this->mSource->mMediaEncoderThread->mPump.feedEncoder(this->mDetached, &input); });
     EXPECT_NE(std::string::npos, message.find(": index=4 out of range (4)")) << message;
-    EXPECT_TRUE(this->logged(ANDROID_LOG_FATAL, message));
 }
 
-TEST(FatalCheckTrapTest, aFailedCheckEndsAnotherThreadAndIsKept) {
+// One text as it stands in the log, so that the others can be built from the table.
+TEST(FatalCheckTrapTest, aFailedCheckEndsAnotherThreadAndItsMessageIsKept) {
     Journal journal;
     LogCapture log(&journal);
     FatalCheckTrap trap;
     bool survived = false;
     std::thread other([&] {
-        Transcode::kChecks.areEqual(1, "a,b", 2, 3);
+        checkEqual(checks::kDecoderOutputResult, 2, 3);
         survived = true;
     });
     other.join();
     EXPECT_FALSE(survived);
-    EXPECT_EQ((std::vector<std::string>{SOURCE_PATH "Transcode:1 CHECK_EQ( a,b) failed: 2 vs. 3"}),
+    EXPECT_EQ((std::vector<std::string>{"frameworks/av/services/mediaeditorservice/Transcode/"
+                                        "Transcode:1349 CHECK_EQ( err,-11) failed: 2 vs. 3"}),
               trap.elsewhere());
 }
 

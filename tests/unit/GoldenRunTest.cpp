@@ -50,7 +50,7 @@ TEST_F(GoldenRunTest, everyMessageOfAWholeRunIsAsItWas) {
         EXPECT_TRUE(mLog.waitFor("TAudioSource", "waiting @ read()"));
         EXPECT_TRUE(mLog.waitFor("TVideoSource", "waiting @ read()"));
         for (const auto* encoder : {&mAudioEncoder, &mVideoEncoder}) {
-            // What comes out waits until all has gone in.
+            // No output until the encoder has all of its input.
             (*encoder)->holdOutput(true);
             (*encoder)->holdInput(false);
             EXPECT_TRUE((*encoder)->waitForQueued(4));

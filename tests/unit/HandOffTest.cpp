@@ -1,6 +1,7 @@
 // The batch hand-off between threads, in both directions and in both sources.
 #include <sched.h>
 
+#include <map>
 #include <utility>
 
 #include "SourceKinds.h"
@@ -127,11 +128,14 @@ TYPED_TEST(HandOffTest, everyWayToStopWakesEveryConsumer) {
         this->restart();
         TDecodedSample input;
         Background writer([&] { EXPECT_EQ(-1011, this->readOne()); });
-        Background encoder([&] { EXPECT_EQ(-1018, this->takeDecoded(&input)); });
+        status_t taken = OK;
+        Background encoder([&] { taken = this->takeDecoded(&input); });
         EXPECT_TRUE(this->waitFor("waiting @ read()"));
         EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
         stop(*this->mSource);
         EXPECT_TRUE(writer.finishes() && encoder.finishes());
+        const bool toldToExit = this->mSource->mMediaEncoderThread->mExitRequested;
+        EXPECT_EQ(toldToExit ? -1011 : -1018, taken);
     }
 }
 
@@ -189,6 +193,99 @@ TYPED_TEST(HandOffTest, aReaderThatIsWokenWithNothingToReadWaitsAgain) {
     Background encoderOutput([&] { this->pushEncoded(10); });
     EXPECT_TRUE(writer.finishes());
     this->mSource->setCodecStopped();
+}
+
+TYPED_TEST(HandOffTest, everyWakeUpIsMadeUnderTheLockOfItsWaitersAfterTheFlagWasSet) {
+    for (const auto& stop : kStops) {
+        this->restart();
+        TSourceBase& base = *this->mSource;
+        auto& s = *this->mSource;
+        const std::pair<const Condition&, Mutex&> waits[] = {
+            {s.mStartCond, s.mEncodedLock},
+            {s.mFrameAvailableCond, s.mEncodedLock},
+            {s.mBufferReturnedCond, s.mEncodedLock},
+            {s.mDecodedAvailableCond, s.mDecodedLock},
+            {s.mDecoderBufferReturnedCond, s.mDecodedLock}};
+        std::map<const Condition*, bool> sawFlag;
+        for (const auto& wait : waits) {
+            this->mCalls.onWakeUp(wait.first, [&] {
+                const bool locked = wait.second.tryLock() != OK;
+                EXPECT_TRUE(locked) << "a thread that is about to sleep would miss it";
+                if (!locked) wait.second.unlock();
+                sawFlag[&wait.first] = s.mCodecStopped;
+            });
+        }
+        stop(base);
+        EXPECT_EQ(5u, sawFlag.size());
+        for (const auto& saw : sawFlag) EXPECT_TRUE(saw.second);
+        this->mCalls.forgetHooks();
+    }
+}
+
+TYPED_TEST(HandOffTest, aStartIsToldUnderTheLockAfterItsFlagWasSet) {
+    bool told = false;
+    this->mCalls.onWakeUp(this->mSource->mStartCond, [&] {
+        EXPECT_NE(OK, this->mSource->mEncodedLock.tryLock());
+        told = this->mSource->mStarted;
+    });
+    this->mSource->start();
+    EXPECT_TRUE(told);
+    this->mCalls.forgetHooks();
+}
+
+TYPED_TEST(HandOffTest, aFailureIsRecordedBeforeAnyThreadIsWoken) {
+    this->restart();
+    int32_t seen = 0;
+    this->mCalls.onWakeUp(this->mSource->mDecoderBufferReturnedCond,
+                          [&] { seen = this->mSource->failure(); });
+    this->mJournal.on(std::string(TypeParam::kTag) + ": setCodecStopped",
+                      [&] { EXPECT_EQ(-1130, this->mSource->failure()); });
+    this->mSource->mCore.reportFailure(-1130);
+    EXPECT_EQ(-1130, seen);
+    this->mCalls.forgetHooks();
+}
+
+TYPED_TEST(HandOffTest, onlyTheSessionsThreadPollsForAStopThatWakesNobody) {
+    this->restart();
+    this->mCalls.setInstant();
+    int asked = 0;
+    this->mSource->setStopTest([&] { return ++asked == 3; });
+    this->fillBoth();
+    EXPECT_EQ(OK, this->pushDecoded(10)) << "the stop test ends the wait";
+    const auto polls = this->mCalls.timedWaitsNs(this->mSource->mDecoderBufferReturnedCond);
+    ASSERT_EQ(2u, polls.size());
+    EXPECT_GT(polls[0], 10 * 1000000) << "no busy loop";
+    EXPECT_LE(polls[0], 50 * 1000000);
+    Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
+    EXPECT_TRUE(this->waitFor(TypeParam::kEncodedFull));
+    this->mSource->setCodecStopped();
+    EXPECT_TRUE(encoderOutput.finishes());
+    EXPECT_TRUE(this->mCalls.timedWaitsNs(this->mSource->mBufferReturnedCond).empty());
+}
+
+TYPED_TEST(HandOffTest, aPayloadIsCopiedFromItsOffset) {
+    this->restart();
+    TypeParam::makePool(*this->mSource);
+    const size_t bytes = TypeParam::kSampleBytes;
+    const auto payload = [&] {
+        const sp<MediaCodecBuffer> buffer = this->bufferOf(bytes + 16, 1);
+        memset(buffer->base() + 16, 2, bytes);
+        buffer->setRange(16, bytes);
+        return buffer;
+    };
+    TEncodedSample encoded;
+    TDecodedSample decoded;
+    encoded.mBuffer = decoded.mBuffer = payload();
+    encoded.mSize = decoded.mSize = bytes;
+    EXPECT_EQ(OK, this->mSource->pushEncodedBuffer(&encoded));
+    EXPECT_EQ(OK, this->mSource->pushDecodedBuffer(decoded, false));
+    EXPECT_EQ(OK, this->readOne());
+    EXPECT_EQ(std::vector<uint8_t>(bytes, 2), this->mRead.bytes);
+    const sp<MediaCodecBuffer> queued = this->mSource->mDecodedSamples.begin()->mBuffer;
+    EXPECT_EQ(2, queued->data()[0]);
+    EXPECT_EQ(2, queued->data()[bytes - 1]);
+    encoded.mSize = decoded.mSize = bytes + 1;
+    EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded)) << "the capacity is more than that";
 }
 
 TYPED_TEST(HandOffTest, samplesWithoutTheirBytesAreRefused) {

@@ -50,7 +50,7 @@ TEST_F(InputReaderTest, everySampleGoesToItsDecoderAndThenTheEnd) {
     EXPECT_EQ(expected, std::vector<std::string>(lines.end() - 7, lines.end()));
 }
 
-TEST_F(InputReaderTest, trimming_seeksToThePeriodAndStopsReadingBeyondTheLast) {
+TEST_F(InputReaderTest, aTrimmedRunSeeksToThePeriodAndStopsReadingBeyondTheLast) {
     setPeriods({{kVideoStepUs, 2 * kVideoStepUs}, {3 * kVideoStepUs, 4 * kVideoStepUs}});
     prepareEchoes();
     addSamples(0, 8);
@@ -124,14 +124,13 @@ TEST_F(InputReaderTest, aStopEndsTheReaderWhereverItIs) {
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop : so sawInputEOS is changed as ture."));
     EXPECT_TRUE(mVideoDecoder->queued().empty());
 
-    bool queued = true;
     mVideoDecoder->inputResult(-EAGAIN);
     session().mSampleBuffer = new ABuffer(8);
-    EXPECT_EQ(Transcode::Next::kEnd, session().queueSample({1, 0, false}, &queued));
+    EXPECT_EQ(Transcode::ReaderState::kEnded, session().queueSample({1, 0, false}));
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Force stop : in EAGAIN case"));
 
     mAudioDecoder->inputResult(-EAGAIN);
-    EXPECT_EQ(Transcode::Next::kEnd, session().signalInputEOS());
+    EXPECT_EQ(Transcode::ReaderState::kEnded, session().signalInputEOS());
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "force stop input in EAGAIN case"));
     EXPECT_TRUE(session().mpTrack[0].mCodecStatus->mSawInputEOS);
     EXPECT_FALSE(session().mpTrack[1].mCodecStatus->mSawInputEOS);
@@ -146,46 +145,29 @@ TEST_F(InputReaderTest, aDecoderThatRefusesASampleEndsTheReaderAndTheRun) {
     EXPECT_TRUE(session().mForceStop) << "or the run would wait for an end that never comes";
 }
 
-TEST_F(InputReaderTest, aSampleThatADecoderCannotHoldReachesItEmpty) {
+TEST_F(InputReaderTest, aSampleThatADecoderCannotHoldEndsTheReaderAndTheRun) {
     mPlatform.extractor().addTrack(audioFormat());
     mPlatform.extractor().addTrack(videoFormat());
     mAudioDecoder = mPlatform.decoder(kAac);
     mAudioDecoder->setInputBuffers(2, 64);
-    mPlatform.extractor().addSample({0, 5, std::vector<uint8_t>(65)});
-    mPlatform.extractor().addSample({0, 6, std::vector<uint8_t>(64)});
+    mPlatform.extractor().addSample({0, 5, std::vector<uint8_t>(64)});
+    mPlatform.extractor().addSample({0, 6, std::vector<uint8_t>(65)});
     prepareLoop();
     session().inputThreadEntry();
-    ASSERT_EQ(3u, mAudioDecoder->queued().size());
-    EXPECT_EQ(0u, mAudioDecoder->queued()[0].bytes.size());
-    EXPECT_EQ(64u, mAudioDecoder->queued()[1].bytes.size());
+    ASSERT_EQ(1u, mAudioDecoder->queued().size());
+    EXPECT_TRUE(session().mForceStop);
+    EXPECT_EQ(-1130, session().mFailure);
 }
 
 TEST_F(InputReaderTest, samplesReadAheadComeFirst) {
     prepareReader();
     EXPECT_EQ(4, session().makeSampleList(session().mExtractor, &session().mSampleList, 4096));
-    const Transcode::SampleData& first = *session().mSampleList.begin();
-    EXPECT_EQ(1u, first.mTrackIndex);
-    EXPECT_FALSE(first.mIsAudio);
-    EXPECT_EQ(1, first.mIsSyncFrame);
-    EXPECT_EQ(kPictureBytes, first.mBuffer->size());
     session().mNeedtoSeek = false;
     session().inputThreadEntry();
     EXPECT_EQ((Times{0, kAudioStepUs}), timesOf(mAudioDecoder));
     EXPECT_EQ((Times{0, kVideoStepUs}), timesOf(mVideoDecoder));
     EXPECT_EQ(1, mAudioDecoder->queued()[1].bytes[0]);
     EXPECT_TRUE(session().mSampleList.empty());
-}
-
-TEST_F(InputReaderTest, readingAheadEndsAtSixAudioOrElevenVideoSamples) {
-    prepareEchoes();
-    for (int64_t i = 0; i < 20; ++i)
-        mPlatform.extractor().addSample({i % 2 == 0 ? 0u : 1u, i, {1}});
-    for (int64_t i = 20; i < 40; ++i) mPlatform.extractor().addSample({1, i, {1}});
-    prepareLoop();
-    List<Transcode::SampleData> list;
-    EXPECT_EQ(11, session().makeSampleList(session().mExtractor, &list, 64));
-    session().mExtractor->seekTo(20, MediaTrack::ReadOptions::SEEK_PREVIOUS_SYNC);
-    EXPECT_EQ(22, session().makeSampleList(session().mExtractor, &list, 64));
 }
 
 TEST_F(InputReaderTest, progressGrowsFromTheOffsetAndIsNeverRepeated) {
@@ -197,11 +179,30 @@ TEST_F(InputReaderTest, progressGrowsFromTheOffsetAndIsNeverRepeated) {
 
 TEST_F(InputReaderTest, progressOfATrimmedRunCountsFromTheFirstStartToTheLastEnd) {
     setPeriods({{1000000, 2000000}, {3000000, 4999000}});
-    session().mFileAttribute.mDurationUs = 77;
-    for (const int64_t t : {1000000, 1040010, 3000000, 4999000, 4999001})
-        session().printProgress(t);
-    // (t + 1000 - 1000000) * 100 / (4999000 + 2000 - 1000000)
-    EXPECT_EQ((std::vector<int32_t>{1, 50, 99}), mProgress);
+    for (const uint32_t offset : {0u, 50u}) {
+        mRequest.mProgressOffset = offset;
+        mSession.reset();
+        mProgress.clear();
+        session().mFileAttribute.mDurationUs = 77;
+        for (const int64_t t : {1000000, 1040010, 3000000, 4999000, 4999001}) {
+            session().printProgress(t);
+        }
+        // offset + (t + 1000 - 1000000) * (100 - offset) / (4999000 + 2000 - 1000000)
+        const std::vector<int32_t> whole = {1, 50, 99};
+        const std::vector<int32_t> half = {50, 75, 99};
+        EXPECT_EQ(offset == 0 ? whole : half, mProgress);
+    }
+}
+
+TEST_F(InputReaderTest, progressIsEvaluatedForANegativeDenominatorToo) {
+    // The last period ends before the first one starts.
+    setPeriods({{10000000, 11000000}, {0, 3000000}});
+    for (const int64_t t : {10000000, 9999000, 1000000, 0}) session().printProgress(t);
+    // (t + 1000 - 10000000) * 100 / (3000000 + 2000 - 10000000)
+    EXPECT_EQ((std::vector<int32_t>{128, 142}), mProgress);
+    setPeriods({{3002000, 3002000}, {0, 3000000}});
+    session().printProgress(5);
+    EXPECT_EQ(2u, mProgress.size()) << "a denominator of 0 is passed over";
 }
 
 TEST_F(InputReaderTest, progressSurvivesDurationsAndTimesAtTheEndsOfTheRange) {
@@ -213,6 +214,9 @@ TEST_F(InputReaderTest, progressSurvivesDurationsAndTimesAtTheEndsOfTheRange) {
     EXPECT_EQ((std::vector<int32_t>{1}), mProgress) << "stays at the end of the range";
     setPeriods({{INT64_MIN, INT64_MAX}});
     session().printProgress(INT64_MAX);
+    session().printProgress(INT64_MIN);
+    session().mProperty->mTrimEnabled = false;
+    session().mFileAttribute.mDurationUs = -1;
     session().printProgress(INT64_MIN);
     EXPECT_EQ(1u, mProgress.size());
 }
@@ -231,25 +235,6 @@ TEST_F(InputReaderTest, periodsAreAcceptedOnlyWhenNoneEndsBeforeItStarts) {
     EXPECT_EQ(0, session().verifyTrimInfo());
     EXPECT_EQ(0, session().mCurrentPeriodIndex);
     EXPECT_EQ(0, session().mPeriodOffsetUs);
-}
-
-TEST_F(InputReaderTest, timesOfTheInputSideAreRebasedLikeThoseOfTheOutput) {
-    setPeriods({{100, 200}, {500, 700}});
-    session().verifyTrimInfo();
-    session().mPeriodChanged = false;
-    const struct {
-        int64_t timeUs;
-        bool kept;
-        int64_t rebased;
-    } table[] = {{99, false, 99},  {100, true, 0},   {199, true, 99},   {200, false, 200},
-                 {500, true, 100}, {699, true, 299}, {700, false, 700}, {600, false, 600}};
-    for (const auto& row : table) {
-        int64_t timeUs = row.timeUs;
-        EXPECT_EQ(row.kept, session().adjustPresentationTimeUs(&timeUs)) << row.timeUs;
-        EXPECT_EQ(row.rebased, timeUs);
-    }
-    EXPECT_TRUE(session().mPeriodChanged);
-    EXPECT_EQ(300, session().mPeriodOffsetUs);
 }
 
 }  // namespace android::qmmediaeditor

@@ -1,9 +1,14 @@
 // A whole run: what it brings, where it can be stopped, and what it returns.
+#include <TranscodeComponent.h>
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 
+#include "Background.h"
 #include "SessionTest.h"
 
 namespace android::qmmediaeditor {
@@ -37,7 +42,7 @@ TEST_F(MainLoopTest, everySampleOfBothTracksReachesTheWriter) {
     ASSERT_EQ(25u, audio.size());
     for (size_t i = 0; i < 25; ++i) {
         EXPECT_EQ(static_cast<int64_t>(i) * kVideoStepUs, video[i].timeUs);
-        EXPECT_EQ(std::vector<uint8_t>(kPictureBytes, static_cast<uint8_t>(i)), video[i].bytes);
+        EXPECT_EQ(std::vector<uint8_t>(kFrameBytes, static_cast<uint8_t>(i)), video[i].bytes);
         EXPECT_EQ(static_cast<int64_t>(i) * kAudioStepUs, audio[i].timeUs);
         EXPECT_EQ(std::vector<uint8_t>(kPcmBytes, static_cast<uint8_t>(i)), audio[i].bytes);
     }
@@ -177,11 +182,18 @@ TEST_P(RunFaultTest, theRunEndsWithTheFileClosedAndTheResultNamesTheFault) {
     stopAt("Transcode: force stop in output");
     stopAt("Transcode: force stop in output2");
     EXPECT_EQ(GetParam().result, run());
-    EXPECT_EQ(1u, mJournal.count("Transcode: Call force Stop"));
+    EXPECT_LE(mJournal.count("Transcode: Call force Stop"), 1u);
     if (GetParam().result == -1004) {
         EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "saw input eos"));
     }
     expectNoHang();
+    // Nothing is left behind: no port is waited for that does not run, and every thread lets go.
+    wp<TAudioSource> audio = session().mAudioSource;
+    wp<TVideoSource> video = session().mVideoSource;
+    awaitEncoders();
+    mPlatform.letGoOfWriter();
+    mSession.reset();
+    EXPECT_TRUE(audio.promote() == nullptr && video.promote() == nullptr);
 }
 
 const RunFault kRunFaults[] = {
@@ -212,6 +224,16 @@ const RunFault kRunFaults[] = {
      }},
     {"decoderThatRefusesAnInput", -1007,
      [](MainLoopTest& t) { t.mVideoDecoder->fail("queueInputBuffer", -38, 10); }},
+    {"sampleThatDoesNotFitTheDecoder", -1130,
+     [](MainLoopTest& t) { t.mAudioDecoder->setInputBuffers(4, kPcmBytes - 1); }},
+    {"frameThatCannotBeCopied", -1130,
+     [](MainLoopTest& t) { t.mVideoDecoder->setOutputBuffers(4, kFrameBytes - 1); }},
+    {"encodedSampleThatCannotBeCopied", -1130,
+     [](MainLoopTest& t) { t.mAudioEncoder->setOutputBuffers(4, kPcmBytes - 1); }},
+    {"pcmThatDoesNotFitTheEncoder", -1130,
+     [](MainLoopTest& t) { t.mAudioEncoder->setInputBuffers(4, kPcmBytes - 1); }},
+    {"frameThatDoesNotFitTheEncoder", -1130,
+     [](MainLoopTest& t) { t.mVideoEncoder->setInputBuffers(4, kFrameBytes - 1); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Faults, RunFaultTest, ::testing::ValuesIn(kRunFaults),
@@ -311,6 +333,13 @@ TEST_F(MainLoopTest, anEncoderThatFailsAfterTheDecodersEndedIsStillAnError) {
     expectNoHang();
 }
 
+TEST_F(MainLoopTest, anEncoderThatFailsWhileTheWriterStopsIsStillAnError) {
+    addSamples(2, 2);
+    mJournal.on("Transcode: call writer stop",
+                [this] { session().mVideoSource->mCore.reportFailure(-1130); });
+    EXPECT_EQ(-1130, run());
+}
+
 TEST_F(MainLoopTest, aStopDuringTheWaitForTheWriterClosesTheFileWithWhatIsThere) {
     addSamples(3, 3);
     mVideoEncoder->holdInput(true);
@@ -335,6 +364,90 @@ TEST_F(MainLoopTest, anEncoderThatFailsDuringTheWaitForTheWriterEndsTheOtherTrac
     });
     EXPECT_EQ(-1130, run());
     expectNoHang();
+}
+
+TEST_F(MainLoopTest, decodersAreReleasedOnlyAfterTheReaderHasEnded) {
+    addSamples(3, 3);
+    mVideoDecoder->holdInputCalls(true);
+    // Only the wait for the reader lets the call return in which the reader is.
+    std::atomic<bool> held{true};
+    mCalls.onWait(session().mInputPort.mIdle, [&] {
+        if (held.exchange(false)) mVideoDecoder->holdInputCalls(false);
+    });
+    Background stop([this] {
+        EXPECT_TRUE(mVideoDecoder->waitForInputCall());
+        session().forceStop();
+    });
+    EXPECT_EQ(-1003, run());
+    EXPECT_FALSE(held) << "the run did not wait for the reader";
+    mVideoDecoder->holdInputCalls(false);
+    EXPECT_TRUE(mLog.waitFor("Transcode", "inputThreadEntry end"));
+    const std::vector<std::string> order = {"Transcode: inputThreadEntry end",
+                                            "decoder audio/mp4a-latm release",
+                                            "decoder video/avc release"};
+    EXPECT_EQ(order, mJournal.orderOf(order));
+    mCalls.forgetHooks();
+}
+
+// Both threads as fast as they can: a flag that is seen before the period fails soon.
+TEST_F(MainLoopTest, aSeekIsRequestedAfterThePeriodHasAdvanced) {
+    std::vector<TrimPeriod> periods;
+    for (int64_t i = 5000; i > 0; --i) periods.push_back({i, 2 * i});
+    setPeriods(periods);
+    ASSERT_EQ(OK, session().verifyTrimInfo());
+    std::atomic<int32_t> taken{0};
+    int32_t late = 0;
+    const int32_t last = session().mProperty->mPeriodCount - 1;
+    Background reader([&] {
+        while (taken < last) {
+            if (!session().mNeedtoSeek.take(false)) continue;
+            if (session().mCurrentPeriodIndex != taken + 1) ++late;
+            ++taken;
+        }
+    });
+    for (int32_t i = 0; i < last; ++i) {
+        TDecodedSample sample;
+        sample.mPresentationTimeUs = periods[static_cast<size_t>(i)].mEndUs;
+        session().adjustPresentationTimeUs(&sample);
+        while (taken <= i) {
+        }
+    }
+    EXPECT_TRUE(reader.finishes());
+    EXPECT_EQ(0, late);
+}
+
+TEST_F(MainLoopTest, theWriterIsPolledAndItsEventsWaitAWhile) {
+    addSamples(1, 1);
+    mPlatform.writer().setEndDelay(2);
+    mJournal.on("Transcode: Start loop", [this] { mPlatform.writer().fire(2, 801, 0); });
+    EXPECT_EQ(-1003, run());
+    EXPECT_EQ((std::vector<useconds_t>{50000, 100000, 100000}), mCalls.sleeps());
+}
+
+TEST_F(MainLoopTest, progressBeginsWithTheOffsetAndEndsWithTheLastPeriod) {
+    addSamples(0, 20);
+    setPeriods({{0, 2 * kVideoStepUs}, {10 * kVideoStepUs, 12 * kVideoStepUs}});
+    mRequest.mProgressOffset = 40;
+    EXPECT_EQ(0, run());
+    EXPECT_EQ(40, mProgress.front());
+    // The sample behind the last period counts as well: 40 + 521000 * 60 / 482000.
+    EXPECT_EQ(104, mProgress.back());
+    EXPECT_TRUE(std::is_sorted(mProgress.begin(), mProgress.end()));
+}
+
+TEST_F(MainLoopTest, decodersDrawOnTheHostsSurfaceAndAnEncoderMayBeFedThroughOne) {
+    mRequest.mUseInputSurface = true;
+    mSession = std::make_unique<Transcode>(&mRequest, new Surface);
+    prepareLoop();
+    EXPECT_EQ(1u, mJournal.count("decoder video/avc configure surface 0"));
+    EXPECT_EQ(1u, mJournal.count("decoder audio/mp4a-latm configure 0"));
+    session().runDecoder(nullptr, 1, 0);
+    EXPECT_EQ(1u, mJournal.count("encoder video/avc configure 1"));
+    int32_t color = 0;
+    mVideoEncoder->configuredFormat()->findInt32("color-format", &color);
+    EXPECT_EQ(0x7F000789, color);
+    session().mVideoSource->mMediaEncoderThread->signalEndOfInputStream();
+    EXPECT_EQ(1u, mJournal.count("encoder video/avc signalEndOfInputStream"));
 }
 
 TEST_F(MainLoopTest, theUuidDataOfTheInputIsCopied) {

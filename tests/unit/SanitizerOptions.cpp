@@ -1,4 +1,4 @@
-// What the sanitizers are to know of these tests; without one nobody calls these functions.
+// The sanitizers' options for these tests. Without a sanitizer nobody calls these functions.
 
 extern "C" {
 

@@ -15,13 +15,13 @@ protected:
     static bool isOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
     // Opened again, the file gets a descriptor with flags of its own.
     static std::string reopened(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
-    // What the kernel calls the looper's thread.
-    static std::string threadNameOf(const sp<ALooper>& looper) {
+    // The kernel's name of the looper's thread, and its priority.
+    static std::string threadOf(const sp<ALooper>& looper) {
         std::promise<std::string> name;
         looper->post([&name] {
             char text[16];
             pthread_getname_np(pthread_self(), text, sizeof(text));
-            name.set_value(text);
+            name.set_value(text + (" at " + std::to_string(SystemCalls::priorityOfThisThread())));
         });
         return name.get_future().get();
     }
@@ -65,8 +65,8 @@ TEST_F(SessionSetUpTest, moduleCreationTakesTheOutputAndMeasuresTheInput) {
     EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Input file(FD[" + std::to_string(mRequest.mInputFd) +
                                                 "] size : [4000000]"));
-    EXPECT_EQ("T_Audio-Decoder", threadNameOf(session().mAudioDecoderLooper));
-    EXPECT_EQ("T_Video-Decoder", threadNameOf(session().mVideoDecoderLooper));
+    EXPECT_EQ("T_Audio-Decoder at -16", threadOf(session().mAudioDecoderLooper));
+    EXPECT_EQ("T_Video-Decoder at -16", threadOf(session().mVideoDecoderLooper));
 }
 
 TEST_F(SessionSetUpTest, inputsThatCannotBeUsedAreRefusedWithTheOutputClosed) {

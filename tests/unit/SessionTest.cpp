@@ -21,6 +21,7 @@ SessionTest::~SessionTest() {
     if (mSession != nullptr && mSession->mVideoSource != nullptr) mSession->mVideoSource->stop();
     if (mSession != nullptr) awaitEncoders();
     mSession.reset();
+    EXPECT_EQ(0u, mCalls.timeouts()) << "teardown waited for a port that did not end";
     close(mRequest.mInputFd);
     // Still open only when no session took it.
     if (mRequest.mOutputFd >= 0) close(mRequest.mOutputFd);
@@ -87,7 +88,7 @@ void SessionTest::addSamples(size_t audioCount, size_t videoCount) {
                 {0, audioUs, std::vector<uint8_t>(kPcmBytes, static_cast<uint8_t>(audio++))});
         } else {
             mPlatform.extractor().addSample(
-                {1, videoUs, std::vector<uint8_t>(kPictureBytes, static_cast<uint8_t>(video++))});
+                {1, videoUs, std::vector<uint8_t>(kFrameBytes, static_cast<uint8_t>(video++))});
         }
     }
 }

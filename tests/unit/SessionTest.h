@@ -12,13 +12,15 @@
 #include <string>
 #include <vector>
 
+#include "SystemCalls.h"
+
 namespace android::qmmediaeditor {
 
 constexpr const char* kAac = "audio/mp4a-latm";
 constexpr const char* kAvc = "video/avc";
 
-constexpr size_t kPcmBytes = 192;      // a millisecond at 48000 Hz, two channels, 16 bits
-constexpr size_t kPictureBytes = 384;  // 16x16 pixels, 4:2:0
+constexpr size_t kPcmBytes = 192;    // a millisecond at 48000 Hz, two channels, 16 bits
+constexpr size_t kFrameBytes = 384;  // 16x16 pixels, 4:2:0
 constexpr int64_t kAudioStepUs = 1000;
 constexpr int64_t kVideoStepUs = 40000;  // above the 33333 of 30 frames a second
 
@@ -58,6 +60,7 @@ protected:
         return mLog.contains(priority, "Transcode", text);
     }
 
+    SystemCalls mCalls;
     ScriptedPlatform mPlatform;
     Journal& mJournal = mPlatform.journal();
     LogCapture mLog{&mJournal};

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Background.h"
+#include "SystemCalls.h"
 
 namespace android::qmmediaeditor {
 
@@ -33,7 +34,7 @@ struct AudioKind {
 
     static AudioAttribute attribute();
     static EncoderCodec& encoderOf(Source& s) { return s.mMediaEncoderThread->mAudioEncoder; }
-    static void makePool(Source& s) { s.makePool(); }
+    static void makePool(Source& s) { s.mCore.makePool(1024); }
 };
 
 struct VideoKind {
@@ -53,7 +54,7 @@ struct VideoKind {
 
     static VideoAttribute attribute();
     static EncoderCodec& encoderOf(Source& s) { return s.mMediaEncoderThread->mVideoEncoder; }
-    static void makePool(Source& s) { s.makePool(1024); }
+    static void makePool(Source& s) { s.mCore.makePool(1024); }
 };
 
 // Of a stopped source. The output loop lets go of its own object as the last thing it does, after
@@ -76,7 +77,10 @@ class SourceTest : public ::testing::Test {
 protected:
     typedef typename Kind::Source Source;
 
-    ~SourceTest() override { endSource(*mSource); }
+    ~SourceTest() override {
+        endSource(*mSource);
+        EXPECT_EQ(0u, mCalls.timeouts()) << "teardown waited for a port that did not end";
+    }
 
     static sp<MediaCodecBuffer> bufferOf(size_t bytes, int fill) {
         sp<ABuffer> buffer = new ABuffer(bytes);
@@ -139,6 +143,7 @@ protected:
         return mLog.contains(priority, Kind::kThreadTag, text);
     }
 
+    SystemCalls mCalls;
     ScriptedPlatform mPlatform;
     Journal& mJournal = mPlatform.journal();
     LogCapture mLog{&mJournal};

@@ -5,7 +5,7 @@ namespace android::qmmediaeditor {
 
 class VideoSourceTest : public SourceTest<VideoKind> {
 protected:
-    void pushPicture(int64_t timeUs) {
+    void pushFrame(int64_t timeUs) {
         TDecodedSample sample;
         sample.mBuffer = bufferOf(VideoKind::kSampleBytes, 0);
         sample.mSize = VideoKind::kSampleBytes;
@@ -37,13 +37,13 @@ TEST_F(VideoSourceTest, profileAndLevelAreForTheEncoderAndOnlyTogether) {
     EXPECT_EQ(90, rotation);
 }
 
-TEST_F(VideoSourceTest, picturesCloserThanAFrameIntervalAreDropped) {
+TEST_F(VideoSourceTest, framesCloserThanAFrameIntervalAreDropped) {
     mSource->start();
-    for (int64_t t = 0; t <= 90000; t += 10000) pushPicture(t);
+    for (int64_t t = 0; t <= 90000; t += 10000) pushFrame(t);
     EXPECT_EQ((std::vector<int64_t>{0, 40000, 80000}), keptTimes());
     EXPECT_TRUE(logged(ANDROID_LOG_DEBUG, "drop 33333 > 10000"));
-    pushPicture(113332);
-    pushPicture(113333);
+    pushFrame(113332);
+    pushFrame(113333);
     EXPECT_EQ(113333, keptTimes().back());
 }
 
@@ -52,7 +52,7 @@ TEST_F(VideoSourceTest, aFrameRateOfZeroDropsNothingAndStampsNoSteps) {
     a.mOutputFrameRate = 0;
     renew(a);
     mSource->start();
-    for (int64_t t = 0; t < 5; ++t) pushPicture(t);
+    for (int64_t t = 0; t < 5; ++t) pushFrame(t);
     EXPECT_EQ(5u, keptTimes().size());
     for (int i = 1; i < 4; ++i) EXPECT_EQ(OK, pushEncoded(i));
     EXPECT_EQ(40000, (--mSource->mEncodedSamples.end())->mDecodingTimeUs);
@@ -106,7 +106,7 @@ TEST_F(VideoSourceTest, writerBuffersCarryThePresentationTimeTwice) {
 
 TEST_F(VideoSourceTest, enablingAgainStartsAfresh) {
     restart();
-    pushPicture(900000);
+    pushFrame(900000);
     pushEncoded(7);
     mSource->mColorUtils = new QmMediaEditorColorUtils;
     enable(VideoKind::attribute());
@@ -116,7 +116,7 @@ TEST_F(VideoSourceTest, enablingAgainStartsAfresh) {
     EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Allocated MediaBuffer size : 384"));
 }
 
-TEST_F(VideoSourceTest, aPictureSizeThatCannotBeHasNoBuffer) {
+TEST_F(VideoSourceTest, anImpossibleFrameSizeHasNoBuffer) {
     const std::pair<int32_t, int32_t> sizes[] = {{0, 16}, {16, -2}, {60000, 60000}};
     for (const auto& [width, height] : sizes) {
         VideoAttribute a = VideoKind::attribute();
@@ -150,7 +150,7 @@ TEST_F(VideoSourceTest, hdrInputTellsTheConverterTheLayoutToProduce) {
                           layout.cropRight, layout.cropBottom, layout.stride, layout.sliceHeight}));
 }
 
-TEST_F(VideoSourceTest, aPictureIsScaledStraightIntoTheEncodersBuffer) {
+TEST_F(VideoSourceTest, aFrameIsScaledStraightIntoTheEncodersBuffer) {
     VideoAttribute a = VideoKind::attribute();
     a.mWidth = 12;
     a.mHeight = 10;
@@ -181,7 +181,7 @@ TEST_F(VideoSourceTest, aPictureIsScaledStraightIntoTheEncodersBuffer) {
     EXPECT_EQ(22u, out.mBuffer->size());
 }
 
-TEST_F(VideoSourceTest, aPictureThatDoesNotFitItsBuffersIsNotTouched) {
+TEST_F(VideoSourceTest, aFrameThatDoesNotFitItsBuffersIsNotTouched) {
     const struct {
         const char* what;
         int32_t width, height, stride, sliceHeight, outWidth;
@@ -218,6 +218,31 @@ TEST_F(VideoSourceTest, aPictureThatDoesNotFitItsBuffersIsNotTouched) {
         EXPECT_EQ(row.fits, mPlatform.scaleRequests().size() > before) << row.what;
         EXPECT_EQ(row.fits ? 384u : 0u, out.mSize) << row.what;
     }
+}
+
+TEST_F(VideoSourceTest, timesAndSizesAtTheEndsOfTheRangeStayThere) {
+    mSource->start();
+    pushFrame(INT64_MAX);
+    EXPECT_EQ(INT64_MAX, mSource->mNextFrameTimeUs);
+    for (const int64_t durationUs : {int64_t{-1}, INT64_MAX}) {
+        TEncodedSample sample;
+        sample.mBuffer = bufferOf(1, 0);
+        sample.mTimeUs = INT64_MAX;
+        sample.mSpare2 = durationUs;
+        mSource->mLastTimeUs = INT64_MAX - 1;
+        EXPECT_EQ(OK, mSource->pushEncodedBuffer(&sample));
+        EXPECT_EQ(INT64_MAX, mSource->mLastTimeUs);
+    }
+    VideoAttribute a = VideoKind::attribute();
+    a.mOutputWidth = INT32_MIN;
+    a.mStride = a.mSliceHeight = INT32_MAX;
+    renew(a);
+    mSource->setDecoderOutputFormat(new AMessage);
+    TDecodedSample in, out;
+    in.mBuffer = out.mBuffer = bufferOf(8, 0);
+    mSource->mAttribute.mOutputWidth = 16;
+    mSource->cropFrame(in, out, true);
+    EXPECT_EQ(0u, out.mSize);
 }
 
 TEST_F(VideoSourceTest, theMarkerIsQueuedEachTimeItIsPushed) {

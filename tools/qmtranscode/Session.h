@@ -1,7 +1,7 @@
 // One session of the component, from the request to its result.
 #pragma once
 
-#include <Transcode.h>
+#include <TranscodeComponent.h>
 #include <TranscodeTypes.h>
 #include <utils/StrongPointer.h>
 

@@ -8,9 +8,6 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr int32_t kColorFormatYUV420Planar = 19;
-constexpr int32_t kColorFormatYUV420SemiPlanar = 21;
-
 const char* kindOf(bool isAudio) { return isAudio ? "Audio" : "Video"; }
 
 }  // namespace
@@ -38,9 +35,8 @@ status_t Transcode::runDecoder(List<TDecodedSample>* list, int trackIndex, int64
             return handleDecodedFrame(track, &sample, list);
         case INFO_OUTPUT_BUFFERS_CHANGED:
             QM_LOGV(kTag, "INFO_OUTPUT_BUFFERS_CHANGED");
-            kChecks.areEqual(1334,
-                             "(status_t)OK,state->mCodec->getOutputBuffers(&state->mOutBuffers)",
-                             OK, state->mCodec->getOutputBuffers(&state->mOutBuffers));
+            checkEqual(checks::kNewDecoderOutputs, OK,
+                       state->mCodec->getOutputBuffers(&state->mOutBuffers));
             QM_LOGV(kTag, "got %zu output buffers", state->mOutBuffers.size());
             return err;
         case INFO_FORMAT_CHANGED:
@@ -48,7 +44,7 @@ status_t Transcode::runDecoder(List<TDecodedSample>* list, int trackIndex, int64
         default:
             break;
     }
-    kChecks.areEqual(1349, "err,-11", err, -EAGAIN);
+    checkEqual(checks::kDecoderOutputResult, err, -EAGAIN);
     // Index 0, which nobody holds: the codec refuses it.
     state->mCodec->releaseOutputBuffer(sample.mIndex);
     QM_LOGV(kTag, "decoder output -EAGAIN:-11:[R:%d]", -EAGAIN);
@@ -66,12 +62,12 @@ status_t Transcode::handleDecodedFrame(Track& track, TDecodedSample* sample,
     const bool last = (sample->mFlags & MediaCodec::BUFFER_FLAG_EOS) != 0;
     if (mProperty->mTrimEnabled && !last && !adjustPresentationTimeUs(sample)) {
         const status_t err = state->mCodec->releaseOutputBuffer(sample->mIndex);
-        kChecks.areEqual(1303, "err,(status_t)OK", err, OK);
+        checkEqual(checks::kDroppedFrameReleased, err, OK);
         return ERROR_END_OF_STREAM;
     }
     ++state->mDecodedFrameCount;
     state->mDecodedByteCount += sample->mSize;
-    sample->mBuffer = kChecks.bufferAt(state->mOutBuffers, sample->mIndex);
+    sample->mBuffer = bufferAt(kTag, state->mOutBuffers, sample->mIndex);
     status_t result = OK;
     if (list != nullptr) {
         list->push_back(*sample);
@@ -82,14 +78,13 @@ status_t Transcode::handleDecodedFrame(Track& track, TDecodedSample* sample,
         state->mSawOutputEOS = true;
     }
     const status_t err = state->mCodec->releaseOutputBuffer(sample->mIndex);
-    kChecks.areEqual(1329, "err,(status_t)OK", err, OK);
+    checkEqual(checks::kFrameReleased, err, OK);
     return result;
 }
 
 status_t Transcode::handleFormatChange(CodecState* state) {
     sp<AMessage> format;
-    kChecks.areEqual(1340, "(status_t)OK,state->mCodec->getOutputFormat(&format)", OK,
-                     state->mCodec->getOutputFormat(&format));
+    checkEqual(checks::kNewDecoderFormat, OK, state->mCodec->getOutputFormat(&format));
     if (state->mIsAudio && !mAcceptAudioFormatChange) return INFO_FORMAT_CHANGED;
     return setDecoderOutputFormat(state->mIsAudio, format);
 }

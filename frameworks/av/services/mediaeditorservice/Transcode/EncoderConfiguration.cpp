@@ -20,9 +20,6 @@ constexpr int32_t kMaxBitrateAbove720p = 17000000;
 constexpr int32_t kMaxBitrateUpTo720p = 12000000;
 constexpr int64_t kPixelsOf720p = 921600;
 
-constexpr int32_t kColorFormatYUV420Planar = 19;
-constexpr int32_t kColorFormatSurface = 0x7F000789;
-
 // Bytes of an AVC csd-0 that hold start code, NAL header, profile, constraints and level.
 constexpr size_t kAvcCsdHeaderBytes = 8;
 
@@ -227,8 +224,8 @@ void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format
     format.findInt32("height", &attribute->mHeight);
     int32_t left, top, right, bottom;
     if (format.findRect("crop", &left, &top, &right, &bottom)) {
-        attribute->mWidth = right + 1 - left;
-        attribute->mHeight = bottom + 1 - top;
+        attribute->mWidth = clampToInt32(int64_t{right} + 1 - left);
+        attribute->mHeight = clampToInt32(int64_t{bottom} + 1 - top);
     }
     attribute->mFrameRate = int32Or(format, "frame-rate", 0);
     attribute->mStride = int32Or(format, "stride", attribute->mWidth);
@@ -296,19 +293,14 @@ int Transcode::findAVCVideoProfile(unsigned char* csd, int* profile, int* level)
     return OK;
 }
 
-int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> videoFormat,
-                                AudioAttribute* audio, VideoAttribute* video) {
+// The policy is off, whatever the input is; the input reader keeps what it would need.
+int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> /* videoFormat */,
+                                AudioAttribute* /* audio */, VideoAttribute* video) {
     if (mProperty->mPeriodCount < 2) {
         AString container;
         fileFormat->findString("mime", &container);
         QM_LOGD(kTag, "container: %s", container.c_str());
-        AString mime;
-        if (container.equalsIgnoreCase(MEDIA_MIMETYPE_CONTAINER_MPEG4) && !audio->mHasEffect &&
-            !video->mUseSurface && videoFormat != nullptr) {
-            videoFormat->findString("mime", &mime);
-        }
     }
-    // The policy is off, whatever the file is; the input reader keeps what it would need.
     mPTrimEnabled = false;
     video->mPTrim = 0;
     return OK;

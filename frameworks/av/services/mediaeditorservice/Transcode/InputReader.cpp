@@ -43,16 +43,15 @@ void* Transcode::inputThreadWrapper(void* self) {
 
 int Transcode::inputThreadEntry() {
     QM_LOGV(kTag, "inputThreadEntry start");
-    bool sawInputEOS = false;
-    Next next = Next::kGoOn;
-    while (next == Next::kGoOn) {
+    ReaderState state = ReaderState::kFeeding;
+    while (state != ReaderState::kEnded) {
         if (mForceStop) {
             QM_LOGV(kTag, "Force stop : so sawInputEOS is changed as ture.");
             break;
         }
         // Once the output has ended nobody takes what would be read.
         if (mOutputStopped) break;
-        next = sawInputEOS ? signalInputEOS() : feedDecoder(&sawInputEOS);
+        state = state == ReaderState::kFeeding ? feedDecoder() : signalInputEOS();
     }
     mSampleBuffer.clear();
     QM_LOGV(kTag, "inputThreadEntry end");
@@ -60,7 +59,7 @@ int Transcode::inputThreadEntry() {
 }
 
 // One try at every decoder that has not been told the end yet.
-Transcode::Next Transcode::signalInputEOS() {
+Transcode::ReaderState Transcode::signalInputEOS() {
     bool allEnded = true;
     for (int32_t i = 0; i < mTrackCount; ++i) {
         if (!mpTrack[i].mSelected || mpTrack[i].mCodecStatus->mSawInputEOS) continue;
@@ -71,7 +70,7 @@ Transcode::Next Transcode::signalInputEOS() {
             QM_LOGV(kTag, "signalling input EOS on track %zu", static_cast<size_t>(i));
             err = state.mCodec->queueInputBuffer(index, 0, 0, 0, MediaCodec::BUFFER_FLAG_EOS,
                                                  nullptr);
-            kChecks.areEqual(997, "err,(status_t)OK", err, OK);
+            checkEqual(checks::kDecoderEndQueued, err, OK);
             state.mSawInputEOS = true;
             continue;
         }
@@ -79,47 +78,42 @@ Transcode::Next Transcode::signalInputEOS() {
             state.mSawInputEOS = true;
             QM_LOGD(kTag, "force stop input in EAGAIN case");
             if (allEnded) QM_LOGV(kTag, "All codec was stopped");
-            return Next::kEnd;
+            return ReaderState::kEnded;
         }
         if (err != -EAGAIN) QM_LOGD(kTag, "need check this error in EOS State");
         allEnded = false;
     }
-    if (!allEnded) return Next::kGoOn;
+    if (!allEnded) return ReaderState::kSignallingEnd;
     QM_LOGV(kTag, "All codec was stopped");
-    return Next::kEnd;
+    return ReaderState::kEnded;
 }
 
 // Moves one sample on, or finds that there is none.
-Transcode::Next Transcode::feedDecoder(bool* sawInputEOS) {
+Transcode::ReaderState Transcode::feedDecoder() {
     PendingSample sample;
     status_t err = seekIfNeeded();
     if (err == OK) err = nextSample(&sample);
     if (err != OK) {
         QM_LOGV(kTag, "saw input eos");
-        *sawInputEOS = true;
         // When every track has ended, which includes that none is selected, nothing is missing.
-        if (err == ERROR_END_OF_STREAM || allTracksEnded()) return Next::kGoOn;
+        if (err == ERROR_END_OF_STREAM || allTracksEnded()) return ReaderState::kSignallingEnd;
         // Taken for the end, a read error would make a part of the input look like a whole file.
         QM_LOGE(kTag, "the input could not be read: %d", err);
         fail(kReadError);
-        return Next::kEnd;
+        return ReaderState::kEnded;
     }
     if (sample.trackIndex >= static_cast<size_t>(mTrackCount) ||
         !mpTrack[sample.trackIndex].mSelected) {
         consumeSample(sample);
-        return Next::kGoOn;
+        return ReaderState::kFeeding;
     }
     readSample(&sample);
     printProgress(sample.timeUs);
     if (isTrimming() && sample.timeUs > mProperty->mPeriods[mProperty->mPeriodCount - 1].mEndUs) {
         QM_LOGD(kTag, "Trim time was overed and try force stop.");
-        *sawInputEOS = true;
-        return Next::kGoOn;
+        return ReaderState::kSignallingEnd;
     }
-    bool queued = false;
-    const Next next = queueSample(sample, &queued);
-    if (queued) consumeSample(sample);
-    return next;
+    return queueSample(sample);
 }
 
 status_t Transcode::seekIfNeeded() {
@@ -155,32 +149,37 @@ void Transcode::readSample(PendingSample* sample) {
         return;
     }
     status_t err = mExtractor->readSampleData(mSampleBuffer);
-    kChecks.areEqual(892, "err,(status_t)OK", err, OK);
+    checkEqual(checks::kSampleRead, err, OK);
     err = mExtractor->getSampleTime(&sample->timeUs);
-    kChecks.areEqual(895, "err,(status_t)OK", err, OK);
+    checkEqual(checks::kSampleTime, err, OK);
     sp<MetaData> meta;
     err = mExtractor->getSampleMeta(&meta);
-    kChecks.areEqual(899, "err,(status_t)OK", err, OK);
+    checkEqual(checks::kSampleMeta, err, OK);
 }
 
-Transcode::Next Transcode::queueSample(const PendingSample& sample, bool* queued) {
+Transcode::ReaderState Transcode::queueSample(const PendingSample& sample) {
     CodecState& state = *mpTrack[sample.trackIndex].mCodecStatus;
     size_t index = 0;
     status_t err = state.mCodec->dequeueInputBuffer(&index, mDequeueTimeoutUs);
     if (err != OK) {
         if (mForceStop) {
             QM_LOGV(kTag, "Force stop : in EAGAIN case");
-            return Next::kEnd;
+            return ReaderState::kEnded;
         }
         if (err != -EAGAIN) QM_LOGD(kTag, "need check this error");
-        return Next::kGoOn;
+        return ReaderState::kFeeding;
     }
 
-    const sp<MediaCodecBuffer>& buffer = kChecks.bufferAt(state.mInBuffers, index);
-    // A sample that the decoder cannot hold is lost; the buffer goes back empty.
-    const size_t size = mSampleBuffer->size() <= buffer->capacity() ? mSampleBuffer->size() : 0;
-    buffer->setRange(0, size);
-    memcpy(buffer->data(), mSampleBuffer->data(), size);
+    const sp<MediaCodecBuffer>& buffer = bufferAt(kTag, state.mInBuffers, index);
+    if (mSampleBuffer->size() > buffer->capacity()) {
+        // Without the sample a part of the input would look like a whole file.
+        QM_LOGE(kTag, "sample of %zu bytes does not fit the decoder's %zu", mSampleBuffer->size(),
+                buffer->capacity());
+        fail(kEncoderError);
+        return ReaderState::kEnded;
+    }
+    buffer->setRange(0, mSampleBuffer->size());
+    memcpy(buffer->data(), mSampleBuffer->data(), mSampleBuffer->size());
     err = state.mCodec->queueInputBuffer(index, 0, buffer->size(), sample.timeUs, 0, nullptr);
 
     if (!state.mIsAudio && mPTrimEnabled) {
@@ -191,10 +190,10 @@ Transcode::Next Transcode::queueSample(const PendingSample& sample, bool* queued
         QM_LOGV(kTag, "input abort by invalid state");
         // The decoder would wait for an end that nobody signals any more.
         fail(kDecoderError);
-        return Next::kEnd;
+        return ReaderState::kEnded;
     }
-    *queued = true;
-    return Next::kGoOn;
+    consumeSample(sample);
+    return ReaderState::kFeeding;
 }
 
 void Transcode::consumeSample(const PendingSample& sample) {
@@ -215,9 +214,9 @@ void Transcode::printProgress(int64_t timeUs) {
         done = saturatingSub(saturatingAdd(timeUs, 1000), firstStartUs);
         whole = saturatingSub(saturatingAdd(lastEndUs, 2000), firstStartUs);
     }
-    if (whole <= 0) return;
-    const auto progress = static_cast<int32_t>(
-        saturatingAdd(mProgressOffset, saturatingMul(done, 100 - mProgressOffset) / whole));
+    if (whole == 0) return;
+    const auto progress = static_cast<int32_t>(saturatingAdd(
+        mProgressOffset, saturatingDiv(saturatingMul(done, 100 - mProgressOffset), whole)));
     if (progress <= mLastProgress) return;
     mLastProgress = progress;
     reportProgress(progress);
@@ -229,7 +228,7 @@ void Transcode::reportProgress(int32_t percent) const {
     try {
         mProperty->mProgressCallback(percent);
     } catch (...) {
-        kChecks.isAllowed("the progress callback threw an exception", false);
+        checkRule(kTag, "the progress callback threw an exception", false);
     }
 }
 

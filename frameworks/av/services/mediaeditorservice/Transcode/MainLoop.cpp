@@ -42,18 +42,16 @@ int32_t Transcode::doTranscode() {
     }
 
     // Before the writer starts, so that there is no half-made file.
-    kChecks.isAllowed("the progress callback is empty", mProperty->mProgressCallback != nullptr);
+    checkRule(kTag, "the progress callback is empty", mProperty->mProgressCallback != nullptr);
     wireWriter();
     copyUuidData();
     reportProgress(mProgressOffset);
 
-    List<TDecodedSample> decodedList;
     QM_LOGV(kTag, "Start loop");
     mSeekTime = 0;
     mNeedtoSeek = true;
     startInputPortThread();
-    int32_t lastDecodeResult = OK;
-    runLoop(&decodedList, &lastDecodeResult);
+    const int32_t lastDecodeResult = runLoop();
     QM_LOGV(kTag, "doTranscode Loop exit %lld", wide(ALooper::GetNowUs() - startTimeUs));
     return finish(lastDecodeResult);
 }
@@ -62,20 +60,13 @@ void Transcode::startDecoders() {
     for (int32_t i = 0; i < mTrackCount; ++i) {
         if (!mpTrack[i].mSelected) continue;
         CodecState& state = *mpTrack[i].mCodecStatus;
-        kChecks.areEqual(1064, "(status_t)OK,mpTrack[i].mCodecStatus->mCodec->start()",
-                         state.mCodec->start(), OK);
-        kChecks.areEqual(
-            1065,
-            "(status_t)OK,mpTrack[i].mCodecStatus->mCodec->getInputBuffers(&mpTrack[i].mCodecStatus->mInBuffers)",
-            state.mCodec->getInputBuffers(&state.mInBuffers), OK);
-        kChecks.areEqual(
-            1066,
-            "(status_t)OK,mpTrack[i].mCodecStatus->mCodec->getOutputBuffers(&mpTrack[i].mCodecStatus->mOutBuffers)",
-            state.mCodec->getOutputBuffers(&state.mOutBuffers), OK);
+        checkEqual(checks::kDecoderStarted, state.mCodec->start(), OK);
+        checkEqual(checks::kDecoderInputs, state.mCodec->getInputBuffers(&state.mInBuffers), OK);
+        checkEqual(checks::kDecoderOutputs, state.mCodec->getOutputBuffers(&state.mOutBuffers), OK);
         QM_LOGV(kTag, "got %zu input and %zu output buffers", state.mInBuffers.size(),
                 state.mOutBuffers.size());
         // One buffer serves every track, so it holds what the largest input buffer holds.
-        const size_t capacity = kChecks.bufferAt(state.mInBuffers, 0)->capacity();
+        const size_t capacity = bufferAt(kTag, state.mInBuffers, 0)->capacity();
         if (capacity > mSampleBufferSize) mSampleBufferSize = capacity;
     }
 }
@@ -92,7 +83,7 @@ int32_t Transcode::createSource() {
         mAudioSource->setStopTest(stopTest);
         if (!mAudioSource->isValid()) {
             QM_LOGE(kTag, "TAudioSource error");
-            return kNoSource;
+            return kNoResource;
         }
     }
     if (mFileAttribute.mHasVideo) {
@@ -101,7 +92,7 @@ int32_t Transcode::createSource() {
         if (!mVideoSource->isValid()) {
             QM_LOGE(kTag, "TVideoSource error");
             if (mAudioSource != nullptr && mAudioSource->isValid()) mAudioSource->stop();
-            return kNoSource;
+            return kNoResource;
         }
     }
     QM_LOGV(kTag, "createSource end");
@@ -114,8 +105,7 @@ void Transcode::wireWriter() {
     if (mFileAttribute.mHasAudio) mMP4Writer->addSource(mAudioSource);
     mMP4Writer->setListener(mListener);
     mFileMeta->setInt32(kKeyRealTimeRecording, 0);
-    kChecks.areEqual(1120, "(status_t)OK,mMP4Writer->start(mFileMeta.get())", OK,
-                     mMP4Writer->start(mFileMeta.get()));
+    checkEqual(checks::kWriterStarted, OK, mMP4Writer->start(mFileMeta.get()));
 }
 
 void Transcode::copyUuidData() {
@@ -131,34 +121,38 @@ void Transcode::copyUuidData() {
     }
 }
 
-void Transcode::runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeResult) {
+// Returns what the last call of runDecoder() returned.
+int32_t Transcode::runLoop() {
+    List<TDecodedSample> decodedList;
+    int32_t result = OK;
     while (!mOutputStopped) {
         if (mForceStop) {
             pushEndMarkers("force stop in output");
-            return;
+            return result;
         }
         if (allTracksEnded()) {
             QM_LOGV(kTag, "Audio/Video CodecSource stop");
             mOutputStopped = true;
-            return;
+            return result;
         }
         for (int32_t i = 0; i < mTrackCount; ++i) {
             if (!mpTrack[i].mSelected) continue;
-            *lastDecodeResult = runDecoder(decodedList, i, kDecoderOutputTimeoutUs);
+            result = runDecoder(&decodedList, i, kDecoderOutputTimeoutUs);
             // The source knows of an encoder that fails in the middle of the run, and whether an
             // encoder cannot be had for want of a thread.
             int32_t failure = sourceFailure();
-            if (failure == OK && *lastDecodeResult == kEncoderError) failure = kEncoderError;
+            if (failure == OK && result == kEncoderError) failure = kEncoderError;
             if (failure != OK) {
                 QM_LOGD(kTag, "encoder error");
                 fail(failure);
             }
             if (mForceStop) {
                 pushEndMarkers("force stop in output2");
-                return;
+                return result;
             }
         }
     }
+    return result;
 }
 
 bool Transcode::allTracksEnded() const {
@@ -188,8 +182,7 @@ void Transcode::releaseDecoders() {
     for (int32_t i = 0; i < mTrackCount; ++i) {
         if (!mpTrack[i].mSelected) continue;
         CodecState* state = mpTrack[i].mCodecStatus;
-        kChecks.areEqual(1226, "(status_t)OK,state->mCodec->release()", OK,
-                         state->mCodec->release());
+        checkEqual(checks::kDecoderReleased, OK, state->mCodec->release());
     }
 }
 

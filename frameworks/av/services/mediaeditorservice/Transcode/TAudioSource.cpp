@@ -1,6 +1,11 @@
 #include <Log.h>
+#include <SaturatingMath.h>
 #include <TAudioSource.h>
+#include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/Utils.h>
+#include <string.h>
+
+#include <algorithm>
 
 namespace android {
 namespace qmmediaeditor {
@@ -8,12 +13,11 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr int32_t kEncoderMaxInputSize = 1048576;
-constexpr status_t kEnableFailed = -1100;
+constexpr uint32_t kFlagEOS = MediaCodec::BUFFER_FLAG_EOS;
 
 }  // namespace
 
-TAudioSource::TAudioSource(const AudioAttribute& attribute)
-    : mFormat(new AMessage), mMeta(new MetaData) {
+TAudioSource::TAudioSource(const AudioAttribute& attribute) : mFormat(new AMessage) {
     takeAttribute(attribute);
     QM_LOGV(kTag, "Constructor Audio TransSource");
     initAudioSource();
@@ -22,8 +26,7 @@ TAudioSource::TAudioSource(const AudioAttribute& attribute)
 
 TAudioSource::~TAudioSource() {
     QM_LOGV(kTag, "Decontructor TAudioSource start");
-    EncoderThreadControl::retire(mMediaEncoderThread);
-    delete mGroup;
+    dropEncoderThread();
     if (mHasEffect) QM_LOGV(kTag, "Effect Chain destroyed");
     QM_LOGV(kTag, "Decontructor TAudioSource end");
 }
@@ -76,41 +79,21 @@ status_t TAudioSource::enable(const AudioAttribute& attribute, sp<AMessage> deco
     QM_LOGV(kTag, "TAudioSource decoderoutput: %s", decoderOutputFormat->debugString().c_str());
     takeAttribute(attribute);
     initAudioSource();
-    const status_t err = makePool();
+    const status_t err = mCore.makePool(mMaxInputSize);
     if (err != OK) return err;
-
-    if (mMediaEncoderThread != nullptr) {
-        mMediaEncoderThread->stopEncoder();
-        BatchHandOff::wakeDecodedSide(*this);
-        EncoderThreadControl::retire(mMediaEncoderThread);
-    }
+    if (mMediaEncoderThread != nullptr) mMediaEncoderThread->stopEncoder();
+    dropEncoderThread();
     mMediaEncoderThread = new MediaEncoderThread(this);
-    if (!mMediaEncoderThread->isValid() ||
-        !EncoderThreadControl::startOutputLoop(*mMediaEncoderThread, kTag)) {
-        QM_LOGE(kTag, "MediaEncoderThread error");
-        return kEnableFailed;
-    }
-    return OK;
+    return mMediaEncoderThread->start();
 }
 
-status_t TAudioSource::makePool() {
-    Mutex::Autolock encoded(mEncodedLock);
-    BatchHandOff::dropPool(mGroup);
-    MediaBufferBase* buffer = MediaBufferBase::Create(static_cast<size_t>(mMaxInputSize));
-    if (buffer == nullptr) {
-        QM_LOGE(kTag, "MediaBufferBase create is null");
-        return kEnableFailed;
-    }
-    mGroup = new MediaBufferGroup;
-    mGroup->add_buffer(buffer);
-    return OK;
+void TAudioSource::dropEncoderThread() {
+    if (mMediaEncoderThread != nullptr) mMediaEncoderThread->retire();
+    mMediaEncoderThread.clear();
 }
-
-status_t TAudioSource::start(MetaData*) { return BatchHandOff::start(*this); }
 
 status_t TAudioSource::stop() {
-    QM_LOGV(kTag, "Call stop function");
-    BatchHandOff::stop(*this);
+    mCore.stop(mMediaEncoderThread == nullptr ? nullptr : &mMediaEncoderThread->pump());
     QM_LOGV(kTag, "Call TAudioSource stop function end");
     return OK;
 }
@@ -122,7 +105,7 @@ sp<MetaData> TAudioSource::getFormat() {
 }
 
 status_t TAudioSource::read(MediaBufferBase** buffer, const ReadOptions*) {
-    return BatchHandOff::read(*this, buffer, [](const TEncodedSample& sample, MetaDataBase& meta) {
+    return mCore.read(buffer, [](const TEncodedSample& sample, MetaDataBase& meta) {
         if ((sample.mFlags & MediaCodec::BUFFER_FLAG_CODECCONFIG) != 0) {
             QM_LOGV(kTag, "Set Codec Config");
             meta.setInt32(kKeyIsCodecConfig, 1);
@@ -133,131 +116,42 @@ status_t TAudioSource::read(MediaBufferBase** buffer, const ReadOptions*) {
     });
 }
 
-bool TAudioSource::getRunning() { return mStarted; }
-
-void TAudioSource::setCodecStopped() { BatchHandOff::setCodecStopped(*this); }
-
-void TAudioSource::reportFailure(int32_t result) {
-    mFailure = result;
-    setCodecStopped();
-}
-
-void TAudioSource::signalBufferReturned(MediaBufferBase* buffer) {
-    Mutex::Autolock guard(mEncodedLock);
-    QM_LOGV(kTag, "buffer returned %p", static_cast<void*>(buffer));
-}
-
 void TAudioSource::stopThread() {
     QM_LOGV(kTag, "mMediaEncoderThread stopThread");
-    EncoderThreadControl::retire(mMediaEncoderThread);
+    dropEncoderThread();
 }
 
 status_t TAudioSource::pushEncodedBuffer(TEncodedSample* sample) {
     QM_LOGV(kTag, "Enter pushEncodedBuffer");
-    Mutex::Autolock guard(mEncodedLock);
-    if (!mStarted && mCodecStopped) return ERROR_END_OF_STREAM;
-    BatchHandOff::waitForStart(*this, "waiting @ pushEncodedBuffer called before start");
-
-    TEncodedSample copy = *sample;
-    if (copy.mBuffer == nullptr) {
-        QM_LOGE(kTag, "pushEncodedBuffer get an NULL buffer");
-        return BAD_VALUE;
-    }
-    if (mCodecStopped) {
-        QM_LOGV(kTag, "enter push encoded buffer in EOS State");
-        return ERROR_END_OF_STREAM;
-    }
-    copy.mBuffer = BatchHandOff::copyOf(sample->mBuffer, sample->mSize);
-    if (copy.mBuffer == nullptr) return BAD_VALUE;
-    mEncodedSamples.push_back(copy);
-    BatchHandOff::handOver(
-        mEncodedLock, mEncodedSamples, kMaxQueuedSamples, mFrameAvailableCond, mBufferReturnedCond,
-        [this]() -> bool { return mCodecStopped; },
-        [](size_t count) {
-            QM_LOGV(kTag, "waiting @ mBufferReturnedCond in pushEncodedBuffer [%zu]", count);
-        });
-    QM_LOGV(kTag, "End pushEncodedBuffer");
-    return OK;
+    const status_t err = mCore.pushEncoded(
+        *sample, kMaxQueuedSamples, "waiting @ pushEncodedBuffer called before start",
+        "waiting @ mBufferReturnedCond in pushEncodedBuffer [%zu]");
+    if (err == OK) QM_LOGV(kTag, "End pushEncodedBuffer");
+    return err;
 }
 
 status_t TAudioSource::pushDecodedBuffer(TDecodedSample& sample, bool inputEnded) {
     QM_LOGV(kTag, "Call pushDecodedBuffer start");
-    {
-        Mutex::Autolock encoded(mEncodedLock);
-        BatchHandOff::waitForStart(*this, "pushBuffer called before start");
-    }
-    if ((sample.mFlags & MediaCodec::BUFFER_FLAG_EOS) != 0) {
-        return pushEndOfStream(sample, inputEnded);
-    }
+    const status_t err = mCore.pushDecoded(
+        sample, inputEnded, mMediaEncoderThread != nullptr, kMaxQueuedSamples,
+        mHasEffect ? "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer2 [%zu]"
+                   : "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer3 [%zu]",
+        [this](TDecodedSample* copy) REQUIRES(mDecodedLock) { return stampTime(copy); });
+    if (err == OK) QM_LOGV(kTag, "Call pushDecodedBuffer end");
+    return err;
+}
 
-    Mutex::Autolock guard(mDecodedLock);
-    if (sample.mBuffer == nullptr) {
-        QM_LOGE(kTag, "pushDecodedBuffer get an NULL buffer");
-        return BAD_VALUE;
-    }
-    if (mCodecStopped) return ERROR_END_OF_STREAM;
-    QM_LOGV(kTag, "In Sample info : size[%zu]:TimeUs[%lld]", sample.mSize,
-            wide(sample.mPresentationTimeUs));
+// The decoder's time is only logged: output time is the running sum of PCM bytes. True.
+bool TAudioSource::stampTime(TDecodedSample* sample) {
+    QM_LOGV(kTag, "In Sample info : size[%zu]:TimeUs[%lld]", sample->mSize,
+            wide(sample->mPresentationTimeUs));
     if (mHasEffect) {
-        getCurrentEffect(sample.mPresentationTimeUs);
+        getCurrentEffect(sample->mPresentationTimeUs);
         if (mCurrentAudioFrameLoopingNum != 0) {
             QM_LOGV(kTag, "Oops check this state and wrok around");
             mCurrentAudioFrameLoopingNum = 0;
         }
     }
-
-    TDecodedSample copy = sample;
-    copy.mBuffer = BatchHandOff::copyOf(sample.mBuffer, sample.mSize);
-    if (copy.mBuffer == nullptr) return BAD_VALUE;
-    copy.mPresentationTimeUs = nextTimeUs(sample.mSize);
-    QM_LOGV(kTag,
-            "Input Sample info : size[%zu]:TimeUs[%lld]:mCurrentAudioFrameLoopingNum[%d]:size[%zu]",
-            copy.mSize, wide(copy.mPresentationTimeUs), mCurrentAudioFrameLoopingNum,
-            mDecodedSamples.size());
-    mDecodedSamples.push_back(copy);
-    // Without an encoder there is nobody to wait for: it is this very thread that enables it.
-    if (mMediaEncoderThread != nullptr) {
-        BatchHandOff::handOver(
-            mDecodedLock, mDecodedSamples, kMaxQueuedSamples, mDecodedAvailableCond,
-            mDecoderBufferReturnedCond, [this] { return BatchHandOff::stopWanted(*this); },
-            [this](size_t count) {
-                if (mHasEffect) {
-                    QM_LOGV(kTag,
-                            "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer2 [%zu]",
-                            count);
-                } else {
-                    QM_LOGV(kTag,
-                            "waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer3 [%zu]",
-                            count);
-                }
-            });
-    }
-    QM_LOGV(kTag, "Call pushDecodedBuffer end");
-    return OK;
-}
-
-status_t TAudioSource::pushEndOfStream(const TDecodedSample& sample, bool inputEnded) {
-    QM_LOGV(kTag, "The input source is reached EOS %d", inputEnded);
-    // Without an encoder nobody would carry the record to the writer.
-    const bool endNow = inputEnded || mMediaEncoderThread == nullptr;
-    {
-        Mutex::Autolock guard(mDecodedLock);
-        if (!endNow && !mEOSSampleAdded && !mCodecStopped) {
-            QM_LOGV(kTag, "Add EOSInputSample");
-            TDecodedSample record;
-            record.mFlags = sample.mFlags;
-            mDecodedSamples.push_back(record);
-            mDecodedAvailableCond.signal();
-        }
-        mEOSSampleAdded = true;
-    }
-    // Takes mEncodedLock, which comes before mDecodedLock.
-    if (endNow) setCodecStopped();
-    return ERROR_END_OF_STREAM;
-}
-
-// The time of the next `sizeBytes` of PCM.
-int64_t TAudioSource::nextTimeUs(size_t sizeBytes) {
     int32_t channels = 2;
     int32_t sampleRate = 48000;
     int32_t bitDepth = 16;
@@ -267,20 +161,198 @@ int64_t TAudioSource::nextTimeUs(size_t sizeBytes) {
         mFormat->findInt32("input-sample-rate", &sampleRate);
         mFormat->findInt32("input-bit-depth", &bitDepth);
     }
-    const int64_t bytesPerSecond = static_cast<int64_t>(channels) * sampleRate * bitDepth / 8;
-    const int64_t timeUs = mNextTimeUs;
+    sample->mPresentationTimeUs = mNextTimeUs;
+    const int64_t bytesPerSecond =
+        saturatingMul(static_cast<int64_t>(channels) * sampleRate, bitDepth) / 8;
     // Time stands still in a format that has no bytes a second.
     if (bytesPerSecond != 0) {
-        mNextTimeUs += static_cast<int64_t>(sizeBytes) * 1000000 / bytesPerSecond;
+        const int64_t stepUs =
+            saturatingMul(static_cast<int64_t>(sample->mSize), 1000000) / bytesPerSecond;
+        mNextTimeUs = saturatingAdd(mNextTimeUs, stepUs);
     }
-    return timeUs;
+    QM_LOGV(kTag,
+            "Input Sample info : size[%zu]:TimeUs[%lld]:mCurrentAudioFrameLoopingNum[%d]:size[%zu]",
+            sample->mSize, wide(sample->mPresentationTimeUs), mCurrentAudioFrameLoopingNum,
+            mDecodedSamples.size());
+    return true;
 }
-
-void TAudioSource::pushPresentationTime(int64_t) {}
 
 int TAudioSource::getCurrentEffect(int64_t timeUs) {
     QM_LOGV(kTag, "getCurrentEffect(%lld)", wide(timeUs));
     return 0;
+}
+
+const EncoderPump::Kind TAudioSource::MediaEncoderThread::kKind = {kTag,
+                                                                   TAudioSource::kTag,
+                                                                   "TrasnAudioEn_looper",
+                                                                   "call Audio encoder create",
+                                                                   "Audio encoder input EOS",
+                                                                   true,
+                                                                   checks::kAudioEncoderInputs,
+                                                                   checks::kAudioEncoderOutputs,
+                                                                   checks::kNewAudioEncoderOutputs,
+                                                                   checks::kNewAudioEncoderFormat};
+
+TAudioSource::MediaEncoderThread::MediaEncoderThread(sp<TAudioSource> source)
+    : Thread(false),
+      mSource(source),
+      mPump(kKind,
+            {*this, *this, mLock, mAudioEncoder, mOutputFrameCount, mOutputBytes, mTimeoutUs},
+            source->mCore,
+            {[this](TDecodedSample& input) { return readDecodedData(input); },
+             [this](status_t err, size_t index) { return onDequeuedInput(err, index); },
+             [this](const sp<MediaCodec>& codec) { return drainEncoder(codec); }}) {
+    sp<AMessage> format;
+    {
+        Mutex::Autolock guard(mSource->mFormatLock);
+        format = mSource->mFormat;
+    }
+    mValid = mPump.setUp(format, [&] { return setUpConversion(*format); });
+}
+
+TAudioSource::MediaEncoderThread::~MediaEncoderThread() {
+    QM_LOGV(kTag, "Decontructor MediaEncoderThread");
+}
+
+// Makes a converter when the encoder's PCM is not the decoder's.
+bool TAudioSource::MediaEncoderThread::setUpConversion(const AMessage& format) {
+    format.findInt32("input-channel-count", &mInChannelCount);
+    format.findInt32("input-sample-rate", &mInSampleRate);
+    format.findInt32("input-bit-depth", &mInBitDepth);
+    format.findInt32("channel-count", &mOutChannelCount);
+    format.findInt32("sample-rate", &mOutSampleRate);
+    format.findInt32("bit-depth", &mOutBitDepth);
+    mNeedConversion = mInChannelCount != mOutChannelCount || mInSampleRate != mOutSampleRate ||
+                      mInBitDepth != mOutBitDepth;
+    if (!mNeedConversion) return true;
+
+    mConverter = new QmMediaAudioConverter;
+    if (mConverter->init(mInChannelCount, mInSampleRate, mInBitDepth, mOutChannelCount,
+                         mOutSampleRate, mOutBitDepth) == 0) {
+        QM_LOGE(kTag, "ERROR: QmMediaAudioConverter == null or init failed");
+        return false;
+    }
+    return true;
+}
+
+Next TAudioSource::MediaEncoderThread::onDequeuedInput(status_t err, size_t index) {
+    if (err == OK) {
+        QM_LOGV(kTag, "filling input buffer %zu", index);
+        return Next::kGoOn;
+    }
+    if (mSource->mCodecStopped) {
+        QM_LOGD(kTag, "input thread forced stop by others");
+        return Next::kEnd;
+    }
+    return err == -EAGAIN ? Next::kGoOn : mPump.fail();
+}
+
+status_t TAudioSource::MediaEncoderThread::readDecodedData(TDecodedSample& input) {
+    SourceCore& core = mSource->mCore;
+    Mutex::Autolock guard(core.decoded.lock());
+    const status_t err = core.awaitDecoded(kTag, mExitRequested);
+    if (err != OK) return err;
+
+    const TDecodedSample head = core.decoded.head();
+    if (head.mFlags == kFlagEOS) {
+        QM_LOGV(kTag, "inputSample EOS");
+        core.decoded.wakeProducer();
+        return ERROR_END_OF_STREAM;
+    }
+    if (head.mBuffer == nullptr) {
+        // An end-of-stream record with further flags: it goes to the encoder as it is, without
+        // data.
+        input.mSize = 0;
+    } else if (mNeedConversion) {
+        const status_t converted = convertPcm(head, &input);
+        if (converted != OK) return converted;
+    } else {
+        copyPcm(head, &input);
+    }
+    input.mPresentationTimeUs = head.mPresentationTimeUs;
+    input.mFlags = head.mFlags;
+    core.decoded.pop();
+    QM_LOGV(kTag, "Check sample timeUs --> : %lld", wide(input.mPresentationTimeUs));
+    return OK;
+}
+
+status_t TAudioSource::MediaEncoderThread::convertPcm(const TDecodedSample& head,
+                                                      TDecodedSample* input) {
+    if (mConverter == nullptr) {
+        QM_LOGE(kTag, "converter is null");
+        return kSourceNotEnabled;
+    }
+    const size_t samples = head.mSize / (mInBitDepth == 24 ? 3 : 2);
+    const int frames = mInChannelCount == 0 ? 0 : static_cast<int>(samples) / mInChannelCount;
+    const float ratio = static_cast<float>(mOutSampleRate) / static_cast<float>(mInSampleRate);
+    unsigned char* converted = mConverter->allocateBuff(nullptr, frames, ratio);
+    if (converted == nullptr) {
+        QM_LOGE(kTag, "allocateBuffAFC was failed");
+        return kNoResource;
+    }
+    const int outFrames = mConverter->process(head.mBuffer->data(), converted, frames);
+    const size_t wanted = static_cast<size_t>(std::max(mOutChannelCount, 0)) *
+                          static_cast<size_t>(std::max(outFrames, 0)) * 2;
+    const bool fits = wanted <= input->mBuffer->capacity();
+    if (fits) {
+        memcpy(input->mBuffer->base(), converted, wanted);
+        input->mSize = wanted;
+    } else {
+        QM_LOGE(kTag, "converted PCM of %zu bytes does not fit the encoder's %zu", wanted,
+                input->mBuffer->capacity());
+    }
+    mConverter->freeBuff(converted);
+    if (!fits) return BAD_VALUE;
+    QM_LOGV(kTag, "decoder output buffer size: %zu, encoder input buffer size: %zu",
+            head.mBuffer->size(), input->mSize);
+    return OK;
+}
+
+void TAudioSource::MediaEncoderThread::copyPcm(const TDecodedSample& head, TDecodedSample* input) {
+    QM_LOGV(kTag, "decoder output buffer size: %zu, encoder input buffer size: %zu",
+            head.mBuffer->size(), input->mBuffer->capacity());
+    memcpy(input->mBuffer->base(), head.mBuffer->data(),
+           std::min(head.mBuffer->size(), input->mBuffer->capacity()));
+    // The full size even when less was copied: the encoder refuses it, and the run ends with an
+    // error.
+    input->mSize = head.mSize;
+}
+
+Next TAudioSource::MediaEncoderThread::drainEncoder(const sp<MediaCodec>& codec) {
+    if (mOutputEOS) {
+        QM_LOGV(kTag, "Audio encoder output EOS");
+        mExitRequested = true;
+        return Next::kEnd;
+    }
+    if (mSource->mCodecStopped) {
+        QM_LOGV(kTag, "the codec was stopped");
+        return Next::kEnd;
+    }
+    TEncodedSample& output = mOutput;
+    const status_t err = codec->dequeueOutputBuffer(&output.mIndex, &output.mOffset, &output.mSize,
+                                                    &output.mTimeUs, &output.mFlags, mTimeoutUs);
+    if (err == OK) return forwardOutput(codec);
+    if (mPump.handleChange(codec, err)) return Next::kGoOn;
+    if (mSource->mCodecStopped) return mPump.endStoppedOutput();
+    return err == -EAGAIN ? Next::kGoOn : mPump.fail();
+}
+
+// The last output is forwarded only with data after time 0.
+Next TAudioSource::MediaEncoderThread::forwardOutput(const sp<MediaCodec>& codec) {
+    QM_LOGV(kTag, "draining output buffer %zu, time = %lld us, size = %zu", mOutput.mIndex,
+            wide(mOutput.mTimeUs), mOutput.mSize);
+    mPump.takeOutput(&mOutput);
+    const bool last = (mOutput.mFlags & kFlagEOS) != 0;
+    const bool lastWithData = last && mOutput.mSize != 0 && mOutput.mTimeUs >= 1;
+    if (lastWithData) QM_LOGD(kTag, "frame with eos");
+    if ((!last || lastWithData) && mSource->pushEncodedBuffer(&mOutput) == BAD_VALUE) mPump.fail();
+    const status_t err = codec->releaseOutputBuffer(mOutput.mIndex);
+    if (err != OK) {
+        QM_LOGV(kTag, "releaseOutputBuffer Frame index[%zu]:[Err:%d]", mOutput.mIndex, err);
+    }
+    if (!last) return Next::kGoOn;
+    mPump.endOutput();
+    return Next::kEnd;
 }
 
 }  // namespace qmmediaeditor

@@ -7,48 +7,39 @@
 // before.
 #pragma once
 
-#include <BatchHandOff.h>
-#include <EncoderThreadControl.h>
-#include <Exports.h>
-#include <FatalCheck.h>
-#include <Shared.h>
-#include <TSourceBase.h>
+#include <EncoderPump.h>
+#include <SourceCore.h>
 #include <editorutils/QmMediaAudioConverter.h>
-#include <media/stagefright/MediaBufferGroup.h>
-#include <utils/Condition.h>
-#include <utils/List.h>
-#include <utils/Mutex.h>
-#include <utils/Thread.h>
 
 #include <functional>
-#include <memory>
 #include <utility>
 
 namespace android {
 namespace qmmediaeditor {
 
-class QM_EXPORT TAudioSource : public virtual TSourceBase {
+class QM_EXPORT TAudioSource : public virtual TSourceBase, private SourceMembers {
 public:
     explicit TAudioSource(const AudioAttribute& attribute);
 
     bool isValid() const { return mValid; }
 
-    // Tells whether the session ends: a push that waits for room gives up soon after it does.
-    // Called on the session's thread only. Before the first push.
-    void setStopTest(std::function<bool()> test) { mStopTest = std::move(test); }
+    // See SourceCore.
+    void setStopTest(std::function<bool()> test) { mCore.setStopTest(std::move(test)); }
 
     // Makes the pool for the writer and the encoder with its threads; again when the format
     // changes. 0, or -1100 when the encoder cannot be had.
     status_t enable(const AudioAttribute& attribute, sp<AMessage> decoderOutputFormat);
 
-    status_t start(MetaData* params = nullptr) override;
+    status_t start(MetaData* = nullptr) override { return mCore.start(); }
     status_t stop() override;
     sp<MetaData> getFormat() override;
     status_t read(MediaBufferBase** buffer, const ReadOptions* options = nullptr) override;
-    bool getRunning() override;
-    void setCodecStopped() override;
+    bool getRunning() override { return mStarted; }
+    void setCodecStopped() override { mCore.setCodecStopped(); }
     status_t pushDecodedBuffer(TDecodedSample& sample, bool inputEnded) override;
-    void signalBufferReturned(MediaBufferBase* buffer) override;
+    void signalBufferReturned(MediaBufferBase* buffer) override {
+        mCore.signalBufferReturned(buffer);
+    }
 
     // Lets go of the encoder thread.
     void stopThread();
@@ -57,21 +48,16 @@ public:
     // waits for the writer.
     status_t pushEncodedBuffer(TEncodedSample* sample);
 
-    // The encoder failed in the middle of the run (kEncoderError), or one of its threads could not
-    // be created (kNoThread): the source stops. Any thread.
-    void reportFailure(int32_t result);
-    // The result that was reported; 0 before.
-    int32_t failure() const { return mFailure; }
+    // See SourceCore.
+    int32_t failure() const { return mCore.failure(); }
 
-    void pushPresentationTime(int64_t timeUs);
+    void pushPresentationTime(int64_t) {}
     int getCurrentEffect(int64_t timeUs);
 
 protected:
     ~TAudioSource() override;
 
 private:
-    friend struct BatchHandOff;
-    friend struct EncoderThreadControl;
     class MediaEncoderThread;
 
     static constexpr const char* kTag = "TAudioSource";
@@ -80,25 +66,10 @@ private:
     void initAudioSource();
     void checkAudioInfo();
     void takeAttribute(const AudioAttribute& attribute);
-    status_t makePool();
-    status_t pushEndOfStream(const TDecodedSample& sample, bool inputEnded);
-    int64_t nextTimeUs(size_t sizeBytes) REQUIRES(mDecodedLock);
+    void dropEncoderThread();
+    bool stampTime(TDecodedSample* sample) REQUIRES(mDecodedLock);
 
     sp<MediaEncoderThread> mMediaEncoderThread;  // the session's thread only
-    Mutex mFormatLock;
-    MediaBufferGroup* mGroup GUARDED_BY(mEncodedLock) = nullptr;
-    Shared<bool> mStarted{false};  // written by the writer's and the encoder's threads, read by all
-    Shared<bool> mCodecStopped{false};  // written by any thread, never cleared, read by all
-    bool mValid = false;
-    std::function<bool()> mStopTest;  // the session's thread only
-    Condition mStartCond;
-    Mutex mEncodedLock;
-    Condition mFrameAvailableCond;
-    Condition mBufferReturnedCond;
-    Mutex mDecodedLock ACQUIRED_AFTER(mEncodedLock);
-    Condition mDecodedAvailableCond;
-    Condition mDecoderBufferReturnedCond;
-    List<int64_t> mPresentationTimes;  // stays empty for audio
     sp<AMessage> mFormat GUARDED_BY(mFormatLock);
     AString mMime;
     int32_t mBitrate = -1;
@@ -114,92 +85,81 @@ private:
     int32_t mInputChannelCount = -1;
     int32_t mInputBitsPerSample = -1;
     sp<ABuffer> mCsd;
-    List<TDecodedSample> mDecodedSamples GUARDED_BY(mDecodedLock);
-    List<TEncodedSample> mEncodedSamples GUARDED_BY(mEncodedLock);
     int64_t mNextTimeUs GUARDED_BY(mDecodedLock) = 0;
-    int32_t mUnusedWord = 0;
+    [[maybe_unused]] int32_t mUnusedWord = 0;
     int32_t mCurrentAudioFrameLoopingNum GUARDED_BY(mDecodedLock) = 0;
-    bool mEOSSampleAdded GUARDED_BY(mDecodedLock) = false;
-    sp<MetaData> mMeta GUARDED_BY(mFormatLock);
-    // Written by the session's and the encoder's threads, read by the session's.
-    Shared<int32_t> mFailure{OK};
+    SourceCore mCore{kTag, *this, true};
 };
 
 // Owns the encoder. The constructor sets it up; the first reference starts the input port, a
 // detached thread that takes PCM from the source; run() starts the output loop, which puts encoded
 // samples into the source.
-class TAudioSource::MediaEncoderThread : public virtual Thread {
+class TAudioSource::MediaEncoderThread : public virtual Thread, private EncoderThreadMembers {
 public:
     explicit MediaEncoderThread(sp<TAudioSource> source);
 
-    // The encoder runs. To be tested before run().
+    // The encoder runs.
     bool isValid() const { return mValid; }
+    // Runs the output loop. 0, or kSourceNotEnabled when there is no encoder or no thread.
+    status_t start() { return mPump.startOutputLoop(mValid); }
+    // Ends the thread. Its source may be gone before its last reference is.
+    void retire() {
+        if (mPump.retire()) mSource.clear();
+    }
+    EncoderPump& pump() { return mPump; }
 
-    void requestExit() override;
+    void requestExit() override { mPump.requestExit(); }
     // Stops and releases the encoder; both ports end. Any thread but theirs.
-    void stopEncoder();
+    void stopEncoder() { mPump.stopEncoder(); }
 
     // Pausing has no effect on the data.
-    void pause();
-    void resume();
-    void wake();
-    void pauseInternal(int64_t timeUs);
+    void pause() { mPump.pause(); }
+    void resume() { mPump.resume(); }
+    void wake() { mPump.wake(); }
+    void pauseInternal(int64_t timeUs) { mPump.pauseInternal(timeUs); }
 
     // Fills the encoder's input buffer `input.mBuffer` and sets size, flags and time. 0, -1011 (end
-    // of stream), -1018 (woken with nothing queued), -1100 (no converter) or -1001 (no memory).
+    // of stream), kNoDecodedData (woken with nothing queued), kSourceNotEnabled (no converter),
+    // kNoResource (no memory) or -22 (converted PCM that does not fit).
     status_t readDecodedData(TDecodedSample& input);
 
-    void startInputPortThread();
-    static void* inputThreadWrapper(void* self);
-    void* inputThreadEntry();
-    void startOutputPortThread();
-    static void* outputThreadWrapper(void* self);
-    void* outputThreadEntry();
+    void startInputPortThread() { mPump.startInputPort(inputThreadWrapper, this); }
+    static void* inputThreadWrapper(void* self) {
+        return static_cast<MediaEncoderThread*>(self)->mPump.runDetached(
+            &EncoderPump::runInputPort);
+    }
+    void* inputThreadEntry() { return mPump.runInputPort(); }
+    void startOutputPortThread() { mPump.startDetached(&mOutputThread, outputThreadWrapper, this); }
+    static void* outputThreadWrapper(void* self) {
+        return static_cast<MediaEncoderThread*>(self)->mPump.runDetached(
+            &EncoderPump::outputThreadEntry);
+    }
+    void* outputThreadEntry() { return mPump.outputThreadEntry(); }
 
 protected:
     ~MediaEncoderThread() override;
 
 private:
-    friend class TAudioSource;
-    friend struct BatchHandOff;
-    friend struct EncoderThreadControl;
-
-    // What one pass of a port leads to.
-    enum class Next { kGoOn, kEnd };
-
     static constexpr const char* kTag = "AudioEncoderThread";
+    static const EncoderPump::Kind kKind;
 
-    void onFirstRef() override;
-    bool threadLoop() override;
+    void onFirstRef() override {
+        if (mValid) startInputPortThread();
+    }
+    bool threadLoop() override { return mPump.runOutputLoop(); }
 
-    bool setUpEncoder();
     bool setUpConversion(const AMessage& format);
-    Next feedEncoder(const sp<MediaCodec>& codec, TDecodedSample* input);
-    Next signalInputEOS(const sp<MediaCodec>& codec);
-    void drainEncoder(const sp<MediaCodec>& codec);
-    Next takeOutput(const sp<MediaCodec>& codec, TEncodedSample* output);
-    Next forwardOutput(const sp<MediaCodec>& codec, TEncodedSample* output);
+    Next onDequeuedInput(status_t err, size_t index);
     status_t convertPcm(const TDecodedSample& head, TDecodedSample* input);
     void copyPcm(const TDecodedSample& head, TDecodedSample* input);
-
-    Mutex& pauseLock() RETURN_CAPABILITY(mLock) { return mLock; }
-    EncoderCodec& encoder() { return mAudioEncoder; }
+    Next drainEncoder(const sp<MediaCodec>& codec);
+    Next forwardOutput(const sp<MediaCodec>& codec);
 
     sp<TAudioSource> mSource;
     Mutex mLock;
-    Condition mPauseCond;
-    bool mPaused GUARDED_BY(mLock) = true;
-    bool mPausedInternal GUARDED_BY(mLock) = false;
-    int64_t mPauseTimeUs GUARDED_BY(mLock) = 0;
-    bool mWakeRequested GUARDED_BY(mLock) = false;
-    Shared<bool> mExitRequested{false};  // written by any thread, polled by both ports
-    bool mValid = false;
-    Shared<bool> mInputEOS{false};   // input port
-    Shared<bool> mOutputEOS{false};  // output loop
     int64_t mOutputFrameCount = 0;
     int64_t mOutputBytes = 0;
     EncoderCodec mAudioEncoder;
-    sp<ALooper> mLooper;
     int64_t mTimeoutUs = 990000;
     int32_t mInSampleRate = 0;
     int32_t mOutSampleRate = 0;
@@ -209,9 +169,8 @@ private:
     int32_t mOutBitDepth = 0;
     bool mNeedConversion = false;
     sp<QmMediaAudioConverter> mConverter;
-    pthread_t mInputThread = 0;
-    pthread_t mOutputThread = 0;
-    const std::shared_ptr<PortLatch> mPorts = std::make_shared<PortLatch>();
+    TEncodedSample mOutput;  // output loop only
+    EncoderPump mPump;
 };
 
 }  // namespace qmmediaeditor

@@ -1,6 +1,8 @@
 #include <Log.h>
+#include <SaturatingMath.h>
 #include <TVideoSource.h>
 #include <editorutils/QmMediaEditorColorConverter.h>
+#include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/Utils.h>
 
 namespace android {
@@ -9,16 +11,15 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr int32_t kDefaultFrameBufferSize = 10;
-constexpr int32_t kColorFormatYUV420Planar = 19;
-constexpr status_t kEnableFailed = -1100;
+constexpr uint32_t kFlagEOS = MediaCodec::BUFFER_FLAG_EOS;
+
+// In TEncodedSample::mSpare2: the duration follows from the frame rate.
+constexpr int64_t kDurationFromFrameRate = -1;
 
 }  // namespace
 
 TVideoSource::TVideoSource(const VideoAttribute& attribute)
-    : mAttribute(attribute),
-      mOutputFormat(new AMessage),
-      mEncoderFormat(new AMessage),
-      mMeta(new MetaData) {
+    : mAttribute(attribute), mOutputFormat(new AMessage), mEncoderFormat(new AMessage) {
     QM_LOGV(kTag, "Constructor Video TransSource");
     Mutex::Autolock guard(mDecodedLock);
     initVideoSource();
@@ -27,8 +28,7 @@ TVideoSource::TVideoSource(const VideoAttribute& attribute)
 
 TVideoSource::~TVideoSource() {
     QM_LOGV(kTag, "Decontructor TVideoSource start");
-    EncoderThreadControl::retire(mMediaEncoderThread);
-    delete mGroup;
+    dropEncoderThread();
     QM_LOGV(kTag, "Decontructor TVideoSource end");
 }
 
@@ -103,37 +103,23 @@ status_t TVideoSource::enable(const VideoAttribute& attribute, sp<AMessage> deco
         }
         frameBytes = outputFrameBytes();
     }
-    const status_t err = makePool(frameBytes);
+    {
+        Mutex::Autolock guard(mEncodedLock);
+        mLastTimeUs = -1;
+    }
+    status_t err = mCore.makePool(frameBytes);
     if (err != OK) return err;
-
-    if (mMediaEncoderThread != nullptr) {
-        mMediaEncoderThread->stopEncoder();
-        BatchHandOff::wakeDecodedSide(*this);
-        EncoderThreadControl::retire(mMediaEncoderThread);
-    }
+    if (mMediaEncoderThread != nullptr) mMediaEncoderThread->stopEncoder();
+    dropEncoderThread();
     mMediaEncoderThread = new MediaEncoderThread(this);
-    if (!mMediaEncoderThread->isValid() ||
-        !EncoderThreadControl::startOutputLoop(*mMediaEncoderThread, kTag)) {
-        QM_LOGE(kTag, "MediaEncoderThread error");
-        return kEnableFailed;
-    }
-    QM_LOGV(kTag, "Allocated MediaBuffer size : %d", frameBytes);
-    return OK;
+    err = mMediaEncoderThread->start();
+    if (err == OK) QM_LOGV(kTag, "Allocated MediaBuffer size : %d", frameBytes);
+    return err;
 }
 
-status_t TVideoSource::makePool(int32_t sizeBytes) {
-    Mutex::Autolock encoded(mEncodedLock);
-    mLastTimeUs = -1;
-    BatchHandOff::dropPool(mGroup);
-    MediaBufferBase* buffer =
-        sizeBytes < 1 ? nullptr : MediaBufferBase::Create(static_cast<size_t>(sizeBytes));
-    if (buffer == nullptr) {
-        QM_LOGE(kTag, "MediaBufferBase create is null");
-        return kEnableFailed;
-    }
-    mGroup = new MediaBufferGroup;
-    mGroup->add_buffer(buffer);
-    return OK;
+void TVideoSource::dropEncoderThread() {
+    if (mMediaEncoderThread != nullptr) mMediaEncoderThread->retire();
+    mMediaEncoderThread.clear();
 }
 
 status_t TVideoSource::setDecoderOutputFormat(sp<AMessage> format) {
@@ -149,15 +135,13 @@ status_t TVideoSource::setHdrOutputFormat(const sp<AMessage>& format) {
     const int width = mAttribute.mOutputWidth;
     const int height = mAttribute.mOutputHeight;
     QM_LOGD(kTag, "%dx%d", width, height);
-    mColorUtils->setOutputFormat(copy, width, height, 0, 0, width - 1, height - 1, width, height);
+    mColorUtils->setOutputFormat(copy, width, height, 0, 0, clampToInt32(int64_t{width} - 1),
+                                 clampToInt32(int64_t{height} - 1), width, height);
     return OK;
 }
 
-status_t TVideoSource::start(MetaData*) { return BatchHandOff::start(*this); }
-
 status_t TVideoSource::stop() {
-    QM_LOGV(kTag, "Call stop function");
-    BatchHandOff::stop(*this);
+    mCore.stop(mMediaEncoderThread == nullptr ? nullptr : &mMediaEncoderThread->pump());
     QM_LOGV(kTag, "Call TVideoSource stop function end");
     return OK;
 }
@@ -169,7 +153,7 @@ sp<MetaData> TVideoSource::getFormat() {
 }
 
 status_t TVideoSource::read(MediaBufferBase** buffer, const ReadOptions*) {
-    return BatchHandOff::read(*this, buffer, [](const TEncodedSample& sample, MetaDataBase& meta) {
+    return mCore.read(buffer, [](const TEncodedSample& sample, MetaDataBase& meta) {
         if ((sample.mFlags & MediaCodec::BUFFER_FLAG_CODECCONFIG) != 0) {
             meta.setInt32(kKeyIsCodecConfig, 1);
         }
@@ -182,53 +166,17 @@ status_t TVideoSource::read(MediaBufferBase** buffer, const ReadOptions*) {
     });
 }
 
-bool TVideoSource::getRunning() { return mStarted; }
-
-void TVideoSource::setCodecStopped() { BatchHandOff::setCodecStopped(*this); }
-
-void TVideoSource::reportFailure(int32_t result) {
-    mFailure = result;
-    setCodecStopped();
-}
-
-void TVideoSource::signalBufferReturned(MediaBufferBase* buffer) {
-    Mutex::Autolock guard(mEncodedLock);
-    QM_LOGV(kTag, "buffer returned %p", static_cast<void*>(buffer));
-}
-
 void TVideoSource::stopThread() {
     QM_LOGV(kTag, "mMediaEncoderThread stopThread");
-    EncoderThreadControl::retire(mMediaEncoderThread);
+    dropEncoderThread();
 }
 
 status_t TVideoSource::pushEncodedBuffer(TEncodedSample* sample) {
-    Mutex::Autolock guard(mEncodedLock);
-    if (!mStarted && mCodecStopped) return ERROR_END_OF_STREAM;
-    BatchHandOff::waitForStart(
-        *this, "wait @ Buffer Start conditionpushEncodedBuffer called before start");
-
-    if (sample->mBuffer == nullptr) {
-        QM_LOGE(kTag, "pushEncodedBuffer get an NULL buffer");
-        return BAD_VALUE;
-    }
-    if (mCodecStopped) {
-        QM_LOGV(kTag, "enter push encoded buffer in EOS State");
-        return ERROR_END_OF_STREAM;
-    }
-    TEncodedSample copy = *sample;
-    copy.mBuffer = BatchHandOff::copyOf(sample->mBuffer, sample->mSize);
-    if (copy.mBuffer == nullptr) return BAD_VALUE;
-    stampDecodingTime(&copy);
-    mEncodedSamples.push_back(copy);
-    BatchHandOff::handOver(
-        mEncodedLock, mEncodedSamples, static_cast<size_t>(mMaxEncodedSamples), mFrameAvailableCond,
-        mBufferReturnedCond, [this]() -> bool { return mCodecStopped; },
-        [](size_t count) {
-            QM_LOGV(kTag,
-                    "wait @ buffer returned condition in pushEncodedBuffer [EncodedSample:%zu]",
-                    count);
-        });
-    return OK;
+    return mCore.pushEncoded(
+        *sample, static_cast<size_t>(mMaxEncodedSamples),
+        "wait @ Buffer Start conditionpushEncodedBuffer called before start",
+        "wait @ buffer returned condition in pushEncodedBuffer [EncodedSample:%zu]",
+        [this](TEncodedSample* copy) REQUIRES(mEncodedLock) { stampDecodingTime(copy); });
 }
 
 // Decoding times go up by the sample's duration, never beyond a presentation time that lies before
@@ -238,9 +186,9 @@ void TVideoSource::stampDecodingTime(TEncodedSample* sample) {
     if (mLastTimeUs <= 0) {
         timeUs = sample->mTimeUs;
     } else if (sample->mSpare2 >= 0) {
-        timeUs = mLastTimeUs + sample->mSpare2;
-    } else if (sample->mSpare2 == -1) {
-        timeUs = mLastTimeUs + mFrameIntervalUs;
+        timeUs = saturatingAdd(mLastTimeUs, sample->mSpare2);
+    } else if (sample->mSpare2 == kDurationFromFrameRate) {
+        timeUs = saturatingAdd(mLastTimeUs, mFrameIntervalUs);
     }
     if (sample->mTimeUs < timeUs) timeUs = sample->mTimeUs;
     mLastTimeUs = timeUs;
@@ -248,65 +196,27 @@ void TVideoSource::stampDecodingTime(TEncodedSample* sample) {
 }
 
 status_t TVideoSource::pushDecodedBuffer(TDecodedSample& sample, bool stopOnEOS) {
-    {
-        Mutex::Autolock encoded(mEncodedLock);
-        BatchHandOff::waitForStart(*this, "pushBuffer called before start");
-    }
-    if ((sample.mFlags & MediaCodec::BUFFER_FLAG_EOS) != 0) {
-        return pushEndOfStream(sample, stopOnEOS);
-    }
-
-    Mutex::Autolock guard(mDecodedLock);
-    if (sample.mBuffer == nullptr) {
-        QM_LOGE(kTag, "pushDecodedBuffer get an NULL buffer");
-        return BAD_VALUE;
-    }
-    if (mCodecStopped) return ERROR_END_OF_STREAM;
-    if (sample.mPresentationTimeUs < mNextFrameTimeUs) {
-        QM_LOGD(kTag, "drop %lld > %lld", wide(mNextFrameTimeUs), wide(sample.mPresentationTimeUs));
-        return OK;
-    }
-    mNextFrameTimeUs = sample.mPresentationTimeUs + mFrameIntervalUs;
-
-    TDecodedSample copy = sample;
-    copy.mBuffer = BatchHandOff::copyOf(sample.mBuffer, sample.mSize);
-    if (copy.mBuffer == nullptr) return BAD_VALUE;
-    mDecodedSamples.push_back(copy);
-    // Without an encoder there is nobody to wait for: it is this very thread that enables it.
-    if (mMediaEncoderThread != nullptr) {
-        BatchHandOff::handOver(
-            mDecodedLock, mDecodedSamples, static_cast<size_t>(mMaxDecodedSamples),
-            mDecodedAvailableCond, mDecoderBufferReturnedCond,
-            [this] { return BatchHandOff::stopWanted(*this); },
-            [](size_t count) {
-                QM_LOGV(kTag, "wait@mDecoderBufferReturnedCond [DecodedSample:%zu]", count);
-            });
-    }
-    return OK;
+    return mCore.pushDecoded(
+        sample, stopOnEOS, mMediaEncoderThread != nullptr, static_cast<size_t>(mMaxDecodedSamples),
+        "wait@mDecoderBufferReturnedCond [DecodedSample:%zu]",
+        [this](TDecodedSample* copy)
+            REQUIRES(mDecodedLock) { return keepFrame(copy->mPresentationTimeUs); });
 }
 
-status_t TVideoSource::pushEndOfStream(const TDecodedSample& sample, bool stopOnEOS) {
-    QM_LOGV(kTag, "The input source is reached EOS %d", stopOnEOS);
-    // Without an encoder nobody would carry the record to the writer.
-    if (stopOnEOS || mMediaEncoderThread == nullptr) {
-        setCodecStopped();
-        return ERROR_END_OF_STREAM;
+// False for a frame that follows the last kept one too closely.
+bool TVideoSource::keepFrame(int64_t timeUs) {
+    if (timeUs < mNextFrameTimeUs) {
+        QM_LOGD(kTag, "drop %lld > %lld", wide(mNextFrameTimeUs), wide(timeUs));
+        return false;
     }
-    Mutex::Autolock guard(mDecodedLock);
-    if (!mEOSSampleAdded && !mCodecStopped) {
-        TDecodedSample record;
-        record.mFlags = sample.mFlags;
-        mDecodedSamples.push_back(record);
-        mDecodedAvailableCond.signal();
-    }
-    return ERROR_END_OF_STREAM;
+    mNextFrameTimeUs = saturatingAdd(timeUs, mFrameIntervalUs);
+    return true;
 }
 
 void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
                              bool convert) NO_THREAD_SAFETY_ANALYSIS {
     if (!convert) return;
-    const size_t outBytes = static_cast<unsigned>(static_cast<double>(mAttribute.mOutputWidth) *
-                                                  mAttribute.mOutputHeight * 1.5);
+    const auto outBytes = static_cast<size_t>(outputFrameBytes());
     if (!pictureFits(in, out, outBytes)) {
         QM_LOGE(kTag, "picture of %zu bytes does not hold %dx%d in %dx%d, or %zu bytes are too few",
                 in.mSize, mAttribute.mWidth, mAttribute.mHeight, mAttribute.mStride,
@@ -326,11 +236,10 @@ void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
 bool TVideoSource::pictureFits(const TDecodedSample& in, const TDecodedSample& out,
                                size_t outBytes) const {
     const VideoAttribute& a = mAttribute;
-    if (a.mWidth < 1 || a.mHeight < 1 || a.mOutputWidth < 1 || a.mOutputHeight < 1) return false;
+    if (a.mWidth < 1 || a.mHeight < 1 || outBytes == 0) return false;
     if (a.mWidth > a.mStride || a.mHeight > a.mSliceHeight) return false;
     const int64_t luma = static_cast<int64_t>(a.mStride) * a.mSliceHeight;
-    const int64_t chroma =
-        2 * ((static_cast<int64_t>(a.mStride) + 1) / 2) * ((a.mSliceHeight + 1) / 2);
+    const int64_t chroma = 2 * ((int64_t{a.mStride} + 1) / 2) * ((int64_t{a.mSliceHeight} + 1) / 2);
     return in.mBuffer != nullptr && luma + chroma <= static_cast<int64_t>(in.mSize) &&
            outBytes <= out.mBuffer->capacity();
 }
@@ -348,6 +257,144 @@ int TVideoSource::getCurrentEffect(int64_t timeUs) {
     const int32_t* effect;
     memcpy(&effect, &mAttribute.mSurfaceParam1, sizeof(effect));
     return *effect;
+}
+
+const EncoderPump::Kind TVideoSource::MediaEncoderThread::kKind = {kTag,
+                                                                   TVideoSource::kTag,
+                                                                   "TrasnVideoEn_looper",
+                                                                   "call Video encoder create",
+                                                                   "Video encoder input EOS",
+                                                                   false,
+                                                                   checks::kVideoEncoderInputs,
+                                                                   checks::kVideoEncoderOutputs,
+                                                                   checks::kNewVideoEncoderOutputs,
+                                                                   checks::kNewVideoEncoderFormat};
+
+TVideoSource::MediaEncoderThread::MediaEncoderThread(sp<TVideoSource> source)
+    : Thread(false),
+      mSource(source),
+      mPump(kKind,
+            {*this, *this, mPauseLock, mVideoEncoder, mEncodedFrameCount, mEncodedByteCount,
+             mDequeueTimeoutUs},
+            source->mCore,
+            {[this](TDecodedSample& out) { return readDecodedData(out); },
+             [this](status_t err, size_t index) { return onDequeuedInput(err, index); },
+             [this](const sp<MediaCodec>& codec) { return drainEncoder(codec); }}) {
+    sp<AMessage> format;
+    {
+        Mutex::Autolock guard(mSource->mFormatLock);
+        format = mSource->mEncoderFormat;
+    }
+    mValid = mPump.setUp(format, nullptr);
+}
+
+TVideoSource::MediaEncoderThread::~MediaEncoderThread() {
+    QM_LOGV(kTag, "Decontructor MediaEncoderThread");
+}
+
+Next TVideoSource::MediaEncoderThread::onDequeuedInput(status_t err, size_t /* index */) {
+    if (err != OK) QM_LOGV(kTag, "Not OK dequeueInputBuffer");
+    if (err != OK && err != -EAGAIN) {
+        QM_LOGW(kTag, "Encoder input [%d]", err);
+        mPump.fail();
+        mExitRequested = true;
+        return Next::kEnd;
+    }
+    if (!mSource->mCodecStopped) return Next::kGoOn;
+    if (err == OK) {
+        QM_LOGV(kTag, "the codec was stopped");
+    } else {
+        QM_LOGD(kTag, "input thread forced stop by others");
+    }
+    return Next::kEnd;
+}
+
+status_t TVideoSource::MediaEncoderThread::readDecodedData(TDecodedSample& out) {
+    SourceCore& core = mSource->mCore;
+    Mutex::Autolock guard(core.decoded.lock());
+    const status_t err = core.awaitDecoded(kTag, mExitRequested);
+    if (err != OK) return err;
+
+    TDecodedSample head = core.decoded.pop();
+    // Only the end-of-stream marker has no buffer; one with further flags must end the track as
+    // well.
+    if (head.mFlags == kFlagEOS || head.mBuffer == nullptr) {
+        QM_LOGV(kTag, "inputSample EOS");
+        core.decoded.wakeProducer();
+        return ERROR_END_OF_STREAM;
+    }
+    mSource->cropFrame(head, out, true);
+    if (out.mSize == 0) return BAD_VALUE;
+    out.mPresentationTimeUs = head.mPresentationTimeUs;
+    out.mFlags = head.mFlags;
+    mLastInputTimeUs = head.mPresentationTimeUs;
+    return OK;
+}
+
+// Takes output until there is none, an end, or a stop; the result that ended it.
+status_t TVideoSource::MediaEncoderThread::drainOutput(const sp<MediaCodec>& codec) {
+    while (!mOutputEOS) {
+        TEncodedSample output;
+        const status_t err =
+            codec->dequeueOutputBuffer(&output.mIndex, &output.mOffset, &output.mSize,
+                                       &output.mTimeUs, &output.mFlags, mDequeueTimeoutUs);
+        if (err != OK) {
+            QM_LOGV(kTag, "Error[%d], flags[%x]", err, output.mFlags);
+            if ((output.mFlags & kFlagEOS) != 0) {
+                QM_LOGV(kTag, "reached EOS on output.(in dequeue Erro) : %lld",
+                        wide(mEncodedFrameCount));
+                mOutputEOS = true;
+            }
+            return err;
+        }
+        if (mSource->mCodecStopped) {
+            QM_LOGV(kTag, "the codec was stopped");
+            break;
+        }
+        forwardOutput(codec, &output);
+    }
+    return OK;
+}
+
+// The last output carries no frame.
+void TVideoSource::MediaEncoderThread::forwardOutput(const sp<MediaCodec>& codec,
+                                                     TEncodedSample* output) {
+    mPump.takeOutput(output);
+    const bool last = (output->mFlags & kFlagEOS) != 0;
+    output->mSpare2 = kDurationFromFrameRate;
+    if (!last && mSource->pushEncodedBuffer(output) == BAD_VALUE) mPump.fail();
+    codec->releaseOutputBuffer(output->mIndex);
+    if (last) mPump.endOutput();
+}
+
+Next TVideoSource::MediaEncoderThread::drainEncoder(const sp<MediaCodec>& codec) {
+    const status_t result = drainOutput(codec);
+    Next next = Next::kGoOn;
+    if (result == OK) {
+        QM_LOGV(kTag, "State is OK");
+    } else if (result == -EAGAIN) {
+        if (mSource->mEOSSampleAdded) mSource->setCodecStopped();
+        if (mSource->mCodecStopped) next = mPump.endStoppedOutput();
+    } else if (!mPump.handleChange(codec, result)) {
+        QM_LOGW(kTag, "Encoder output [%d]", result);
+        next = mPump.fail();
+    }
+    if (mOutputEOS && !mSource->mCodecStopped) mSource->setCodecStopped();
+    if (mOutputEOS || next == Next::kEnd) mExitRequested = true;
+    return next;
+}
+
+void TVideoSource::MediaEncoderThread::signalEndOfInputStream() {
+    const sp<MediaCodec> codec = mPump.codec();
+    if (codec == nullptr) return;
+    QM_LOGD(kTag, "call signalEndOfInputStream");
+    codec->signalEndOfInputStream();
+}
+
+void TVideoSource::MediaEncoderThread::startOutputPortThread() {
+    QM_LOGV(kTag, "startOutputPortThread start");
+    mPump.startDetached(&mOutputThread, outputThreadWrapper, this);
+    QM_LOGV(kTag, "startOutputPortThread end");
 }
 
 }  // namespace qmmediaeditor

@@ -10,8 +10,6 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr int32_t kColorFormatYUV420Planar = 19;
-
 bool isUsable(const AString& mime, const char* prefix, const char* unsupported) {
     return mime.startsWithIgnoreCase(prefix) && !mime.equalsIgnoreCase(unsupported);
 }
@@ -27,8 +25,7 @@ int Transcode::createTrack() {
             return kSessionFailed;
         }
         AString mime;
-        kChecks.isTrue(667, "mpTrack[i].mFormat->findString(\"mime\", &mime)",
-                       mpTrack[i].mFormat->findString("mime", &mime));
+        check(checks::kTrackMime, mpTrack[i].mFormat->findString("mime", &mime));
 
         int err;
         if (!mFileAttribute.mHasAudio &&
@@ -62,8 +59,7 @@ int Transcode::createAudioDecoder(int32_t i, const AString& mime) {
     track.mCodecStatus->mIsAudio = true;
     track.mCodecStatus->mCodec = MediaCodec::CreateByType(mAudioDecoderLooper, mime, false, nullptr,
                                                           MediaCodec::kNoPid, MediaCodec::kNoUid);
-    kChecks.isTrue(688, "mpTrack[i].mCodecStatus->mCodec != NULL",
-                   track.mCodecStatus->mCodec != nullptr);
+    check(checks::kAudioDecoder, track.mCodecStatus->mCodec != nullptr);
 
     // The decoder must not drop leading samples: the time line is kept whole.
     int32_t delay = 0;
@@ -72,7 +68,7 @@ int Transcode::createAudioDecoder(int32_t i, const AString& mime) {
         track.mFormat->setInt32("encoder-delay", 0);
     }
     const status_t err = track.mCodecStatus->mCodec->configure(track.mFormat, nullptr, nullptr, 0);
-    kChecks.areEqual(697, "err,(status_t)OK", err, OK);
+    checkEqual(checks::kAudioDecoderConfigured, err, OK);
     return OK;
 }
 
@@ -92,8 +88,7 @@ int Transcode::createVideoDecoder(int32_t i, const AString& mime) {
     track.mCodecStatus->mIsAudio = false;
     track.mCodecStatus->mCodec = MediaCodec::CreateByType(mVideoDecoderLooper, mime, false, nullptr,
                                                           MediaCodec::kNoPid, MediaCodec::kNoUid);
-    kChecks.isTrue(728, "mpTrack[i].mCodecStatus->mCodec != NULL",
-                   track.mCodecStatus->mCodec != nullptr);
+    check(checks::kVideoDecoder, track.mCodecStatus->mCodec != nullptr);
     chooseDithering(track.mFormat.get());
     const status_t err = track.mCodecStatus->mCodec->configure(track.mFormat, mSurface, nullptr, 0);
     if (err != OK) {
@@ -135,8 +130,7 @@ int Transcode::selectTrackAt(int32_t i) {
         return kSessionFailed;
     }
     int64_t duration = 0;
-    kChecks.isTrue(774, "mpTrack[i].mFormat->findInt64(\"durationUs\", &duration)",
-                   mpTrack[i].mFormat->findInt64("durationUs", &duration));
+    check(checks::kTrackDuration, mpTrack[i].mFormat->findInt64("durationUs", &duration));
     if (mFileAttribute.mDurationUs == 0 || duration > mFileAttribute.mDurationUs) {
         mFileAttribute.mDurationUs = duration;
     }

@@ -1,17 +1,13 @@
-// One transcoding session, and the objects through which the host and the writer reach it.
-//
-// The host creates a TranscodeComponent, hands it a request with create(), blocks in process() and
-// ends with destory(). Only cancel() may be called while process() runs.
+// One transcoding session, and the listener through which the writer reaches it.
 #pragma once
 
-#include <Exports.h>
-#include <FatalCheck.h>
-#include <PortLatch.h>
-#include <Shared.h>
+#include <FatalChecks.h>
+#include <RelaxedAtomic.h>
 #include <TAudioSource.h>
 #include <TVideoSource.h>
 #include <TranscodeErrors.h>
 #include <TranscodeTypes.h>
+#include <WaitGroup.h>
 #include <editorutils/QmMediaEditorUtils.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
 #include <gui/Surface.h>
@@ -35,8 +31,8 @@ class QM_EXPORT Transcode {
 public:
     // What a selected track's decoder is doing.
     struct CodecState {
-        Shared<bool> mSawInputEOS{false};   // written by the input reader
-        Shared<bool> mSawOutputEOS{false};  // written by the main loop
+        RelaxedAtomic<bool> mSawInputEOS{false};   // written by the input reader
+        RelaxedAtomic<bool> mSawOutputEOS{false};  // written by the main loop
         uint64_t mDecodedFrameCount = 0;
         uint64_t mDecodedByteCount = 0;
         bool mIsAudio = false;
@@ -71,7 +67,7 @@ public:
     int32_t createModule();
 
     // Runs the whole transcoding on the calling thread. Once, after createModule(). 0, or any of
-    // TranscodeErrors.h but kNoSource. After it has returned, no thread reads the input any more.
+    // TranscodeErrors.h but kNoResource. After it has returned, no thread reads the input any more.
     int32_t doTranscode();
 
     // Raises the stop flag and returns. Any thread.
@@ -83,10 +79,13 @@ public:
 
 private:
     static constexpr const char* kTag = "Transcode";
-    static constexpr FatalCheck kChecks{"Transcode", QM_COMPONENT_PATH "Transcode"};
 
-    // What one pass of the input reader leads to.
-    enum class Next { kGoOn, kEnd };
+    // What the input reader does next.
+    enum class ReaderState {
+        kFeeding,        // moves samples into the decoders
+        kSignallingEnd,  // tells the decoders the end of the input
+        kEnded,
+    };
 
     // The sample that the input reader is to queue, wherever it came from.
     struct PendingSample {
@@ -131,7 +130,7 @@ private:
     void startDecoders();
     void wireWriter();
     void copyUuidData();
-    void runLoop(List<TDecodedSample>* decodedList, int32_t* lastDecodeResult);
+    int32_t runLoop();
     bool allTracksEnded() const;
     int32_t sourceFailure() const;
     void pushEndMarkers(const char* message);
@@ -143,12 +142,12 @@ private:
     void startInputPortThread();
     static void* inputThreadWrapper(void* self);
     int inputThreadEntry();
-    Next signalInputEOS();
-    Next feedDecoder(bool* sawInputEOS);
+    ReaderState signalInputEOS();
+    ReaderState feedDecoder();
     status_t seekIfNeeded();
     status_t nextSample(PendingSample* sample);
     void readSample(PendingSample* sample);
-    Next queueSample(const PendingSample& sample, bool* queued);
+    ReaderState queueSample(const PendingSample& sample);
     void consumeSample(const PendingSample& sample);
     void printProgress(int64_t timeUs);
     void reportProgress(int32_t percent) const;
@@ -182,17 +181,17 @@ private:
     TranscodeProperty* mProperty;
     sp<QmMediaExtractorWrapper> mExtractor;  // the input reader's, once it runs
     // The main loop and the input reader both work through the periods.
-    Shared<int32_t> mCurrentPeriodIndex{-1};
-    Shared<int64_t> mPeriodOffsetUs{0};
-    Shared<bool> mPeriodChanged{true};
+    RelaxedAtomic<int32_t> mCurrentPeriodIndex{-1};
+    RelaxedAtomic<int64_t> mPeriodOffsetUs{0};
+    RelaxedAtomic<bool> mPeriodChanged{true};
     bool mPTrimEnabled = false;
     bool mUnusedFlag = true;
     bool mAcceptAudioFormatChange = true;
-    List<SampleData> mSampleList;        // input reader
-    Shared<bool> mOutputStopped{false};  // main loop
-    Shared<bool> mForceStop{false};      // written by any thread, polled by all
+    List<SampleData> mSampleList;               // input reader
+    RelaxedAtomic<bool> mOutputStopped{false};  // main loop
+    RelaxedAtomic<bool> mForceStop{false};      // written by any thread, polled by all
     // The failure that has set mForceStop; written by the session's thread and the input reader.
-    Shared<int32_t> mFailure{OK};
+    RelaxedAtomic<int32_t> mFailure{OK};
     FileAttribute mFileAttribute;
     sp<ALooper> mVideoDecoderLooper;
     sp<ALooper> mAudioDecoderLooper;
@@ -203,8 +202,9 @@ private:
     sp<MPEG4Writer> mMP4Writer;
     sp<AMessage> mOutputFormat;
     sp<MetaData> mFileMeta;
-    Shared<bool> mNeedtoSeek{false};  // published by the main loop, taken by the input reader
-    Shared<int64_t> mSeekTime{-1};    // written before mNeedtoSeek
+    RelaxedAtomic<bool> mNeedtoSeek{
+        false};                            // published by the main loop, taken by the input reader
+    RelaxedAtomic<int64_t> mSeekTime{-1};  // written before mNeedtoSeek
     QmMediaEditorUtils* mUtils;
     pthread_t mInputThread = 0;
     int32_t mUnusedWord = 0;
@@ -213,7 +213,7 @@ private:
     sp<TranscodeListener> mListener;
     int32_t mLastProgress = 0;  // input reader
     int32_t mProgressOffset;
-    PortLatch mInputPort;
+    WaitGroup mInputPort;
 };
 
 // Passes the writer's events on to the session, which owns it.
@@ -229,41 +229,6 @@ protected:
 
 private:
     Transcode* mTranscode;
-};
-
-// The entry for the host. create(), destory() and clearHandler() must not be called while process()
-// runs, not from its progress callback either: each of them aborts the process then.
-class QM_EXPORT TranscodeComponent : public RefBase {
-public:
-    TranscodeComponent();
-
-    // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. With
-    // null there is no session, and process() returns kInvalidRequest. Does not block. 0.
-    virtual int32_t create(void* property);
-
-    // Runs the session on the calling thread, and blocks until the output is finished or the
-    // session stops. 0 when the file is whole; kInvalidRequest, also without a session and whenever
-    // the input cannot be opened; or what Transcode::doTranscode() says. A session runs once: a
-    // second call without a new create() returns kInvalidRequest and touches nothing.
-    virtual int32_t process() noexcept;
-
-    // Has process() return kStopped soon, with the file closed after what was written. Any thread,
-    // at any time between create() and destory(); does not block. 0.
-    virtual int32_t cancel();
-
-    // Ends the session and frees it; blocks until its threads have gone. 0.
-    virtual int32_t destory();
-
-    // As destory().
-    int32_t clearHandler();
-
-protected:
-    ~TranscodeComponent() override;
-
-private:
-    Transcode* mTranscode = nullptr;
-    Shared<bool> mUsed{false};        // process() was called since create()
-    Shared<bool> mProcessing{false};  // process() runs
 };
 
 }  // namespace qmmediaeditor

@@ -1,15 +1,15 @@
+#include <FatalChecks.h>
 #include <Log.h>
 #include <Transcode.h>
-#include <unistd.h>
+#include <TranscodeComponent.h>
 
 namespace android {
 namespace qmmediaeditor {
 
 namespace {
 
-constexpr const char* kComponentTag = "TranscodeComponent";
+constexpr const char* kTag = "TranscodeComponent";
 constexpr const char* kListenerTag = "Transcode";
-constexpr FatalCheck kChecks(kComponentTag, QM_COMPONENT_PATH "TranscodeComponent");
 
 }  // namespace
 
@@ -26,13 +26,12 @@ int32_t TranscodeComponent::create(void* property) {
 }
 
 int32_t TranscodeComponent::process() noexcept {
-    QM_LOGD(kComponentTag, "call process");
+    QM_LOGD(kTag, "call process");
     // A second run would use descriptors that the first one has closed, and a stop flag, an end of
     // stream and decoders that are spent.
     if (mTranscode == nullptr || mUsed.exchange(true)) return kInvalidRequest;
     mProcessing = true;
-    // Whatever kept the modules from being made, the host learns one thing: this request cannot be
-    // done.
+    // The host is not told why a module could not be made.
     const int32_t result =
         mTranscode->createModule() == OK ? mTranscode->doTranscode() : kInvalidRequest;
     mProcessing = false;
@@ -40,13 +39,13 @@ int32_t TranscodeComponent::process() noexcept {
 }
 
 int32_t TranscodeComponent::cancel() {
-    QM_LOGD(kComponentTag, "call cancel");
+    QM_LOGD(kTag, "call cancel");
     return mTranscode == nullptr ? OK : mTranscode->forceStop();
 }
 
 int32_t TranscodeComponent::destory() {
     // The session must not be deleted while its threads use it.
-    kChecks.isAllowed("create, destory or clearHandler called while process runs", !mProcessing);
+    checkRule(kTag, "create, destory or clearHandler called while process runs", !mProcessing);
     delete mTranscode;
     mTranscode = nullptr;
     return OK;

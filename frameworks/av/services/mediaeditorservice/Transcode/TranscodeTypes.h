@@ -12,19 +12,31 @@
 
 #include <functional>
 
+// Marks what the library shows to its hosts.
+#define QM_EXPORT __attribute__((visibility("default")))
+
 namespace android {
 namespace qmmediaeditor {
+
+// The platform's colour formats that the component knows.
+constexpr int32_t kColorFormatYUV420Planar = 19;
+constexpr int32_t kColorFormatYUV420SemiPlanar = 21;
+constexpr int32_t kColorFormatSurface = 0x7F000789;  // an input surface feeds the encoder
 
 // Eight bytes of the host's that are passed on as one unit.
 struct OpaqueParam {
     int32_t mWords[2] = {0, 0};
 };
+static_assert(sizeof(OpaqueParam) == 8);
 
 // One period of the input to keep: [mStartUs, mEndUs).
 struct TrimPeriod {
     int64_t mStartUs;
     int64_t mEndUs;
 };
+// Periods come as an array of the host's.
+static_assert(sizeof(TrimPeriod) == 16 && offsetof(TrimPeriod, mEndUs) == 8);
+static_assert(sizeof(bool) == 1 && sizeof(size_t) == sizeof(void*), "as the host lays them out");
 
 // What-code of TranscodeProperty::mOutputFormat.
 constexpr uint32_t kOutputFormatWhat = 0x6F757446;  // 'outF'
@@ -100,11 +112,11 @@ struct VideoAttribute {
     int32_t mOutputHeight = 0;
     int32_t mOutputFrameRate = -1;  // frames a second
     int32_t mBitrate = -1;          // bits a second
-    int32_t mColorFormat = -1;  // of the encoder's input: 19, or 0x7F000789 with an input surface
-    int32_t mLevel = 0;         // the platform's AVC level bit, or 0
-    int32_t mProfile = 0;       // the platform's AVC profile bit, or 0
-    int32_t mIFrameInterval = -1;  // seconds
-    sp<ABuffer> mAvcCsd0;          // of an AVC input track
+    int32_t mColorFormat = -1;      // of the encoder's input: planar, or surface
+    int32_t mLevel = 0;             // the platform's AVC level bit, or 0
+    int32_t mProfile = 0;           // the platform's AVC profile bit, or 0
+    int32_t mIFrameInterval = -1;   // seconds
+    sp<ABuffer> mAvcCsd0;           // of an AVC input track
     sp<ABuffer> mAvcCsd1;
     bool mUseSurface = false;
     OpaqueParam mSurfaceParam1;
@@ -114,12 +126,12 @@ struct VideoAttribute {
     int32_t mHeight = 0;
     int32_t mFrameRate = -1;  // frames a second
     AString mInputMime;
-    int32_t mPTrim = 0;                // as bool; always 0
-    int32_t mStride = 0;               // bytes of a luma row
-    int32_t mSliceHeight = 0;          // rows of the luma plane
-    int32_t mNeedCopy = 0;             // as bool: the planes are larger than the visible picture
-    int32_t mFrameBufferSize = 10;     // frames held back by the video source
-    int32_t mDecoderColorFormat = 21;  // 19 is planar, 21 semi-planar YUV 4:2:0
+    int32_t mPTrim = 0;             // as bool; always 0
+    int32_t mStride = 0;            // bytes of a luma row
+    int32_t mSliceHeight = 0;       // rows of the luma plane
+    int32_t mNeedCopy = 0;          // as bool: the planes are larger than the visible picture
+    int32_t mFrameBufferSize = 10;  // frames held back by the video source
+    int32_t mDecoderColorFormat = kColorFormatYUV420SemiPlanar;  // or planar
 };
 
 // One decoded buffer on its way into a source. The end-of-stream marker has mFlags 4 and a null

@@ -1,4 +1,4 @@
-// What threads share without a lock.
+// Values that threads share without a lock.
 #pragma once
 
 #include <atomic>
@@ -6,12 +6,13 @@
 namespace android {
 namespace qmmediaeditor {
 
-// A value that any thread may read and write at any time and that others poll. As large as the
-// plain value, and without order among several of them but for publish() and take().
+// A value that any thread may read and write at any time and that others poll. It is as large as
+// the plain value, because the records that hold it keep their layout. Accesses are relaxed; only
+// publish() and take() order other accesses.
 template <typename T>
-class Shared {
+class RelaxedAtomic {
 public:
-    Shared(T value) : mValue(value) {}
+    RelaxedAtomic(T value) : mValue(value) {}
 
     operator T() const { return mValue.load(std::memory_order_relaxed); }
     T operator=(T value) {
@@ -20,7 +21,7 @@ public:
     }
     T exchange(T value) { return mValue.exchange(value, std::memory_order_relaxed); }
 
-    // Whoever takes the value sees what its publisher wrote before.
+    // A thread that takes the value sees everything that was written before publish().
     void publish(T value) { mValue.store(value, std::memory_order_release); }
     T take(T next) { return mValue.exchange(next, std::memory_order_acquire); }
 

@@ -1,4 +1,4 @@
-// Lets an owner wait until the threads that work for it have gone.
+// Lets an owner wait until the detached threads that work for it have ended.
 #pragma once
 
 #include <pthread.h>
@@ -9,24 +9,25 @@
 namespace android {
 namespace qmmediaeditor {
 
-class PortLatch {
+class WaitGroup {
 public:
-    // One more thread works. Called before it is created, so that no wait misses it.
+    // Counts one more thread. Called before the thread is created, so that no wait misses it.
     void enter() {
         Mutex::Autolock guard(mLock);
         ++mRunning;
     }
 
-    // The last act of such a thread.
+    // The last act of a counted thread.
     void leave() {
         Mutex::Autolock guard(mLock);
         --mRunning;
         mIdle.broadcast();
     }
 
-    // True when none works any more.
-    bool waitIdle(nsecs_t bound) {
-        const nsecs_t end = systemTime(SYSTEM_TIME_MONOTONIC) + bound;
+    // Waits until no counted thread runs, for `boundNs` nanoseconds at most. False when one still
+    // runs then.
+    bool waitIdle(nsecs_t boundNs) {
+        const nsecs_t end = systemTime(SYSTEM_TIME_MONOTONIC) + boundNs;
         Mutex::Autolock guard(mLock);
         while (mRunning > 0) {
             const nsecs_t left = end - systemTime(SYSTEM_TIME_MONOTONIC);
