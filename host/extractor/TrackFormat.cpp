@@ -30,7 +30,7 @@ struct Size {
     int height;
 };
 
-// Keeps the height and brings the width to square pixels, as players do.
+// Keeps the height and scales the width to square pixels, as players do.
 Size displaySize(AVFormatContext& context, AVStream& stream) {
     const Size coded = {stream.codecpar->width, stream.codecpar->height};
     const AVRational aspect = av_guess_sample_aspect_ratio(&context, &stream, nullptr);
@@ -38,7 +38,7 @@ Size displaySize(AVFormatContext& context, AVStream& stream) {
     const int64_t halfWidth =
         av_rescale_rnd(coded.width, aspect.num, 2LL * aspect.den, AV_ROUND_NEAR_INF);
     if (halfWidth < 1) return coded;
-    // Beyond the limit, any size will be refused.
+    // Any size beyond the limit will be refused.
     return {static_cast<int>(std::min<int64_t>(halfWidth, INT32_MAX / 2) * 2), coded.height};
 }
 
@@ -59,7 +59,7 @@ bool isHdr(AVColorTransferCharacteristic transfer) {
     return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }
 
-// 0 when it is not known. Matroska leaves it to a tag.
+// 0 when it is not known. Matroska has it in a tag.
 int64_t bitRate(const AVStream& stream) {
     if (stream.codecpar->bit_rate > 0) return stream.codecpar->bit_rate;
     const AVDictionaryEntry* tag =
@@ -73,7 +73,7 @@ constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 constexpr int kAvcSequenceParameterSet = 7;
 constexpr int kAvcPictureParameterSet = 8;
 
-// Reads a configuration record; once a read goes past the end, everything reads as empty.
+// Reads a configuration record; after a read beyond the end, all further reads are empty.
 class Reader {
 public:
     Reader(const uint8_t* data, size_t size) : mData(data), mEnd(data + size) {}
