@@ -5,7 +5,6 @@
 #include <cmath>
 
 #include "host/extractor/TimestampRepair.h"
-#include "host/writer/PacketInterleaver.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -96,29 +95,6 @@ TEST(ConstantFrameRate, aRateThatIsSlightlyOff_driftsWithoutAFrameThatComesTooEa
         ASSERT_GE(timeUs - lastUs, 33333) << "frame " << i;
         lastUs = timeUs;
     }
-}
-
-TEST(TrackTimestamps, soundKeepsItsFrameLength_untilThereIsARealGap) {
-    TrackTimestamps clock(48000, 1024, 0);
-    EXPECT_EQ(-1024, clock.stamp(-21333).ticks);
-    for (int64_t i = 0; i < 1000; ++i) {
-        // As counted by someone who drops the fractions.
-        EXPECT_EQ(i * 1024, clock.stamp(i * 1024 * 1000000 / 48000).ticks);
-    }
-    EXPECT_EQ(48000 * 30, clock.stamp(30000000).ticks);
-    EXPECT_EQ(1024, clock.stamp(30021333).durationTicks);
-}
-
-TEST(TrackTimestamps, picturesRise_whateverTheirTimesDo) {
-    TrackTimestamps clock(90000, 0, 3000);
-    const auto first = clock.stamp(0);
-    EXPECT_EQ(3000, first.durationTicks);
-    EXPECT_EQ(3003, clock.stamp(33367).ticks);
-    EXPECT_EQ(3004, clock.stamp(33367).ticks);
-    EXPECT_EQ(3005, clock.stamp(10000).ticks);
-    EXPECT_EQ(9000, clock.stamp(100000).ticks);
-    const auto late = clock.stamp(INT64_C(360000000000));
-    EXPECT_EQ(INT64_C(360000) * 90000, late.ticks);
 }
 
 }  // namespace qmmediaeditor
