@@ -38,11 +38,11 @@ public:
 class AudioDecoderTest : public ::testing::Test {
 protected:
     void configure(const std::optional<std::vector<int64_t>>& cutsUs = std::vector<int64_t>(),
-                   int64_t durationUs = 100 * kSecondUs) {
+                   int64_t durationUs = 100 * kSecondUs, int codedRate = kRate) {
         CodecParametersPtr parameters(avcodec_parameters_alloc());
         parameters->codec_type = AVMEDIA_TYPE_AUDIO;
         parameters->codec_id = AV_CODEC_ID_PCM_S16LE;
-        parameters->sample_rate = kRate;
+        parameters->sample_rate = codedRate;
         av_channel_layout_default(&parameters->ch_layout, 1);
         mSequencer->beginSegment(0);
         mSource = new TrackSource(std::move(parameters), mSequencer);
@@ -186,6 +186,17 @@ TEST_F(AudioDecoderTest, silenceFollowsTheReaderAndTheNextAudioIsPlacedExactly) 
     take(output);
     feed(120500, 480, 2);
     EXPECT_EQ("480x1 5304x0 480x2", runs());
+}
+
+// Samples that wait inside of the resampler belong before the packet that brings them out.
+TEST_F(AudioDecoderTest, resampledAudioIsPlacedWhereItsSamplesBelong) {
+    configure(std::vector<int64_t>(), 100 * kSecondUs, kRate / 2);
+    feed(0, 480, 1000);
+    const size_t delay = 960 - mSamples.size();
+    EXPECT_GT(delay, 0u);
+    EXPECT_LT(delay, 100u);
+    feed(220000, 480, 1000);
+    EXPECT_EQ(size_t{240 * 48} - delay, mSamples.size());
 }
 
 TEST_F(AudioDecoderTest, tooMuchSilenceIsRefusedWithAReason) {

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -122,6 +123,26 @@ TEST(DescriptorFileTest, theFirstWriteErrorLasts) {
     EXPECT_EQ(-ENOSPC, file->writeAt(0, "", 0) == OK ? file->status() : -ENOSPC);
     EXPECT_EQ(-ENOSPC, file->finish());
     EXPECT_EQ(0, file->sizeBytes());
+}
+
+size_t openDescriptors() {
+    const std::filesystem::directory_iterator folder("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(folder), end(folder)));
+}
+
+TEST(DescriptorFileTest, noDescriptorIsLeftOpen) {
+    const int fd = memoryFile("0123456789");
+    const size_t before = openDescriptors();
+    for (const bool finishes : {false, true}) {
+        DescriptorFile::openForReading(fd, 0, 10);
+        DescriptorFile::openForReading(fd, 10, 10);
+        const auto written = DescriptorFile::openForWriting(fd).file;
+        EXPECT_TRUE(written->makeReadable());
+        EXPECT_EQ(before + 2, openDescriptors());
+        EXPECT_EQ(OK, finishes ? written->finish() : OK);
+    }
+    EXPECT_EQ(before, openDescriptors());
+    close(fd);
 }
 
 }  // namespace

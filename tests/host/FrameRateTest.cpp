@@ -1,4 +1,4 @@
-// Rates from frame times, and times put back on their grid.
+// Frame rates from timestamps, and timestamps restored to a constant rate.
 #include <gtest/gtest.h>
 #include <math.h>
 
@@ -21,9 +21,9 @@ std::vector<int64_t> timesInMilliseconds(double rate, int count) {
 
 }  // namespace
 
-class FrameGridRates : public ::testing::TestWithParam<std::pair<double, int>> {};
+class ConstantFrameRates : public ::testing::TestWithParam<std::pair<double, int>> {};
 
-TEST_P(FrameGridRates, millisecondsGoBackToTheGrid_andNoFrameComesTooEarlyForTheRate) {
+TEST_P(ConstantFrameRates, timestampsInMillisecondsAreRestored) {
     const auto [rate, announced] = GetParam();
     const auto timesUs = timesInMilliseconds(rate, 120);
     FrameRateEstimate timing = estimateFrameRate({timesUs}, kMillisecondUs, {});
@@ -39,7 +39,7 @@ TEST_P(FrameGridRates, millisecondsGoBackToTheGrid_andNoFrameComesTooEarlyForThe
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, FrameGridRates,
+INSTANTIATE_TEST_SUITE_P(, ConstantFrameRates,
                          ::testing::Values(std::make_pair(24000 / 1001.0, 24),
                                            std::make_pair(24.0, 24), std::make_pair(25.0, 25),
                                            std::make_pair(30000 / 1001.0, 30),
@@ -47,7 +47,7 @@ INSTANTIATE_TEST_SUITE_P(, FrameGridRates,
                                            std::make_pair(60000 / 1001.0, 60),
                                            std::make_pair(60.0, 60), std::make_pair(120.0, 120)));
 
-TEST(ConstantFrameRate, aRateThatTheContainerNamesIsTakenAndRoundedUp) {
+TEST(ConstantFrameRateTest, theContainersRateIsUsedAndRoundedUp) {
     const FrameRateEstimate timing =
         estimateFrameRate({timesInMilliseconds(10.3, 50)}, kMillisecondUs, {{103, 10}});
     EXPECT_EQ(11, timing.rate);
@@ -56,7 +56,7 @@ TEST(ConstantFrameRate, aRateThatTheContainerNamesIsTakenAndRoundedUp) {
     EXPECT_EQ(30, estimateFrameRate(FrameTimestamps(), kMillisecondUs, {{0, 0}, {1, 0}}).rate);
 }
 
-TEST(ConstantFrameRate, variableRate_isLeftAlone_andNoFrameIsTooCloseForTheRate) {
+TEST(ConstantFrameRateTest, aVariableRateIsAtLeastTheShortestFrameDistance) {
     std::vector<int64_t> timesUs = {0};
     for (int i = 0; i < 200; ++i) {
         timesUs.push_back(timesUs.back() + (i % 3 == 0 ? 67000 : i == 100 ? 5000 : 33400));
@@ -69,7 +69,7 @@ TEST(ConstantFrameRate, variableRate_isLeftAlone_andNoFrameIsTooCloseForTheRate)
     EXPECT_EQ(1000, estimateFrameRate({timesUs, false}, kMillisecondUs, {}).rate);
 }
 
-TEST(ConstantFrameRate, timesThatAreExactStayAsTheyAre_howeverLongTheTick) {
+TEST(ConstantFrameRateTest, exactTimestampsDoNotChangeWhateverTheTick) {
     std::vector<int64_t> timesUs;
     for (int i = 0; i < 900; ++i) timesUs.push_back(llround(i * 1e6 / 30));
     FrameRateEstimate timing = estimateFrameRate({timesUs}, 33334, {});
@@ -77,7 +77,7 @@ TEST(ConstantFrameRate, timesThatAreExactStayAsTheyAre_howeverLongTheTick) {
     for (const int64_t timeUs : timesUs) ASSERT_EQ(timeUs, timing.constantRate->snap(timeUs));
 }
 
-TEST(ConstantFrameRate, afterABreakTheGridBeginsAnew) {
+TEST(ConstantFrameRateTest, aBreakSetsANewAnchor) {
     ConstantFrameRate constantRate({30, 1}, kMillisecondUs);
     EXPECT_EQ(0, constantRate.snap(0));
     EXPECT_EQ(33333, constantRate.snap(33000));
@@ -86,7 +86,7 @@ TEST(ConstantFrameRate, afterABreakTheGridBeginsAnew) {
     EXPECT_EQ(1015000 - 33333, constantRate.snap(982000));
 }
 
-TEST(ConstantFrameRate, aRateThatIsSlightlyOff_driftsWithoutAFrameThatComesTooEarly) {
+TEST(ConstantFrameRateTest, aSlightlyWrongRateDriftsWithoutAnEarlyFrame) {
     ConstantFrameRate constantRate({2997, 100}, kMillisecondUs);
     const auto timesUs = timesInMilliseconds(29.98, 20000);
     int64_t lastUs = constantRate.snap(timesUs[0]);

@@ -11,7 +11,13 @@
 #include <mutex>
 #include <set>
 
+#include "WaitingThread.h"
 #include "host/codec/HostMediaCodec.h"
+#include "host/codec/TrackSource.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
 
 namespace android {
 namespace qmmediaeditor {
@@ -30,7 +36,8 @@ struct Script {
     std::mutex lock;
     std::condition_variable changed;
     size_t outputsPerInput = 1;
-    bool keepsInputs = false;
+    bool keepsInputs = false;           // in `kept`
+    bool keepsInputsInBackend = false;  // until it is destroyed
     bool announcesFormat = false;
     bool holdsProduce = false;
     size_t produceCalls = 0;
@@ -79,6 +86,7 @@ public:
         }
         output->buffer = new ABuffer(1);
         output->timeUs = mPending.front();
+        output->segment = mSegment;
         mPending.pop_front();
         return Step::kOutput;
     }
@@ -87,8 +95,13 @@ public:
         mScript->accepted.push_back(
             {input.timeUs, std::vector<uint8_t>(input.data, input.data + input.size)});
         if (mScript->acceptStatus != OK) return mScript->acceptStatus;
+        mSegment = input.info.segment.number;
         for (size_t i = 0; i < mScript->outputsPerInput; ++i) mPending.push_back(input.timeUs);
-        if (mScript->keepsInputs) mScript->kept.push_back(std::move(input));
+        if (mScript->keepsInputsInBackend) {
+            mKept.push_back(std::move(input));
+        } else if (mScript->keepsInputs) {
+            mScript->kept.push_back(std::move(input));
+        }
         return OK;
     }
     status_t finish() override {
@@ -100,6 +113,8 @@ private:
     const std::shared_ptr<Script> mScript;
     sp<AMessage> mFormat;
     std::deque<int64_t> mPending;
+    uint32_t mSegment = 0;
+    std::vector<CodecInput> mKept;
     bool mFinished = false;
 };
 
@@ -233,12 +248,22 @@ TEST_F(HostMediaCodecTest, anInputIsFreeWhenTheBackendReleasesItAndNotBefore) {
     size_t index = 0;
     ASSERT_TRUE(mScript->waitFor([this] { return mScript->kept.size() == kInputs; }));
     EXPECT_EQ(-EAGAIN, mCodec->dequeueInputBuffer(&index, 1000));
-    auto waiting = std::async(std::launch::async, [&] {
+    WaitingThread<status_t> waiting([this] {
         size_t freed = 0;
         return mCodec->dequeueInputBuffer(&freed, kBoundUs);
     });
     mScript->set([this] { mScript->kept.clear(); });
     EXPECT_EQ(OK, waiting.get());
+}
+
+TEST_F(HostMediaCodecTest, aBackendThatStillHasInputsCanBeReleased) {
+    mScript->keepsInputsInBackend = true;
+    start();
+    ASSERT_EQ(OK, queue(5));
+    ASSERT_EQ(OK, dequeue());
+    auto released = std::async(std::launch::async, [this] { return mCodec->release(); });
+    ASSERT_EQ(std::future_status::ready, released.wait_for(kBound));
+    EXPECT_EQ(OK, released.get());
 }
 
 TEST_F(HostMediaCodecTest, anEmptyInputIsFreeAtOnce) {
@@ -266,9 +291,8 @@ TEST_F(HostMediaCodecTest, theFormatIsAnnouncedOnceBeforeTheFirstOutput) {
 // the input runs out would wait for ever.
 TEST_F(HostMediaCodecTest, aWaitingClientGetsOutputsBelowHalfOfTheBuffersToo) {
     start();
-    auto waiting = std::async(std::launch::async, [&] { return dequeue(); });
+    WaitingThread<status_t> waiting([this] { return dequeue(); });
     ASSERT_EQ(OK, queue(5));
-    ASSERT_EQ(std::future_status::ready, waiting.wait_for(kBound / 2));
     EXPECT_EQ(OK, waiting.get());
 }
 
@@ -294,8 +318,8 @@ TEST_F(HostMediaCodecTest, stopWakesBothWaitingClients) {
     start();
     for (size_t i = 0; i < kInputs; ++i) ASSERT_EQ(OK, queue(0));
     for (size_t i = 0; i < kInputs; ++i) ASSERT_EQ(OK, dequeue());
-    auto output = std::async(std::launch::async, [&] { return dequeue(); });
-    auto input = std::async(std::launch::async, [&] {
+    WaitingThread<status_t> output([this] { return dequeue(); });
+    WaitingThread<status_t> input([this] {
         size_t index = 0;
         return mCodec->dequeueInputBuffer(&index, kBoundUs);
     });
@@ -304,29 +328,39 @@ TEST_F(HostMediaCodecTest, stopWakesBothWaitingClients) {
     EXPECT_EQ(INVALID_OPERATION, input.get());
 }
 
-TEST_F(HostMediaCodecTest, stopReturnsOnlyWhenTheBackendIsNotBusy) {
-    mScript->holdsProduce = true;
-    start();
-    ASSERT_TRUE(mScript->waitFor([this] { return mScript->produceCalls > 0; }));
-    std::promise<void> begun;
-    auto stopped = std::async(std::launch::async, [&] {
-        begun.set_value();
-        return mCodec->stop();
-    });
-    begun.get_future().wait();
-    // It cannot have returned, however long it takes.
-    EXPECT_EQ(std::future_status::timeout, stopped.wait_for(std::chrono::milliseconds(100)));
-    mScript->set([this] { mScript->holdsProduce = false; });
-    EXPECT_EQ(OK, stopped.get());
-    const size_t calls = mScript->produceCalls;
-    EXPECT_EQ(INVALID_OPERATION, queue(6));
-    EXPECT_EQ(calls, mScript->produceCalls) << "the backend is not called after stop";
+TEST_F(HostMediaCodecTest, stopWaitsForTheBackendsStepAndNothingFollowsIt) {
+    for (const bool fails : {false, true}) {
+        SCOPED_TRACE(fails);
+        const auto script = std::make_shared<Script>();
+        script->holdsProduce = true;
+        script->fails = fails;
+        const sp<MediaCodec> codec =
+            new HostMediaCodec(mLooper, std::make_unique<ScriptedBackend>(script));
+        ASSERT_EQ(OK, codec->configure(new AMessage, nullptr, nullptr, 0));
+        ASSERT_EQ(OK, codec->start());
+        size_t index = 0;
+        ASSERT_EQ(OK, codec->dequeueInputBuffer(&index, 0));
+        ASSERT_EQ(OK, codec->queueInputBuffer(index, 0, 1, 5, 0, nullptr));
+        ASSERT_TRUE(script->waitFor([&] { return script->produceCalls > 0; }));
+        WaitingThread<status_t> stopped([&] { return codec->stop(); });
+        script->set([&] { script->holdsProduce = false; });
+        EXPECT_EQ(OK, stopped.get());
+        // On the same looper, behind whatever the codec has posted.
+        std::promise<void> idle;
+        mLooper->post([&] { idle.set_value(); });
+        idle.get_future().wait();
+        EXPECT_TRUE(script->accepted.empty()) << "the backend gets nothing after stop";
+        EXPECT_EQ(1u, script->produceCalls);
+        EXPECT_EQ(INVALID_OPERATION, codec->dequeueInputBuffer(&index, 0))
+            << "a failure does not change the state any more";
+        codec->release();
+    }
 }
 
 TEST_F(HostMediaCodecTest, aFailureOfTheBackendIsReportedByBothSides) {
     mScript->acceptStatus = NO_MEMORY;
     start();
-    auto waiting = std::async(std::launch::async, [&] { return dequeue(); });
+    WaitingThread<status_t> waiting([this] { return dequeue(); });
     ASSERT_EQ(OK, queue(5));
     EXPECT_EQ(UNKNOWN_ERROR, waiting.get());
     EXPECT_EQ(UNKNOWN_ERROR, queue(6));
@@ -348,6 +382,87 @@ TEST_F(HostMediaCodecTest, aRefusedInputEndsTheStreamAndRefusesFurtherInputs) {
     EXPECT_TRUE(atEnd());
     EXPECT_EQ(ERROR_UNSUPPORTED, queue(6));
     EXPECT_EQ(1u, mScript->accepted.size());
+}
+
+TEST_F(HostMediaCodecTest, aRefusalFreesTheInputsThatAreStillQueued) {
+    mScript->acceptStatus = ERROR_UNSUPPORTED;
+    mScript->holdsProduce = true;
+    start();
+    for (size_t i = 0; i < kInputs; ++i) ASSERT_EQ(OK, queue(5));
+    mScript->set([this] { mScript->holdsProduce = false; });
+    ASSERT_EQ(OK, dequeue());
+    EXPECT_TRUE(atEnd());
+    for (size_t i = 0; i < kInputs; ++i) {
+        size_t index = 0;
+        EXPECT_EQ(OK, mCodec->dequeueInputBuffer(&index, 0)) << i;
+    }
+}
+
+// Two decoders of one extractor, the first with an output that waits for the second.
+class SequencedCodecsTest : public HostMediaCodecTest {
+protected:
+    void SetUp() override {
+        HostMediaCodecTest::SetUp();
+        mSequencer->beginSegment(0);
+        ASSERT_EQ(OK, mCodec->configure(formatOf(mVideo), nullptr, nullptr, 0));
+        ASSERT_EQ(OK, mAudioCodec->configure(formatOf(mAudio), nullptr, nullptr, 0));
+        ASSERT_EQ(OK, mAudioCodec->start());
+        ASSERT_EQ(OK, mCodec->start());
+        // The reader is at 1000: earlier audio may follow.
+        mVideo->announce(1000, nullptr);
+        ASSERT_EQ(OK, queue(2000));
+    }
+    void TearDown() override {
+        mAudioCodec->release();
+        HostMediaCodecTest::TearDown();
+    }
+    sp<TrackSource> makeSource() {
+        return new TrackSource(CodecParametersPtr(avcodec_parameters_alloc()), mSequencer);
+    }
+    static sp<AMessage> formatOf(const sp<TrackSource>& source) {
+        const sp<AMessage> format = new AMessage;
+        format->setObject(TrackSource::kKey, source);
+        return format;
+    }
+
+    const sp<OutputSequencer> mSequencer = new OutputSequencer;
+    const sp<TrackSource> mVideo = makeSource();
+    const sp<TrackSource> mAudio = makeSource();
+    const sp<ALooper> mAudioLooper = [] {
+        const sp<ALooper> looper = new ALooper;
+        looper->start();
+        return looper;
+    }();
+    const sp<MediaCodec> mAudioCodec = new HostMediaCodec(
+        mAudioLooper, std::make_unique<ScriptedBackend>(std::make_shared<Script>()));
+};
+
+TEST_F(SequencedCodecsTest, anOutputWaitsUntilTheReaderIsPastIt) {
+    EXPECT_EQ(-EAGAIN, dequeue(1000));
+    WaitingThread<status_t> waiting([this] { return dequeue(); });
+    mSequencer->advancePosition(2000);
+    EXPECT_EQ(OK, waiting.get());
+    EXPECT_EQ(2000, mTimeUs);
+}
+
+TEST_F(SequencedCodecsTest, aWaitingOutputGoesOnWhenTheOtherDecoderStops) {
+    WaitingThread<status_t> waiting([this] { return dequeue(); });
+    EXPECT_EQ(OK, mAudioCodec->stop());
+    EXPECT_EQ(OK, waiting.get());
+}
+
+TEST_F(SequencedCodecsTest, aDecoderWhoseOutputWaitsCanBeUsedAndStopped) {
+    WaitingThread<status_t> waiting([this] { return dequeue(); });
+    // It holds no lock while it waits.
+    EXPECT_EQ(OK, queue(3000));
+    EXPECT_EQ(OK, mCodec->stop());
+    EXPECT_EQ(INVALID_OPERATION, waiting.get());
+}
+
+TEST_F(SequencedCodecsTest, outputsOfAnEarlierSegmentAreDropped) {
+    mSequencer->beginSegment(5000);
+    mVideo->announce(7000, nullptr);
+    EXPECT_EQ(-EAGAIN, dequeue(1000)) << "2000 was queued before the seek";
 }
 
 }  // namespace

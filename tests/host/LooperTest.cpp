@@ -4,7 +4,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <future>
+#include <memory>
 #include <thread>
 
 namespace android {
@@ -22,7 +24,7 @@ int niceOfLooper(int32_t priority) {
     return value;
 }
 
-TEST(LooperTest, aThreadMayLowerItsPriority_butNotRaiseItAboveTheInheritedOne) {
+TEST(LooperTest, aThreadMayLowerItsPriorityButNotRaiseIt) {
     // On a thread of its own, because only root may raise a priority again.
     std::thread([] {
         const int inherited = niceOfThread() + 5;
@@ -31,6 +33,19 @@ TEST(LooperTest, aThreadMayLowerItsPriority_butNotRaiseItAboveTheInheritedOne) {
         EXPECT_EQ(inherited, niceOfLooper(PRIORITY_DEFAULT));
         EXPECT_EQ(inherited + 2, niceOfLooper(inherited + 2));
     }).join();
+}
+
+// What the work holds may use the looper when it is destroyed.
+TEST(LooperTest, workIsDestroyedWithoutTheLoopersLock) {
+    const sp<ALooper> looper = new ALooper;
+    ASSERT_EQ(OK, looper->start());
+    std::promise<void> done;
+    auto held =
+        std::shared_ptr<void>(nullptr, [&](void*) { looper->post([&] { done.set_value(); }); });
+    looper->post([held] {});
+    held.reset();
+    ASSERT_EQ(std::future_status::ready, done.get_future().wait_for(std::chrono::seconds(20)));
+    looper->stop();
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 
+#include "WaitingThread.h"
 #include "host/codec/OutputSequencer.h"
 #include "host/foundation/TimedWait.h"
 
@@ -82,9 +82,8 @@ TEST_F(OutputSequencerTest, aHeadWaitsForTheReaderUnlessItsOwnInputIsFull) {
 TEST_F(OutputSequencerTest, aWaitEndsWhenTheReaderOrTheOtherDecoderGoesOn) {
     for (const bool leaves : {false, true}) {
         publishHead(mVideo, 2000);
-        auto waiting = std::async(std::launch::async, [this] {
-            return mSequencer->waitForTurn(mVideo, deadlineAfter(20000000));
-        });
+        WaitingThread<Turn> waiting(
+            [this] { return mSequencer->waitForTurn(mVideo, deadlineAfter(20000000)); });
         if (leaves) {
             mSequencer->leave(mAudio);
         } else {

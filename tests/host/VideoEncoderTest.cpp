@@ -113,6 +113,16 @@ TEST_F(VideoEncoderTest, timestampsThatDoNotRiseGetTheNextPossibleOnes) {
     EXPECT_EQ((std::vector<int64_t>{1000, 1001, 1002, 2000}), encodedUs);
 }
 
+// MPEG-4 and H.263 count in frames: here three inputs share the number of one.
+TEST_F(VideoEncoderTest, codecsThatCountInFramesKeepTimestampsInBetween) {
+    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_MPEG4);
+    ASSERT_EQ(OK, configure());
+    const std::vector<int64_t> timesUs = {0, 5000, 10000, 33333, 166667};
+    std::vector<int64_t> encodedUs;
+    for (const Packet& packet : encode(timesUs)) encodedUs.push_back(packet.timeUs);
+    EXPECT_EQ(timesUs, encodedUs);
+}
+
 TEST_F(VideoEncoderTest, keyFramesFollowTimeWhereTheFrameRateVaries) {
     mSession->setAverageFrameRate(5);
     mFormat->setInt32("i-frame-interval", 2);
