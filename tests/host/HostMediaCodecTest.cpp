@@ -262,8 +262,7 @@ TEST_F(HostMediaCodecTest, aBackendThatStillHasInputsCanBeReleased) {
     ASSERT_EQ(OK, queue(5));
     ASSERT_EQ(OK, dequeue());
     auto released = std::async(std::launch::async, [this] { return mCodec->release(); });
-    ASSERT_EQ(std::future_status::ready, released.wait_for(kBound));
-    EXPECT_EQ(OK, released.get());
+    EXPECT_EQ(OK, resultOf(&released));
 }
 
 TEST_F(HostMediaCodecTest, anEmptyInputIsFreeAtOnce) {

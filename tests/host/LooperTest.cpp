@@ -4,10 +4,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <future>
 #include <memory>
 #include <thread>
+
+#include "WaitingThread.h"
 
 namespace android {
 namespace {
@@ -44,7 +45,8 @@ TEST(LooperTest, workIsDestroyedWithoutTheLoopersLock) {
         std::shared_ptr<void>(nullptr, [&](void*) { looper->post([&] { done.set_value(); }); });
     looper->post([held] {});
     held.reset();
-    ASSERT_EQ(std::future_status::ready, done.get_future().wait_for(std::chrono::seconds(20)));
+    std::future<void> destroyed = done.get_future();
+    qmmediaeditor::resultOf(&destroyed);
     looper->stop();
 }
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +15,18 @@
 
 namespace android {
 namespace qmmediaeditor {
+
+// The result of a call that must not block any longer. A thread that is blocked for good could not
+// be joined: the process ends, and with it this one test.
+template <typename Result>
+Result resultOf(std::future<Result>* call) {
+    if (call->wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        ADD_FAILURE() << "the call is blocked";
+        fprintf(stderr, "a blocked call ends the test\n");
+        abort();
+    }
+    return call->get();
+}
 
 template <typename Result>
 class WaitingThread {
@@ -43,11 +57,8 @@ public:
         }
     }
 
-    // The call's result, once something else has woken it; a failure after a bound.
-    Result get() {
-        EXPECT_EQ(std::future_status::ready, mResult.wait_for(kBound)) << "it was not woken";
-        return mResult.get();
-    }
+    // The call's result, once something else has woken it.
+    Result get() { return resultOf(&mResult); }
 
 private:
     static constexpr std::chrono::seconds kBound{10};

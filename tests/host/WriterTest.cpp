@@ -206,9 +206,11 @@ TEST_F(WriterTest, theTracksOfAStoppedSessionEndTogether) {
     mVideo->pushConfig(mVideoConfig);
     mAudio->pushConfig(mAudioConfig);
     ASSERT_EQ(OK, mWriter->start(nullptr));
+    size_t frames = 0;
     for (const Sample& sample : ofTrack(mSamples, mInput.videoTrack())) {
         if (sample.presentationUs >= 1000000) break;
         mVideo->push(toByteStream(sample.data), sample.presentationUs, sample.isSync);
+        ++frames;
     }
     pushAudio();
     mVideo->waitUntilDrained();
@@ -217,6 +219,8 @@ TEST_F(WriterTest, theTracksOfAStoppedSessionEndTogether) {
     OpenedClip output(path);
     EXPECT_NEAR(1000000, static_cast<double>(output.durationUs(0)), 35000);
     EXPECT_NEAR(1000000, static_cast<double>(output.durationUs(1)), 35000);
+    output.seek(0);
+    EXPECT_EQ(frames, ofTrack(output.read(), 0).size()) << "no frame before the end is lost";
 }
 
 TEST_F(WriterTest, aFileWithoutSamplesIsNoFailure) {
