@@ -32,7 +32,8 @@ int logPriority(int level) {
     return ANDROID_LOG_VERBOSE;
 }
 
-// FFmpeg's errors are mostly about damaged input, which is passed over here: they are warnings.
+// Most errors of FFmpeg are about damaged input, which is skipped here; so they are logged as
+// warnings.
 void logFromFFmpeg(void* object, int level, const char* format, va_list arguments) {
     if (level > AV_LOG_INFO) return;
     char line[512];
@@ -75,11 +76,11 @@ public:
     void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) override {
         setWriterUuidData(writer, data, size);
     }
-    // The decoder brings HDR to the working picture by itself.
+    // The decoder itself converts HDR to the working frame.
     bool getUseDitherType(int* /* type */) override { return false; }
 
 private:
-    // A session makes all of its parts on the thread that runs it, and the writer first.
+    // A session creates all of its parts on the thread that runs it, the writer first.
     const std::shared_ptr<SessionTimeline>& session() const {
         if (tSession == nullptr) tSession = std::make_shared<SessionTimeline>(mOptions);
         return tSession;

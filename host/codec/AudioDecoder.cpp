@@ -18,23 +18,22 @@ namespace qmmediaeditor {
 
 namespace {
 
-// A track with pictures far apart is decoded when the next one comes: until then the sound before
-// it waits.
+// When the video frames of an input are far apart, the decoder holds the audio between two of them.
 constexpr size_t kInputCount = 128;
 constexpr size_t kOutputCount = 32;
 constexpr size_t kDefaultInputBytes = 64 * 1024;
 constexpr int64_t kChunkFrames = 1024;
-// Short, so that a cut that nobody announced falls close to where it was asked for.
+// Short, so that a cut that was not announced falls close to the requested time.
 constexpr int64_t kShortChunkFrames = 256;
-// Less than this is the container's rounding; the samples are taken as adjoining.
+// A smaller difference is the container's rounding: the samples are treated as adjacent.
 constexpr int64_t kJitterUs = 20000;
-// Sound that is missing for longer, where the reader has passed already, is a hole; less may still
-// be inside the decoder.
+// Audio that is missing for longer before the reader's position is a gap; less may still be inside
+// the decoder.
 constexpr int64_t kGapUs = 100000;
-// A time this far behind the end of the track is damaged.
+// A timestamp this far behind the end of the track is damaged.
 constexpr int64_t kBeyondEndUs = 10000000;
 
-// The layout that `channelCount` channels have when nobody says more.
+// The default layout of a number of channels.
 AVChannelLayout plainLayout(int channelCount) {
     AVChannelLayout layout = {};
     av_channel_layout_default(&layout, channelCount);
@@ -57,7 +56,7 @@ status_t AudioDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     if (mFrame == nullptr) return NO_MEMORY;
     status_t status = mDecoder.prepare(format);
     if (status != OK) return status;
-    // Frame threads would hold samples back that the other tracks wait for.
+    // Frame threads would hold back samples that the other tracks wait for.
     mDecoder.context()->thread_count = 1;
     status = mDecoder.open();
     if (status != OK) return status;
@@ -100,7 +99,7 @@ int64_t AudioDecoder::timeAt(int64_t frame) const {
 }
 
 int64_t AudioDecoder::silenceDueUs() const {
-    // One sample more, so that silence that is due is never less than a sample.
+    // One sample more, so that due silence has at least one sample.
     return mInGap ? timeAt(mNextFrame + 1) : timeAt(mNextFrame) + kGapUs;
 }
 
@@ -170,7 +169,7 @@ CodecBackend::Step AudioDecoder::produceWithoutInput(const InputSegment& segment
     if (segment.number != mSegment.number) enter(segment);
     if (mFormat == nullptr) return Step::kNeedsInput;
     const int64_t untilUs = std::min(positionUs, mTrackEndUs);
-    // Before the first sample of a time line, the position is no time yet.
+    // Before the first sample of a segment, the position is not yet known.
     if (silenceDueUs() >= untilUs) return Step::kNeedsInput;
     const int64_t missing = frameAt(untilUs) - mNextFrame;
     if (missing <= 0) return Step::kNeedsInput;
@@ -264,7 +263,7 @@ bool AudioDecoder::resample(const AVFrame* frame) {
     return true;
 }
 
-// A period that ends before the silence needs only a part of it.
+// Only the part of the silence before the end of the period counts.
 void AudioDecoder::addSilence(int64_t frames) {
     const int64_t endUs = timeAt(mNextFrame + std::min(frames, framesToCut()));
     const int64_t videoUs =
@@ -281,8 +280,8 @@ void AudioDecoder::addSilence(int64_t frames) {
 
 void AudioDecoder::place(int64_t startFrame) {
     const int64_t gap = startFrame - mNextFrame;
-    // The first sound is put to its exact place, and so is the first one after a hole, which may
-    // have been filled up to anywhere.
+    // The first audio of a segment is put at its exact timestamp. So is the first audio after a
+    // gap, because the gap was filled up to an arbitrary position of the reader.
     const bool adjoins = !mAtStart && !mInGap;
     const int64_t jitter = adjoins ? av_rescale(kJitterUs, mSampleRate, 1000000) : 0;
     if (gap > jitter) {

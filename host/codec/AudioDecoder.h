@@ -1,8 +1,8 @@
-// Decodes sound into working sound: interleaved 16-bit samples without gaps, in short buffers.
+// Decodes audio to the working format: interleaved 16-bit PCM without gaps, in short buffers.
 //
-// The bytes tell the time: what comes out at byte N belongs to time N of the time line. A hole (a
-// late start, lost packets) is filled with silence and an overlap is dropped. Rate and channels
-// stay what they were at the start.
+// The timestamp of an output follows from the number of samples before it in the segment. A gap (a
+// late start, lost packets) is filled with silence, and an overlap is dropped. Sample rate and
+// channels stay those of the start.
 #pragma once
 
 #include <stddef.h>
@@ -21,9 +21,9 @@ namespace qmmediaeditor {
 
 class AudioDecoder : public CodecBackend {
 public:
-    // No buffer goes across one of the times in `cutTimesUs`, which rise. When there may be others,
-    // all buffers are short. `observer`, which may be null, hears why an input is refused, and
-    // outlives the decoder.
+    // No buffer extends across one of `cutTimesUs`, which rise. Without this list all buffers are
+    // short. `observer`, which may be null, is told why an input is refused; it outlives the
+    // decoder.
     AudioDecoder(const std::optional<std::vector<int64_t>>& cutTimesUs, HostObserver* observer);
     ~AudioDecoder() override;
 
@@ -43,27 +43,27 @@ private:
     bool takeFrame();
     bool prepareResampler();
     bool resample(const AVFrame* frame);
-    // Says where the samples in mPcm belong.
+    // Puts the samples in mPcm at this sample frame of the segment.
     void place(int64_t startFrame);
-    // Silence comes next, unless that is too much: then mRefused is set.
+    // Adds silence to the output; sets mRefused instead when it exceeds the limit.
     void addSilence(int64_t frames);
     Step produceChunk(CodecOutput* output);
 
-    // The reader being past this time, what is missing is a hole.
+    // When the reader is past this time, missing audio is a gap.
     int64_t silenceDueUs() const;
     int64_t frameAt(int64_t timeUs) const;
     int64_t timeAt(int64_t frame) const;
     int64_t pcmFrames() const;
-    // To the next cut; many, when none follows.
+    // Up to the next cut; INT64_MAX when none follows.
     int64_t framesToCut() const;
 
     const std::vector<int64_t> mCutTimesUs;
     HostObserver* const mObserver;
-    const int64_t mChunkFrames;  // of a buffer, at the most
+    const int64_t mChunkFrames;  // maximum of a buffer
     PacketDecoder mDecoder;
     const FramePtr mFrame;
     ResamplerPtr mResampler;
-    std::string mResamplerInput;  // what mResampler was made for
+    std::string mResamplerInput;  // input format of mResampler
 
     sp<AMessage> mFormat;
     int mSampleRate = 0;
@@ -74,12 +74,12 @@ private:
     bool mRefused = false;
 
     InputSegment mSegment;
-    // Of what comes out next, in sample frames since the start of the time line.
+    // Position of the next output, in sample frames since the start of the segment.
     int64_t mNextFrame = 0;
     int64_t mSilenceFrames = 0;
-    // No sound has come yet on this time line.
+    // No audio has been decoded yet in this segment.
     bool mAtStart = true;
-    // The last that came out was silence, for want of input.
+    // The last output was silence for missing input.
     bool mInGap = false;
     std::vector<int16_t> mPcm;
     size_t mPcmUsed = 0;  // samples

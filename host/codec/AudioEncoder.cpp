@@ -19,20 +19,20 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr char kLogTag[] = "AudioEncoder";
-// Decoded sound comes in short pieces: these are an eighth of a second at least.
+// Decoded audio arrives in short buffers: these hold at least an eighth of a second.
 constexpr size_t kInputCount = 32;
 constexpr size_t kOutputCount = 16;
-// A buffer of the decoder, at the highest rate that it may be brought to.
+// A buffer of the decoder at the highest sample rate that it can be converted to.
 constexpr size_t kMinInputBytes = 256 * 1024;
 constexpr size_t kMaxInputBytes = 16 * 1024 * 1024;
 constexpr int32_t kAacLowComplexity = 1;
 
-// ISO/IEC 14496-3: an AAC frame holds 6144 bits a channel at the most.
+// ISO/IEC 14496-3: an AAC frame has at most 6144 bits per channel.
 constexpr int64_t kMaxAacFrameBits = 6144;
-// At 48 kHz, where the wanted rate is none: transparent for nearly everything.
+// Default bit rate at 48 kHz: transparent for nearly all material.
 constexpr int64_t kGoodAacBitsPerChannel = 96000;
 
-// A rate that no AAC frame can hold is what a request says that knows no rate.
+// A bit rate that no AAC frame can hold stands for a request without a bit rate.
 int64_t aacBitRate(const CodecInfo& codec, int64_t requested, int sampleRate, int channelCount) {
     const int64_t max = kMaxAacFrameBits * sampleRate / codec.frameSamples * channelCount;
     if (requested > 0 && requested < max) return requested;
@@ -124,7 +124,7 @@ status_t AudioEncoder::setParameters(const AMessage& format) {
 status_t AudioEncoder::openEncoder() {
     AVDictionary* options = nullptr;
     if (mEncoder.context()->codec_id == AV_CODEC_ID_AAC) {
-        // Noise substitution takes tones for noise at low rates, and weakens them.
+        // Noise substitution takes tones for noise at low bit rates, and weakens them.
         if (av_dict_set(&options, "aac_pns", "0", 0) < 0) return NO_MEMORY;
     }
     return mEncoder.open(options);

@@ -1,7 +1,7 @@
 // Encodes interleaved 16-bit samples to AAC LC, AMR-NB or AMR-WB.
 //
-// Times follow from the first input's time and the number of samples since. The encoder's delay is
-// in them: the first AAC packet of a track that begins at 0 has a time before 0.
+// Timestamps follow from the first input's timestamp and the number of samples since. They include
+// the encoder's delay: the first AAC packet of a track that begins at 0 has a negative timestamp.
 #pragma once
 
 #include <stdint.h>
@@ -29,7 +29,7 @@ private:
     status_t setParameters(const AMessage& format);
     status_t openEncoder();
     status_t openConverter();
-    // Moves what the converter makes of `frames` input frames into mFifo; null data drains it.
+    // Converts `frames` input frames into mFifo; null data drains the converter.
     status_t convert(const uint8_t* data, int frames);
     status_t sendFrame();
     bool hasFrame() const;
@@ -40,7 +40,7 @@ private:
     ResamplerPtr mConverter;
     AudioFifoPtr mFifo;
     sp<AMessage> mFormat;
-    sp<ABuffer> mCodecSpecificData;  // until it is out
+    sp<ABuffer> mCodecSpecificData;  // until it has been output
     int mInSampleRate = 0;
     int mChannelCount = 0;
 

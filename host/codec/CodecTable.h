@@ -1,5 +1,5 @@
-// The containers and codecs that are read and written, with what each needs to be known: one table
-// for the decoders, the encoders, the extractor, the muxer and the command line.
+// The containers and codecs that are read and written: one table for the decoders, the encoders,
+// the extractor, the muxer and the command line.
 //
 // The list is closed, because each demuxer and decoder that an input can reach is code that an
 // attacker can reach. README names the same ones. Any thread.
@@ -27,8 +27,8 @@ struct CodedSize {
     int height;
 };
 
-// What an encoder and the output file can represent; 0 or empty where nothing but the limits of
-// InputLimits.h applies.
+// Limits of an encoder and of the output file; 0 or empty where only the limits of InputLimits.h
+// apply.
 struct EncoderLimits {
     int maxSide = 0;
     std::vector<CodedSize> sizes;

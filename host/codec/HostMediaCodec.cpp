@@ -21,7 +21,10 @@ constexpr char kLogTag[] = "Codec";
 
 HostMediaCodec::HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
                                std::function<void()> onEnd, std::function<void()> onLoss)
-    : mLooper(looper), mOnEnd(std::move(onEnd)), mOnLoss(std::move(onLoss)), mBackend(std::move(backend)) {}
+    : mLooper(looper),
+      mOnEnd(std::move(onEnd)),
+      mOnLoss(std::move(onLoss)),
+      mBackend(std::move(backend)) {}
 
 HostMediaCodec::~HostMediaCodec() { release(); }
 
@@ -79,7 +82,7 @@ status_t HostMediaCodec::release() {
         shutDown(State::kReleased);
         backend = std::move(mBackend);
     }
-    // Outside of the lock: an engine gives its inputs back when it goes.
+    // Outside of the lock, because a backend releases its inputs when it is destroyed.
     backend.reset();
     Mutex::Autolock lock(mLock);
     mReady.clear();
@@ -95,8 +98,8 @@ void HostMediaCodec::shutDown(State state) {
     mInSequence = false;
     mInputFree.broadcast();
     mOutputReady.broadcast();
-    // The looper's own thread gets here only when its work drops the last reference, and is not in
-    // a step then.
+    // The looper's own thread gets here only when work() drops the last reference, and is then not
+    // in a step.
     while (mBusy) mWorkDone.wait(mLock);
 }
 
@@ -280,7 +283,7 @@ status_t HostMediaCodec::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers)
 
 void HostMediaCodec::schedule() {
     if (mWorkPosted || mState != State::kStarted) return;
-    // While the client has some to take, it will release more.
+    // The client will release more outputs while it has some to take.
     if (mLacksOutputs && !mReady.empty() && mFreeOutputs.size() * 2 < mOutputs.size()) return;
     mWorkPosted = true;
     mLacksOutputs = false;
@@ -296,7 +299,7 @@ void HostMediaCodec::work() {
     while (mState == State::kStarted && workStep()) {
     }
     mWorkPosted = false;
-    // Those that half a set was not worth a switch of threads for.
+    // Buffers not yet announced to the client because fewer than half were ready.
     mInputFree.broadcast();
     mOutputReady.broadcast();
     const bool owesSilence = publish();
@@ -374,8 +377,8 @@ bool HostMediaCodec::feed() {
     return true;
 }
 
-// The reader's position is taken before the queue is looked at: what was read before it is queued
-// by then.
+// The reader's position is read before the queue: samples read before that position are queued by
+// then.
 bool HostMediaCodec::workWithoutInput() {
     if (!mInSequence || mEndQueued) return false;
     const InputSegment segment = mSource->sequencer()->segment();
@@ -387,7 +390,8 @@ bool HostMediaCodec::workWithoutInput() {
     });
     if (mState != State::kStarted) return false;
     if (step != CodecBackend::Step::kNeedsInput) return takeStep(step, std::move(output));
-    // Some may have been queued while the engine was at work, and nobody posts for it again.
+    // Samples may have been queued while the backend was busy, and nothing posts work for them
+    // again.
     return !mQueued.empty();
 }
 
@@ -398,14 +402,14 @@ void HostMediaCodec::inputDone(size_t index) {
     if (!mWorkPosted || mFreeInputs.size() * 2 >= mInputs.size()) mInputFree.broadcast();
 }
 
-// The client finds out when it queues its next sample, because a failing output would end the
-// process; without another sample it takes the end of stream.
 bool HostMediaCodec::takeFailure() {
     if (mOnLoss) return takeStep(CodecBackend::Step::kRefused, CodecOutput());
     fail();
     return false;
 }
 
+// The client is told when it queues its next sample, because a failing output would end the
+// process; without another sample it gets the end of stream.
 void HostMediaCodec::refuseInput() {
     if (mOnLoss) mOnLoss();
     mRefusesInput = true;

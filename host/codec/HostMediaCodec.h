@@ -1,11 +1,11 @@
-// What every codec shares: states, buffers, waiting, and the work on the looper's thread.
+// The part that all codecs share: states, buffers, waiting, and the loop on the looper's thread.
 //
-// Buffers move in a circle: an input is free, with the client, queued, in the engine, and free
-// again; an output is free, ready, with the client, and free again. The engine's work is posted to
-// the looper whenever there may be something to do, and ends when input or free outputs run out; it
-// never waits. Either side is woken for half a set of buffers, not for each: switching threads
-// takes longer than many a sample. Any thread may call any operation; stop and release wait for
-// nothing but the engine's step that runs now.
+// Buffers cycle: an input is free, with the client, queued, in the backend, and free again; an
+// output is free, ready, with the client, and free again. The loop is posted to the looper whenever
+// there may be something to do, and ends when input or free outputs run out; it never waits. A side
+// is woken when half of its buffers are ready, because a switch of threads takes longer than many a
+// sample. Any thread may call any operation; stop and release wait only for the backend's current
+// step.
 #pragma once
 
 #include <media/stagefright/MediaCodec.h>
@@ -25,7 +25,7 @@ namespace qmmediaeditor {
 
 class HostMediaCodec : public MediaCodec {
 public:
-    // `onEnd`, which may be empty, is called when the client takes the end of stream, on its
+    // `onEnd`, which may be empty, is called when the client dequeues the end of stream, on its
     // thread.
     //
     // `onLoss` makes the codec a decoder of untrusted input, whose client takes a failed dequeue for
@@ -47,7 +47,7 @@ public:
                                  int64_t* presentationTimeUs, uint32_t* flags,
                                  int64_t timeoutUs) override;
     status_t releaseOutputBuffer(size_t index) override;
-    // No codec here is fed through a surface.
+    // No codec here takes its input from a surface.
     status_t signalEndOfInputStream() override;
 
     status_t getOutputFormat(sp<AMessage>* format) const override;
@@ -85,17 +85,17 @@ private:
         PacketInfo info;
     };
 
-    // On the looper's thread. The steps say whether there may be more to do now.
+    // On the looper's thread. Each step returns whether there may be more to do now.
     void work();
     bool workStep() REQUIRES(mLock);
     bool takeStep(CodecBackend::Step step, CodecOutput output) REQUIRES(mLock);
     bool takeFailure() REQUIRES(mLock);
     bool feed() REQUIRES(mLock);
     bool workWithoutInput() REQUIRES(mLock);
-    // The engine lets an input buffer go.
+    // The backend has released an input buffer.
     void inputDone(size_t index) EXCLUDES(mLock);
 
-    // Runs `use` on the engine without the lock. Whoever shuts down waits until it has returned.
+    // Runs `use` on the backend without the lock. shutDown() waits until it has returned.
     template <typename Use>
     auto useBackend(const Use& use) REQUIRES(mLock) {
         CodecBackend& backend = *mBackend;
@@ -117,7 +117,7 @@ private:
     void shutDown(State state) REQUIRES(mLock);
     void refuseInput() REQUIRES(mLock);
     void fail() REQUIRES(mLock);
-    // True when silence is owed.
+    // True when silence is due.
     bool publish() REQUIRES(mLock);
     void dropOutdated() REQUIRES(mLock);
     bool headNeedsTurn() const REQUIRES(mLock);
@@ -135,7 +135,7 @@ private:
     Condition mWorkDone;
 
     State mState GUARDED_BY(mLock) = State::kCreated;
-    // The work alone uses the engine, unlocked, while mBusy is set.
+    // Only work() uses the backend, unlocked, while mBusy is set.
     std::unique_ptr<CodecBackend> mBackend GUARDED_BY(mLock);
     CodecBuffers mBuffers GUARDED_BY(mLock);
     sp<AMessage> mOutputFormat GUARDED_BY(mLock);
@@ -152,7 +152,7 @@ private:
     bool mRefusesInput GUARDED_BY(mLock) = false;
 
     bool mWorkPosted GUARDED_BY(mLock) = false;
-    // What the work has ended for: the client holds the outputs, or has not taken them yet.
+    // work() has ended because the client holds the outputs or has not taken them yet.
     bool mLacksOutputs GUARDED_BY(mLock) = false;
     bool mBusy GUARDED_BY(mLock) = false;
 

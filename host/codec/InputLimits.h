@@ -27,8 +27,8 @@ std::optional<std::string> checkAudio(int sampleRate, int channels);
 // memory is not short, so that the limit has refused an allocation.
 std::optional<std::string> checkAllocation();
 
-// How much silence may be made up for what an input lacks: two short packets that lie an hour apart
-// must not cost the encoding of an hour.
+// How much silence may replace missing audio: two short packets with timestamps an hour apart must
+// not cost the encoding of an hour.
 //
 // Silence while video frames continue is not limited. One thread at a time; times are microseconds.
 class SilenceBudget {
@@ -37,9 +37,9 @@ public:
     // Frames that are further apart than this do not continue.
     static constexpr int64_t kMaxFrameDistanceUs = INT64_C(60000000);
 
-    // Decoded audio raises what is allowed, and ends a gap.
+    // Decoded audio raises the limit and ends a gap.
     void addAudio(int64_t durationUs);
-    // The next silence belongs to another stretch of the input.
+    // The next silence belongs to another segment of the input.
     void beginSegment() { mGapStartUs.reset(); }
 
     // Silence from `startUs` to `endUs` is due. `videoUs` is the time of the last video frame

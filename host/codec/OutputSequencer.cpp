@@ -102,7 +102,7 @@ bool OutputSequencer::mayWaitFor(const MemberState& mine, const MemberState& oth
     return (earlierInside || readerBehind) && !mine.inputFull;
 }
 
-// kTimedOut: not yet clear.
+// kTimedOut stands for: not yet known.
 OutputSequencer::Turn OutputSequencer::turnOf(size_t member) const {
     const auto found = mMembers.find(member);
     if (found == mMembers.end() || !found->second.state.hasHead) return Turn::kHeadGone;
@@ -112,7 +112,7 @@ OutputSequencer::Turn OutputSequencer::turnOf(size_t member) const {
         if (entry.first == member) continue;
         const MemberState& other = entry.second.state;
         if (other.hasHead) {
-            // Its head is the next thing that it delivers; there is nothing earlier to wait for.
+            // Its head is its next output, so there is nothing earlier to wait for.
             if (other.earliestUs < mine.earliestUs) return Turn::kOtherFirst;
             continue;
         }

@@ -41,10 +41,10 @@ private:
     char mBefore[16] = "";
 };
 
-// A decoder that reports more errors than this in a row while it is drained has nothing left.
+// A decoder that reports more errors in a row while it is drained is treated as empty.
 constexpr int kMaxErrorsInARow = 256;
 
-// What a format says that did not come from an extractor.
+// The parameters of a format that did not come from an extractor.
 status_t parametersFromKeys(const AMessage& format, AVCodecContext* context) {
     format.findInt32("width", &context->width);
     format.findInt32("height", &context->height);
@@ -119,7 +119,7 @@ status_t PacketDecoder::open() {
     const ThreadName name(std::string("dec-") + mContext->codec->name);
     const int error = avcodec_open2(mContext.get(), nullptr, nullptr);
     if (error < 0) {
-        // The failure has taken the codec out of the context.
+        // The failure has removed the codec from the context.
         __android_log_print(ANDROID_LOG_ERROR, kDecoderTag, "%s cannot be opened: %d",
                             avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;
@@ -206,7 +206,7 @@ status_t PacketEncoder::open(AVDictionary* options) {
     const int error = avcodec_open2(mContext.get(), mContext->codec, &options);
     av_dict_free(&options);
     if (error < 0) {
-        // The failure has taken the codec out of the context.
+        // The failure has removed the codec from the context.
         __android_log_print(ANDROID_LOG_ERROR, kEncoderTag, "%s cannot be opened: %d",
                             avcodec_get_name(mContext->codec_id), error);
         return ERROR_UNSUPPORTED;

@@ -1,4 +1,5 @@
-// One of FFmpeg's decoders, with what pictures and sound have in common. One thread at a time.
+// One of libavcodec's decoders or encoders: the part that is the same for video and audio. One
+// thread at a time.
 #pragma once
 
 #include <media/stagefright/foundation/ABuffer.h>
@@ -19,7 +20,7 @@ namespace qmmediaeditor {
 
 class PacketDecoder {
 public:
-    // `observer`, which may be null, hears why memory was refused, and outlives the decoder.
+    // `observer`, which may be null, is told why memory was refused, and outlives the decoder.
     explicit PacketDecoder(HostObserver* observer);
     ~PacketDecoder();
 
@@ -33,7 +34,7 @@ public:
     // than the limit allows, NO_MEMORY when memory is short.
     status_t send(const CodecInput& input);
     status_t sendEnd();
-    // What is inside is dropped: the next sample belongs to another stretch of the input.
+    // Drops what is inside: the next sample belongs to another segment of the input.
     void flush();
 
     enum class Received { kFrame, kNeedsInput, kEnd, kRefused, kFailed };
@@ -51,7 +52,7 @@ private:
     int64_t mDecoded = 0;
 };
 
-// One of FFmpeg's encoders, with what pictures and sound have in common. One thread at a time.
+// An encoder.
 class PacketEncoder {
 public:
     PacketEncoder();

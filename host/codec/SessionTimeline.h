@@ -1,5 +1,5 @@
-// Facts about one session that its decoders, encoders and writer exchange past the component, which
-// passes on timestamps only.
+// State of one session that its decoders, encoders and writer share directly, because the component
+// passes on only timestamps.
 //
 // Any thread may call any operation.
 #pragma once
@@ -33,12 +33,12 @@ public:
     // For the video decoder at the end of stream: frames of the track follow at `continuesAtUs` or
     // later, and it ends at `endUs`, if that is known.
     void endVideo(int64_t continuesAtUs, std::optional<int64_t> endUs);
-    // When the last frame of the period that holds `outputTimeUs` ends, on the output's time line.
+    // When the last frame of the period that holds `outputTimeUs` ends, in time of the output.
     // Nothing when that is unknown.
     std::optional<int64_t> videoEndUs(int64_t outputTimeUs) const;
 
-    // For the encoders: one exists, and its client has taken its end of stream. A session that was
-    // stopped has encoders that never come to their end.
+    // For the encoders: one exists, and its client has taken its end of stream. The encoders of a
+    // session that was stopped never end.
     void encoderStarted(bool isVideo);
     void encoderEnded(bool isVideo);
     // Whether every sample of this track has reached the writer.
@@ -53,7 +53,7 @@ private:
     struct Period {
         int64_t startUs;
         int64_t endUs;
-        int64_t outputUs;  // its start on the output's time line
+        int64_t outputUs;  // its start in the output
         // Of its latest frame; the end is clipped to the period's.
         std::optional<int64_t> frameUs;
         std::optional<int64_t> frameEndUs;
@@ -66,7 +66,7 @@ private:
     bool mHasLoss GUARDED_BY(mLock) = false;
     double mAverageFrameRate GUARDED_BY(mLock) = 0;
     int64_t mContinuesAtUs GUARDED_BY(mLock) = INT64_MIN;
-    std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);  // on the input's time line
+    std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);  // in time of the input
     Encoder mEncoders[2] GUARDED_BY(mLock) = {Encoder::kNone, Encoder::kNone};  // audio, video
 };
 

@@ -1,11 +1,11 @@
-// What a decoder must know of its track beyond the keys of the track's format.
+// A track as its decoder needs it beyond the keys of the track's format.
 //
 // The extractor makes one per track and puts it into the track's format message under kKey; the
 // message goes from the extractor through the component to the decoder's configure(). Without one a
 // decoder works from the format's own keys.
 //
-// The thread that reads samples announces them here (through the extractor) and takes the notes
-// again (through the decoder's queueInputBuffer).
+// The thread that reads samples announces them here (through the extractor) and takes their
+// PacketInfo back (through the decoder's queueInputBuffer).
 #pragma once
 
 #include <media/stagefright/foundation/AMessage.h>
@@ -22,15 +22,15 @@
 namespace android {
 namespace qmmediaeditor {
 
-// What belongs to one sample beside its bytes.
+// Properties of one sample beside its bytes.
 struct PacketInfo {
-    // The time that the sample travels under: nothing from here on in decoding order is shown
-    // before it. Reordered video comes with times that rise all the same, so that a reader which
-    // stops at a time stops after every picture that belongs before it.
+    // The sample's timestamp in the component: no sample from here on in decoding order is shown
+    // before it. It rises for reordered video, too, so that a reader which stops at a timestamp has
+    // read every frame before it.
     int64_t timeUs = 0;
     InputSegment segment;
     // A packet without data: side data, flags, and pts, dts and duration in microseconds. Its pts
-    // is when the sample is shown, which may be later than timeUs; unknown where it has to follow
+    // is the presentation timestamp, which may be later than timeUs; unknown where it has to follow
     // from the dts. May be null.
     PacketPtr properties;
 };
@@ -39,8 +39,8 @@ class TrackSource : public RefBase {
 public:
     static constexpr const char* kKey = "track-source";
 
-    // `parameters` is not null; its codec_id says which decoder it takes. `order` is shared by the
-    // tracks of one extractor.
+    // `parameters` is not null; its codec_id says which decoder it takes. `sequencer` is shared by
+    // the tracks of one extractor.
     TrackSource(CodecParametersPtr parameters, const sp<OutputSequencer>& sequencer);
 
     // The track source in `format`, or null.
@@ -49,14 +49,14 @@ public:
     const AVCodecParameters& parameters() const { return *mParameters; }
     const sp<OutputSequencer>& sequencer() const { return mSequencer; }
 
-    // How much later the track begins than the first one of its file. Set before the format goes
-    // out.
+    // How much later the track begins than the first one of its file. Set before the format is
+    // passed on.
     void setDelayUs(int64_t delayUs) { mDelayUs = delayUs; }
     int64_t delayUs() const { return mDelayUs; }
 
     // For the extractor: once for each sample of a selected track, in order, before the sample can
-    // be read, with the time that getSampleTime will give. No sample that comes later, of any
-    // track, is shown before that time. The sample belongs to the order's current time line.
+    // be read, with the timestamp that getSampleTime will return. No later sample of any track is
+    // shown before it. The sample belongs to the sequencer's current segment.
     void announce(int64_t timeUs, PacketPtr properties);
 
     // For the extractor: frames or audio that are shown at `timeUs` or later follow in the file.
@@ -70,13 +70,13 @@ public:
     };
     Extent extent();
 
-    // For the decoder, before samples are queued. Who reads a file without decoding it takes no
-    // notes: until then, only the last one is kept.
+    // For the decoder, before samples are queued. A client that reads a file without decoding it
+    // takes none: until then, only the last one is kept.
     void keepPacketInfo();
 
-    // For the decoder: the note of the sample that is queued with `timeUs` now. Notes of samples
-    // that were never queued are dropped on the way. Without a note, one of the current time line
-    // without properties.
+    // For the decoder: the info of the sample that is now queued with `timeUs`. Infos of samples
+    // that were never queued are dropped. When there is none, one of the current segment without
+    // properties.
     PacketInfo take(int64_t timeUs);
 
 protected:

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/convert/ColorTags.h"
 #include "host/foundation/CpuCount.h"
 #include "host/foundation/FrameAllocator.h"
 
@@ -28,17 +29,17 @@ namespace {
 constexpr char kLogTag[] = "VideoDecoder";
 
 constexpr size_t kInputCount = 6;
-// A hand-off takes eleven pictures at once. Where the cores are few, the encoder uses them all
-// while the decoder waits for room, and pictures that wait cost memory only.
+// The component moves eleven frames at once. With few cores the encoder uses all of them while the
+// decoder waits for room, so that more waiting frames cost only memory.
 constexpr size_t kMinOutputCount = 4;
 constexpr size_t kMaxOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kUsualFrameRate = 30;
-constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
-// Half of it, a chroma row, still suits every vector instruction.
+constexpr int kPlanar = 19;  // the platform's planar YUV 4:2:0
+// Half of it, the stride of a chroma row, still suits every vector instruction.
 constexpr int kStrideAlignment = 128;
-// More than any decoder holds back; what is older was lost.
+// More frames than any decoder delays; older timestamps belong to lost frames.
 constexpr size_t kMaxInside = 128;
 
 size_t inputBytesOf(const AMessage& format, int width, int height) {
@@ -59,7 +60,7 @@ void allowThreads(AVCodecContext* context, int threads) {
 #if LIBAVCODEC_VERSION_MAJOR < 60
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    // Later versions take it for granted.
+    // Later versions always behave like this.
     context->thread_safe_callbacks = 1;
 #pragma GCC diagnostic pop
 #endif
@@ -87,9 +88,9 @@ void copyFrame(const AVFrame& from, const AVFrame& to) {
     }
 }
 
-// Decoders may read, and not use, a little beyond the last plane.
+// Decoders may read a little beyond the last plane.
 constexpr size_t kReadBeyondBytes = 256;
-// A quarter of it, a row of the most subsampled chroma, still suits every vector instruction.
+// A quarter of it, a row of 4:1:1 chroma, still suits every vector instruction.
 constexpr int kWidthAlignment = 256;
 
 void releaseFrameMemory(void* bytes, uint8_t* data) {
@@ -125,7 +126,8 @@ VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads
 VideoDecoder::~VideoDecoder() {
     if (mUnconverted > 0) {
         __android_log_print(ANDROID_LOG_WARN, kLogTag,
-                            "%" PRId64 " pictures of an unknown kind were dropped", mUnconverted);
+                            "%" PRId64 " frames of an unsupported pixel format were dropped",
+                            mUnconverted);
     }
 }
 
@@ -142,7 +144,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     context->opaque = this;
     context->get_buffer2 = getBuffer;
     allowThreads(context, mThreads);
-    // Opening may already look for the size of the pictures.
+    // Opening the decoder may change the size.
     const int codedWidth = context->width;
     const int codedHeight = context->height;
     status = mDecoder.open();
@@ -246,6 +248,7 @@ CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
         if (mFrame->buf[0] == nullptr) {
             switch (mDecoder.receive(mFrame.get())) {
                 case PacketDecoder::Received::kFrame:
+                    replaceUnknownTags(mFrame.get());
                     break;
                 case PacketDecoder::Received::kNeedsInput:
                     return Step::kNeedsInput;
@@ -265,7 +268,7 @@ CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
             }
         }
         if (mFormat == nullptr) {
-            // The frame waits until the format is out.
+            // The frame waits until the format has been output.
             setLayout(mFrame->width, mFrame->height);
             return Step::kFormat;
         }
@@ -273,7 +276,7 @@ CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
         mHasTime = true;
         mInside.erase(mInside.begin(), mInside.upper_bound(mLastTimeUs));
         if (mLastTimeUs < 0) {
-            // An edit list begins behind it; it was needed to decode what follows.
+            // An edit list starts after this frame, which was needed to decode later ones.
             av_frame_unref(mFrame.get());
             continue;
         }
@@ -291,7 +294,8 @@ CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
     }
 }
 
-// The last pictures of a stream may have no time: none follows that would push them out.
+// The last frames of a stream may have no timestamp, because no packet follows that would output
+// them.
 int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
     if (frame.pts != AV_NOPTS_VALUE) return frame.pts;
     if (mHasTime) return mLastTimeUs + kSecondUs / (mFrameRate > 0 ? mFrameRate : kUsualFrameRate);
@@ -306,15 +310,15 @@ bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
         *buffer = pool->wrap(mFrame.get());
         return *buffer != nullptr;
     }
-    FramePtr picture(av_frame_alloc());
-    if (picture == nullptr || !pool->attach(picture.get())) return false;
+    FramePtr copy(av_frame_alloc());
+    if (copy == nullptr || !pool->attach(copy.get())) return false;
     if (asItIs) {
-        copyFrame(*mFrame, *picture);
-    } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
-        // An unknown pixel format is passed over; short memory is a failure.
+        copyFrame(*mFrame, *copy);
+    } else if (!mConverter.convert(*mFrame, planesOf(*copy), layout.width, layout.height)) {
+        // A frame of an unsupported pixel format is skipped; a lack of memory is a failure.
         return !VideoFrameConverter::canConvert(mFrame->format);
     }
-    *buffer = pool->wrap(picture.get());
+    *buffer = pool->wrap(copy.get());
     return *buffer != nullptr;
 }
 

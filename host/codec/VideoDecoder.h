@@ -1,5 +1,5 @@
-// Decodes pictures into working pictures. Where the stream already has the right kind, libavcodec
-// decodes straight into the memory that goes out; everything else is converted into such memory.
+// Decodes video to working frames. Where the stream already has their format, libavcodec decodes
+// straight into the output's memory; other frames are converted into it.
 #pragma once
 
 #include <media/stagefright/foundation/ABuffer.h>
@@ -24,9 +24,8 @@ struct AVFrame;
 namespace android {
 namespace qmmediaeditor {
 
-// Memory for working pictures: the three planes of an I420 picture in one piece, as the platform's
-// buffers have them. It is recycled together with that of the copies that wait for the encoder, as
-// there are many of these when there are few of the decoder's. Any thread.
+// Layout of the working frames' memory: the three planes of an I420 frame in one block, as in the
+// platform's buffers.
 struct FrameLayout {
     int width = 0;  // visible
     int height = 0;
@@ -38,8 +37,8 @@ struct FrameLayout {
     }
 };
 
-// Gives a frame that is to be converted memory for planes of its own format, as libavcodec wants
-// them. False for formats that libavcodec had better allocate by itself. For get_buffer2.
+// For get_buffer2: allocates the planes of a frame that is to be converted, in its own format.
+// False for formats that libavcodec should allocate by itself.
 bool attachPlanes(AVCodecContext* context, AVFrame* frame);
 
 class FramePool {
@@ -48,11 +47,11 @@ public:
 
     const FrameLayout& layout() const { return mLayout; }
 
-    // Gives the frame memory of the pool, and its planes' addresses. False when memory is short.
+    // Sets the frame's memory and the addresses of its planes. False when memory is short.
     bool attach(AVFrame* frame) const;
-    // True when the frame's planes lie as in the layout, wherever they came from.
+    // True when the frame's planes have this layout, whoever allocated them.
     bool fits(const AVFrame& frame) const;
-    // The frame as a buffer that covers the layout; takes the frame's reference over.
+    // The frame as a buffer of the layout's size; takes over the frame's reference.
     sp<ABuffer> wrap(AVFrame* frame) const;
 
 private:
@@ -73,9 +72,9 @@ public:
     OutputSequencer::MemberState memberState() const override;
 
 private:
-    // Fixes the layout of everything that goes out.
+    // Sets the layout of all outputs.
     void setLayout(int width, int height);
-    // libavcodec's get_buffer2; called on its threads, too.
+    // libavcodec's get_buffer2; also called on its threads.
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
     static bool decodesInto(const FramePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<FramePool> pool();
@@ -93,18 +92,18 @@ private:
     std::shared_ptr<FramePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
     sp<TrackSource> mSource;  // null for a format that no extractor made
     sp<AMessage> mFormat;
-    int mWidth = 0;  // of what goes out, when the format says it
+    int mWidth = 0;  // of the output, when the format has it
     int mHeight = 0;
     int mFrameRate = 0;
 
     uint32_t mSegment = 0;
-    bool mHasTime = false;  // a picture of the time line has come out
+    bool mHasTime = false;  // a frame of the segment has been output
     int64_t mLastTimeUs = 0;
-    // Presentation times of what libavcodec has and has not given back.
+    // Presentation timestamps of the packets that libavcodec has not yet returned as frames.
     std::multiset<int64_t> mInside;
     int64_t mUnconverted = 0;
 
-    // Its threads use the members above: it is the first to go.
+    // Destroyed first, because its threads use the members above.
     PacketDecoder mDecoder;
 };
 

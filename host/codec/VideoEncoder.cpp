@@ -25,23 +25,22 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr char kLogTag[] = "VideoEncoder";
-// Pictures that wait for the encoder: two for each of its threads keep them busy, and more cost
-// memory only.
+// Frames that wait for the encoder: two for each of its threads keep them busy, and more would only
+// cost memory.
 constexpr size_t kMinInputCount = 4;
 constexpr size_t kMaxInputCount = 8;
 constexpr size_t kOutputCount = 16;
-constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
+constexpr int kPlanar = 19;  // the platform's planar YUV 4:2:0
 constexpr double kDefaultFrameRate = 30;
-// Bits a pixel and frame, where no rate is wanted.
+// Bits per pixel, where no bit rate is requested.
 constexpr double kDefaultBitsPerPixel = 0.1;
-// Every decoder takes as much (ITU-T H.264, level 1). Still pictures arrive at lower rates, which
-// leave nothing for key frames.
+// Every decoder supports this rate (ITU-T H.264, level 1). Inputs of still images request lower
+// ones, which leave nothing for key frames.
 constexpr int64_t kMinBitRate = 64000;
-// Rates may rise above the wanted one for a while, but no second takes more than this many of the
-// wanted seconds.
+// The bit rate may exceed the requested one for a while, at most by this factor.
 constexpr double kPeakOverMean = 1.5;
 constexpr double kBufferSeconds = 2;
-// The first picture is a key frame, and needs more than those that refer to it.
+// The first frame is a key frame and needs more bits than those that refer to it.
 constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
 constexpr int kMaxGroupOfPictures = 10000;
@@ -56,9 +55,9 @@ void releaseLease(void* lease, uint8_t* /* data */) {
 
 }  // namespace
 
-// What the format asks for.
-struct VideoEncoder::Wanted {
-    explicit Wanted(const AMessage& format) {
+// Settings that the format requests.
+struct VideoEncoder::Settings {
+    explicit Settings(const AMessage& format) {
         int32_t colorFormat = kPlanar;
         format.findInt32("width", &width);
         format.findInt32("height", &height);
@@ -84,10 +83,10 @@ struct VideoEncoder::Wanted {
     }
 
     int groupOfPictures() const {
-        // Where the rate varies, timestamps alone say when a key frame is due.
+        // With a variable frame rate, only timestamps determine when a key frame is due.
         if (keyFrameSeconds < 0 || variableRate) return kMaxGroupOfPictures;
-        const double pictures = keyFrameSeconds * frameRate;
-        return static_cast<int>(std::clamp(pictures, 1.0, double{kMaxGroupOfPictures}));
+        const double frames = keyFrameSeconds * frameRate;
+        return static_cast<int>(std::clamp(frames, 1.0, double{kMaxGroupOfPictures}));
     }
 
     bool possible = false;
@@ -115,35 +114,35 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     if (mFrame == nullptr) return NO_MEMORY;
     AString mime;
     if (!format->findString("mime", &mime)) return BAD_VALUE;
-    Wanted wanted(*format);
-    // Levels and bits per frame follow from how many frames come, not from how close they may be.
+    Settings settings(*format);
+    // Level and bits per frame follow from the average frame rate, not from the shortest distance.
     const double average = mSession == nullptr ? 0 : mSession->averageFrameRate();
     if (average > 0) {
-        wanted.frameRate = std::min(wanted.frameRate, average);
-        wanted.variableRate = true;
+        settings.frameRate = std::min(settings.frameRate, average);
+        settings.variableRate = true;
     }
-    mKeyFrameIntervalUs = int64_t{std::max(wanted.keyFrameSeconds, 0)} * kMicroseconds;
+    mKeyFrameIntervalUs = int64_t{std::max(settings.keyFrameSeconds, 0)} * kMicroseconds;
     const CodecInfo* codec = findEncodedCodec(mime.c_str());
     // The MPEG-4 encoder writes beyond its tables at a larger size.
     const bool tooLarge = codec != nullptr && codec->limits.maxSide > 0 &&
-                          std::max(wanted.width, wanted.height) > codec->limits.maxSide;
-    if (!wanted.possible || tooLarge) {
-        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no encoder takes such pictures: %s",
+                          std::max(settings.width, settings.height) > codec->limits.maxSide;
+    if (!settings.possible || tooLarge) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no encoder supports this format: %s",
                             format->debugString().c_str());
         return ERROR_UNSUPPORTED;
     }
-    mWidth = wanted.width;
-    mHeight = wanted.height;
+    mWidth = settings.width;
+    mHeight = settings.height;
     const size_t chromaBytes =
         static_cast<size_t>((mWidth + 1) / 2) * static_cast<size_t>((mHeight + 1) / 2);
     mFrameBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) + 2 * chromaBytes;
 
     status_t status = mEncoder.prepare(mime);
     if (status != OK) return status;
-    setParameters(wanted);
+    setParameters(settings);
     AVDictionary* options = nullptr;
     if (mEncoder.context()->codec_id == AV_CODEC_ID_H264) {
-        if (!setAvcOptions(wanted, &options)) {
+        if (!setAvcOptions(settings, &options)) {
             av_dict_free(&options);
             return NO_MEMORY;
         }
@@ -171,10 +170,10 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     return OK;
 }
 
-void VideoEncoder::setParameters(const Wanted& wanted) {
+void VideoEncoder::setParameters(const Settings& settings) {
     AVCodecContext* context = mEncoder.context();
-    context->width = wanted.width & ~1;
-    context->height = wanted.height & ~1;
+    context->width = settings.width & ~1;
+    context->height = settings.height & ~1;
     context->pix_fmt = AV_PIX_FMT_YUV420P;
     context->sample_aspect_ratio = {1, 1};
     context->color_range = AVCOL_RANGE_MPEG;
@@ -183,64 +182,64 @@ void VideoEncoder::setParameters(const Wanted& wanted) {
     context->colorspace = AVCOL_SPC_BT709;
     context->chroma_sample_location = AVCHROMA_LOC_LEFT;
     context->max_b_frames = 0;
-    context->gop_size = wanted.groupOfPictures();
-    context->bit_rate = wanted.bitRate;
+    context->gop_size = settings.groupOfPictures();
+    context->bit_rate = settings.bitRate;
     context->rc_max_rate =
-        static_cast<int64_t>(static_cast<double>(wanted.bitRate) * kPeakOverMean);
-    const double keyFrameBits = static_cast<double>(wanted.width) * wanted.height;
+        static_cast<int64_t>(static_cast<double>(settings.bitRate) * kPeakOverMean);
+    const double keyFrameBits = static_cast<double>(settings.width) * settings.height;
     const double bufferBits =
-        std::max(static_cast<double>(wanted.bitRate) * kBufferSeconds, keyFrameBits);
+        std::max(static_cast<double>(settings.bitRate) * kBufferSeconds, keyFrameBits);
     context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
     context->rc_initial_buffer_occupancy =
         static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
-    context->framerate = av_d2q(wanted.frameRate, 100000);
+    context->framerate = av_d2q(settings.frameRate, 100000);
     context->thread_count = mThreads;
     context->time_base = {1, kMicroseconds};
     if (context->codec_id == AV_CODEC_ID_MPEG4 || context->codec_id == AV_CODEC_ID_H263) {
-        // These two count in frames, and their rate control with them.
+        // These two and their rate control count in frames.
         context->time_base = av_inv_q(context->framerate);
     }
 }
 
-bool VideoEncoder::setAvcOptions(const Wanted& wanted, AVDictionary** options) const {
+bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** options) const {
     bool set = av_dict_set(options, "preset", mAvcPreset.c_str(), 0) >= 0;
-    // A key frame that is asked for is one to seek to.
+    // A requested key frame must be an IDR frame, which can be sought.
     set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
-    const char* profile = avcProfileName(wanted.profileBit);
+    const char* profile = avcProfileName(settings.profileBit);
     if (profile != nullptr) set = set && av_dict_set(options, "profile", profile, 0) >= 0;
     AvcDemand demand;
-    demand.width = wanted.width;
-    demand.height = wanted.height;
-    demand.frameRate = wanted.frameRate;
+    demand.width = settings.width;
+    demand.height = settings.height;
+    demand.frameRate = settings.frameRate;
     demand.maxBitRate = mEncoder.context()->rc_max_rate;
     mEncoder.context()->level = FF_LEVEL_UNKNOWN;
-    if (const int level = avcLevelFor(wanted.levelBit, demand); level != 0) {
+    if (const int level = avcLevelFor(settings.levelBit, demand); level != 0) {
         mEncoder.context()->level = level;
     }
     return set;
 }
 
-// libavcodec wants times to rise; inputs that repeat one or go back a little are moved to the next
-// possible time.
-VideoEncoder::Stamp VideoEncoder::stampOf(int64_t timeUs) {
+// libavcodec requires rising timestamps; an input that repeats one or goes back gets the next
+// possible one.
+VideoEncoder::Timestamp VideoEncoder::timestampOf(int64_t timeUs) {
     const int64_t laterUs = std::max(timeUs, mLast.timeUs + 1);
     const int64_t pts = av_rescale_q(laterUs, {1, kMicroseconds}, mEncoder.context()->time_base);
     mLast = {std::max(pts, mLast.pts + 1), laterUs};
-    mInside.push_back(mLast);
+    mPending.push_back(mLast);
     return mLast;
 }
 
 int64_t VideoEncoder::timeOf(int64_t pts) {
-    while (!mInside.empty() && mInside.front().pts < pts) mInside.pop_front();
-    if (mInside.empty() || mInside.front().pts != pts) {
+    while (!mPending.empty() && mPending.front().pts < pts) mPending.pop_front();
+    if (mPending.empty() || mPending.front().pts != pts) {
         return av_rescale_q(pts, mEncoder.context()->time_base, {1, kMicroseconds});
     }
-    const int64_t timeUs = mInside.front().timeUs;
-    mInside.pop_front();
+    const int64_t timeUs = mPending.front().timeUs;
+    mPending.pop_front();
     return timeUs;
 }
 
-// The encoder's own interval counts frames, which tells nothing where their rate varies.
+// The encoder's own interval counts frames, which is no measure of time at a variable rate.
 bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
     // Timestamps are rounded to microseconds.
     constexpr int64_t kRoundingUs = 2;
@@ -255,11 +254,11 @@ status_t VideoEncoder::accept(CodecInput input) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "a frame could not be scaled");
         return NO_MEMORY;
     }
-    // The size that the caller computes drops the half samples of an odd picture; the buffer has
-    // them.
+    // The size that the caller computes lacks the half samples of a frame with an odd size; the
+    // buffer has them.
     const size_t minBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) * 3 / 2;
     if (input.size < minBytes) {
-        __android_log_print(ANDROID_LOG_WARN, kLogTag, "a picture of %zu bytes is too short",
+        __android_log_print(ANDROID_LOG_WARN, kLogTag, "a frame of %zu bytes is too short",
                             input.size);
         return OK;
     }
@@ -282,9 +281,9 @@ status_t VideoEncoder::accept(CodecInput input) {
     frame->data[0] = data;
     frame->data[1] = data + static_cast<ptrdiff_t>(mWidth) * mHeight;
     frame->data[2] = frame->data[1] + static_cast<ptrdiff_t>(chromaStride) * ((mHeight + 1) / 2);
-    const Stamp stamp = stampOf(input.timeUs);
-    frame->pts = stamp.pts;
-    frame->pict_type = isKeyFrameDue(stamp.timeUs) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    const Timestamp timestamp = timestampOf(input.timeUs);
+    frame->pts = timestamp.pts;
+    frame->pict_type = isKeyFrameDue(timestamp.timeUs) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
 
     auto* lease = new std::shared_ptr<const void>(std::move(input.lease));
     frame->buf[0] =
@@ -296,7 +295,7 @@ status_t VideoEncoder::accept(CodecInput input) {
     const status_t status = mEncoder.send(frame);
     av_frame_unref(frame);
     if (status == OK && mSession != nullptr && mSession->observer() != nullptr) {
-        mSession->observer()->onFrameEncoded(stamp.timeUs);
+        mSession->observer()->onFrameEncoded(timestamp.timeUs);
     }
     return status;
 }

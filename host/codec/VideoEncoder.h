@@ -1,7 +1,7 @@
-// Encodes working pictures to AVC, MPEG-4 or H.263, without reordering.
+// Encodes working frames to AVC, MPEG-4 or H.263, without reordering.
 //
-// The input buffers are read where they lie. A picture with an odd width or height loses its last
-// column or row.
+// The encoder reads the input buffers without a copy. A frame with an odd width or height loses its
+// last column or row.
 #pragma once
 
 #include <stdint.h>
@@ -21,7 +21,7 @@ namespace qmmediaeditor {
 
 class VideoEncoder : public CodecBackend {
 public:
-    // `avcPreset` is one of x264's; `session` may be null.
+    // `avcPreset` is a preset of x264; `session` may be null.
     VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
                  int threads);
     ~VideoEncoder() override;
@@ -33,18 +33,18 @@ public:
     status_t finish() override;
 
 private:
-    struct Wanted;
+    struct Settings;
 
-    // An input's time, and what the encoder knows it by.
-    struct Stamp {
+    // The timestamp of an input, in the encoder's time base and in microseconds.
+    struct Timestamp {
         int64_t pts;
         int64_t timeUs;
     };
 
-    void setParameters(const Wanted& wanted);
+    void setParameters(const Settings& settings);
     // False when memory is short.
-    bool setAvcOptions(const Wanted& wanted, AVDictionary** options) const;
-    Stamp stampOf(int64_t timeUs);
+    bool setAvcOptions(const Settings& settings, AVDictionary** options) const;
+    Timestamp timestampOf(int64_t timeUs);
     int64_t timeOf(int64_t pts);
     bool isKeyFrameDue(int64_t timeUs);
 
@@ -55,13 +55,13 @@ private:
     const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;
     sp<AMessage> mFormat;
-    sp<ABuffer> mCodecSpecificData;  // until it is out
+    sp<ABuffer> mCodecSpecificData;  // until it has been output
     int mWidth = 0;                  // of the input
     int mHeight = 0;
     size_t mFrameBytes = 0;
 
-    std::deque<Stamp> mInside;
-    Stamp mLast;
+    std::deque<Timestamp> mPending;
+    Timestamp mLast;
     int64_t mKeyFrameIntervalUs = 0;  // 0 for no interval
     std::optional<int64_t> mKeyFrameUs;
 };

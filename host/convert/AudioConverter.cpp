@@ -64,7 +64,7 @@ int AudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth, i
 
 unsigned char* AudioConverter::allocateBuff(unsigned char* /* base */, int frames, float ratio) {
     if (mResampler == nullptr || frames < 0) return nullptr;
-    // What the resampler still has inside comes out with the next frames.
+    // Samples inside the resampler are output with the next frames.
     const int made = std::max(swr_get_out_samples(mResampler.get(), frames), 0);
     const double expected = ceil(static_cast<double>(frames) * std::max(ratio, 0.0f));
     const size_t room = std::max(static_cast<size_t>(made), static_cast<size_t>(expected)) + 1;

@@ -1,4 +1,4 @@
-// Converts interleaved PCM with libswresample. What QmMediaAudioConverter.h promises holds here.
+// Converts interleaved PCM with libswresample; QmMediaAudioConverter.h describes the operations.
 #pragma once
 
 #include <Platform.h>

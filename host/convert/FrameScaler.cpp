@@ -56,8 +56,8 @@ zimg_image_format planeFormat(const Size& size) {
     return format;
 }
 
-// One filter for luma and one for both chroma planes: each plane by itself, since odd sizes have no
-// whole number of chroma samples.
+// One filter for luma and one for both chroma planes. Each plane is scaled by itself, because with
+// odd sizes the planes do not have the same ratio.
 class PlaneScaler {
 public:
     bool scale(const Size& from, const FramePlanes& source, const Size& to,
@@ -79,8 +79,8 @@ private:
         mFrom = from;
         mTo = to;
         mLuma = ZimgGraph::build(planeFormat(from), planeFormat(to), {});
-        // Chroma samples lie on every second luma column, beginning with the first, and between the
-        // rows.
+        // Chroma samples are located on every second luma column, beginning with the first, and
+        // between the rows.
         const double columns = static_cast<double>(from.width) / to.width;
         const double rows = static_cast<double>(from.height) / to.height;
         zimg_image_format chroma = planeFormat(from.chroma());
@@ -100,7 +100,7 @@ private:
     std::unique_ptr<ZimgGraph> mChroma;
 };
 
-// The source's planes; semi-planar chroma is taken apart into `split`.
+// The source's planes; semi-planar chroma is split into `split`.
 FramePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
     auto* luma = const_cast<uint8_t*>(request.src);
     uint8_t* chroma = luma + static_cast<ptrdiff_t>(request.srcStride) * request.srcSliceHeight;

@@ -1,4 +1,4 @@
-// Crops and scales working pictures on their way into an encoder.
+// Crops and scales working frames on their way into an encoder.
 #pragma once
 
 #include <Platform.h>
@@ -6,13 +6,13 @@
 namespace android {
 namespace qmmediaeditor {
 
-// Implements Platform::scale. A request that makes no sense is logged. Any thread; each keeps
-// the filters of the last sizes that it scaled.
+// Implements Platform::scale. An invalid request is logged. Any thread; each keeps the filters of
+// the sizes that it scaled last.
 void scaleFrame(const ScaleRequest& request);
 
-// Whether the last frame scaled into this memory is missing there, since memory was short or the
-// request made no sense. Platform::scale reports no failure, so that the encoder asks for it.
-// Forgets the answer. Any thread.
+// Whether scaling into this memory has failed, because memory was short or the request was invalid.
+// Platform::scale cannot report a failure, so that the encoder asks here. The answer is then
+// forgotten. Any thread.
 bool takeScaleFailure(const unsigned char* frame);
 
 }  // namespace qmmediaeditor

@@ -10,10 +10,10 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Light below this is black; above kMaxLight nothing changes any more.
+// Less light is black; more light than kMaxLight is treated as kMaxLight.
 constexpr float kMinLight = 1.0f / 16384;
 constexpr float kMaxLight = 7.99f;
-// Leaves nine bits of the mantissa: steps of 0.2 percent.
+// Nine bits of the mantissa remain: steps of 0.2 percent.
 constexpr uint32_t kDroppedBits = 14;
 
 uint32_t bitsOf(float value) {
@@ -38,14 +38,14 @@ double lightAt(size_t index) {
 
 // Most HDR material is mastered for 1000 nits.
 constexpr double kPeak = 1000 / ToneMapper::kWhiteNits;
-// Where compression begins.
+// Compression begins here.
 constexpr double kKnee = 0.4;
 constexpr double kScreenGamma = 2.4;
 constexpr double kMaxCode = 65535;
 
 double squared(double value) { return value * value; }
 
-// Straight up to the knee, then a hyperbola that goes on with the same slope and reaches 1 at the
+// Linear up to the knee, then a hyperbola that continues with the same slope and reaches 1 at the
 // peak.
 double compressed(double light) {
     if (light <= kKnee) return light;

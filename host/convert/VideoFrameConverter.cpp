@@ -26,7 +26,7 @@ bool isFullRange(const AVFrame& frame, const AVPixFmtDescriptor& format) {
     return isRgb(format) || isGrey(format) || strncmp(format.name, "yuvj", 4) == 0;
 }
 
-// Where a stream says nothing, standard definition is BT.601 and anything larger BT.709.
+// Without a statement in the stream, standard definition is BT.601 and larger sizes are BT.709.
 AVColorSpace matrixOf(const AVFrame& frame) {
     if (frame.colorspace == AVCOL_SPC_BT2020_CL) return AVCOL_SPC_BT2020_NCL;
     if (frame.colorspace != AVCOL_SPC_UNSPECIFIED) return frame.colorspace;
@@ -41,7 +41,7 @@ bool isHdr(const AVFrame& frame) { return isHdrTransfer(frame.color_trc); }
 
 bool isWideGamut(const AVFrame& frame) { return frame.color_primaries == AVCOL_PRI_BT2020; }
 
-// Planes of plain samples in the machine's byte order, one component each, as zimg reads them.
+// True for planes of one component each in native byte order, which zimg can read.
 bool isPlanar(const AVPixFmtDescriptor& format) {
     if ((format.flags & (AV_PIX_FMT_FLAG_BE | AV_PIX_FMT_FLAG_PAL)) != 0) return false;
     if ((format.flags & AV_PIX_FMT_FLAG_PLANAR) == 0 && !isGrey(format)) return false;
@@ -55,7 +55,7 @@ bool isPlanar(const AVPixFmtDescriptor& format) {
 
 int evenUp(int size) { return size + (size & 1); }
 
-// Three planes in one piece, each of an even size.
+// Three planes in one block, each of an even size.
 template <typename Sample>
 FramePlanes planesOf(std::vector<Sample>& samples, int width, int height) {
     const size_t rowSamples = static_cast<size_t>(evenUp(width));
@@ -74,7 +74,7 @@ zimg_chroma_location_e chromaLocationOf(const AVFrame& frame) {
     return static_cast<zimg_chroma_location_e>(frame.chroma_location - 1);
 }
 
-// Reads the rows of one frame, with a last row or column repeated where the size is odd.
+// Reads the rows of one frame; the last row or column is repeated where the size is odd.
 class FrameRows {
 public:
     FrameRows(const AVFrame& frame, const AVPixFmtDescriptor& format)
@@ -154,15 +154,15 @@ private:
 
 }  // namespace
 
-// All of a frame that decides how it is converted.
+// The properties of a frame that determine its conversion.
 struct VideoFrameConverter::Source {
     int pixelFormat;
     int width;
     int height;
     int matrix;
     bool fullRange;
-    bool light;    // the conversion goes through linear light
-    int transfer;  // 0 where it does not
+    bool light;    // the conversion uses linear light
+    int transfer;  // 0 otherwise
     int chromaLocation;
 
     bool operator==(const Source& other) const {
@@ -294,8 +294,8 @@ bool VideoFrameConverter::prepare(const Source& source, int width, int height) {
     from.matrix_coefficients = static_cast<zimg_matrix_coefficients_e>(source.matrix);
     from.pixel_range = source.fullRange ? ZIMG_RANGE_FULL : ZIMG_RANGE_LIMITED;
     from.chroma_location = static_cast<zimg_chroma_location_e>(source.chromaLocation);
-    // Where the result gets a column or row for evenness' sake, so much more of the source belongs
-    // to it.
+    // Where the output gets an extra column or row to be even, the source's region is extended in
+    // proportion.
     from.active_region.width = static_cast<double>(source.width) * evenUp(width) / width;
     from.active_region.height = static_cast<double>(source.height) * evenUp(height) / height;
 

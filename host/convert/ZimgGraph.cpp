@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kLogTag[] = "ZimgGraph";
 
-// What zimg asks of addresses and strides.
+// Alignment that zimg requires of addresses and strides.
 constexpr uintptr_t kAlignment = 64;
 
 constexpr uintptr_t alignUp(uintptr_t value) {
@@ -57,7 +57,7 @@ bool isAligned(const FramePlanes& planes, int count) {
     return true;
 }
 
-// The part of a plane that belongs to some columns of the picture, in one of its groups of rows.
+// The part of a plane that belongs to some columns of the frame, in one of its groups of rows.
 struct Span {
     int firstRow;
     int endRow;
@@ -78,7 +78,7 @@ Span spanOf(const zimg_image_format& format, int plane, unsigned row, unsigned l
 
 }  // namespace
 
-// What the callbacks need to know of the run that calls them.
+// Arguments of the callbacks.
 struct ZimgGraph::Call {
     ZimgGraph& graph;
     const RowReader* reader;
@@ -93,9 +93,9 @@ std::unique_ptr<ZimgGraph> ZimgGraph::build(const zimg_image_format& from,
     params.resample_filter_uv = ZIMG_RESIZE_BICUBIC;
     params.dither_type = settings.dither;
     params.nominal_peak_luminance = settings.whiteNits;
-    // Tables in place of exact powers: far faster, and finer than 8 bits.
+    // Tables instead of exact powers: far faster, and more precise than 8 bits.
     params.allow_approximate_gamma = 1;
-    // By itself zimg asks for 32 bytes of alignment at most, and leaves the widest vectors unused.
+    // By default zimg assumes at most 32 bytes of alignment and does not use the widest vectors.
     params.cpu_type = ZIMG_CPU_AUTO_64B;
     zimg_filter_graph* graph = zimg_filter_graph_build(&from, &to, &params);
     if (graph == nullptr) {
@@ -127,7 +127,7 @@ ZimgGraph::Window ZimgGraph::makeWindow(const zimg_image_format& format, unsigne
     Window window;
     window.rows.version = ZIMG_API_VERSION;
     const unsigned mask = zimg_select_buffer_mask(rows);
-    // A mask without bounds stands for the whole picture.
+    // ZIMG_BUFFER_MAX stands for the whole frame.
     const size_t lumaRows = mask == ZIMG_BUFFER_MAX ? format.height : size_t{mask} + 1;
     const size_t stride = alignUp(format.width * sampleBytes(format));
     const auto planes = static_cast<size_t>(planeCount(format));

@@ -1,5 +1,5 @@
-// One conversion between two picture formats, done by zimg. Private to host/convert and its tests:
-// zimg's types are part of it. One thread at a time.
+// One conversion between two frame formats with zimg. Private to host/convert and its tests: zimg's
+// types are part of it. One thread at a time.
 #pragma once
 
 #include <stddef.h>
@@ -27,25 +27,25 @@ class ZimgGraph {
 public:
     struct Settings {
         zimg_dither_type_e dither = ZIMG_DITHER_NONE;
-        // Nits that stand for 1.0 where a conversion goes through linear light.
+        // Nits that 1.0 stands for in linear light.
         double whiteNits = 100;
     };
 
-    // Null when zimg cannot do it; the reason is logged.
+    // Null when zimg does not support it; the reason is logged.
     static std::unique_ptr<ZimgGraph> build(const zimg_image_format& from,
                                             const zimg_image_format& to, const Settings& settings);
     ~ZimgGraph();
 
-    // Puts the samples of `plane` in `row`, from column `left` up to `right`, to `line`, which is
-    // where column `left` belongs. Rows and columns are the plane's own.
+    // Writes the samples of `plane` in `row`, from column `left` up to `right`, to `line`, the
+    // address of column `left`. Rows and columns are those of the plane.
     typedef std::function<void(int plane, int row, int left, int right, uint8_t* line)> RowReader;
 
     bool process(const FramePlanes& from, const FramePlanes& to);
-    // For sources that zimg cannot read where they lie.
+    // For sources that zimg cannot read directly.
     bool process(const RowReader& from, const FramePlanes& to);
 
 private:
-    // A few rows in the alignment that zimg asks for.
+    // A few rows with the alignment that zimg requires.
     struct Window {
         std::vector<uint8_t> memory;
         zimg_image_buffer rows;

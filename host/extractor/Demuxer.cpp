@@ -29,15 +29,15 @@ namespace {
 constexpr int kIoBufferBytes = 64 * 1024;
 constexpr int64_t kDefaultProbeBytes = 1 << 20;
 constexpr int64_t kMaxProbeBytes = 64 << 20;
-// So many damaged places in a row are taken for the end.
+// This number of damaged places in a row is treated as the end.
 constexpr int kMaxReadErrors = 64;
 
-// Bounds what opening takes. Below it, the number of streams can be named.
+// Bounds the memory for opening. Up to this number, a refusal can name the number of streams.
 constexpr int kMaxOpenedStreams = 1000;
 
 constexpr int64_t kMaxTimeUs = INT64_C(1) << 60;
 
-// A probe that ends inside an ID3 tag has seen nothing of the sound behind it.
+// A probe that ends inside an ID3 tag has not seen the audio behind it.
 int64_t probeSizeBytes(const DescriptorFile& file) {
     uint8_t header[10];
     if (!file.readFully(0, header, sizeof(header)) || memcmp(header, "ID3", 3) != 0) {
@@ -48,7 +48,7 @@ int64_t probeSizeBytes(const DescriptorFile& file) {
     return std::min(kDefaultProbeBytes + tagBytes, kMaxProbeBytes);
 }
 
-// A file that refers to others would have this process open them.
+// A file that refers to other files would make this process open them.
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
     return AVERROR(EACCES);
 }
@@ -67,12 +67,12 @@ Demuxer::Opened Demuxer::open(const std::shared_ptr<const DescriptorFile>& file,
 }
 
 status_t Demuxer::readStreams() {
-    // Decoders look into the first packets.
+    // Decoders parse the first packets.
     std::vector<AVDictionary*> options(mContext->nb_streams, nullptr);
     for (AVDictionary*& each : options) av_dict_set_int(&each, "max_pixels", kMaxPixels, 0);
     const int result = avformat_find_stream_info(mContext.get(), options.data());
     for (AVDictionary*& each : options) av_dict_free(&each);
-    // Demuxers resume behind a failed read, so the result alone does not tell.
+    // Demuxers resume behind a failed read, so that the result alone is not enough.
     if (result < 0 || mIo->file().status() != OK) return reasonOf(result);
     return checkLimits();
 }
@@ -95,7 +95,7 @@ status_t Demuxer::reasonOf(int error) const {
     if (error != AVERROR(ENOMEM)) return ERROR_UNSUPPORTED;
     const std::optional<std::string> reason = checkAllocation();
     if (!reason) return NO_MEMORY;
-    // libavformat reports too many streams as a lack of memory, too.
+    // libavformat also reports too many streams as a lack of memory.
     mIo->file().refuse("more than " + std::to_string(kMaxOpenedStreams) + " streams, or " +
                        *reason);
     return ERROR_UNSUPPORTED;

@@ -17,15 +17,14 @@ namespace qmmediaeditor {
 class Demuxer {
 public:
     enum class ProbeDepth {
-        kHeader,   // what the container's header says of its streams
-        kStreams,  // and what the first packets of each stream add to it
+        kHeader,   // streams as in the container's header
+        kStreams,  // and with what the first packets of each stream add
     };
 
     struct Opened {
         std::unique_ptr<Demuxer> demuxer;  // null unless status is OK
-        // ERROR_UNSUPPORTED for what is none of the listed containers, and for a file that is
-        // refused because it exceeds a limit. ERROR_IO when the file cannot be read, NO_MEMORY when
-        // memory is short.
+        // ERROR_UNSUPPORTED for a container that is not listed, and for a file that exceeds a
+        // limit. ERROR_IO when the file cannot be read, NO_MEMORY when memory is short.
         status_t status;
     };
     static Opened open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth study);
@@ -39,23 +38,23 @@ public:
     // The header alone names every stream and every packet has its times, so that
     // ProbeDepth::kHeader will do.
     bool headerIsEnough() const;
-    // The container gives a picture's place in decoding order and nothing else; what libavformat
-    // makes of it is late by what the codec reorders.
+    // The container has only the number of a frame in decoding order; the timestamps that
+    // libavformat derives from it are late by the codec's reorder delay.
     bool hasOnlyFrameNumbers() const;
-    // The container's clock may start anew anywhere.
+    // Timestamps may have discontinuities.
     bool mayHaveDiscontinuities() const;
-    // What index the container has is that of its pictures, for sound as well.
+    // The container's index lists the video frames, and is used for audio as well.
     bool indexIsOfVideo() const;
 
     static constexpr int kAnyStream = -1;
-    // Reads the next packet of stream `index`, passing over others and over damaged ones. OK,
+    // Reads the next packet of stream `index`, skipping others and damaged ones. OK,
     // ERROR_END_OF_STREAM, ERROR_IO when the file cannot be read, or NO_MEMORY.
     status_t readPacket(int index, AVPacket* packet);
-    // A time of stream `index` in microseconds. Damaged ones are kept within bounds that leave room
-    // to reckon with them.
+    // A timestamp of stream `index` in microseconds, clamped so that sums with damaged ones cannot
+    // overflow.
     int64_t toUs(int index, int64_t time) const;
 
-    // Has libavformat pass over every other stream, without reading it where that can be.
+    // Makes libavformat skip every other stream, without reading it where possible.
     void keepOnly(int index);
 
 private:
@@ -63,7 +62,7 @@ private:
     status_t openInput(const std::shared_ptr<const DescriptorFile>& file);
     status_t readStreams();
     status_t checkLimits() const;
-    // Why libavformat has failed with `error`.
+    // The status for libavformat's `error`.
     status_t reasonOf(int error) const;
 
     // The context refers to it and is destroyed first.

@@ -22,9 +22,9 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Beyond any recording.
+// Longer than any recording.
 constexpr int64_t kMaxSeekUs = INT64_C(1000000000000000);
-// No recording pauses in all of its tracks for so long.
+// No recording pauses for so long in all of its tracks.
 constexpr int64_t kMaxStepUs = INT64_C(24) * 3600 * 1000000;
 constexpr int64_t kUnknownUs = INT64_MIN;
 
@@ -46,8 +46,8 @@ public:
 
 private:
     int64_t originUs() const;
-    // The selected track whose sample comes next is mCurrent from here on. OK,
-    // ERROR_END_OF_STREAM, or why a track could not be read.
+    // Sets mCurrent to the selected track with the next sample. OK, ERROR_END_OF_STREAM, or why a
+    // track could not be read.
     status_t findCurrent();
     void announceCurrent();
     const TrackReader& current() const { return *mReaders.at(mCurrent); }
@@ -60,7 +60,7 @@ private:
     bool mHasCurrent = false;
     // Of the current sample, or of the one before it; unknown after a seek.
     int64_t mTimeUs = kUnknownUs;
-    // What damaged times are off by.
+    // Error of damaged timestamps.
     int64_t mDamageUs = 0;
 };
 
@@ -136,10 +136,10 @@ status_t FileExtractor::advance() {
 }
 
 status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
-    // A cut needs the sample before it; nothing asks for the others.
+    // Cutting needs the sample before the cut; no caller uses the other modes.
     if (mode != SeekMode::SEEK_PREVIOUS_SYNC) return ERROR_UNSUPPORTED;
     if (mReaders.empty()) return INVALID_OPERATION;
-    // Decoders compute with it, so that it stays away from the ends of its range.
+    // Decoders compute with the time, so it stays away from the ends of the range.
     const int64_t startUs = std::min(timeUs, kMaxSeekUs);
     mInfo.tracks[mReaders.begin()->first].source->sequencer()->beginSegment(startUs);
     mHasCurrent = false;
@@ -150,8 +150,8 @@ status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
     return OK;
 }
 
-// Recordings rarely begin at 0. The selected tracks keep their distance, and the earliest begins
-// there.
+// Recordings rarely begin at 0. The earliest selected track is moved to 0; the offset between the
+// tracks is kept.
 int64_t FileExtractor::originUs() const {
     int64_t originUs = INT64_MAX;
     for (const auto& entry : mReaders) {
@@ -183,8 +183,8 @@ status_t FileExtractor::findCurrent() {
     return OK;
 }
 
-// Tells the decoder what belongs to the sample beside its bytes. A time that is days away is
-// damaged, and would be filled with as much silence: the sample is put behind the one before it.
+// Tells the decoder the properties of the sample. A timestamp that is days away is damaged, and the
+// gap would be filled with as much silence: the sample is put right behind the one before it.
 void FileExtractor::announceCurrent() {
     const TrackReader& reader = current();
     const int64_t timeUs = reader.orderTimeUs() - originUs();

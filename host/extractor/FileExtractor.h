@@ -8,9 +8,9 @@
 namespace android {
 namespace qmmediaeditor {
 
-// An extractor that nothing has been opened with yet. What each operation promises stands in
-// QmMediaExtractorWrapper.h; setDataSource also gives NO_MEMORY, and -errno when the descriptor
-// cannot be used. One thread at a time. `observer` may be null and outlives the extractor.
+// An extractor without a file. QmMediaExtractorWrapper.h describes the operations; setDataSource
+// also returns NO_MEMORY, and -errno when the descriptor cannot be used. One thread at a time.
+// `observer` may be null and outlives the extractor.
 sp<ExtractorBackend> createFileExtractor(HostObserver* observer = nullptr);
 
 }  // namespace qmmediaeditor

@@ -29,7 +29,8 @@ namespace {
 
 constexpr char kLogTag[] = "Extractor";
 constexpr AVRational kMicroseconds = {1, 1000000};
-// So many frames tell 30 a second from 29.97 through time stamps in milliseconds.
+// This number of frames distinguishes 30 from 29.97 frames per second by timestamps in
+// milliseconds.
 constexpr size_t kMaxProbedFrames = 120;
 constexpr int64_t kMaxProbedBytes = 32 << 20;
 constexpr int64_t kMinVideoSampleBytes = 1 << 20;
@@ -45,7 +46,7 @@ bool isVideoTrack(const AVStream& stream) {
     return isKind(stream, AVMEDIA_TYPE_VIDEO) && !isCoverArt(stream);
 }
 
-// Reads all packets: for a recording that was never finished, say.
+// Reads all packets; needed for a recording that was never finished.
 std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const DescriptorFile>& file,
                                         size_t count) {
     std::vector<int64_t> durationsUs(count, 0);
@@ -78,7 +79,7 @@ int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
     return std::max<int64_t>(demuxer->context().duration, 0);
 }
 
-// A decoder that refuses what the file says of a track is as good as none.
+// A track whose parameters its decoder refuses is treated as a track without a decoder.
 void rejectUndecodable(AVStream* stream) {
     if (!isDecodable(*stream)) return;
     AVCodecParameters* parameters = stream->codecpar;
@@ -91,8 +92,8 @@ void rejectUndecodable(AVStream* stream) {
     }
 }
 
-// The longest sample that the index names and the file can hold, or what a sample of the kind can
-// come to.
+// The longest sample in the index, at most the size of the file, or the maximum for samples of this
+// kind.
 int64_t maxSampleBytes(AVStream& stream, int64_t fileBytes) {
     int64_t bytes = kMaxAudioSampleBytes;
     if (isKind(stream, AVMEDIA_TYPE_VIDEO)) {
@@ -138,7 +139,7 @@ FrameTimestamps frameTimestamps(Demuxer* demuxer, AVStream& stream) {
     return times;
 }
 
-// Each field of an interlaced stream may come in a sample of its own.
+// Each field of an interlaced stream may be a sample of its own.
 bool isInterlaced(const AVStream& stream) {
     return stream.codecpar->field_order > AV_FIELD_PROGRESSIVE;
 }
@@ -162,7 +163,7 @@ int64_t prerollUs(const AVCodecParameters& parameters) {
     return std::max(kPrerollUs, av_rescale(samples, kMicroseconds.den, parameters.sample_rate));
 }
 
-// A sound track's own index is often missing; then the picture's leads to it as well.
+// The index of an audio track is often missing; the video track's index is used instead.
 int seekStreamIndex(const Demuxer& demuxer, const AVFormatContext& context,
                     const AVStream& stream) {
     if (!demuxer.indexIsOfVideo()) return stream.index;
@@ -323,7 +324,7 @@ void findDelays(const std::vector<TrackInfo>& tracks) {
     }
 }
 
-// Audio beyond the limits is passed over. The reason when that leaves nothing to decode.
+// Audio beyond the limits is skipped. The reason when nothing decodable remains.
 std::optional<std::string> findUnreadable(const AVFormatContext& context) {
     std::optional<std::string> reason;
     bool isReadable = false;
@@ -356,7 +357,7 @@ status_t refuse(const DescriptorFile& file, const std::string& reason) {
 }  // namespace
 
 status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info) {
-    // Before the demuxer, which makes an entry of its index for each sample.
+    // Before the demuxer, which makes an index entry for each sample.
     if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
     if (file->status() != OK) return ERROR_IO;
     const Demuxer::Opened opened = Demuxer::open(file, Demuxer::ProbeDepth::kStreams);
@@ -408,7 +409,7 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
         if (!track.ending) track.ending = findMatroskaEnding(*file, *demuxer, stream, track);
         if (track.isVideo && isDecodable(stream)) estimateRate = false;
     }
-    // The studies above take what they get.
+    // The functions above ignore read errors.
     if (file->status() != OK) return ERROR_IO;
     findDelays(found.tracks);
     *info = std::move(found);

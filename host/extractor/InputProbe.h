@@ -1,4 +1,5 @@
-// Finds out what a file holds before its samples are read. Private to the extractor.
+// Determines the tracks and properties of a file before its samples are read. Private to the
+// extractor.
 #pragma once
 
 #include <media/stagefright/foundation/AMessage.h>
@@ -23,11 +24,11 @@ struct TrackInfo {
     sp<TrackSource> source;
     bool isVideo = false;
     int streamIndex = 0;
-    // The stream whose index leads to this track's samples.
+    // The stream whose index is used to find this track's samples.
     int seekStreamIndex = 0;
-    // Where the track begins, on the file's own time line.
+    // Timestamp at which the track begins in the file.
     int64_t startUs = 0;
-    // How far before a seek's target its decoder has to begin.
+    // How far before a seek's target decoding has to begin.
     int64_t prerollUs = 0;
     size_t maxSampleBytes = 0;
     // Of video, where the container states it: when the track ends, on the file's own time line,
@@ -39,23 +40,24 @@ struct TrackInfo {
         int64_t endUs;
     };
     std::optional<Ending> ending;
-    // How many pictures can precede one in decoding order and follow it on the screen.
+    // The number of frames that can precede a frame in decoding order and follow it in presentation
+    // order.
     size_t reorderDepth = 0;
     // For video of a constant rate.
     std::optional<ConstantFrameRate> constantRate;
-    // One for all tracks of the file. Null where the clock never jumps.
+    // One for all tracks of the file. Null for containers without discontinuities.
     std::shared_ptr<TimestampDiscontinuities> discontinuities;
 };
 
 struct InputInfo {
     sp<AMessage> format;
     std::vector<TrackInfo> tracks;
-    // An edit list has put the file's zero where it belongs; what lies before it is not shown.
+    // Timestamp 0 is set by an edit list; earlier frames are not shown.
     bool zeroIsFixed = false;
 };
 
-// ERROR_UNSUPPORTED for what is no container of audio or video, ERROR_IO when the file cannot be
-// read, NO_MEMORY when memory is short.
+// ERROR_UNSUPPORTED when this is not a container of audio or video, ERROR_IO when the file cannot
+// be read, NO_MEMORY when memory is short.
 status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info);
 
 }  // namespace qmmediaeditor

@@ -15,22 +15,23 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Times that go back by less are a multiplexer's carelessness.
+// Smaller steps back are errors of a multiplexer.
 constexpr int64_t kMaxStepBackUs = 500000;
 constexpr int64_t kMaxStepUs = 10000000;
-// Whoever leaves one track out for so long still writes the other at 40 kb/s.
+// A recording that lacks one track for so long still has the other at 40 kbit/s.
 constexpr int64_t kMinBytesPerSecond = 5000;
-// The samples of one time lie no further apart in a file.
+// Samples with the same timestamp are no further apart in a file.
 constexpr int64_t kMaxInterleavingBytes = 8 << 20;
-// More jumps than a recording has in so many bytes; bounds the search where all timestamps jump.
+// More discontinuities than a recording has in as many bytes; bounds the search where every
+// timestamp is one.
 constexpr int kMaxNearbyDiscontinuities = 1000;
 
-// An AVC frame counts for its two fields.
+// An AVC frame counts as two fields.
 constexpr int kAvcStep = 2;
 
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kMaxRate = 240;
-// For a variable rate: no camera, screen or editor puts frames closer together than a millisecond.
+// For a variable rate: no camera, screen or editor makes frames less than a millisecond apart.
 constexpr int kMaxVariableRate = 1000;
 constexpr int kDefaultRate = 30;
 constexpr int64_t kMaxDriftTicks = 3;
@@ -56,7 +57,8 @@ int64_t frameTimeUs(int64_t number, const FrameRate& rate) {
     return av_rescale(number, kSecondUs * rate.denominator, rate.numerator);
 }
 
-// Every time within a tick of a frame of its own, and nearly all frames there.
+// True when every timestamp is within a tick of a different frame, and nearly all frames are
+// present.
 bool fits(const std::vector<int64_t>& timesUs, int64_t toleranceUs, const FrameRate& rate) {
     int64_t last = -1;
     size_t neighbours = 0;
@@ -92,7 +94,7 @@ std::vector<int64_t> sortedDistancesUs(const std::vector<int64_t>& timesUs) {
 
 int64_t medianOf(const std::vector<int64_t>& sorted) { return sorted[sorted.size() / 2]; }
 
-// A rate that is too low would have frames dropped that nobody asked to drop.
+// A rate that is too low would drop frames although nobody requested it.
 int variableRate(int64_t shortestUs, int64_t tickUs, bool complete) {
     if (complete) return rateFor(shortestUs);
     return std::max(kMaxRate, rateFor(std::min(shortestUs, tickUs)));
@@ -108,8 +110,8 @@ bool TimestampDiscontinuities::isDiscontinuity(int64_t stepUs, int64_t stepBytes
 int64_t TimestampDiscontinuities::offsetUs(int stream, int64_t position, int64_t timeUs,
                                            int64_t expectedUs) {
     Offsets& own = mOffsets[stream];
-    // Read again after a seek. Other jumps of the same stream are no match, however near: where its
-    // clock jumps twice in ten seconds, that would drop what lies between.
+    // Known when it is read again after a seek. Other discontinuities of the same stream are no
+    // match, however near: with two within ten seconds, the samples between them would be dropped.
     if (const auto known = own.find(position); known != own.end()) return known->second;
     int64_t bestUs = expectedUs - timeUs;
     int64_t bestErrorUs = kMaxStepUs;
@@ -173,7 +175,7 @@ int64_t PocTimestamps::presentationTime(const AVPacket& packet) {
     av_parser_parse2(mParser.get(), mCodec.get(), &unit, &unitBytes, packet.data, packet.size,
                      packet.pts, packet.dts, packet.pos);
     const int count = mParser->output_picture_number;
-    // A closed group begins with the picture that is shown first.
+    // A closed group of pictures begins with the frame that is shown first.
     if (count == 0 && (packet.flags & AV_PKT_FLAG_KEY) != 0) mSequenceStart = packet.dts;
     if (mSequenceStart == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
     return mSequenceStart + count / mStep * mInterval;
@@ -192,8 +194,8 @@ int64_t ConstantFrameRate::snap(int64_t timeUs) {
         mAnchorUs = timeUs;
         return timeUs;
     }
-    // A rate that is slightly off drifts. The grid follows in steps too small to bring a frame too
-    // early.
+    // Timestamps drift when the rate is slightly wrong. The anchor follows in steps too small to
+    // move a frame too early.
     const int64_t excessUs = errorUs - std::clamp(errorUs, -mToleranceUs, mToleranceUs);
     const int64_t stepUs = std::clamp(excessUs, -kMaxDriftStepUs, kMaxDriftStepUs);
     *mAnchorUs -= stepUs;
@@ -203,7 +205,7 @@ int64_t ConstantFrameRate::snap(int64_t timeUs) {
 FrameRateEstimate estimateFrameRate(FrameTimestamps times, int64_t tickUs,
                                     const std::vector<FrameRate>& likely) {
     std::vector<int64_t>& timesUs = times.timesUs;
-    // What a container names is often an average; so it comes after the usual rates.
+    // The rate that a container states is often an average; so it is tried after the common rates.
     std::vector<FrameRate> rates(std::begin(kUsualRates), std::end(kUsualRates));
     std::copy_if(likely.begin(), likely.end(), std::back_inserter(rates), isUsable);
     std::sort(timesUs.begin(), timesUs.end());
@@ -216,8 +218,7 @@ FrameRateEstimate estimateFrameRate(FrameTimestamps times, int64_t tickUs,
         return timing;
     }
     const std::vector<int64_t> distancesUs = sortedDistancesUs(timesUs);
-    // Times that are exact already settle it. A tick as long as a frame, as in AVI, says nothing
-    // more.
+    // Exact timestamps are tried first. A tick as long as a frame, as in AVI, adds no information.
     const bool tickIsFine = tickUs < medianOf(distancesUs) / 3;
     for (const int64_t toleranceUs : {INT64_C(1), tickIsFine ? tickUs + 1 : INT64_C(1)}) {
         for (const FrameRate& rate : rates) {

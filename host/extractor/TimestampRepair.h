@@ -1,7 +1,7 @@
-// Where the clock of a broadcast or of joined recordings jumps, and by how much.
+// Repair of timestamps: discontinuities, presentation timestamps that the container lacks, and
+// rounding.
 //
-// The tracks of a file share one clock, and each is read by itself: whoever comes to a jump first
-// decides, so that sound and picture stay together behind it. One thread at a time.
+// One thread at a time.
 #pragma once
 
 #include <stdint.h>
@@ -18,16 +18,19 @@ struct AVCodecParserContext;
 namespace android {
 namespace qmmediaeditor {
 
+// Discontinuities of broadcasts and of joined recordings. The tracks of a file share them, and each
+// track is read by itself: the reader that first reaches a discontinuity determines its offset, so
+// that audio and video stay in sync behind it.
 class TimestampDiscontinuities {
 public:
-    // The offset to add to the timestamps of stream `stream` from byte `position` on, where its
-    // clock shows `timeUs` and `expectedUs` would follow from what came before.
+    // The offset to add to the timestamps of stream `stream` from byte `position` on, where the
+    // timestamp is `timeUs` and `expectedUs` was expected.
     int64_t offsetUs(int stream, int64_t position, int64_t timeUs, int64_t expectedUs);
-    // What is known of `position`, for a reader that comes there by a seek.
+    // The known offset at `position`, for a reader after a seek.
     int64_t offsetUsAt(int64_t position) const;
 
-    // True when a track's clock does not go on: it goes back, or leaps without as many bytes as so
-    // much time would need.
+    // True when timestamps go back, or forward with fewer bytes in between than so much time would
+    // need.
     static bool isDiscontinuity(int64_t stepUs, int64_t stepBytes);
 
 private:
@@ -37,17 +40,17 @@ private:
     std::map<int, Offsets> mOffsets;
 };
 
-// Presentation times for AVC and HEVC in a container that states decoding times alone, such as AVI.
+// Presentation timestamps of AVC and HEVC in a container with decoding timestamps only, such as AVI.
 //
-// The pictures' own order counts (ITU-T H.264 8.2.1, H.265 8.3.1) say where each is shown within
-// its coded video sequence. One thread at a time.
+// The picture order counts (ITU-T H.264 8.2.1, H.265 8.3.1) say where each frame is shown within
+// its coded video sequence.
 class PocTimestamps {
 public:
     explicit PocTimestamps(const AVCodecParameters& parameters);
     ~PocTimestamps();
 
-    // The time of the next packet in decoding order, in the packet's own unit. AV_NOPTS_VALUE when
-    // it cannot be told: another codec, or a packet without a decoding time.
+    // The presentation timestamp of the next packet in decoding order, in the packet's time base.
+    // AV_NOPTS_VALUE when it is unknown: another codec, or a packet without a decoding timestamp.
     int64_t presentationTime(const AVPacket& packet);
 
     // The next packet follows a seek.
@@ -60,21 +63,22 @@ private:
 
     std::unique_ptr<AVCodecParserContext, ParserDeleter> mParser;
     CodecContextPtr mCodec;
-    // How far the count goes on from one picture to the next.
+    // Difference of the order counts of two successive frames.
     int mStep = 1;
-    // The shortest distance of decoding times, which is that of two pictures; 0 before it is known.
+    // The shortest distance of decoding timestamps, which is one frame; 0 before it is known.
     int64_t mInterval = 0;
     int64_t mLastDecodingTime;
-    // Decoding time of the picture whose order count is 0; AV_NOPTS_VALUE before there was one.
+    // Decoding timestamp of the frame with order count 0; AV_NOPTS_VALUE before the first one.
     int64_t mSequenceStart;
 };
 
-// The rate of a video track, from the times of its frames.
+// The frame rate of a video track, from the timestamps of its frames.
 //
-// A container that counts in milliseconds gives the frames of 30 a second times 33 and 34 ms apart,
-// and a frame that comes a moment too early for the announced rate is dropped further on. So times
-// of constant-rate video are put back where they were before the container rounded them.
-// Frames a second, as a fraction.
+// A container that counts in milliseconds has timestamps 33 and 34 ms apart for 30 frames per
+// second, and the component drops a frame that is a little too early for the announced rate. So the
+// timestamps of constant-rate video are restored to their values before the container rounded them.
+
+// Frames per second, as a fraction.
 struct FrameRate {
     int64_t numerator = 0;
     int64_t denominator = 1;
@@ -85,9 +89,9 @@ public:
     // `tickUs` is the container's resolution, microseconds.
     ConstantFrameRate(FrameRate rate, int64_t tickUs);
 
-    // The grid's time nearest to `timeUs`, when what lies between them can be the container's
-    // rounding. Else the stream has a break there: `timeUs`, where the grid begins anew. It begins
-    // at the first time it is given, and follows a slow drift.
+    // The timestamp at this rate that is nearest to `timeUs`, when the difference can be the
+    // container's rounding. Otherwise the stream has a break: `timeUs`, which is the new anchor.
+    // The first anchor is the first timestamp; it follows a slow drift.
     int64_t snap(int64_t timeUs);
 
 private:
@@ -103,15 +107,15 @@ struct FrameRateEstimate {
     std::optional<ConstantFrameRate> constantRate;
 };
 
-// Presentation times of frames, in any order.
+// Presentation timestamps of frames, in any order.
 struct FrameTimestamps {
     std::vector<int64_t> timesUs;
-    // Of all frames of the track, rather than of its first ones.
+    // All frames of the track, rather than its first ones.
     bool complete = false;
 };
 
 // `tickUs` is the container's resolution; `likely` are rates that the container names, if it does.
-// With fewer than two times the first of these decides, or 30.
+// With fewer than two timestamps the rate is the first of these, or 30.
 FrameRateEstimate estimateFrameRate(FrameTimestamps times, int64_t tickUs,
                                     const std::vector<FrameRate>& likely);
 

@@ -11,6 +11,7 @@
 
 #include "host/codec/CodecTable.h"
 #include "host/codec/InputLimits.h"
+#include "host/convert/ColorTags.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -30,7 +31,7 @@ struct Size {
     int height;
 };
 
-// Keeps the height and brings the width to square pixels, as players do.
+// Keeps the height and scales the width to square pixels, as players do.
 Size displaySize(AVFormatContext& context, AVStream& stream) {
     const Size coded = {stream.codecpar->width, stream.codecpar->height};
     const AVRational aspect = av_guess_sample_aspect_ratio(&context, &stream, nullptr);
@@ -38,7 +39,7 @@ Size displaySize(AVFormatContext& context, AVStream& stream) {
     const int64_t halfWidth =
         av_rescale_rnd(coded.width, aspect.num, 2LL * aspect.den, AV_ROUND_NEAR_INF);
     if (halfWidth < 1) return coded;
-    // Beyond the limit, any size will be refused.
+    // Any size beyond the limit will be refused.
     return {static_cast<int>(std::min<int64_t>(halfWidth, INT32_MAX / 2) * 2), coded.height};
 }
 
@@ -55,11 +56,11 @@ int rotationDegrees(const AVStream& stream) {
     return ((quarters % 4) + 4) % 4 * 90;
 }
 
-bool isHdr(AVColorTransferCharacteristic transfer) {
+bool isHdr(int transfer) {
     return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }
 
-// 0 when it is not known. Matroska leaves it to a tag.
+// 0 when it is not known. Matroska has it in a tag.
 int64_t bitRate(const AVStream& stream) {
     if (stream.codecpar->bit_rate > 0) return stream.codecpar->bit_rate;
     const AVDictionaryEntry* tag =
@@ -73,7 +74,7 @@ constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 constexpr int kAvcSequenceParameterSet = 7;
 constexpr int kAvcPictureParameterSet = 8;
 
-// Reads a configuration record; once a read goes past the end, everything reads as empty.
+// Reads a configuration record; after a read beyond the end, all further reads are empty.
 class Reader {
 public:
     Reader(const uint8_t* data, size_t size) : mData(data), mEnd(data + size) {}
@@ -202,7 +203,7 @@ void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackPropert
     if (const int degrees = rotationDegrees(stream); degrees != 0) {
         format->setInt32("rotation-degrees", degrees);
     }
-    if (isHdr(stream.codecpar->color_trc)) format->setInt32("android._is-hdr", 1);
+    if (isHdr(tagValue(stream.codecpar->color_trc))) format->setInt32("android._is-hdr", 1);
 }
 
 bool isEncrypted(const AVStream& stream) {

@@ -10,7 +10,7 @@ struct AVStream;
 namespace android {
 namespace qmmediaeditor {
 
-// What the stream's header does not say.
+// Properties of a track that the stream's header does not have.
 struct TrackProperties {
     int64_t durationUs = 0;
     int32_t maxSampleBytes = 0;
@@ -25,21 +25,21 @@ struct TrackProperties {
 //   video: "width" and "height" with square pixels, "frame-rate", "average-frame-rate" (float;
 //   where the rate varies), "rotation-degrees" (clockwise, when not 0),
 //          "android._is-hdr" (1 for PQ and HLG);
-//   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded sound: 16).
+//   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded audio: 16).
 // Null when memory is short.
 sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream,
                              const TrackProperties& properties);
 
-// The platform's MIME types for what FFmpeg calls by codec and container names. Any thread.
-// "audio/…" or "video/…" for a track that can be decoded here; the unsupported type of its kind for
-// one that cannot; "image/…" for an attached picture; another type for everything else.
+// The platform's MIME types of streams and containers. "audio/…" or "video/…" for a track that can
+// be decoded here; the unsupported type of its kind for one that cannot; "image/…" for cover art;
+// another type for everything else.
 const char* mimeOfStream(const AVStream& stream);
 const char* mimeOfContainer(const AVFormatContext& context);
 
-// Cover art, for one: a picture that belongs to the file and not to a time.
+// An image without a timestamp, such as cover art.
 bool isCoverArt(const AVStream& stream);
 
-// An audio or video track that a decoder here takes.
+// An audio or video track that can be decoded here.
 bool isDecodable(const AVStream& stream);
 
 }  // namespace qmmediaeditor

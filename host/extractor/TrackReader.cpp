@@ -83,7 +83,7 @@ PacketPtr TrackReader::headProperties(int64_t originUs) const {
     properties->time_base = kMicroseconds;
     properties->duration = durationUs();
     properties->pts = mIsTimeStated ? mPresentationTimeUs - originUs : AV_NOPTS_VALUE;
-    // A picture without a time is shown when the packet that pushes it out is decoded.
+    // A frame without a timestamp is shown when the packet that outputs it is decoded.
     const bool states =
         mDemuxer->headerIsEnough() || !mTrack.isVideo || mPacket->dts == AV_NOPTS_VALUE;
     properties->dts = states ? AV_NOPTS_VALUE : toUs(mPacket->dts - reorderTicks()) - originUs;
@@ -109,7 +109,8 @@ void TrackReader::trackDiscontinuities() {
     }
     mHasPrevious = true;
     mPreviousDtsUs = dtsUs;
-    // Some streams have no durations. Without one, a jump would give two frames the same timestamp.
+    // Some streams have no durations. Without one, two frames at a discontinuity would get the same
+    // timestamp.
     mPreviousEndUs = dtsUs + (durationUs() > 0 ? durationUs() : mPreviousStepUs);
     mPreviousPosition = mPacket->pos;
 }
@@ -123,7 +124,7 @@ bool TrackReader::readHead() {
     if (mEnded) return false;
     mAtStart = false;
     while ((mStatus = mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) == OK) {
-        // The buffers were made for what the track's format announced.
+        // The buffers have the size that the track's format announced.
         if (static_cast<size_t>(mPacket->size) <= mTrack.maxSampleBytes) return mHasHead = true;
         __android_log_print(ANDROID_LOG_WARN, kLogTag,
                             "track %d: a sample of %d bytes is passed over", mTrack.streamIndex,
@@ -158,15 +159,16 @@ int64_t TrackReader::statedTimestamp() {
     return mTrack.isVideo ? mPocTimestamps.presentationTime(*mPacket) : mPacket->dts;
 }
 
-// By how much the packet that pushes a picture out of the decoder is later than the picture.
+// The distance from a frame to the packet that makes the decoder output it.
 int64_t TrackReader::reorderTicks() const {
     if (!mTrack.isVideo || !mDemuxer->hasOnlyFrameNumbers()) return 0;
     return mTrack.source->parameters().video_delay;
 }
 
-// A picture is overtaken by reorderDepth others at most, so one more than that many later times
-// leave nothing to come below the earliest of them. Pictures that lead the first one are not shown:
-// they refer to what was not read.
+// At most reorderDepth frames precede a frame in decoding order and follow it in presentation
+// order. So when reorderDepth + 1 later timestamps are known, no earlier one than their minimum
+// follows. Leading frames of the first one are not shown, because they refer to frames that were
+// not read.
 void TrackReader::updateOrderTime() {
     if (mLatestTimesUs.empty()) {
         mFirstTimeUs = mOrderTimeUs = mPresentationTimeUs;
@@ -195,14 +197,14 @@ void TrackReader::forgetPosition() {
 void TrackReader::seek(int64_t timeUs) {
     const int64_t targetUs = timeUs - mTrack.prerollUs;
     int64_t stepUs = kFirstStepBackUs;
-    // Indexes are inexact, or not there: what counts is where the demuxer lands.
+    // Indexes are inexact or missing: the position that the demuxer reaches is what counts.
     for (int64_t soughtUs = targetUs; soughtUs > mTrack.startUs; soughtUs -= stepUs, stepUs *= 2) {
         if (!seekDemuxer(soughtUs)) break;
         if (!landsBy(targetUs)) continue;
         skipAudioBefore(targetUs);
         return;
     }
-    // The beginning has samples that no index leads to, such as a codec's priming.
+    // The beginning has samples that are not in the index, such as a codec's priming.
     if (!mAtStart) reopen();
     if (targetUs > mTrack.startUs) skipAudioBefore(targetUs);
 }
@@ -218,7 +220,7 @@ bool TrackReader::seekDemuxer(int64_t timeUs) {
     return av_seek_frame(&context, mTrack.seekStreamIndex, time, AVSEEK_FLAG_BACKWARD) >= 0;
 }
 
-// Goes on to the first sample that can be decoded by itself.
+// Continues to the first sample that can be decoded by itself.
 bool TrackReader::landsBy(int64_t timeUs) {
     while (readHead()) {
         if (!mTrack.isVideo || (mPacket->flags & AV_PKT_FLAG_KEY) != 0) {

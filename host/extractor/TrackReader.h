@@ -1,8 +1,8 @@
 // Reads the samples of one track in decoding order. Private to the extractor.
 //
-// Each selected track has a reader with a demuxer of its own, so that a track whose samples lie far
-// from the others' in the file costs no memory. One thread at a time. All times are microseconds on
-// the file's own time line.
+// Each selected track has a reader with a demuxer of its own, so that tracks that are far apart in
+// the file need no memory. One thread at a time. All timestamps are microseconds in the file's
+// time.
 #pragma once
 
 #include <stddef.h>
@@ -28,13 +28,13 @@ public:
     static Opened open(const std::shared_ptr<const DescriptorFile>& file, const TrackInfo& track);
     ~TrackReader();
 
-    // The sample that comes next; null at the end and after a failure.
+    // The next sample; null at the end and after a failure.
     const AVPacket* head();
     // OK, ERROR_IO when the file cannot be read, or NO_MEMORY. Lasts until the next seek, a read
     // error for ever.
     status_t status() const { return mStatus; }
-    // Of the head. No sample from it on is shown before orderTimeUs; for sound the two times are
-    // the same.
+    // Of the head. No sample from it on is shown before orderTimeUs; for audio it is the
+    // presentation timestamp.
     int64_t orderTimeUs() const { return mOrderTimeUs; }
     // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
     // Null when memory is short.
@@ -46,8 +46,8 @@ public:
     void advance();
 
     // To the last sync sample that the file's index names at or before `timeUs`, or an earlier one;
-    // for sound to the sample at that time, less the decoder's preroll. To the very first sample
-    // when there is none.
+    // for audio to the sample at that timestamp minus the decoder's preroll. To the very first
+    // sample when there is none.
     void seek(int64_t timeUs);
 
 private:
@@ -57,7 +57,7 @@ private:
     void setHeadTimestamps();
     int64_t statedTimestamp();
     int64_t reorderTicks() const;
-    // Of the head, on a time line without jumps.
+    // Of the head, with discontinuities removed.
     int64_t toUs(int64_t time) const;
     void trackDiscontinuities();
     void updateOrderTime();
@@ -73,24 +73,23 @@ private:
     PacketPtr mPacket;
     bool mHasHead = false;
     bool mAtStart = true;  // nothing has been read since the file was opened
-    bool mEnded = false;   // nothing follows until the next seek
+    bool mEnded = false;   // no sample follows until the next seek
     status_t mStatus = OK;
-    // A lower bound of it when it is not stated.
+    // A lower bound when it is not stated.
     int64_t mPresentationTimeUs = 0;
     bool mIsTimeStated = false;
     int64_t mOrderTimeUs = 0;
-    // What the clock's jumps add to times.
+    // The offset of discontinuities so far.
     int64_t mOffsetUs = 0;
-    // Of the packet before the head, when there is one; the time is a decoding time.
+    // Of the packet before the head, when there is one.
     bool mHasPrevious = false;
     int64_t mPreviousDtsUs = 0;
     int64_t mPreviousEndUs = 0;
     int64_t mPreviousStepUs = 0;  // the latest distance of two packets
     int64_t mPreviousPosition = 0;
-    int64_t mFirstTimeUs = 0;  // of the first picture since the last seek
-    int64_t mNextTimeUs = 0;   // where the last sample ends, for one without a time
-    // The latest presentation times that were read, in rising order: one more than
-    // mTrack.reorderDepth.
+    int64_t mFirstTimeUs = 0;  // of the first frame since the last seek
+    int64_t mNextTimeUs = 0;   // end of the last sample, for one without a timestamp
+    // The latest presentation timestamps that were read, rising: mTrack.reorderDepth + 1 of them.
     std::vector<int64_t> mLatestTimesUs;
     // For video in a container that states decoding times alone.
     PocTimestamps mPocTimestamps;

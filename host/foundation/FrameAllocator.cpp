@@ -17,13 +17,13 @@ namespace {
 // Sizes that differ by a little share regions.
 constexpr size_t kGranule = 64 * 1024;
 constexpr size_t kLargePage = 2 * 1024 * 1024;
-// Address space alone: pages that no block has used take no memory.
+// Only address space: pages that no block has used take no memory.
 constexpr size_t kMaxBlocksPerRegion = 32;
 // Keeps the sizes below representable, and is more than any frame takes.
 constexpr size_t kMaxBlockBytes = SIZE_MAX / 4;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// What is used again hides from the sanitizers who used it too long.
+// Recycled blocks would hide a use after free from the sanitizers.
 constexpr bool kRecycles = false;
 #else
 constexpr bool kRecycles = true;

@@ -1,8 +1,8 @@
-// Memory for pictures: large blocks on large pages, used again instead of being given back.
+// Memory for video frames: large blocks on large pages, recycled instead of returned to the system.
 //
-// A picture that is allocated anew costs a page fault for each of its 4 KiB, which takes longer
-// than copying it. Blocks of one size lie side by side in regions of large pages. A region goes
-// back to the system when all of its blocks are free and nobody keeps the memory. Any thread.
+// A newly allocated frame costs a page fault for every 4 KiB, which takes longer than copying it.
+// Blocks of one size share regions of large pages. A region is returned to the system when all of
+// its blocks are free and no Keep exists. Any thread.
 #pragma once
 
 #include <media/stagefright/foundation/ABuffer.h>
@@ -13,19 +13,19 @@ namespace qmmediaeditor {
 
 class FrameAllocator {
 public:
-    // Smaller blocks are better off with malloc.
+    // Smaller blocks come from malloc.
     static constexpr size_t kMinBytes = 256 * 1024;
     static constexpr size_t kAlignment = 64;
 
     // Uninitialised, aligned to kAlignment at least. Null when memory is short.
     static void* allocate(size_t bytes);
-    // `bytes` as it was allocated with.
+    // `bytes` is the size that was given to allocate().
     static void release(void* block, size_t bytes);
 
     // A buffer that owns such a block; null when memory is short.
     static sp<ABuffer> makeBuffer(size_t bytes);
 
-    // While one of these lives, free blocks stay for the next picture.
+    // While a Keep exists, free blocks are kept for the next frame.
     class Keep {
     public:
         Keep();

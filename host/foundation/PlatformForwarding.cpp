@@ -1,4 +1,4 @@
-// The platform's classes that hold something real, each handing its work to the installed Platform.
+// The platform's classes that forward their operations to the installed Platform.
 #include <Platform.h>
 #include <android/log.h>
 #include <editorutils/Adapter.h>

@@ -1,4 +1,4 @@
-// Moments of the monotonic clock that a wait is bounded by.
+// Waits that are bounded by a point in monotonic time.
 #pragma once
 
 #include <stdint.h>
@@ -10,14 +10,14 @@
 
 namespace android {
 
-// In nanoseconds. A negative time-out is none, as is one beyond a year.
+// In nanoseconds. A negative timeout, or one beyond a year, stands for no limit.
 inline nsecs_t deadlineAfter(int64_t timeoutUs) {
     constexpr int64_t kForeverUs = int64_t{365} * 24 * 3600 * 1000000;
     const int64_t boundedUs = timeoutUs < 0 ? kForeverUs : std::min(timeoutUs, kForeverUs);
     return systemTime(SYSTEM_TIME_MONOTONIC) + microseconds_to_nanoseconds(boundedUs);
 }
 
-// False when the deadline has passed. Like every wait, it may also end without reason.
+// False when the deadline has passed. Like every wait, it may also wake up spuriously.
 inline bool waitUntil(nsecs_t deadline, Condition& condition, Mutex& lock) REQUIRES(lock) {
     const nsecs_t left = deadline - systemTime(SYSTEM_TIME_MONOTONIC);
     return left > 0 && condition.waitRelative(lock, left) == OK;

@@ -22,7 +22,7 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr int32_t kMp4FileType = 2;
-// Short enough for a caller that has something else to do in between.
+// Short, because the caller has other things to do in between.
 constexpr int64_t kEndWaitUs = 100000;
 
 class FileWriter final : public MediaWriter {
@@ -31,7 +31,8 @@ public:
 
     status_t addSource(const sp<MediaSource>& source) override;
     status_t start(MetaData* params) override;
-    // Whoever asks sleeps before asking again: it waits here for a while, and is told at once.
+    // The caller polls with sleeps in between. It waits here instead, and returns as soon as the
+    // tracks have ended.
     bool reachedEOS() override;
     status_t stop() override;
     status_t pause() override { return INVALID_OPERATION; }
@@ -159,10 +160,10 @@ void FileWriter::runTrack(size_t index, const sp<MediaSource>& source) {
         }
         if (result == OK && buffer != nullptr) {
             result = write(index, buffer);
-            // The source has this one buffer and waits for it.
+            // The source has only this buffer and waits for it.
             buffer->release();
         }
-        // Nobody reads from the source any more: whoever fills it has to hear of it.
+        // The source is not read any more, which its producer must be told.
         if (result != OK) reportError(result);
     }
     endTrackThread();

@@ -13,8 +13,8 @@ namespace android {
 namespace qmmediaeditor {
 
 // A writer on a duplicate of `fd`, which must be open for writing and seekable. When it cannot be
-// duplicated, start() says so. Tracks may come to nothing: the file is closed properly whatever
-// ended the run. `session` may be null.
+// duplicated, start() says so. Tracks may stay empty: the file is closed properly however the run
+// ended. `session` may be null.
 sp<MediaWriter> createFileWriter(int fd, const HostOptions& options,
                                  const std::shared_ptr<SessionTimeline>& session = nullptr);
 

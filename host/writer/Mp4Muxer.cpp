@@ -22,11 +22,11 @@ namespace {
 
 constexpr char kLogTag[] = "Writer";
 constexpr int32_t k3gpFileType = 1;
-// A multiple of every usual frame rate, of 30000/1001 too.
+// A multiple of every common frame rate, also of 30000/1001.
 constexpr int kVideoTicksPerSecond = 90000;
 constexpr int kDefaultFrameRate = 30;
 // Samples that are held back for another track. Two tracks of a session run within a batch of each
-// other, so only a track with a long pause comes near it.
+// other, so that only a track with a long pause reaches it.
 constexpr size_t kMaxHeldBytes = 16 << 20;
 constexpr int kIoBufferBytes = 256 * 1024;
 
@@ -59,7 +59,7 @@ bool setExtradata(const uint8_t* data, size_t size, AVCodecParameters* parameter
     return true;
 }
 
-// What every encoder here is given: the picture of a plain screen.
+// The colour properties of every encoder's input.
 void setVideoParameters(const MetaDataBase& format, AVCodecParameters* parameters) {
     // 4:2:0 has no odd sizes; the encoders leave the last row and column out.
     parameters->width = intOf(format, kKeyWidth) & ~1;
@@ -160,7 +160,7 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     }
     const int result = avformat_write_header(context, &options);
     av_dict_free(&options);
-    // A full disc is no reason to refuse the tracks: the first sample reports it.
+    // A full disk is no reason to refuse the tracks: the first sample reports it.
     if (result < 0 && keep(result) != OK && context->pb->error == 0) return mError;
     mHasHeader = result >= 0;
     for (Track& track : mTracks) startTimestamps(&track);
@@ -245,8 +245,8 @@ bool Mp4Muxer::hasAllSamples(const Track& track) const {
     return mSession == nullptr || mSession->isComplete(isVideo(*track.parameters));
 }
 
-// Audio samples are as long as their codec makes them; only a video frame is as long as it is
-// shown.
+// The duration of an audio sample is fixed by its codec; that of a video frame is the time for
+// which it is shown.
 void Mp4Muxer::endAt(size_t index, int64_t endUs) {
     const Track& track = mTracks[index];
     const PacketInterleaver::Held* last = mInterleaver->last(index);
@@ -312,7 +312,7 @@ int Mp4Muxer::closeWritten(AVFormatContext* context, AVIOContext*) {
     return 0;
 }
 
-// FFmpeg's errors are -errno, or codes of its own that mean nothing outside.
+// FFmpeg's errors are -errno, or codes of its own that have no meaning for others.
 status_t Mp4Muxer::keep(int result) {
     if (result >= 0 || mError != OK) return mError;
     mError = result > -4096 ? result : ERROR_MALFORMED;

@@ -1,10 +1,10 @@
-// An MP4 or 3GP file in the making, through libavformat. Private to the writer.
+// Muxes an MP4 or 3GP file with libavformat. Private to the writer.
 //
-// Order of use: addTrack for each, begin, then samples as they come, endTrack for each, then
-// finish. After begin, any thread may call any operation. No track waits for another: samples are
-// held back in memory until their order in the file is settled. The movie box is written last, so a
-// track's codec-specific data may come as late as its first sample, and a track without samples is
-// left out.
+// Order of use: addTrack for each, begin, then samples in any order of the tracks, endTrack for
+// each, then finish. After begin, any thread may call any operation. No track waits for another:
+// samples are held in memory until their order in the file is known. The movie box is written last,
+// so a track's codec-specific data may come as late as its first sample, and a track without
+// samples is left out.
 //
 // When the session was stopped, the tracks end together: samples that begin where another track has
 // nothing more are dropped.
@@ -43,7 +43,7 @@ public:
     // `fileType` is 1 for 3GP or 2 for MP4; `rotationDegrees` are clockwise and concern video.
     status_t begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst);
 
-    // What the decoder of the track needs; heard until its first sample.
+    // The codec-specific data of the track; ignored after its first sample.
     status_t setCodecConfig(size_t track, const uint8_t* data, size_t size);
     // `data` is an access unit as its encoder made it.
     status_t writeSample(size_t track, const uint8_t* data, size_t size, int64_t timeUs,

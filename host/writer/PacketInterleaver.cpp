@@ -20,7 +20,7 @@ size_t bytesOf(const PacketInterleaver::Held& held) {
 }
 
 constexpr int64_t kSecondUs = 1000000;
-// Whoever counts samples in microseconds is off by a few of them; a real gap is longer.
+// Timestamps in microseconds are wrong by a few of them; a real gap is longer.
 constexpr int64_t kToleranceUs = 500;
 
 int64_t toTicks(int64_t timeUs, int64_t ticksPerSecond) {

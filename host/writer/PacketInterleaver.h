@@ -1,10 +1,10 @@
-// Holds a muxer's packets back until their order in the file is settled: by timestamp across the
-// tracks, so that no track runs ahead of the others.
+// Holds a muxer's packets until their order in the file is known: by timestamp across the tracks,
+// so that no track runs ahead of the others.
 //
 // A packet is settled when every other track has a later one or has ended, and when its successor
-// is known, because the successor's timestamp is what ends it. No track waits for another: when the
-// packets that are held come to the limit, the earliest is settled at once. So the order depends on
-// timestamps and sizes, and below the limit not on the threads that deliver them.
+// is known, because the successor's timestamp is its end. No track waits for another: when the held
+// packets exceed the limit, the earliest is settled at once. So the order depends on timestamps and
+// sizes, and below the limit not on thread timing.
 //
 // Not locked. Timestamps are microseconds and rise within a track.
 #pragma once
@@ -63,21 +63,20 @@ private:
     std::vector<Track> mTracks;
 };
 
-// Turns the times of a track's samples, in microseconds, into ticks of the track's time scale.
+// Converts the timestamps of a track's samples from microseconds to ticks of the track's timescale.
 //
-// Ticks rise from sample to sample, which a file demands. Sound of a fixed frame length keeps that
-// length exactly: microseconds cannot express it, and every rounding would cost an entry of the
-// file's time tables.
+// Ticks rise from sample to sample, as the file format requires. Audio frames of a fixed length
+// keep it exactly: microseconds cannot express it, and every rounding would add an entry to the
+// file's tables.
 class TrackTimestamps {
 public:
     // `ticksPerSecond` is positive. `frameTicks` is the length of each sample, or 0 when they
-    // differ; `usualTicks` is what a sample lasts that is alone in its track.
+    // differ; `usualTicks` is the duration of the only sample of a track.
     TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks);
 
     struct Stamp {
         int64_t ticks = 0;
-        // As long as the sample before: right for the last one, and replaced by the next one's time
-        // before.
+        // The duration of the sample before; replaced when the next timestamp is known.
         int64_t durationTicks = 0;
     };
     Stamp stamp(int64_t timeUs);

@@ -38,7 +38,7 @@ private:
     fs::path mRoot;
 };
 
-TEST_F(CpuQuotaTest, version2IsRoundedUp_andTheSmallestOfAllAncestorsCounts) {
+TEST_F(CpuQuotaTest, theSmallestQuotaOfAllAncestorsIsRoundedUp) {
     EXPECT_EQ(0, quotaOf("0::/a/b/c\n"));
     write("a/b/c/cpu.max", "max 100000\n");
     EXPECT_EQ(0, quotaOf("0::/a/b/c\n"));
@@ -72,7 +72,7 @@ TEST_F(CpuQuotaTest, version1IsReadFromTheFolderOfItsControllers) {
     EXPECT_EQ(4, quotaOf("4:cpuacct,cpu:/other\n"));
 }
 
-TEST_F(CpuQuotaTest, damagedFilesAreNoQuota) {
+TEST_F(CpuQuotaTest, damagedFilesMeanNoQuota) {
     write("a/cpu.max", "many\n");
     EXPECT_EQ(0, quotaOf("0::/a\n"));
     write("a/cpu.max", "100000 0\n");
@@ -81,7 +81,7 @@ TEST_F(CpuQuotaTest, damagedFilesAreNoQuota) {
     EXPECT_EQ(INT32_MAX, quotaOf("0::/a\n"));
 }
 
-TEST(CodecThreadsTest, followTheAffinityMask_unlessANumberIsAskedFor) {
+TEST(CodecThreadsTest, theNumberFollowsTheAffinityMaskUnlessItIsGiven) {
     EXPECT_EQ(40, codecThreads(40));
     // The mask of a thread of its own, so that other tests keep theirs.
     std::thread([] {

@@ -1,8 +1,10 @@
-// The extractor on real containers: what it takes, what it says of the tracks, the order of
+// The extractor on real containers: what it opens, the formats of the tracks, the order of
 // samples, seeks.
 #include <gtest/gtest.h>
+#include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 
 #include "IoSupport.h"
@@ -13,7 +15,7 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr int kSeconds = 4;
-// Of the pictures and the sound above.
+// Of the video and audio inputs.
 constexpr size_t kPictureCount = 120;
 constexpr int64_t kNearUs = 70000;
 
@@ -32,7 +34,7 @@ std::vector<int64_t> shownTimes(const std::vector<Sample>& samples) {
 }
 
 std::string clip(const Recipe& recipe) {
-    return makeClip(recipe.name, pictures(kSeconds) + sound(kSeconds) + recipe.arguments);
+    return makeClip(recipe.name, videoInput(kSeconds) + audioInput(kSeconds) + recipe.arguments);
 }
 
 std::string avcClip() { return clip({"plain.mp4", kAvcAac}); }
@@ -41,7 +43,7 @@ std::string avcClip() { return clip({"plain.mp4", kAvcAac}); }
 
 class ExtractorContainers : public ::testing::TestWithParam<Recipe> {};
 
-TEST_P(ExtractorContainers, everySampleComes_inTimeOrder_evenlySpaced) {
+TEST_P(ExtractorContainers, everySampleIsReadInTimestampOrderAtEvenDistances) {
     OpenedClip opened(clip(GetParam()));
     ASSERT_EQ(OK, opened.result());
     const auto video = static_cast<size_t>(opened.videoTrack());
@@ -68,7 +70,7 @@ TEST_P(ExtractorContainers, everySampleComes_inTimeOrder_evenlySpaced) {
     EXPECT_NEAR(0, static_cast<double>(heard[0].timeUs), kNearUs);
 }
 
-TEST_P(ExtractorContainers, aSeekLandsOnASyncSampleBefore_andBackAtTheStartIsTheStart) {
+TEST_P(ExtractorContainers, aSeekGoesToASyncSampleBeforeItsTarget) {
     OpenedClip opened(clip(GetParam()));
     opened.seek(0);
     const auto whole = opened.read();
@@ -92,7 +94,7 @@ TEST_P(ExtractorContainers, aSeekLandsOnASyncSampleBefore_andBackAtTheStartIsThe
     EXPECT_TRUE(whole == opened.read());
 }
 
-TEST_P(ExtractorContainers, readingUpToATimeBringsEveryPictureThatBelongsBeforeIt) {
+TEST_P(ExtractorContainers, readingUpToATimestampDeliversEveryFrameBeforeIt) {
     constexpr int64_t kLastUs = 2050000;
     OpenedClip opened(clip(GetParam()));
     opened.seek(0);
@@ -121,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
         return name;
     });
 
-TEST(Extractor, refusesWhatIsNoMovingPictureAndNoSound) {
+TEST(ExtractorTest, filesWithoutVideoAndAudioAreRefused) {
     std::ofstream(scratchPath("words.txt")) << "1\n00:00:01,000 --> 00:00:02,000\nHello\n\n";
     std::ofstream(scratchPath("list.m3u8")) << "#EXTM3U\n#EXTINF:4,\nplain.ts\n#EXT-X-ENDLIST\n";
     std::ofstream(scratchPath("empty.mp4"));
@@ -131,16 +133,16 @@ TEST(Extractor, refusesWhatIsNoMovingPictureAndNoSound) {
         "\0\0\0\x0c"
         "mdatmdat",
         28);
-    const std::string photo = makeClip("photo.jpg", pictures(1) + " -frames:v 1 ");
+    const std::string photo = makeClip("photo.jpg", videoInput(1) + " -frames:v 1 ");
     for (const std::string& path : {scratchPath("words.txt"), scratchPath("list.m3u8"), photo,
                                     scratchPath("empty.mp4"), scratchPath("headless.mp4")}) {
         EXPECT_NE(OK, OpenedClip(path).result()) << path;
     }
 }
 
-TEST(Extractor, soundFiles_haveTheirDuration_andCoverArtIsNoVideo) {
-    const std::string cover = makeClip("cover.png", pictures(1) + " -frames:v 1 ");
-    const std::string arguments = sound(kSeconds) + " -i " + cover +
+TEST(ExtractorTest, audioFilesHaveTheirDurationAndCoverArtIsNoVideo) {
+    const std::string cover = makeClip("cover.png", videoInput(1) + " -frames:v 1 ");
+    const std::string arguments = audioInput(kSeconds) + " -i " + cover +
                                   " -map 0 -map 1 -c:a libmp3lame -c:v copy "
                                   "-disposition:v attached_pic ";
     OpenedClip song(makeClip("song.mp3", arguments));
@@ -148,7 +150,7 @@ TEST(Extractor, soundFiles_haveTheirDuration_andCoverArtIsNoVideo) {
     EXPECT_EQ(-1, song.videoTrack());
     EXPECT_EQ("image/png", song.mime(1));
     for (const char* name : {"sound.wav", "sound.flac", "sound.ogg", "sound.aac", "sound.m4a"}) {
-        OpenedClip opened(makeClip(name, sound(kSeconds)));
+        OpenedClip opened(makeClip(name, audioInput(kSeconds)));
         ASSERT_EQ(OK, opened.result()) << name;
         EXPECT_NEAR(kSeconds * 1e6, static_cast<double>(opened.durationUs(0)), 2e5) << name;
         EXPECT_EQ(16, opened.int32Of(0, "bits-per-sample")) << name;
@@ -160,10 +162,10 @@ TEST(Extractor, soundFiles_haveTheirDuration_andCoverArtIsNoVideo) {
     }
 }
 
-TEST(Extractor, saysHowThePictureIsToBeShown) {
+TEST(ExtractorTest, rotationAndSquarePixelSizeAreReported) {
     OpenedClip upright(avcClip());
     EXPECT_EQ(-1, upright.int32Of(0, "rotation-degrees"));
-    OpenedClip wide(makeClip("wide.mp4", pictures(1) + " -vf setsar=4/3 -c:v libx264 "));
+    OpenedClip wide(makeClip("wide.mp4", videoInput(1) + " -vf setsar=4/3 -c:v libx264 "));
     EXPECT_EQ(214, wide.int32Of(0, "width"));
     EXPECT_EQ(120, wide.int32Of(0, "height"));
     OpenedClip odd(
@@ -171,11 +173,11 @@ TEST(Extractor, saysHowThePictureIsToBeShown) {
     EXPECT_EQ(161, odd.int32Of(0, "width"));
     EXPECT_EQ(121, odd.int32Of(0, "height"));
     OpenedClip bright(
-        makeClip("bright.mp4", pictures(1) + " -c:v libx264 -color_trc arib-std-b67 "));
+        makeClip("bright.mp4", videoInput(1) + " -c:v libx264 -color_trc arib-std-b67 "));
     EXPECT_EQ(1, bright.int32Of(0, "android._is-hdr"));
 }
 
-TEST(Extractor, avcParameterSetsComeBehindStartCodes) {
+TEST(ExtractorTest, avcParameterSetsFollowStartCodes) {
     for (const char* name : {"plain.mp4", "plain.ts"}) {
         OpenedClip opened(clip({name, kAvcAac}));
         const sp<AMessage> format = opened.format(static_cast<size_t>(opened.videoTrack()));
@@ -191,9 +193,9 @@ TEST(Extractor, avcParameterSetsComeBehindStartCodes) {
     }
 }
 
-TEST(Extractor, recordingsThatWereCutOff_endEarly_andHaveADuration) {
+TEST(ExtractorTest, truncatedRecordingsEndEarlyAndHaveADuration) {
     const std::string live =
-        makeClip("live.webm", pictures(kSeconds) + " -c:v libvpx -deadline realtime -live 1 ");
+        makeClip("live.webm", videoInput(kSeconds) + " -c:v libvpx -deadline realtime -live 1 ");
     EXPECT_NEAR(kSeconds * 1e6, static_cast<double>(OpenedClip(live).durationUs(0)), 2e5);
 
     std::ifstream in(clip({"plain.mkv", kAvcAac}), std::ios::binary);
@@ -207,7 +209,7 @@ TEST(Extractor, recordingsThatWereCutOff_endEarly_andHaveADuration) {
     EXPECT_LT(count, kPictureCount);
 }
 
-TEST(Extractor, theSampleBufferMayBeTooSmall_andOperationsNeedAnOpenFile) {
+TEST(ExtractorTest, smallSampleBuffersAndCallsWithoutAFileAreRefused) {
     OpenedClip opened(avcClip());
     opened.seek(0);
     size_t track = 0;
@@ -221,6 +223,27 @@ TEST(Extractor, theSampleBufferMayBeTooSmall_andOperationsNeedAnOpenFile) {
     EXPECT_EQ(0u, closed.extractor().countTracks());
     EXPECT_NE(OK, closed.extractor().getFileFormat(&format));
     EXPECT_NE(OK, closed.extractor().getSampleTrackIndex(&track));
+}
+
+// An end of stream here would be taken for the whole file.
+TEST(ExtractorTest, aFileThatBecomesShorterIsAReadErrorAndNotTheEnd) {
+    for (const char* name : {"shrinks.mp4", "shrinks.mkv", "shrinks.ts"}) {
+        SCOPED_TRACE(name);
+        const std::string whole = makeClip(name, videoInput(20) + audioInput(20) + kAvcAac);
+        const std::string path = scratchPath(std::string("copy-of-") + name);
+        std::filesystem::copy_file(whole, path, std::filesystem::copy_options::overwrite_existing);
+        OpenedClip clip(path);
+        ASSERT_EQ(OK, clip.result());
+        clip.seek(0);
+        std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+        status_t status = OK;
+        size_t track = 0;
+        while ((status = clip.extractor().getSampleTrackIndex(&track)) == OK) {
+            clip.extractor().advance();
+        }
+        EXPECT_EQ(ERROR_IO, status);
+        EXPECT_EQ(ERROR_IO, clip.extractor().getSampleTrackIndex(&track)) << "it lasts";
+    }
 }
 
 }  // namespace qmmediaeditor

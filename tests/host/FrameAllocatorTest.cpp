@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -15,7 +16,7 @@ namespace {
 
 constexpr size_t kBytes = 1920 * 1088 * 3 / 2;
 
-TEST(FrameAllocatorTest, liveBlocksNeverOverlap_andAreAligned) {
+TEST(FrameAllocatorTest, liveBlocksNeverOverlapAndAreAligned) {
     const FrameAllocator::Keep keep;
     // More than one region of them, with some given back on the way.
     std::vector<sp<ABuffer>> buffers;
@@ -32,7 +33,7 @@ TEST(FrameAllocatorTest, liveBlocksNeverOverlap_andAreAligned) {
     }
 }
 
-TEST(FrameAllocatorTest, copiesOfPicturesHoldTheBytes_afterTheKeeperIsGone) {
+TEST(FrameAllocatorTest, copiesOfFramesOutliveTheKeep) {
     auto keep = std::make_unique<FrameAllocator::Keep>();
     std::vector<uint8_t> bytes(kBytes);
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 7);
@@ -49,7 +50,7 @@ int64_t addressSpaceBytes() {
     return pages * sysconf(_SC_PAGESIZE);
 }
 
-TEST(FrameAllocatorTest, aSingleCopyReservesLittleMoreThanItsBytes) {
+TEST(FrameAllocatorTest, aSingleCopyReservesLittleMoreThanItsSize) {
     constexpr int64_t kCopiedBytes = 60 << 20;
     const std::vector<uint8_t> bytes(kCopiedBytes, 7);
     const int64_t before = addressSpaceBytes();
@@ -58,7 +59,7 @@ TEST(FrameAllocatorTest, aSingleCopyReservesLittleMoreThanItsBytes) {
     EXPECT_LT(addressSpaceBytes() - before, kCopiedBytes * 3 / 2);
 }
 
-TEST(FrameAllocatorTest, sizesThatNoAddressSpaceHoldsAreRefused) {
+TEST(FrameAllocatorTest, sizesBeyondTheAddressSpaceAreRefused) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer ends the process at such sizes";
 #endif
@@ -66,6 +67,34 @@ TEST(FrameAllocatorTest, sizesThatNoAddressSpaceHoldsAreRefused) {
     for (const size_t bytes : {SIZE_MAX / 32 + (128 << 10), SIZE_MAX / 4, SIZE_MAX / 2, SIZE_MAX}) {
         EXPECT_EQ(nullptr, FrameAllocator::makeBuffer(bytes));
     }
+}
+
+bool isMapped(const void* address) {
+    unsigned char state = 0;
+    const auto page = reinterpret_cast<uintptr_t>(address) & ~uintptr_t{4095};
+    return mincore(reinterpret_cast<void*>(page), 1, &state) == 0;
+}
+
+TEST(FrameAllocatorTest, freeMemoryIsKeptForTheNextFrameOnlyWhileAKeepExists) {
+#if defined(QM_SANITIZED)
+    GTEST_SKIP() << "nothing is recycled under a sanitizer";
+#endif
+    // A size that no other test uses.
+    constexpr size_t kOwnBytes = 3 * 1000 * 1000;
+    auto keep = std::make_unique<FrameAllocator::Keep>();
+    void* const first = FrameAllocator::allocate(kOwnBytes);
+    FrameAllocator::release(first, kOwnBytes);
+    EXPECT_TRUE(isMapped(first));
+    EXPECT_EQ(first, FrameAllocator::allocate(kOwnBytes)) << "recycled";
+    keep.reset();
+    EXPECT_TRUE(isMapped(first)) << "still in use";
+    FrameAllocator::release(first, kOwnBytes);
+    EXPECT_FALSE(isMapped(first));
+    keep = std::make_unique<FrameAllocator::Keep>();
+    void* const second = FrameAllocator::allocate(kOwnBytes);
+    FrameAllocator::release(second, kOwnBytes);
+    keep.reset();
+    EXPECT_FALSE(isMapped(second)) << "the last Keep returns what is free";
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
-// Rates from frame times, and times put back on their grid.
+// Frame rates from timestamps, and timestamps restored to a constant rate.
 #include <gtest/gtest.h>
 #include <math.h>
 
 #include <cmath>
 
 #include "host/extractor/TimestampRepair.h"
-#include "host/writer/PacketInterleaver.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -22,9 +21,9 @@ std::vector<int64_t> timesInMilliseconds(double rate, int count) {
 
 }  // namespace
 
-class FrameGridRates : public ::testing::TestWithParam<std::pair<double, int>> {};
+class ConstantFrameRates : public ::testing::TestWithParam<std::pair<double, int>> {};
 
-TEST_P(FrameGridRates, millisecondsGoBackToTheGrid_andNoFrameComesTooEarlyForTheRate) {
+TEST_P(ConstantFrameRates, timestampsInMillisecondsAreRestored) {
     const auto [rate, announced] = GetParam();
     const auto timesUs = timesInMilliseconds(rate, 120);
     FrameRateEstimate timing = estimateFrameRate({timesUs}, kMillisecondUs, {});
@@ -40,7 +39,7 @@ TEST_P(FrameGridRates, millisecondsGoBackToTheGrid_andNoFrameComesTooEarlyForThe
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, FrameGridRates,
+INSTANTIATE_TEST_SUITE_P(, ConstantFrameRates,
                          ::testing::Values(std::make_pair(24000 / 1001.0, 24),
                                            std::make_pair(24.0, 24), std::make_pair(25.0, 25),
                                            std::make_pair(30000 / 1001.0, 30),
@@ -48,7 +47,7 @@ INSTANTIATE_TEST_SUITE_P(, FrameGridRates,
                                            std::make_pair(60000 / 1001.0, 60),
                                            std::make_pair(60.0, 60), std::make_pair(120.0, 120)));
 
-TEST(ConstantFrameRate, aRateThatTheContainerNamesIsTakenAndRoundedUp) {
+TEST(ConstantFrameRateTest, theContainersRateIsUsedAndRoundedUp) {
     const FrameRateEstimate timing =
         estimateFrameRate({timesInMilliseconds(10.3, 50)}, kMillisecondUs, {{103, 10}});
     EXPECT_EQ(11, timing.rate);
@@ -57,7 +56,7 @@ TEST(ConstantFrameRate, aRateThatTheContainerNamesIsTakenAndRoundedUp) {
     EXPECT_EQ(30, estimateFrameRate(FrameTimestamps(), kMillisecondUs, {{0, 0}, {1, 0}}).rate);
 }
 
-TEST(ConstantFrameRate, variableRate_isLeftAlone_andNoFrameIsTooCloseForTheRate) {
+TEST(ConstantFrameRateTest, aVariableRateIsAtLeastTheShortestFrameDistance) {
     std::vector<int64_t> timesUs = {0};
     for (int i = 0; i < 200; ++i) {
         timesUs.push_back(timesUs.back() + (i % 3 == 0 ? 67000 : i == 100 ? 5000 : 33400));
@@ -70,7 +69,7 @@ TEST(ConstantFrameRate, variableRate_isLeftAlone_andNoFrameIsTooCloseForTheRate)
     EXPECT_EQ(1000, estimateFrameRate({timesUs, false}, kMillisecondUs, {}).rate);
 }
 
-TEST(ConstantFrameRate, timesThatAreExactStayAsTheyAre_howeverLongTheTick) {
+TEST(ConstantFrameRateTest, exactTimestampsDoNotChangeWhateverTheTick) {
     std::vector<int64_t> timesUs;
     for (int i = 0; i < 900; ++i) timesUs.push_back(llround(i * 1e6 / 30));
     FrameRateEstimate timing = estimateFrameRate({timesUs}, 33334, {});
@@ -78,7 +77,7 @@ TEST(ConstantFrameRate, timesThatAreExactStayAsTheyAre_howeverLongTheTick) {
     for (const int64_t timeUs : timesUs) ASSERT_EQ(timeUs, timing.constantRate->snap(timeUs));
 }
 
-TEST(ConstantFrameRate, afterABreakTheGridBeginsAnew) {
+TEST(ConstantFrameRateTest, aBreakSetsANewAnchor) {
     ConstantFrameRate constantRate({30, 1}, kMillisecondUs);
     EXPECT_EQ(0, constantRate.snap(0));
     EXPECT_EQ(33333, constantRate.snap(33000));
@@ -87,7 +86,7 @@ TEST(ConstantFrameRate, afterABreakTheGridBeginsAnew) {
     EXPECT_EQ(1015000 - 33333, constantRate.snap(982000));
 }
 
-TEST(ConstantFrameRate, aRateThatIsSlightlyOff_driftsWithoutAFrameThatComesTooEarly) {
+TEST(ConstantFrameRateTest, aSlightlyWrongRateDriftsWithoutAnEarlyFrame) {
     ConstantFrameRate constantRate({2997, 100}, kMillisecondUs);
     const auto timesUs = timesInMilliseconds(29.98, 20000);
     int64_t lastUs = constantRate.snap(timesUs[0]);
@@ -96,29 +95,6 @@ TEST(ConstantFrameRate, aRateThatIsSlightlyOff_driftsWithoutAFrameThatComesTooEa
         ASSERT_GE(timeUs - lastUs, 33333) << "frame " << i;
         lastUs = timeUs;
     }
-}
-
-TEST(TrackTimestamps, soundKeepsItsFrameLength_untilThereIsARealGap) {
-    TrackTimestamps clock(48000, 1024, 0);
-    EXPECT_EQ(-1024, clock.stamp(-21333).ticks);
-    for (int64_t i = 0; i < 1000; ++i) {
-        // As counted by someone who drops the fractions.
-        EXPECT_EQ(i * 1024, clock.stamp(i * 1024 * 1000000 / 48000).ticks);
-    }
-    EXPECT_EQ(48000 * 30, clock.stamp(30000000).ticks);
-    EXPECT_EQ(1024, clock.stamp(30021333).durationTicks);
-}
-
-TEST(TrackTimestamps, picturesRise_whateverTheirTimesDo) {
-    TrackTimestamps clock(90000, 0, 3000);
-    const auto first = clock.stamp(0);
-    EXPECT_EQ(3000, first.durationTicks);
-    EXPECT_EQ(3003, clock.stamp(33367).ticks);
-    EXPECT_EQ(3004, clock.stamp(33367).ticks);
-    EXPECT_EQ(3005, clock.stamp(10000).ticks);
-    EXPECT_EQ(9000, clock.stamp(100000).ticks);
-    const auto late = clock.stamp(INT64_C(360000000000));
-    EXPECT_EQ(INT64_C(360000) * 90000, late.ticks);
 }
 
 }  // namespace qmmediaeditor

@@ -57,11 +57,11 @@ std::string makeClip(const std::string& name, const std::string& arguments) {
     return path;
 }
 
-std::string pictures(int seconds) {
+std::string videoInput(int seconds) {
     return " -f lavfi -i testsrc2=s=160x120:r=30000/1001:d=" + std::to_string(seconds) + " ";
 }
 
-std::string sound(int seconds) {
+std::string audioInput(int seconds) {
     return " -f lavfi -i sine=r=48000:d=" + std::to_string(seconds) + " ";
 }
 
@@ -186,7 +186,7 @@ status_t QueueSource::read(MediaBufferBase** buffer, const ReadOptions*) {
     if (mEntries.empty()) return ERROR_END_OF_STREAM;
     const Entry entry = mEntries.front();
     mEntries.pop_front();
-    // A writer that keeps the one buffer there is would hang here.
+    // A writer that keeps the only buffer would hang here.
     if (mGroup.acquire_buffer(buffer, true) != OK) {
         ADD_FAILURE() << "the writer has not released its buffer";
         return ERROR_IO;

@@ -1,4 +1,4 @@
-// What the tests of the extractor and the writer share: scratch files, clips, samples and sources.
+// Shared by the tests of the extractor and the writer: scratch files, clips, samples and sources.
 #pragma once
 
 #include <Platform.h>
@@ -20,9 +20,9 @@ namespace qmmediaeditor {
 std::string scratchPath(const std::string& name);
 // A clip of that name, made once in a run by ffmpeg with these arguments in front of the name.
 std::string makeClip(const std::string& name, const std::string& arguments);
-// Moving pictures of 160x120 at 30000/1001 a second, and sound at 48000 Hz, as ffmpeg inputs.
-std::string pictures(int seconds);
-std::string sound(int seconds);
+// Video of 160x120 at 30000/1001 frames per second and audio at 48000 Hz, as ffmpeg inputs.
+std::string videoInput(int seconds);
+std::string audioInput(int seconds);
 constexpr char kAvcAac[] = " -c:v libx264 -preset veryfast -bf 3 -g 30 -c:a aac ";
 
 struct Sample {
@@ -40,7 +40,7 @@ struct Sample {
     }
 };
 
-// An extractor on a file, with the first sound and the first picture track selected as a session
+// An extractor on a file, with the first audio and the first video track selected as a session
 // does.
 class OpenedClip {
 public:

@@ -1,4 +1,5 @@
-// Which sample tables are refused: by what they name, wherever libavformat would look for them.
+// Which sample tables are refused: by their number of samples, wherever libavformat would look for
+// them.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -83,7 +84,7 @@ TEST(SampleTablesTest, tablesOfAllTracksAndFragmentsAddUp) {
     EXPECT_FALSE(check(inTable(sizes(900)) + inTable(times("stts", 899)) + inFragment(900)));
 }
 
-TEST(SampleTablesTest, noPlaceHidesATable) {
+TEST(SampleTablesTest, tablesAreFoundWhereverTheyAre) {
     // A box without a size, or with one beyond its parent, ends with it.
     const std::string content = sizes(kMany).substr(8);
     EXPECT_TRUE(check(inTable(boxOfSize(0, "stsz", content))));
@@ -99,7 +100,7 @@ TEST(SampleTablesTest, noPlaceHidesATable) {
     EXPECT_FALSE(check(box("mdat", inTable(sizes(kMany)))));
 }
 
-TEST(SampleTablesTest, damagedFilesPass) {
+TEST(SampleTablesTest, damagedFilesAreNotRefused) {
     EXPECT_FALSE(check(boxOfSize(3, "moov", sizes(kMany))));
     EXPECT_FALSE(check(inTable(box("stsz", "")) + inTable(box("stts", number(0)))));
     EXPECT_FALSE(check(inTable(box("stts", number(0) + number(0xffffffff) + number(1)))));

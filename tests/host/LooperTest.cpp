@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <future>
+#include <memory>
 #include <thread>
+
+#include "WaitingThread.h"
 
 namespace android {
 namespace {
@@ -22,7 +25,7 @@ int niceOfLooper(int32_t priority) {
     return value;
 }
 
-TEST(LooperTest, aThreadMayLowerItsPriority_butNotRaiseItAboveTheInheritedOne) {
+TEST(LooperTest, aThreadMayLowerItsPriorityButNotRaiseIt) {
     // On a thread of its own, because only root may raise a priority again.
     std::thread([] {
         const int inherited = niceOfThread() + 5;
@@ -31,6 +34,20 @@ TEST(LooperTest, aThreadMayLowerItsPriority_butNotRaiseItAboveTheInheritedOne) {
         EXPECT_EQ(inherited, niceOfLooper(PRIORITY_DEFAULT));
         EXPECT_EQ(inherited + 2, niceOfLooper(inherited + 2));
     }).join();
+}
+
+// What the work holds may use the looper when it is destroyed.
+TEST(LooperTest, workIsDestroyedWithoutTheLoopersLock) {
+    const sp<ALooper> looper = new ALooper;
+    ASSERT_EQ(OK, looper->start());
+    std::promise<void> done;
+    auto held =
+        std::shared_ptr<void>(nullptr, [&](void*) { looper->post([&] { done.set_value(); }); });
+    looper->post([held] {});
+    held.reset();
+    std::future<void> destroyed = done.get_future();
+    qmmediaeditor::resultOf(&destroyed);
+    looper->stop();
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// How much silence may be made up, with and without video.
+// The limits of silence, with and without video.
 #include <gtest/gtest.h>
 
 #include "host/codec/InputLimits.h"
@@ -11,7 +11,7 @@ namespace {
 constexpr int64_t kMinuteUs = INT64_C(60000000);
 constexpr int64_t kNoVideo = INT64_MIN;
 
-TEST(SilenceBudgetTest, aGapIsLimited_alsoInPieces_untilAudioComes) {
+TEST(SilenceBudgetTest, aGapInPiecesIsLimitedUntilTheNextAudio) {
     SilenceBudget budget;
     budget.addAudio(100 * kMinuteUs);
     EXPECT_FALSE(budget.addSilence(0, 10 * kMinuteUs, kNoVideo));
@@ -23,7 +23,7 @@ TEST(SilenceBudgetTest, aGapIsLimited_alsoInPieces_untilAudioComes) {
     EXPECT_TRUE(budget.addSilence(INT64_MIN / 4, INT64_MAX / 4, kNoVideo));
 }
 
-TEST(SilenceBudgetTest, allGapsTogetherAreLimitedByTheAudioThatThereIs) {
+TEST(SilenceBudgetTest, allGapsTogetherAreLimitedByTheDecodedAudio) {
     SilenceBudget budget;
     for (int64_t i = 0; i < 4; ++i) {
         budget.addAudio(kMinuteUs);
@@ -37,7 +37,7 @@ TEST(SilenceBudgetTest, allGapsTogetherAreLimitedByTheAudioThatThereIs) {
     EXPECT_NE(std::string::npos, reason->find("1080 s")) << *reason;
 }
 
-TEST(SilenceBudgetTest, silenceIsFreeWhileVideoContinues_andAGapBeginsWhereItEnds) {
+TEST(SilenceBudgetTest, silenceIsNotLimitedWhileVideoContinues) {
     SilenceBudget budget;
     int64_t timeUs = 0;
     for (; timeUs < 600 * kMinuteUs; timeUs += kMinuteUs) {

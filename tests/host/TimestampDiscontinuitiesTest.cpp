@@ -13,7 +13,7 @@ constexpr int64_t kSecondUs = 1000000;
 constexpr int64_t kSegmentBytes = 500000;
 
 // Segments of 6 s that each begin at 0 again; audio lies a little behind video in time and place.
-TEST(TimestampDiscontinuitiesTest, shortSegmentsFollowOneAnother_inBothTracks_alsoAfterASeek) {
+TEST(TimestampDiscontinuitiesTest, shortSegmentsFollowOneAnotherInBothTracks) {
     TimestampDiscontinuities discontinuities;
     for (int64_t i = 1; i < 50; ++i) {
         const int64_t endUs = i * 6 * kSecondUs;
@@ -30,7 +30,7 @@ TEST(TimestampDiscontinuitiesTest, shortSegmentsFollowOneAnother_inBothTracks_al
               discontinuities.offsetUs(kVideo, 3 * kSegmentBytes, 0, 17 * kSecondUs));
 }
 
-TEST(TimestampDiscontinuitiesTest, anOffsetOfAnotherTrackIsNotUsed_farAwayInTimeOrPlace) {
+TEST(TimestampDiscontinuitiesTest, aDistantOffsetOfAnotherTrackIsNotUsed) {
     TimestampDiscontinuities discontinuities;
     discontinuities.offsetUs(kVideo, 1000, 0, 100 * kSecondUs);
     EXPECT_EQ(120 * kSecondUs, discontinuities.offsetUs(kAudio, 2000, 0, 120 * kSecondUs));
@@ -38,8 +38,19 @@ TEST(TimestampDiscontinuitiesTest, anOffsetOfAnotherTrackIsNotUsed_farAwayInTime
               discontinuities.offsetUs(kAudio, INT64_C(1) << 30, 0, 101 * kSecondUs));
 }
 
+TEST(TimestampDiscontinuitiesTest, stepsBackAndStepsWithTooFewBytesAreDiscontinuities) {
+    const auto isDiscontinuity = TimestampDiscontinuities::isDiscontinuity;
+    EXPECT_FALSE(isDiscontinuity(-500000, 100000)) << "careless multiplexing";
+    EXPECT_TRUE(isDiscontinuity(-500001, 100000));
+    EXPECT_TRUE(isDiscontinuity(-60 * kSecondUs, INT64_C(1) << 40));
+    EXPECT_FALSE(isDiscontinuity(10 * kSecondUs, 0));
+    // A pause of one track, in which the other has been written.
+    EXPECT_FALSE(isDiscontinuity(100 * kSecondUs, 500000));
+    EXPECT_TRUE(isDiscontinuity(100 * kSecondUs, 499999));
+}
+
 // The search for another track's offset must not grow with their number.
-TEST(TimestampDiscontinuitiesTest, everyTimestampMayJump) {
+TEST(TimestampDiscontinuitiesTest, everyTimestampMayBeADiscontinuity) {
     TimestampDiscontinuities discontinuities;
     for (int64_t i = 0; i < 100000; ++i) {
         const int64_t timeUs = i * 7919 % 95443 * kSecondUs;

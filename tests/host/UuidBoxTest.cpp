@@ -1,4 +1,4 @@
-// The walk over top-level boxes, on files that tell the truth and files that do not.
+// The walk over top-level boxes, on valid and on damaged files.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -34,7 +34,7 @@ std::string largeBox(const std::string& type, const std::string& content) {
 
 TopLevelBoxes walk(const std::string& bytes) {
     const int fd = memfd_create("boxes", MFD_CLOEXEC);
-    // The window starts behind something that is none of its business.
+    // The window starts behind another box.
     const std::string before = box("uuid", std::string(16, 'x'));
     EXPECT_EQ(static_cast<ssize_t>(before.size()), write(fd, before.data(), before.size()));
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
@@ -56,7 +56,7 @@ const std::string kStart = box("ftyp", "isom") + box("moov", "movie");
 
 }  // namespace
 
-TEST(UuidBox, oneBox_travelsAsTypeAndPayload_andIsWrittenAgainAsItWas) {
+TEST(UuidBoxTest, oneBoxIsPassedOnAsTypeAndPayload) {
     const std::string uuid = box("uuid", kFirstType + "payload");
     const TopLevelBoxes boxes = walk(kStart + uuid + box("mdat", "uuid"));
     EXPECT_EQ(kFirstType + "payload", textOf(boxes.uuidData));
@@ -65,18 +65,18 @@ TEST(UuidBox, oneBox_travelsAsTypeAndPayload_andIsWrittenAgainAsItWas) {
     EXPECT_EQ(13, boxes.movieBytes);
 }
 
-TEST(UuidBox, severalBoxes_allComeOut) {
+TEST(UuidBoxTest, severalBoxesArePassedOnWhole) {
     const std::string first = box("uuid", kFirstType + "one");
     const std::string second = box("uuid", kSecondType);
     EXPECT_EQ(first + second, written(walk(first + kStart + second).uuidData));
 }
 
-TEST(UuidBox, oneBoxThatHoldsWhatLooksLikeABox_isWrittenAgainAsItWas) {
+TEST(UuidBoxTest, aBoxWithBoxLikeContentIsWrittenUnchanged) {
     const std::string uuid = box("uuid", box("uuid", kFirstType + "payload"));
     EXPECT_EQ(uuid, written(walk(uuid + kStart).uuidData));
 }
 
-TEST(UuidBox, sizesOf64Bits_andASizeThatMeansTheRest) {
+TEST(UuidBoxTest, sizesOf64BitsAndSize0AreSupported) {
     const std::string uuid = box("uuid", kFirstType + "p");
     EXPECT_EQ(uuid, written(walk(largeBox("mdat", "data") + uuid).uuidData));
     EXPECT_EQ(uuid, written(walk(kStart + largeBox("uuid", kFirstType + "p")).uuidData));
@@ -84,7 +84,7 @@ TEST(UuidBox, sizesOf64Bits_andASizeThatMeansTheRest) {
     EXPECT_EQ(uuid, written(walk(kStart + open).uuidData));
 }
 
-TEST(UuidBox, sizesThatLie_endTheWalk_andShortBoxesAreNone) {
+TEST(UuidBoxTest, wrongSizesEndTheWalk) {
     const std::string uuid = box("uuid", kFirstType);
     for (const std::string& lie :
          {number(7, 4) + "free", number(1, 4) + "free" + number(15, 8),

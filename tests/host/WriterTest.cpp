@@ -10,6 +10,7 @@
 #include <future>
 
 #include "IoSupport.h"
+#include "host/codec/SessionTimeline.h"
 #include "host/writer/FileWriter.h"
 
 namespace android {
@@ -42,7 +43,7 @@ private:
     std::promise<void> mCame;
 };
 
-// Length-prefixed units as start-code units: what an encoder makes.
+// Length-prefixed units as start-code units: as an encoder makes them.
 std::vector<uint8_t> toByteStream(std::vector<uint8_t> data) {
     for (size_t at = 0; at + 4 <= data.size();) {
         const size_t size = static_cast<size_t>(data[at]) << 24 |
@@ -67,7 +68,7 @@ class WriterTest : public ::testing::Test {
 protected:
     WriterTest()
         : mInput(makeClip("unordered.mp4",
-                          pictures(2) + sound(2) + " -c:v libx264 -bf 0 -g 30 -c:a aac ")) {
+                          videoInput(2) + audioInput(2) + " -c:v libx264 -bf 0 -g 30 -c:a aac ")) {
         mInput.seek(0);
         mSamples = mInput.read();
         const auto video = static_cast<size_t>(mInput.videoTrack());
@@ -77,11 +78,12 @@ protected:
         mAudioConfig = bytesOf(mInput.format(static_cast<size_t>(mInput.audioTrack())), "csd-0");
     }
 
-    void open(const std::string& path, bool fastStart = false) {
+    void open(const std::string& path, bool fastStart = false,
+              const std::shared_ptr<SessionTimeline>& session = nullptr) {
         const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         HostOptions options;
         options.fastStart = fastStart;
-        mWriter = createFileWriter(fd, options);
+        mWriter = createFileWriter(fd, options, session);
         close(fd);
         mWriter->setListener(mEvents);
         mWriter->addSource(mVideo);
@@ -117,7 +119,7 @@ protected:
 
 class WriterLayouts : public WriterTest, public ::testing::WithParamInterface<bool> {};
 
-TEST_P(WriterLayouts, aRunComesOutAsItWentIn) {
+TEST_P(WriterLayouts, samplesAndMetadataAreWrittenUnchanged) {
     const std::string path = scratchPath(GetParam() ? "fast.mp4" : "slow.mp4");
     std::ofstream(path) << std::string(1 << 20, 'x');  // an older and longer file
     open(path, GetParam());
@@ -160,7 +162,7 @@ INSTANTIATE_TEST_SUITE_P(, WriterLayouts, ::testing::Bool(), [](const auto& para
     return parameter.param ? "movieBoxFirst" : "movieBoxLast";
 });
 
-TEST_F(WriterTest, aTrackMayWakeUpWhenTheOtherHasEnded) {
+TEST_F(WriterTest, aTrackMayStartWhenTheOtherHasEnded) {
     const std::string path = scratchPath("late.mp4");
     open(path);
     mAudio->pushConfig(mAudioConfig);
@@ -173,13 +175,13 @@ TEST_F(WriterTest, aTrackMayWakeUpWhenTheOtherHasEnded) {
     mVideo->waitUntilDrained();
     EXPECT_EQ(OK, mWriter->stop());
 
-    // All sound lies in front of all pictures, and still they come in time order.
+    // All audio was written before all video, and still the samples are in timestamp order.
     OpenedClip output(path);
     output.seek(0);
     EXPECT_TRUE(mSamples == output.read());
 }
 
-TEST_F(WriterTest, tracksWithoutSamples_areLeftOut) {
+TEST_F(WriterTest, tracksWithoutSamplesAreLeftOut) {
     const std::string path = scratchPath("half.mp4");
     open(path);
     mVideo->pushConfig(mVideoConfig);
@@ -194,7 +196,34 @@ TEST_F(WriterTest, tracksWithoutSamples_areLeftOut) {
     EXPECT_EQ("audio/mp4a-latm", output.mime(0));
 }
 
-TEST_F(WriterTest, nothingAtAll_isNoFailure) {
+// Audio has come in up to 2 s, video up to 1 s, and no encoder has reached its end.
+TEST_F(WriterTest, theTracksOfAStoppedSessionEndTogether) {
+    const auto session = std::make_shared<SessionTimeline>(HostOptions());
+    session->encoderStarted(true);
+    session->encoderStarted(false);
+    const std::string path = scratchPath("stopped.mp4");
+    open(path, false, session);
+    mVideo->pushConfig(mVideoConfig);
+    mAudio->pushConfig(mAudioConfig);
+    ASSERT_EQ(OK, mWriter->start(nullptr));
+    size_t frames = 0;
+    for (const Sample& sample : ofTrack(mSamples, mInput.videoTrack())) {
+        if (sample.presentationUs >= 1000000) break;
+        mVideo->push(toByteStream(sample.data), sample.presentationUs, sample.isSync);
+        ++frames;
+    }
+    pushAudio();
+    mVideo->waitUntilDrained();
+    mAudio->waitUntilDrained();
+    EXPECT_EQ(OK, mWriter->stop());
+    OpenedClip output(path);
+    EXPECT_NEAR(1000000, static_cast<double>(output.durationUs(0)), 35000);
+    EXPECT_NEAR(1000000, static_cast<double>(output.durationUs(1)), 35000);
+    output.seek(0);
+    EXPECT_EQ(frames, ofTrack(output.read(), 0).size()) << "no frame before the end is lost";
+}
+
+TEST_F(WriterTest, aFileWithoutSamplesIsNoFailure) {
     open(scratchPath("nothing.mp4"), true);
     ASSERT_EQ(OK, mWriter->start(nullptr));
     EXPECT_EQ(OK, mWriter->stop());
@@ -208,7 +237,7 @@ TEST_F(WriterTest, nothingAtAll_isNoFailure) {
     EXPECT_NE(OK, mWriter->pause());
 }
 
-TEST_F(WriterTest, deletingARunningWriter_endsItsTracks) {
+TEST_F(WriterTest, deletingARunningWriterEndsItsTracks) {
     open(scratchPath("deleted.mp4"));
     ASSERT_EQ(OK, mWriter->start(nullptr));
     mWriter.clear();
@@ -216,21 +245,22 @@ TEST_F(WriterTest, deletingARunningWriter_endsItsTracks) {
     EXPECT_EQ(ERROR_END_OF_STREAM, mVideo->read(&buffer, nullptr)) << "the source was stopped";
 }
 
-TEST_F(WriterTest, aFullDisc_isReportedOnce_andEndsEveryTrack) {
+TEST_F(WriterTest, aFullDiskIsReportedOnceAndEndsEveryTrack) {
     open("/dev/full");
-    mVideo->pushConfig(mVideoConfig);
-    mAudio->pushConfig(mAudioConfig);
     ASSERT_EQ(OK, mWriter->start(nullptr));
+    mAudio->waitUntilDrained();
+    mVideo->pushConfig(mVideoConfig);
     pushVideo();
-    pushAudio();
     EXPECT_EQ(std::make_pair(1, -ENOSPC), mEvents->wait());
+    // The other track is waiting for a sample, and fails with it.
+    pushAudio();
     endBoth();
     EXPECT_EQ(-ENOSPC, mWriter->stop());
     EXPECT_TRUE(mWriter->reachedEOS());
     EXPECT_EQ(1, mEvents->count());
 }
 
-TEST_F(WriterTest, whatCannotBeWritten_isRefusedAtTheStart) {
+TEST_F(WriterTest, unsupportedOutputsAreRefusedAtStart) {
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     mWriter = createFileWriter(ends[1], HostOptions());
@@ -259,7 +289,7 @@ TEST_F(WriterTest, tracksThatCannotBeWritten_areReportedAsAWriteError) {
     }
 }
 
-TEST(WriterTypes, thirdGenerationSound_makesA3gpFile_whateverWasAskedFor) {
+TEST(WriterTypesTest, amrMakesA3gpFileWhateverWasRequested) {
     OpenedClip input(
         makeClip("speech.amr", " -f lavfi -i sine=r=8000:d=1 -c:a libopencore_amrnb "));
     const std::string path = scratchPath("speech.mp4");

@@ -1,0 +1,220 @@
+// The decoded audio has no gaps and no overlaps: PCM packets with timestamps go in, and the number,
+// values and timestamps of the samples that come out are compared.
+#include <gtest/gtest.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+#include <string.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/codec/AudioDecoder.h"
+#include "host/codec/TrackSource.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+namespace {
+
+typedef CodecBackend::Step Step;
+
+constexpr int kRate = 48000;
+constexpr int64_t kSecondUs = 1000000;
+
+class Observer : public HostObserver {
+public:
+    void onRefused(const std::string& text) override { reason = text; }
+    void onDecoderOpened(bool isVideo, const std::string& name) override {
+        opened = (isVideo ? "video " : "audio ") + name;
+    }
+
+    std::string reason;
+    std::string opened;
+};
+
+class AudioDecoderTest : public ::testing::Test {
+protected:
+    void configure(const std::optional<std::vector<int64_t>>& cutsUs = std::vector<int64_t>(),
+                   int64_t durationUs = 100 * kSecondUs, int codedRate = kRate) {
+        CodecParametersPtr parameters(avcodec_parameters_alloc());
+        parameters->codec_type = AVMEDIA_TYPE_AUDIO;
+        parameters->codec_id = AV_CODEC_ID_PCM_S16LE;
+        parameters->sample_rate = codedRate;
+        av_channel_layout_default(&parameters->ch_layout, 1);
+        mSequencer->beginSegment(0);
+        mSource = new TrackSource(std::move(parameters), mSequencer);
+        const sp<AMessage> format = new AMessage;
+        format->setString("mime", MEDIA_MIMETYPE_AUDIO_RAW);
+        format->setInt32("sample-rate", kRate);
+        format->setInt32("channel-count", 1);
+        format->setInt64("durationUs", durationUs);
+        format->setObject(TrackSource::kKey, mSource);
+        mDecoder = std::make_unique<AudioDecoder>(cutsUs, &mObserver);
+        CodecBuffers buffers;
+        ASSERT_EQ(OK, mDecoder->configure(format, &buffers));
+        EXPECT_TRUE(buffers.announcesFormat);
+    }
+
+    // One packet of `count` samples of this value.
+    void feed(int64_t timeUs, int count, int16_t value) {
+        const std::vector<int16_t> samples(static_cast<size_t>(count), value);
+        CodecInput input;
+        input.data = reinterpret_cast<const uint8_t*>(samples.data());
+        input.size = samples.size() * 2;
+        input.timeUs = timeUs;
+        input.info.segment = mSequencer->segment();
+        input.info.properties.reset(av_packet_alloc());
+        input.info.properties->pts = timeUs;
+        ASSERT_EQ(OK, mDecoder->accept(std::move(input)));
+        drain();
+    }
+
+    // Appends everything that is ready to mSamples; each buffer has to follow the one before it.
+    Step drain() {
+        for (;;) {
+            CodecOutput output;
+            const Step step = mDecoder->produce(&output);
+            if (step == Step::kFormat) continue;
+            if (step != Step::kOutput) return step;
+            take(output);
+        }
+    }
+
+    void take(const CodecOutput& output) {
+        const int64_t startUs = mSequencer->segment().startUs;
+        EXPECT_NEAR(
+            static_cast<double>(startUs) + static_cast<double>(mSamples.size()) * 1e6 / kRate,
+            static_cast<double>(output.timeUs), 1);
+        std::vector<int16_t> samples(output.buffer->size() / 2);
+        memcpy(samples.data(), output.buffer->data(), output.buffer->size());
+        mSamples.insert(mSamples.end(), samples.begin(), samples.end());
+        mBufferSizes.push_back(samples.size());
+    }
+
+    // "960x0 480x7": runs of equal samples.
+    std::string runs() const {
+        std::string text;
+        for (size_t i = 0; i < mSamples.size();) {
+            size_t end = i;
+            while (end < mSamples.size() && mSamples[end] == mSamples[i]) ++end;
+            text += (text.empty() ? "" : " ") + std::to_string(end - i) + "x" +
+                    std::to_string(mSamples[i]);
+            i = end;
+        }
+        return text;
+    }
+
+    Observer mObserver;
+    const sp<OutputSequencer> mSequencer = new OutputSequencer;
+    sp<TrackSource> mSource;
+    std::unique_ptr<AudioDecoder> mDecoder;
+    std::vector<int16_t> mSamples;
+    std::vector<size_t> mBufferSizes;
+};
+
+TEST_F(AudioDecoderTest, aLateStartAndAGapAreFilledWithSilence) {
+    configure();
+    EXPECT_EQ("audio pcm_s16le", mObserver.opened);
+    feed(10000, 480, 5);    // 10 ms late, to the sample
+    feed(20000, 480, 6);    // adjacent
+    feed(130000, 4800, 7);  // 100 ms are missing
+    EXPECT_EQ("480x0 480x5 480x6 4800x0 4800x7", runs());
+    EXPECT_EQ(OK, mDecoder->finish());
+    EXPECT_EQ(Step::kEnd, drain());
+}
+
+TEST_F(AudioDecoderTest, overlapsAreDroppedAndRoundingIsNot) {
+    configure();
+    feed(0, 4800, 1);
+    feed(100000 - 15000, 960, 2);  // within the 20 ms of rounding: all of it follows
+    feed(60000, 9600, 3);          // begins 60 ms before the end of what is there
+    feed(0, 480, 4);               // lies in the past as a whole
+    EXPECT_EQ("4800x1 960x2 6720x3", runs());
+}
+
+TEST_F(AudioDecoderTest, aSegmentStartsAtTheSeeksTarget) {
+    configure();
+    feed(0, 480, 1);
+    mSamples.clear();
+    mSequencer->beginSegment(kSecondUs);
+    feed(kSecondUs - 5000, 480, 2);  // half of it is before the target
+    EXPECT_EQ("240x2", runs());
+    mSamples.clear();
+    mSequencer->beginSegment(2 * kSecondUs);
+    feed(2 * kSecondUs + 1000, 480, 3);
+    EXPECT_EQ("48x0 480x3", runs());
+}
+
+TEST_F(AudioDecoderTest, noBufferExtendsAcrossACut) {
+    // 20.001 ms is between two samples: the cut is at the later one, 961.
+    configure(std::vector<int64_t>{10000, 20001, 40000, 50000});
+    feed(0, 4800, 1);
+    EXPECT_EQ((std::vector<size_t>{480, 481, 959, 480, 1024, 1024, 352}), mBufferSizes);
+}
+
+TEST_F(AudioDecoderTest, buffersAreShortWhenCutsAreUnknown) {
+    configure(std::nullopt);
+    feed(0, 1000, 1);
+    EXPECT_EQ((std::vector<size_t>{256, 256, 256, 232}), mBufferSizes);
+}
+
+TEST_F(AudioDecoderTest, aTimestampFarBehindTheTracksEndIsIgnored) {
+    configure(std::vector<int64_t>(), kSecondUs);
+    feed(0, 480, 1);
+    feed(12 * kSecondUs, 480, 2);
+    EXPECT_EQ("480x1 480x2", runs());
+}
+
+TEST_F(AudioDecoderTest, silenceFollowsTheReaderAndTheNextAudioIsPlacedExactly) {
+    configure();
+    feed(0, 480, 1);
+    const InputSegment segment = mSequencer->segment();
+    CodecOutput output;
+    // 100 ms may still be inside a decoder.
+    EXPECT_EQ(110000, mDecoder->memberState().silenceDueUs);
+    EXPECT_EQ(Step::kNeedsInput, mDecoder->produceWithoutInput(segment, 110000, &output));
+    EXPECT_EQ(Step::kOutput, mDecoder->produceWithoutInput(segment, 110100, &output));
+    take(output);
+    EXPECT_NE(Step::kFailed, drain());
+    EXPECT_EQ("480x1 4805x0", runs());
+    // Once in a gap, the silence is due at the next sample.
+    output = CodecOutput();
+    EXPECT_EQ(Step::kOutput, mDecoder->produceWithoutInput(segment, 120000, &output));
+    take(output);
+    feed(120500, 480, 2);
+    EXPECT_EQ("480x1 5304x0 480x2", runs());
+}
+
+// Samples that wait inside of the resampler belong before the packet that brings them out.
+TEST_F(AudioDecoderTest, resampledAudioIsPlacedWhereItsSamplesBelong) {
+    configure(std::vector<int64_t>(), 100 * kSecondUs, kRate / 2);
+    feed(0, 480, 1000);
+    const size_t delay = 960 - mSamples.size();
+    EXPECT_GT(delay, 0u);
+    EXPECT_LT(delay, 100u);
+    feed(220000, 480, 1000);
+    EXPECT_EQ(size_t{240 * 48} - delay, mSamples.size());
+}
+
+TEST_F(AudioDecoderTest, tooMuchSilenceIsRefusedWithAReason) {
+    configure(std::vector<int64_t>(), 3600 * kSecondUs);
+    feed(0, 480, 1);
+    CodecInput input;
+    const std::vector<int16_t> samples(480, 2);
+    input.data = reinterpret_cast<const uint8_t*>(samples.data());
+    input.size = samples.size() * 2;
+    input.info.segment = mSequencer->segment();
+    input.info.properties.reset(av_packet_alloc());
+    input.info.properties->pts = 700 * kSecondUs;
+    ASSERT_EQ(OK, mDecoder->accept(std::move(input)));
+    EXPECT_EQ(Step::kRefused, drain());
+    EXPECT_NE(std::string::npos, mObserver.reason.find("699 s")) << mObserver.reason;
+    EXPECT_EQ("480x1", runs());
+}
+
+}  // namespace
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,319 @@
+// Conversion of decoded frames to the working frame. The expected values are computed here from the
+// definitions: ITU-R BT.601, BT.709 and BT.2020 for the matrices, SMPTE ST 2084 for PQ.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <array>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/convert/FFmpegPointers.h"
+#include "host/convert/VideoFrameConverter.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixdesc.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+namespace {
+
+typedef std::array<double, 3> Triple;  // R, G, B or Y, U, V
+
+// A value of one component at a position of its plane.
+typedef std::function<int(int component, int x, int y)> Content;
+
+FramePtr makeFrame(AVPixelFormat format, int width, int height, const Content& content) {
+    FramePtr frame(av_frame_alloc());
+    frame->format = format;
+    frame->width = width;
+    frame->height = height;
+    EXPECT_EQ(0, av_frame_get_buffer(frame.get(), 0));
+    // Lines are written by setting bits.
+    for (AVBufferRef* buffer : frame->buf) {
+        if (buffer != nullptr) memset(buffer->data, 0, buffer->size);
+    }
+    const AVPixFmtDescriptor& description = *av_pix_fmt_desc_get(format);
+    for (int i = 0; i < description.nb_components; ++i) {
+        const bool isChroma = (description.flags & AV_PIX_FMT_FLAG_RGB) == 0 && (i == 1 || i == 2);
+        const int columns = isChroma ? AV_CEIL_RSHIFT(width, description.log2_chroma_w) : width;
+        const int rows = isChroma ? AV_CEIL_RSHIFT(height, description.log2_chroma_h) : height;
+        std::vector<uint16_t> line(static_cast<size_t>(columns));
+        for (int y = 0; y < rows; ++y) {
+            for (int x = 0; x < columns; ++x) {
+                line[static_cast<size_t>(x)] = static_cast<uint16_t>(content(i, x, y));
+            }
+            av_write_image_line2(line.data(), frame->data, frame->linesize, &description, 0, y, i,
+                                 columns, sizeof(uint16_t));
+        }
+    }
+    return frame;
+}
+
+FramePtr uniformFrame(AVPixelFormat format, int width, int height, std::array<int, 3> value) {
+    return makeFrame(format, width, height,
+                     [&](int i, int, int) { return i < 3 ? value[static_cast<size_t>(i)] : 255; });
+}
+
+class Converted {
+public:
+    Converted(const AVFrame& frame, int width, int height)
+        : mWidth((width + 1) & ~1), mHeight((height + 1) & ~1) {
+        FramePlanes to;
+        for (int i = 0; i < 3; ++i) {
+            mPlanes[i].resize(static_cast<size_t>(columns(i) * rows(i)), 77);
+            to.plane[i] = {mPlanes[i].data(), columns(i)};
+        }
+        VideoFrameConverter converter;
+        EXPECT_TRUE(converter.convert(frame, to, width, height));
+        // Once more with the graphs of the first call.
+        EXPECT_TRUE(converter.convert(frame, to, width, height));
+    }
+
+    int columns(int plane) const { return plane == 0 ? mWidth : mWidth / 2; }
+    int rows(int plane) const { return plane == 0 ? mHeight : mHeight / 2; }
+    int at(int plane, int x, int y) const {
+        return mPlanes[plane][static_cast<size_t>(y * columns(plane) + x)];
+    }
+    double mean(int plane) const {
+        double sum = 0;
+        for (const uint8_t sample : mPlanes[plane]) sum += sample;
+        return sum / static_cast<double>(mPlanes[plane].size());
+    }
+    void expectUniform(const Triple& expected, double tolerance) const {
+        for (int plane = 0; plane < 3; ++plane) {
+            const double value = expected[static_cast<size_t>(plane)];
+            for (const uint8_t sample : mPlanes[plane]) {
+                ASSERT_NEAR(value, sample, tolerance) << "plane " << plane;
+            }
+        }
+    }
+
+private:
+    const int mWidth;
+    const int mHeight;
+    std::vector<uint8_t> mPlanes[3];
+};
+
+struct Matrix {
+    double red;
+    double blue;
+};
+constexpr Matrix kBt601 = {0.299, 0.114};
+constexpr Matrix kBt709 = {0.2126, 0.0722};
+
+// 8-bit limited range from R, G, B between 0 and 1.
+Triple toYuv(const Triple& rgb, const Matrix& matrix) {
+    const double luma =
+        matrix.red * rgb[0] + (1 - matrix.red - matrix.blue) * rgb[1] + matrix.blue * rgb[2];
+    return {16 + 219 * luma, 128 + 224 * (rgb[2] - luma) / (2 * (1 - matrix.blue)),
+            128 + 224 * (rgb[0] - luma) / (2 * (1 - matrix.red))};
+}
+
+Triple toRgb(const Triple& yuv, const Matrix& matrix) {
+    const double luma = (yuv[0] - 16) / 219;
+    const double blue = luma + (yuv[1] - 128) / 224 * 2 * (1 - matrix.blue);
+    const double red = luma + (yuv[2] - 128) / 224 * 2 * (1 - matrix.red);
+    const double green =
+        (luma - matrix.red * red - matrix.blue * blue) / (1 - matrix.red - matrix.blue);
+    return {red, green, blue};
+}
+
+// The code between 0 and 1 for a luminance (SMPTE ST 2084).
+double pqOf(double nits) {
+    const double y = pow(nits / 10000, 2610.0 / 16384);
+    return pow((3424.0 / 4096 + 2413.0 / 128 * y) / (1 + 2392.0 / 128 * y), 2523.0 / 32);
+}
+
+TEST(VideoFrameConverterTest, fullRangeIsReducedToLimitedRange) {
+    const FramePtr frame = makeFrame(AV_PIX_FMT_YUV420P, 256, 16, [](int i, int x, int) {
+        return i == 0 ? x : i == 1 ? 2 * x : 255 - 2 * x;
+    });
+    frame->color_range = AVCOL_RANGE_JPEG;
+    frame->colorspace = AVCOL_SPC_BT709;
+    const Converted to(*frame, 256, 16);
+    for (int x = 0; x < 256; ++x) ASSERT_NEAR(16 + x * 219 / 255.0, to.at(0, x, 5), 0.51) << x;
+    for (int x = 0; x < 128; ++x) {
+        ASSERT_NEAR(128 + (2 * x - 128) * 224 / 255.0, to.at(1, x, 3), 0.51) << x;
+        ASSERT_NEAR(128 + (127 - 2 * x) * 224 / 255.0, to.at(2, x, 3), 0.51) << x;
+    }
+    // The pixel formats that were named after their range mean the same.
+    frame->format = AV_PIX_FMT_YUVJ420P;
+    frame->color_range = AVCOL_RANGE_UNSPECIFIED;
+    EXPECT_NEAR(235, Converted(*frame, 256, 16).at(0, 255, 0), 0.51);
+}
+
+TEST(VideoFrameConverterTest, tenBitsKeepTheirMeanValue) {
+    // 10-bit values between two 8-bit ones: dithering spreads them.
+    const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV420P10, 64, 64, {402, 513, 700});
+    frame->colorspace = AVCOL_SPC_BT709;
+    const Converted to(*frame, 64, 64);
+    EXPECT_NEAR(402 / 4.0, to.mean(0), 0.1);
+    EXPECT_NEAR(513 / 4.0, to.mean(1), 0.1);
+    EXPECT_NEAR(700 / 4.0, to.mean(2), 0.1);
+    to.expectUniform({100.5, 128.25, 175}, 1);
+}
+
+TEST(VideoFrameConverterTest, chromaOfEverySubsamplingKeepsItsPlace) {
+    // A vertical and a horizontal edge of chroma, in the middle of the frame.
+    for (const AVPixelFormat format : {AV_PIX_FMT_YUV444P, AV_PIX_FMT_YUV422P, AV_PIX_FMT_YUV411P,
+                                       AV_PIX_FMT_YUV440P, AV_PIX_FMT_NV12, AV_PIX_FMT_UYVY422}) {
+        SCOPED_TRACE(av_get_pix_fmt_name(format));
+        const AVPixFmtDescriptor& description = *av_pix_fmt_desc_get(format);
+        const int columns = 128 >> description.log2_chroma_w;
+        const int rows = 64 >> description.log2_chroma_h;
+        const FramePtr frame = makeFrame(format, 128, 64, [&](int i, int x, int y) {
+            if (i == 0) return 120;
+            return i == 1 ? (x < columns / 2 ? 60 : 180) : (y < rows / 2 ? 70 : 190);
+        });
+        frame->colorspace = AVCOL_SPC_BT709;
+        const Converted to(*frame, 128, 64);
+        for (const int x : {0, 20, 28}) EXPECT_NEAR(60, to.at(1, x, 9), 1) << x;
+        for (const int x : {35, 50, 63}) EXPECT_NEAR(180, to.at(1, x, 9), 1) << x;
+        for (const int y : {0, 7, 13}) EXPECT_NEAR(70, to.at(2, 9, y), 1) << y;
+        for (const int y : {18, 25, 31}) EXPECT_NEAR(190, to.at(2, 9, y), 1) << y;
+        EXPECT_NEAR(120, to.mean(0), 0.1);
+    }
+}
+
+TEST(VideoFrameConverterTest, rgbOfEveryLayoutFollowsTheBt709Matrix) {
+    for (const AVPixelFormat format :
+         {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB, AV_PIX_FMT_GBRP}) {
+        for (const std::array<int, 3>& rgb :
+             {std::array<int, 3>{200, 40, 90}, {0, 0, 255}, {255, 255, 255}}) {
+            SCOPED_TRACE(std::string(av_get_pix_fmt_name(format)) + std::to_string(rgb[0]));
+            const FramePtr frame = uniformFrame(format, 32, 32, rgb);
+            Converted(*frame, 32, 32)
+                .expectUniform(toYuv({rgb[0] / 255.0, rgb[1] / 255.0, rgb[2] / 255.0}, kBt709), 1);
+        }
+    }
+}
+
+TEST(VideoFrameConverterTest, paletteEntriesAreConvertedAsRgb) {
+    FramePtr frame(av_frame_alloc());
+    frame->format = AV_PIX_FMT_PAL8;
+    frame->width = frame->height = 32;
+    ASSERT_EQ(0, av_frame_get_buffer(frame.get(), 0));
+    for (int y = 0; y < 32; ++y) memset(frame->data[0] + y * frame->linesize[0], 9, 32);
+    const uint32_t color = 0xFF2080E0;
+    memcpy(frame->data[1] + 9 * 4, &color, sizeof(color));
+    Converted(*frame, 32, 32)
+        .expectUniform(toYuv({0x20 / 255.0, 0x80 / 255.0, 0xE0 / 255.0}, kBt709), 1);
+}
+
+TEST(VideoFrameConverterTest, standardDefinitionIsTakenForBt601) {
+    const Triple source = {110, 160, 90};
+    const std::array<int, 3> value = {110, 160, 90};
+    const Triple expected = toYuv(toRgb(source, kBt601), kBt709);
+    const FramePtr unmarked = uniformFrame(AV_PIX_FMT_YUV420P, 720, 576, value);
+    Converted(*unmarked, 720, 576).expectUniform(expected, 1);
+    EXPECT_FALSE(VideoFrameConverter::isWorkingFrame(*unmarked, 720, 576));
+    const FramePtr marked = uniformFrame(AV_PIX_FMT_YUV420P, 1280, 64, value);
+    EXPECT_TRUE(VideoFrameConverter::isWorkingFrame(*marked, 1280, 64));
+    marked->colorspace = AVCOL_SPC_BT470BG;
+    Converted(*marked, 1280, 64).expectUniform(expected, 1);
+}
+
+TEST(VideoFrameConverterTest, onlyFramesOfTheOutputsFormatNeedNoConversion) {
+    const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV420P, 64, 64, {50, 128, 128});
+    const auto isWorkingFrame = [&] { return VideoFrameConverter::isWorkingFrame(*frame, 64, 64); };
+    frame->colorspace = AVCOL_SPC_BT709;
+    EXPECT_TRUE(isWorkingFrame());
+    EXPECT_FALSE(VideoFrameConverter::isWorkingFrame(*frame, 64, 62));
+    frame->color_range = AVCOL_RANGE_JPEG;
+    EXPECT_FALSE(isWorkingFrame());
+    frame->color_range = AVCOL_RANGE_MPEG;
+    frame->color_primaries = AVCOL_PRI_BT2020;
+    EXPECT_FALSE(isWorkingFrame());
+    frame->color_primaries = AVCOL_PRI_BT709;
+    for (const auto transfer : {AVCOL_TRC_SMPTE2084, AVCOL_TRC_ARIB_STD_B67}) {
+        frame->color_trc = transfer;
+        EXPECT_FALSE(isWorkingFrame());
+    }
+}
+
+// Odd sizes have a last chroma sample for one column or row alone.
+TEST(VideoFrameConverterTest, theLastColumnAndRowOfOddSizesAreKept) {
+    for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_YUV444P, AV_PIX_FMT_GRAY8}) {
+        SCOPED_TRACE(av_get_pix_fmt_name(format));
+        const FramePtr frame = makeFrame(
+            format, 33, 17, [](int i, int x, int y) { return i == 0 ? 40 + 4 * x + 2 * y : 128; });
+        frame->colorspace = AVCOL_SPC_BT709;
+        frame->color_range = AVCOL_RANGE_MPEG;
+        const Converted to(*frame, 33, 17);
+        for (int y = 0; y < 17; ++y) {
+            for (int x = 0; x < 33; ++x) ASSERT_NEAR(40 + 4 * x + 2 * y, to.at(0, x, y), 1);
+        }
+        // The additional ones repeat them.
+        EXPECT_NEAR(40 + 4 * 32 + 2 * 3, to.at(0, 33, 3), 2);
+        EXPECT_NEAR(40 + 4 * 5 + 2 * 16, to.at(0, 5, 17), 2);
+        EXPECT_NEAR(128, to.mean(1), 0.01);
+    }
+}
+
+TEST(VideoFrameConverterTest, greyIsNeutralAndFullRangeUnlessMarked) {
+    Converted(*uniformFrame(AV_PIX_FMT_GRAY8, 32, 32, {255, 0, 0}), 32, 32)
+        .expectUniform({235, 128, 128}, 0.6);
+    const FramePtr marked = uniformFrame(AV_PIX_FMT_GRAY8, 32, 32, {100, 0, 0});
+    marked->color_range = AVCOL_RANGE_MPEG;
+    Converted(*marked, 32, 32).expectUniform({100, 128, 128}, 0.6);
+}
+
+TEST(VideoFrameConverterTest, pqKeepsLowLightAndCompressesHighlightsToWhite) {
+    const auto lumaOf = [](double nits) {
+        const double code = pqOf(nits);
+        const FramePtr frame =
+            uniformFrame(AV_PIX_FMT_YUV420P10, 64, 64,
+                         {static_cast<int>(lround((16 + 219 * code) * 4)), 512, 512});
+        frame->color_trc = AVCOL_TRC_SMPTE2084;
+        frame->color_primaries = AVCOL_PRI_BT2020;
+        frame->colorspace = AVCOL_SPC_BT2020_NCL;
+        const Converted to(*frame, 64, 64);
+        EXPECT_NEAR(128, to.mean(1), 0.5) << nits;
+        EXPECT_NEAR(128, to.mean(2), 0.5) << nits;
+        return to.mean(0);
+    };
+    // Light up to 40 % of reference white (203 nits) is shown as it is, by a gamma of 2.4.
+    for (const double nits : {1.0, 5.0, 20.0, 50.0, 80.0}) {
+        EXPECT_NEAR(16 + 219 * pow(nits / 203, 1 / 2.4), lumaOf(nits), 1) << nits;
+    }
+    EXPECT_NEAR(235, lumaOf(1000), 1);
+    EXPECT_NEAR(235, lumaOf(9000), 0.5);
+    const double white = lumaOf(203);
+    EXPECT_GT(white, lumaOf(150) + 3);
+    EXPECT_LT(white, lumaOf(400) - 3);
+}
+
+TEST(VideoFrameConverterTest, hlgAndWideGamutKeepNeutralColoursNeutral) {
+    for (const auto transfer : {AVCOL_TRC_ARIB_STD_B67, AVCOL_TRC_BT2020_10}) {
+        const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV422P10, 64, 64, {500, 512, 512});
+        frame->color_trc = transfer;
+        frame->color_primaries = AVCOL_PRI_BT2020;
+        frame->colorspace = AVCOL_SPC_BT2020_NCL;
+        const Converted to(*frame, 64, 64);
+        EXPECT_NEAR(128, to.mean(1), 0.5);
+        EXPECT_NEAR(128, to.mean(2), 0.5);
+        // The same curve on both sides leaves grey as it is.
+        if (transfer == AVCOL_TRC_BT2020_10) {
+            EXPECT_NEAR(500 / 4.0, to.mean(0), 1);
+        } else {
+            EXPECT_GT(to.mean(0), 60);
+            EXPECT_LT(to.mean(0), 200);
+        }
+    }
+}
+
+TEST(VideoFrameConverterTest, pixelFormatsThatCannotBeReadAreRefused) {
+    for (const AVPixelFormat format : {AV_PIX_FMT_NONE, AV_PIX_FMT_VAAPI, AV_PIX_FMT_XYZ12LE,
+                                       AV_PIX_FMT_BAYER_BGGR8, AV_PIX_FMT_GRAYF32}) {
+        EXPECT_FALSE(VideoFrameConverter::canConvert(format));
+    }
+}
+
+}  // namespace
+}  // namespace qmmediaeditor
+}  // namespace android
