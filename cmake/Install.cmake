@@ -23,7 +23,7 @@ install(TARGETS QmMediaEdit_Transcode QmMediaEdit_Host qm_platform qm_android EX
         COMPONENT tool NAMELINK_COMPONENT dev)
 install(FILES docs/qmtranscode.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES tools/qmtranscode/completion.bash
+install(FILES tools/qmtranscode/cli/completion.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME qmtranscode COMPONENT tool)
 

@@ -6,7 +6,7 @@
 #include <host/Host.h>
 #include <host/media/InputFile.h>
 #include <host/media/UuidBox.h>
-#include <qmtranscode/MediaFile.h>
+#include <qmtranscode/job/MediaFile.h>
 #include <signal.h>
 #include <support/SessionRun.h>
 #include <sys/resource.h>

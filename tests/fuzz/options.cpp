@@ -1,6 +1,6 @@
 // The command line's words, a line each: they are taken, or refused with a usage error.
-#include <qmtranscode/Failure.h>
-#include <qmtranscode/Options.h>
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/cli/Options.h>
 #include <stdint.h>
 #include <stdlib.h>
 

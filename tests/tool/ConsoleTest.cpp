@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
-#include <qmtranscode/Console.h>
-#include <qmtranscode/Json.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/report/Json.h>
 
 namespace android::qmmediaeditor::cli::console {
 namespace {

@@ -2,8 +2,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/OutputFile.h>
-#include <qmtranscode/PendingFile.h>
+#include <qmtranscode/job/OutputFile.h>
+#include <qmtranscode/job/PendingFile.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>

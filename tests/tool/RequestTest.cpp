@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/Request.h>
+#include <qmtranscode/job/Request.h>
 
 namespace android::qmmediaeditor::cli {
 namespace {

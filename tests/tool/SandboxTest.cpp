@@ -1,7 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/Sandbox.h>
+#include <qmtranscode/sandbox/Sandbox.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/socket.h>

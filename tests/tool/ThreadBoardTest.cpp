@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/RunMonitor.h>
-#include <qmtranscode/StallWatch.h>
-#include <qmtranscode/ThreadBoard.h>
+#include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/monitor/StallDetector.h>
+#include <qmtranscode/monitor/ThreadBoard.h>
 #include <unistd.h>
 
 #include <thread>

@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <qmtranscode/Values.h>
+#include <qmtranscode/cli/Values.h>
 
 namespace android::qmmediaeditor::cli {
 namespace {

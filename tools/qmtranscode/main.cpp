@@ -1,10 +1,10 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <qmtranscode/Console.h>
-#include <qmtranscode/JobFiles.h>
-#include <qmtranscode/Receipt.h>
-#include <qmtranscode/Supervisor.h>
-#include <qmtranscode/Worker.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/sandbox/Supervisor.h>
+#include <qmtranscode/sandbox/Worker.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
