@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/report/Json.h>
+#include <qmtranscode/report/Format.h>
 
 namespace android::qmmediaeditor::cli::console {
 namespace {

@@ -42,7 +42,7 @@ sp<AMessage> formatFor(const Options& options, const MediaFile& input) {
 
 Failure failureFor(const Options& options, const MediaFile& input) {
     sp<AMessage> format;
-    return makeOutputFormat(options, input, &format).value_or(Failure{kExitWhole, "", ""});
+    return makeOutputFormat(options, input, &format).value_or(Failure{kExitComplete, "", ""});
 }
 
 TEST(Request, withoutOutputOptions_thereIsNoMessage) {
@@ -145,7 +145,7 @@ TEST(Request, whatNoEncoderTakes_isRefusedWithWhatWould) {
     EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("352x288"));
     EXPECT_EQ(kExitUnusable, failureFor(options, clip).status);
     options.videoCodec = VideoCodec::kMpeg4;
-    EXPECT_EQ(kExitWhole, failureFor(options, clip).status);
+    EXPECT_EQ(kExitComplete, failureFor(options, clip).status);
     clip.video->width = 8192;
     EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("8190"));
 }

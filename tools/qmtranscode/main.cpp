@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <new>
+#include <variant>
 
 using namespace android::qmmediaeditor;
 
@@ -30,6 +31,11 @@ int failed(const cli::Failure& failure) {
     return failure.status;
 }
 
+int print(const std::string& text) {
+    if (cli::console::printOutput(text) == 0) return cli::kExitComplete;
+    return failed({cli::kExitFailed, "standard output", strerror(errno)});
+}
+
 int cannotStart() { return failed({cli::kExitFailed, "the worker process", strerror(errno)}); }
 
 cli::SharedState* makeSharedState() {
@@ -45,8 +51,16 @@ int run(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
 
-    cli::Options options;
-    if (const std::optional<int> status = cli::parseOptions(argc, argv, &options)) return *status;
+    auto parsed = cli::parseOptions(argc, argv);
+    if (const auto* failure = std::get_if<cli::Failure>(&parsed)) return failed(*failure);
+    if (const auto* information = std::get_if<cli::Information>(&parsed)) {
+        return print(information->text);
+    }
+    auto& options = std::get<cli::Options>(parsed);
+    // The worker has no terminal.
+    const auto style =
+        isatty(STDERR_FILENO) == 1 ? cli::ProgressStyle::kBar : cli::ProgressStyle::kNone;
+    options.progress = options.progress.value_or(style);
 
     cli::blockSignals();
     cli::JobFiles files;

@@ -1,6 +1,5 @@
 #include <locale.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/cli/Descriptor.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

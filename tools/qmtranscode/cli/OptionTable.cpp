@@ -1,52 +1,152 @@
+#include <ctype.h>
+#include <fmt/format.h>
 #include <qmtranscode/cli/OptionTable.h>
+
+#include <sstream>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
-const char* const kHelp = R"(Usage: qmtranscode [OPTIONS] INPUT OUTPUT
+namespace {
 
-Decodes the first pictures and the first sound of a media file, and writes them
-anew into an MPEG-4 file: whole, or the periods that are to be kept. What is not
-asked for follows the input.
+constexpr const char* kHelpBegin = R"(Usage: qmtranscode [OPTIONS] INPUT OUTPUT
 
-  --trim START-END         keep this period; seconds or h:mm:ss.mmm; repeatable,
-                           in time order
-Pictures
-  --size WxH               as they are displayed; both even
-  --fps N                  pictures a second at most
-  --video-bitrate RATE     bits a second, such as 4M
-  --video-codec NAME       avc, h263 or mpeg4
-Sound
-  --audio-bitrate RATE     bits a second, such as 128k
-  --audio-rate HZ          sample rate
-  --audio-channels N       1 to 8
-  --audio-codec NAME       aac, amr-nb or amr-wb
-The file
-  --format NAME            mp4 or 3gp
-  --faststart              the index first, for players that read from the start
-  --preset NAME            AVC speed, ultrafast to placebo; default veryfast
-  --threads N              of each video codec, 1 to 64; default: the CPUs that
-                           may be used, at most 16
-  --overwrite              replace OUTPUT when it exists
-  --partial CHOICE         after a stop, keep the shorter file (keep, the
-                           default) or nothing (discard)
-To see what happens
-  --plan                   say what would be done, as JSON, and do nothing
-  --json                   the receipt as JSON, on standard output
-  --progress STYLE         bar, json or none; default: a bar on a terminal
-  --trace FILE             a trace of the run, for https://ui.perfetto.dev
-  --log FILTER             the log in logcat's words, such as 'Transcode:V *:S'
-  --log-format NAME        brief, process, tag, thread, raw, time, threadtime or
-                           long
-  --help  --version
+Decodes the first video track and the first audio track of INPUT and encodes
+them into OUTPUT, an MP4 or 3GP file: all of it, or only the periods to keep.
+Values that are not given follow the input.
 
+)";
+constexpr const char* kHelpEnd = R"(
 Examples
   qmtranscode in.mov out.mp4
   qmtranscode in.mkv out.mp4 --size 1280x720 --video-bitrate 4M
   qmtranscode in.mp4 out.mp4 --trim 0-2.5 --trim 1:30-1:45
   qmtranscode in.mp4 out.mp4 --fps 15 --plan
 
-Exit status: 0 the output is whole; 1 failed; 2 the command line cannot be used;
-3 the input, or what is asked of it, cannot be used; 130 stopped by a signal.
+Exit status: 0 complete; 1 failed, another try may succeed; 2 wrong usage;
+3 the input cannot be transcoded, or not like this; 130 stopped by a signal.
 )";
+
+// "--size WxH".
+std::string synopsis(const OptionText& option) {
+    return option.value.empty() ? option.name : option.name + ' ' + option.value;
+}
+
+// Sentences: the summary, then the details.
+std::string description(const OptionText& option) {
+    std::string text = option.summary;
+    text[0] = static_cast<char>(toupper(static_cast<unsigned char>(text[0])));
+    text += '.';
+    return option.details.empty() ? text : text + ' ' + option.details;
+}
+
+// Breaks the text at spaces. Lines after the first are indented.
+std::string wrapped(const std::string& text, size_t columns, size_t indent) {
+    std::istringstream words(text);
+    std::string result;
+    size_t column = 0;
+    for (std::string word; words >> word;) {
+        if (column > 0 && column + 1 + word.size() > columns) {
+            result += '\n' + std::string(indent, ' ');
+            column = 0;
+        }
+        if (column > 0) result += ' ';
+        column += word.size() + (column > 0 ? 1 : 0);
+        result += word;
+    }
+    return result;
+}
+
+// Escaped for roff, where a plain `-` is a hyphen. Each sentence begins a line, so that roff spaces
+// them alike.
+std::string manText(const std::string& text) {
+    std::string result;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '-' || text[i] == '\\') result += '\\';
+        const bool isSentenceEnd = i > 0 && text[i] == ' ' && text[i - 1] == '.';
+        result += isSentenceEnd ? '\n' : text[i];
+    }
+    return result;
+}
+
+std::string manOptions(const std::vector<OptionText>& options) {
+    std::string text;
+    std::string group;
+    for (const OptionText& option : options) {
+        if (option.group != group) text += fmt::format(".SS {}\n", option.group);
+        group = option.group;
+        const std::string name = manText(option.name);
+        text += option.value.empty()
+                    ? fmt::format(".TP\n.B {}\n", name)
+                    : fmt::format(".TP\n.BI {} \" {}\"\n", name, manText(option.value));
+        text += manText(description(option)) + '\n';
+    }
+    return text;
+}
+
+std::string markdownTable(const std::vector<OptionText>& options) {
+    std::string text = "| option | meaning |\n| --- | --- |\n";
+    for (const OptionText& option : options) {
+        text += fmt::format("| `{}` | {} |\n", synopsis(option), description(option));
+    }
+    return text;
+}
+
+// Lines of a shell `case` on the word before the one to complete.
+std::string choiceCases(const std::vector<OptionText>& options) {
+    std::string text;
+    for (const OptionText& option : options) {
+        if (option.choices.empty()) continue;
+        text += fmt::format("        {}) words=\"{}\" ;;\n", option.name,
+                            fmt::join(option.choices, " "));
+    }
+    return text;
+}
+
+// Names of options, in words of a shell. `separator` stands between them.
+template <typename Filter>
+std::string names(const std::vector<OptionText>& options, const char* separator, Filter filter) {
+    std::vector<std::string> result;
+    for (const OptionText& option : options) {
+        if (filter(option)) result.push_back(option.name);
+    }
+    return fmt::format("{}", fmt::join(result, separator));
+}
+
+}  // namespace
+
+std::string helpText(const std::vector<OptionText>& options) {
+    constexpr size_t kColumns = 80;
+    constexpr size_t kIndent = 27;
+    std::string text = kHelpBegin;
+    std::string group;
+    for (const OptionText& option : options) {
+        if (option.group != group) text += option.group + '\n';
+        group = option.group;
+        text += fmt::format("  {:<{}}{}\n", synopsis(option), kIndent - 2,
+                            wrapped(option.summary, kColumns - kIndent, kIndent));
+    }
+    return text + kHelpEnd;
+}
+
+std::string fillTemplate(std::string text, const std::vector<OptionText>& options) {
+    const auto isFree = [](const OptionText& option) {
+        return !option.value.empty() && option.value != "FILE" && option.choices.empty();
+    };
+    const std::pair<std::string, std::string> parts[] = {
+        {"@OPTIONS_MAN@\n", manOptions(options)},
+        {"@OPTIONS_TABLE@\n", markdownTable(options)},
+        {"@OPTION_CHOICES@\n", choiceCases(options)},
+        {"@OPTIONS_WITH_VALUE@", names(options, " | ", isFree)},
+        {"@OPTION_NAMES@", names(options, " ", [](const OptionText&) { return true; })},
+        {"@VERSION@", QMTRANSCODE_VERSION},
+    };
+    for (const auto& [name, content] : parts) {
+        for (size_t at; (at = text.find(name)) != std::string::npos;) {
+            text.replace(at, name.size(), content);
+        }
+    }
+    return text;
+}
 
 }  // namespace android::qmmediaeditor::cli

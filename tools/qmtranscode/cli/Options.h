@@ -1,23 +1,21 @@
-// What the user asked for: the command line, checked as far as that is possible without the input.
+// The command line: what the user asks for, checked as far as possible without the input.
 #pragma once
 
 #include <TranscodeTypes.h>
-#include <qmtranscode/cli/Values.h>
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/cli/OutputCodecs.h>
 #include <stdint.h>
 
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
 
-// The values are those of the output-format message.
-enum class FileFormat : int32_t { k3gp = 1, kMp4 = 2 };
-enum class VideoCodec : int32_t { kAvc = 2, kH263 = 1, kMpeg4 = 3 };
-enum class AudioCodec : int32_t { kAac = 3, kAmrNb = 1, kAmrWb = 2 };
+enum class ProgressStyle : int32_t { kNone, kBar, kJson };
 
-enum class ProgressStyle { kNone, kBar, kJson };
-
+// Without a value, an option follows the input.
 struct Options {
     std::string input;
     std::string output;
@@ -26,6 +24,7 @@ struct Options {
     // In time order, without overlap.
     std::vector<TrimPeriod> periods;
 
+    // As displayed, which means after rotation.
     std::optional<Size> size;
     std::optional<int32_t> frameRate;
     std::optional<int32_t> videoBitrate;
@@ -38,30 +37,48 @@ struct Options {
 
     bool fastStart = false;
     std::string preset = "veryfast";
-    // Of each video codec; by the CPUs that are available when not given.
+    // Of each video codec; by default, as many as there are available CPUs.
     std::optional<int32_t> threads;
-    // After a stop: keep the shorter file, or nothing.
+    // After a stop: keep the shorter file, or remove it.
     bool keepPartial = true;
 
-    // Say what would be done, and do nothing.
+    // Print what would be done, and write nothing.
     bool plan = false;
-    // The receipt on standard output as JSON.
+    // The receipt as JSON.
     bool json = false;
-    ProgressStyle progress = ProgressStyle::kNone;
-    // Where a trace of the run goes; none without.
+    // By default, a bar on a terminal.
+    std::optional<ProgressStyle> progress;
+    // The file for the trace.
     std::optional<std::string> trace;
-    // Logcat's filter expressions; nothing is logged without.
+    // logcat filter expressions; nothing is printed without.
     std::optional<std::string> logFilter;
     std::string logFormat = "brief";
 
-    // Whether anything about the output's tracks or kind was asked for.
-    bool namesOutputFormat() const;
-    // Where the periods begin and end, microseconds, rising.
+    // Whether any property of the output's tracks or its container was asked for.
+    bool specifiesOutputFormat() const;
+    // Start and end of each period, in microseconds, rising.
     std::vector<int64_t> cutTimesUs() const;
 };
 
-// Nothing when there is work to do; else the status to exit with, after help, version or the reason
-// have been printed.
-std::optional<int> parseOptions(int argc, char** argv, Options* options);
+// Text to print on standard output: the help or the version.
+struct Information {
+    std::string text;
+};
+
+std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv);
+
+// One option, or a group of them, as the help, the manual page, the completion and the README
+// describe it.
+struct OptionText {
+    std::string group;
+    std::string name;                  // "--size"
+    std::string value;                 // "WxH"; empty for a flag
+    std::string summary;               // one phrase
+    std::string details;               // sentences that the help has no room for; may be empty
+    std::vector<std::string> choices;  // the values that can be completed
+};
+
+// All options in the order of the help, from the definition that parseOptions() uses.
+std::vector<OptionText> optionTexts();
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,27 +1,50 @@
-// What the output's codecs have a form for.
+// The containers and codecs of the output: their names on the command line, and what each supports.
 #pragma once
 
-#include <qmtranscode/cli/Options.h>
 #include <stdint.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace android::qmmediaeditor::cli {
 
-constexpr int32_t kMostAacChannels = 8;
+// The values are those of the output-format message.
+enum class FileFormat : int32_t { k3gp = 1, kMp4 = 2 };
+enum class VideoCodec : int32_t { kAvc = 2, kH263 = 1, kMpeg4 = 3 };
+enum class AudioCodec : int32_t { kAac = 3, kAmrNb = 1, kAmrWb = 2 };
 
-// The nearest sample rate that AAC has (ISO/IEC 14496-3, table 1.18).
-int32_t aacSampleRate(int32_t sampleRate);
+// The words that an option takes, each with its meaning.
+template <typename T>
+using Choices = std::vector<std::pair<std::string, T>>;
 
-// AMR has this one sample rate, and one channel.
+const Choices<FileFormat>& fileFormats();
+const Choices<VideoCodec>& videoCodecs();
+const Choices<AudioCodec>& audioCodecs();
+
+// "avc" for the MIME type of a codec that the command line has a word for; else the MIME type.
+std::string codecName(const std::string& mime);
+
+struct Size {
+    int32_t width;
+    int32_t height;
+};
+
+constexpr int32_t kMaxAacChannels = 8;
+constexpr int32_t kMaxAacSampleRate = 96000;
+
+// The nearest sample rate that AAC supports (ISO/IEC 14496-3, table 1.18).
+int32_t nearestAacSampleRate(int32_t sampleRate);
+
+// The only sample rate of an AMR codec, which is mono.
 int32_t amrSampleRate(AudioCodec codec);
-// The highest of its bit rates.
+// The highest bit rate of an AMR codec.
 int32_t amrBitrate(AudioCodec codec);
 
-// Whether the codec has pictures of this size: the five of ITU-T H.263, table 5, or what fits into
-// the 13 bits of ISO/IEC 14496-2.
-bool hasSize(VideoCodec codec, const Size& size);
-// "H.263 has only 128x96, …": what hasSize() looks for.
-std::string sizesOf(VideoCodec codec);
+// Whether the codec supports this frame size: one of the five of ITU-T H.263, table 5, or what the
+// 13-bit fields of ISO/IEC 14496-2 can hold.
+bool supportsSize(VideoCodec codec, const Size& size);
+// "H.263 supports only …": the sizes for which supportsSize() is true.
+std::string supportedSizesText(VideoCodec codec);
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,9 +1,8 @@
 #include <ctype.h>
-#include <inttypes.h>
+#include <fmt/format.h>
 #include <qmtranscode/cli/Values.h>
-#include <stdio.h>
-#include <stdlib.h>
 
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -14,128 +13,107 @@ namespace {
 
 constexpr int64_t kSecondUs = 1000000;
 // Longer than any recording, and far from where sums of periods would overflow.
-constexpr int64_t kLastHour = 9999;
+constexpr int64_t kMaxHours = 9999;
 
-bool isDigits(const std::string& text) {
-    if (text.empty()) return false;
-    for (char c : text) {
-        if (isdigit(static_cast<unsigned char>(c)) == 0) return false;
-    }
-    return true;
+bool startsWithDigit(std::string_view text) {
+    return !text.empty() && isdigit(static_cast<unsigned char>(text[0])) != 0;
 }
 
-bool parseDigits(const std::string& text, int64_t most, int64_t* value) {
-    // Short enough for any product below to stay within 64 bits.
-    if (!isDigits(text) || text.size() > 12) return false;
-    const int64_t number = strtoll(text.c_str(), nullptr, 10);
-    if (number > most) return false;
-    *value = number;
-    return true;
-}
-
-// "12" or "12.5" in microseconds.
-bool parseSeconds(const std::string& text, int64_t most, int64_t* timeUs) {
+// "12" or "12.5", in microseconds. The fraction is not rounded, which a double would be.
+std::optional<int64_t> parseSecondsUs(std::string_view text, int64_t maxSeconds) {
     const size_t point = text.find('.');
-    int64_t seconds = 0;
-    if (!parseDigits(text.substr(0, point), most, &seconds)) return false;
-    int64_t fractionUs = 0;
-    if (point != std::string::npos) {
-        std::string decimals = text.substr(point + 1);
-        if (decimals.size() > 6 || !isDigits(decimals)) return false;
-        decimals.resize(6, '0');
-        fractionUs = strtoll(decimals.c_str(), nullptr, 10);
+    const std::optional<int64_t> seconds = parseInteger(text.substr(0, point), 0, maxSeconds);
+    if (!seconds || point == std::string_view::npos) {
+        return seconds ? std::optional(*seconds * kSecondUs) : std::nullopt;
     }
-    *timeUs = seconds * kSecondUs + fractionUs;
-    return true;
+    constexpr size_t kDecimals = 6;
+    std::string decimals(text.substr(point + 1));
+    if (decimals.empty() || decimals.size() > kDecimals) return std::nullopt;
+    decimals.resize(kDecimals, '0');
+    const std::optional<int64_t> fractionUs = parseInteger(decimals, 0, kSecondUs);
+    return fractionUs ? std::optional(*seconds * kSecondUs + *fractionUs) : std::nullopt;
 }
 
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    size_t begin = 0;
-    for (size_t end; (end = text.find(separator, begin)) != std::string::npos; begin = end + 1) {
-        parts.push_back(text.substr(begin, end - begin));
+std::vector<std::string_view> split(std::string_view text, char separator) {
+    std::vector<std::string_view> parts;
+    for (size_t end; (end = text.find(separator)) != std::string_view::npos;) {
+        parts.push_back(text.substr(0, end));
+        text.remove_prefix(end + 1);
     }
-    parts.push_back(text.substr(begin));
+    parts.push_back(text);
     return parts;
 }
 
 }  // namespace
 
-bool parseNumber(const std::string& text, int32_t least, int32_t most, int32_t* value) {
-    int64_t number = 0;
-    if (!parseDigits(text, most, &number) || number < least) return false;
-    *value = static_cast<int32_t>(number);
-    return true;
+std::optional<int64_t> parseInteger(std::string_view text, int64_t min, int64_t max) {
+    int64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, value);
+    const bool isWhole = startsWithDigit(text) && error == std::errc() && rest == end;
+    return isWhole && value >= min && value <= max ? std::optional(value) : std::nullopt;
 }
 
-bool parseBitrate(const std::string& text, int32_t* bitrate) {
-    if (text.empty() || isdigit(static_cast<unsigned char>(text[0])) == 0) return false;
-    std::string number = text;
+std::optional<int32_t> parseBitrate(std::string_view text) {
+    if (!startsWithDigit(text)) return std::nullopt;
     double unit = 1;
-    const char last = number.back();
-    if (last == 'k' || last == 'K') unit = 1000;
-    if (last == 'M') unit = 1000000;
-    if (unit > 1) number.pop_back();
-    if (number.find_first_not_of("0123456789.") != std::string::npos) return false;
-    char* end = nullptr;
-    const double value = std::round(strtod(number.c_str(), &end) * unit);
-    if (*end != '\0' || value < 1 || value > std::numeric_limits<int32_t>::max()) return false;
-    *bitrate = static_cast<int32_t>(value);
-    return true;
-}
-
-bool parseSize(const std::string& text, Size* size) {
-    const std::vector<std::string> parts = split(text, 'x');
-    constexpr int32_t kMost = 1000000;
-    Size parsed{};
-    if (parts.size() != 2 || !parseNumber(parts[0], 0, kMost, &parsed.width) ||
-        !parseNumber(parts[1], 0, kMost, &parsed.height)) {
-        return false;
+    if (text.back() == 'k' || text.back() == 'K') unit = 1000;
+    if (text.back() == 'M') unit = 1000000;
+    if (unit > 1) text.remove_suffix(1);
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number, std::chars_format::fixed);
+    if (error != std::errc() || rest != end) return std::nullopt;
+    const double bitrate = std::round(number * unit);
+    // Below the minimum, no video or audio is left; more likely, the unit was forgotten.
+    constexpr int32_t kMinBitrate = 1000;
+    if (bitrate < kMinBitrate || bitrate > std::numeric_limits<int32_t>::max()) {
+        return std::nullopt;
     }
-    *size = parsed;
-    return true;
+    return static_cast<int32_t>(bitrate);
 }
 
-bool parseTime(const std::string& text, int64_t* timeUs) {
-    const std::vector<std::string> parts = split(text, ':');
-    if (parts.size() > 3) return false;
-    // Only the leading part may count beyond 59.
-    int64_t hours = 0;
-    int64_t minutes = 0;
-    int64_t secondsUs = 0;
-    if (parts.size() == 3 && !parseDigits(parts[0], kLastHour, &hours)) return false;
-    const int64_t mostMinutes = parts.size() == 3 ? 59 : kLastHour * 60;
-    if (parts.size() >= 2 && !parseDigits(parts[parts.size() - 2], mostMinutes, &minutes)) {
-        return false;
+std::optional<Size> parseSize(std::string_view text) {
+    constexpr int32_t kMax = 1000000;
+    const std::vector<std::string_view> parts = split(text, 'x');
+    if (parts.size() != 2) return std::nullopt;
+    const std::optional<int64_t> width = parseInteger(parts[0], 0, kMax);
+    const std::optional<int64_t> height = parseInteger(parts[1], 0, kMax);
+    if (!width || !height) return std::nullopt;
+    return Size{static_cast<int32_t>(*width), static_cast<int32_t>(*height)};
+}
+
+std::optional<int64_t> parseTimeUs(std::string_view text) {
+    const std::vector<std::string_view> parts = split(text, ':');
+    if (parts.size() > 3) return std::nullopt;
+    // Only the leading part may exceed 59.
+    std::optional<int64_t> hours = 0;
+    std::optional<int64_t> minutes = 0;
+    if (parts.size() == 3) hours = parseInteger(parts[0], 0, kMaxHours);
+    if (parts.size() >= 2) {
+        minutes = parseInteger(parts[parts.size() - 2], 0, parts.size() == 3 ? 59 : kMaxHours * 60);
     }
-    const int64_t mostSeconds = parts.size() >= 2 ? 59 : kLastHour * 3600;
-    if (!parseSeconds(parts.back(), mostSeconds, &secondsUs)) return false;
-    *timeUs = (hours * 3600 + minutes * 60) * kSecondUs + secondsUs;
-    return true;
+    const std::optional<int64_t> secondsUs =
+        parseSecondsUs(parts.back(), parts.size() >= 2 ? 59 : kMaxHours * 3600);
+    if (!hours || !minutes || !secondsUs) return std::nullopt;
+    return (*hours * 3600 + *minutes * 60) * kSecondUs + *secondsUs;
 }
 
-bool parsePeriod(const std::string& text, TrimPeriod* period) {
-    const std::vector<std::string> parts = split(text, '-');
-    TrimPeriod parsed{};
-    if (parts.size() != 2 || !parseTime(parts[0], &parsed.mStartUs) ||
-        !parseTime(parts[1], &parsed.mEndUs)) {
-        return false;
-    }
-    *period = parsed;
-    return true;
-}
-
-std::string secondsText(int64_t timeUs) {
-    char text[32];
-    snprintf(text, sizeof(text), "%.2f s", static_cast<double>(timeUs) / kSecondUs);
-    return text;
+std::optional<TrimPeriod> parsePeriod(std::string_view text) {
+    const std::vector<std::string_view> parts = split(text, '-');
+    if (parts.size() != 2) return std::nullopt;
+    const std::optional<int64_t> startUs = parseTimeUs(parts[0]);
+    const std::optional<int64_t> endUs = parseTimeUs(parts[1]);
+    if (!startUs || !endUs) return std::nullopt;
+    TrimPeriod period{};
+    period.mStartUs = *startUs;
+    period.mEndUs = *endUs;
+    return period;
 }
 
 std::string periodText(const TrimPeriod& period) {
-    char text[64];
-    snprintf(text, sizeof(text), "%g-%g", static_cast<double>(period.mStartUs) / kSecondUs,
-             static_cast<double>(period.mEndUs) / kSecondUs);
-    return text;
+    return fmt::format("{:g}-{:g}", static_cast<double>(period.mStartUs) / kSecondUs,
+                       static_cast<double>(period.mEndUs) / kSecondUs);
 }
 
 }  // namespace android::qmmediaeditor::cli

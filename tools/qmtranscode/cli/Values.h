@@ -1,36 +1,30 @@
-// The values that options take, as text and as numbers. Each parser is false, and leaves its output
-// as it was, for a text that it does not take as a whole.
+// The values of options as text. Each parser returns nothing unless it takes the whole text.
 #pragma once
 
 #include <TranscodeTypes.h>
+#include <qmtranscode/cli/OutputCodecs.h>
 #include <stdint.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace android::qmmediaeditor::cli {
 
-struct Size {
-    int32_t width;
-    int32_t height;
-};
+// Decimal digits, without a sign.
+std::optional<int64_t> parseInteger(std::string_view text, int64_t min, int64_t max);
 
-// A whole number from `least` to `most`.
-bool parseNumber(const std::string& text, int32_t least, int32_t most, int32_t* value);
-
-// Bits a second: a number, also with a fraction, with k (1000) or M (1000000) behind it or without.
-bool parseBitrate(const std::string& text, int32_t* bitrate);
+// Bits per second, from 1000: "64000", "128k" or "1.5M".
+std::optional<int32_t> parseBitrate(std::string_view text);
 
 // "640x360".
-bool parseSize(const std::string& text, Size* size);
+std::optional<Size> parseSize(std::string_view text);
 
-// Seconds ("90.25"), m:ss or h:mm:ss, each with up to six decimals.
-bool parseTime(const std::string& text, int64_t* timeUs);
+// Seconds ("90.25"), m:ss or h:mm:ss, each with up to six decimals. The result is in microseconds.
+std::optional<int64_t> parseTimeUs(std::string_view text);
 
-// "START-END". The order of the two is not looked at.
-bool parsePeriod(const std::string& text, TrimPeriod* period);
-
-// "90.25 s": two decimals.
-std::string secondsText(int64_t timeUs);
+// "START-END". Whether the end is after the start is not checked.
+std::optional<TrimPeriod> parsePeriod(std::string_view text);
 
 // "START-END", as parsePeriod takes it.
 std::string periodText(const TrimPeriod& period);

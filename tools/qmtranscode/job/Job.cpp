@@ -1,10 +1,10 @@
 #include <errno.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/cli/Descriptor.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
+#include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Plan.h>
 #include <qmtranscode/report/Progress.h>
 #include <string.h>
@@ -20,7 +20,8 @@ Outcome Job::run() {
     // The session closes it.
     const int outputFd = mOutput.duplicate();
     if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
-    Progress progress(mOptions.progress, mOptions.output, outputLengthUs());
+    Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
+                      outputLengthUs());
     const bool traces = mOptions.trace.has_value();
     if (traces) mTrace.begin();
     const int32_t result = transcode(outputFd, &progress);

@@ -1,5 +1,6 @@
 #include <qmtranscode/cli/Values.h>
 #include <qmtranscode/job/OutputVerifier.h>
+#include <qmtranscode/report/Format.h>
 #include <stdlib.h>
 
 #include <algorithm>

@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <qmtranscode/cli/Descriptor.h>
 #include <qmtranscode/job/PendingFile.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,5 +1,7 @@
 #include <qmtranscode/cli/OutputCodecs.h>
+#include <qmtranscode/cli/Values.h>
 #include <qmtranscode/job/Request.h>
+#include <qmtranscode/report/Format.h>
 
 #include <algorithm>
 
@@ -63,10 +65,10 @@ std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& inp
                                     const sp<AMessage>& format) {
     const Size size = outputSize(options, *input.video);
     const VideoCodec codec = options.videoCodec.value_or(VideoCodec::kAvc);
-    if (!hasSize(codec, size)) {
-        return Failure{
-            kExitUnusable, options.input,
-            sizesOf(codec) + ", and this would be " + sizeText(size) + "; --size would change it"};
+    if (!supportsSize(codec, size)) {
+        return Failure{kExitUnusable, options.input,
+                       supportedSizesText(codec) + ", and this would be " + sizeText(size) +
+                           "; --size would change it"};
     }
     constexpr int32_t kUsualFrameRate = 30;
     constexpr int32_t kHighestFrameRate = 240;
@@ -89,9 +91,9 @@ std::optional<Failure> setAudioKeys(const Options& options, const MediaFile& inp
     constexpr int32_t kUsualChannels = 2;
     const int32_t inputRate = audio.sampleRate > 0 ? audio.sampleRate : kUsualSampleRate;
     const int32_t inputChannels = audio.channels > 0 ? audio.channels : kUsualChannels;
-    const int32_t sampleRate = isAac ? aacSampleRate(inputRate) : amrSampleRate(codec);
+    const int32_t sampleRate = isAac ? nearestAacSampleRate(inputRate) : amrSampleRate(codec);
     const int32_t channels = options.audioChannels.value_or(isAac ? inputChannels : 1);
-    if (channels > kMostAacChannels) {
+    if (channels > kMaxAacChannels) {
         return Failure{kExitUnusable, options.input,
                        "AAC has no form for " + std::to_string(channels) +
                            " channels here; --audio-channels 2 would work"};
@@ -108,13 +110,13 @@ std::optional<Failure> setAudioKeys(const Options& options, const MediaFile& inp
 std::optional<Failure> checkSoundAsItIs(const Options& options, const MediaFile& input) {
     const std::optional<AudioTrack>& audio = input.audio;
     if (!audio) return std::nullopt;
-    const int32_t sampleRate = aacSampleRate(audio->sampleRate);
+    const int32_t sampleRate = nearestAacSampleRate(audio->sampleRate);
     if (audio->sampleRate > 0 && sampleRate != audio->sampleRate) {
         return Failure{kExitUnusable, options.input,
                        "AAC does not have its sound's " + std::to_string(audio->sampleRate) +
                            " Hz; --audio-rate " + std::to_string(sampleRate) + " would work"};
     }
-    if (audio->channels > kMostAacChannels) {
+    if (audio->channels > kMaxAacChannels) {
         return Failure{kExitUnusable, options.input,
                        "AAC has no form for its sound's " + std::to_string(audio->channels) +
                            " channels here; --audio-channels 2 would work"};
@@ -148,7 +150,7 @@ std::optional<Failure> makePeriods(const Options& options, const MediaFile& inpu
 std::optional<Failure> makeOutputFormat(const Options& options, const MediaFile& input,
                                         sp<AMessage>* format) {
     format->clear();
-    if (!options.namesOutputFormat()) return checkSoundAsItIs(options, input);
+    if (!options.specifiesOutputFormat()) return checkSoundAsItIs(options, input);
     const sp<AMessage> message = new AMessage(kOutputFormatWhat);
     message->setInt32("file-format", static_cast<int32_t>(outputFileFormat(options)));
     if (input.video) {

@@ -1,6 +1,7 @@
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/cli/Values.h>
 #include <qmtranscode/monitor/StallDetector.h>
+#include <qmtranscode/report/Format.h>
 
 #include <algorithm>
 

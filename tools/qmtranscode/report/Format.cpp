@@ -1,36 +1,22 @@
-#include <media/stagefright/foundation/MediaDefs.h>
+#include <fmt/format.h>
 #include <qmtranscode/report/Format.h>
 #include <sha2.h>
-#include <stdio.h>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
+constexpr bool kAsciiOnly = true;
+
 std::string scaled(int64_t value, const char* unit) {
-    const bool mega = value >= 1000000;
-    char text[48];
-    snprintf(text, sizeof(text), "%.1f %c%s", static_cast<double>(value) / (mega ? 1e6 : 1e3),
-             mega ? 'M' : 'k', unit);
-    return text;
+    const bool isMega = value >= 1000000;
+    return fmt::format("{:.1f} {}{}", static_cast<double>(value) / (isMega ? 1e6 : 1e3),
+                       isMega ? 'M' : 'k', unit);
 }
 
 }  // namespace
 
-std::string codecName(const std::string& mime) {
-    const struct {
-        const char* mime;
-        const char* name;
-    } kNames[] = {
-        {MEDIA_MIMETYPE_VIDEO_AVC, "avc"},       {MEDIA_MIMETYPE_VIDEO_H263, "h263"},
-        {MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"},   {MEDIA_MIMETYPE_AUDIO_AAC, "aac"},
-        {MEDIA_MIMETYPE_AUDIO_AMR_NB, "amr-nb"}, {MEDIA_MIMETYPE_AUDIO_AMR_WB, "amr-wb"},
-    };
-    for (const auto& entry : kNames) {
-        if (mime == entry.mime) return entry.name;
-    }
-    return mime;
-}
+std::string secondsText(int64_t us) { return fmt::format("{:.2f} s", secondsOf(us)); }
 
 std::string bytesText(int64_t bytes) { return scaled(bytes, "B"); }
 
@@ -40,6 +26,14 @@ std::string sha256(const std::string& bytes) {
     char text[SHA256_DIGEST_STRING_LENGTH];
     SHA256Data(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), text);
     return text;
+}
+
+std::string dumpJson(const Json& json) {
+    return json.dump(2, ' ', kAsciiOnly, Json::error_handler_t::replace) + '\n';
+}
+
+std::string dumpJsonLine(const Json& json) {
+    return json.dump(-1, ' ', kAsciiOnly, Json::error_handler_t::replace);
 }
 
 }  // namespace android::qmmediaeditor::cli

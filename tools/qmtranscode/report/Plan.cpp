@@ -1,8 +1,8 @@
 #include <editorutils/MediaEditorDefs.h>
+#include <qmtranscode/cli/OutputCodecs.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/TrackWalk.h>
 #include <qmtranscode/report/Format.h>
-#include <qmtranscode/report/Json.h>
 #include <qmtranscode/report/Plan.h>
 #include <string.h>
 #include <strings.h>
@@ -12,8 +12,6 @@
 namespace android::qmmediaeditor::cli {
 
 namespace {
-
-double seconds(int64_t us) { return static_cast<double>(us) / 1e6; }
 
 bool isOf(const std::string& mime, const char* kind) {
     return strncasecmp(mime.c_str(), kind, strlen(kind)) == 0;
@@ -101,14 +99,14 @@ Json periodsOf(const Options& options, const InputFile& input,
     int64_t beginUs = 0;
     for (size_t i = 0; i < periods.size(); ++i) {
         const TrimPeriod& period = periods[i];
-        Json entry = {{"start", seconds(period.mStartUs)},
-                      {"end", seconds(period.mEndUs)},
-                      {"in_output_at", seconds(beginUs)},
+        Json entry = {{"start", secondsOf(period.mStartUs)},
+                      {"end", secondsOf(period.mEndUs)},
+                      {"in_output_at", secondsOf(beginUs)},
                       {"seek_point", nullptr}};
         const std::optional<int64_t> pointUs = seekPointUs(input.fd(), tracks, period.mStartUs);
-        if (pointUs) entry["seek_point"] = seconds(*pointUs);
+        if (pointUs) entry["seek_point"] = secondsOf(*pointUs);
         if (period.mEndUs != options.periods[i].mEndUs) {
-            entry["asked_end"] = seconds(options.periods[i].mEndUs);
+            entry["asked_end"] = secondsOf(options.periods[i].mEndUs);
         }
         beginUs += period.mEndUs - period.mStartUs;
         list.push_back(std::move(entry));
@@ -122,7 +120,7 @@ Json estimateOf(int64_t lengthUs, const TrialResult& trial) {
     if (!trial.written) return json;
     const int64_t madeUs = trial.written->media.durationUs();
     if (madeUs <= 0) return json;
-    const double times = std::max(1.0, seconds(lengthUs) / seconds(madeUs));
+    const double times = std::max(1.0, secondsOf(lengthUs) / secondsOf(madeUs));
     json["bytes"] =
         static_cast<int64_t>(static_cast<double>(trial.written->media.sizeBytes) * times);
     json["seconds"] = trial.wallSeconds * times;
@@ -143,7 +141,7 @@ std::string planJson(const Options& options, const InputFile& input,
 
     Json output = {{"file", options.output},
                    {"format", wordOf(kindOfFile(options), options.format.has_value())},
-                   {"length", seconds(lengthUs)},
+                   {"length", secondsOf(lengthUs)},
                    {"video", nullptr},
                    {"audio", nullptr}};
     if (media.video) output["video"] = videoOf(options, *media.video, trial.counts);
@@ -151,7 +149,7 @@ std::string planJson(const Options& options, const InputFile& input,
     Json json = {{"input",
                   {{"file", input.path()},
                    {"bytes", media.sizeBytes},
-                   {"length", seconds(media.durationUs())},
+                   {"length", secondsOf(media.durationUs())},
                    {"tracks", tracksOf(media)}}},
                  {"output", std::move(output)},
                  {"periods", periodsOf(options, input, periods)},

@@ -1,7 +1,6 @@
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/cli/Values.h>
 #include <qmtranscode/report/Format.h>
-#include <qmtranscode/report/Json.h>
 #include <qmtranscode/report/Receipt.h>
 #include <stdio.h>
 
@@ -38,19 +37,17 @@ void markNumber(const std::string& key, char mark, std::string* json) {
     }
 }
 
-double seconds(int64_t us) { return static_cast<double>(us) / 1e6; }
-
 int64_t bitrateOf(const TrackSamples& samples) {
     const int64_t lengthUs = samples.endUs - samples.firstUs;
     if (lengthUs <= 0) return 0;
-    return static_cast<int64_t>(static_cast<double>(samples.bytes) * 8 / seconds(lengthUs));
+    return static_cast<int64_t>(static_cast<double>(samples.bytes) * 8 / secondsOf(lengthUs));
 }
 
 // Pictures a second, as they come on average.
 double rateOf(const TrackSamples& samples) {
     if (samples.count < 2) return 0;
     const auto [first, last] = std::minmax_element(samples.timesUs.begin(), samples.timesUs.end());
-    return static_cast<double>(samples.count - 1) / std::max(seconds(*last - *first), 1e-6);
+    return static_cast<double>(samples.count - 1) / std::max(secondsOf(*last - *first), 1e-6);
 }
 
 std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
@@ -101,7 +98,7 @@ Json tracksOf(const WrittenFile& written, const RunCounts& counts) {
                           {"frames", written.video->count},
                           {"bytes", written.video->bytes},
                           {"bitrate", bitrateOf(*written.video)},
-                          {"seconds", seconds(written.video->endUs - written.video->firstUs)}});
+                          {"seconds", secondsOf(written.video->endUs - written.video->firstUs)}});
     }
     if (written.audio) {
         const AudioTrack& audio = *written.media.audio;
@@ -114,14 +111,14 @@ Json tracksOf(const WrittenFile& written, const RunCounts& counts) {
                           {"frames", written.audio->count},
                           {"bytes", written.audio->bytes},
                           {"bitrate", bitrateOf(*written.audio)},
-                          {"seconds", seconds(written.audio->endUs - written.audio->firstUs)}});
+                          {"seconds", secondsOf(written.audio->endUs - written.audio->firstUs)}});
     }
     return tracks;
 }
 
 Json spanOf(const std::optional<TrimPeriod>& span) {
     if (!span) return nullptr;
-    return {{"first", seconds(span->mStartUs)}, {"last", seconds(span->mEndUs)}};
+    return {{"first", secondsOf(span->mStartUs)}, {"last", secondsOf(span->mEndUs)}};
 }
 
 Json periodsOf(const Receipt& receipt) {
@@ -135,7 +132,7 @@ Json periodsOf(const Receipt& receipt) {
                        {"frames_out", result.framesOut},
                        {"frames_dropped", result.dropped},
                        {"sound_skew_ms", nullptr}};
-        if (result.inputEndUs) period["input_ends"] = seconds(*result.inputEndUs);
+        if (result.inputEndUs) period["input_ends"] = secondsOf(*result.inputEndUs);
         if (result.skewUs) period["sound_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
         periods.push_back(std::move(period));
     }
@@ -169,14 +166,14 @@ std::string audioRows(const AudioTrack& audio, const TrackSamples& samples) {
 
 std::string spanText(const TrimPeriod& span) {
     char text[48];
-    snprintf(text, sizeof(text), "%.3f-%.3f s", seconds(span.mStartUs), seconds(span.mEndUs));
+    snprintf(text, sizeof(text), "%.3f-%.3f s", secondsOf(span.mStartUs), secondsOf(span.mEndUs));
     return text;
 }
 
 std::string periodRows(const PeriodResult& result) {
     std::string rows = row("period", "%s asked", spanText(result.asked).c_str());
     if (result.inputEndUs) {
-        rows += row("", "the input ends at %.3f s", seconds(*result.inputEndUs));
+        rows += row("", "the input ends at %.3f s", secondsOf(*result.inputEndUs));
     }
     if (result.pictures) rows += row("", "%s pictures", spanText(*result.pictures).c_str());
     if (result.sound) rows += row("", "%s sound", spanText(*result.sound).c_str());
@@ -190,10 +187,10 @@ std::string periodRows(const PeriodResult& result) {
 }  // namespace
 
 Usage usageOf(const rusage& usage) {
-    const auto secondsOf = [](const timeval& time) {
+    const auto cpuSeconds = [](const timeval& time) {
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
     };
-    return {secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime),
+    return {cpuSeconds(usage.ru_utime) + cpuSeconds(usage.ru_stime),
             static_cast<int64_t>(usage.ru_maxrss) * 1024};
 }
 
@@ -221,7 +218,7 @@ std::string toJson(const Receipt& receipt) {
     const int64_t lengthUs = written.media.durationUs();
     const int64_t validUs = receipt.complete ? lengthUs : commonEndUs(written);
     Json json = {{"status", receipt.complete ? "complete" : "stopped"},
-                 {"valid_up_to", seconds(validUs)},
+                 {"valid_up_to", secondsOf(validUs)},
                  {"input", receipt.input},
                  {"output", receipt.output},
                  {"bytes", written.media.sizeBytes},
@@ -234,7 +231,7 @@ std::string toJson(const Receipt& receipt) {
                              {"sha256", sha256(written.media.uuidData)}};
     }
     json["seconds"] = receipt.wallSeconds;
-    json["speed"] = seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
+    json["speed"] = secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
     json["cpu_seconds"] = nullptr;
     json["peak_memory_bytes"] = nullptr;
     std::string text = dumpJson(json);
@@ -269,7 +266,7 @@ std::string toText(const Receipt& receipt) {
     }
     return text +
            row("took", "%.2f s, %.1f x real time", receipt.wallSeconds,
-               seconds(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
+               secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
            row("", "%c s CPU, %c memory", kCpuTextMark, kMemoryTextMark);
 }
 

@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/cli/Descriptor.h>
 #include <qmtranscode/monitor/LogOutput.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Receipt.h>
@@ -57,7 +56,7 @@ const char* textOf(WorkerStage stage) {
 }
 
 ExitStatus exitStatus(int value) {
-    for (const ExitStatus known : {kExitWhole, kExitUsage, kExitUnusable, kExitStopped}) {
+    for (const ExitStatus known : {kExitComplete, kExitUsage, kExitUnusable, kExitStopped}) {
         if (value == known) return known;
     }
     return kExitFailed;
@@ -360,7 +359,7 @@ int Supervisor::crashed() {
 int Supervisor::kept() {
     ExitStatus status = exitStatus(mResult.status);
     std::string failure(mFailure, mFailureSize);
-    bool isComplete = status == kExitWhole;
+    bool isComplete = status == kExitComplete;
     bool isKept = true;
     const auto fail = [&](const Failure& reason) {
         status = reason.status;
@@ -394,7 +393,7 @@ int Supervisor::kept() {
             }
         }
     }
-    if (status != kExitWhole) mScreen.line("qmtranscode: " + failure);
+    if (status != kExitComplete) mScreen.line("qmtranscode: " + failure);
     return status;
 }
 

@@ -97,7 +97,7 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
         endWith("not enough memory");
     }
     WorkerResult result;
-    result.status = outcome.failure ? outcome.failure->status : kExitWhole;
+    result.status = outcome.failure ? outcome.failure->status : kExitComplete;
     result.keepOutput = outcome.keepOutput;
     result.traceError = outcome.traceError;
     std::string failure;
