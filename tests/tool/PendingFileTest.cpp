@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/job/OutputFile.h>
+#include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/PendingFile.h>
 #include <stdlib.h>
 #include <string.h>
@@ -288,7 +288,7 @@ TEST_F(PendingFileTest, placesThatCannotBeUsed_areRefusedBeforeAnythingIsWritten
     }
     EXPECT_NE("", check("", true));
     EXPECT_NE("", check("/dev/null", true));
-    EXPECT_EQ("this file exists; --overwrite would replace it", check(path("out"), false));
+    EXPECT_EQ("the file exists; --overwrite would replace it", check(path("out"), false));
     EXPECT_EQ("", check(path("out"), true));
     EXPECT_EQ("", check(path(std::string(255, 'n')), false));
     EXPECT_EQ(strerror(ENAMETOOLONG), check(path(std::string(256, 'n')), false));
@@ -356,17 +356,18 @@ TEST_F(PendingFileTest, removeNow_removesHiddenNamesAndNothingElse) {
     EXPECT_EQ("new", read("out"));
 }
 
-TEST_F(PendingFileTest, outputFile_isNeverTheInput) {
+TEST_F(PendingFileTest, jobFiles_outputIsNeverTheInput) {
     write("input", "in");
     fs::create_symlink("input", path("link"));
     fs::create_hard_link(path("input"), path("twin"));
-    InputFile input;
-    ASSERT_FALSE(input.open(path("input")).has_value());
     for (const char* name : {"input", "link", "twin", "./input"}) {
-        OutputFile output;
-        const std::optional<Failure> failure = output.check(path(name), true, input);
+        Options options;
+        options.input = path("input");
+        options.output = path(name);
+        options.overwrite = true;
+        const std::optional<Failure> failure = JobFiles().open(options);
         ASSERT_TRUE(failure.has_value()) << name;
-        EXPECT_EQ("this is the input", failure->reason) << name;
+        EXPECT_EQ("this is the input file", failure->reason) << name;
     }
 }
 

@@ -3,6 +3,7 @@
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <qmtranscode/sandbox/Worker.h>
 #include <signal.h>
@@ -62,7 +63,7 @@ int run(int argc, char** argv) {
         isatty(STDERR_FILENO) == 1 ? cli::ProgressStyle::kBar : cli::ProgressStyle::kNone;
     options.progress = options.progress.value_or(style);
 
-    cli::blockSignals();
+    cli::SignalHandler::block();
     cli::JobFiles files;
     if (const std::optional<cli::Failure> failure = files.open(options)) return failed(*failure);
 
@@ -80,13 +81,13 @@ int run(int argc, char** argv) {
     if (worker == 0) {
         close(links[0]);
         close(libraryOutput[0]);
-        const cli::Link link(links[1]);
+        const cli::WorkerLink link(links[1]);
         cli::runWorker(options, &files, link, shared, libraryOutput[1], parent);
     }
     close(links[1]);
     close(libraryOutput[1]);
     fcntl(links[0], F_SETFL, O_NONBLOCK);
-    const cli::Link link(links[0]);
+    const cli::WorkerLink link(links[0]);
     cli::Supervisor::Job job;
     job.input = options.input;
     job.output = options.plan ? nullptr : &files.output;
@@ -94,8 +95,8 @@ int run(int argc, char** argv) {
     job.receipt = files.receipt;
     job.libraryOutput = libraryOutput[0];
     job.showsLibraryOutput = options.logFilter.has_value();
-    job.mayKeepPartial = options.keepPartial && !files.output.replaces();
-    if (options.json) job.lastWords = cli::emptyReceipt(options.input, options.output);
+    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr;
+    if (options.json) job.emptyReceipt = cli::emptyReceipt(options.input, options.output);
     return cli::Supervisor(job, worker, link, shared).run();
 }
 

@@ -18,7 +18,7 @@ namespace {
 Mutex gLock;
 std::string gBar GUARDED_BY(gLock);
 // Both null outside of a worker.
-const Link* gLink = nullptr;
+const WorkerLink* gLink = nullptr;
 const std::atomic<int>* gColumns = nullptr;
 
 void write(const std::string& text) {
@@ -60,7 +60,7 @@ bool steersTerminal(char32_t code) {
 
 }  // namespace
 
-void useLink(const Link* link, const std::atomic<int>* columns) {
+void useLink(const WorkerLink* link, const std::atomic<int>* columns) {
     gLink = link;
     gColumns = columns;
 }
@@ -100,7 +100,7 @@ void drawBar(const std::string& bar) {
 
 void removeBar() {
     if (gLink != nullptr) {
-        gLink->send(Message::kNoBar);
+        gLink->send(Message::kRemoveBar);
         return;
     }
     Mutex::Autolock lock(gLock);

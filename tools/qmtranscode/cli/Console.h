@@ -17,7 +17,7 @@ constexpr const char* kEraseLine = "\r\x1b[K";
 
 // From here on everything goes to the parent process, which writes it; `columns` has the width of
 // its terminal. For a worker, before it has other threads.
-void useLink(const Link* link, const std::atomic<int>* columns);
+void useLink(const WorkerLink* link, const std::atomic<int>* columns);
 
 // `text`, which may have several lines, and a line break, above the bar.
 void printLine(const std::string& text);

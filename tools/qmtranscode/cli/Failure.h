@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <variant>
 
 namespace android::qmmediaeditor::cli {
 
@@ -26,6 +27,10 @@ struct Failure {
     // "<subject>: <reason>", or the reason alone.
     std::string text() const;
 };
+
+// What an operation gives, or why it does not.
+template <typename T>
+using Result = std::variant<T, Failure>;
 
 // The status for a system call that failed with this errno: kExitFailed where another try may
 // succeed (I/O errors and exhausted resources), else kExitUnusable.

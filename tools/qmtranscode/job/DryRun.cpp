@@ -1,84 +1,51 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <host/foundation/Deadline.h>
 #include <qmtranscode/job/DryRun.h>
-#include <qmtranscode/job/Session.h>
+#include <qmtranscode/monitor/Timer.h>
+#include <qmtranscode/report/Format.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include <functional>
-#include <thread>
-#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-constexpr int64_t kMeasurementUs = 2000000;
-// A track may begin an hour behind the other, and a machine may have much else to do.
-constexpr int64_t kLongestUs = 10000000;
-constexpr int64_t kNextLookUs = 50000;
-
-// Stops a session when it has been measured, or after the longest time, unless it is destroyed
-// before.
-class Deadline {
-public:
-    Deadline(Session* session, std::function<bool()> enough)
-        : mThread([this, session, enough = std::move(enough)] {
-              Mutex::Autolock lock(mLock);
-              const nsecs_t longest = deadlineAfter(kLongestUs);
-              nsecs_t look = deadlineAfter(kMeasurementUs);
-              while (!mEnd) {
-                  if (waitUntil(look, mDone, mLock)) continue;
-                  if (enough() || look >= longest) break;
-                  look = deadlineAfter(kNextLookUs);
-              }
-              if (!mEnd) session->cancel();
-          }) {}
-
-    ~Deadline() {
-        {
-            Mutex::Autolock lock(mLock);
-            mEnd = true;
-            mDone.signal();
-        }
-        mThread.join();
-    }
-
-private:
-    Mutex mLock;
-    Condition mDone;
-    bool mEnd GUARDED_BY(mLock) = false;
-    std::thread mThread;
-};
+constexpr Timer::Delay kMeasurement{2000};
+constexpr Timer::Delay kNextCheck{50};
+// A track may start an hour after the other one, and the machine may be busy.
+constexpr int64_t kMaxUs = 10000000;
 
 }  // namespace
 
-std::optional<Failure> tryRequest(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const sp<AMessage>& outputFormat, RunMonitor* monitor,
-                                  TrialResult* result) {
+Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& periods,
+                      const sp<AMessage>& outputFormat, RunMonitor* monitor) {
     const int memory = memfd_create("qmtranscode-plan", MFD_CLOEXEC);
     const int output = memory < 0 ? -1 : fcntl(memory, F_DUPFD_CLOEXEC, 0);
-    if (output < 0) return Failure{kExitFailed, "memory for a measurement", strerror(errno)};
+    if (output < 0) return Failure{kExitFailed, "memory for the dry run", strerror(errno)};
 
-    const int64_t beginUs = nowUs();
+    const int64_t startUs = nowUs();
     monitor->begin(periods, nullptr);
     int32_t status;
     {
         Session session({input.fd(), output, periods, outputFormat,
                          [monitor](int32_t percent) { monitor->onProgress(percent); }});
         const MediaFile& media = input.media();
-        const Deadline deadline(&session, [monitor, &media] {
-            return monitor->hasEncoded(media.video.has_value(), media.audio.has_value());
+        const Timer stop(kMeasurement, [&]() -> std::optional<Timer::Delay> {
+            const bool isMeasured =
+                monitor->hasEncoded(media.video.has_value(), media.audio.has_value());
+            if (!isMeasured && nowUs() - startUs < kMaxUs) return kNextCheck;
+            session.cancel();
+            return std::nullopt;
         });
         status = session.run();
     }
-    result->counts = monitor->end();
-    result->wallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;
-    result->written = readBack(memory);
+    DryRun result;
+    result.statistics = monitor->end();
+    result.wallSeconds = secondsOf(nowUs() - startUs);
+    result.output = readOutput(memory);
     close(memory);
-    if (status == OK || status == kStopped) return std::nullopt;
+    if (status == OK || status == kStopped) return result;
     return Failure{kExitUnusable, input.path(), reasonOf(status)};
 }
 

@@ -1,9 +1,10 @@
-// A short run into memory: whether a request works, what comes out of it, and how fast.
+// A short run into memory: whether a request works, what its output looks like, and how fast it is.
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
-#include <qmtranscode/job/InputFile.h>
+#include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/OutputVerifier.h>
+#include <qmtranscode/job/Session.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 
 #include <optional>
@@ -11,17 +12,16 @@
 
 namespace android::qmmediaeditor::cli {
 
-struct TrialResult {
-    RunCounts counts;
+struct DryRun {
+    RunStatistics statistics;
     // Nothing when the time was too short for the first samples.
-    std::optional<WrittenFile> written;
+    std::optional<OutputContents> output;
     double wallSeconds = 0;
 };
 
-// Runs for two seconds: less when the work is done earlier, and up to ten when a track takes so
-// long to come as far as the writer. A failure when the request cannot be carried out.
-std::optional<Failure> tryRequest(const InputFile& input, const std::vector<TrimPeriod>& periods,
-                                  const sp<AMessage>& outputFormat, RunMonitor* monitor,
-                                  TrialResult* result);
+// Runs for two seconds: less when the work is done earlier, and up to ten until each track has
+// reached the writer. A failure if the request cannot be carried out.
+Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& periods,
+                      const sp<AMessage>& outputFormat, RunMonitor* monitor);
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,15 +1,16 @@
 #include <errno.h>
+#include <fmt/format.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/DryRun.h>
 #include <qmtranscode/job/Job.h>
+#include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Plan.h>
 #include <qmtranscode/report/Progress.h>
 #include <string.h>
-
-#include <algorithm>
 
 namespace android::qmmediaeditor::cli {
 
@@ -22,33 +23,36 @@ Outcome Job::run() {
     if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
                       outputLengthUs());
-    const bool traces = mOptions.trace.has_value();
-    if (traces) mTrace.begin();
+    const bool hasTrace = mOptions.trace.has_value();
+    if (hasTrace) mTrace.begin();
     const int32_t result = transcode(outputFd, &progress);
     Outcome outcome = conclude(result, &progress);
-    if (traces) outcome.traceError = mTrace.end();
+    if (hasTrace) outcome.traceError = mTrace.end();
     return outcome;
 }
 
 Outcome Job::conclude(int32_t result, Progress* progress) {
-    if (auto failure = mInput.checkReads(*mFacts)) return {failure};
-    if (result == OK) return keepWhole(progress);
-    if (result == kStopped && mControl->stopRequested()) return keepStopped();
-    return {failed(result)};
+    if (auto failure = mInput.checkReads(*mObserver)) return {failure};
+    if (result == OK) return concludeComplete(progress);
+    if (result == kStopped && mControl->stopRequested()) return concludeStopped();
+    return {failureOf(result)};
 }
 
 std::optional<Failure> Job::prepare() {
-    if (auto failure = mInput.probe(*mFacts)) return failure;
-    if (auto failure = makePeriods(mOptions, mInput.media(), &mPeriods)) return failure;
-    return makeOutputFormat(mOptions, mInput.media(), &mOutputFormat);
+    if (auto failure = mInput.probe(*mObserver)) return failure;
+    auto periods = makePeriods(mOptions, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
+    mPeriods = std::get<std::vector<TrimPeriod>>(periods);
+    auto format = makeOutputFormat(mOptions, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+    mOutputFormat = std::get<sp<AMessage>>(format);
+    return std::nullopt;
 }
 
 std::optional<Failure> Job::plan() {
-    TrialResult trial;
-    if (auto failure = tryRequest(mInput, mPeriods, mOutputFormat, mMonitor, &trial)) {
-        return failure;
-    }
-    return writeReceipt(planJson(mOptions, mInput, mPeriods, trial));
+    const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor);
+    if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
+    return writeReceipt(planJson(mOptions, mInput, mPeriods, std::get<DryRun>(result)));
 }
 
 int64_t Job::outputLengthUs() const {
@@ -59,7 +63,7 @@ int64_t Job::outputLengthUs() const {
 }
 
 int32_t Job::transcode(int outputFd, Progress* progress) {
-    const int64_t beginUs = nowUs();
+    const int64_t startUs = nowUs();
     mMonitor->begin(mPeriods, mOptions.trace ? &mTrace : nullptr);
     int32_t result;
     {
@@ -70,96 +74,105 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
              }});
         mControl->onStop([&session] { session.cancel(); });
         mControl->report(WorkerStage::kStarting);
-        mFacts->begin([this] { mControl->report(WorkerStage::kTranscoding); });
+        mObserver->begin([this] { mControl->report(WorkerStage::kTranscoding); });
         result = session.run();
         mControl->ignoreStop();
-        mControl->report(WorkerStage::kChecking);
+        mControl->report(WorkerStage::kVerifying);
     }
-    mCounts = mMonitor->end();
-    // What long tracks need tables for is needed again by whoever reads the output back.
+    mStatistics = mMonitor->end();
+    // Verification needs as much memory for the tables of long tracks again.
     malloc_trim(0);
-    mWallSeconds = static_cast<double>(nowUs() - beginUs) / 1e6;
+    mWallSeconds = secondsOf(nowUs() - startUs);
     return result;
 }
 
-Outcome Job::keepWhole(Progress* progress) {
-    Receipt receipt = readReceipt();
-    if (!receipt.written) return {nothingWritten()};
-    if (auto failure = checkWhole(mInput, mCounts, *mFacts, *receipt.written, mOutput.path())) {
-        return {failure};
+Outcome Job::concludeComplete(Progress* progress) {
+    Receipt receipt = makeReceipt();
+    if (!receipt.contents) return {noSamples()};
+    const OutputVerifier verifier(mInput, mStatistics, *mObserver);
+    if (auto reason = verifier.verify(*receipt.contents)) {
+        return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
     }
-    if (auto failure = checkTracks(*receipt.written)) return {failure};
-    receipt.complete = true;
+    if (auto failure = checkTracks(*receipt.contents)) return {failure};
+    receipt.isComplete = true;
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
     return {std::nullopt, true};
 }
 
-Outcome Job::keepStopped() {
-    const Receipt receipt = readReceipt();
+Outcome Job::concludeStopped() {
+    const Receipt receipt = makeReceipt();
     if (auto failure = writeReceipt(receipt)) return {failure};
-    if (!receipt.written) {
+    if (!receipt.contents) {
         return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written"}};
     }
-    return {Failure{kExitStopped, mOutput.path(),
-                    "stopped; it is valid up to " + secondsText(commonEndUs(*receipt.written))},
-            true};
+    return {
+        Failure{kExitStopped, mOutput.path(),
+                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs())},
+        true};
 }
 
-std::optional<Failure> Job::failed(int32_t result) const {
-    if (const std::optional<int> error = mFacts->writeError()) {
-        return Failure{kExitFailed, mOutput.path(), strerror(*error)};
+Failure Job::failureOf(int32_t result) const {
+    if (const std::optional<int> error = mObserver->writeError()) {
+        return {kExitFailed, mOutput.path(), strerror(*error)};
     }
     const bool isInputs =
         result == kInvalidRequest || result == kReadError || result == kDecoderError;
-    return Failure{kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+    return {kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
 }
 
-Failure Job::nothingWritten() const {
-    if (!mFacts->framesUs().empty() || mFacts->audioUs() > 0) {
-        return {kExitFailed, mOutput.path(), "the check of the output failed: it cannot be read"};
+Failure Job::noSamples() const {
+    if (!mObserver->framesUs().empty() || mObserver->audioUs() > 0) {
+        return {kExitFailed, mOutput.path(), "output verification failed: the file cannot be read"};
     }
-    if (mPeriods.empty()) return {kExitUnusable, mInput.path(), "nothing in it could be decoded"};
+    if (mPeriods.empty()) {
+        return {kExitUnusable, mInput.path(), "no frame and no audio could be decoded"};
+    }
     return {kExitUnusable, mInput.path(),
-            "no frame and no audio begins in " +
-                std::string(mPeriods.size() > 1 ? "these periods" : "this period")};
+            std::string("no frame and no audio starts in ") +
+                (mPeriods.size() > 1 ? "these periods" : "this period")};
 }
 
-std::optional<Failure> Job::checkTracks(const WrittenFile& written) const {
-    const bool lacksVideo = mInput.media().video && !written.video;
-    const bool lacksAudio = mInput.media().audio && !written.audio;
-    if (lacksVideo && mCounts.damagedVideo > 0) {
+void Job::printMissing(const char* type, const char* reason) const {
+    console::printLine(fmt::format("qmtranscode: {}: written without {}, because {}",
+                                   mOutput.path(), type, reason));
+}
+
+std::optional<Failure> Job::checkTracks(const OutputContents& output) const {
+    const bool lacksVideo = mInput.media().video && !output.video;
+    const bool lacksAudio = mInput.media().audio && !output.audio;
+    if (lacksVideo && mStatistics.damagedVideo > 0) {
         return Failure{kExitUnusable, mInput.path(), "no frame of its video could be decoded"};
     }
-    if (lacksAudio && mCounts.damagedAudio > 0) {
+    if (lacksAudio && mStatistics.damagedAudio > 0) {
         return Failure{kExitUnusable, mInput.path(), "nothing of its audio could be decoded"};
     }
-    const std::string where =
-        mPeriods.empty() ? "the input's has no samples" : "none of it begins in these periods";
     if (lacksVideo) {
-        console::printLine("qmtranscode: " + mOutput.path() + ": no video track: " + where);
+        printMissing("video", mPeriods.empty() ? "the input's video track has no samples"
+                                               : "no frame of the input starts in the periods");
     }
     if (lacksAudio) {
-        console::printLine("qmtranscode: " + mOutput.path() + ": no audio track: " + where);
+        printMissing("audio", mPeriods.empty() ? "the input's audio track has no samples"
+                                               : "no audio of the input starts in the periods");
     }
     return std::nullopt;
 }
 
-Receipt Job::readReceipt() const {
+Receipt Job::makeReceipt() const {
     Receipt receipt;
     receipt.input = mInput.path();
     receipt.output = mOutput.path();
     receipt.asked = mOptions.periods;
     receipt.inputUs = mInput.media().durationUs();
-    receipt.counts = mCounts;
+    receipt.statistics = mStatistics;
     receipt.wallSeconds = mWallSeconds;
-    receipt.written = readBack(mOutput.fd());
+    receipt.contents = readOutput(mOutput.fd());
     return receipt;
 }
 
 std::optional<Failure> Job::writeReceipt(const Receipt& receipt) const {
     if (mOptions.json) return writeReceipt(toJson(receipt));
-    return receipt.written ? writeReceipt(toText(receipt)) : std::nullopt;
+    return receipt.contents ? writeReceipt(toText(receipt)) : std::nullopt;
 }
 
 std::optional<Failure> Job::writeReceipt(const std::string& text) const {

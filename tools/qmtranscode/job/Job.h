@@ -1,15 +1,16 @@
-// One run of the command, from checked options to an exit status.
+// One run of the command in the worker, from checked options to an exit status.
 #pragma once
 
+#include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
-#include <qmtranscode/monitor/RunFacts.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/sandbox/WorkerControl.h>
+#include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
 
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
@@ -20,17 +21,17 @@ class Progress;
 struct Outcome {
     // Nothing when the output is complete.
     std::optional<Failure> failure;
-    // The output is to get its name: it is complete, or valid up to where it was stopped.
+    // The output is to get its name: it is complete, or valid up to the time of a stop.
     bool keepOutput = false;
     int traceError = 0;  // errno of the first failed write of the trace
 };
 
 class Job {
 public:
-    // All outlive the job. A platform has to be installed; its observer is `facts`, and the log
-    // goes to the monitor.
+    // All outlive the job. A platform must be installed that has `observer`, and the log must go to
+    // `monitor`.
     Job(const Options& options, JobFiles* files, WorkerControl* control, RunMonitor* monitor,
-        RunFacts* facts)
+        RunObserver* observer)
         : mOptions(options),
           mInput(files->input),
           mOutput(files->output),
@@ -38,7 +39,7 @@ public:
           mReceipt(files->receipt),
           mControl(control),
           mMonitor(monitor),
-          mFacts(facts) {}
+          mObserver(observer) {}
 
     Outcome run();
 
@@ -46,38 +47,39 @@ private:
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;
 
-    // Everything that can be refused before anything is written.
+    // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
     // Writes the plan.
     std::optional<Failure> plan();
-    // Runs the session; its result code.
+    // Runs the session. The result is its code.
     int32_t transcode(int outputFd, Progress* progress);
-    // From the session's result code to the receipt.
+    // From the session's code to the receipt.
     Outcome conclude(int32_t result, Progress* progress);
-    Outcome keepWhole(Progress* progress);
-    Outcome keepStopped();
-    std::optional<Failure> failed(int32_t result) const;
-    // Why not even one sample has come out.
-    Failure nothingWritten() const;
-    // A failure when nothing of a track could be decoded; a line where the input has nothing of it.
-    std::optional<Failure> checkTracks(const WrittenFile& written) const;
-    // The receipt, with what can be read back of the output.
-    Receipt readReceipt() const;
+    Outcome concludeComplete(Progress* progress);
+    Outcome concludeStopped();
+    Failure failureOf(int32_t result) const;
+    // Why the output has no samples.
+    Failure noSamples() const;
+    // A failure if a track could not be decoded at all; a line if the input has no samples of it.
+    std::optional<Failure> checkTracks(const OutputContents& output) const;
+    // Prints that the output has no track of this type.
+    void printMissing(const char* type, const char* reason) const;
+    Receipt makeReceipt() const;
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;
     std::optional<Failure> writeReceipt(const std::string& text) const;
     int64_t outputLengthUs() const;
 
     const Options& mOptions;
-    InputFile& mInput;
-    const OutputFile& mOutput;
+    JobInput& mInput;
+    const PendingFile& mOutput;
     TraceFile& mTrace;
     const int mReceipt;
     WorkerControl* const mControl;
     RunMonitor* const mMonitor;
-    RunFacts* const mFacts;
+    RunObserver* const mObserver;
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
-    RunCounts mCounts;
+    RunStatistics mStatistics;
     double mWallSeconds = 0;
 };
 

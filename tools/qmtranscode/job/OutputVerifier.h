@@ -1,37 +1,48 @@
-// The check after the run: no output is called complete that was not read back.
+// Verification after the run: no output is called complete that was not read again.
 #pragma once
 
-#include <TranscodeTypes.h>
 #include <qmtranscode/cli/Failure.h>
-#include <qmtranscode/job/InputFile.h>
-#include <qmtranscode/job/OutputFile.h>
-#include <qmtranscode/job/TrackWalk.h>
-#include <qmtranscode/monitor/RunFacts.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/monitor/RunStatistics.h>
 
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace android::qmmediaeditor::cli {
 
-struct WrittenFile {
+struct OutputContents {
     MediaFile media;
-    // Every sample of the tracks that `media` has.
+    // All samples of the tracks that `media` has.
     std::optional<TrackSamples> video;
     std::optional<TrackSamples> audio;
+
+    // The time at which the first track ends, in microseconds.
+    int64_t commonEndUs() const;
 };
 
-// Nothing when it cannot be read to its end, or when nothing is in it.
-std::optional<WrittenFile> readBack(int fd);
+// Nothing if the file cannot be read to its end or has no samples.
+std::optional<OutputContents> readOutput(int fd);
 
-// Compares the output with what the session took from the input: every frame at its timestamp, the
-// length of the last frame, all audio samples, the uuid data.
-std::optional<Failure> checkWhole(const InputFile& input, const RunCounts& counts,
-                                  const RunFacts& facts, const WrittenFile& written,
-                                  const std::string& outputPath);
+// Compares the output with what the session took from the input: the timestamp of every frame, the
+// length of the last frame, the length of the audio, and the uuid data.
+class OutputVerifier {
+public:
+    // All outlive the object.
+    OutputVerifier(const JobInput& input, const RunStatistics& statistics,
+                   const RunObserver& observer)
+        : mInput(input), mStatistics(statistics), mObserver(observer) {}
 
-// Until when every track of the file lasts, in microseconds.
-int64_t commonEndUs(const WrittenFile& written);
+    // What is wrong with the output; nothing if it is complete.
+    std::optional<std::string> verify(const OutputContents& output) const;
+
+private:
+    std::optional<std::string> verifyVideo(const OutputContents& output) const;
+    std::optional<std::string> verifyAudio(const OutputContents& output) const;
+
+    const JobInput& mInput;
+    const RunStatistics& mStatistics;
+    const RunObserver& mObserver;
+};
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <limits.h>
 #include <qmtranscode/job/PendingFile.h>
 #include <stdio.h>
@@ -8,75 +9,69 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <system_error>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 // One for the output and one for the trace, and as many again for tests.
-constexpr size_t kMostHiddenNames = 4;
-
-std::string folderOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
-}
-
-std::string nameOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
+constexpr size_t kMaxHiddenNames = 4;
 
 // The path that symbolic links lead to, whether there is a file or not. Nothing for a loop.
-std::optional<std::string> followLinks(std::string path) {
-    // The kernel follows as many.
-    constexpr int kMostLinks = 40;
-    for (int i = 0; i <= kMostLinks; ++i) {
-        char target[PATH_MAX];
-        const ssize_t length = readlink(path.c_str(), target, sizeof(target));
-        if (length <= 0) return path;
-        const std::string text(target, static_cast<size_t>(length));
-        path = text[0] == '/' ? text : folderOf(path) + text;
+std::optional<fs::path> followLinks(fs::path path) {
+    // The limit of the kernel.
+    constexpr int kMaxLinks = 40;
+    for (int i = 0; i <= kMaxLinks; ++i) {
+        std::error_code error;
+        const fs::path target = fs::read_symlink(path, error);
+        if (error || target.empty()) return path;
+        // An absolute target replaces the whole path.
+        path = path.parent_path() / target;
     }
     return std::nullopt;
 }
 
-// Without the right to read the folder, its descriptor still serves to create files in it.
-int openFolder(const std::string& path) {
+// Files can be created in a directory that may not be read.
+int openDirectory(const fs::path& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0 || errno != EACCES) return fd;
     return open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
-std::string ownDescriptorPath(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+std::string descriptorPath(int fd) { return fmt::format("/proc/self/fd/{}", fd); }
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Errors that mean that a file system does not have an operation.
+// Errors of an operation that the file system does not support.
 bool isUnsupported(int error) {
     return error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EPERM;
 }
 
-// Errors of a change of owner that this user, or this user namespace, is not allowed.
+// Errors of a change of owner that is not allowed to this user or in this user namespace.
 bool isRefusedOwner(int error) { return error == EPERM || error == EINVAL; }
 
-// Why the kernel would not let another file take the name of this one; empty if it would.
-std::string whyFixed(int folder, const std::string& name) {
+// Why the kernel does not allow to replace the file; empty if it does.
+std::string whyNotReplaceable(int directory, const std::string& name) {
     struct statx status {};
-    if (statx(folder, name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0) {
+    if (statx(directory, name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0) {
         return strerror(errno);
     }
     const uint64_t attributes = status.stx_attributes;
     if ((attributes & STATX_ATTR_MOUNT_ROOT) != 0) return "it is a mount point";
-    if ((attributes & STATX_ATTR_IMMUTABLE) != 0) return "it is marked as immutable";
-    if ((attributes & STATX_ATTR_APPEND) != 0) return "it is marked as append-only";
-    struct stat inFolder {};
-    if (fstat(folder, &inFolder) != 0) return strerror(errno);
+    if ((attributes & STATX_ATTR_IMMUTABLE) != 0) return "it is immutable";
+    if ((attributes & STATX_ATTR_APPEND) != 0) return "it is append-only";
+    struct stat parent {};
+    if (fstat(directory, &parent) != 0) return strerror(errno);
     const uid_t user = geteuid();
-    if ((inFolder.st_mode & S_ISVTX) != 0 && user != 0 && user != status.stx_uid &&
-        user != inFolder.st_uid) {
-        return "it is another user's, in a folder with the sticky bit";
+    if ((parent.st_mode & S_ISVTX) != 0 && user != 0 && user != status.stx_uid &&
+        user != parent.st_uid) {
+        return "it belongs to another user, and its directory has the sticky bit";
     }
     return "";
 }
@@ -89,41 +84,41 @@ struct PendingFile::HiddenName {
     std::atomic<bool> taken{false};
     // Written after the other two, which are valid while it is true.
     std::atomic<bool> valid{false};
-    int folder = -1;
+    int directory = -1;
     char name[NAME_MAX + 1] = {};
 };
 
-PendingFile::HiddenName PendingFile::sHiddenNames[kMostHiddenNames];
+PendingFile::HiddenName PendingFile::sHiddenNames[kMaxHiddenNames];
 
 PendingFile::~PendingFile() {
     if (mHidden != nullptr) {
-        unlinkat(mFolder, mHidden->name, 0);
+        unlinkat(mDirectory, mHidden->name, 0);
         releaseHiddenName();
     }
     if (mFd >= 0) close(mFd);
-    if (mFolder >= 0) close(mFolder);
+    if (mDirectory >= 0) close(mDirectory);
 }
 
 std::optional<Failure> PendingFile::locate(const std::string& path) {
     mPath = path;
-    const std::optional<std::string> target = followLinks(path);
+    const std::optional<fs::path> target = followLinks(path);
     if (!target) return Failure{kExitUsage, path, strerror(ELOOP)};
-    mName = nameOf(*target);
-    if (mName.empty()) return Failure{kExitUsage, path, "the name of a file is missing"};
-    mFolder = openFolder(folderOf(*target));
-    if (mFolder < 0) {
+    mName = target->filename();
+    if (mName.empty()) return Failure{kExitUsage, path, "the file name is missing"};
+    mDirectory = openDirectory(target->has_parent_path() ? target->parent_path() : ".");
+    if (mDirectory < 0) {
         return Failure{kExitUsage, path,
-                       "its folder cannot be used: " + std::string(strerror(errno))};
+                       fmt::format("cannot open its directory: {}", strerror(errno))};
     }
     struct stat status {};
-    if (fstatat(mFolder, mName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (fstatat(mDirectory, mName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         mOlder = status;
     } else if (errno != ENOENT) {
         return Failure{kExitUsage, path, strerror(errno)};
     }
     // Links below /proc lead to files that no path leads to, such as a pipe on standard output.
     if (stat(path.c_str(), &status) == 0 && !(mOlder && isSameFile(*mOlder, status))) {
-        return Failure{kExitUsage, path, "this file has no path of its own"};
+        return Failure{kExitUsage, path, "this is not a file in a directory"};
     }
     return std::nullopt;
 }
@@ -131,19 +126,19 @@ std::optional<Failure> PendingFile::locate(const std::string& path) {
 std::optional<Failure> PendingFile::checkPlace(bool overwrite) const {
     if (mOlder) {
         if (!S_ISREG(mOlder->st_mode)) {
-            return Failure{kExitUsage, mPath, "this exists and is not a regular file"};
+            return Failure{kExitUsage, mPath, "this is not a regular file"};
         }
         if (!overwrite) {
-            return Failure{kExitUsage, mPath, "this file exists; --overwrite would replace it"};
+            return Failure{kExitUsage, mPath, "the file exists; --overwrite would replace it"};
         }
-        const std::string reason = whyFixed(mFolder, mName);
+        const std::string reason = whyNotReplaceable(mDirectory, mName);
         if (!reason.empty()) {
-            return Failure{kExitUsage, mPath, "this file cannot be replaced: " + reason};
+            return Failure{kExitUsage, mPath, "the file cannot be replaced: " + reason};
         }
     }
-    if (faccessat(mFolder, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+    if (faccessat(mDirectory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
         return Failure{kExitUsage, mPath,
-                       "nothing can be written to its folder: " + std::string(strerror(errno))};
+                       fmt::format("cannot write to its directory: {}", strerror(errno))};
     }
     return std::nullopt;
 }
@@ -159,10 +154,10 @@ std::optional<Failure> PendingFile::create(bool overwrite) {
 }
 
 int PendingFile::createUnnamed() {
-    mFd = openat(mFolder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+    mFd = openat(mDirectory, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
     if (mFd < 0) return -1;
     // The file gets its name through this path.
-    if (access(ownDescriptorPath(mFd).c_str(), F_OK) == 0) return 0;
+    if (access(descriptorPath(mFd).c_str(), F_OK) == 0) return 0;
     close(mFd);
     mFd = -1;
     return -1;
@@ -170,7 +165,7 @@ int PendingFile::createUnnamed() {
 
 int PendingFile::createHidden() {
     if (!reserveHiddenName()) return -1;
-    mFd = openat(mFolder, mHidden->name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    mFd = openat(mDirectory, mHidden->name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (mFd >= 0) return 0;
     releaseHiddenName();
     return -1;
@@ -179,11 +174,11 @@ int PendingFile::createHidden() {
 int PendingFile::duplicate() const { return fcntl(mFd, F_DUPFD_CLOEXEC, 0); }
 
 std::optional<Failure> PendingFile::commit() {
-    if (copyAttributes() != 0 || writeToDisk() != 0) return failed();
+    if (copyAttributes() != 0 || syncFile() != 0) return failed();
     if (giveName() == 0) {
-        if (writeFolderToDisk() == 0) return std::nullopt;
+        if (syncDirectory() == 0) return std::nullopt;
         const Failure failure = failed();
-        unlinkat(mFolder, mName.c_str(), 0);
+        unlinkat(mDirectory, mName.c_str(), 0);
         return failure;
     }
     if (errno == EEXIST && mOverwrite && replace() == 0) return std::nullopt;
@@ -194,7 +189,7 @@ std::optional<Failure> PendingFile::commit() {
 int PendingFile::copyAttributes() const {
     struct stat older {};
     if (!mOverwrite) return 0;
-    if (fstatat(mFolder, mName.c_str(), &older, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(mDirectory, mName.c_str(), &older, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT ? 0 : -1;
     }
     if (!S_ISREG(older.st_mode)) {
@@ -218,39 +213,39 @@ int PendingFile::copyAttributes() const {
     return fchmod(mFd, older.st_mode & kPermissions);
 }
 
-int PendingFile::writeToDisk() const {
+int PendingFile::syncFile() const {
     if (fsync(mFd) != 0) return -1;
     return checkByClosing(mFd);
 }
 
-int PendingFile::writeFolderToDisk() const {
-    // A folder that may not be read cannot be synchronized on its own.
-    const bool isReadable = (fcntl(mFolder, F_GETFL) & O_PATH) == 0;
-    const int result = isReadable ? fsync(mFolder) : syncfs(mFd);
-    // Some file systems have no such operation for folders.
+int PendingFile::syncDirectory() const {
+    // A directory that may not be read cannot be synchronized on its own.
+    const bool isReadable = (fcntl(mDirectory, F_GETFL) & O_PATH) == 0;
+    const int result = isReadable ? fsync(mDirectory) : syncfs(mFd);
+    // Some file systems have no such operation for directories.
     return result != 0 && errno == EINVAL ? 0 : result;
 }
 
 // Does not replace a file.
 int PendingFile::giveName() {
     if (mHidden != nullptr) return moveHidden();
-    return linkat(AT_FDCWD, ownDescriptorPath(mFd).c_str(), mFolder, mName.c_str(),
+    return linkat(AT_FDCWD, descriptorPath(mFd).c_str(), mDirectory, mName.c_str(),
                   AT_SYMLINK_FOLLOW);
 }
 
 int PendingFile::moveHidden() {
-    int result = renameat2(mFolder, mHidden->name, mFolder, mName.c_str(), RENAME_NOREPLACE);
+    int result = renameat2(mDirectory, mHidden->name, mDirectory, mName.c_str(), RENAME_NOREPLACE);
     if (result != 0 && isUnsupported(errno)) {
-        result = linkat(mFolder, mHidden->name, mFolder, mName.c_str(), 0);
+        result = linkat(mDirectory, mHidden->name, mDirectory, mName.c_str(), 0);
         if (result == 0) {
-            unlinkat(mFolder, mHidden->name, 0);
+            unlinkat(mDirectory, mHidden->name, 0);
         } else if (isUnsupported(errno)) {
             // A file system that can do neither in one step.
-            if (faccessat(mFolder, mName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (faccessat(mDirectory, mName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
                 errno = EEXIST;
                 return -1;
             }
-            result = renameat(mFolder, mHidden->name, mFolder, mName.c_str());
+            result = renameat(mDirectory, mHidden->name, mDirectory, mName.c_str());
         }
     }
     if (result == 0) releaseHiddenName();
@@ -260,15 +255,15 @@ int PendingFile::moveHidden() {
 int PendingFile::replace() {
     if (mHidden == nullptr) {
         if (!reserveHiddenName()) return -1;
-        if (linkat(AT_FDCWD, ownDescriptorPath(mFd).c_str(), mFolder, mHidden->name,
+        if (linkat(AT_FDCWD, descriptorPath(mFd).c_str(), mDirectory, mHidden->name,
                    AT_SYMLINK_FOLLOW) != 0) {
             releaseHiddenName();
             return -1;
         }
     }
     if (exchange() == 0) {
-        if (writeFolderToDisk() == 0) {
-            unlinkat(mFolder, mHidden->name, 0);
+        if (syncDirectory() == 0) {
+            unlinkat(mDirectory, mHidden->name, 0);
             releaseHiddenName();
             return 0;
         }
@@ -280,24 +275,26 @@ int PendingFile::replace() {
     }
     // ENOENT: the older file has gone in the meantime.
     if (!isUnsupported(errno) && errno != ENOENT) return -1;
-    if (renameat(mFolder, mHidden->name, mFolder, mName.c_str()) != 0) return -1;
+    if (renameat(mDirectory, mHidden->name, mDirectory, mName.c_str()) != 0) return -1;
     releaseHiddenName();
-    return writeFolderToDisk();
+    return syncDirectory();
 }
 
 int PendingFile::exchange() {
-    return renameat2(mFolder, mHidden->name, mFolder, mName.c_str(), RENAME_EXCHANGE);
+    return renameat2(mDirectory, mHidden->name, mDirectory, mName.c_str(), RENAME_EXCHANGE);
 }
 
 bool PendingFile::reserveHiddenName() {
     for (HiddenName& hidden : sHiddenNames) {
         bool taken = false;
         if (!hidden.taken.compare_exchange_strong(taken, true)) continue;
-        // Room for the rest within the 255 bytes of a file name.
-        constexpr int kNameBytes = 200;
-        snprintf(hidden.name, sizeof(hidden.name), ".%.*s.qmtranscode-%08x%08x", kNameBytes,
-                 mName.c_str(), arc4random(), arc4random());
-        hidden.folder = mFolder;
+        // Shortened, because a file name has at most 255 bytes.
+        constexpr size_t kNameBytes = 200;
+        const std::string name =
+            fmt::format(".{}.qmtranscode-{:08x}{:08x}", mName.substr(0, kNameBytes), arc4random(),
+                        arc4random());
+        strcpy(hidden.name, name.c_str());
+        hidden.directory = mDirectory;
         hidden.valid = true;
         mHidden = &hidden;
         return true;
@@ -314,17 +311,17 @@ void PendingFile::releaseHiddenName() {
 
 bool PendingFile::isSameAs(const PendingFile& other) const {
     if (mOlder && other.mOlder && isSameFile(*mOlder, *other.mOlder)) return true;
-    struct stat folder {};
+    struct stat directory {};
     struct stat others {};
-    return mName == other.mName && fstat(mFolder, &folder) == 0 &&
-           fstat(other.mFolder, &others) == 0 && isSameFile(folder, others);
+    return mName == other.mName && fstat(mDirectory, &directory) == 0 &&
+           fstat(other.mDirectory, &others) == 0 && isSameFile(directory, others);
 }
 
 Failure PendingFile::failed() const { return {kExitFailed, mPath, strerror(errno)}; }
 
 void PendingFile::removeNow() {
     for (HiddenName& hidden : sHiddenNames) {
-        if (hidden.valid) unlinkat(hidden.folder, hidden.name, 0);
+        if (hidden.valid) unlinkat(hidden.directory, hidden.name, 0);
     }
 }
 

@@ -1,7 +1,7 @@
 // A file that gets its name only when it is complete and on disk. Until then it has no name at all,
-// or a hidden one in its folder where the file system has no unnamed files. Any failure leaves the
-// folder as it was, with an older file's content untouched. One exception: if a file system cannot
-// exchange two names and then fails to write the folder to disk, the older file is gone.
+// or a hidden one in its directory where the file system has no unnamed files. Any failure leaves
+// the directory as it was, with an older file's content untouched. One exception: if a file system
+// cannot exchange two names and then fails to write the directory to disk, the older file is gone.
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
@@ -20,8 +20,8 @@ public:
     // Removes a file that was not committed.
     ~PendingFile();
 
-    // Finds the file's folder and name behind symbolic links, and the older file under that name.
-    // Writes nothing.
+    // Finds the file's directory and name behind symbolic links, and the older file under that
+    // name. Writes nothing.
     std::optional<Failure> locate(const std::string& path);
     // Whether a file can be written there, or an older one be replaced. Writes nothing.
     std::optional<Failure> checkPlace(bool overwrite) const;
@@ -55,8 +55,8 @@ private:
     int createUnnamed();
     int createHidden();
     int copyAttributes() const;
-    int writeToDisk() const;
-    int writeFolderToDisk() const;
+    int syncFile() const;
+    int syncDirectory() const;
     int giveName();
     int moveHidden();
     int replace();
@@ -72,7 +72,7 @@ private:
     std::string mName;
     std::optional<struct stat> mOlder;
     bool mOverwrite = false;
-    int mFolder = -1;
+    int mDirectory = -1;
     int mFd = -1;
     // Null while the file has no hidden name.
     HiddenName* mHidden = nullptr;

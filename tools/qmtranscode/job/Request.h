@@ -1,4 +1,4 @@
-// From what the user asked for, and what the input is, to what the session is given.
+// Derives the session's request from the options and the input.
 #pragma once
 
 #include <TranscodeTypes.h>
@@ -13,16 +13,14 @@
 namespace android::qmmediaeditor::cli {
 
 // The periods to keep, cut off at the end of the input.
-std::optional<Failure> makePeriods(const Options& options, const MediaFile& input,
-                                   std::vector<TrimPeriod>* periods);
+Result<std::vector<TrimPeriod>> makePeriods(const Options& options, const MediaFile& input);
 
-// The output-format message; null when nothing of it was asked for, and the session follows the
-// input. Each key that belongs to a track of the input is set: a missing one has a default of its
-// own, and would not mean "as the input".
-std::optional<Failure> makeOutputFormat(const Options& options, const MediaFile& input,
-                                        sp<AMessage>* format);
+// The output-format message; null if no option specifies the output format, so that the session
+// follows the input. Each key that belongs to a track of the input is set, because a missing key
+// means a default of the session and not the input's value.
+Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input);
 
-// The kind of file that is asked for, or that the codecs need.
+// The container that was asked for, or that the codecs need.
 FileFormat outputFileFormat(const Options& options);
 
 }  // namespace android::qmmediaeditor::cli

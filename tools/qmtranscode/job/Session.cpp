@@ -5,7 +5,7 @@ namespace android::qmmediaeditor::cli {
 Session::Session(const SessionRequest& request) : mComponent(new TranscodeComponent()) {
     mProperty.mInputFd = request.inputFd;
     mProperty.mOutputFd = request.outputFd;
-    mProperty.mProgressCallback = request.progress;
+    mProperty.mProgressCallback = request.onProgress;
     mProperty.mOutputFormat = request.outputFormat;
     mProperty.mTrimEnabled = !request.periods.empty();
     mProperty.mPeriodCount = static_cast<int32_t>(request.periods.size());
@@ -22,17 +22,17 @@ void Session::cancel() { mComponent->cancel(); }
 std::string reasonOf(int32_t result) {
     switch (result) {
         case kInvalidRequest:
-            return "its tracks could not be set up for decoding";
+            return "no decoder could be set up for its tracks";
         case kNoThread:
             return "a thread could not be created";
         case kReadError:
             return "the input could not be read";
         case kDecoderError:
-            return "a decoder refused its input";
+            return "a decoder failed";
         case kStopped:
             return "the output could not be written";
         case kSessionFailed:
-            return "an encoder could not be made, or the output could not be finished";
+            return "an encoder could not be created, or the output could not be finalized";
         case kEncoderError:
             return "an encoder failed";
         default:

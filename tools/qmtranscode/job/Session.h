@@ -11,13 +11,13 @@
 
 namespace android::qmmediaeditor::cli {
 
-// `periods` and `progress` are used until the session is gone.
+// `periods` and `onProgress` must exist as long as the session.
 struct SessionRequest {
-    int inputFd;                             // the caller's
-    int outputFd;                            // the session closes it
-    const std::vector<TrimPeriod>& periods;  // empty for the whole input
-    sp<AMessage> outputFormat;               // null for the input's
-    std::function<void(int32_t)> progress;
+    int inputFd;                              // the caller's
+    int outputFd;                             // the session closes it
+    const std::vector<TrimPeriod>& periods;   // empty for the whole input
+    sp<AMessage> outputFormat;                // null for the input's
+    std::function<void(int32_t)> onProgress;  // in percent
 };
 
 class Session {
@@ -38,7 +38,7 @@ private:
     const sp<TranscodeComponent> mComponent;
 };
 
-// What a session that ended with `result` had to do with it.
+// Why a session ended with `result`.
 std::string reasonOf(int32_t result);
 
 }  // namespace android::qmmediaeditor::cli

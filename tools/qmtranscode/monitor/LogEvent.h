@@ -1,76 +1,79 @@
-// What the component's log says about a run: which message means that a thread waits, works, has
-// handed a batch over or has come to an event. The wording is the component's own.
+// The component's log messages as events: which one means that a thread waits, works, has pushed a
+// sample, or reports an event of the run. The texts of the messages are the component's contract.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
+#include <optional>
+#include <string_view>
+
 namespace android::qmmediaeditor::cli {
 
-// The places where one thread waits for another.
-enum class Queue { kNone, kDecodedPictures, kEncodedPictures, kDecodedSound, kEncodedSound };
+// The queues at which one thread waits for another.
+enum class Queue { kNone, kDecodedVideo, kEncodedVideo, kDecodedAudio, kEncodedAudio };
 constexpr size_t kQueueCount = 5;
 const char* nameOf(Queue queue);
 
-// What moves through a run. Each is told by messages that come once for a frame or a batch.
+// The stages that samples pass. A message reports each once per sample or per batch.
 enum class Stage {
     kNone,
-    kPicturesDecoded,
-    kPicturesTaken,  // by the encoder
-    kPicturesEncoded,
-    kPicturesWritten,
-    kSoundDecoded,
-    kSoundTaken,
-    kSoundEncoded,
-    kSoundWritten,
+    kVideoDecoded,
+    kVideoTaken,  // by the encoder
+    kVideoEncoded,
+    kVideoWritten,
+    kAudioDecoded,
+    kAudioTaken,
+    kAudioEncoded,
+    kAudioWritten,
 };
 constexpr size_t kStageCount = 9;
 const char* nameOf(Stage stage);
 
-enum class Act {
-    kNothing,  // tells of the stage alone
-    kBegins,   // the thread takes up `role`
+// What the thread of the message does from now on.
+enum class Activity {
+    kUnchanged,
+    kStarts,  // it takes its `role`
     kWorks,
     kWaits,
-    kPolls,  // waits, and says so again and again
+    kPolls,  // waits, and repeats the message
     kEnds,
-    kEvent,
+    kEvent,  // unchanged; the message is an event of the run
 };
 
-// What the message does to the queue.
-enum class Effect {
+enum class QueueChange {
     kNone,
-    kPushed,   // one more
-    kDropped,  // the one that came last was not taken
-    kFull,     // a producer has handed a batch over and waits until it is gone
+    kPushed,
+    kDropped,  // the sample that was pushed last is dropped
+    kFull,     // a producer has handed a batch over and waits until it is taken
     kEmpty,    // a consumer has found nothing and waits
 };
 
-struct Phrase {
+// How a message is recognised, and its meaning.
+struct LogPattern {
     const char* tag;
-    const char* text;  // how the message begins
-    const char* also;  // what else is in it, or null
-    Act act;
-    const char* what;  // what the thread does or waits for, or the event
+    const char* prefix;    // the beginning of the message
+    const char* contains;  // text after the prefix, or null
+    Activity activity;
+    const char* what;  // what the thread does or waits for, or the name of the event
     Queue queue = Queue::kNone;
-    Effect effect = Effect::kNone;
-    // What the thread does when a wait is over, as the thread does not say it.
+    QueueChange change = QueueChange::kNone;
+    // What the thread does after a wait, for which it has no message.
     const char* afterwards = nullptr;
     Stage stage = Stage::kNone;
     const char* role = nullptr;
-    // Which of the message's numbers is a time of the output: 1 or 2.
-    int timeAt = 0;
+    // The index of the message's number that is a timestamp of the output: 1 or 2; 0 for none.
+    int timestampIndex = 0;
 };
 
-// A message that was understood.
-struct Saying {
-    const Phrase* phrase = nullptr;
-    // The first two numbers behind the phrase's text; 0 when there are none.
-    int64_t first = 0;
-    int64_t second = 0;
+struct LogEvent {
+    const LogPattern* pattern;
+    // The first two integers after the prefix; 0 if there are none.
+    int64_t first;
+    int64_t second;
 };
 
-// False for a message that says nothing of this kind.
-bool understand(const char* tag, const char* message, Saying* saying);
+// Nothing for a message without a pattern.
+std::optional<LogEvent> parseLogMessage(std::string_view tag, std::string_view message);
 
 }  // namespace android::qmmediaeditor::cli

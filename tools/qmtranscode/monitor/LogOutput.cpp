@@ -1,6 +1,7 @@
 #include <log/logprint.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/monitor/LogOutput.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -11,7 +12,7 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// Lives as long as the process: a thread may log until its very end.
+// Never freed, because threads may log until the process ends.
 AndroidLogFormat* gFormat = nullptr;
 Mutex gFormatLock;
 LogListener* gListener = nullptr;
@@ -33,7 +34,7 @@ void printMessage(android_LogPriority priority, const char* tag, const char* mes
     entry.message = message;
     entry.messageLen = strlen(message);
 
-    // The formatter keeps a cache of its filters.
+    // The formatter has a cache of its filters.
     Mutex::Autolock lock(gFormatLock);
     if (android_log_shouldPrintLine(gFormat, tag, priority) == 0) return;
     char buffer[1024];
@@ -45,7 +46,7 @@ void printMessage(android_LogPriority priority, const char* tag, const char* mes
     if (line != buffer) free(line);
 }
 
-void takeMessage(const __android_logger_data* data, const char* message) {
+void handleMessage(const __android_logger_data* data, const char* message) {
     const char* tag = data->tag == nullptr ? "" : data->tag;
     gListener->onMessage({data->priority, tag, message, nowUs(), gettid()});
     if (gFormat != nullptr) {
@@ -71,14 +72,8 @@ void installLog(const std::optional<std::string>& filter, const std::string& for
         android_log_addFilterString(gFormat, filter->c_str());
     }
     __android_log_set_aborter(endProcess);
-    __android_log_set_logger(takeMessage);
+    __android_log_set_logger(handleMessage);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-}
-
-int64_t nowUs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,4 +1,4 @@
-// Where the platform log goes: to a listener, and to standard error when the user asks for it.
+// The platform log: each message goes to a listener, and to standard error if the user asks for it.
 #pragma once
 
 #include <stdint.h>
@@ -20,17 +20,14 @@ struct LogMessage {
 class LogListener {
 public:
     virtual ~LogListener() = default;
-    // On the thread that logs, and at the same time on several.
+    // Called on the thread that logs, by several threads at a time.
     virtual void onMessage(const LogMessage& message) = 0;
 };
 
-// Prints what logcat's filter lets through, in one of logcat's formats; nothing without a filter.
-// Every message goes to `listener`, which lives as long as the process: a thread may log until its
-// very end. `onFailedCheck` is called for a failed internal check, and ends the process.
+// Prints the messages that pass logcat's filter, in one of logcat's formats; none without a filter.
+// `listener` gets every message and must exist until the process ends, because threads may log
+// until then. `onFailedCheck` is called for a failed internal check, and ends the process.
 void installLog(const std::optional<std::string>& filter, const std::string& format,
                 LogListener* listener, void (*onFailedCheck)(const std::string& reason));
-
-// The clock of messages: monotonic, in microseconds.
-int64_t nowUs();
 
 }  // namespace android::qmmediaeditor::cli

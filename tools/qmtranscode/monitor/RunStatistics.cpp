@@ -1,79 +1,78 @@
 #include <qmtranscode/monitor/RunStatistics.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// Whether the text begins so; if it does, `rest` is what follows.
-bool takeStart(const char* text, const char* start, std::string* rest) {
-    if (strncmp(text, start, strlen(start)) != 0) return false;
-    *rest = text + strlen(start);
-    return true;
+// The text after the prefix, or nothing without the prefix.
+std::optional<std::string> afterPrefix(std::string_view text, std::string_view prefix) {
+    if (text.substr(0, prefix.size()) != prefix) return std::nullopt;
+    return std::string(text.substr(prefix.size()));
 }
 
 }  // namespace
 
-RunCounts::RunCounts(const std::vector<TrimPeriod>& kept) {
+RunStatistics::RunStatistics(const std::vector<TrimPeriod>& kept) {
     int64_t timeUs = 0;
     for (const TrimPeriod& period : kept) {
-        PeriodCounts counts;
-        counts.beginUs = timeUs;
+        PeriodStatistics statistics;
+        statistics.startUs = timeUs;
         timeUs += period.mEndUs - period.mStartUs;
-        counts.endUs = timeUs;
-        periods.push_back(counts);
+        statistics.endUs = timeUs;
+        periods.push_back(statistics);
     }
     if (!periods.empty()) return;
     periods.emplace_back();
     periods.back().endUs = std::numeric_limits<int64_t>::max();
 }
 
-void RunCounts::note(const LogMessage& message, const Saying* saying) {
-    if (saying != nullptr) {
-        const Phrase& phrase = *saying->phrase;
-        if (phrase.stage == Stage::kPicturesDecoded) ++picturesDecoded;
-        if (phrase.effect == Effect::kDropped) ++periodAt(saying->second).dropped;
-        if (phrase.stage == Stage::kSoundDecoded) noteSound(saying->first, saying->second);
+void RunStatistics::add(std::string_view tag, std::string_view message, const LogEvent* event) {
+    if (event == nullptr) {
+        addOther(tag, message);
         return;
     }
-    noteOther(message);
+    const LogPattern& pattern = *event->pattern;
+    if (pattern.stage == Stage::kVideoDecoded) ++framesDecoded;
+    if (pattern.change == QueueChange::kDropped) ++periodAt(event->second).dropped;
+    if (pattern.stage == Stage::kAudioDecoded) addAudio(event->first, event->second);
 }
 
-void RunCounts::noteOther(const LogMessage& message) {
-    const struct {
-        const char* start;
-        std::string* value;
-    } kCodecs[] = {
+void RunStatistics::addOther(std::string_view tag, std::string_view message) {
+    const std::pair<const char*, std::string*> codecs[] = {
         {"decodes video with ", &videoDecoder},
         {"decodes audio with ", &audioDecoder},
         {"encodes video with ", &videoEncoder},
         {"encodes audio with ", &audioEncoder},
     };
-    for (const auto& codec : kCodecs) {
-        if (takeStart(message.text, codec.start, codec.value)) return;
+    for (const auto& [prefix, name] : codecs) {
+        if (const auto rest = afterPrefix(message, prefix)) {
+            *name = *rest;
+            return;
+        }
     }
-    std::string rest;
-    if (takeStart(message.text, "Encoder : ", &rest)) {
-        (strcmp(message.tag, "VideoEncoderThread") == 0 ? videoFormat : audioFormat) = rest;
-    } else if (takeStart(message.text, "TAudioSource decoderoutput: ", &rest)) {
-        mSoundBytesPerSecond = formatNumber(rest, "sample-rate") *
-                               formatNumber(rest, "channel-count") *
-                               formatNumber(rest, "bits-per-sample") / 8;
-    } else if (strstr(message.text, "damaged samples were skipped") != nullptr) {
-        const char* number = strstr(message.text, ": ");
-        if (number == nullptr) return;
-        const std::string decoder(message.text, number);
-        (decoder == videoDecoder ? damagedVideo : damagedAudio) += strtoll(number + 2, nullptr, 10);
+    if (const auto format = afterPrefix(message, "Encoder : ")) {
+        (tag == "VideoEncoderThread" ? videoFormat : audioFormat) = *format;
+    } else if (const auto pcm = afterPrefix(message, "TAudioSource decoderoutput: ")) {
+        mAudioBytesPerSecond = formatNumber(*pcm, "sample-rate") *
+                               formatNumber(*pcm, "channel-count") *
+                               formatNumber(*pcm, "bits-per-sample") / 8;
+    } else if (message.find("damaged samples were skipped") != std::string_view::npos) {
+        const size_t colon = message.find(": ");
+        if (colon == std::string_view::npos) return;
+        const bool isVideo = message.substr(0, colon) == videoDecoder;
+        const std::string count(message.substr(colon + 2));
+        (isVideo ? damagedVideo : damagedAudio) += strtoll(count.c_str(), nullptr, 10);
     }
 }
 
 int64_t formatNumber(const std::string& format, const std::string& name) {
     for (const char* type : {" = int32 ", " = float "}) {
-        // Another name may end in the same way.
+        // The line break, because another name may end in the same way.
         const std::string key = "\n  " + name + type;
         const size_t at = format.find(key);
         if (at != std::string::npos) return strtoll(&format[at + key.size()], nullptr, 10);
@@ -81,34 +80,110 @@ int64_t formatNumber(const std::string& format, const std::string& name) {
     return 0;
 }
 
-int64_t RunCounts::dropped() const {
+int64_t RunStatistics::dropped() const {
     int64_t sum = 0;
-    for (const PeriodCounts& period : periods) sum += period.dropped;
+    for (const PeriodStatistics& period : periods) sum += period.dropped;
     return sum;
 }
 
-PeriodCounts& RunCounts::periodAt(int64_t timeUs) {
+PeriodStatistics& RunStatistics::periodAt(int64_t timeUs) {
     size_t i = 0;
     while (i + 1 < periods.size() && timeUs >= periods[i].endUs) ++i;
-    mPeriodsBegun = std::max(mPeriodsBegun, i + 1);
+    mPeriodsStarted = std::max(mPeriodsStarted, i + 1);
     return periods[i];
 }
 
-void RunCounts::noteSound(int64_t bytes, int64_t timeUs) {
-    PeriodCounts& period = periodAt(timeUs);
-    if (!period.soundBeginUs) {
-        period.soundBeginUs = timeUs;
-        // The pictures stand at the time that they have; the sound, behind the sound before it.
-        period.skewUs = soundTimeUs(mSoundBytes) - timeUs;
+void RunStatistics::addAudio(int64_t bytes, int64_t timeUs) {
+    PeriodStatistics& period = periodAt(timeUs);
+    if (!period.audioStartUs) {
+        period.audioStartUs = timeUs;
+        // A frame is shown at its timestamp; audio is played after the audio before it.
+        period.skewUs = audioLengthUs(mAudioBytes) - timeUs;
     }
-    mSoundBytes += bytes;
-    period.soundEndUs = timeUs + soundTimeUs(bytes);
+    mAudioBytes += bytes;
+    period.audioEndUs = timeUs + audioLengthUs(bytes);
 }
 
-int64_t RunCounts::soundTimeUs(int64_t bytes) const {
-    if (mSoundBytesPerSecond == 0) return 0;
+int64_t RunStatistics::audioLengthUs(int64_t bytes) const {
+    if (mAudioBytesPerSecond == 0) return 0;
     return static_cast<int64_t>(static_cast<double>(bytes) * 1e6 /
-                                static_cast<double>(mSoundBytesPerSecond));
+                                static_cast<double>(mAudioBytesPerSecond));
+}
+
+void RunObserver::onReadError(int error, int64_t offsetBytes) {
+    Mutex::Autolock lock(mLock);
+    if (!mReadError) mReadError = ReadError{error, offsetBytes};
+}
+
+void RunObserver::onWriteError(int error) {
+    Mutex::Autolock lock(mLock);
+    if (!mWriteError) mWriteError = error;
+}
+
+void RunObserver::onRefused(const std::string& reason) {
+    Mutex::Autolock lock(mLock);
+    if (!mRefusal) mRefusal = reason;
+}
+
+void RunObserver::onFirstSample() {
+    Mutex::Autolock lock(mLock);
+    if (mOnFirstSample) mOnFirstSample();
+}
+
+void RunObserver::onFrameEncoded(int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    mFramesUs.push_back(timeUs);
+}
+
+void RunObserver::onAudioEncoded(int64_t samples, int sampleRate) {
+    Mutex::Autolock lock(mLock);
+    mAudioSamples += samples;
+    mAudioRate = sampleRate;
+}
+
+void RunObserver::onVideoEnd(int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    mVideoEndUs = timeUs;
+}
+
+std::optional<ReadError> RunObserver::readError() const {
+    Mutex::Autolock lock(mLock);
+    return mReadError;
+}
+
+std::optional<std::string> RunObserver::refusal() const {
+    Mutex::Autolock lock(mLock);
+    return mRefusal;
+}
+
+std::optional<int> RunObserver::writeError() const {
+    Mutex::Autolock lock(mLock);
+    return mWriteError;
+}
+
+void RunObserver::begin(std::function<void()> onFirstSample) {
+    Mutex::Autolock lock(mLock);
+    mOnFirstSample = std::move(onFirstSample);
+    mWriteError.reset();
+    mFramesUs.clear();
+    mAudioSamples = 0;
+    mVideoEndUs.reset();
+}
+
+std::vector<int64_t> RunObserver::framesUs() const {
+    Mutex::Autolock lock(mLock);
+    return mFramesUs;
+}
+
+int64_t RunObserver::audioUs() const {
+    Mutex::Autolock lock(mLock);
+    if (mAudioRate <= 0) return 0;
+    return static_cast<int64_t>(static_cast<double>(mAudioSamples) * 1e6 / mAudioRate);
+}
+
+std::optional<int64_t> RunObserver::videoEndUs() const {
+    Mutex::Autolock lock(mLock);
+    return mVideoEndUs;
 }
 
 }  // namespace android::qmmediaeditor::cli

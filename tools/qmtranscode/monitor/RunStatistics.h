@@ -1,66 +1,115 @@
-// What the log tells of a run in numbers, for the receipt.
+// What a run has done, in numbers: RunStatistics from the component's log, RunObserver from the
+// host.
 #pragma once
 
 #include <TranscodeTypes.h>
+#include <host/Host.h>
 #include <qmtranscode/monitor/LogEvent.h>
-#include <qmtranscode/monitor/LogOutput.h>
+#include <stdint.h>
+#include <utils/Mutex.h>
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
 
-struct PeriodCounts {
-    // Where the period lies in the output.
-    int64_t beginUs = 0;
+struct PeriodStatistics {
+    // Where the period is in the output.
+    int64_t startUs = 0;
     int64_t endUs = 0;
-    // Pictures that the output's frame rate left no place for.
+    // Frames that were left out because of the output's frame rate.
     int64_t dropped = 0;
-    // The sound that was taken of it, in output time; nothing without any.
-    std::optional<int64_t> soundBeginUs;
-    int64_t soundEndUs = 0;
-    // How much later its sound is heard than its pictures are seen.
+    // The audio that was taken from it, in output time; nothing without audio.
+    std::optional<int64_t> audioStartUs;
+    int64_t audioEndUs = 0;
+    // How much later than its video the period's audio is played; negative when it is earlier.
     int64_t skewUs = 0;
 };
 
-struct RunCounts {
-    RunCounts() : RunCounts(std::vector<TrimPeriod>()) {}
-    // `periods` may be empty: then the whole input is one.
-    explicit RunCounts(const std::vector<TrimPeriod>& periods);
+struct RunStatistics {
+    RunStatistics() : RunStatistics(std::vector<TrimPeriod>()) {}
+    // Without periods, the whole input is one.
+    explicit RunStatistics(const std::vector<TrimPeriod>& periods);
 
-    // `saying` is null for a message that says nothing of stages.
-    void note(const LogMessage& message, const Saying* saying);
+    // `event` is null for a message that is not one.
+    void add(std::string_view tag, std::string_view message, const LogEvent* event);
 
     int64_t dropped() const;
-    // Of how many periods something has come.
-    size_t periodsBegun() const { return mPeriodsBegun; }
-    // Length of the sound that went to the encoder.
-    int64_t soundUs() const { return soundTimeUs(mSoundBytes); }
+    // The number of periods from which something has been decoded.
+    size_t periodsStarted() const { return mPeriodsStarted; }
 
-    std::vector<PeriodCounts> periods;
-    int64_t picturesDecoded = 0;  // those outside of the periods not among them
-    // Samples that no decoder could make anything of.
+    std::vector<PeriodStatistics> periods;
+    int64_t framesDecoded = 0;  // without those outside of the periods
+    // Packets that were skipped because they could not be decoded.
     int64_t damagedVideo = 0;
     int64_t damagedAudio = 0;
     int64_t damaged() const { return damagedVideo + damagedAudio; }
-    // Names of the host's codecs; empty for a track that is not there.
+    // Names of the host's codecs; empty without the track.
     std::string videoDecoder, audioDecoder, videoEncoder, audioEncoder;
-    // What the encoders were told to make, written out.
+    // The formats that the encoders were configured with, as AMessage::debugString writes them.
     std::string videoFormat, audioFormat;
 
 private:
-    PeriodCounts& periodAt(int64_t timeUs);
-    void noteOther(const LogMessage& message);
-    void noteSound(int64_t bytes, int64_t timeUs);
-    int64_t soundTimeUs(int64_t bytes) const;
+    PeriodStatistics& periodAt(int64_t timeUs);
+    void addOther(std::string_view tag, std::string_view message);
+    void addAudio(int64_t bytes, int64_t timeUs);
+    int64_t audioLengthUs(int64_t bytes) const;
 
-    int64_t mSoundBytes = 0;
-    int64_t mSoundBytesPerSecond = 0;
-    size_t mPeriodsBegun = 0;
+    int64_t mAudioBytes = 0;
+    int64_t mAudioBytesPerSecond = 0;
+    size_t mPeriodsStarted = 0;
 };
 
-// The number of this name in a format that was written out; 0 when it is not there.
+// The number with this name in a format that was written as text; 0 when it is not there.
 int64_t formatNumber(const std::string& format, const std::string& name);
+
+struct ReadError {
+    int error = 0;  // errno; ESTALE when the file has become shorter
+    int64_t offsetBytes = 0;
+};
+
+// Collects what the host reports beside the session's result. Any thread may call any operation.
+class RunObserver : public HostObserver {
+public:
+    void onReadError(int error, int64_t offsetBytes) override;
+    void onWriteError(int error) override;
+    void onRefused(const std::string& reason) override;
+    void onFirstSample() override;
+    void onFrameEncoded(int64_t timeUs) override;
+    void onAudioEncoded(int64_t samples, int sampleRate) override;
+    void onVideoEnd(int64_t timeUs) override;
+
+    // The first one since the command began.
+    std::optional<ReadError> readError() const;
+    // Why the input was refused; the first reason since the command began.
+    std::optional<std::string> refusal() const;
+    // errno of the first write error since begin().
+    std::optional<int> writeError() const;
+
+    // Forgets the previous run. `onFirstSample` is called on a thread of the host when the output
+    // gets its first sample.
+    void begin(std::function<void()> onFirstSample);
+
+    // Timestamps of the frames that the video encoder has accepted, in microseconds of the output.
+    std::vector<int64_t> framesUs() const;
+    // Length of the audio that the audio encoder has accepted.
+    int64_t audioUs() const;
+    // The end of the last video frame of the output.
+    std::optional<int64_t> videoEndUs() const;
+
+private:
+    mutable Mutex mLock;
+    std::function<void()> mOnFirstSample GUARDED_BY(mLock);
+    std::optional<ReadError> mReadError GUARDED_BY(mLock);
+    std::optional<std::string> mRefusal GUARDED_BY(mLock);
+    std::optional<int> mWriteError GUARDED_BY(mLock);
+    std::vector<int64_t> mFramesUs GUARDED_BY(mLock);
+    int64_t mAudioSamples GUARDED_BY(mLock) = 0;
+    int mAudioRate GUARDED_BY(mLock) = 0;
+    std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);
+};
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,33 +1,14 @@
 #include <errno.h>
-#include <inttypes.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <string>
+
 namespace android::qmmediaeditor::cli {
-
-namespace {
-
-template <typename... Values>
-std::string textOf(const char* format, Values... values) {
-    char text[256];
-    snprintf(text, sizeof(text), format, values...);
-    return text;
-}
-
-}  // namespace
 
 TraceFile::~TraceFile() {
     if (mStream != nullptr) fclose(mStream);
-}
-
-std::optional<Failure> TraceFile::open(const std::string& path, bool overwrite,
-                                       const InputFile& input, const OutputFile& output) {
-    if (auto failure = mFile.locate(path)) return failure;
-    if (input.isSameFile(mFile.older())) return Failure{kExitUsage, path, "this is the input"};
-    if (mFile.isSameAs(output.file())) return Failure{kExitUsage, path, "this is the output"};
-    if (auto failure = mFile.checkPlace(overwrite)) return failure;
-    return mFile.create(overwrite);
 }
 
 void TraceFile::begin() {
@@ -39,7 +20,7 @@ void TraceFile::begin() {
         return;
     }
     noteError(fputs("[", mStream));
-    write("M", 0, "\"name\":\"process_name\",\"args\":{\"name\":\"qmtranscode\"}");
+    write("M", getpid(), {{"name", "process_name"}, {"args", {{"name", "qmtranscode"}}}});
 }
 
 int TraceFile::end() {
@@ -65,31 +46,36 @@ void TraceFile::noteError(int result) {
     if (result < 0 && mError == 0) mError = errno;
 }
 
-void TraceFile::thread(pid_t thread, const char* role) {
-    write("M", thread, textOf("\"name\":\"thread_name\",\"args\":{\"name\":\"%s\"}", role));
+void TraceFile::onThread(pid_t thread, const char* role) {
+    write("M", thread, {{"name", "thread_name"}, {"args", {{"name", role}}}});
 }
 
-void TraceFile::slice(pid_t thread, const char* what, bool waits, int64_t beginUs, int64_t endUs) {
+void TraceFile::onSlice(pid_t thread, const char* what, bool isWait, int64_t startUs,
+                        int64_t endUs) {
+    const std::string name = isWait ? std::string("waits ") + what : what;
     write("X", thread,
-          textOf("\"ts\":%" PRId64 ",\"dur\":%" PRId64 ",\"cat\":\"%s\",\"name\":\"%s%s\"", beginUs,
-                 endUs - beginUs, waits ? "wait" : "work", waits ? "waits " : "", what));
+          {{"ts", startUs},
+           {"dur", endUs - startUs},
+           {"cat", isWait ? "wait" : "work"},
+           {"name", name}});
 }
 
-void TraceFile::depth(Queue queue, int64_t count, int64_t timeUs) {
-    write("C", 0,
-          textOf("\"ts\":%" PRId64 ",\"name\":\"%s\",\"args\":{\"waiting\":%" PRId64 "}", timeUs,
-                 nameOf(queue), count));
+void TraceFile::onQueueLength(Queue queue, int64_t length, int64_t timeUs) {
+    write("C", getpid(),
+          {{"ts", timeUs}, {"name", nameOf(queue)}, {"args", {{"waiting", length}}}});
 }
 
-void TraceFile::event(pid_t thread, const char* what, int64_t timeUs) {
-    write("i", thread, textOf("\"ts\":%" PRId64 ",\"s\":\"t\",\"name\":\"%s\"", timeUs, what));
+void TraceFile::onEvent(pid_t thread, const char* what, int64_t timeUs) {
+    write("i", thread, {{"ts", timeUs}, {"s", "t"}, {"name", what}});
 }
 
-void TraceFile::write(const char* phase, pid_t thread, const std::string& rest) {
+void TraceFile::write(const char* phase, pid_t thread, const Json& members) {
     if (mStream == nullptr) return;
-    noteError(fprintf(mStream, "%s\n{\"ph\":\"%s\",\"pid\":%d,\"tid\":%d,%s}", mFirst ? "" : ",",
-                      phase, getpid(), thread == 0 ? getpid() : thread, rest.c_str()));
-    mFirst = false;
+    Json event = {{"ph", phase}, {"pid", getpid()}, {"tid", thread}};
+    event.update(members);
+    const std::string line = (mIsFirst ? "\n" : ",\n") + dumpJsonLine(event);
+    noteError(fputs(line.c_str(), mStream));
+    mIsFirst = false;
 }
 
 }  // namespace android::qmmediaeditor::cli

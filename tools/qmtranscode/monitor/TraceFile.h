@@ -1,28 +1,25 @@
-// A run as a trace, in the JSON form of trace events that the Perfetto UI and Chrome open: a row of
-// slices for each thread, a counter for each queue, and the events.
+// A trace of a run, in the JSON format of trace events that the Perfetto UI and Chrome open: a row
+// of slices for each thread, a counter for each queue, and the events.
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
-#include <qmtranscode/job/InputFile.h>
-#include <qmtranscode/job/OutputFile.h>
 #include <qmtranscode/job/PendingFile.h>
-#include <qmtranscode/monitor/ThreadBoard.h>
+#include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/report/Format.h>
 #include <stdio.h>
 
 #include <optional>
-#include <string>
 
 namespace android::qmmediaeditor::cli {
 
 // Not locked.
-class TraceFile : public RunPicture {
+class TraceFile : public TraceSink {
 public:
     TraceFile() = default;
     ~TraceFile() override;
 
-    // Refuses the input and the output, whatever their spelling.
-    std::optional<Failure> open(const std::string& path, bool overwrite, const InputFile& input,
-                                const OutputFile& output);
+    // In the process that opens the file: its place is checked and it is created by the caller.
+    PendingFile& file() { return mFile; }
 
     // In the process that traces: before the first event, and after the last one. `end` returns 0,
     // or errno of the first write that failed.
@@ -30,20 +27,21 @@ public:
     int end();
 
     // In the process that opened the file: writes the trace to disk and gives it its name, unless
-    // `error` says that not all of it could be written.
+    // `error` is the errno of a write that failed.
     std::optional<Failure> commit(int error);
 
-    void thread(pid_t thread, const char* role) override;
-    void slice(pid_t thread, const char* what, bool waits, int64_t beginUs, int64_t endUs) override;
-    void depth(Queue queue, int64_t count, int64_t timeUs) override;
-    void event(pid_t thread, const char* what, int64_t timeUs) override;
+    void onThread(pid_t thread, const char* role) override;
+    void onSlice(pid_t thread, const char* what, bool isWait, int64_t startUs,
+                 int64_t endUs) override;
+    void onQueueLength(Queue queue, int64_t length, int64_t timeUs) override;
+    void onEvent(pid_t thread, const char* what, int64_t timeUs) override;
 
 private:
     TraceFile(const TraceFile&) = delete;
     TraceFile& operator=(const TraceFile&) = delete;
 
-    // One event: `rest` is what follows its phase, process and thread.
-    void write(const char* phase, pid_t thread, const std::string& rest);
+    // Adds phase, process and thread to the event's other members.
+    void write(const char* phase, pid_t thread, const Json& members);
 
     // errno of the first failed write; later ones may have another reason, or none.
     void noteError(int result);
@@ -51,7 +49,7 @@ private:
     PendingFile mFile;
     FILE* mStream = nullptr;
     int mError = 0;
-    bool mFirst = true;
+    bool mIsFirst = true;
 };
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,55 +1,48 @@
+#include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/monitor/LogOutput.h>
+#include <qmtranscode/monitor/Timer.h>
+#include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Progress.h>
-#include <stdio.h>
 
 #include <algorithm>
+#include <cmath>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-constexpr int32_t kWhole = 100;
+constexpr int32_t kComplete = 100;
 
-// "  45 %  8.3x  0:12 left"; the speed and the time that is left are not known at the start.
+// "  45 %  8.3x  0:12 left"; speed and remaining time are unknown at the start.
 std::string numbersText(int32_t percent, double speed, double leftSeconds) {
-    char text[64];
-    if (speed <= 0) {
-        snprintf(text, sizeof(text), "%3d %%", percent);
-    } else if (percent == kWhole) {
-        snprintf(text, sizeof(text), "%3d %% %5.1fx", percent, speed);
-    } else {
-        const int left = static_cast<int>(std::min(leftSeconds, 359999.0) + 0.5);
-        if (left < 3600) {
-            snprintf(text, sizeof(text), "%3d %% %5.1fx %2d:%02d left", percent, speed, left / 60,
-                     left % 60);
-        } else {
-            snprintf(text, sizeof(text), "%3d %% %5.1fx %d:%02d:%02d left", percent, speed,
-                     left / 3600, left / 60 % 60, left % 60);
-        }
-    }
-    return text;
+    if (speed <= 0) return fmt::format("{:3} %", percent);
+    const std::string text = fmt::format("{:3} % {:5.1f}x", percent, speed);
+    if (percent == kComplete) return text;
+    constexpr double kMaxSeconds = 359999;
+    const int left = static_cast<int>(std::min(leftSeconds, kMaxSeconds) + 0.5);
+    if (left < 3600) return fmt::format("{} {:2}:{:02} left", text, left / 60, left % 60);
+    return fmt::format("{} {}:{:02}:{:02} left", text, left / 3600, left / 60 % 60, left % 60);
 }
 
-// Fits `columns`: the name goes first when there is no room for all, and the bar next.
+// Fits into `columns`: without room for all, the name is left out first, then the bar.
 std::string barText(const std::string& name, int32_t percent, const std::string& numbers,
                     int columns) {
-    constexpr int kLongestBar = 40;
-    constexpr int kShortestBar = 8;
-    // The numbers keep their place as they grow, and the last column stays free, so that the
-    // terminal does not break the line.
+    constexpr int kMaxBar = 40;
+    constexpr int kMinBar = 8;
+    // Fixed, so that the bar does not move. The last column stays free, because a terminal would
+    // break the line there.
     constexpr int kNumberColumns = 24;
     const int room = columns - kNumberColumns - 4;
     constexpr int kPercentColumns = 5;
     if (room < 1) return numbers.substr(0, kPercentColumns);
     std::string label = console::printable(name) + ' ';
     int bar = room - console::columnsOf(label);
-    if (bar < kShortestBar) {
+    if (bar < kMinBar) {
         label.clear();
         bar = room;
     }
-    bar = std::min(bar, kLongestBar);
-    const auto filled = static_cast<size_t>(bar * percent / kWhole);
+    bar = std::min(bar, kMaxBar);
+    const auto filled = static_cast<size_t>(bar * percent / kComplete);
     return label + '[' + console::green(std::string(filled, '#')) +
            std::string(static_cast<size_t>(bar) - filled, '.') + "] " + numbers;
 }
@@ -60,13 +53,13 @@ Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthU
     : mStyle(style),
       mName(name),
       mLengthSeconds(static_cast<double>(lengthUs) / 1e6),
-      mBeginUs(nowUs()) {}
+      mStartUs(nowUs()) {}
 
 Progress::~Progress() { console::removeBar(); }
 
 void Progress::report(int32_t percent) {
     Mutex::Autolock lock(mLock);
-    percent = std::clamp(percent, 0, kWhole - 1);
+    percent = std::clamp(percent, 0, kComplete - 1);
     if (percent <= mLast) return;
     mLast = percent;
     show(percent);
@@ -74,13 +67,13 @@ void Progress::report(int32_t percent) {
 
 void Progress::finish() {
     Mutex::Autolock lock(mLock);
-    show(kWhole);
+    show(kComplete);
     console::removeBar();
 }
 
 void Progress::show(int32_t percent) {
-    const double spent = static_cast<double>(nowUs() - mBeginUs) / 1e6;
-    const double share = static_cast<double>(percent) / kWhole;
+    const double spent = static_cast<double>(nowUs() - mStartUs) / 1e6;
+    const double share = static_cast<double>(percent) / kComplete;
     const double speed = spent > 0 ? share * mLengthSeconds / spent : 0;
     const double left = share > 0 ? spent / share - spent : 0;
     if (mStyle == ProgressStyle::kBar) {
@@ -88,10 +81,9 @@ void Progress::show(int32_t percent) {
         console::drawBar(barText(mName, percent, numbers, console::width()));
     }
     if (mStyle == ProgressStyle::kJson) {
-        char line[96];
-        snprintf(line, sizeof(line), "{\"progress\":%d,\"speed\":%.2f,\"seconds_left\":%.1f}",
-                 percent, speed, left);
-        console::printLine(line);
+        console::printLine(dumpJsonLine({{"progress", percent},
+                                         {"speed", std::round(speed * 100) / 100},
+                                         {"seconds_left", std::round(left * 10) / 10}}));
     }
 }
 

@@ -1,5 +1,4 @@
-// How far the work is, on standard error: a bar for people, or lines for programs. Any thread may
-// report.
+// Progress on standard error: a bar for people, or JSON lines for programs. Any thread may report.
 #pragma once
 
 #include <qmtranscode/cli/Options.h>
@@ -12,13 +11,13 @@ namespace android::qmmediaeditor::cli {
 
 class Progress {
 public:
-    // `name` stands in front of the bar. `lengthUs` is the length of what the work makes.
+    // `name` is in front of the bar. `lengthUs` is the length of the output.
     Progress(ProgressStyle style, const std::string& name, int64_t lengthUs);
-    // Takes the bar away.
+    // Removes the bar.
     ~Progress();
 
-    // A share in percent. What is not more than before is passed over, and 100 is left to finish():
-    // only a whole file is done.
+    // In percent. Values that are not above the previous one are ignored. 100 is left to finish(),
+    // because only a verified file is complete.
     void report(int32_t percent);
     void finish();
 
@@ -31,7 +30,7 @@ private:
     const ProgressStyle mStyle;
     const std::string mName;
     const double mLengthSeconds;
-    const int64_t mBeginUs;
+    const int64_t mStartUs;
     Mutex mLock;
     int32_t mLast GUARDED_BY(mLock) = -1;
 };

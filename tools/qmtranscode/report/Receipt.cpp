@@ -1,24 +1,25 @@
+#include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/cli/Values.h>
+#include <qmtranscode/cli/OutputCodecs.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Receipt.h>
-#include <stdio.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// What came out of a period, in times of the input.
+// The output of a period, in times of the input.
 struct PeriodResult {
     TrimPeriod asked;
-    // Where the input ends, if more was asked for.
+    // The end of the input, if the period reaches beyond it.
     std::optional<int64_t> inputEndUs;
     int64_t framesOut = 0;
     int64_t dropped = 0;
-    std::optional<TrimPeriod> pictures;  // from the first picture to the last one
-    std::optional<TrimPeriod> sound;     // from where it begins to where it ends
+    std::optional<TrimPeriod> video;  // timestamps of the first and the last frame
+    std::optional<TrimPeriod> audio;  // from its start to its end
     std::optional<int64_t> skewUs;
 };
 
@@ -28,13 +29,12 @@ constexpr char kMemoryTextMark = 2;
 constexpr char kCpuJsonMark = 3;
 constexpr char kMemoryJsonMark = 4;
 
-// A number that only the mark stands for.
+// Replaces a number that is null by its mark.
 void markNumber(const std::string& key, char mark, std::string* json) {
-    const std::string placeholder = "\"" + key + "\": null";
+    const std::string placeholder = fmt::format("\"{}\": null", key);
     const size_t at = json->find(placeholder);
-    if (at != std::string::npos) {
-        json->replace(at, placeholder.size(), "\"" + key + "\": " + mark);
-    }
+    if (at == std::string::npos) return;
+    json->replace(at, placeholder.size(), fmt::format("\"{}\": {}", key, mark));
 }
 
 int64_t bitrateOf(const TrackSamples& samples) {
@@ -43,75 +43,78 @@ int64_t bitrateOf(const TrackSamples& samples) {
     return static_cast<int64_t>(static_cast<double>(samples.bytes) * 8 / secondsOf(lengthUs));
 }
 
-// Pictures a second, as they come on average.
+// The average frame rate.
 double rateOf(const TrackSamples& samples) {
     if (samples.count < 2) return 0;
     const auto [first, last] = std::minmax_element(samples.timesUs.begin(), samples.timesUs.end());
     return static_cast<double>(samples.count - 1) / std::max(secondsOf(*last - *first), 1e-6);
 }
 
+PeriodResult resultOf(const Receipt& receipt, size_t index) {
+    // The file rounds timestamps to its timescale, by much less than the distance of two frames.
+    constexpr int64_t kRoundingUs = 1000;
+    const PeriodStatistics& statistics = receipt.statistics.periods[index];
+    const OutputContents& contents = *receipt.contents;
+    const bool isWholeInput = receipt.asked.empty();
+    PeriodResult result;
+    result.asked = isWholeInput ? TrimPeriod{0, contents.media.durationUs()} : receipt.asked[index];
+    if (!isWholeInput && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
+        result.inputEndUs = receipt.inputUs;
+    }
+    result.dropped = statistics.dropped;
+    const int64_t offsetUs = result.asked.mStartUs - statistics.startUs;
+    static const std::vector<int64_t> kNoFrames;
+    for (int64_t timeUs : contents.video ? contents.video->timesUs : kNoFrames) {
+        if (timeUs + kRoundingUs < statistics.startUs) continue;
+        if (!isWholeInput && timeUs + kRoundingUs >= statistics.endUs) continue;
+        ++result.framesOut;
+        if (!result.video) result.video = {timeUs + offsetUs, timeUs + offsetUs};
+        result.video->mEndUs = std::max(result.video->mEndUs, timeUs + offsetUs);
+    }
+    if (statistics.audioStartUs) {
+        result.audio = {*statistics.audioStartUs + offsetUs, statistics.audioEndUs + offsetUs};
+        if (result.video) result.skewUs = statistics.skewUs;
+    }
+    return result;
+}
+
 std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
-    // The file rounds times to its own clock, much less than the distance of two pictures.
-    constexpr int64_t kClockUs = 1000;
     std::vector<PeriodResult> results;
-    for (size_t i = 0; i < receipt.counts.periods.size(); ++i) {
-        const PeriodCounts& counts = receipt.counts.periods[i];
-        PeriodResult result;
-        const bool whole = receipt.asked.empty();
-        result.asked =
-            whole ? TrimPeriod{0, receipt.written->media.durationUs()} : receipt.asked[i];
-        if (!whole && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
-            result.inputEndUs = receipt.inputUs;
-        }
-        result.dropped = counts.dropped;
-        const int64_t shiftUs = result.asked.mStartUs - counts.beginUs;
-        if (receipt.written->video) {
-            for (int64_t timeUs : receipt.written->video->timesUs) {
-                if (timeUs + kClockUs < counts.beginUs) continue;
-                if (!whole && timeUs + kClockUs >= counts.endUs) continue;
-                ++result.framesOut;
-                if (!result.pictures) result.pictures = {timeUs + shiftUs, timeUs + shiftUs};
-                result.pictures->mEndUs = std::max(result.pictures->mEndUs, timeUs + shiftUs);
-            }
-        }
-        if (counts.soundBeginUs) {
-            result.sound = {*counts.soundBeginUs + shiftUs, counts.soundEndUs + shiftUs};
-            if (result.pictures) result.skewUs = counts.skewUs;
-        }
-        results.push_back(result);
+    for (size_t i = 0; i < receipt.statistics.periods.size(); ++i) {
+        results.push_back(resultOf(receipt, i));
     }
     return results;
 }
 
-Json tracksOf(const WrittenFile& written, const RunCounts& counts) {
+Json tracksOf(const OutputContents& contents, const RunStatistics& statistics) {
     Json tracks = Json::array();
-    if (written.video) {
-        const VideoTrack& video = *written.media.video;
+    if (contents.video) {
+        const VideoTrack& video = *contents.media.video;
         tracks.push_back({{"kind", "video"},
                           {"codec", codecName(video.mime)},
-                          {"decoder", counts.videoDecoder},
-                          {"encoder", counts.videoEncoder},
+                          {"decoder", statistics.videoDecoder},
+                          {"encoder", statistics.videoEncoder},
                           {"width", video.width},
                           {"height", video.height},
                           {"rotation", video.rotation},
-                          {"fps", rateOf(*written.video)},
-                          {"frames", written.video->count},
-                          {"bytes", written.video->bytes},
-                          {"bitrate", bitrateOf(*written.video)},
-                          {"seconds", secondsOf(written.video->endUs - written.video->firstUs)}});
+                          {"fps", rateOf(*contents.video)},
+                          {"frames", contents.video->count},
+                          {"bytes", contents.video->bytes},
+                          {"bitrate", bitrateOf(*contents.video)},
+                          {"seconds", secondsOf(contents.video->endUs - contents.video->firstUs)}});
     }
-    if (written.audio) {
-        const AudioTrack& audio = *written.media.audio;
+    if (contents.audio) {
+        const AudioTrack& audio = *contents.media.audio;
         tracks.push_back({{"kind", "audio"},
                           {"codec", codecName(audio.mime)},
-                          {"decoder", counts.audioDecoder},
-                          {"encoder", counts.audioEncoder},
+                          {"decoder", statistics.audioDecoder},
+                          {"encoder", statistics.audioEncoder},
                           {"sample_rate", audio.sampleRate},
                           {"channels", audio.channels},
-                          {"frames", written.audio->count},
-                          {"bytes", written.audio->bytes},
-                          {"bitrate", bitrateOf(*written.audio)},
-                          {"seconds", secondsOf(written.audio->endUs - written.audio->firstUs)}});
+                          {"frames", contents.audio->count},
+                          {"bytes", contents.audio->bytes},
+                          {"bitrate", bitrateOf(*contents.audio)},
+                          {"seconds", secondsOf(contents.audio->endUs - contents.audio->firstUs)}});
     }
     return tracks;
 }
@@ -126,59 +129,52 @@ Json periodsOf(const Receipt& receipt) {
     for (const PeriodResult& result : resultsOf(receipt)) {
         Json period = {{"asked", spanOf(result.asked)},
                        {"input_ends", nullptr},
-                       {"pictures", spanOf(result.pictures)},
-                       {"sound", spanOf(result.sound)},
+                       {"video", spanOf(result.video)},
+                       {"audio", spanOf(result.audio)},
                        {"frames_in", result.framesOut + result.dropped},
                        {"frames_out", result.framesOut},
                        {"frames_dropped", result.dropped},
-                       {"sound_skew_ms", nullptr}};
+                       {"audio_skew_ms", nullptr}};
         if (result.inputEndUs) period["input_ends"] = secondsOf(*result.inputEndUs);
-        if (result.skewUs) period["sound_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
+        if (result.skewUs) period["audio_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
         periods.push_back(std::move(period));
     }
     return periods;
 }
 
+// A line with its name in a column of its own.
 template <typename... Values>
-std::string row(const char* name, const char* format, Values... values) {
-    char text[200];
-    snprintf(text, sizeof(text), format, values...);
-    char line[240];
-    snprintf(line, sizeof(line), "  %-8s %s\n", name, text);
-    return line;
+std::string row(const char* name, fmt::format_string<Values...> format, Values&&... values) {
+    return fmt::format("  {:<8} {}\n", name, fmt::format(format, std::forward<Values>(values)...));
 }
 
 std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
-    const TrackSamples& samples = *receipt.written->video;
-    const std::string codec = codecName(video.mime);
-    return row("video", "%s %dx%d, %.4g fps", codec.c_str(), video.width, video.height,
+    const TrackSamples& samples = *receipt.contents->video;
+    return row("video", "{} {}x{}, {:.4g} fps", codecName(video.mime), video.width, video.height,
                rateOf(samples)) +
-           row("", "%lld frames, %lld dropped", static_cast<long long>(samples.count),
-               static_cast<long long>(receipt.counts.dropped())) +
-           row("", "%s", bitrateText(bitrateOf(samples)).c_str());
+           row("", "{} frames, {} dropped", samples.count, receipt.statistics.dropped()) +
+           row("", "{}", bitrateText(bitrateOf(samples)));
 }
 
 std::string audioRows(const AudioTrack& audio, const TrackSamples& samples) {
-    return row("audio", "%s %d Hz, %d channel%s", codecName(audio.mime).c_str(), audio.sampleRate,
+    return row("audio", "{} {} Hz, {} channel{}", codecName(audio.mime), audio.sampleRate,
                audio.channels, audio.channels == 1 ? "" : "s") +
-           row("", "%s", bitrateText(bitrateOf(samples)).c_str());
+           row("", "{}", bitrateText(bitrateOf(samples)));
 }
 
 std::string spanText(const TrimPeriod& span) {
-    char text[48];
-    snprintf(text, sizeof(text), "%.3f-%.3f s", secondsOf(span.mStartUs), secondsOf(span.mEndUs));
-    return text;
+    return fmt::format("{:.3f}-{:.3f} s", secondsOf(span.mStartUs), secondsOf(span.mEndUs));
 }
 
 std::string periodRows(const PeriodResult& result) {
-    std::string rows = row("period", "%s asked", spanText(result.asked).c_str());
+    std::string rows = row("period", "{} asked", spanText(result.asked));
     if (result.inputEndUs) {
-        rows += row("", "the input ends at %.3f s", secondsOf(*result.inputEndUs));
+        rows += row("", "the input ends at {:.3f} s", secondsOf(*result.inputEndUs));
     }
-    if (result.pictures) rows += row("", "%s pictures", spanText(*result.pictures).c_str());
-    if (result.sound) rows += row("", "%s sound", spanText(*result.sound).c_str());
+    if (result.video) rows += row("", "{} video", spanText(*result.video));
+    if (result.audio) rows += row("", "{} audio", spanText(*result.audio));
     if (result.skewUs) {
-        rows += row("", "sound %.1f ms %s", std::abs(static_cast<double>(*result.skewUs)) / 1e3,
+        rows += row("", "audio {:.1f} ms {}", std::abs(static_cast<double>(*result.skewUs)) / 1e3,
                     *result.skewUs < 0 ? "early" : "late");
     }
     return rows;
@@ -195,16 +191,13 @@ Usage usageOf(const rusage& usage) {
 }
 
 std::string usageText(const Usage& usage, char mark) {
-    char text[48];
     switch (mark) {
         case kCpuTextMark:
-            snprintf(text, sizeof(text), "%.2f", usage.cpuSeconds);
-            return text;
+            return fmt::format("{:.2f}", usage.cpuSeconds);
         case kMemoryTextMark:
             return bytesText(usage.peakBytes);
         case kCpuJsonMark:
-            snprintf(text, sizeof(text), "%.6f", usage.cpuSeconds);
-            return text;
+            return fmt::format("{:.6f}", usage.cpuSeconds);
         case kMemoryJsonMark:
             return std::to_string(usage.peakBytes);
         default:
@@ -213,22 +206,22 @@ std::string usageText(const Usage& usage, char mark) {
 }
 
 std::string toJson(const Receipt& receipt) {
-    if (!receipt.written) return emptyReceipt(receipt.input, receipt.output);
-    const WrittenFile& written = *receipt.written;
-    const int64_t lengthUs = written.media.durationUs();
-    const int64_t validUs = receipt.complete ? lengthUs : commonEndUs(written);
-    Json json = {{"status", receipt.complete ? "complete" : "stopped"},
+    if (!receipt.contents) return emptyReceipt(receipt.input, receipt.output);
+    const OutputContents& contents = *receipt.contents;
+    const int64_t lengthUs = contents.media.durationUs();
+    const int64_t validUs = receipt.isComplete ? lengthUs : contents.commonEndUs();
+    Json json = {{"status", receipt.isComplete ? "complete" : "stopped"},
                  {"valid_up_to", secondsOf(validUs)},
                  {"input", receipt.input},
                  {"output", receipt.output},
-                 {"bytes", written.media.sizeBytes},
-                 {"tracks", tracksOf(written, receipt.counts)},
+                 {"bytes", contents.media.sizeBytes},
+                 {"tracks", tracksOf(contents, receipt.statistics)},
                  {"periods", periodsOf(receipt)},
-                 {"damaged_samples", receipt.counts.damaged()},
+                 {"damaged_samples", receipt.statistics.damaged()},
                  {"uuid_data", nullptr}};
-    if (!written.media.uuidData.empty()) {
-        json["uuid_data"] = {{"bytes", written.media.uuidData.size()},
-                             {"sha256", sha256(written.media.uuidData)}};
+    if (!contents.media.uuidData.empty()) {
+        json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
+                             {"sha256", sha256(contents.media.uuidData)}};
     }
     json["seconds"] = receipt.wallSeconds;
     json["speed"] = secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
@@ -245,29 +238,27 @@ std::string emptyReceipt(const std::string& input, const std::string& output) {
 }
 
 std::string toText(const Receipt& receipt) {
-    const WrittenFile& written = *receipt.written;
-    const int64_t lengthUs = written.media.durationUs();
+    const OutputContents& contents = *receipt.contents;
+    const int64_t lengthUs = contents.media.durationUs();
     std::string text =
-        console::printable(receipt.output) + (receipt.complete ? ": complete\n" : ": stopped\n");
-    text += row("length", "%s, %s", secondsText(lengthUs).c_str(),
-                bytesText(written.media.sizeBytes).c_str());
-    if (written.video) text += videoRows(*written.media.video, receipt);
-    if (written.audio) text += audioRows(*written.media.audio, *written.audio);
+        console::printable(receipt.output) + (receipt.isComplete ? ": complete\n" : ": stopped\n");
+    text += row("length", "{}, {}", secondsText(lengthUs), bytesText(contents.media.sizeBytes));
+    if (contents.video) text += videoRows(*contents.media.video, receipt);
+    if (contents.audio) text += audioRows(*contents.media.audio, *contents.audio);
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }
-    if (receipt.counts.damaged() > 0) {
-        text += row("damaged", "%lld samples were skipped",
-                    static_cast<long long>(receipt.counts.damaged()));
+    if (receipt.statistics.damaged() > 0) {
+        text += row("damaged", "{} packets were skipped", receipt.statistics.damaged());
     }
-    if (!written.media.uuidData.empty()) {
-        text += row("uuid", "%zu bytes", written.media.uuidData.size()) +
-                row("", "sha256 %s", sha256(written.media.uuidData).c_str());
+    if (!contents.media.uuidData.empty()) {
+        text += row("uuid", "{} bytes", contents.media.uuidData.size()) +
+                row("", "sha256 {}", sha256(contents.media.uuidData));
     }
     return text +
-           row("took", "%.2f s, %.1f x real time", receipt.wallSeconds,
+           row("took", "{:.2f} s, {:.1f} x real time", receipt.wallSeconds,
                secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
-           row("", "%c s CPU, %c memory", kCpuTextMark, kMemoryTextMark);
+           row("", "{} s CPU, {} memory", char{kCpuTextMark}, char{kMemoryTextMark});
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,11 +1,10 @@
 #include <errno.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/monitor/LogOutput.h>
-#include <qmtranscode/report/Format.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/report/Receipt.h>
 #include <qmtranscode/sandbox/Supervisor.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -13,28 +12,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-constexpr int kExplainMs = 1000;
-// How long the last line of a stopped command waits for a terminal.
+constexpr int64_t kPrintStateUs = 1000000;
+// How long the last line of a stopped command waits for a blocked terminal.
 constexpr int kLastLineMs = 100;
-
-// A shell starts background jobs with SIGINT ignored, and a signal that is sent to one of them is
-// meant. An ignored SIGHUP is nohup's, and stays ignored.
-sigset_t takenSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGXCPU, SIGUSR1, SIGCHLD, SIGWINCH}) {
-        sigaddset(&signals, signal);
-    }
-    struct sigaction hangup {};
-    sigaction(SIGHUP, nullptr, &hangup);
-    if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
-    return signals;
-}
 
 int terminalColumns() {
     winsize size{};
@@ -49,8 +35,8 @@ const char* textOf(WorkerStage stage) {
         case WorkerStage::kStarting:
         case WorkerStage::kTranscoding:
             return "transcoding";
-        case WorkerStage::kChecking:
-            return "checking the output";
+        case WorkerStage::kVerifying:
+            return "verifying the output";
     }
     return "";
 }
@@ -64,19 +50,13 @@ ExitStatus exitStatus(int value) {
 
 }  // namespace
 
-void blockSignals() {
-    signal(SIGINT, SIG_DFL);
-    const sigset_t signals = takenSignals();
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-}
-
-void Supervisor::Screen::append(std::string_view text) {
+void Supervisor::ErrorOutput::append(std::string_view text) {
     text = text.substr(0, sizeof(mData) - mSize);
     memcpy(mData + mSize, text.data(), text.size());
     mSize += text.size();
 }
 
-void Supervisor::Screen::line(std::string_view text) {
+void Supervisor::ErrorOutput::line(std::string_view text) {
     if (!hasRoom()) return;
     if (mBarSize > 0) append(console::kEraseLine);
     const size_t begin = mSize;
@@ -87,7 +67,7 @@ void Supervisor::Screen::line(std::string_view text) {
     append({mBar, mBarSize});
 }
 
-void Supervisor::Screen::bar(std::string_view text) {
+void Supervisor::ErrorOutput::bar(std::string_view text) {
     constexpr std::string_view kGreen = "\x1b[32m";
     constexpr std::string_view kPlain = "\x1b[m";
     mBarSize = 0;
@@ -106,152 +86,122 @@ void Supervisor::Screen::bar(std::string_view text) {
         add(text[mark] == kGreenBegin ? kGreen : kPlain);
         text.remove_prefix(mark + 1);
     }
-    // A bar that the terminal has no room for is out of date by the time that it has.
+    // Without room, the bar is skipped, because it would be out of date by the time it is shown.
     if (!hasRoom()) return;
     append(console::kEraseLine);
     append({mBar, mBarSize});
 }
 
-void Supervisor::Screen::removeBar() {
+void Supervisor::ErrorOutput::removeBar() {
     if (mBarSize > 0 && hasRoom()) append(console::kEraseLine);
     mBarSize = 0;
 }
 
-// A pipe or a terminal that poll() has found ready takes this much without waiting.
-void Supervisor::Screen::writeSome() {
-    constexpr size_t kAtOnce = 4096;
-    const ssize_t written = write(STDERR_FILENO, mData, std::min(mSize, kAtOnce));
+// Writes what a pipe or a terminal takes without blocking when poll() has found it ready.
+void Supervisor::ErrorOutput::writeSome() {
+    constexpr size_t kMaxWriteBytes = 4096;
+    const ssize_t written = write(STDERR_FILENO, mData, std::min(mSize, kMaxWriteBytes));
     if (written < 0 && errno == EINTR) return;
-    // Nobody can be told that standard error cannot be written.
+    // Without standard error, there is no way to report its errors.
     const size_t done = written < 0 ? mSize : static_cast<size_t>(written);
     memmove(mData, mData + done, mSize - done);
     mSize -= done;
 }
 
-Supervisor::Supervisor(const Job& job, pid_t worker, const Link& link, SharedState* shared)
-    : mJob(job), mWorker(worker), mLink(link), mShared(shared) {
-    const sigset_t signals = takenSignals();
-    mSignals = signalfd(-1, &signals, SFD_CLOEXEC);
-}
-
-Supervisor::~Supervisor() {
-    if (mSignals >= 0) close(mSignals);
-}
+Supervisor::Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared)
+    : mJob(job), mWorker(worker), mLink(link), mShared(shared) {}
 
 int Supervisor::run() {
-    if (mSignals < 0) mEndAtOnce = true;
-    while (!mEndAtOnce && (!mWorkerEnded || mLinkOpen)) step(-1);
-    return mEndAtOnce ? endAtOnce() : conclude();
+    if (mSignals.fd() < 0) mStopNow = true;
+    while (!mStopNow && (!mHasWorkerEnded || mIsLinkOpen)) step();
+    return mStopNow ? endNow() : conclude();
 }
 
-// Waits until something has happened, and deals with it.
-void Supervisor::step(int timeoutMs) {
-    // The worker is heard when there is room for what it says; once it is to stop, in any case.
-    if (mStopRequested && !mScreen.hasRoom()) mScreen.drop();
-    const bool hears = mScreen.hasRoom();
+// Waits for an event and handles it.
+void Supervisor::step() {
+    // Messages are read while there is room for their text; after a stop, in any case.
+    if (mStopRequested && !mErrors.hasRoom()) mErrors.discard();
+    const bool canRead = mErrors.hasRoom();
     pollfd fds[] = {
-        {mSignals, POLLIN, 0},
-        {mLinkOpen && hears ? mLink.fd() : -1, POLLIN, 0},
-        {mLibraryOpen && hears ? mJob.libraryOutput : -1, POLLIN, 0},
-        {mScreen.isEmpty() ? -1 : STDERR_FILENO, POLLOUT, 0},
+        {mSignals.fd(), POLLIN, 0},
+        {mIsLinkOpen && canRead ? mLink.fd() : -1, POLLIN, 0},
+        {mIsLibraryOutputOpen && canRead ? mJob.libraryOutput : -1, POLLIN, 0},
+        {mErrors.isEmpty() ? -1 : STDERR_FILENO, POLLOUT, 0},
     };
-    if (mExplainDueUs != 0) {
-        const int64_t leftUs = std::max<int64_t>(mExplainDueUs - nowUs(), 0);
-        const int leftMs = static_cast<int>(leftUs / 1000 + 1);
-        timeoutMs = timeoutMs < 0 ? leftMs : std::min(timeoutMs, leftMs);
+    int timeoutMs = -1;
+    if (mStateDueUs != 0) {
+        const int64_t leftUs = std::max<int64_t>(mStateDueUs - nowUs(), 0);
+        timeoutMs = static_cast<int>(leftUs / 1000 + 1);
     }
-    if (poll(fds, 4, timeoutMs) < 0) return;
-    if (fds[3].revents != 0) mScreen.writeSome();
-    if (fds[0].revents != 0) takeSignal();
-    if (fds[1].revents != 0) takeMessage();
-    if (fds[2].revents != 0) takeLibraryOutput();
-    if (mExplainDueUs != 0 && nowUs() >= mExplainDueUs) {
-        mExplainDueUs = 0;
-        mScreen.line("qmtranscode: the worker does not answer");
+    if (poll(fds, std::size(fds), timeoutMs) < 0) return;
+    if (fds[3].revents != 0) mErrors.writeSome();
+    if (fds[0].revents != 0) handleSignal(mSignals.take());
+    if (fds[1].revents != 0) handleMessage();
+    if (fds[2].revents != 0) handleLibraryOutput();
+    if (mStateDueUs != 0 && nowUs() >= mStateDueUs) {
+        mStateDueUs = 0;
+        mErrors.line("qmtranscode: the worker process does not answer");
     }
 }
 
-void Supervisor::takeSignal() {
-    signalfd_siginfo info{};
-    if (read(mSignals, &info, sizeof(info)) != sizeof(info)) return;
-    switch (info.ssi_signo) {
-        case SIGCHLD:
+void Supervisor::handleSignal(SignalAction action) {
+    switch (action) {
+        case SignalAction::kNone:
+            return;
+        case SignalAction::kChildEnded:
             reapWorker();
             return;
-        case SIGWINCH:
+        case SignalAction::kTerminalResized:
             mShared->columns = terminalColumns();
             return;
-        case SIGUSR1:
-            explain();
+        case SignalAction::kPrintState:
+            mLink.send(Message::kPrintState);
+            mStateDueUs = nowUs() + kPrintStateUs;
             return;
-        default:
-            stop(info);
+        case SignalAction::kStop:
+            stop();
+            return;
+        case SignalAction::kStopNow:
+            mStopRequested = true;
+            mStopNow = true;
+            return;
     }
 }
 
-void Supervisor::explain() {
-    mLink.send(Message::kExplain);
-    mExplainDueUs = nowUs() + kExplainMs * 1000;
-}
-
-void Supervisor::stop(const signalfd_siginfo& signal) {
-    // timeout(1) sends its signal to the process and to its group: that is one wish.
-    constexpr int64_t kOneWishUs = 100000;
-    const bool doubled = signal.ssi_pid != 0 && signal.ssi_pid == mFirstSignal.ssi_pid &&
-                         signal.ssi_signo == mFirstSignal.ssi_signo &&
-                         nowUs() - mFirstSignalUs < kOneWishUs;
-    // Beyond a limit of CPU time, the kernel sends SIGXCPU again each second.
-    // When a terminal closes, its shell and the kernel send one SIGHUP each, in either order.
-    const bool isTerminalGone =
-        signal.ssi_signo == SIGHUP && mFirstSignal.ssi_signo == SIGHUP &&
-        (signal.ssi_code == SI_KERNEL || mFirstSignal.ssi_code == SI_KERNEL);
-    const bool isRepeated =
-        doubled || isTerminalGone || (signal.ssi_signo == SIGXCPU && signal.ssi_code == SI_KERNEL);
-    if (mStopRequested) {
-        if (!isRepeated) mEndAtOnce = true;
-        return;
-    }
+void Supervisor::stop() {
     mStopRequested = true;
-    mFirstSignal = signal;
-    mFirstSignalUs = nowUs();
     const bool isKeepable = mStage == WorkerStage::kTranscoding && mJob.mayKeepPartial;
-    if (!isKeepable || signal.ssi_signo == SIGQUIT || !mLink.send(Message::kStop)) {
-        mEndAtOnce = true;
-    }
+    if (!isKeepable || !mLink.send(Message::kStop)) mStopNow = true;
 }
 
-void Supervisor::takeMessage() {
-    char buffer[Link::kBufferBytes];
+void Supervisor::handleMessage() {
+    char buffer[WorkerLink::kBufferBytes];
     const auto received = mLink.receive(buffer);
     if (!received) {
-        mLinkOpen = false;
+        mIsLinkOpen = false;
         return;
     }
     const std::string_view payload = received->payload;
     switch (received->message) {
         case Message::kLine:
-            mExplainDueUs = 0;
-            mScreen.line(payload);
+            mStateDueUs = 0;
+            mErrors.line(payload);
             return;
         case Message::kBar:
-            mScreen.bar(payload);
+            mErrors.bar(payload);
             return;
-        case Message::kNoBar:
-            mScreen.removeBar();
+        case Message::kRemoveBar:
+            mErrors.removeBar();
             return;
         case Message::kStage:
             if (payload.size() == 1 && static_cast<unsigned char>(payload[0]) <=
-                                           static_cast<unsigned char>(WorkerStage::kChecking)) {
+                                           static_cast<unsigned char>(WorkerStage::kVerifying)) {
                 mStage = static_cast<WorkerStage>(payload[0]);
             }
             return;
-        case Message::kCpuLimit: {
-            signalfd_siginfo info{};
-            info.ssi_signo = SIGXCPU;
-            info.ssi_code = SI_KERNEL;
-            stop(info);
+        case Message::kCpuLimit:
+            handleSignal(mSignals.onCpuLimit());
             return;
-        }
         case Message::kResult:
             if (payload.size() < sizeof(mResult)) return;
             memcpy(&mResult, payload.data(), sizeof(mResult));
@@ -264,110 +214,109 @@ void Supervisor::takeMessage() {
     }
 }
 
-void Supervisor::takeLibraryOutput() {
+void Supervisor::handleLibraryOutput() {
     char buffer[1024];
     const ssize_t size = read(mJob.libraryOutput, buffer, sizeof(buffer));
-    if (size <= 0) mLibraryOpen = false;
+    if (size <= 0) mIsLibraryOutputOpen = false;
     if (size <= 0 || !mJob.showsLibraryOutput) return;
     std::string_view text(buffer, static_cast<size_t>(size));
     if (text.back() == '\n') text.remove_suffix(1);
-    mScreen.line(text);
+    mErrors.line(text);
 }
 
 bool Supervisor::reapWorker() {
-    if (mWorkerEnded) return true;
+    if (mHasWorkerEnded) return true;
     pid_t result;
     do {
         result = wait4(mWorker, &mWorkerStatus, WNOHANG, &mUsage);
     } while (result < 0 && errno == EINTR);
-    mWorkerEnded = result == mWorker || result < 0;
-    return mWorkerEnded;
+    mHasWorkerEnded = result == mWorker || result < 0;
+    return mHasWorkerEnded;
 }
 
-// Whether a signal ends the wait for a reader, which is all that is left to stop once the worker
-// has ended. The waits that follow are short, because one signal has to end them all.
-bool Supervisor::endsWait(const signalfd_siginfo& signal) {
-    if (signal.ssi_signo == SIGCHLD || signal.ssi_signo == SIGWINCH) return false;
-    if (signal.ssi_signo == SIGUSR1) return false;
-    mStopRequested = true;
-    return true;
+// Takes a signal while the command waits for a reader, which is all that is left to stop once the
+// worker has ended. After a stop, the remaining waits are short, so that one signal ends them all.
+bool Supervisor::takeStop() {
+    const SignalAction action = mSignals.take();
+    const bool isStop = action == SignalAction::kStop || action == SignalAction::kStopNow;
+    if (isStop) mStopRequested = true;
+    return isStop;
 }
 
-// Until everything stands on standard error, or the time is over; without a limit for -1.
+// Until everything is written to standard error or the time is over; -1 means no limit.
 void Supervisor::flush(int timeoutMs) {
     const int64_t endUs = nowUs() + int64_t{timeoutMs} * 1000;
-    while (!mScreen.isEmpty()) {
-        pollfd fds[] = {{STDERR_FILENO, POLLOUT, 0}, {mSignals, POLLIN, 0}};
+    while (!mErrors.isEmpty()) {
+        pollfd fds[] = {{STDERR_FILENO, POLLOUT, 0}, {mSignals.fd(), POLLIN, 0}};
         int left = -1;
         if (timeoutMs >= 0) left = static_cast<int>(std::max<int64_t>(endUs - nowUs(), 0) / 1000);
         const int ready = poll(fds, 2, left);
         if (ready == 0) return;
         if (fds[0].revents != 0) {
-            mScreen.writeSome();
-        } else if (fds[1].revents != 0) {
-            signalfd_siginfo info{};
-            const bool isRead = read(mSignals, &info, sizeof(info)) == sizeof(info);
-            if (isRead && endsWait(info)) return;
+            mErrors.writeSome();
+        } else if (fds[1].revents != 0 && takeStop()) {
+            return;
         }
     }
 }
 
-int Supervisor::endAtOnce() {
+int Supervisor::endNow() {
     kill(mWorker, SIGKILL);
-    OutputFile::removeNow();
-    mScreen.removeBar();
+    PendingFile::removeNow();
+    mErrors.removeBar();
     pollfd out{STDOUT_FILENO, POLLOUT, 0};
-    if (!mJob.lastWords.empty() && poll(&out, 1, kLastLineMs) == 1) {
-        const ssize_t written = write(STDOUT_FILENO, mJob.lastWords.data(), mJob.lastWords.size());
+    if (!mJob.emptyReceipt.empty() && poll(&out, 1, kLastLineMs) == 1) {
+        const ssize_t written =
+            write(STDOUT_FILENO, mJob.emptyReceipt.data(), mJob.emptyReceipt.size());
         static_cast<void>(written);
     }
-    if (!mScreen.hasRoom()) mScreen.drop();
-    mScreen.line("qmtranscode: stopped; nothing was kept");
+    if (!mErrors.hasRoom()) mErrors.discard();
+    mErrors.line("qmtranscode: stopped; nothing was kept");
     flush(kLastLineMs);
     reapWorker();
     return kExitStopped;
 }
 
 int Supervisor::conclude() {
-    mScreen.removeBar();
-    // A finished output does not wait for a terminal to get its name.
+    mErrors.removeBar();
+    // Not longer, because a finished output must not wait for a terminal to get its name.
     flush(kLastLineMs);
     // A sanitizer changes the status of a worker that has given its result.
     const bool isWell =
         mHasResult && WIFEXITED(mWorkerStatus) && WEXITSTATUS(mWorkerStatus) == mResult.status;
-    const int status = isWell ? kept() : crashed();
+    const int status = isWell ? publish() : workerCrashed();
     flush(mStopRequested ? kLastLineMs : -1);
     return status;
 }
 
-int Supervisor::crashed() {
-    char line[512];
-    char reason[128];
+int Supervisor::workerCrashed() {
+    char reason[64] = "ended without a result";
     if (WIFSIGNALED(mWorkerStatus)) {
-        const int signal = WTERMSIG(mWorkerStatus);
-        const char* const name = sigabbrev_np(signal);
-        snprintf(reason, sizeof(reason), "ended by SIG%s", name == nullptr ? "?" : name);
-    } else {
-        snprintf(reason, sizeof(reason), "ended without a result");
+        const char* const name = sigabbrev_np(WTERMSIG(mWorkerStatus));
+        *fmt::format_to_n(reason, sizeof(reason) - 1, "was terminated by SIG{}",
+                          name == nullptr ? "?" : name)
+             .out = '\0';
     }
-    snprintf(line, sizeof(line), "qmtranscode: %.300s: the worker process was %s while %s; %s",
-             mJob.input.c_str(), reason, textOf(mStage), "nothing was kept");
-    mScreen.line(line);
+    char line[512];
+    const auto end = fmt::format_to_n(line, sizeof(line),
+                                      "qmtranscode: {:.300}: the worker process {} while {}; {}",
+                                      mJob.input, reason, textOf(mStage), "nothing was kept");
+    mErrors.line({line, std::min(end.size, sizeof(line))});
     return kExitFailed;
 }
 
-int Supervisor::kept() {
+int Supervisor::publish() {
     ExitStatus status = exitStatus(mResult.status);
     std::string failure(mFailure, mFailureSize);
     bool isComplete = status == kExitComplete;
     bool isKept = true;
     const auto fail = [&](const Failure& reason) {
         status = reason.status;
-        failure = reason.subject.empty() ? reason.reason : reason.subject + ": " + reason.reason;
+        failure = reason.text();
         isComplete = false;
     };
     if (mResult.keepOutput && mJob.output != nullptr) {
-        if (auto reason = mJob.output->keep()) {
+        if (auto reason = mJob.output->commit()) {
             fail(*reason);
             isKept = false;
         }
@@ -389,16 +338,15 @@ int Supervisor::kept() {
             if (isComplete) {
                 fail({kExitFailed, output + " is complete; " + reason->subject, reason->reason});
             } else {
-                mScreen.line("qmtranscode: " + reason->subject + ": " + reason->reason);
+                mErrors.line("qmtranscode: " + reason->text());
             }
         }
     }
-    if (status != kExitComplete) mScreen.line("qmtranscode: " + failure);
+    if (status != kExitComplete) mErrors.line("qmtranscode: " + failure);
     return status;
 }
 
-// CPU time and memory are known when the worker has ended, so that the receipt has marks in their
-// places.
+// Replaces the receipt's marks for CPU time and memory, which are known only now.
 bool Supervisor::printReceipt() {
     struct stat file {};
     if (fstat(mJob.receipt, &file) != 0) return false;
@@ -416,27 +364,26 @@ bool Supervisor::printReceipt() {
         if (mark < raw.size()) text += usageText(usage, raw[mark]);
         begin = mark + 1;
     }
-    return printChecked(text);
+    return printAndCheck(text);
 }
 
-// False, with errno, when not all of it could be written, or when a signal ended the wait.
-bool Supervisor::printChecked(std::string_view text) {
-    constexpr size_t kAtOnce = 4096;
+// False, with errno, if not all of it could be written or a signal ended the wait.
+bool Supervisor::printAndCheck(std::string_view text) {
+    constexpr size_t kMaxWriteBytes = 4096;
     while (!text.empty()) {
-        pollfd fds[] = {{STDOUT_FILENO, POLLOUT, 0}, {mSignals, POLLIN, 0}};
+        pollfd fds[] = {{STDOUT_FILENO, POLLOUT, 0}, {mSignals.fd(), POLLIN, 0}};
         const int ready = poll(fds, 2, mStopRequested ? kLastLineMs : -1);
         if (ready == 0) {
             errno = ETIMEDOUT;
             return false;
         }
         if (fds[0].revents == 0) {
-            signalfd_siginfo info{};
-            const bool isRead = read(mSignals, &info, sizeof(info)) == sizeof(info);
-            if (!isRead || !endsWait(info)) continue;
+            if (!takeStop()) continue;
             errno = EINTR;
             return false;
         }
-        const ssize_t written = write(STDOUT_FILENO, text.data(), std::min(text.size(), kAtOnce));
+        const ssize_t written =
+            write(STDOUT_FILENO, text.data(), std::min(text.size(), kMaxWriteBytes));
         if (written < 0 && errno != EINTR) return false;
         if (written > 0) text.remove_prefix(static_cast<size_t>(written));
     }

@@ -1,19 +1,19 @@
 // The parent of the command's two processes. It alone has the signals, the terminal and the names
 // of files; the worker decodes, encodes and writes through descriptors that it was given. A worker
-// that crashes, hangs or lies can neither harm a file nor steer the terminal.
+// that crashes, hangs or sends false messages can neither damage a file nor control the terminal.
 //
-// One thread, one loop. It allocates nothing in the loop, because memory may be what the worker has
-// used up.
+// One thread, one poll loop. The loop allocates nothing, because the worker may have used up the
+// memory.
 #pragma once
 
-#include <qmtranscode/job/OutputFile.h>
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/job/PendingFile.h>
 #include <qmtranscode/monitor/TraceFile.h>
+#include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
-#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -21,9 +21,6 @@
 #include <string_view>
 
 namespace android::qmmediaeditor::cli {
-
-// Blocks the signals that the command takes, for this process and for those that it forks.
-void blockSignals();
 
 // In memory that both processes share.
 struct SharedState {
@@ -33,25 +30,24 @@ struct SharedState {
 class Supervisor {
 public:
     struct Job {
-        std::string input;   // for messages
-        OutputFile* output;  // null when nothing is to be written
-        TraceFile* trace;
-        int receipt;        // the worker writes it there
-        int libraryOutput;  // what libraries of the worker print can be read there
+        std::string input;    // for messages
+        PendingFile* output;  // null if nothing is to be written
+        TraceFile* trace;     // may be null
+        int receipt;          // the worker writes it there
+        int libraryOutput;    // the read end of the worker's standard output and error
         bool showsLibraryOutput;
-        bool mayKeepPartial;    // a stop keeps what has been written
-        std::string lastWords;  // for standard output when nothing is kept
+        bool mayKeepPartial;       // a stop keeps what has been written
+        std::string emptyReceipt;  // for standard output if nothing is kept
     };
     // All outlive the object.
-    Supervisor(const Job& job, pid_t worker, const Link& link, SharedState* shared);
-    ~Supervisor();
+    Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared);
 
     // Until the worker has ended. The exit status.
     int run();
 
 private:
-    // What stands on standard error, or waits for it.
-    class Screen {
+    // Text that waits to be written to standard error, and the progress bar below it.
+    class ErrorOutput {
     public:
         void line(std::string_view text);
         void bar(std::string_view text);
@@ -59,44 +55,43 @@ private:
         bool hasRoom() const { return mSize + kLineRoom <= sizeof(mData); }
         bool isEmpty() const { return mSize == 0; }
         void writeSome();
-        void drop() { mSize = 0; }
+        void discard() { mSize = 0; }
 
     private:
-        static constexpr size_t kLineRoom = Link::kMaxPayload + 2 * 1024;
+        static constexpr size_t kLineRoom = WorkerLink::kMaxPayload + 2 * 1024;
         void append(std::string_view text);
 
-        char mData[4 * Link::kMaxPayload];
+        char mData[4 * WorkerLink::kMaxPayload];
         size_t mSize = 0;
         char mBar[1024];
         size_t mBarSize = 0;
     };
 
-    void step(int timeoutMs);
-    void takeSignal();
-    void takeMessage();
-    void takeLibraryOutput();
-    void stop(const signalfd_siginfo& signal);
-    void explain();
+    void step();
+    void handleSignal(SignalAction action);
+    void handleMessage();
+    void handleLibraryOutput();
+    void stop();
     bool reapWorker();
-    int endAtOnce();
+    int endNow();
     int conclude();
-    int crashed();
-    int kept();
+    int workerCrashed();
+    int publish();
     bool printReceipt();
-    bool printChecked(std::string_view text);
-    bool endsWait(const signalfd_siginfo& signal);
+    bool printAndCheck(std::string_view text);
+    bool takeStop();
     void flush(int timeoutMs);
 
     const Job mJob;
     const pid_t mWorker;
-    const Link& mLink;
+    const WorkerLink& mLink;
     SharedState* const mShared;
-    int mSignals = -1;
-    Screen mScreen;
+    SignalHandler mSignals;
+    ErrorOutput mErrors;
 
-    bool mLinkOpen = true;
-    bool mLibraryOpen = true;
-    bool mWorkerEnded = false;
+    bool mIsLinkOpen = true;
+    bool mIsLibraryOutputOpen = true;
+    bool mHasWorkerEnded = false;
     int mWorkerStatus = 0;
     rusage mUsage{};
     WorkerStage mStage = WorkerStage::kOpening;
@@ -106,10 +101,8 @@ private:
     size_t mFailureSize = 0;
 
     bool mStopRequested = false;
-    bool mEndAtOnce = false;
-    signalfd_siginfo mFirstSignal{};
-    int64_t mFirstSignalUs = 0;
-    int64_t mExplainDueUs = 0;  // 0 when no answer is awaited
+    bool mStopNow = false;
+    int64_t mStateDueUs = 0;  // when the worker must have printed its state; 0 if not asked
 };
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,14 +1,13 @@
+#include <fmt/format.h>
 #include <host/Host.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/monitor/LogOutput.h>
-#include <qmtranscode/monitor/StallDetector.h>
+#include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/sandbox/Sandbox.h>
 #include <qmtranscode/sandbox/Worker.h>
-#include <qmtranscode/sandbox/WorkerControl.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -23,7 +22,7 @@ namespace android::qmmediaeditor::cli {
 namespace {
 
 // For signal handlers and the log's aborter.
-const Link* gLink = nullptr;
+const WorkerLink* gLink = nullptr;
 
 void sendResult(const WorkerResult& result, const std::string& failure) {
     std::string payload(reinterpret_cast<const char*>(&result), sizeof(result));
@@ -32,8 +31,8 @@ void sendResult(const WorkerResult& result, const std::string& failure) {
 
 void reportCpuLimit(int /* signal */) { gLink->send(Message::kCpuLimit); }
 
-// Terminals, timeout(1) and service managers signal all processes of a group: the parent alone
-// decides.
+// Terminals, timeout(1) and service managers signal all processes of a group, so that only the
+// parent acts on signals.
 void ignoreSignals() {
     for (const int each : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGWINCH}) {
         signal(each, SIG_IGN);
@@ -47,35 +46,36 @@ void ignoreSignals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Without memory of its own: there may be none.
+// Does not allocate, because there may be no memory left.
 [[noreturn]] void endWith(const char* reason, const char* more = "") {
     WorkerResult result;
     result.status = kExitFailed;
     char payload[sizeof(result) + 512];
     memcpy(payload, &result, sizeof(result));
-    snprintf(payload + sizeof(result), sizeof(payload) - sizeof(result), "%s%s", reason, more);
-    gLink->send(Message::kResult, {payload, sizeof(result) + strlen(payload + sizeof(result))});
+    const auto text = fmt::format_to_n(payload + sizeof(result), sizeof(payload) - sizeof(result),
+                                       "{}{}", reason, more);
+    gLink->send(Message::kResult, {payload, static_cast<size_t>(text.out - payload)});
     _exit(kExitFailed);
 }
 
 void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text.c_str()); }
 
-Outcome runJob(const Options& options, int threads, JobFiles* files, const Link& link) {
-    // These live as long as the process: the host's threads log until its very end.
+Outcome runJob(const Options& options, int threads, JobFiles* files, const WorkerLink& link) {
+    // Never destroyed, because threads of the host may log until the process ends.
     static auto* const monitor = new RunMonitor;
-    static auto* const facts = new RunFacts;
+    static auto* const observer = new RunObserver;
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
-    WorkerControl control(link, [] { explainRun(*monitor, "what every thread does:"); });
-    const StallWatch stallWatch(monitor, std::chrono::seconds(10));
+    WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
+    const StallDetector stallDetector(monitor, std::chrono::seconds(10));
     const std::unique_ptr<Platform> platform = createHostPlatform(
-        {options.preset, options.fastStart, options.cutTimesUs(), facts, threads});
+        {options.preset, options.fastStart, options.cutTimesUs(), observer, threads});
     Platform::install(platform.get());
-    return Job(options, files, &control, monitor, facts).run();
+    return Job(options, files, &control, monitor, observer).run();
 }
 
 }  // namespace
 
-void runWorker(const Options& options, JobFiles* files, const Link& link, SharedState* shared,
+void runWorker(const Options& options, JobFiles* files, const WorkerLink& link, SharedState* shared,
                int libraryOutput, pid_t parent) noexcept {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kExitFailed);
@@ -83,10 +83,10 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     ignoreSignals();
     dup2(libraryOutput, STDOUT_FILENO);
     dup2(libraryOutput, STDERR_FILENO);
-    // Tables of long files come and go as a whole, and leave no holes.
+    // Tables of long files are then mapped, and given back to the system when they are freed.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
     console::useLink(&link, &shared->columns);
-    // The log's times need it, and it reads a file.
+    // Before the sandbox, because it reads a file that the log's times need.
     tzset();
     const int threads = options.threads.value_or(defaultThreads());
     if (!enterSandbox()) endWith("not enough memory");
@@ -100,13 +100,8 @@ void runWorker(const Options& options, JobFiles* files, const Link& link, Shared
     result.status = outcome.failure ? outcome.failure->status : kExitComplete;
     result.keepOutput = outcome.keepOutput;
     result.traceError = outcome.traceError;
-    std::string failure;
-    if (outcome.failure) {
-        failure = outcome.failure->reason;
-        if (!outcome.failure->subject.empty()) failure = outcome.failure->subject + ": " + failure;
-    }
-    sendResult(result, failure);
-    // Not by returning: the files' names are the parent's.
+    sendResult(result, outcome.failure ? outcome.failure->text() : "");
+    // Without destroying `files`, whose names belong to the parent.
     exit(result.status);
 }
 

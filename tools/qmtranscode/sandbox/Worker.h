@@ -1,4 +1,4 @@
-// The worker of the command's two processes: everything that touches the contents of files.
+// The worker of the command's two processes: it reads and writes the contents of files.
 #pragma once
 
 #include <qmtranscode/cli/Options.h>
@@ -9,9 +9,9 @@
 
 namespace android::qmmediaeditor::cli {
 
-// In a process of its own, forked from `parent` while that had no other thread. What libraries
-// print goes to `libraryOutput`.
-[[noreturn]] void runWorker(const Options& options, JobFiles* files, const Link& link,
+// In a process that was forked from `parent` while that had one thread. Standard output and error
+// of libraries go to `libraryOutput`.
+[[noreturn]] void runWorker(const Options& options, JobFiles* files, const WorkerLink& link,
                             SharedState* shared, int libraryOutput, pid_t parent) noexcept;
 
 }  // namespace android::qmmediaeditor::cli
