@@ -16,8 +16,8 @@
 #include <memory>
 #include <vector>
 
-#include "host/foundation/PictureMemory.h"
-#include "host/media/CodecWorker.h"
+#include "host/codec/HostMediaCodec.h"
+#include "host/foundation/FrameAllocator.h"
 
 namespace android::qmmediaeditor {
 namespace {
@@ -49,21 +49,21 @@ struct PictureSize {
 };
 
 // Gives out one ready payload for each input.
-class FreeEngine : public CodecEngine {
+class FreeBackend : public CodecBackend {
 public:
-    FreeEngine(const PictureSize& size, bool encoder)
+    FreeBackend(const PictureSize& size, bool encoder)
         : mSize(size),
           mEncoder(encoder),
-          mPayload(PictureMemory::makeBuffer(encoder ? 1000 : size.bytes())) {
+          mPayload(FrameAllocator::makeBuffer(encoder ? 1000 : size.bytes())) {
         memset(mPayload->base(), 128, mPayload->capacity());
     }
 
-    status_t configure(const sp<AMessage>&, CodecPorts* ports) override {
-        ports->inputCount = kEncoderInputs;
-        ports->inputBytes = mEncoder ? mSize.bytes() : 1000;
-        ports->inputsArePictures = mEncoder;
-        ports->outputCount = kDecoderOutputs;
-        ports->announcesFormat = !mEncoder;
+    status_t configure(const sp<AMessage>&, CodecBuffers* buffers) override {
+        buffers->inputCount = kEncoderInputs;
+        buffers->inputBytes = mEncoder ? mSize.bytes() : 1000;
+        buffers->inputsAreFrames = mEncoder;
+        buffers->outputCount = kDecoderOutputs;
+        buffers->announcesFormat = !mEncoder;
         return OK;
     }
     sp<AMessage> outputFormat() const override { return mSize.format(); }
@@ -102,7 +102,7 @@ public:
 
     sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString&, bool encoder,
                                status_t*) override {
-        return new CodecWorker(looper, std::make_unique<FreeEngine>(mSize, encoder));
+        return new HostMediaCodec(looper, std::make_unique<FreeBackend>(mSize, encoder));
     }
     void scale(const ScaleRequest& request) override {
         memcpy(request.dst, request.src, mSize.bytes());
@@ -110,7 +110,7 @@ public:
 
 private:
     const PictureSize mSize;
-    const PictureMemory::Keep mKeep;
+    const FrameAllocator::Keep mKeep;
 };
 
 PictureSize sizeOf(const benchmark::State& state) {
@@ -154,11 +154,11 @@ void session(benchmark::State& state) {
 // The two copies alone, through as many buffers as a run uses.
 void copies(benchmark::State& state) {
     const size_t bytes = sizeOf(state).bytes();
-    const PictureMemory::Keep keep;
+    const FrameAllocator::Keep keep;
     const auto make = [&](size_t count) {
         std::vector<sp<ABuffer>> buffers;
         for (size_t i = 0; i < count; ++i) {
-            buffers.push_back(PictureMemory::makeBuffer(bytes));
+            buffers.push_back(FrameAllocator::makeBuffer(bytes));
             memset(buffers.back()->base(), 128, bytes);
         }
         return buffers;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <Platform.h>
+#include <media/stagefright/foundation/AMessage.h>
 #include <stdint.h>
 
 #include <memory>
@@ -13,8 +14,8 @@
 namespace android {
 namespace qmmediaeditor {
 
-// Hears what a session's result code does not say. Called on the threads of the session and of its
-// codecs, several at a time; an operation must not block and must not call the session.
+// Receives facts about a session beside its result code. Called on the threads of the session and
+// of its codecs, several at a time; an operation must not block and must not call the session.
 class HostObserver {
 public:
     virtual ~HostObserver() = default;
@@ -25,51 +26,61 @@ public:
     // The first write of the output that failed, with its errno.
     virtual void onWriteError(int /* error */) {}
 
-    // Why the input is refused: it exceeds a limit that protects memory and time. The session then
-    // fails with the code of the operation that found it. May be called again; the first reason
-    // counts.
+    // The reason for which the input is refused: it exceeds a limit that protects memory and time.
+    // The session then fails with the code of the operation that found it. May be called again; the
+    // first reason counts.
     virtual void onRefused(const std::string& /* reason */) {}
 
-    // The output has got its first sample.
+    // A decoder was opened for the video or the audio track; `name` is libavcodec's, such as
+    // "h264".
+    virtual void onDecoderOpened(bool /* isVideo */, const std::string& /* name */) {}
+    // An encoder was opened; `name` is libavcodec's, and `format` has the settings that it was
+    // given, under the platform's keys ("width", "bitrate", …). Not to be changed.
+    virtual void onEncoderOpened(bool /* isVideo */, const std::string& /* name */,
+                                 const sp<AMessage>& /* format */) {}
+    // A decoder has skipped a packet that it could not decode.
+    virtual void onPacketSkipped(bool /* isVideo */) {}
+
+    // The writer has got the first sample of the output.
     virtual void onFirstSample() {}
-    // The video encoder has accepted the frame that is shown at this time of the output.
+    // The video encoder has accepted the frame with this timestamp of the output.
     virtual void onFrameEncoded(int64_t /* timeUs */) {}
-    // The audio encoder has accepted so many samples of each channel.
+    // The audio encoder has accepted this number of samples per channel.
     virtual void onAudioEncoded(int64_t /* samples */, int /* sampleRate */) {}
-    // The last video frame of the output is shown until this time. Not called when that is unknown:
-    // the frame then lasts as long as the one before it.
+    // The end of the last video frame of the output. Not called when it is unknown: the frame then
+    // has the duration of the one before it.
     virtual void onVideoEnd(int64_t /* timeUs */) {}
 };
 
-// What a user of the host may choose and the component knows nothing of.
+// Choices of the host's user that the component does not know.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
     std::string avcPreset = "veryfast";
-    // Put the movie box in front of the samples.
+    // Write the movie box in front of the samples.
     bool fastStart = false;
-    // Start and end of each period of the request, in microseconds on the input's time line,
-    // rising; empty when nothing is cut. Audio is then cut to the sample, and the last video frame
-    // keeps its own duration. Where it is absent, a cut may fall some milliseconds late, which adds
-    // up from period to period, audio moves in shorter pieces, which takes longer, and the last
-    // frame lasts as long as the one before it.
+    // Start and end of each period of the request, in microseconds of the input, rising; empty when
+    // nothing is cut. Audio is then cut to the sample, and the last video frame keeps its own
+    // duration. Without this value a cut may fall some milliseconds late, which adds up from period
+    // to period; audio is passed on in shorter buffers, which takes longer; and the last frame has
+    // the duration of the one before it.
     std::optional<std::vector<int64_t>> cutTimesUs;
     // May be null; outlives the platform.
     HostObserver* observer = nullptr;
-    // Threads of each video codec. 0: as many as this process may use CPUs, by its affinity mask
-    // and the quota of its control group, but at most 16.
+    // Threads of each video codec. 0: the number of CPUs that this process may use, by its affinity
+    // mask and the quota of its control group, but at most 16.
     int threads = 0;
 };
 
-// The number of threads that a codec has where HostOptions::threads is 0. It depends on files of
-// /proc and /sys: a process that gives up the right to open files calls it before that.
+// The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and
+// /sys: a process that gives up the right to open files calls it before that.
 int defaultThreads();
 
 // Limits each allocation of FFmpeg's libraries to 256 MiB, because a few bytes of input can ask for
-// any amount. Irrevocable and for the whole process, including its other users of these libraries,
-// so that the host does not call it by itself. Call it before the first session.
+// any amount. This cannot be undone and applies to the whole process, including its other users of
+// these libraries; so the host does not call it. To be called before the first session.
 void limitAllocations();
 
-// To be given to Platform::install, and to be kept until the last session is gone.
+// The argument of Platform::install; to be kept until the last session is destroyed.
 std::unique_ptr<Platform> createHostPlatform(const HostOptions& options);
 
 }  // namespace qmmediaeditor

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "host/media/FFmpegPointers.h"
+#include "host/convert/FFmpegPointers.h"
 
 namespace android {
 namespace qmmediaeditor {

@@ -10,9 +10,9 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Light below this is black; above kMostLight nothing changes any more.
-constexpr float kLeastLight = 1.0f / 16384;
-constexpr float kMostLight = 7.99f;
+// Light below this is black; above kMaxLight nothing changes any more.
+constexpr float kMinLight = 1.0f / 16384;
+constexpr float kMaxLight = 7.99f;
 // Leaves nine bits of the mantissa: steps of 0.2 percent.
 constexpr uint32_t kDroppedBits = 14;
 
@@ -23,13 +23,13 @@ uint32_t bitsOf(float value) {
 }
 
 size_t indexOf(float light) {
-    const float bounded = std::min(std::max(light, kLeastLight), kMostLight);
-    return (bitsOf(bounded) - bitsOf(kLeastLight)) >> kDroppedBits;
+    const float bounded = std::min(std::max(light, kMinLight), kMaxLight);
+    return (bitsOf(bounded) - bitsOf(kMinLight)) >> kDroppedBits;
 }
 
 // The middle of the light that has this index.
 double lightAt(size_t index) {
-    const auto bits = static_cast<uint32_t>(index << kDroppedBits) + bitsOf(kLeastLight) +
+    const auto bits = static_cast<uint32_t>(index << kDroppedBits) + bitsOf(kMinLight) +
                       (1u << (kDroppedBits - 1));
     float light = 0;
     memcpy(&light, &bits, sizeof(light));
@@ -58,7 +58,7 @@ double compressed(double light) {
 }  // namespace
 
 ToneMapper::ToneMapper() {
-    const size_t entries = indexOf(kMostLight) + 1;
+    const size_t entries = indexOf(kMaxLight) + 1;
     mGain.resize(entries);
     mCodes.resize(entries);
     for (size_t i = 0; i < entries; ++i) {

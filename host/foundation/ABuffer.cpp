@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host/foundation/PictureMemory.h"
+#include "host/foundation/FrameAllocator.h"
 
 namespace android {
 
@@ -34,9 +34,9 @@ sp<AMessage> ABuffer::meta() {
 
 sp<ABuffer> ABuffer::CreateAsCopy(const void* data, size_t capacity) {
     // All of it is filled now, so that pages of its own would only cost.
-    const sp<ABuffer> copy = capacity < qmmediaeditor::PictureMemory::kLeastBytes
+    const sp<ABuffer> copy = capacity < qmmediaeditor::FrameAllocator::kMinBytes
                                  ? new ABuffer(capacity)
-                                 : qmmediaeditor::PictureMemory::makeBuffer(capacity);
+                                 : qmmediaeditor::FrameAllocator::makeBuffer(capacity);
     if (copy == nullptr || copy->capacity() != capacity) return nullptr;
     if (capacity > 0) memcpy(copy->base(), data, capacity);
     return copy;

@@ -7,6 +7,7 @@
 #include <utils/Timers.h>
 
 #include <deque>
+#include <system_error>
 #include <thread>
 
 namespace android {
@@ -64,17 +65,26 @@ void ALooper::setName(const char* name) {
 status_t ALooper::start(bool runOnCallingThread, bool /* canCallJava */, int32_t priority) {
     Mutex::Autolock guard(mState->lock);
     if (mState->running || runOnCallingThread) return INVALID_OPERATION;
+    try {
+        mState->thread = std::thread([state = mState, priority, generation = mState->generation] {
+            {
+                Mutex::Autolock nameGuard(state->lock);
+                // The kernel keeps 15 characters.
+                pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
+            }
+            lowerPriority(priority);
+            state->loop(generation);
+        });
+    } catch (const std::system_error& error) {
+        return -error.code().value();
+    }
     mState->running = true;
-    mState->thread = std::thread([state = mState, priority, generation = mState->generation] {
-        {
-            Mutex::Autolock nameGuard(state->lock);
-            // The kernel keeps 15 characters.
-            pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
-        }
-        lowerPriority(priority);
-        state->loop(generation);
-    });
     return OK;
+}
+
+bool ALooper::isRunning() const {
+    Mutex::Autolock guard(mState->lock);
+    return mState->running;
 }
 
 status_t ALooper::stop() {

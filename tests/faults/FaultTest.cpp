@@ -4,8 +4,8 @@
 #include <faults/FaultPlatform.h>
 #include <gtest/gtest.h>
 #include <host/Host.h>
-#include <host/media/InputFile.h>
-#include <host/media/UuidBox.h>
+#include <host/io/DescriptorFile.h>
+#include <host/io/IsoBoxes.h>
 #include <qmtranscode/job/MediaFile.h>
 #include <signal.h>
 #include <support/SessionRun.h>
@@ -255,7 +255,8 @@ TEST_P(FaultTest, fullDisc_isNeverAWholeFile) {
     forEach({{}}, [&](SessionRun& run, FaultClock&) {
         expectWhole(run);
         const int fd = run.output().open();
-        movieOffset = readTopLevelBoxes(*InputFile::open(fd, 0, INT64_MAX).file).movieOffset;
+        movieOffset =
+            readTopLevelBoxes(*DescriptorFile::openForReading(fd, 0, INT64_MAX).file).movieOffset;
         close(fd);
     });
     ASSERT_GT(movieOffset, 0);

@@ -1,14 +1,15 @@
 // The walk over the top-level boxes of a file, and the boxes that are made of what it finds.
 #include <fuzz/MemoryFile.h>
-#include <host/media/InputFile.h>
-#include <host/media/UuidBox.h>
+#include <host/io/DescriptorFile.h>
+#include <host/io/IsoBoxes.h>
 
 using namespace android::qmmediaeditor;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     const MemoryFile file(data, size);
-    const auto input = InputFile::open(file.fd(), 0, static_cast<int64_t>(size)).file;
+    const auto input =
+        DescriptorFile::openForReading(file.fd(), 0, static_cast<int64_t>(size)).file;
     const TopLevelBoxes boxes = readTopLevelBoxes(*input);
     if (boxes.movieOffset + boxes.movieBytes > static_cast<int64_t>(size)) abort();
     const std::vector<uint8_t> made = makeUuidBoxes(boxes.uuidData.data(), boxes.uuidData.size());
@@ -16,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // What goes into a file comes out of it again.
     const MemoryFile written(made.data(), made.size());
-    const auto again = InputFile::open(written.fd(), 0, static_cast<int64_t>(made.size())).file;
+    const auto again =
+        DescriptorFile::openForReading(written.fd(), 0, static_cast<int64_t>(made.size())).file;
     if (readTopLevelBoxes(*again).uuidData != boxes.uuidData) abort();
     return 0;
 }

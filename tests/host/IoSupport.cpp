@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "host/media/Extractor.h"
-#include "host/media/TrackSource.h"
+#include "host/codec/TrackSource.h"
+#include "host/extractor/FileExtractor.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -128,9 +128,9 @@ std::vector<Sample> OpenedClip::read(int64_t lastUs) {
         EXPECT_EQ(OK, mExtractor->getSampleMeta(&meta));
         int32_t isSync = 0;
         meta->findInt32(kKeyIsSyncFrame, &isSync);
-        const SampleNote note = TrackSource::find(format(sample.track))->take(sample.timeUs);
-        EXPECT_NE(nullptr, note.properties);
-        sample.presentationUs = note.properties == nullptr ? 0 : note.properties->pts;
+        const PacketInfo info = TrackSource::find(format(sample.track))->take(sample.timeUs);
+        EXPECT_NE(nullptr, info.properties);
+        sample.presentationUs = info.properties == nullptr ? 0 : info.properties->pts;
         sample.isSync = isSync != 0;
         sample.data.assign(buffer->data(), buffer->data() + buffer->size());
         samples.push_back(sample);

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "host/media/InputFile.h"
-#include "host/media/IsoBoxes.h"
+#include "host/io/DescriptorFile.h"
+#include "host/io/IsoBoxes.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -55,7 +55,7 @@ std::optional<std::string> check(const std::string& boxes, size_t mediaBytes = 1
         box("ftyp", "isom" + number(0)) + box("mdat", std::string(mediaBytes, 0)) + boxes;
     const int fd = memfd_create("boxes", MFD_CLOEXEC);
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
-    const auto file = InputFile::open(fd, 0, INT64_MAX / 2).file;
+    const auto file = DescriptorFile::openForReading(fd, 0, INT64_MAX / 2).file;
     close(fd);
     return checkSampleTables(*file);
 }

@@ -1,8 +1,8 @@
 // How much silence may be made up, with and without video.
 #include <gtest/gtest.h>
 
-#include "host/media/DecodeOrder.h"
-#include "host/media/SilenceBudget.h"
+#include "host/codec/InputLimits.h"
+#include "host/codec/OutputSequencer.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -18,7 +18,7 @@ TEST(SilenceBudgetTest, aGapIsLimited_alsoInPieces_untilAudioComes) {
     EXPECT_TRUE(budget.addSilence(10 * kMinuteUs, 10 * kMinuteUs + 1, kNoVideo));
     budget.addAudio(1);
     EXPECT_FALSE(budget.addSilence(20 * kMinuteUs, 30 * kMinuteUs, kNoVideo));
-    budget.beginTimeLine();
+    budget.beginSegment();
     EXPECT_FALSE(budget.addSilence(5 * kMinuteUs, 15 * kMinuteUs, kNoVideo));
     EXPECT_TRUE(budget.addSilence(INT64_MIN / 4, INT64_MAX / 4, kNoVideo));
 }
@@ -48,16 +48,16 @@ TEST(SilenceBudgetTest, silenceIsFreeWhileVideoContinues_andAGapBeginsWhereItEnd
 }
 
 TEST(SilenceBudgetTest, videoContinuesBetweenFramesThatAreAtMostAMinuteApart) {
-    const sp<DecodeOrder> order = new DecodeOrder;
-    order->beginTimeLine(0);
-    EXPECT_EQ(kNoVideo, order->videoBefore(5));
-    for (const int64_t minute : {1, 2, 3, 8, 9}) order->addVideo(minute * kMinuteUs);
-    EXPECT_EQ(kNoVideo, order->videoBefore(kMinuteUs - 1));
-    EXPECT_EQ(kMinuteUs + 7, order->videoBefore(kMinuteUs + 7));
-    EXPECT_EQ(3 * kMinuteUs, order->videoBefore(7 * kMinuteUs));
-    EXPECT_EQ(9 * kMinuteUs, order->videoBefore(90 * kMinuteUs));
-    order->beginTimeLine(0);
-    EXPECT_EQ(kNoVideo, order->videoBefore(90 * kMinuteUs));
+    const sp<OutputSequencer> sequencer = new OutputSequencer;
+    sequencer->beginSegment(0);
+    EXPECT_EQ(kNoVideo, sequencer->videoBefore(5));
+    for (const int64_t minute : {1, 2, 3, 8, 9}) sequencer->addVideo(minute * kMinuteUs);
+    EXPECT_EQ(kNoVideo, sequencer->videoBefore(kMinuteUs - 1));
+    EXPECT_EQ(kMinuteUs + 7, sequencer->videoBefore(kMinuteUs + 7));
+    EXPECT_EQ(3 * kMinuteUs, sequencer->videoBefore(7 * kMinuteUs));
+    EXPECT_EQ(9 * kMinuteUs, sequencer->videoBefore(90 * kMinuteUs));
+    sequencer->beginSegment(0);
+    EXPECT_EQ(kNoVideo, sequencer->videoBefore(90 * kMinuteUs));
 }
 
 }  // namespace

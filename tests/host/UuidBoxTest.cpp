@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "host/media/InputFile.h"
-#include "host/media/UuidBox.h"
+#include "host/io/DescriptorFile.h"
+#include "host/io/IsoBoxes.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -38,7 +38,8 @@ TopLevelBoxes walk(const std::string& bytes) {
     const std::string before = box("uuid", std::string(16, 'x'));
     EXPECT_EQ(static_cast<ssize_t>(before.size()), write(fd, before.data(), before.size()));
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
-    const auto file = InputFile::open(fd, static_cast<int64_t>(before.size()), INT64_MAX / 2).file;
+    const auto file =
+        DescriptorFile::openForReading(fd, static_cast<int64_t>(before.size()), INT64_MAX / 2).file;
     close(fd);
     return readTopLevelBoxes(*file);
 }

@@ -1,5 +1,5 @@
 #include <fmt/format.h>
-#include <host/media/Limits.h>
+#include <host/codec/InputLimits.h>
 #include <log/logprint.h>
 #include <qmtranscode/cli/OptionTable.h>
 #include <qmtranscode/cli/Options.h>

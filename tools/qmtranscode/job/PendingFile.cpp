@@ -107,7 +107,10 @@ std::optional<Failure> PendingFile::locate(const std::string& path) {
     if (mName.empty()) return Failure{kExitUsage, path, "the file name is missing"};
     mDirectory = openDirectory(target->has_parent_path() ? target->parent_path() : ".");
     if (mDirectory < 0) {
-        return Failure{kExitUsage, path,
+        // Another try may succeed when descriptors or memory are exhausted.
+        const bool isExhausted =
+            errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EIO;
+        return Failure{isExhausted ? kExitFailed : kExitUsage, path,
                        fmt::format("cannot open its directory: {}", strerror(errno))};
     }
     struct stat status {};
@@ -214,7 +217,8 @@ int PendingFile::copyAttributes() const {
 }
 
 int PendingFile::syncFile() const {
-    if (fsync(mFd) != 0) return -1;
+    // Some file systems have no such operation.
+    if (fsync(mFd) != 0 && errno != EINVAL) return -1;
     return checkByClosing(mFd);
 }
 

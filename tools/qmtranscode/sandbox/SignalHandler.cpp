@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <signal.h>
@@ -7,9 +8,11 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// A SIGINT that was ignored at the start is handled too: a shell starts background jobs so, and a
-// signal that is sent to one of them is meant for it. A SIGHUP that nohup has ignored stays
-// ignored.
+// Whether SIGINT was ignored at the start. A script starts background jobs so, because an interrupt
+// typed at the terminal is not for them; a SIGINT that a process sends to the job is.
+bool gIgnoresTerminalInterrupt = false;
+
+// A SIGHUP that nohup has ignored stays ignored.
 sigset_t handledSignals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -25,7 +28,13 @@ sigset_t handledSignals() {
 }  // namespace
 
 void SignalHandler::block() {
+    struct sigaction interrupt {};
+    sigaction(SIGINT, nullptr, &interrupt);
+    gIgnoresTerminalInterrupt = interrupt.sa_handler == SIG_IGN;
     signal(SIGINT, SIG_DFL);
+    // Some programs leave SIGCHLD ignored to their children. It would then not report the worker's
+    // end.
+    signal(SIGCHLD, SIG_DFL);
     const sigset_t signals = handledSignals();
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
@@ -33,6 +42,7 @@ void SignalHandler::block() {
 SignalHandler::SignalHandler() {
     const sigset_t signals = handledSignals();
     mFd = signalfd(-1, &signals, SFD_CLOEXEC);
+    if (mFd < 0) mError = errno;
 }
 
 SignalHandler::~SignalHandler() {
@@ -49,6 +59,11 @@ SignalAction SignalHandler::take() {
             return SignalAction::kTerminalResized;
         case SIGUSR1:
             return SignalAction::kPrintState;
+        case SIGINT:
+            if (gIgnoresTerminalInterrupt && signal.ssi_code == SI_KERNEL) {
+                return SignalAction::kNone;
+            }
+            return onStopSignal(signal);
         default:
             return onStopSignal(signal);
     }

@@ -25,6 +25,8 @@ public:
 
     // Readable when there is a signal; -1 if the descriptor could not be created.
     int fd() const { return mFd; }
+    // errno of that failure.
+    int error() const { return mError; }
     // Takes one signal.
     SignalAction take();
     // For a SIGXCPU that the kernel has sent to the worker.
@@ -38,6 +40,7 @@ private:
     bool isSameRequest(const signalfd_siginfo& signal) const;
 
     int mFd = -1;
+    int mError = 0;
     bool mStopRequested = false;
     signalfd_siginfo mFirst{};  // the signal of the first request
     int64_t mFirstUs = 0;

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 namespace android::qmmediaeditor::cli {
 
@@ -112,9 +113,9 @@ Supervisor::Supervisor(const Job& job, pid_t worker, const WorkerLink& link, Sha
     : mJob(job), mWorker(worker), mLink(link), mShared(shared) {}
 
 int Supervisor::run() {
-    if (mSignals.fd() < 0) mStopNow = true;
-    while (!mStopNow && (!mHasWorkerEnded || mIsLinkOpen)) step();
-    return mStopNow ? endNow() : conclude();
+    if (mSignals.fd() < 0) mWaitError = mSignals.error();
+    while (mWaitError == 0 && !mStopNow && (!mHasWorkerEnded || mIsLinkOpen)) step();
+    return mWaitError != 0 || mStopNow ? endNow() : conclude();
 }
 
 // Waits for an event and handles it.
@@ -133,7 +134,10 @@ void Supervisor::step() {
         const int64_t leftUs = std::max<int64_t>(mStateDueUs - nowUs(), 0);
         timeoutMs = static_cast<int>(leftUs / 1000 + 1);
     }
-    if (poll(fds, std::size(fds), timeoutMs) < 0) return;
+    if (poll(fds, std::size(fds), timeoutMs) < 0) {
+        if (errno != EINTR) mWaitError = errno;
+        return;
+    }
     if (fds[3].revents != 0) mErrors.writeSome();
     if (fds[0].revents != 0) handleSignal(mSignals.take());
     if (fds[1].revents != 0) handleMessage();
@@ -271,10 +275,18 @@ int Supervisor::endNow() {
         static_cast<void>(written);
     }
     if (!mErrors.hasRoom()) mErrors.discard();
-    mErrors.line("qmtranscode: stopped; nothing was kept");
+    if (mWaitError == 0) {
+        mErrors.line("qmtranscode: stopped; nothing was kept");
+    } else {
+        char line[256];
+        const auto end = fmt::format_to_n(
+            line, sizeof(line), "qmtranscode: the worker process cannot be supervised: {}",
+            strerror(mWaitError));
+        mErrors.line({line, std::min(end.size, sizeof(line))});
+    }
     flush(kLastLineMs);
     reapWorker();
-    return kExitStopped;
+    return mWaitError == 0 ? kExitStopped : kExitFailed;
 }
 
 int Supervisor::conclude() {
@@ -322,7 +334,14 @@ int Supervisor::publish() {
         }
     }
     const std::string output = mJob.output == nullptr ? "" : mJob.output->path();
-    if (isKept && !printReceipt()) {
+    bool isPrinted = true;
+    try {
+        if (isKept) isPrinted = printReceipt();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        isPrinted = false;
+    }
+    if (!isPrinted) {
         const std::string lost =
             "; the receipt could not be written: " + std::string(strerror(errno));
         if (mJob.output == nullptr) {

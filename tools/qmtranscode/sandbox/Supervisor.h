@@ -102,6 +102,7 @@ private:
 
     bool mStopRequested = false;
     bool mStopNow = false;
+    int mWaitError = 0;       // the errno that makes waiting impossible
     int64_t mStateDueUs = 0;  // when the worker must have printed its state; 0 if not asked
 };
 

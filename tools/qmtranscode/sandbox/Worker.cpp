@@ -5,6 +5,7 @@
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/monitor/LogOutput.h>
 #include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/sandbox/AllocationFailure.h>
 #include <qmtranscode/sandbox/Sandbox.h>
 #include <qmtranscode/sandbox/Worker.h>
 #include <signal.h>
@@ -16,6 +17,7 @@
 
 #include <memory>
 #include <new>
+#include <system_error>
 
 namespace android::qmmediaeditor::cli {
 
@@ -58,6 +60,22 @@ void ignoreSignals() {
     _exit(kExitFailed);
 }
 
+[[noreturn]] void endWithoutMemory() { endWith("not enough memory"); }
+
+// When an exception is being handled: the standard library reports a lack of memory or threads so.
+[[noreturn]] void endOnException() {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        endWithoutMemory();
+    } catch (const std::system_error& error) {
+        if (error.code() == std::errc::resource_unavailable_try_again) {
+            endWith("a thread could not be created");
+        }
+        throw;
+    }
+}
+
 void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text.c_str()); }
 
 Outcome runJob(const Options& options, int threads, JobFiles* files, const WorkerLink& link) {
@@ -80,6 +98,7 @@ void runWorker(const Options& options, JobFiles* files, const WorkerLink& link, 
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(kExitFailed);
     gLink = &link;
+    endOnFailedAllocation(endWithoutMemory);
     ignoreSignals();
     dup2(libraryOutput, STDOUT_FILENO);
     dup2(libraryOutput, STDERR_FILENO);
@@ -89,12 +108,12 @@ void runWorker(const Options& options, JobFiles* files, const WorkerLink& link, 
     // Before the sandbox, because it reads a file that the log's times need.
     tzset();
     const int threads = options.threads.value_or(defaultThreads());
-    if (!enterSandbox()) endWith("not enough memory");
+    if (!enterSandbox()) endWithoutMemory();
     Outcome outcome;
     try {
         outcome = runJob(options, threads, files, link);
-    } catch (const std::bad_alloc&) {
-        endWith("not enough memory");
+    } catch (...) {
+        endOnException();
     }
     WorkerResult result;
     result.status = outcome.failure ? outcome.failure->status : kExitComplete;

@@ -55,6 +55,7 @@ int Transcode::createAudioDecoder(int32_t i, const AString& mime) {
     QM_LOGV(kTag, "Transcoder Constructor Audio: %s", track.mFormat->debugString().c_str());
     if (mAudioDecoderLooper == nullptr) {
         mAudioDecoderLooper = startDecoderLooper("T_Audio-Decoder-Looper");
+        if (mAudioDecoderLooper == nullptr) return kNoThread;
     }
 
     track.mCodecStatus = new CodecState;
@@ -84,6 +85,7 @@ int Transcode::createVideoDecoder(int32_t i, const AString& mime) {
     QM_LOGV(kTag, "Transcoder Constructor video: %s", track.mFormat->debugString().c_str());
     if (mVideoDecoderLooper == nullptr) {
         mVideoDecoderLooper = startDecoderLooper("T_Video-Decoder-Looper");
+        if (mVideoDecoderLooper == nullptr) return kNoThread;
     }
 
     track.mCodecStatus = new CodecState;
@@ -108,7 +110,7 @@ int Transcode::createVideoDecoder(int32_t i, const AString& mime) {
 sp<ALooper> Transcode::startDecoderLooper(const char* name) {
     sp<ALooper> looper = new ALooper;
     looper->setName(name);
-    looper->start(false, false, ANDROID_PRIORITY_AUDIO);
+    if (looper->start(false, false, ANDROID_PRIORITY_AUDIO) != OK) return nullptr;
     return looper;
 }
 

@@ -19,13 +19,17 @@ public:
     // Takes effect when set before `start`.
     void setName(const char* name);
 
-    // INVALID_OPERATION when it runs already, or when `runOnCallingThread` is asked for.
+    // INVALID_OPERATION when it runs already, or when `runOnCallingThread` is asked for; -EAGAIN when
+    // the thread cannot be created.
     status_t start(bool runOnCallingThread = false, bool canCallJava = false,
                    int32_t priority = PRIORITY_DEFAULT);
 
     // Lets the work that runs now come to its end, drops what is still waiting and ends the thread.
     // After it has returned, no posted work runs, unless it was called by that very thread.
     status_t stop();
+
+    // For codecs: whether posted work will run. Any thread.
+    bool isRunning() const;
 
     // For codecs, whose work runs on the looper's thread. Any thread may post; work posted to a
     // looper that does not run is dropped.

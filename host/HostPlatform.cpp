@@ -1,0 +1,123 @@
+#include <android/log.h>
+#include <editorutils/MediaEditorDefs.h>
+
+#include "host/Host.h"
+#include "host/codec/AudioDecoder.h"
+#include "host/codec/AudioEncoder.h"
+#include "host/codec/CodecTable.h"
+#include "host/codec/HostMediaCodec.h"
+#include "host/codec/SessionTimeline.h"
+#include "host/codec/VideoDecoder.h"
+#include "host/codec/VideoEncoder.h"
+#include "host/convert/AudioConverter.h"
+#include "host/convert/FrameScaler.h"
+#include "host/extractor/FileExtractor.h"
+#include "host/foundation/CpuCount.h"
+#include "host/writer/FileWriter.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+int logPriority(int level) {
+    if (level <= AV_LOG_FATAL) return ANDROID_LOG_ERROR;
+    if (level <= AV_LOG_ERROR) return ANDROID_LOG_WARN;
+    if (level <= AV_LOG_WARNING) return ANDROID_LOG_INFO;
+    if (level <= AV_LOG_INFO) return ANDROID_LOG_DEBUG;
+    return ANDROID_LOG_VERBOSE;
+}
+
+// FFmpeg's errors are mostly about damaged input, which is passed over here: they are warnings.
+void logFromFFmpeg(void* object, int level, const char* format, va_list arguments) {
+    if (level > AV_LOG_INFO) return;
+    char line[512];
+    thread_local int atLineStart = 1;
+    av_log_format_line(object, level, format, arguments, line, sizeof(line), &atLineStart);
+    __android_log_print(logPriority(level), "FFmpeg", "%s", line);
+}
+
+class HostPlatform : public Platform {
+public:
+    explicit HostPlatform(const HostOptions& options) : mOptions(options) {
+        av_log_set_callback(logFromFFmpeg);
+    }
+
+    sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString& mime, bool encoder,
+                               status_t* err) override {
+        std::unique_ptr<CodecBackend> backend = encoder ? createEncoder(mime) : createDecoder(mime);
+        if (err != nullptr) *err = backend == nullptr ? NAME_NOT_FOUND : OK;
+        if (backend == nullptr) return nullptr;
+        if (!encoder) return new HostMediaCodec(looper, std::move(backend));
+        const bool isVideo = mime.startsWithIgnoreCase("video/");
+        session()->encoderStarted(isVideo);
+        return new HostMediaCodec(looper, std::move(backend), [session = session(), isVideo] {
+            session->encoderEnded(isVideo);
+        });
+    }
+
+    sp<ExtractorBackend> createExtractor() override {
+        return createFileExtractor(mOptions.observer);
+    }
+    sp<MediaWriter> createWriter(int fd) override {
+        tSession = std::make_shared<SessionTimeline>(mOptions);
+        return createFileWriter(fd, mOptions, tSession);
+    }
+    sp<AudioConverterBackend> createAudioConverter() override { return new AudioConverter; }
+    void scale(const ScaleRequest& request) override { scaleFrame(request); }
+    void setUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) override {
+        setWriterUuidData(writer, data, size);
+    }
+    // The decoder brings HDR to the working picture by itself.
+    bool getUseDitherType(int* /* type */) override { return false; }
+
+private:
+    // A session makes all of its parts on the thread that runs it, and the writer first.
+    const std::shared_ptr<SessionTimeline>& session() const {
+        if (tSession == nullptr) tSession = std::make_shared<SessionTimeline>(mOptions);
+        return tSession;
+    }
+
+    std::unique_ptr<CodecBackend> createEncoder(const AString& mime) const {
+        if (encoderOf(mime) == nullptr) return nullptr;
+        if (mime.startsWithIgnoreCase("audio/")) {
+            return std::make_unique<AudioEncoder>(mOptions.observer);
+        }
+        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session(), mOptions.threads);
+    }
+
+    // A track's codec is known only when the decoder is configured with the track's format.
+    std::unique_ptr<CodecBackend> createDecoder(const AString& mime) const {
+        if (mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED) ||
+            mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED)) {
+            return nullptr;
+        }
+        if (mime.startsWithIgnoreCase("audio/")) {
+            return std::make_unique<AudioDecoder>(mOptions.cutTimesUs, mOptions.observer);
+        }
+        if (mime.startsWithIgnoreCase("video/")) {
+            return std::make_unique<VideoDecoder>(session(), mOptions.threads);
+        }
+        return nullptr;
+    }
+
+    const HostOptions mOptions;
+    static thread_local std::shared_ptr<SessionTimeline> tSession;
+};
+
+thread_local std::shared_ptr<SessionTimeline> HostPlatform::tSession;
+
+}  // namespace
+
+int defaultThreads() { return codecThreads(0); }
+
+std::unique_ptr<Platform> createHostPlatform(const HostOptions& options) {
+    return std::make_unique<HostPlatform>(options);
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,298 @@
+#include "host/codec/CodecTable.h"
+
+#include <media/stagefright/foundation/MediaDefs.h>
+#include <strings.h>
+
+#include <cmath>
+#include <sstream>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+template <typename Row>
+std::string joined(const std::vector<Row>& rows, const char* Row::*names) {
+    std::string list;
+    for (const Row& row : rows) {
+        if (!list.empty()) list += ',';
+        list += row.*names;
+    }
+    return list;
+}
+
+struct Decoder {
+    const AVCodec* codec;
+    const CodecInfo* info;
+};
+
+std::vector<Decoder> findDecoders() {
+    std::vector<Decoder> decoders;
+    for (const auto* codecs : {&inputVideoCodecs(), &inputAudioCodecs()}) {
+        for (const CodecInfo& info : *codecs) {
+            std::istringstream names(info.decoders);
+            for (std::string name; std::getline(names, name, ',');) {
+                const AVCodec* codec = avcodec_find_decoder_by_name(name.c_str());
+                if (codec != nullptr) decoders.push_back({codec, &info});
+            }
+        }
+    }
+    return decoders;
+}
+
+const std::vector<Decoder>& decoders() {
+    static const std::vector<Decoder> found = findDecoders();
+    return found;
+}
+
+const Decoder* findDecoder(int codecId) {
+    for (const Decoder& decoder : decoders()) {
+        if (decoder.codec->id == codecId) return &decoder;
+    }
+    return nullptr;
+}
+
+// Written codecs have more columns than the others.
+CodecInfo written(CodecInfo info, const char* encoder, const char* sampleEntry, bool only3gp,
+                  int frameSamples, EncoderLimits limits) {
+    info.encoder = encoder;
+    info.sampleEntry = sampleEntry;
+    info.only3gp = only3gp;
+    info.frameSamples = frameSamples;
+    info.limits = std::move(limits);
+    return info;
+}
+
+EncoderLimits frameLimits(int maxSide, std::vector<CodedSize> sizes = {}) {
+    EncoderLimits limits;
+    limits.maxSide = maxSide;
+    limits.sizes = std::move(sizes);
+    return limits;
+}
+
+EncoderLimits audioLimits(std::vector<int> sampleRates, int maxChannels, int maxBitRate) {
+    EncoderLimits limits;
+    limits.sampleRates = std::move(sampleRates);
+    limits.maxChannels = maxChannels;
+    limits.maxBitRate = maxBitRate;
+    return limits;
+}
+
+struct AvcLevel {
+    int32_t bit;
+    int idc;
+    int64_t maxMacroblocksPerSecond;
+    int64_t maxMacroblocks;
+    int64_t maxBitRate;  // bits per second, Baseline and Main profile
+};
+
+constexpr AvcLevel kAvcLevels[] = {
+    {1, 10, 1485, 99, 64000},
+    {4, 11, 3000, 396, 192000},
+    {8, 12, 6000, 396, 384000},
+    {16, 13, 11880, 396, 768000},
+    {32, 20, 11880, 396, 2000000},
+    {64, 21, 19800, 792, 4000000},
+    {128, 22, 20250, 1620, 4000000},
+    {256, 30, 40500, 1620, 10000000},
+    {512, 31, 108000, 3600, 14000000},
+    {1024, 32, 216000, 5120, 20000000},
+    {2048, 40, 245760, 8192, 20000000},
+    {4096, 41, 245760, 8192, 50000000},
+    {8192, 42, 522240, 8704, 50000000},
+    {16384, 50, 589824, 22080, 135000000},
+    {32768, 51, 983040, 36864, 240000000},
+    {65536, 52, 2073600, 36864, 240000000},
+};
+
+bool allows(const AvcLevel& level, const AvcDemand& demand) {
+    const int64_t columns = (demand.width + 15) / 16;
+    const int64_t rows = (demand.height + 15) / 16;
+    const int64_t macroblocks = columns * rows;
+    // No side may be longer than eight times the square root of the largest frame.
+    const auto longestSide =
+        static_cast<int64_t>(std::sqrt(static_cast<double>(level.maxMacroblocks) * 8));
+    return macroblocks <= level.maxMacroblocks && columns <= longestSide && rows <= longestSide &&
+           static_cast<double>(macroblocks) * demand.frameRate <=
+               static_cast<double>(level.maxMacroblocksPerSecond) &&
+           demand.maxBitRate <= level.maxBitRate;
+}
+
+}  // namespace
+
+const std::vector<ContainerInfo>& inputContainers() {
+    static const std::vector<ContainerInfo> containers = {
+        {"MP4", "mov", MEDIA_MIMETYPE_CONTAINER_MPEG4},
+        {"MOV", "mov", MEDIA_MIMETYPE_CONTAINER_MPEG4},
+        {"3GP", "mov", MEDIA_MIMETYPE_CONTAINER_MPEG4},
+        {"Matroska", "matroska", "video/x-matroska"},
+        {"WebM", "webm", "video/x-matroska"},
+        {"AVI", "avi", "video/avi"},
+        {"FLV", "flv", "video/x-flv"},
+        {"ASF", "asf", "video/x-ms-asf"},
+        {"MPEG-TS", "mpegts", "video/mp2ts"},
+        {"MPEG-PS", "mpeg", "video/mp2p"},
+        {"Ogg", "ogg", "application/ogg"},
+        {"WAV", "wav", "audio/x-wav"},
+        {"Wave64", "w64", "audio/x-w64"},
+        {"AIFF", "aiff", "audio/x-aiff"},
+        {"CAF", "caf", "audio/x-caf"},
+        {"AU", "au", "audio/basic"},
+        {"FLAC", "flac", "audio/flac"},
+        {"MP3", "mp3", "audio/mpeg"},
+        {"ADTS", "aac", "audio/aac-adts"},
+        {"AC-3", "ac3", "audio/ac3"},
+        {"E-AC-3", "eac3", "audio/eac3"},
+        {"AMR", "amr", "audio/amr"},
+    };
+    return containers;
+}
+
+const std::vector<CodecInfo>& inputVideoCodecs() {
+    // All decoders are libavcodec's own, except for AV1: its own decoder needs special hardware.
+    static const std::vector<CodecInfo> codecs = {
+        written({"AVC", MEDIA_MIMETYPE_VIDEO_AVC, "h264"}, "libx264", "avc1", false, 0, {}),
+        {"HEVC", MEDIA_MIMETYPE_VIDEO_HEVC, "hevc"},
+        {"VP8", MEDIA_MIMETYPE_VIDEO_VP8, "vp8"},
+        {"VP9", MEDIA_MIMETYPE_VIDEO_VP9, "vp9"},
+        {"AV1", MEDIA_MIMETYPE_VIDEO_AV1, "libdav1d"},
+        // ISO/IEC 14496-2 has 13 bits for either side.
+        written({"MPEG-4", MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"}, "mpeg4", "mp4v", false, 0,
+                frameLimits((1 << 13) - 1)),
+        // ITU-T H.263, table 5.
+        written({"H.263", MEDIA_MIMETYPE_VIDEO_H263, "h263,h263p"}, "h263", "s263", true, 0,
+                frameLimits(0, {{128, 96}, {176, 144}, {352, 288}, {704, 576}, {1408, 1152}})),
+        {"MPEG-1", MEDIA_MIMETYPE_VIDEO_MPEG2, "mpeg1video"},
+        {"MPEG-2", MEDIA_MIMETYPE_VIDEO_MPEG2, "mpeg2video"},
+        {"VC-1", "video/x-ms-wmv", "vc1"},
+        {"WMV", "video/x-ms-wmv", "wmv1,wmv2,wmv3"},
+        {"MS-MPEG-4", nullptr, "msmpeg4v1,msmpeg4v2,msmpeg4"},
+        {"Sorenson Spark", nullptr, "flv"},
+        {"VP6", nullptr, "vp6,vp6f"},
+        {"Theora", nullptr, "theora"},
+        {"Motion JPEG", "video/mjpeg", "mjpeg"},
+        {"ProRes", "video/prores", "prores"},
+        {"DNxHD", nullptr, "dnxhd"},
+        {"DV", nullptr, "dvvideo"},
+        {"FFV1", nullptr, "ffv1"},
+        {"HuffYUV", nullptr, "huffyuv,ffvhuff"},
+        {"PNG", nullptr, "png"},
+        {"QuickTime Animation", nullptr, "qtrle"},
+        {"uncompressed", MEDIA_MIMETYPE_VIDEO_RAW, "rawvideo"},
+    };
+    return codecs;
+}
+
+const std::vector<CodecInfo>& inputAudioCodecs() {
+    static const std::vector<CodecInfo> codecs = {
+        // ISO/IEC 14496-3, table 1.18.
+        written({"AAC", MEDIA_MIMETYPE_AUDIO_AAC, "aac,aac_latm"}, "aac", "mp4a", false, 1024,
+                audioLimits({96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000,
+                             11025, 8000, 7350},
+                            8, 0)),
+        {"MP1", MEDIA_MIMETYPE_AUDIO_MPEG, "mp1"},
+        {"MP2", MEDIA_MIMETYPE_AUDIO_MPEG, "mp2"},
+        {"MP3", MEDIA_MIMETYPE_AUDIO_MPEG, "mp3float"},
+        {"Opus", MEDIA_MIMETYPE_AUDIO_OPUS, "opus"},
+        {"Vorbis", MEDIA_MIMETYPE_AUDIO_VORBIS, "vorbis"},
+        {"FLAC", MEDIA_MIMETYPE_AUDIO_FLAC, "flac"},
+        {"ALAC", "audio/alac", "alac"},
+        {"AC-3", MEDIA_MIMETYPE_AUDIO_AC3, "ac3"},
+        {"E-AC-3", MEDIA_MIMETYPE_AUDIO_EAC3, "eac3"},
+        {"DTS", "audio/vnd.dts", "dca"},
+        {"TrueHD", nullptr, "truehd"},
+        written({"AMR-NB", MEDIA_MIMETYPE_AUDIO_AMR_NB, "amrnb"}, "libopencore_amrnb", "samr", true,
+                160, audioLimits({8000}, 1, 12200)),
+        written({"AMR-WB", MEDIA_MIMETYPE_AUDIO_AMR_WB, "amrwb"}, "libvo_amrwbenc", "sawb", true,
+                320, audioLimits({16000}, 1, 23850)),
+        {"WMA", "audio/x-ms-wma", "wmav1,wmav2,wmapro"},
+        {"Speex", nullptr, "speex"},
+        {"Nellymoser", nullptr, "nellymoser"},
+        {"ADPCM", nullptr, "adpcm_ms,adpcm_ima_wav,adpcm_ima_qt,adpcm_swf"},
+        {"PCM", MEDIA_MIMETYPE_AUDIO_RAW,
+         "pcm_alaw,pcm_mulaw,pcm_u8,pcm_s8,pcm_s16le,pcm_s16be,pcm_s24le,pcm_s24be,pcm_s32le,"
+         "pcm_s32be,pcm_f32le,pcm_f32be,pcm_f64le,pcm_f64be,pcm_bluray,pcm_dvd"},
+    };
+    return codecs;
+}
+
+const std::string& demuxerNames() {
+    static const std::string names = joined(inputContainers(), &ContainerInfo::demuxer);
+    return names;
+}
+
+const std::string& decoderNames() {
+    static const std::string names = joined(inputVideoCodecs(), &CodecInfo::decoders) + "," +
+                                     joined(inputAudioCodecs(), &CodecInfo::decoders);
+    return names;
+}
+
+const AVCodec* decoderOf(int codecId) {
+    const Decoder* decoder = findDecoder(codecId);
+    return decoder == nullptr ? nullptr : decoder->codec;
+}
+
+const char* mimeOfCodec(int codecId) {
+    const Decoder* decoder = findDecoder(codecId);
+    return decoder == nullptr ? nullptr : decoder->info->mime;
+}
+
+int decoderIdOf(const AString& mime) {
+    // The keys of a format do not name the sample format of raw data.
+    if (mime.equalsIgnoreCase(MEDIA_MIMETYPE_AUDIO_RAW) ||
+        mime.equalsIgnoreCase(MEDIA_MIMETYPE_VIDEO_RAW)) {
+        return AV_CODEC_ID_NONE;
+    }
+    // Of the codecs that share a MIME type, the latest is the most common one; of the decoders of a
+    // codec, the first.
+    const CodecInfo* found = nullptr;
+    int codecId = AV_CODEC_ID_NONE;
+    for (const Decoder& decoder : decoders()) {
+        if (decoder.info == found || decoder.info->mime == nullptr) continue;
+        if (!mime.equalsIgnoreCase(decoder.info->mime)) continue;
+        found = decoder.info;
+        codecId = decoder.codec->id;
+    }
+    return codecId;
+}
+
+const CodecInfo* findEncodedCodec(const char* mime) {
+    for (const auto* codecs : {&inputVideoCodecs(), &inputAudioCodecs()}) {
+        for (const CodecInfo& codec : *codecs) {
+            if (codec.encoder != nullptr && strcasecmp(codec.mime, mime) == 0) return &codec;
+        }
+    }
+    return nullptr;
+}
+
+const AVCodec* encoderOf(const AString& mime) {
+    const CodecInfo* codec = findEncodedCodec(mime.c_str());
+    return codec == nullptr ? nullptr : avcodec_find_encoder_by_name(codec->encoder);
+}
+
+const char* avcProfileName(int32_t profileBit) {
+    switch (profileBit) {
+        case 1:
+            return "baseline";
+        case 2:
+            return "main";
+        case 8:
+            return "high";
+        default:
+            return nullptr;
+    }
+}
+
+int avcLevelFor(int32_t levelBit, const AvcDemand& demand) {
+    for (const AvcLevel& level : kAvcLevels) {
+        if (level.bit == levelBit) return allows(level, demand) ? level.idc : 0;
+    }
+    return 0;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,162 @@
+// What every codec shares: states, buffers, waiting, and the work on the looper's thread.
+//
+// Buffers move in a circle: an input is free, with the client, queued, in the engine, and free
+// again; an output is free, ready, with the client, and free again. The engine's work is posted to
+// the looper whenever there may be something to do, and ends when input or free outputs run out; it
+// never waits. Either side is woken for half a set of buffers, not for each: switching threads
+// takes longer than many a sample. Any thread may call any operation; stop and release wait for
+// nothing but the engine's step that runs now.
+#pragma once
+
+#include <media/stagefright/MediaCodec.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
+
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "host/codec/CodecBackend.h"
+#include "host/codec/OutputSequencer.h"
+#include "host/codec/TrackSource.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class HostMediaCodec : public MediaCodec {
+public:
+    // `onEnd`, which may be empty, is called when the client takes the end of stream, on its
+    // thread.
+    HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
+                   std::function<void()> onEnd = nullptr);
+
+    status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
+                       const sp<ICrypto>& crypto, uint32_t flags) override;
+    status_t start() override;
+    status_t stop() override;
+    status_t release() override;
+
+    status_t dequeueInputBuffer(size_t* index, int64_t timeoutUs) override;
+    status_t queueInputBuffer(size_t index, size_t offset, size_t size, int64_t presentationTimeUs,
+                              uint32_t flags, AString* errorDetailMsg) override;
+    status_t dequeueOutputBuffer(size_t* index, size_t* offset, size_t* size,
+                                 int64_t* presentationTimeUs, uint32_t* flags,
+                                 int64_t timeoutUs) override;
+    status_t releaseOutputBuffer(size_t index) override;
+    // No codec here is fed through a surface.
+    status_t signalEndOfInputStream() override;
+
+    status_t getOutputFormat(sp<AMessage>* format) const override;
+    status_t getInputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const override;
+    status_t getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers) const override;
+
+protected:
+    ~HostMediaCodec() override;
+
+private:
+    class Buffer : public MediaCodecBuffer {
+    public:
+        explicit Buffer(const sp<ABuffer>& memory) : MediaCodecBuffer(nullptr, memory) {}
+
+        using MediaCodecBuffer::setBuffer;
+    };
+
+    enum class State { kCreated, kConfigured, kStarted, kFailed, kStopped, kReleased };
+
+    struct InputSlot {
+        sp<Buffer> buffer;
+        bool withClient = false;
+    };
+    struct OutputSlot {
+        sp<Buffer> buffer;
+        bool withClient = false;
+        CodecOutput output;
+    };
+    struct QueuedInput {
+        size_t index = 0;
+        size_t offset = 0;
+        size_t size = 0;
+        bool endOfStream = false;
+        int64_t timeUs = 0;
+        PacketInfo info;
+    };
+
+    // On the looper's thread. The steps say whether there may be more to do now.
+    void work();
+    bool workStep() REQUIRES(mLock);
+    bool takeStep(CodecBackend::Step step, CodecOutput output) REQUIRES(mLock);
+    bool feed() REQUIRES(mLock);
+    bool workWithoutInput() REQUIRES(mLock);
+    // The engine lets an input buffer go.
+    void inputDone(size_t index) EXCLUDES(mLock);
+
+    // Runs `use` on the engine without the lock. Whoever shuts down waits until it has returned.
+    template <typename Use>
+    auto useBackend(const Use& use) REQUIRES(mLock) {
+        CodecBackend& backend = *mBackend;
+        mBusy = true;
+        publish();
+        mLock.unlock();
+        const auto result = use(backend);
+        const OutputSequencer::MemberState state = backend.memberState();
+        mLock.lock();
+        mBackendState = state;
+        mBusy = false;
+        mWorkDone.broadcast();
+        return result;
+    }
+
+    status_t allocateBuffers() REQUIRES(mLock);
+    status_t notRunning() const REQUIRES(mLock);
+    void schedule() REQUIRES(mLock);
+    void shutDown(State state) REQUIRES(mLock);
+    void refuseInput() REQUIRES(mLock);
+    void fail() REQUIRES(mLock);
+    // True when silence is owed.
+    bool publish() REQUIRES(mLock);
+    void dropOutdated() REQUIRES(mLock);
+    bool headNeedsTurn() const REQUIRES(mLock);
+    status_t deliver(size_t* index, size_t* offset, size_t* size, int64_t* timeUs, uint32_t* flags)
+        REQUIRES(mLock);
+    void freeOutput(size_t index) REQUIRES(mLock);
+
+    const sp<ALooper> mLooper;
+    const std::function<void()> mOnEnd;
+
+    mutable Mutex mLock;
+    Condition mInputFree;
+    Condition mOutputReady;
+    Condition mWorkDone;
+
+    State mState GUARDED_BY(mLock) = State::kCreated;
+    // The work alone uses the engine, unlocked, while mBusy is set.
+    std::unique_ptr<CodecBackend> mBackend GUARDED_BY(mLock);
+    CodecBuffers mBuffers GUARDED_BY(mLock);
+    sp<AMessage> mOutputFormat GUARDED_BY(mLock);
+    bool mFormatPending GUARDED_BY(mLock) = false;
+
+    std::vector<InputSlot> mInputs GUARDED_BY(mLock);
+    std::vector<OutputSlot> mOutputs GUARDED_BY(mLock);
+    std::deque<size_t> mFreeInputs GUARDED_BY(mLock);
+    std::deque<size_t> mFreeOutputs GUARDED_BY(mLock);
+    std::deque<QueuedInput> mQueued GUARDED_BY(mLock);
+    std::deque<size_t> mReady GUARDED_BY(mLock);
+    bool mEndQueued GUARDED_BY(mLock) = false;
+    bool mEndProduced GUARDED_BY(mLock) = false;
+    bool mRefusesInput GUARDED_BY(mLock) = false;
+
+    bool mWorkPosted GUARDED_BY(mLock) = false;
+    // What the work has ended for: the client holds the outputs, or has not taken them yet.
+    bool mLacksOutputs GUARDED_BY(mLock) = false;
+    bool mBusy GUARDED_BY(mLock) = false;
+
+    // Decoders of an extractor's track only.
+    sp<TrackSource> mSource GUARDED_BY(mLock);
+    bool mInSequence GUARDED_BY(mLock) = false;
+    size_t mSequencerMember GUARDED_BY(mLock) = 0;
+    OutputSequencer::MemberState mBackendState GUARDED_BY(mLock);
+    int64_t mFeedingUs GUARDED_BY(mLock) = OutputSequencer::kNever;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

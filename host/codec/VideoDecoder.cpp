@@ -1,0 +1,380 @@
+#include "host/codec/VideoDecoder.h"
+
+#include <android/log.h>
+#include <inttypes.h>
+#include <libyuv/planar_functions.h>
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/foundation/CpuCount.h"
+#include "host/foundation/FrameAllocator.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/buffer.h>
+#include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "VideoDecoder";
+
+constexpr size_t kInputCount = 6;
+// A hand-off takes eleven pictures at once. Where the cores are few, the encoder uses them all
+// while the decoder waits for room, and pictures that wait cost memory only.
+constexpr size_t kMinOutputCount = 4;
+constexpr size_t kMaxOutputCount = 16;
+constexpr size_t kMinInputBytes = 1024 * 1024;
+constexpr int64_t kSecondUs = 1000000;
+constexpr int kUsualFrameRate = 30;
+constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
+// Half of it, a chroma row, still suits every vector instruction.
+constexpr int kStrideAlignment = 128;
+// More than any decoder holds back; what is older was lost.
+constexpr size_t kMaxInside = 128;
+
+size_t inputBytesOf(const AMessage& format, int width, int height) {
+    int32_t largest = 0;
+    if (format.findInt32("max-input-size", &largest) && largest > 0) {
+        return static_cast<size_t>(largest);
+    }
+    return std::max(kMinInputBytes,
+                    static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2);
+}
+
+size_t outputCount(int threads) {
+    return std::clamp(2 * static_cast<size_t>(threads), kMinOutputCount, kMaxOutputCount);
+}
+
+void allowThreads(AVCodecContext* context, int threads) {
+    context->thread_count = threads;
+#if LIBAVCODEC_VERSION_MAJOR < 60
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    // Later versions take it for granted.
+    context->thread_safe_callbacks = 1;
+#pragma GCC diagnostic pop
+#endif
+}
+
+FramePlanes planesOf(const AVFrame& frame) {
+    FramePlanes planes;
+    for (int i = 0; i < 3; ++i) planes.plane[i] = {frame.data[i], frame.linesize[i]};
+    return planes;
+}
+
+int64_t durationOf(const AVFrame& frame) {
+#if LIBAVUTIL_VERSION_MAJOR < 58
+    return frame.pkt_duration;
+#else
+    return frame.duration;
+#endif
+}
+
+void copyFrame(const AVFrame& from, const AVFrame& to) {
+    for (int i = 0; i < 3; ++i) {
+        const int shift = i == 0 ? 0 : 1;
+        libyuv::CopyPlane(from.data[i], from.linesize[i], to.data[i], to.linesize[i],
+                          AV_CEIL_RSHIFT(from.width, shift), AV_CEIL_RSHIFT(from.height, shift));
+    }
+}
+
+// Decoders may read, and not use, a little beyond the last plane.
+constexpr size_t kReadBeyondBytes = 256;
+// A quarter of it, a row of the most subsampled chroma, still suits every vector instruction.
+constexpr int kWidthAlignment = 256;
+
+void releaseFrameMemory(void* bytes, uint8_t* data) {
+    FrameAllocator::release(data, reinterpret_cast<size_t>(bytes));
+}
+
+AVBufferRef* allocateFrameMemory(size_t bytes) {
+    auto* data = static_cast<uint8_t*>(FrameAllocator::allocate(bytes));
+    if (data == nullptr) return nullptr;
+    AVBufferRef* buffer =
+        av_buffer_create(data, bytes, releaseFrameMemory, reinterpret_cast<void*>(bytes), 0);
+    if (buffer == nullptr) FrameAllocator::release(data, bytes);
+    return buffer;
+}
+
+class FrameBuffer : public ABuffer {
+public:
+    FrameBuffer(FramePtr frame, size_t bytes)
+        : ABuffer(frame->data[0], bytes), mFrame(std::move(frame)) {}
+
+private:
+    const FramePtr mFrame;
+};
+
+}  // namespace
+
+VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads)
+    : mSession(std::move(session)),
+      mThreads(codecThreads(threads)),
+      mFrame(av_frame_alloc()),
+      mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
+
+VideoDecoder::~VideoDecoder() {
+    if (mUnconverted > 0) {
+        __android_log_print(ANDROID_LOG_WARN, kLogTag,
+                            "%" PRId64 " pictures of an unknown kind were dropped", mUnconverted);
+    }
+}
+
+status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffers) {
+    if (mFrame == nullptr) return NO_MEMORY;
+    status_t status = mDecoder.prepare(format);
+    if (status != OK) return status;
+    AVCodecContext* context = mDecoder.context();
+    if (context->pix_fmt != AV_PIX_FMT_NONE && !VideoFrameConverter::canConvert(context->pix_fmt)) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pixel format %d cannot be converted",
+                            context->pix_fmt);
+        return ERROR_UNSUPPORTED;
+    }
+    context->opaque = this;
+    context->get_buffer2 = getBuffer;
+    allowThreads(context, mThreads);
+    // Opening may already look for the size of the pictures.
+    const int codedWidth = context->width;
+    const int codedHeight = context->height;
+    status = mDecoder.open();
+    if (status != OK) return status;
+
+    mWidth = codedWidth;
+    mHeight = codedHeight;
+    format->findInt32("width", &mWidth);
+    format->findInt32("height", &mHeight);
+    format->findInt32("frame-rate", &mFrameRate);
+    mSource = TrackSource::find(format);
+    float averageFrameRate = 0;
+    if (mSession != nullptr && format->findFloat("average-frame-rate", &averageFrameRate)) {
+        mSession->setAverageFrameRate(static_cast<double>(averageFrameRate));
+    }
+    if (mWidth > 0 && mHeight > 0) setLayout(mWidth, mHeight);
+
+    buffers->inputCount = kInputCount;
+    buffers->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
+    buffers->outputCount = outputCount(mThreads);
+    buffers->announcesFormat = true;
+    return OK;
+}
+
+void VideoDecoder::setLayout(int width, int height) {
+    int alignedWidth = width;
+    int alignedHeight = height;
+    int unused[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(mDecoder.context(), &alignedWidth, &alignedHeight, unused);
+    FrameLayout layout;
+    layout.width = width;
+    layout.height = height;
+    layout.stride = FFALIGN(alignedWidth, kStrideAlignment);
+    layout.sliceHeight = FFALIGN(alignedHeight, 2);
+    {
+        Mutex::Autolock lock(mPoolLock);
+        mPool = std::make_shared<FramePool>(layout);
+    }
+    mFormat = new AMessage;
+    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_RAW);
+    mFormat->setInt32("width", layout.stride);
+    mFormat->setInt32("height", layout.sliceHeight);
+    mFormat->setRect("crop", 0, 0, width - 1, height - 1);
+    mFormat->setInt32("stride", layout.stride);
+    mFormat->setInt32("slice-height", layout.sliceHeight);
+    mFormat->setInt32("color-format", kPlanar);
+    if (mFrameRate > 0) mFormat->setInt32("frame-rate", mFrameRate);
+}
+
+std::shared_ptr<FramePool> VideoDecoder::pool() {
+    Mutex::Autolock lock(mPoolLock);
+    return mPool;
+}
+
+int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
+    auto* self = static_cast<VideoDecoder*>(context->opaque);
+    if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) {
+        return avcodec_default_get_buffer2(context, frame, flags);
+    }
+    const std::shared_ptr<FramePool> pool = self->pool();
+    if (pool != nullptr && decodesInto(*pool, context, *frame)) {
+        return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
+    }
+    return attachPlanes(context, frame) ? 0 : avcodec_default_get_buffer2(context, frame, flags);
+}
+
+bool VideoDecoder::decodesInto(const FramePool& pool, AVCodecContext* context,
+                               const AVFrame& frame) {
+    if (frame.format != AV_PIX_FMT_YUV420P) return false;
+    int width = frame.width;
+    int height = frame.height;
+    int alignment[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(context, &width, &height, alignment);
+    return width <= pool.layout().stride && height <= pool.layout().sliceHeight;
+}
+
+status_t VideoDecoder::accept(CodecInput input) {
+    if (input.info.segment.number != mSegment) {
+        mDecoder.flush();
+        mInside.clear();
+        mHasTime = false;
+        mSegment = input.info.segment.number;
+    }
+    const AVPacket* properties = input.info.properties.get();
+    const bool stated = properties != nullptr && properties->pts != AV_NOPTS_VALUE;
+    mInside.insert(stated ? properties->pts : input.timeUs);
+    if (mInside.size() > kMaxInside) mInside.erase(mInside.begin());
+    return mDecoder.send(input);
+}
+
+status_t VideoDecoder::finish() { return mDecoder.sendEnd(); }
+
+OutputSequencer::MemberState VideoDecoder::memberState() const {
+    OutputSequencer::MemberState state;
+    if (!mInside.empty()) state.earliestUs = *mInside.begin();
+    return state;
+}
+
+CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
+    for (;;) {
+        if (mFrame->buf[0] == nullptr) {
+            switch (mDecoder.receive(mFrame.get())) {
+                case PacketDecoder::Received::kFrame:
+                    break;
+                case PacketDecoder::Received::kNeedsInput:
+                    return Step::kNeedsInput;
+                case PacketDecoder::Received::kFailed:
+                    return Step::kFailed;
+                case PacketDecoder::Received::kRefused:
+                    return Step::kRefused;
+                case PacketDecoder::Received::kEnd:
+                    mInside.clear();
+                    if (mSession != nullptr && mSource != nullptr) {
+                        const TrackSource::Extent extent = mSource->extent();
+                        mSession->endVideo(extent.continuesAtUs, extent.endUs);
+                    }
+                    output->timeUs = mLastTimeUs;
+                    output->segment = mSegment;
+                    return Step::kEnd;
+            }
+        }
+        if (mFormat == nullptr) {
+            // The frame waits until the format is out.
+            setLayout(mFrame->width, mFrame->height);
+            return Step::kFormat;
+        }
+        mLastTimeUs = timeOf(*mFrame);
+        mHasTime = true;
+        mInside.erase(mInside.begin(), mInside.upper_bound(mLastTimeUs));
+        if (mLastTimeUs < 0) {
+            // An edit list begins behind it; it was needed to decode what follows.
+            av_frame_unref(mFrame.get());
+            continue;
+        }
+        const bool taken = workingFrame(&output->buffer);
+        output->timeUs = mLastTimeUs;
+        output->segment = mSegment;
+        const int64_t durationUs = durationOf(*mFrame);
+        av_frame_unref(mFrame.get());
+        if (!taken) return Step::kFailed;
+        if (output->buffer != nullptr) {
+            if (mSession != nullptr) mSession->addFrame(mLastTimeUs, durationUs);
+            return Step::kOutput;
+        }
+        mUnconverted++;
+    }
+}
+
+// The last pictures of a stream may have no time: none follows that would push them out.
+int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
+    if (frame.pts != AV_NOPTS_VALUE) return frame.pts;
+    if (mHasTime) return mLastTimeUs + kSecondUs / (mFrameRate > 0 ? mFrameRate : kUsualFrameRate);
+    return mInside.empty() ? mLastTimeUs : *mInside.begin();
+}
+
+bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
+    const std::shared_ptr<FramePool> pool = this->pool();
+    const FrameLayout& layout = pool->layout();
+    const bool asItIs = VideoFrameConverter::isWorkingFrame(*mFrame, layout.width, layout.height);
+    if (asItIs && pool->fits(*mFrame)) {
+        *buffer = pool->wrap(mFrame.get());
+        return *buffer != nullptr;
+    }
+    FramePtr picture(av_frame_alloc());
+    if (picture == nullptr || !pool->attach(picture.get())) return false;
+    if (asItIs) {
+        copyFrame(*mFrame, *picture);
+    } else if (!mConverter.convert(*mFrame, planesOf(*picture), layout.width, layout.height)) {
+        // An unknown pixel format is passed over; short memory is a failure.
+        return !VideoFrameConverter::canConvert(mFrame->format);
+    }
+    *buffer = pool->wrap(picture.get());
+    return *buffer != nullptr;
+}
+
+bool attachPlanes(AVCodecContext* context, AVFrame* frame) {
+    const auto format = static_cast<AVPixelFormat>(frame->format);
+    const AVPixFmtDescriptor* description = av_pix_fmt_desc_get(format);
+    constexpr uint64_t kOwnKinds = AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_HWACCEL;
+    if (description == nullptr || (description->flags & kOwnKinds) != 0) return false;
+    int width = frame->width;
+    int height = frame->height;
+    int alignment[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(context, &width, &height, alignment);
+    width = FFALIGN(width, kWidthAlignment);
+    ptrdiff_t strides[4] = {};
+    size_t sizes[4] = {};
+    if (av_image_fill_linesizes(frame->linesize, format, width) < 0) return false;
+    std::copy(frame->linesize, frame->linesize + 4, strides);
+    if (av_image_fill_plane_sizes(sizes, format, height, strides) < 0) return false;
+    size_t bytes = kReadBeyondBytes;
+    for (const size_t size : sizes) bytes += FFALIGN(size, FrameAllocator::kAlignment);
+    frame->buf[0] = allocateFrameMemory(bytes);
+    if (frame->buf[0] == nullptr) return false;
+    uint8_t* plane = frame->buf[0]->data;
+    for (int i = 0; i < 4; ++i) {
+        frame->data[i] = sizes[i] > 0 ? plane : nullptr;
+        plane += FFALIGN(sizes[i], FrameAllocator::kAlignment);
+    }
+    frame->extended_data = frame->data;
+    return true;
+}
+
+bool FramePool::attach(AVFrame* frame) const {
+    AVBufferRef* memory = allocateFrameMemory(mLayout.bytes() + kReadBeyondBytes);
+    if (memory == nullptr) return false;
+    const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
+    frame->buf[0] = memory;
+    frame->data[0] = memory->data;
+    frame->data[1] = frame->data[0] + lumaBytes;
+    frame->data[2] = frame->data[1] + lumaBytes / 4;
+    frame->linesize[0] = mLayout.stride;
+    frame->linesize[1] = frame->linesize[2] = mLayout.stride / 2;
+    frame->extended_data = frame->data;
+    return true;
+}
+
+bool FramePool::fits(const AVFrame& frame) const {
+    if (frame.buf[0] == nullptr || frame.buf[0]->size < mLayout.bytes()) return false;
+    const ptrdiff_t lumaBytes = static_cast<ptrdiff_t>(mLayout.stride) * mLayout.sliceHeight;
+    return frame.data[0] == frame.buf[0]->data && frame.linesize[0] == mLayout.stride &&
+           frame.linesize[1] == mLayout.stride / 2 && frame.linesize[2] == mLayout.stride / 2 &&
+           frame.data[1] == frame.data[0] + lumaBytes &&
+           frame.data[2] == frame.data[1] + lumaBytes / 4;
+}
+
+sp<ABuffer> FramePool::wrap(AVFrame* frame) const {
+    FramePtr own(av_frame_alloc());
+    if (own == nullptr) return nullptr;
+    av_frame_move_ref(own.get(), frame);
+    return new FrameBuffer(std::move(own), mLayout.bytes());
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

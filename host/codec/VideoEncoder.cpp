@@ -1,0 +1,332 @@
+#include "host/codec/VideoEncoder.h"
+
+#include <android/log.h>
+#include <media/stagefright/MediaCodec.h>
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "host/codec/CodecTable.h"
+#include "host/codec/InputLimits.h"
+#include "host/convert/FrameScaler.h"
+#include "host/foundation/CpuCount.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/dict.h>
+#include <libavutil/opt.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "VideoEncoder";
+// Pictures that wait for the encoder: two for each of its threads keep them busy, and more cost
+// memory only.
+constexpr size_t kMinInputCount = 4;
+constexpr size_t kMaxInputCount = 8;
+constexpr size_t kOutputCount = 16;
+constexpr int kPlanar = 19;  // the platform's YUV 4:2:0 with three planes
+constexpr double kDefaultFrameRate = 30;
+// Bits a pixel and frame, where no rate is wanted.
+constexpr double kDefaultBitsPerPixel = 0.1;
+// Every decoder takes as much (ITU-T H.264, level 1). Still pictures arrive at lower rates, which
+// leave nothing for key frames.
+constexpr int64_t kMinBitRate = 64000;
+// Rates may rise above the wanted one for a while, but no second takes more than this many of the
+// wanted seconds.
+constexpr double kPeakOverMean = 1.5;
+constexpr double kBufferSeconds = 2;
+// The first picture is a key frame, and needs more than those that refer to it.
+constexpr double kFirstOccupancy = 0.9;
+constexpr int kMicroseconds = 1000000;
+constexpr int kMaxGroupOfPictures = 10000;
+
+size_t inputCount(int threads) {
+    return std::clamp(2 * static_cast<size_t>(threads), kMinInputCount, kMaxInputCount);
+}
+
+void releaseLease(void* lease, uint8_t* /* data */) {
+    delete static_cast<std::shared_ptr<const void>*>(lease);
+}
+
+}  // namespace
+
+// What the format asks for.
+struct VideoEncoder::Wanted {
+    explicit Wanted(const AMessage& format) {
+        int32_t colorFormat = kPlanar;
+        format.findInt32("width", &width);
+        format.findInt32("height", &height);
+        format.findInt32("color-format", &colorFormat);
+        format.findInt32("i-frame-interval", &keyFrameSeconds);
+        format.findInt32("profile", &profileBit);
+        format.findInt32("level", &levelBit);
+        float rate = 0;
+        int32_t wholeRate = 0;
+        if (format.findInt32("frame-rate", &wholeRate)) rate = static_cast<float>(wholeRate);
+        format.findFloat("frame-rate", &rate);
+        frameRate = rate > 0 ? static_cast<double>(rate) : kDefaultFrameRate;
+        int32_t bits = 0;
+        format.findInt32("bitrate", &bits);
+        bitRate = bits;
+        if (bits <= 0) {
+            bitRate = static_cast<int64_t>(static_cast<double>(width) * height * frameRate *
+                                           kDefaultBitsPerPixel);
+        }
+        bitRate = std::max(bitRate, kMinBitRate);
+        possible = width >= 2 && height >= 2 && width <= kMaxSide && height <= kMaxSide &&
+                   colorFormat == kPlanar;
+    }
+
+    int groupOfPictures() const {
+        // Where the rate varies, timestamps alone say when a key frame is due.
+        if (keyFrameSeconds < 0 || variableRate) return kMaxGroupOfPictures;
+        const double pictures = keyFrameSeconds * frameRate;
+        return static_cast<int>(std::clamp(pictures, 1.0, double{kMaxGroupOfPictures}));
+    }
+
+    bool possible = false;
+    bool variableRate = false;
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t keyFrameSeconds = 1;
+    int32_t profileBit = 0;
+    int32_t levelBit = 0;
+    double frameRate = 0;  // frames a second
+    int64_t bitRate = 0;   // bits a second
+};
+
+VideoEncoder::VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
+                           int threads)
+    : mAvcPreset(avcPreset),
+      mThreads(codecThreads(threads)),
+      mSession(std::move(session)),
+      mFrame(av_frame_alloc()),
+      mLast{-1, -1} {}
+
+VideoEncoder::~VideoEncoder() = default;
+
+status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffers) {
+    if (mFrame == nullptr) return NO_MEMORY;
+    AString mime;
+    if (!format->findString("mime", &mime)) return BAD_VALUE;
+    Wanted wanted(*format);
+    // Levels and bits per frame follow from how many frames come, not from how close they may be.
+    const double average = mSession == nullptr ? 0 : mSession->averageFrameRate();
+    if (average > 0) {
+        wanted.frameRate = std::min(wanted.frameRate, average);
+        wanted.variableRate = true;
+    }
+    mKeyFrameIntervalUs = int64_t{std::max(wanted.keyFrameSeconds, 0)} * kMicroseconds;
+    const CodecInfo* codec = findEncodedCodec(mime.c_str());
+    // The MPEG-4 encoder writes beyond its tables at a larger size.
+    const bool tooLarge = codec != nullptr && codec->limits.maxSide > 0 &&
+                          std::max(wanted.width, wanted.height) > codec->limits.maxSide;
+    if (!wanted.possible || tooLarge) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "no encoder takes such pictures: %s",
+                            format->debugString().c_str());
+        return ERROR_UNSUPPORTED;
+    }
+    mWidth = wanted.width;
+    mHeight = wanted.height;
+    const size_t chromaBytes =
+        static_cast<size_t>((mWidth + 1) / 2) * static_cast<size_t>((mHeight + 1) / 2);
+    mFrameBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) + 2 * chromaBytes;
+
+    status_t status = mEncoder.prepare(mime);
+    if (status != OK) return status;
+    setParameters(wanted);
+    AVDictionary* options = nullptr;
+    if (mEncoder.context()->codec_id == AV_CODEC_ID_H264) {
+        if (!setAvcOptions(wanted, &options)) {
+            av_dict_free(&options);
+            return NO_MEMORY;
+        }
+    }
+    status = mEncoder.open(options);
+    if (status != OK) return status;
+
+    mCodecSpecificData = mEncoder.codecSpecificData();
+    if (mCodecSpecificData == nullptr && mEncoder.context()->extradata_size > 0) {
+        return NO_MEMORY;
+    }
+    mFormat = new AMessage;
+    mFormat->setString("mime", mime);
+    mFormat->setInt32("width", mWidth & ~1);
+    mFormat->setInt32("height", mHeight & ~1);
+    if (mCodecSpecificData != nullptr) mFormat->setBuffer("csd-0", mCodecSpecificData);
+
+    buffers->inputCount = inputCount(mThreads);
+    buffers->inputBytes = mFrameBytes;
+    buffers->inputsAreFrames = true;
+    buffers->outputCount = kOutputCount;
+    if (mSession != nullptr && mSession->observer() != nullptr) {
+        mSession->observer()->onEncoderOpened(true, mEncoder.context()->codec->name, format);
+    }
+    return OK;
+}
+
+void VideoEncoder::setParameters(const Wanted& wanted) {
+    AVCodecContext* context = mEncoder.context();
+    context->width = wanted.width & ~1;
+    context->height = wanted.height & ~1;
+    context->pix_fmt = AV_PIX_FMT_YUV420P;
+    context->sample_aspect_ratio = {1, 1};
+    context->color_range = AVCOL_RANGE_MPEG;
+    context->color_primaries = AVCOL_PRI_BT709;
+    context->color_trc = AVCOL_TRC_BT709;
+    context->colorspace = AVCOL_SPC_BT709;
+    context->chroma_sample_location = AVCHROMA_LOC_LEFT;
+    context->max_b_frames = 0;
+    context->gop_size = wanted.groupOfPictures();
+    context->bit_rate = wanted.bitRate;
+    context->rc_max_rate =
+        static_cast<int64_t>(static_cast<double>(wanted.bitRate) * kPeakOverMean);
+    const double keyFrameBits = static_cast<double>(wanted.width) * wanted.height;
+    const double bufferBits =
+        std::max(static_cast<double>(wanted.bitRate) * kBufferSeconds, keyFrameBits);
+    context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
+    context->rc_initial_buffer_occupancy =
+        static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
+    context->framerate = av_d2q(wanted.frameRate, 100000);
+    context->thread_count = mThreads;
+    context->time_base = {1, kMicroseconds};
+    if (context->codec_id == AV_CODEC_ID_MPEG4 || context->codec_id == AV_CODEC_ID_H263) {
+        // These two count in frames, and their rate control with them.
+        context->time_base = av_inv_q(context->framerate);
+    }
+}
+
+bool VideoEncoder::setAvcOptions(const Wanted& wanted, AVDictionary** options) const {
+    bool set = av_dict_set(options, "preset", mAvcPreset.c_str(), 0) >= 0;
+    // A key frame that is asked for is one to seek to.
+    set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
+    const char* profile = avcProfileName(wanted.profileBit);
+    if (profile != nullptr) set = set && av_dict_set(options, "profile", profile, 0) >= 0;
+    AvcDemand demand;
+    demand.width = wanted.width;
+    demand.height = wanted.height;
+    demand.frameRate = wanted.frameRate;
+    demand.maxBitRate = mEncoder.context()->rc_max_rate;
+    mEncoder.context()->level = FF_LEVEL_UNKNOWN;
+    if (const int level = avcLevelFor(wanted.levelBit, demand); level != 0) {
+        mEncoder.context()->level = level;
+    }
+    return set;
+}
+
+// libavcodec wants times to rise; inputs that repeat one or go back a little are moved to the next
+// possible time.
+VideoEncoder::Stamp VideoEncoder::stampOf(int64_t timeUs) {
+    const int64_t laterUs = std::max(timeUs, mLast.timeUs + 1);
+    const int64_t pts = av_rescale_q(laterUs, {1, kMicroseconds}, mEncoder.context()->time_base);
+    mLast = {std::max(pts, mLast.pts + 1), laterUs};
+    mInside.push_back(mLast);
+    return mLast;
+}
+
+int64_t VideoEncoder::timeOf(int64_t pts) {
+    while (!mInside.empty() && mInside.front().pts < pts) mInside.pop_front();
+    if (mInside.empty() || mInside.front().pts != pts) {
+        return av_rescale_q(pts, mEncoder.context()->time_base, {1, kMicroseconds});
+    }
+    const int64_t timeUs = mInside.front().timeUs;
+    mInside.pop_front();
+    return timeUs;
+}
+
+// The encoder's own interval counts frames, which tells nothing where their rate varies.
+bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
+    // Timestamps are rounded to microseconds.
+    constexpr int64_t kRoundingUs = 2;
+    if (mKeyFrameIntervalUs == 0) return false;
+    if (mKeyFrameUs && timeUs + kRoundingUs < *mKeyFrameUs + mKeyFrameIntervalUs) return false;
+    mKeyFrameUs = timeUs;
+    return true;
+}
+
+status_t VideoEncoder::accept(CodecInput input) {
+    if (takeScaleFailure(input.data)) {
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "a frame could not be scaled");
+        return NO_MEMORY;
+    }
+    // The size that the caller computes drops the half samples of an odd picture; the buffer has
+    // them.
+    const size_t minBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) * 3 / 2;
+    if (input.size < minBytes) {
+        __android_log_print(ANDROID_LOG_WARN, kLogTag, "a picture of %zu bytes is too short",
+                            input.size);
+        return OK;
+    }
+    AVFrame* frame = mFrame.get();
+    av_frame_unref(frame);
+    const AVCodecContext& context = *mEncoder.context();
+    frame->format = context.pix_fmt;
+    frame->width = context.width;
+    frame->height = context.height;
+    frame->color_range = context.color_range;
+    frame->color_primaries = context.color_primaries;
+    frame->color_trc = context.color_trc;
+    frame->colorspace = context.colorspace;
+    frame->chroma_location = context.chroma_sample_location;
+    frame->sample_aspect_ratio = context.sample_aspect_ratio;
+    const int chromaStride = (mWidth + 1) / 2;
+    auto* data = const_cast<uint8_t*>(input.data);
+    frame->linesize[0] = mWidth;
+    frame->linesize[1] = frame->linesize[2] = chromaStride;
+    frame->data[0] = data;
+    frame->data[1] = data + static_cast<ptrdiff_t>(mWidth) * mHeight;
+    frame->data[2] = frame->data[1] + static_cast<ptrdiff_t>(chromaStride) * ((mHeight + 1) / 2);
+    const Stamp stamp = stampOf(input.timeUs);
+    frame->pts = stamp.pts;
+    frame->pict_type = isKeyFrameDue(stamp.timeUs) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+
+    auto* lease = new std::shared_ptr<const void>(std::move(input.lease));
+    frame->buf[0] =
+        av_buffer_create(data, mFrameBytes, releaseLease, lease, AV_BUFFER_FLAG_READONLY);
+    if (frame->buf[0] == nullptr) {
+        delete lease;
+        return NO_MEMORY;
+    }
+    const status_t status = mEncoder.send(frame);
+    av_frame_unref(frame);
+    if (status == OK && mSession != nullptr && mSession->observer() != nullptr) {
+        mSession->observer()->onFrameEncoded(stamp.timeUs);
+    }
+    return status;
+}
+
+status_t VideoEncoder::finish() { return mEncoder.send(nullptr); }
+
+CodecBackend::Step VideoEncoder::produce(CodecOutput* output) {
+    if (mCodecSpecificData != nullptr) {
+        output->buffer = mCodecSpecificData;
+        output->flags = MediaCodec::BUFFER_FLAG_CODECCONFIG;
+        mCodecSpecificData.clear();
+        return Step::kOutput;
+    }
+    switch (mEncoder.receive()) {
+        case PacketEncoder::Received::kPacket:
+            break;
+        case PacketEncoder::Received::kNeedsInput:
+            return Step::kNeedsInput;
+        case PacketEncoder::Received::kEnd:
+            output->timeUs = std::max<int64_t>(mLast.timeUs, 0);
+            return Step::kEnd;
+        case PacketEncoder::Received::kFailed:
+            return Step::kFailed;
+    }
+    const AVPacket& packet = mEncoder.packet();
+    output->timeUs = timeOf(packet.pts);
+    if ((packet.flags & AV_PKT_FLAG_KEY) != 0) output->flags = MediaCodec::BUFFER_FLAG_SYNCFRAME;
+    output->buffer = mEncoder.takePayload();
+    return output->buffer == nullptr ? Step::kFailed : Step::kOutput;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

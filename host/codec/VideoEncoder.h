@@ -1,0 +1,70 @@
+// Encodes working pictures to AVC, MPEG-4 or H.263, without reordering.
+//
+// The input buffers are read where they lie. A picture with an odd width or height loses its last
+// column or row.
+#pragma once
+
+#include <stdint.h>
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/codec/CodecBackend.h"
+#include "host/codec/PacketCodecs.h"
+#include "host/codec/SessionTimeline.h"
+#include "host/foundation/FrameAllocator.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class VideoEncoder : public CodecBackend {
+public:
+    // `avcPreset` is one of x264's; `session` may be null.
+    VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
+                 int threads);
+    ~VideoEncoder() override;
+
+    status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
+    sp<AMessage> outputFormat() const override { return mFormat; }
+    Step produce(CodecOutput* output) override;
+    status_t accept(CodecInput input) override;
+    status_t finish() override;
+
+private:
+    struct Wanted;
+
+    // An input's time, and what the encoder knows it by.
+    struct Stamp {
+        int64_t pts;
+        int64_t timeUs;
+    };
+
+    void setParameters(const Wanted& wanted);
+    // False when memory is short.
+    bool setAvcOptions(const Wanted& wanted, AVDictionary** options) const;
+    Stamp stampOf(int64_t timeUs);
+    int64_t timeOf(int64_t pts);
+    bool isKeyFrameDue(int64_t timeUs);
+
+    const std::string mAvcPreset;
+    const int mThreads;
+    const std::shared_ptr<SessionTimeline> mSession;
+    PacketEncoder mEncoder;
+    const FrameAllocator::Keep mKeepMemory;
+    const FramePtr mFrame;
+    sp<AMessage> mFormat;
+    sp<ABuffer> mCodecSpecificData;  // until it is out
+    int mWidth = 0;                  // of the input
+    int mHeight = 0;
+    size_t mFrameBytes = 0;
+
+    std::deque<Stamp> mInside;
+    Stamp mLast;
+    int64_t mKeyFrameIntervalUs = 0;  // 0 for no interval
+    std::optional<int64_t> mKeyFrameUs;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

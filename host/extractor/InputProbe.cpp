@@ -1,0 +1,419 @@
+#include "host/extractor/InputProbe.h"
+
+#include <android/log.h>
+#include <media/stagefright/MediaErrors.h>
+#include <media/stagefright/foundation/ABuffer.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "host/codec/CodecTable.h"
+#include "host/codec/InputLimits.h"
+#include "host/codec/OutputSequencer.h"
+#include "host/extractor/Demuxer.h"
+#include "host/extractor/TrackFormat.h"
+#include "host/io/IsoBoxes.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/common.h>
+#include <libavutil/parseutils.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "Extractor";
+constexpr AVRational kMicroseconds = {1, 1000000};
+// So many frames tell 30 a second from 29.97 through time stamps in milliseconds.
+constexpr size_t kMaxProbedFrames = 120;
+constexpr int64_t kMaxProbedBytes = 32 << 20;
+constexpr int64_t kMinVideoSampleBytes = 1 << 20;
+constexpr int64_t kMaxAudioSampleBytes = 512 << 10;
+// Covers the overlap of transform codecs and MP3's bit reservoir.
+constexpr int64_t kPrerollUs = 100000;
+
+bool isKind(const AVStream& stream, AVMediaType kind) {
+    return stream.codecpar->codec_type == kind;
+}
+
+bool isVideoTrack(const AVStream& stream) {
+    return isKind(stream, AVMEDIA_TYPE_VIDEO) && !isCoverArt(stream);
+}
+
+// Reads all packets: for a recording that was never finished, say.
+std::vector<int64_t> measureDurationsUs(const std::shared_ptr<const DescriptorFile>& file,
+                                        size_t count) {
+    std::vector<int64_t> durationsUs(count, 0);
+    const auto demuxer = Demuxer::open(file, Demuxer::ProbeDepth::kStreams).demuxer;
+    PacketPtr packet(av_packet_alloc());
+    if (demuxer == nullptr || packet == nullptr) return durationsUs;
+    while (demuxer->readPacket(Demuxer::kAnyStream, packet.get()) == OK) {
+        const auto index = static_cast<size_t>(packet->stream_index);
+        const int64_t start = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (index >= count || start == AV_NOPTS_VALUE) continue;
+        const AVStream& stream = *demuxer->context().streams[index];
+        const int64_t origin = stream.start_time == AV_NOPTS_VALUE ? 0 : stream.start_time;
+        const int64_t length = av_sat_sub64(start, origin);
+        const int64_t end = av_sat_add64(length, std::max<int64_t>(packet->duration, 0));
+        durationsUs[index] = std::max(durationsUs[index], demuxer->toUs(stream.index, end));
+    }
+    return durationsUs;
+}
+
+int64_t statedDurationUs(Demuxer* demuxer, const AVStream& stream) {
+    // A duration that libavformat estimates from the bit rate knows of no gaps. In a container with
+    // timestamps it would make those behind a gap look damaged.
+    if (demuxer->headerIsEnough() &&
+        demuxer->context().duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) {
+        return 0;
+    }
+    if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0) {
+        return demuxer->toUs(stream.index, stream.duration);
+    }
+    return std::max<int64_t>(demuxer->context().duration, 0);
+}
+
+// A decoder that refuses what the file says of a track is as good as none.
+void rejectUndecodable(AVStream* stream) {
+    if (!isDecodable(*stream)) return;
+    AVCodecParameters* parameters = stream->codecpar;
+    const AVCodec* decoder = decoderOf(parameters->codec_id);
+    CodecContextPtr context(avcodec_alloc_context3(decoder));
+    if (context != nullptr) context->max_pixels = kMaxPixels;
+    if (context == nullptr || avcodec_parameters_to_context(context.get(), parameters) < 0 ||
+        avcodec_open2(context.get(), decoder, nullptr) < 0) {
+        parameters->codec_id = AV_CODEC_ID_NONE;
+    }
+}
+
+// The longest sample that the index names and the file can hold, or what a sample of the kind can
+// come to.
+int64_t maxSampleBytes(AVStream& stream, int64_t fileBytes) {
+    int64_t bytes = kMaxAudioSampleBytes;
+    if (isKind(stream, AVMEDIA_TYPE_VIDEO)) {
+        const AVCodecParameters& parameters = *stream.codecpar;
+        const int64_t pixels = static_cast<int64_t>(parameters.width) * parameters.height;
+        const AVCodecDescriptor* codec = avcodec_descriptor_get(parameters.codec_id);
+        const bool lossless = codec != nullptr && (codec->props & AV_CODEC_PROP_LOSSY) == 0;
+        bytes = std::max(kMinVideoSampleBytes, lossless ? pixels * 8 : pixels * 3 / 2);
+    }
+    for (int i = 0; i < avformat_index_get_entries_count(&stream); ++i) {
+        const int64_t stated = avformat_index_get_entry(&stream, i)->size;
+        bytes = std::max(bytes, std::min(stated, fileBytes));
+    }
+    return std::min<int64_t>(bytes, INT32_MAX);
+}
+
+// An ISO file's index has the decoding times of all samples. Without reordering they are the
+// presentation times; with it, they have the same distances where the rate is constant. Elsewhere
+// the first packets are read.
+FrameTimestamps frameTimestamps(Demuxer* demuxer, AVStream& stream) {
+    FrameTimestamps times;
+    std::vector<int64_t>& timesUs = times.timesUs;
+    const int entries = avformat_index_get_entries_count(&stream);
+    if (demuxer->isIsoFile() && entries > 1) {
+        for (int i = 0; i < entries; ++i) {
+            const AVIndexEntry& entry = *avformat_index_get_entry(&stream, i);
+            if ((entry.flags & AVINDEX_DISCARD_FRAME) != 0) continue;
+            timesUs.push_back(demuxer->toUs(stream.index, entry.timestamp));
+        }
+        times.complete = stream.codecpar->video_delay == 0;
+        return times;
+    }
+    PacketPtr packet(av_packet_alloc());
+    if (packet == nullptr) return times;
+    demuxer->keepOnly(stream.index);
+    int64_t bytes = 0;
+    while (timesUs.size() < kMaxProbedFrames && bytes < kMaxProbedBytes &&
+           demuxer->readPacket(stream.index, packet.get()) == OK) {
+        const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (time != AV_NOPTS_VALUE) timesUs.push_back(demuxer->toUs(stream.index, time));
+        bytes += packet->size;
+    }
+    return times;
+}
+
+// Each field of an interlaced stream may come in a sample of its own.
+bool isInterlaced(const AVStream& stream) {
+    return stream.codecpar->field_order > AV_FIELD_PROGRESSIVE;
+}
+
+FrameRateEstimate frameRateEstimate(AVStream& stream, FrameTimestamps times) {
+    std::vector<FrameRate> likely;
+    for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
+        likely.push_back({rate.num, rate.den});
+    }
+    const int64_t tickUs = av_rescale_q_rnd(1, stream.time_base, kMicroseconds, AV_ROUND_UP);
+    FrameRateEstimate timing = estimateFrameRate(std::move(times), tickUs, likely);
+    const double average = av_q2d(stream.avg_frame_rate);
+    if (isInterlaced(stream) && average > 0 && timing.rate > average * 3 / 2) {
+        timing.rate = (timing.rate + 1) / 2;
+    }
+    return timing;
+}
+
+int64_t prerollUs(const AVCodecParameters& parameters) {
+    const int64_t samples = std::max(parameters.seek_preroll, 0);
+    return std::max(kPrerollUs, av_rescale(samples, kMicroseconds.den, parameters.sample_rate));
+}
+
+// A sound track's own index is often missing; then the picture's leads to it as well.
+int seekStreamIndex(const Demuxer& demuxer, const AVFormatContext& context,
+                    const AVStream& stream) {
+    if (!demuxer.indexIsOfVideo()) return stream.index;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        if (isVideoTrack(*context.streams[i])) return context.streams[i]->index;
+    }
+    return stream.index;
+}
+
+sp<TrackSource> makeSource(const AVCodecParameters& parameters,
+                           const sp<OutputSequencer>& sequencer) {
+    CodecParametersPtr copy(avcodec_parameters_alloc());
+    if (copy == nullptr || avcodec_parameters_copy(copy.get(), &parameters) < 0) return nullptr;
+    return new TrackSource(std::move(copy), sequencer);
+}
+
+// Null when memory is short.
+sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData) {
+    sp<AMessage> format = new AMessage;
+    format->setString("mime", mimeOfContainer(context));
+    if (!uuidData.empty()) {
+        const sp<ABuffer> copy = ABuffer::CreateAsCopy(uuidData.data(), uuidData.size());
+        if (copy == nullptr) return nullptr;
+        format->setBuffer("uuid-data", copy);
+    }
+    return format;
+}
+
+// Without a format when memory is short.
+TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, bool estimateRate,
+                        const sp<OutputSequencer>& sequencer) {
+    AVFormatContext& context = demuxer->context();
+    const AVCodecParameters& parameters = *stream.codecpar;
+    TrackInfo track;
+    track.streamIndex = stream.index;
+    track.isVideo = isKind(stream, AVMEDIA_TYPE_VIDEO);
+    TrackProperties properties;
+    properties.durationUs = durationUs;
+    if (isDecodable(stream)) {
+        track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream, avio_size(context.pb)));
+        properties.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
+        track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
+        if (stream.start_time != AV_NOPTS_VALUE && !demuxer->hasOnlyFrameNumbers()) {
+            track.startUs = demuxer->toUs(stream.index, stream.start_time);
+        }
+        track.source = makeSource(parameters, sequencer);
+        if (track.source == nullptr) return track;
+        if (track.isVideo) {
+            const size_t samplesPerFrame = isInterlaced(stream) ? 2 : 1;
+            track.reorderDepth =
+                static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerFrame;
+            const FrameRateEstimate timing = frameRateEstimate(
+                stream, estimateRate ? frameTimestamps(demuxer, stream) : FrameTimestamps());
+            properties.frameRate = timing.rate;
+            if (!timing.constantRate) properties.averageFrameRate = av_q2d(stream.avg_frame_rate);
+            track.constantRate = timing.constantRate;
+        } else {
+            track.prerollUs = prerollUs(parameters);
+        }
+    }
+    track.format = makeTrackFormat(context, stream, properties);
+    if (track.format == nullptr) return track;
+    if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
+    return track;
+}
+
+// Nothing when an edit list leaves samples out: then another sample is the last one that is shown.
+std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& lengths,
+                                            const Demuxer& demuxer, AVStream& stream) {
+    const auto length = std::find_if(lengths.begin(), lengths.end(), [&](const auto& each) {
+        return static_cast<int64_t>(each.trackId) == stream.id;
+    });
+    const int entries = avformat_index_get_entries_count(&stream);
+    if (!isKind(stream, AVMEDIA_TYPE_VIDEO) || length == lengths.end() || entries < 1 ||
+        length->samples != entries) {
+        return std::nullopt;
+    }
+    TrackInfo::Ending ending;
+    ending.lastDts = avformat_index_get_entry(&stream, entries - 1)->timestamp;
+    // The decoding times of reordered frames do not say when the last one ends.
+    ending.endUs =
+        av_rescale(length->presentationTicks, kMicroseconds.den, length->movieTicksPerSecond);
+    if (stream.codecpar->video_delay == 0) {
+        // Of the first sample in the file, which is before the first one shown if an edit list
+        // cuts the start.
+        const int64_t start = avformat_index_get_entry(&stream, 0)->timestamp;
+        ending.endUs = demuxer.toUs(stream.index, av_sat_add64(start, length->durationTicks));
+    }
+    return ending;
+}
+
+// The header of an EBML element (RFC 8794): its identifier, and where its content begins and ends.
+struct EbmlElement {
+    uint32_t id;
+    int64_t contentOffset;
+    std::optional<int64_t> endOffset;  // nothing when the size is not known
+};
+
+// Of elements whose identifiers have four bytes, such as those of the top level.
+std::optional<EbmlElement> readEbmlElement(const DescriptorFile& file, int64_t offset) {
+    constexpr int64_t kIdBytes = 4;
+    uint8_t data[kIdBytes + 8] = {};
+    if (!file.readFully(offset, data, sizeof(data)) || data[kIdBytes] == 0) return std::nullopt;
+    int sizeBytes = 1;
+    while ((data[kIdBytes] & (0x80 >> (sizeBytes - 1))) == 0) ++sizeBytes;
+    int64_t size = data[kIdBytes] & (0xff >> sizeBytes);
+    for (int i = 1; i < sizeBytes; ++i) size = size << 8 | data[kIdBytes + i];
+    EbmlElement element;
+    element.id = get32(data);
+    element.contentOffset = offset + kIdBytes + sizeBytes;
+    // All ones: a live recording does not know its size.
+    if (size != (INT64_C(1) << (7 * sizeBytes)) - 1) {
+        element.endOffset = av_sat_add64(element.contentOffset, size);
+    }
+    return element;
+}
+
+bool isWholeMatroskaFile(const DescriptorFile& file) {
+    constexpr uint32_t kSegment = 0x18538067;
+    const std::optional<EbmlElement> header = readEbmlElement(file, 0);
+    if (!header || !header->endOffset) return false;
+    const std::optional<EbmlElement> segment = readEbmlElement(file, *header->endOffset);
+    return segment && segment->id == kSegment && segment->endOffset &&
+           *segment->endOffset <= file.sizeBytes();
+}
+
+// The end that muxers state in the tags of a Matroska track. Where frames come at a constant rate,
+// the track's default duration is more exact. Nothing for a file that was cut off: its last frame
+// is not the track's.
+std::optional<TrackInfo::Ending> findMatroskaEnding(const DescriptorFile& file,
+                                                    const Demuxer& demuxer, const AVStream& stream,
+                                                    const TrackInfo& track) {
+    if (!demuxer.isMatroska() || !track.isVideo || track.constantRate) return std::nullopt;
+    const auto tag = [&stream](const char* name) {
+        return av_dict_get(stream.metadata, name, nullptr, AV_DICT_IGNORE_SUFFIX);
+    };
+    const AVDictionaryEntry* duration = tag("DURATION");
+    TrackInfo::Ending ending = {};
+    if (duration == nullptr || av_parse_time(&ending.endUs, duration->value, 1) < 0 ||
+        ending.endUs <= 0 || !isWholeMatroskaFile(file)) {
+        return std::nullopt;
+    }
+    // In the statistics that mkvmerge writes the duration counts from the first frame, elsewhere
+    // from 0.
+    if (tag("_STATISTICS_TAGS") != nullptr) {
+        ending.endUs = av_sat_add64(ending.endUs, track.startUs);
+    }
+    return ending;
+}
+
+void findDelays(const std::vector<TrackInfo>& tracks) {
+    int64_t originUs = INT64_MAX;
+    for (const TrackInfo& track : tracks) {
+        if (track.source != nullptr) originUs = std::min(originUs, track.startUs);
+    }
+    for (const TrackInfo& track : tracks) {
+        if (track.source != nullptr) track.source->setDelayUs(track.startUs - originUs);
+    }
+}
+
+// Audio beyond the limits is passed over. The reason when that leaves nothing to decode.
+std::optional<std::string> findUnreadable(const AVFormatContext& context) {
+    std::optional<std::string> reason;
+    bool isReadable = false;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        const AVStream& stream = *context.streams[i];
+        isReadable = isReadable || isDecodable(stream);
+        if (!isKind(stream, AVMEDIA_TYPE_AUDIO) || reason) continue;
+        reason = checkAudio(stream.codecpar->sample_rate, stream.codecpar->ch_layout.nb_channels);
+    }
+    if (!reason || !isReadable) return reason;
+    __android_log_print(ANDROID_LOG_WARN, kLogTag, "passed over: %s", reason->c_str());
+    return std::nullopt;
+}
+
+std::optional<std::string> checkDisplaySize(const TrackInfo& track) {
+    int32_t width = 0;
+    int32_t height = 0;
+    if (!track.isVideo || !track.format->findInt32("width", &width) ||
+        !track.format->findInt32("height", &height)) {
+        return std::nullopt;
+    }
+    return checkSize("video with a displayed size", width, height);
+}
+
+status_t refuse(const DescriptorFile& file, const std::string& reason) {
+    file.refuse(reason);
+    return ERROR_UNSUPPORTED;
+}
+
+}  // namespace
+
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info) {
+    // Before the demuxer, which makes an entry of its index for each sample.
+    if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
+    if (file->status() != OK) return ERROR_IO;
+    const Demuxer::Opened opened = Demuxer::open(file, Demuxer::ProbeDepth::kStreams);
+    if (opened.demuxer == nullptr) return opened.status;
+    Demuxer* const demuxer = opened.demuxer.get();
+    TopLevelBoxes boxes;
+    if (demuxer->isIsoFile()) {
+        boxes = readTopLevelBoxes(*file);
+        if (file->status() != OK) return ERROR_IO;
+        if (boxes.movieBytes == 0) return ERROR_UNSUPPORTED;
+    }
+    AVFormatContext& context = demuxer->context();
+    std::vector<int64_t> durationsUs(context.nb_streams, 0);
+    bool hasMedia = false;
+    bool complete = true;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        rejectUndecodable(context.streams[i]);
+        const AVStream& stream = *context.streams[i];
+        durationsUs[i] = statedDurationUs(demuxer, stream);
+        hasMedia = hasMedia || isKind(stream, AVMEDIA_TYPE_AUDIO) || isVideoTrack(stream);
+        complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
+    }
+    if (!hasMedia) return ERROR_UNSUPPORTED;
+    if (const auto reason = findUnreadable(context)) return refuse(*file, *reason);
+    if (!complete) durationsUs = measureDurationsUs(file, durationsUs.size());
+
+    InputInfo found;
+    found.zeroIsFixed = demuxer->isIsoFile();
+    found.format = makeFileFormat(context, boxes.uuidData);
+    if (found.format == nullptr) return NO_MEMORY;
+    const sp<OutputSequencer> sequencer = new OutputSequencer;
+    std::shared_ptr<TimestampDiscontinuities> discontinuities;
+    if (demuxer->mayHaveDiscontinuities())
+        discontinuities = std::make_shared<TimestampDiscontinuities>();
+    std::vector<IsoTrackLength> lengths;
+    if (boxes.movieBytes > 0) lengths = readTrackLengths(*file, boxes.movieOffset);
+    bool estimateRate = true;
+    for (unsigned i = 0; i < context.nb_streams; ++i) {
+        AVStream& stream = *context.streams[i];
+        found.tracks.push_back(
+            describeTrack(demuxer, stream, durationsUs[i], estimateRate, sequencer));
+        if (found.tracks.back().format == nullptr) return NO_MEMORY;
+        if (const auto reason = checkDisplaySize(found.tracks.back())) {
+            return refuse(*file, *reason);
+        }
+        TrackInfo& track = found.tracks.back();
+        track.discontinuities = discontinuities;
+        track.ending = findEnding(lengths, *demuxer, stream);
+        if (!track.ending) track.ending = findMatroskaEnding(*file, *demuxer, stream, track);
+        if (track.isVideo && isDecodable(stream)) estimateRate = false;
+    }
+    // The studies above take what they get.
+    if (file->status() != OK) return ERROR_IO;
+    findDelays(found.tracks);
+    *info = std::move(found);
+    return OK;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,100 @@
+// Reads the samples of one track in decoding order. Private to the extractor.
+//
+// Each selected track has a reader with a demuxer of its own, so that a track whose samples lie far
+// from the others' in the file costs no memory. One thread at a time. All times are microseconds on
+// the file's own time line.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+#include <vector>
+
+#include "host/convert/FFmpegPointers.h"
+#include "host/extractor/Demuxer.h"
+#include "host/extractor/InputProbe.h"
+#include "host/extractor/TimestampRepair.h"
+
+namespace android {
+namespace qmmediaeditor {
+
+class TrackReader {
+public:
+    struct Opened {
+        std::unique_ptr<TrackReader> reader;  // null unless status is OK
+        status_t status;
+    };
+    static Opened open(const std::shared_ptr<const DescriptorFile>& file, const TrackInfo& track);
+    ~TrackReader();
+
+    // The sample that comes next; null at the end and after a failure.
+    const AVPacket* head();
+    // OK, ERROR_IO when the file cannot be read, or NO_MEMORY. Lasts until the next seek, a read
+    // error for ever.
+    status_t status() const { return mStatus; }
+    // Of the head. No sample from it on is shown before orderTimeUs; for sound the two times are
+    // the same.
+    int64_t orderTimeUs() const { return mOrderTimeUs; }
+    // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
+    // Null when memory is short.
+    PacketPtr headProperties(int64_t originUs) const;
+    // Of the head; 0 when it is not known.
+    int64_t durationUs() const;
+    // The head is the last sample of its track. False where the container does not say.
+    bool isLast() const;
+    void advance();
+
+    // To the last sync sample that the file's index names at or before `timeUs`, or an earlier one;
+    // for sound to the sample at that time, less the decoder's preroll. To the very first sample
+    // when there is none.
+    void seek(int64_t timeUs);
+
+private:
+    TrackReader(const std::shared_ptr<const DescriptorFile>& file, const TrackInfo& track);
+    status_t reopen();
+    bool readHead();
+    void setHeadTimestamps();
+    int64_t statedTimestamp();
+    int64_t reorderTicks() const;
+    // Of the head, on a time line without jumps.
+    int64_t toUs(int64_t time) const;
+    void trackDiscontinuities();
+    void updateOrderTime();
+    void forgetPosition();
+
+    bool seekDemuxer(int64_t timeUs);
+    bool landsBy(int64_t timeUs);
+    void skipAudioBefore(int64_t timeUs);
+
+    const std::shared_ptr<const DescriptorFile> mFile;
+    TrackInfo mTrack;
+    std::unique_ptr<Demuxer> mDemuxer;
+    PacketPtr mPacket;
+    bool mHasHead = false;
+    bool mAtStart = true;  // nothing has been read since the file was opened
+    bool mEnded = false;   // nothing follows until the next seek
+    status_t mStatus = OK;
+    // A lower bound of it when it is not stated.
+    int64_t mPresentationTimeUs = 0;
+    bool mIsTimeStated = false;
+    int64_t mOrderTimeUs = 0;
+    // What the clock's jumps add to times.
+    int64_t mOffsetUs = 0;
+    // Of the packet before the head, when there is one; the time is a decoding time.
+    bool mHasPrevious = false;
+    int64_t mPreviousDtsUs = 0;
+    int64_t mPreviousEndUs = 0;
+    int64_t mPreviousStepUs = 0;  // the latest distance of two packets
+    int64_t mPreviousPosition = 0;
+    int64_t mFirstTimeUs = 0;  // of the first picture since the last seek
+    int64_t mNextTimeUs = 0;   // where the last sample ends, for one without a time
+    // The latest presentation times that were read, in rising order: one more than
+    // mTrack.reorderDepth.
+    std::vector<int64_t> mLatestTimesUs;
+    // For video in a container that states decoding times alone.
+    PocTimestamps mPocTimestamps;
+};
+
+}  // namespace qmmediaeditor
+}  // namespace android

@@ -1,0 +1,323 @@
+#include "host/writer/Mp4Muxer.h"
+
+#include <android/log.h>
+#include <media/stagefright/MediaErrors.h>
+#include <string.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/dict.h>
+#include <libavutil/display.h>
+}
+
+namespace android {
+namespace qmmediaeditor {
+
+namespace {
+
+constexpr char kLogTag[] = "Writer";
+constexpr int32_t k3gpFileType = 1;
+// A multiple of every usual frame rate, of 30000/1001 too.
+constexpr int kVideoTicksPerSecond = 90000;
+constexpr int kDefaultFrameRate = 30;
+// Samples that are held back for another track. Two tracks of a session run within a batch of each
+// other, so only a track with a long pause comes near it.
+constexpr size_t kMaxHeldBytes = 16 << 20;
+constexpr int kIoBufferBytes = 256 * 1024;
+
+const CodecInfo* findCodec(const MetaDataBase& format) {
+    const char* mime = nullptr;
+    return format.findCString(kKeyMIMEType, &mime) ? findEncodedCodec(mime) : nullptr;
+}
+
+uint32_t tagOf(const char* sampleEntry) {
+    return MKTAG(sampleEntry[0], sampleEntry[1], sampleEntry[2], sampleEntry[3]);
+}
+
+int32_t intOf(const MetaDataBase& format, uint32_t key) {
+    int32_t value = 0;
+    format.findInt32(key, &value);
+    return value;
+}
+
+bool isVideo(const AVCodecParameters& parameters) {
+    return parameters.codec_type == AVMEDIA_TYPE_VIDEO;
+}
+
+bool setExtradata(const uint8_t* data, size_t size, AVCodecParameters* parameters) {
+    auto* copy = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (copy == nullptr) return false;
+    memcpy(copy, data, size);
+    av_freep(&parameters->extradata);
+    parameters->extradata = copy;
+    parameters->extradata_size = static_cast<int>(size);
+    return true;
+}
+
+// What every encoder here is given: the picture of a plain screen.
+void setVideoParameters(const MetaDataBase& format, AVCodecParameters* parameters) {
+    // 4:2:0 has no odd sizes; the encoders leave the last row and column out.
+    parameters->width = intOf(format, kKeyWidth) & ~1;
+    parameters->height = intOf(format, kKeyHeight) & ~1;
+    parameters->color_primaries = AVCOL_PRI_BT709;
+    parameters->color_trc = AVCOL_TRC_BT709;
+    parameters->color_space = AVCOL_SPC_BT709;
+    parameters->color_range = AVCOL_RANGE_MPEG;
+    parameters->sample_aspect_ratio = {1, 1};
+    parameters->format = AV_PIX_FMT_YUV420P;
+    parameters->profile = 0;
+}
+
+void setAudioParameters(const MetaDataBase& format, const CodecInfo& codec,
+                        AVCodecParameters* parameters) {
+    parameters->sample_rate = intOf(format, kKeySampleRate);
+    av_channel_layout_default(&parameters->ch_layout, intOf(format, kKeyChannelCount));
+    parameters->frame_size = codec.frameSamples;
+}
+
+bool isComplete(const AVCodecParameters& parameters) {
+    if (isVideo(parameters)) return parameters.width > 0 && parameters.height > 0;
+    return parameters.sample_rate > 0 && parameters.ch_layout.nb_channels > 0;
+}
+
+bool setRotation(AVStream* stream, int32_t degrees) {
+    int32_t matrix[9];
+    av_display_rotation_set(matrix, degrees);
+    uint8_t* data = av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, sizeof(matrix));
+    if (data == nullptr) return false;
+    memcpy(data, matrix, sizeof(matrix));
+    return true;
+}
+
+}  // namespace
+
+Mp4Muxer::Mp4Muxer(std::shared_ptr<DescriptorFile> output, std::shared_ptr<SessionTimeline> session)
+    : mOutput(std::move(output)),
+      mIo(AvioFile::forWriting(mOutput, kIoBufferBytes)),
+      mSession(std::move(session)) {}
+
+Mp4Muxer::~Mp4Muxer() = default;
+
+status_t Mp4Muxer::addTrack(const MetaDataBase& format) {
+    Mutex::Autolock lock(mLock);
+    const CodecInfo* codec = findCodec(format);
+    if (codec == nullptr) return ERROR_UNSUPPORTED;
+    Track track;
+    track.codec = codec;
+    track.parameters.reset(avcodec_parameters_alloc());
+    if (track.parameters == nullptr) return NO_MEMORY;
+    AVCodecParameters* parameters = track.parameters.get();
+    parameters->codec_id = static_cast<AVCodecID>(decoderIdOf(codec->mime));
+    parameters->codec_type = avcodec_get_type(parameters->codec_id);
+    parameters->codec_tag = tagOf(codec->sampleEntry);
+    parameters->bit_rate = intOf(format, kKeyBitRate);
+    track.frameRate = intOf(format, kKeyFrameRate);
+    if (isVideo(*parameters)) {
+        setVideoParameters(format, parameters);
+    } else {
+        setAudioParameters(format, *codec, parameters);
+    }
+    if (!isComplete(*parameters)) return ERROR_MALFORMED;
+    mTracks.push_back(std::move(track));
+    return OK;
+}
+
+bool Mp4Muxer::needs3gp() const {
+    return std::any_of(mTracks.begin(), mTracks.end(),
+                       [](const Track& track) { return track.codec->only3gp; });
+}
+
+status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
+    Mutex::Autolock lock(mLock);
+    const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
+    AVFormatContext* context = nullptr;
+    if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
+    mContext.reset(context);
+    context->pb = mIo->context();
+    context->opaque = this;
+    context->io_open = openWritten;
+    context->io_close2 = closeWritten;
+    context->flags |= AVFMT_FLAG_BITEXACT;
+    context->flush_packets = 0;
+    // The encoders deliver samples in the form that the file needs.
+    context->flags &= ~AVFMT_FLAG_AUTO_BSF;
+    for (Track& track : mTracks) {
+        const status_t result = addStream(&track, rotationDegrees);
+        if (result != OK) return result;
+    }
+    AVDictionary* options = nullptr;
+    const bool isFirst = movieBoxFirst && mOutput->makeReadable();
+    if (av_dict_set_int(&options, "video_track_timescale", kVideoTicksPerSecond, 0) < 0 ||
+        av_dict_set_int(&options, "movie_timescale", kVideoTicksPerSecond, 0) < 0 ||
+        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
+        av_dict_free(&options);
+        return NO_MEMORY;
+    }
+    const int result = avformat_write_header(context, &options);
+    av_dict_free(&options);
+    // A full disc is no reason to refuse the tracks: the first sample reports it.
+    if (result < 0 && keep(result) != OK && context->pb->error == 0) return mError;
+    mHasHeader = result >= 0;
+    for (Track& track : mTracks) startTimestamps(&track);
+    mInterleaver = std::make_unique<PacketInterleaver>(mTracks.size(), kMaxHeldBytes);
+    return OK;
+}
+
+status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees) {
+    AVStream* stream = avformat_new_stream(mContext.get(), nullptr);
+    if (stream == nullptr) return NO_MEMORY;
+    if (avcodec_parameters_copy(stream->codecpar, track->parameters.get()) < 0) return NO_MEMORY;
+    track->stream = stream;
+    if (!isVideo(*stream->codecpar)) {
+        stream->time_base = {1, stream->codecpar->sample_rate};
+        return OK;
+    }
+    stream->time_base = {1, kVideoTicksPerSecond};
+    stream->sample_aspect_ratio = stream->codecpar->sample_aspect_ratio;
+    if (rotationDegrees % 360 != 0 && !setRotation(stream, rotationDegrees)) return NO_MEMORY;
+    return OK;
+}
+
+void Mp4Muxer::startTimestamps(Track* track) {
+    const AVRational tick = track->stream->time_base;
+    const int64_t ticksPerSecond = tick.den / std::max(tick.num, 1);
+    const int frameRate = track->frameRate > 0 ? track->frameRate : kDefaultFrameRate;
+    track->clock = std::make_unique<TrackTimestamps>(ticksPerSecond, track->parameters->frame_size,
+                                                     ticksPerSecond / frameRate);
+}
+
+status_t Mp4Muxer::setCodecConfig(size_t index, const uint8_t* data, size_t size) {
+    Mutex::Autolock lock(mLock);
+    Track& track = mTracks.at(index);
+    if (track.hasSamples || size == 0) return mError;
+    // libavformat takes it over with the track's first sample.
+    return setExtradata(data, size, track.stream->codecpar) ? mError : NO_MEMORY;
+}
+
+status_t Mp4Muxer::writeSample(size_t index, const uint8_t* data, size_t size, int64_t timeUs,
+                               bool isSync) {
+    Mutex::Autolock lock(mLock);
+    if (mError != OK || size == 0) return mError;
+    const bool isFirst = std::none_of(mTracks.begin(), mTracks.end(),
+                                      [](const Track& each) { return each.hasSamples; });
+    if (isFirst && observer() != nullptr) observer()->onFirstSample();
+    Track& track = mTracks.at(index);
+    const TrackTimestamps::Stamp stamp = track.clock->stamp(timeUs);
+    PacketPtr packet(av_packet_alloc());
+    if (packet == nullptr || av_new_packet(packet.get(), static_cast<int>(size)) < 0) {
+        return keep(NO_MEMORY);
+    }
+    memcpy(packet->data, data, size);
+    packet->stream_index = track.stream->index;
+    packet->pts = packet->dts = stamp.ticks;
+    packet->duration = stamp.durationTicks;
+    packet->flags = isSync ? AV_PKT_FLAG_KEY : 0;
+    // Samples of one track stay in order where their timestamps do not rise.
+    track.lastTimeUs = track.hasSamples ? std::max(timeUs, track.lastTimeUs) : timeUs;
+    track.hasSamples = true;
+    const int64_t durationUs =
+        av_rescale_q(stamp.durationTicks, track.stream->time_base, {1, 1000000});
+    mInterleaver->push({index, std::move(packet), track.lastTimeUs, track.lastTimeUs + durationUs});
+    return writeSettled();
+}
+
+status_t Mp4Muxer::endTrack(size_t index) {
+    Mutex::Autolock lock(mLock);
+    const Track& track = mTracks.at(index);
+    if (mInterleaver == nullptr || !hasAllSamples(track)) return mError;
+    const PacketInterleaver::Held* last = mInterleaver->last(index);
+    std::optional<int64_t> endUs;
+    if (last != nullptr && isVideo(*track.parameters) && mSession != nullptr) {
+        endUs = mSession->videoEndUs(last->timeUs);
+    }
+    const bool isKnown = endUs && *endUs > last->timeUs;
+    endAt(index, isKnown ? *endUs : last == nullptr ? 0 : last->endUs);
+    if (isKnown && observer() != nullptr) observer()->onVideoEnd(*endUs);
+    return writeSettled();
+}
+
+bool Mp4Muxer::hasAllSamples(const Track& track) const {
+    return mSession == nullptr || mSession->isComplete(isVideo(*track.parameters));
+}
+
+// Audio samples are as long as their codec makes them; only a video frame is as long as it is
+// shown.
+void Mp4Muxer::endAt(size_t index, int64_t endUs) {
+    const Track& track = mTracks[index];
+    const PacketInterleaver::Held* last = mInterleaver->last(index);
+    if (last != nullptr && isVideo(*track.parameters)) {
+        AVPacket& packet = *last->packet;
+        packet.duration = std::max<int64_t>(track.clock->ticksAt(endUs) - packet.dts, 1);
+    }
+    mInterleaver->end(index, endUs);
+}
+
+void Mp4Muxer::cutStoppedTracks() {
+    mInterleaver->cutAt(mInterleaver->commonEndUs());
+    for (size_t i = 0; i < mTracks.size(); ++i) {
+        const PacketInterleaver::Held* last = mInterleaver->last(i);
+        endAt(i, last == nullptr ? 0 : last->endUs);
+    }
+}
+
+status_t Mp4Muxer::writeSettled() {
+    while (mError == OK) {
+        const std::optional<PacketInterleaver::Held> next = mInterleaver->pop();
+        if (!next) break;
+        keep(av_write_frame(mContext.get(), next->packet.get()));
+    }
+    return mError;
+}
+
+status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
+    Mutex::Autolock lock(mLock);
+    if (mInterleaver != nullptr) {
+        cutStoppedTracks();
+        writeSettled();
+    }
+    if (mHasHeader) {
+        keep(av_write_trailer(mContext.get()));
+        mHasHeader = false;
+        // When the movie box was put first, the position is behind that one.
+        AVIOContext* const io = mIo->context();
+        avio_seek(io, avio_size(io), SEEK_SET);
+        avio_write(io, boxes.data(), static_cast<int>(boxes.size()));
+    }
+    avio_flush(mIo->context());
+    keep(mOutput->finish());
+    return mError;
+}
+
+// libavformat reads the samples back to put the movie box in front of them.
+int Mp4Muxer::openWritten(AVFormatContext* context, AVIOContext** io, const char*, int flags,
+                          AVDictionary**) {
+    auto* self = static_cast<Mp4Muxer*>(context->opaque);
+    if ((flags & AVIO_FLAG_WRITE) != 0 || !self->mOutput->makeReadable()) return AVERROR(EACCES);
+    avio_flush(self->mIo->context());
+    self->mReadBack = AvioFile::forReading(self->mOutput, kIoBufferBytes);
+    if (self->mReadBack == nullptr) return AVERROR(ENOMEM);
+    *io = self->mReadBack->context();
+    return 0;
+}
+
+int Mp4Muxer::closeWritten(AVFormatContext* context, AVIOContext*) {
+    static_cast<Mp4Muxer*>(context->opaque)->mReadBack.reset();
+    return 0;
+}
+
+// FFmpeg's errors are -errno, or codes of its own that mean nothing outside.
+status_t Mp4Muxer::keep(int result) {
+    if (result >= 0 || mError != OK) return mError;
+    mError = result > -4096 ? result : ERROR_MALFORMED;
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "writing fails: %d", mError);
+    if (observer() != nullptr && result > -4096) observer()->onWriteError(-result);
+    return mError;
+}
+
+}  // namespace qmmediaeditor
+}  // namespace android
