@@ -30,7 +30,7 @@ protected:
 
     void log(const char* tag, const char* text) {
         const auto event = parseLogMessage(tag, text);
-        statistics.add(tag, text, event ? &*event : nullptr);
+        statistics.add(text, event ? &*event : nullptr);
     }
 
     std::string fault() const {

@@ -19,13 +19,15 @@ constexpr int64_t kMaxUs = 10000000;
 }  // namespace
 
 Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& periods,
-                      const sp<AMessage>& outputFormat, RunMonitor* monitor) {
+                      const sp<AMessage>& outputFormat, RunMonitor* monitor,
+                      RunObserver* observer) {
     const int memory = memfd_create("qmtranscode-plan", MFD_CLOEXEC);
     const int output = memory < 0 ? -1 : fcntl(memory, F_DUPFD_CLOEXEC, 0);
     if (output < 0) return Failure{kExitFailed, "memory for the dry run", strerror(errno)};
 
     const int64_t startUs = nowUs();
     monitor->begin(periods, nullptr);
+    observer->begin(nullptr);
     int32_t status;
     {
         Session session({input.fd(), output, periods, outputFormat,
@@ -41,7 +43,9 @@ Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& peri
         status = session.run();
     }
     DryRun result;
-    result.statistics = monitor->end();
+    monitor->end();
+    result.video = observer->video();
+    result.audio = observer->audio();
     result.wallSeconds = secondsOf(nowUs() - startUs);
     result.output = readOutput(memory);
     close(memory);

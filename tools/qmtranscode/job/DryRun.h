@@ -13,7 +13,8 @@
 namespace android::qmmediaeditor::cli {
 
 struct DryRun {
-    RunStatistics statistics;
+    TrackCodecs video;
+    TrackCodecs audio;
     // Nothing when the time was too short for the first samples.
     std::optional<OutputContents> output;
     double wallSeconds = 0;
@@ -22,6 +23,6 @@ struct DryRun {
 // Runs for two seconds: less when the work is done earlier, and up to ten until each track has
 // reached the writer. A failure if the request cannot be carried out.
 Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& periods,
-                      const sp<AMessage>& outputFormat, RunMonitor* monitor);
+                      const sp<AMessage>& outputFormat, RunMonitor* monitor, RunObserver* observer);
 
 }  // namespace android::qmmediaeditor::cli

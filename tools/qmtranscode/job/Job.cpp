@@ -50,7 +50,7 @@ std::optional<Failure> Job::prepare() {
 }
 
 std::optional<Failure> Job::plan() {
-    const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor);
+    const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor, mObserver);
     if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
     return writeReceipt(planJson(mOptions, mInput, mPeriods, std::get<DryRun>(result)));
 }
@@ -141,10 +141,10 @@ void Job::printMissing(const char* type, const char* reason) const {
 std::optional<Failure> Job::checkTracks(const OutputContents& output) const {
     const bool lacksVideo = mInput.media().video && !output.video;
     const bool lacksAudio = mInput.media().audio && !output.audio;
-    if (lacksVideo && mStatistics.damagedVideo > 0) {
+    if (lacksVideo && mObserver->video().skippedPackets > 0) {
         return Failure{kExitUnusable, mInput.path(), "no frame of its video could be decoded"};
     }
-    if (lacksAudio && mStatistics.damagedAudio > 0) {
+    if (lacksAudio && mObserver->audio().skippedPackets > 0) {
         return Failure{kExitUnusable, mInput.path(), "nothing of its audio could be decoded"};
     }
     if (lacksVideo) {
@@ -165,6 +165,8 @@ Receipt Job::makeReceipt() const {
     receipt.asked = mOptions.periods;
     receipt.inputUs = mInput.media().durationUs();
     receipt.statistics = mStatistics;
+    receipt.video = mObserver->video();
+    receipt.audio = mObserver->audio();
     receipt.wallSeconds = mWallSeconds;
     receipt.contents = readOutput(mOutput.fd());
     return receipt;

@@ -33,7 +33,7 @@ void RunMonitor::onMessage(const LogMessage& message) {
     Mutex::Autolock lock(mLock);
     if (!mIsRunning) return;
     const size_t before = mStatistics.periodsStarted();
-    mStatistics.add(message.tag, message.text, event ? &*event : nullptr);
+    mStatistics.add(message.text, event ? &*event : nullptr);
     if (mSink != nullptr && before > 0 && mStatistics.periodsStarted() > before) {
         mSink->onEvent(message.thread, "cut", message.timeUs);
     }

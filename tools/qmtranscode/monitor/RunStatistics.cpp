@@ -1,7 +1,7 @@
 #include <qmtranscode/monitor/RunStatistics.h>
-#include <stdlib.h>
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 #include <utility>
 
@@ -9,10 +9,18 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// The text after the prefix, or nothing without the prefix.
-std::optional<std::string> afterPrefix(std::string_view text, std::string_view prefix) {
-    if (text.substr(0, prefix.size()) != prefix) return std::nullopt;
-    return std::string(text.substr(prefix.size()));
+// Begins the message with the format of the decoded audio, as AMessage::debugString writes it.
+constexpr std::string_view kPcmFormat = "TAudioSource decoderoutput: ";
+
+// The number with this name in such a format; 0 when it is not there.
+int64_t formatNumber(std::string_view format, const std::string& name) {
+    // The line break, because another name may end in the same way.
+    const std::string key = "\n  " + name + " = int32 ";
+    const size_t at = format.find(key);
+    if (at == std::string_view::npos) return 0;
+    int64_t number = 0;
+    std::from_chars(format.data() + at + key.size(), format.data() + format.size(), number);
+    return number;
 }
 
 }  // namespace
@@ -31,53 +39,17 @@ RunStatistics::RunStatistics(const std::vector<TrimPeriod>& kept) {
     periods.back().endUs = std::numeric_limits<int64_t>::max();
 }
 
-void RunStatistics::add(std::string_view tag, std::string_view message, const LogEvent* event) {
-    if (event == nullptr) {
-        addOther(tag, message);
-        return;
+void RunStatistics::add(std::string_view message, const LogEvent* event) {
+    if (event != nullptr) {
+        const LogPattern& pattern = *event->pattern;
+        if (pattern.stage == Stage::kVideoDecoded) ++framesDecoded;
+        if (pattern.change == QueueChange::kDropped) ++periodAt(event->second).dropped;
+        if (pattern.stage == Stage::kAudioDecoded) addAudio(event->first, event->second);
+    } else if (message.substr(0, kPcmFormat.size()) == kPcmFormat) {
+        mAudioBytesPerSecond = formatNumber(message, "sample-rate") *
+                               formatNumber(message, "channel-count") *
+                               formatNumber(message, "bits-per-sample") / 8;
     }
-    const LogPattern& pattern = *event->pattern;
-    if (pattern.stage == Stage::kVideoDecoded) ++framesDecoded;
-    if (pattern.change == QueueChange::kDropped) ++periodAt(event->second).dropped;
-    if (pattern.stage == Stage::kAudioDecoded) addAudio(event->first, event->second);
-}
-
-void RunStatistics::addOther(std::string_view tag, std::string_view message) {
-    const std::pair<const char*, std::string*> codecs[] = {
-        {"decodes video with ", &videoDecoder},
-        {"decodes audio with ", &audioDecoder},
-        {"encodes video with ", &videoEncoder},
-        {"encodes audio with ", &audioEncoder},
-    };
-    for (const auto& [prefix, name] : codecs) {
-        if (const auto rest = afterPrefix(message, prefix)) {
-            *name = *rest;
-            return;
-        }
-    }
-    if (const auto format = afterPrefix(message, "Encoder : ")) {
-        (tag == "VideoEncoderThread" ? videoFormat : audioFormat) = *format;
-    } else if (const auto pcm = afterPrefix(message, "TAudioSource decoderoutput: ")) {
-        mAudioBytesPerSecond = formatNumber(*pcm, "sample-rate") *
-                               formatNumber(*pcm, "channel-count") *
-                               formatNumber(*pcm, "bits-per-sample") / 8;
-    } else if (message.find("damaged samples were skipped") != std::string_view::npos) {
-        const size_t colon = message.find(": ");
-        if (colon == std::string_view::npos) return;
-        const bool isVideo = message.substr(0, colon) == videoDecoder;
-        const std::string count(message.substr(colon + 2));
-        (isVideo ? damagedVideo : damagedAudio) += strtoll(count.c_str(), nullptr, 10);
-    }
-}
-
-int64_t formatNumber(const std::string& format, const std::string& name) {
-    for (const char* type : {" = int32 ", " = float "}) {
-        // The line break, because another name may end in the same way.
-        const std::string key = "\n  " + name + type;
-        const size_t at = format.find(key);
-        if (at != std::string::npos) return strtoll(&format[at + key.size()], nullptr, 10);
-    }
-    return 0;
 }
 
 int64_t RunStatistics::dropped() const {
@@ -125,6 +97,24 @@ void RunObserver::onRefused(const std::string& reason) {
     if (!mRefusal) mRefusal = reason;
 }
 
+void RunObserver::onDecoderOpened(bool isVideo, const std::string& name) {
+    Mutex::Autolock lock(mLock);
+    (isVideo ? mVideo : mAudio).decoder = name;
+}
+
+void RunObserver::onEncoderOpened(bool isVideo, const std::string& name,
+                                  const sp<AMessage>& format) {
+    Mutex::Autolock lock(mLock);
+    TrackCodecs& track = isVideo ? mVideo : mAudio;
+    track.encoder = name;
+    track.format = format;
+}
+
+void RunObserver::onPacketSkipped(bool isVideo) {
+    Mutex::Autolock lock(mLock);
+    ++(isVideo ? mVideo : mAudio).skippedPackets;
+}
+
 void RunObserver::onFirstSample() {
     Mutex::Autolock lock(mLock);
     if (mOnFirstSample) mOnFirstSample();
@@ -165,9 +155,21 @@ void RunObserver::begin(std::function<void()> onFirstSample) {
     Mutex::Autolock lock(mLock);
     mOnFirstSample = std::move(onFirstSample);
     mWriteError.reset();
+    mVideo = {};
+    mAudio = {};
     mFramesUs.clear();
     mAudioSamples = 0;
     mVideoEndUs.reset();
+}
+
+TrackCodecs RunObserver::video() const {
+    Mutex::Autolock lock(mLock);
+    return mVideo;
+}
+
+TrackCodecs RunObserver::audio() const {
+    Mutex::Autolock lock(mLock);
+    return mAudio;
 }
 
 std::vector<int64_t> RunObserver::framesUs() const {

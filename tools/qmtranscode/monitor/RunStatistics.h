@@ -35,7 +35,7 @@ struct RunStatistics {
     explicit RunStatistics(const std::vector<TrimPeriod>& periods);
 
     // `event` is null for a message that is not one.
-    void add(std::string_view tag, std::string_view message, const LogEvent* event);
+    void add(std::string_view message, const LogEvent* event);
 
     int64_t dropped() const;
     // The number of periods from which something has been decoded.
@@ -43,18 +43,9 @@ struct RunStatistics {
 
     std::vector<PeriodStatistics> periods;
     int64_t framesDecoded = 0;  // without those outside of the periods
-    // Packets that were skipped because they could not be decoded.
-    int64_t damagedVideo = 0;
-    int64_t damagedAudio = 0;
-    int64_t damaged() const { return damagedVideo + damagedAudio; }
-    // Names of the host's codecs; empty without the track.
-    std::string videoDecoder, audioDecoder, videoEncoder, audioEncoder;
-    // The formats that the encoders were configured with, as AMessage::debugString writes them.
-    std::string videoFormat, audioFormat;
 
 private:
     PeriodStatistics& periodAt(int64_t timeUs);
-    void addOther(std::string_view tag, std::string_view message);
     void addAudio(int64_t bytes, int64_t timeUs);
     int64_t audioLengthUs(int64_t bytes) const;
 
@@ -63,8 +54,15 @@ private:
     size_t mPeriodsStarted = 0;
 };
 
-// The number with this name in a format that was written as text; 0 when it is not there.
-int64_t formatNumber(const std::string& format, const std::string& name);
+// The codecs of a track; names are empty and the format is null without the track.
+struct TrackCodecs {
+    std::string decoder;
+    std::string encoder;
+    // The settings of the encoder, under the platform's keys.
+    sp<AMessage> format;
+    // Packets that could not be decoded.
+    int64_t skippedPackets = 0;
+};
 
 struct ReadError {
     int error = 0;  // errno; ESTALE when the file has become shorter
@@ -77,6 +75,10 @@ public:
     void onReadError(int error, int64_t offsetBytes) override;
     void onWriteError(int error) override;
     void onRefused(const std::string& reason) override;
+    void onDecoderOpened(bool isVideo, const std::string& name) override;
+    void onEncoderOpened(bool isVideo, const std::string& name,
+                         const sp<AMessage>& format) override;
+    void onPacketSkipped(bool isVideo) override;
     void onFirstSample() override;
     void onFrameEncoded(int64_t timeUs) override;
     void onAudioEncoded(int64_t samples, int sampleRate) override;
@@ -93,6 +95,9 @@ public:
     // gets its first sample.
     void begin(std::function<void()> onFirstSample);
 
+    TrackCodecs video() const;
+    TrackCodecs audio() const;
+
     // Timestamps of the frames that the video encoder has accepted, in microseconds of the output.
     std::vector<int64_t> framesUs() const;
     // Length of the audio that the audio encoder has accepted.
@@ -106,6 +111,8 @@ private:
     std::optional<ReadError> mReadError GUARDED_BY(mLock);
     std::optional<std::string> mRefusal GUARDED_BY(mLock);
     std::optional<int> mWriteError GUARDED_BY(mLock);
+    TrackCodecs mVideo GUARDED_BY(mLock);
+    TrackCodecs mAudio GUARDED_BY(mLock);
     std::vector<int64_t> mFramesUs GUARDED_BY(mLock);
     int64_t mAudioSamples GUARDED_BY(mLock) = 0;
     int mAudioRate GUARDED_BY(mLock) = 0;

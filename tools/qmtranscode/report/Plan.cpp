@@ -57,37 +57,41 @@ Json wordOf(const std::string& value, bool asked) {
     return {{"value", value}, {"from", asked ? "asked" : "default"}};
 }
 
-std::string mimeIn(const std::string& format) {
-    const std::string key = "mime = string \"";
-    const size_t at = format.find(key);
-    if (at == std::string::npos) return "";
-    const size_t begin = at + key.size();
-    return format.substr(begin, format.find('"', begin) - begin);
+// The encoder's setting, 0 without an encoder.
+int64_t settingOf(const TrackCodecs& codecs, const char* key) {
+    int32_t number = 0;
+    float fraction = 0;
+    if (codecs.format == nullptr || codecs.format->findInt32(key, &number)) return number;
+    return codecs.format->findFloat(key, &fraction) ? static_cast<int64_t>(fraction) : 0;
 }
 
-Json videoOf(const Options& options, const VideoTrack& input, const RunStatistics& statistics) {
-    const std::string& format = statistics.videoFormat;
-    const auto number = [&format](const char* name) { return formatNumber(format, name); };
+std::string codecOf(const TrackCodecs& codecs) {
+    AString mime;
+    if (codecs.format != nullptr) codecs.format->findString("mime", &mime);
+    return codecName(mime.c_str());
+}
+
+Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs& codecs) {
+    const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
     // Width and height are those that are encoded; --size is the size after rotation.
-    return {{"decoder", statistics.videoDecoder},
-            {"encoder", statistics.videoEncoder},
-            {"codec", wordOf(codecName(mimeIn(format)), options.videoCodec.has_value())},
-            {"width", numberOf(number("width"), options.size, input.width)},
-            {"height", numberOf(number("height"), options.size, input.height)},
+    return {{"decoder", codecs.decoder},
+            {"encoder", codecs.encoder},
+            {"codec", wordOf(codecOf(codecs), options.videoCodec.has_value())},
+            {"width", numberOf(setting("width"), options.size, input.width)},
+            {"height", numberOf(setting("height"), options.size, input.height)},
             {"rotation", Json{{"value", input.rotation}, {"from", "input"}}},
-            {"fps", numberOf(number("frame-rate"), options.frameRate, input.frameRate)},
-            {"bitrate", numberOf(number("bitrate"), options.videoBitrate, input.bitrate)}};
+            {"fps", numberOf(setting("frame-rate"), options.frameRate, input.frameRate)},
+            {"bitrate", numberOf(setting("bitrate"), options.videoBitrate, input.bitrate)}};
 }
 
-Json audioOf(const Options& options, const AudioTrack& input, const RunStatistics& statistics) {
-    const std::string& format = statistics.audioFormat;
-    const auto number = [&format](const char* name) { return formatNumber(format, name); };
-    return {{"decoder", statistics.audioDecoder},
-            {"encoder", statistics.audioEncoder},
-            {"codec", wordOf(codecName(mimeIn(format)), options.audioCodec.has_value())},
-            {"sample_rate", numberOf(number("sample-rate"), options.audioRate, input.sampleRate)},
-            {"channels", numberOf(number("channel-count"), options.audioChannels, input.channels)},
-            {"bitrate", numberOf(number("bitrate"), options.audioBitrate, input.bitrate)}};
+Json audioOf(const Options& options, const AudioTrack& input, const TrackCodecs& codecs) {
+    const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
+    return {{"decoder", codecs.decoder},
+            {"encoder", codecs.encoder},
+            {"codec", wordOf(codecOf(codecs), options.audioCodec.has_value())},
+            {"sample_rate", numberOf(setting("sample-rate"), options.audioRate, input.sampleRate)},
+            {"channels", numberOf(setting("channel-count"), options.audioChannels, input.channels)},
+            {"bitrate", numberOf(setting("bitrate"), options.audioBitrate, input.bitrate)}};
 }
 
 Json periodsOf(const Options& options, const JobInput& input,
@@ -144,8 +148,8 @@ std::string planJson(const Options& options, const JobInput& input,
                    {"length", secondsOf(lengthUs)},
                    {"video", nullptr},
                    {"audio", nullptr}};
-    if (media.video) output["video"] = videoOf(options, *media.video, run.statistics);
-    if (media.audio) output["audio"] = audioOf(options, *media.audio, run.statistics);
+    if (media.video) output["video"] = videoOf(options, *media.video, run.video);
+    if (media.audio) output["audio"] = audioOf(options, *media.audio, run.audio);
     Json json = {{"input",
                   {{"file", input.path()},
                    {"bytes", media.sizeBytes},

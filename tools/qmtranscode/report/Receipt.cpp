@@ -50,6 +50,10 @@ double rateOf(const TrackSamples& samples) {
     return static_cast<double>(samples.count - 1) / std::max(secondsOf(*last - *first), 1e-6);
 }
 
+int64_t skippedPackets(const Receipt& receipt) {
+    return receipt.video.skippedPackets + receipt.audio.skippedPackets;
+}
+
 PeriodResult resultOf(const Receipt& receipt, size_t index) {
     // The file rounds timestamps to its timescale, by much less than the distance of two frames.
     constexpr int64_t kRoundingUs = 1000;
@@ -86,14 +90,15 @@ std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
     return results;
 }
 
-Json tracksOf(const OutputContents& contents, const RunStatistics& statistics) {
+Json tracksOf(const Receipt& receipt) {
+    const OutputContents& contents = *receipt.contents;
     Json tracks = Json::array();
     if (contents.video) {
         const VideoTrack& video = *contents.media.video;
         tracks.push_back({{"kind", "video"},
                           {"codec", codecName(video.mime)},
-                          {"decoder", statistics.videoDecoder},
-                          {"encoder", statistics.videoEncoder},
+                          {"decoder", receipt.video.decoder},
+                          {"encoder", receipt.video.encoder},
                           {"width", video.width},
                           {"height", video.height},
                           {"rotation", video.rotation},
@@ -107,8 +112,8 @@ Json tracksOf(const OutputContents& contents, const RunStatistics& statistics) {
         const AudioTrack& audio = *contents.media.audio;
         tracks.push_back({{"kind", "audio"},
                           {"codec", codecName(audio.mime)},
-                          {"decoder", statistics.audioDecoder},
-                          {"encoder", statistics.audioEncoder},
+                          {"decoder", receipt.audio.decoder},
+                          {"encoder", receipt.audio.encoder},
                           {"sample_rate", audio.sampleRate},
                           {"channels", audio.channels},
                           {"frames", contents.audio->count},
@@ -215,9 +220,9 @@ std::string toJson(const Receipt& receipt) {
                  {"input", receipt.input},
                  {"output", receipt.output},
                  {"bytes", contents.media.sizeBytes},
-                 {"tracks", tracksOf(contents, receipt.statistics)},
+                 {"tracks", tracksOf(receipt)},
                  {"periods", periodsOf(receipt)},
-                 {"damaged_samples", receipt.statistics.damaged()},
+                 {"damaged_samples", skippedPackets(receipt)},
                  {"uuid_data", nullptr}};
     if (!contents.media.uuidData.empty()) {
         json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
@@ -248,8 +253,8 @@ std::string toText(const Receipt& receipt) {
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }
-    if (receipt.statistics.damaged() > 0) {
-        text += row("damaged", "{} packets were skipped", receipt.statistics.damaged());
+    if (skippedPackets(receipt) > 0) {
+        text += row("damaged", "{} packets were skipped", skippedPackets(receipt));
     }
     if (!contents.media.uuidData.empty()) {
         text += row("uuid", "{} bytes", contents.media.uuidData.size()) +

@@ -35,6 +35,8 @@ struct Receipt {
     // The length of the input, 0 if unknown.
     int64_t inputUs = 0;
     RunStatistics statistics;
+    TrackCodecs video;
+    TrackCodecs audio;
     // Of the output; nothing when nothing was written.
     std::optional<OutputContents> contents;
     double wallSeconds = 0;
