@@ -102,7 +102,7 @@ TEST(Request, unknownRates_areEstimatedWithinBounds) {
     EXPECT_EQ(128000, valueOf(formatFor(options, clip), "audio-bitrate"));
     clip.sizeBytes = 5000000000;
     EXPECT_EQ(12000000, valueOf(formatFor(options, clip), "video-bitrate"));
-    // Less than a whole second to divide by.
+    // Shorter than a second.
     clip.video->durationUs = clip.audio->durationUs = 900000;
     EXPECT_EQ(12000000, valueOf(formatFor(options, clip), "video-bitrate"));
     clip.audio->bitrate = 1536000;

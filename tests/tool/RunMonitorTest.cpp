@@ -3,7 +3,7 @@
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <unistd.h>
 
-#include <thread>
+#include <future>
 
 namespace android::qmmediaeditor::cli {
 namespace {
@@ -113,7 +113,8 @@ std::string readUntil(int fd, const std::string& end) {
     return text;
 }
 
-TEST(StallDetector, aStalledRun_isDescribedOnce) {
+// A detector that repeated itself would print the first stall many times before the second one.
+TEST(StallDetector, eachStall_isDescribedOnce) {
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     const int before = dup(STDERR_FILENO);
@@ -125,15 +126,42 @@ TEST(StallDetector, aStalledRun_isDescribedOnce) {
         monitor.onMessage({0, "TVideoSource", "waiting @ read()", nowUs(), kEncoder});
         const StallDetector detector(&monitor, std::chrono::milliseconds(20));
         text = readUntil(ends[0], "video written: last ");
-        // Long enough to print it again.
-        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        monitor.onMessage({0, "AudioEncoderThread", "Call threadLoop start", nowUs(), kSession});
+        text += readUntil(ends[0], "audio encoder output");
     }
     fputs("END", stderr);
     text += readUntil(ends[0], "END");
     dup2(before, STDERR_FILENO);
     for (int fd : {ends[0], ends[1], before}) close(fd);
     EXPECT_THAT(text, HasSubstr("video writer            waits for encoded video"));
-    EXPECT_EQ(text.find("no progress for "), text.rfind("no progress for "));
+    size_t headlines = 0;
+    for (size_t at = 0; (at = text.find("no progress for ", at)) != std::string::npos; ++at) {
+        ++headlines;
+    }
+    EXPECT_EQ(2U, headlines) << text;
+}
+
+TEST(Timer, calls_repeatUntilTheFunctionEndsThem) {
+    std::promise<void> ended;
+    int calls = 0;
+    const Timer timer(Timer::Delay(1), [&]() -> std::optional<Timer::Delay> {
+        if (++calls < 3) return Timer::Delay(1);
+        ended.set_value();
+        return std::nullopt;
+    });
+    ended.get_future().wait();
+    EXPECT_EQ(3, calls);
+}
+
+TEST(Timer, destruction_endsTheDelay) {
+    bool called = false;
+    {
+        const Timer timer(std::chrono::hours(1), [&]() -> std::optional<Timer::Delay> {
+            called = true;
+            return std::nullopt;
+        });
+    }
+    EXPECT_FALSE(called);
 }
 
 }  // namespace

@@ -19,8 +19,8 @@ using namespace android::qmmediaeditor;
 
 namespace {
 
-// A file that is opened later would take the place of a stream that the caller has closed, and
-// messages would go into it.
+// A file that is opened later could otherwise get the descriptor of a stream that the caller has
+// closed, and messages would be written into it.
 void openClosedStreams() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
@@ -47,8 +47,8 @@ cli::SharedState* makeSharedState() {
 
 int run(int argc, char** argv) {
     openClosedStreams();
-    // A closed pipe and a file that grew too large are results of a write, not reasons to die with
-    // a temporary file left behind.
+    // Writing to a closed pipe or beyond the file size limit then fails with an error; a signal
+    // would end the process and leave a temporary file.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
 
@@ -74,7 +74,7 @@ int run(int argc, char** argv) {
         pipe2(libraryOutput, O_CLOEXEC) != 0) {
         return cannotStart();
     }
-    shared->columns = cli::console::width();
+    shared->columns = cli::console::terminalColumns();
     const pid_t parent = getpid();
     const pid_t worker = fork();
     if (worker < 0) return cannotStart();

@@ -1,11 +1,9 @@
 #include <locale.h>
 #include <qmtranscode/cli/Console.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
-#include <utils/Mutex.h>
 #include <wchar.h>
 
 #include <algorithm>
@@ -15,23 +13,16 @@ namespace android::qmmediaeditor::cli::console {
 
 namespace {
 
-Mutex gLock;
-std::string gBar GUARDED_BY(gLock);
-// Both null outside of a worker.
+// Both null in the parent.
 const WorkerLink* gLink = nullptr;
 const std::atomic<int>* gColumns = nullptr;
-
-void write(const std::string& text) {
-    fwrite(text.data(), 1, text.size(), stderr);
-    fflush(stderr);
-}
 
 struct Character {
     char32_t code;
     size_t bytes;
 };
 
-// The character at the start of `text`, in UTF-8 as RFC 3629 limits it; 0 bytes if there is none.
+// The first character of `text` in UTF-8 (RFC 3629); 0 bytes if there is none.
 Character firstCharacter(std::string_view text) {
     const auto lead = static_cast<unsigned char>(text[0]);
     if (lead < 0x80) return {lead, 1};
@@ -45,15 +36,15 @@ Character firstCharacter(std::string_view text) {
         if ((byte & 0xC0) != 0x80) return {0, 0};
         code = code << 6 | (byte & 0x3F);
     }
-    // Below the smallest code of its length, an encoding is too long.
-    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    // Codes below the minimum of their length are overlong encodings.
+    constexpr char32_t kMinCodes[] = {0, 0, 0x80, 0x800, 0x10000};
     const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
-    if (code < kSmallest[bytes] || code > 0x10FFFF || isSurrogate) return {0, 0};
+    if (code < kMinCodes[bytes] || code > 0x10FFFF || isSurrogate) return {0, 0};
     return {code, bytes};
 }
 
-// Whether a terminal may act on the character, or show the text around it in another order.
-bool steersTerminal(char32_t code) {
+// Whether a terminal may interpret the character or reorder the text around it.
+bool controlsTerminal(char32_t code) {
     return code < 0x20 || (code >= 0x7F && code <= 0x9F) || code == 0x2028 || code == 0x2029 ||
            (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
 }
@@ -68,56 +59,34 @@ void useLink(const WorkerLink* link, const std::atomic<int>* columns) {
 void printLine(const std::string& text) {
     if (gLink != nullptr) {
         gLink->send(Message::kLine, text);
-        return;
+    } else {
+        // Nobody can be told when standard error fails.
+        static_cast<void>(writeAll(STDERR_FILENO, printable(text, LineBreaks::kKeep) + '\n'));
     }
-    const std::string shown = printable(text, LineBreaks::kKeep);
-    Mutex::Autolock lock(gLock);
-    write(gBar.empty() ? shown + '\n' : kEraseLine + shown + '\n' + gBar);
 }
 
 int printOutput(const std::string& text) {
-    removeBar();
     if (writeAll(STDOUT_FILENO, printable(text, LineBreaks::kKeep)) != 0) return -1;
     return checkByClosing(STDOUT_FILENO);
 }
 
 void printFailure(const Failure& failure) {
-    removeBar();
-    std::string line = "qmtranscode: ";
-    if (!failure.subject.empty()) line += failure.subject + ": ";
-    printLine(printable(line + failure.reason));
+    printLine(printable("qmtranscode: " + failure.text()));
 }
 
-void drawBar(const std::string& bar) {
-    if (gLink != nullptr) {
-        gLink->send(Message::kBar, bar);
-        return;
-    }
-    Mutex::Autolock lock(gLock);
-    gBar = bar;
-    write(kEraseLine + bar);
-}
+void drawBar(const std::string& bar) { gLink->send(Message::kBar, bar); }
 
-void removeBar() {
-    if (gLink != nullptr) {
-        gLink->send(Message::kRemoveBar);
-        return;
-    }
-    Mutex::Autolock lock(gLock);
-    if (gBar.empty()) return;
-    gBar.clear();
-    write(kEraseLine);
+void removeBar() { gLink->send(Message::kRemoveBar); }
+
+int terminalColumns() {
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 int width() {
     constexpr int kDefaultColumns = 80;
-    if (gColumns != nullptr) {
-        const int columns = *gColumns;
-        return columns > 0 ? columns : kDefaultColumns;
-    }
-    winsize size{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kDefaultColumns;
-    return size.ws_col;
+    const int columns = *gColumns;
+    return columns > 0 ? columns : kDefaultColumns;
 }
 
 size_t makePrintable(char* text, size_t size, LineBreaks breaks) {
@@ -126,7 +95,7 @@ size_t makePrintable(char* text, size_t size, LineBreaks breaks) {
     while (!rest.empty()) {
         const Character character = firstCharacter(rest);
         const bool isKept = character.code == '\n' && breaks == LineBreaks::kKeep;
-        if (character.bytes == 0 || (steersTerminal(character.code) && !isKept)) {
+        if (character.bytes == 0 || (controlsTerminal(character.code) && !isKept)) {
             text[done++] = '?';
         } else {
             memmove(text + done, rest.data(), character.bytes);
@@ -144,7 +113,7 @@ std::string printable(const std::string& text, LineBreaks breaks) {
 }
 
 int columnsOf(const std::string& text) {
-    // Names are UTF-8 whatever the user's language is.
+    // File names are taken as UTF-8, independently of the user's locale.
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     const locale_t before = uselocale(utf8);
     mbstate_t state{};
@@ -162,9 +131,9 @@ int columnsOf(const std::string& text) {
 }
 
 std::string green(const std::string& text) {
-    const char* const refused = getenv("NO_COLOR");
+    const char* const noColor = getenv("NO_COLOR");
     const char* const terminal = getenv("TERM");
-    const bool plain = (refused != nullptr && *refused != '\0') || terminal == nullptr ||
+    const bool plain = (noColor != nullptr && *noColor != '\0') || terminal == nullptr ||
                        strcmp(terminal, "dumb") == 0;
     return plain || text.empty() ? text : kGreenBegin + text + kGreenEnd;
 }

@@ -1,6 +1,6 @@
-// The one way to standard output and standard error, shared by messages, progress and the log: a
-// bar that is being drawn never ends up in the middle of a message, and no text steers a terminal.
-// Any thread may call any operation.
+// Standard output, standard error and the progress bar. In the worker, all text goes to the parent
+// process, which keeps the bar below the messages. No text can control the terminal. Any thread may
+// call any operation.
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
@@ -12,42 +12,44 @@
 
 namespace android::qmmediaeditor::cli::console {
 
-// Back to the first column, and clear to the end of the line.
+// Moves to the first column and clears the line.
 constexpr const char* kEraseLine = "\r\x1b[K";
 
-// From here on everything goes to the parent process, which writes it; `columns` has the width of
-// its terminal. For a worker, before it has other threads.
+// From now on, text goes to the parent process; `columns` is the width of its terminal. To be
+// called by the worker before it has other threads.
 void useLink(const WorkerLink* link, const std::atomic<int>* columns);
 
-// `text`, which may have several lines, and a line break, above the bar.
+// Prints one or more lines on standard error. `text` ends without a line break.
 void printLine(const std::string& text);
 // One line.
 void printFailure(const Failure& failure);
 
-// `text` to standard output, after removing the bar. Returns -1 with errno on error.
+// Prints on standard output. Returns -1 with errno on error.
 int printOutput(const std::string& text);
 
-// Draws `bar` in place of the one before.
+// Shows the bar or replaces it. In the worker only, as removeBar().
 void drawBar(const std::string& bar);
 void removeBar();
 
-// Columns of the terminal, or 80.
+// The width of the terminal of this process, 0 without a terminal.
+int terminalColumns();
+// The width of the parent's terminal; 80 if it is unknown.
 int width();
 
 enum class LineBreaks { kReplace, kKeep };
 
-// The text with a ? for each control character, for each character that changes the direction of
-// text and for each byte that is not UTF-8.
+// Replaces each control character, each character that changes the direction of text and each byte
+// that is not UTF-8 by a question mark.
 std::string printable(const std::string& text, LineBreaks breaks = LineBreaks::kReplace);
 
-// The same in place; the new size, which is not larger.
+// The same in place. Returns the new size, which is not larger. Does not allocate.
 size_t makePrintable(char* text, size_t size, LineBreaks breaks);
 
-// Columns that a terminal takes for a text in UTF-8.
+// The width of UTF-8 text on a terminal.
 int columnsOf(const std::string& text);
 
-// The text with the marks of a bar's coloured part, unless NO_COLOR is set or the terminal has no
-// colours.
+// Marks the text as the colored part of the bar, unless NO_COLOR is set or the terminal has no
+// colors.
 std::string green(const std::string& text);
 
 }  // namespace android::qmmediaeditor::cli::console

@@ -92,7 +92,7 @@ std::string markdownTable(const std::vector<OptionText>& options) {
     return text;
 }
 
-// Lines of a shell `case` on the word before the one to complete.
+// Branches of a shell `case` on the argument before the one to complete.
 std::string choiceCases(const std::vector<OptionText>& options) {
     std::string text;
     for (const OptionText& option : options) {
@@ -103,7 +103,7 @@ std::string choiceCases(const std::vector<OptionText>& options) {
     return text;
 }
 
-// Names of options, in words of a shell. `separator` stands between them.
+// The names of the options that the filter accepts, with `separator` between them.
 template <typename Filter>
 std::string names(const std::vector<OptionText>& options, const char* separator, Filter filter) {
     std::vector<std::string> result;

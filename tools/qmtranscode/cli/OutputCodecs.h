@@ -14,7 +14,7 @@ enum class FileFormat : int32_t { k3gp = 1, kMp4 = 2 };
 enum class VideoCodec : int32_t { kAvc = 2, kH263 = 1, kMpeg4 = 3 };
 enum class AudioCodec : int32_t { kAac = 3, kAmrNb = 1, kAmrWb = 2 };
 
-// The words that an option takes, each with its meaning.
+// The names that an option accepts, each with its value.
 template <typename T>
 using Choices = std::vector<std::pair<std::string, T>>;
 
@@ -22,7 +22,7 @@ const Choices<FileFormat>& fileFormats();
 const Choices<VideoCodec>& videoCodecs();
 const Choices<AudioCodec>& audioCodecs();
 
-// "avc" for the MIME type of a codec that the command line has a word for; else the MIME type.
+// "avc" for the MIME type of an output codec; for others, the MIME type.
 std::string codecName(const std::string& mime);
 
 struct Size {

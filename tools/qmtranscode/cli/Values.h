@@ -1,4 +1,4 @@
-// The values of options as text. Each parser returns nothing unless it takes the whole text.
+// Parsers of option values. Each returns nothing if a part of the text is invalid.
 #pragma once
 
 #include <TranscodeTypes.h>

@@ -79,7 +79,7 @@ std::string whyNotReplaceable(int directory, const std::string& name) {
 }  // namespace
 
 // In static memory and never freed, because removeNow() may read it on another thread while a
-// PendingFile goes away.
+// PendingFile is destroyed.
 struct PendingFile::HiddenName {
     std::atomic<bool> taken{false};
     // Written after the other two, which are valid while it is true.

@@ -2,7 +2,7 @@
 // each stage made progress. It finds out what a stalled run waits for.
 //
 // A thread logs what it does next, and does that until its next message. The end of a wait has no
-// message: there, the other side of the queue tells.
+// message; it is derived from messages of the other side of the queue.
 #pragma once
 
 #include <qmtranscode/monitor/LogEvent.h>

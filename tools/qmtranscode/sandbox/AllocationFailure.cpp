@@ -35,9 +35,8 @@ void* checked(void* memory) {
     return memory;
 }
 
-// The function of a name that would be called if this file did not define it: that of a preloaded
-// library, or the C library's. It is looked up by the first call, when the loader's thread is the
-// only one.
+// The function that would be called if this file did not define one of the same name: a preloaded
+// library's, or the C library's. The first call looks it up; at that time there is one thread.
 template <typename Result, typename... Arguments>
 class Next {
 public:
@@ -69,7 +68,7 @@ Next<int, void**, size_t, size_t> gPosixMemalign("posix_memalign");
 
 }  // namespace
 
-// Only the result is looked at; the memory is the C library's, and so is free().
+// These only check the result. The memory is the C library's, whose free() releases it.
 extern "C" {
 
 void* malloc(size_t size) { return checked(gMalloc(size)); }
@@ -78,7 +77,7 @@ void* calloc(size_t count, size_t size) { return checked(gCalloc(count, size)); 
 
 void* realloc(void* memory, size_t size) {
     void* const moved = gRealloc(memory, size);
-    // Without a size it releases the memory.
+    // With a size of 0, realloc() frees the memory and may return null.
     return size == 0 ? moved : checked(moved);
 }
 

@@ -1,11 +1,11 @@
-// What the command's worker does when memory runs out.
+// Ends the worker when an allocation fails.
 #pragma once
 
 namespace android::qmmediaeditor::cli {
 
-// From now on `end` is called when an allocation of any library fails, on the thread that asked for
-// memory. It does not return and allocates nothing. Libraries do not always report such a failure:
-// FFmpeg's parsers drop bytes, and the output would lack frames without a word.
+// From now on, `end` is called when an allocation of any library fails, on the thread that made it.
+// `end` does not return and does not allocate. It is needed because libraries do not always report
+// such a failure: FFmpeg's parsers drop bytes, and frames would be missing in the output silently.
 //
 // Does nothing in sanitizer builds, whose run-time library has its own allocator.
 void endOnFailedAllocation(void (*end)());

@@ -23,7 +23,7 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// Rights that are newer than the header.
+// Rights that Debian's header does not define yet.
 constexpr uint64_t kRefer = UINT64_C(1) << 13;        // ABI 2
 constexpr uint64_t kTruncate = UINT64_C(1) << 14;     // ABI 3
 constexpr uint64_t kIoctlDevice = UINT64_C(1) << 15;  // ABI 5
@@ -31,7 +31,7 @@ constexpr uint64_t kIoctlDevice = UINT64_C(1) << 15;  // ABI 5
 constexpr uint64_t kReadLibraries =
     LANDLOCK_ACCESS_FS_EXECUTE | LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
 
-// All rights that this ABI of Landlock knows, to be taken away where no rule gives them.
+// All rights of this Landlock ABI. They are denied except where a rule allows them.
 uint64_t fileRights(long abi) {
     uint64_t rights = (UINT64_C(1) << 13) - 1;
     if (abi >= 2) rights |= kRefer;
@@ -41,13 +41,13 @@ uint64_t fileRights(long abi) {
 }
 
 void allowReading(int ruleset, const char* path) {
-    const int folder = open(path, O_PATH | O_CLOEXEC);
-    if (folder < 0) return;
+    const int directory = open(path, O_PATH | O_CLOEXEC);
+    if (directory < 0) return;
     landlock_path_beneath_attr rule{};
     rule.allowed_access = kReadLibraries;
-    rule.parent_fd = folder;
+    rule.parent_fd = directory;
     syscall(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
-    close(folder);
+    close(directory);
 }
 
 void restrictFiles() {
@@ -82,7 +82,7 @@ void dropCapabilities() {
 }
 
 #ifndef QM_SANITIZED
-// Memory, threads, clocks, signals to itself, and what can be done with an open descriptor.
+// Memory, threads, clocks, signals to itself, and operations on open descriptors.
 constexpr int kAllowed[] = {
     SCMP_SYS(access),
     SCMP_SYS(arch_prctl),
@@ -182,15 +182,16 @@ constexpr int kAllowed[] = {
     SCMP_SYS(writev),
 };
 
-// False when memory is short.
+// False when memory is exhausted.
 bool restrictCalls() {
     const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ERRNO(EPERM));
     if (filter == nullptr) return false;
-    // Other errors than this one mean that a call of the list does not exist on this machine.
+    // Other errors mean that the system call does not exist on this architecture.
     bool hasMemory = true;
     const auto check = [&hasMemory](int result) { hasMemory = hasMemory && result != -ENOMEM; };
     for (const int call : kAllowed) check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0));
-    // The C library falls back to clone, whose flags can be seen: threads, no processes.
+    // The C library then falls back to clone, whose flags a filter can read: threads are allowed,
+    // processes are not.
     check(seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0));
     constexpr uint64_t kThread = 0x00010000;
     check(seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(clone), 1,

@@ -1,13 +1,12 @@
-// Takes away the rights that a process which decodes untrusted files does not need.
+// Removes the rights that a process which decodes untrusted files does not need.
 #pragma once
 
 namespace android::qmmediaeditor::cli {
 
-// From here on this process opens no files but libraries, of the system's library folders and for
-// reading alone, makes no sockets and no processes, and has no capabilities. What it has open stays
-// open. What the kernel does not offer is left out: Landlock for files, seccomp for system calls.
-// To be called before the process has other threads. False when memory is
-// short.
+// After this call, the process can open nothing but libraries in the system's library directories,
+// for reading; it cannot create sockets or processes, and it has no capabilities. Open descriptors
+// stay open. Landlock (files) and seccomp (system calls) are left out if the kernel does not
+// support them. To be called before the process has other threads. False when memory is exhausted.
 bool enterSandbox();
 
 }  // namespace android::qmmediaeditor::cli

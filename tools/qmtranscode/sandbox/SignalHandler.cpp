@@ -49,9 +49,9 @@ SignalHandler::~SignalHandler() {
     if (mFd >= 0) close(mFd);
 }
 
-SignalAction SignalHandler::take() {
+SignalAction SignalHandler::read() {
     signalfd_siginfo signal{};
-    if (read(mFd, &signal, sizeof(signal)) != sizeof(signal)) return SignalAction::kNone;
+    if (::read(mFd, &signal, sizeof(signal)) != sizeof(signal)) return SignalAction::kNone;
     switch (signal.ssi_signo) {
         case SIGCHLD:
             return SignalAction::kChildEnded;

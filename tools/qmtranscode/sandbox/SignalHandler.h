@@ -1,4 +1,4 @@
-// The signals of the command, taken from a descriptor by the parent process.
+// Reads the command's signals from a descriptor, in the parent process.
 #pragma once
 
 #include <stdint.h>
@@ -27,8 +27,8 @@ public:
     int fd() const { return mFd; }
     // errno of that failure.
     int error() const { return mError; }
-    // Takes one signal.
-    SignalAction take();
+    // Reads one signal.
+    SignalAction read();
     // For a SIGXCPU that the kernel has sent to the worker.
     SignalAction onCpuLimit();
 

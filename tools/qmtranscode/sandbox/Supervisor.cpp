@@ -6,7 +6,6 @@
 #include <qmtranscode/report/Receipt.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,12 +21,6 @@ namespace {
 constexpr int64_t kPrintStateUs = 1000000;
 // How long the last line of a stopped command waits for a blocked terminal.
 constexpr int kLastLineMs = 100;
-
-int terminalColumns() {
-    winsize size{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) return 0;
-    return size.ws_col;
-}
 
 const char* textOf(WorkerStage stage) {
     switch (stage) {
@@ -139,7 +132,7 @@ void Supervisor::step() {
         return;
     }
     if (fds[3].revents != 0) mErrors.writeSome();
-    if (fds[0].revents != 0) handleSignal(mSignals.take());
+    if (fds[0].revents != 0) handleSignal(mSignals.read());
     if (fds[1].revents != 0) handleMessage();
     if (fds[2].revents != 0) handleLibraryOutput();
     if (mStateDueUs != 0 && nowUs() >= mStateDueUs) {
@@ -156,7 +149,7 @@ void Supervisor::handleSignal(SignalAction action) {
             reapWorker();
             return;
         case SignalAction::kTerminalResized:
-            mShared->columns = terminalColumns();
+            mShared->columns = console::terminalColumns();
             return;
         case SignalAction::kPrintState:
             mLink.send(Message::kPrintState);
@@ -238,10 +231,10 @@ bool Supervisor::reapWorker() {
     return mHasWorkerEnded;
 }
 
-// Takes a signal while the command waits for a reader, which is all that is left to stop once the
-// worker has ended. After a stop, the remaining waits are short, so that one signal ends them all.
-bool Supervisor::takeStop() {
-    const SignalAction action = mSignals.take();
+// Reads a signal while the command waits to write its last lines, after the worker has ended. After
+// a stop, the remaining waits are short, so that one signal ends them all.
+bool Supervisor::readStopSignal() {
+    const SignalAction action = mSignals.read();
     const bool isStop = action == SignalAction::kStop || action == SignalAction::kStopNow;
     if (isStop) mStopRequested = true;
     return isStop;
@@ -258,7 +251,7 @@ void Supervisor::flush(int timeoutMs) {
         if (ready == 0) return;
         if (fds[0].revents != 0) {
             mErrors.writeSome();
-        } else if (fds[1].revents != 0 && takeStop()) {
+        } else if (fds[1].revents != 0 && readStopSignal()) {
             return;
         }
     }
@@ -397,7 +390,7 @@ bool Supervisor::printAndCheck(std::string_view text) {
             return false;
         }
         if (fds[0].revents == 0) {
-            if (!takeStop()) continue;
+            if (!readStopSignal()) continue;
             errno = EINTR;
             return false;
         }

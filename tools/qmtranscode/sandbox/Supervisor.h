@@ -79,7 +79,7 @@ private:
     int publish();
     bool printReceipt();
     bool printAndCheck(std::string_view text);
-    bool takeStop();
+    bool readStopSignal();
     void flush(int timeoutMs);
 
     const Job mJob;
