@@ -52,7 +52,10 @@ public:
         std::unique_ptr<CodecBackend> backend = encoder ? createEncoder(mime) : createDecoder(mime);
         if (err != nullptr) *err = backend == nullptr ? NAME_NOT_FOUND : OK;
         if (backend == nullptr) return nullptr;
-        if (!encoder) return new HostMediaCodec(looper, std::move(backend));
+        if (!encoder) {
+            return new HostMediaCodec(looper, std::move(backend), nullptr,
+                                      [session = session()] { session->noteLoss(); });
+        }
         const bool isVideo = mime.startsWithIgnoreCase("video/");
         session()->encoderStarted(isVideo);
         return new HostMediaCodec(looper, std::move(backend), [session = session(), isVideo] {

@@ -238,7 +238,13 @@ bool AudioDecoder::prepareResampler() {
                                           static_cast<AVSampleFormat>(mFrame->format),
                                           mFrame->sample_rate, 0, nullptr);
     mResampler.reset(resampler);
-    if (error < 0 || swr_init(resampler) < 0) return false;
+    if (error < 0 || swr_init(resampler) < 0) {
+        if (error == 0 && mObserver != nullptr) {
+            mObserver->onRefused("audio with the channels \"" + std::string(layout) +
+                                 "\" cannot be converted");
+        }
+        return false;
+    }
     mResamplerInput = input;
     return true;
 }

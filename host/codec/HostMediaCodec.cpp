@@ -20,8 +20,8 @@ constexpr char kLogTag[] = "Codec";
 }  // namespace
 
 HostMediaCodec::HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
-                               std::function<void()> onEnd)
-    : mLooper(looper), mOnEnd(std::move(onEnd)), mBackend(std::move(backend)) {}
+                               std::function<void()> onEnd, std::function<void()> onLoss)
+    : mLooper(looper), mOnEnd(std::move(onEnd)), mOnLoss(std::move(onLoss)), mBackend(std::move(backend)) {}
 
 HostMediaCodec::~HostMediaCodec() { release(); }
 
@@ -337,8 +337,7 @@ bool HostMediaCodec::takeStep(CodecBackend::Step step, CodecOutput output) {
             break;
         }
         case CodecBackend::Step::kFailed:
-            fail();
-            return false;
+            return takeFailure();
         case CodecBackend::Step::kNeedsInput:
             break;
     }
@@ -370,10 +369,7 @@ bool HostMediaCodec::feed() {
     mFeedingUs = OutputSequencer::kNever;
     if (mState != State::kStarted) return false;
     if (status == ERROR_UNSUPPORTED) return takeStep(CodecBackend::Step::kRefused, CodecOutput());
-    if (status != OK) {
-        fail();
-        return false;
-    }
+    if (status != OK) return takeFailure();
     publish();
     return true;
 }
@@ -404,7 +400,14 @@ void HostMediaCodec::inputDone(size_t index) {
 
 // The client finds out when it queues its next sample, because a failing output would end the
 // process; without another sample it takes the end of stream.
+bool HostMediaCodec::takeFailure() {
+    if (mOnLoss) return takeStep(CodecBackend::Step::kRefused, CodecOutput());
+    fail();
+    return false;
+}
+
 void HostMediaCodec::refuseInput() {
+    if (mOnLoss) mOnLoss();
     mRefusesInput = true;
     for (const QueuedInput& input : mQueued) mFreeInputs.push_back(input.index);
     mQueued.clear();

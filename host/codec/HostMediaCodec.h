@@ -27,8 +27,12 @@ class HostMediaCodec : public MediaCodec {
 public:
     // `onEnd`, which may be empty, is called when the client takes the end of stream, on its
     // thread.
+    //
+    // `onLoss` makes the codec a decoder of untrusted input, whose client takes a failed dequeue for
+    // a broken invariant: where it cannot go on, it calls `onLoss` on the looper's thread, refuses
+    // further input and ends its output.
     HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
-                   std::function<void()> onEnd = nullptr);
+                   std::function<void()> onEnd = nullptr, std::function<void()> onLoss = nullptr);
 
     status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
                        const sp<ICrypto>& crypto, uint32_t flags) override;
@@ -85,6 +89,7 @@ private:
     void work();
     bool workStep() REQUIRES(mLock);
     bool takeStep(CodecBackend::Step step, CodecOutput output) REQUIRES(mLock);
+    bool takeFailure() REQUIRES(mLock);
     bool feed() REQUIRES(mLock);
     bool workWithoutInput() REQUIRES(mLock);
     // The engine lets an input buffer go.
@@ -122,6 +127,7 @@ private:
 
     const sp<ALooper> mLooper;
     const std::function<void()> mOnEnd;
+    const std::function<void()> mOnLoss;
 
     mutable Mutex mLock;
     Condition mInputFree;

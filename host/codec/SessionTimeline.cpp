@@ -75,5 +75,15 @@ bool SessionTimeline::isComplete(bool isVideo) const {
     return mEncoders[isVideo ? 1 : 0] != Encoder::kStarted;
 }
 
+void SessionTimeline::noteLoss() {
+    Mutex::Autolock lock(mLock);
+    mHasLoss = true;
+}
+
+bool SessionTimeline::hasLoss() const {
+    Mutex::Autolock lock(mLock);
+    return mHasLoss;
+}
+
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -44,6 +44,11 @@ public:
     // Whether every sample of this track has reached the writer.
     bool isComplete(bool isVideo) const;
 
+    // For a decoder that cannot go on: frames or audio of the input are missing from here on.
+    void noteLoss();
+    // For the writer: the output may be valid, but it is not whole.
+    bool hasLoss() const;
+
 private:
     struct Period {
         int64_t startUs;
@@ -58,6 +63,7 @@ private:
     HostObserver* const mObserver;
     mutable Mutex mLock;
     std::vector<Period> mPeriods GUARDED_BY(mLock);  // empty when they are not known
+    bool mHasLoss GUARDED_BY(mLock) = false;
     double mAverageFrameRate GUARDED_BY(mLock) = 0;
     int64_t mContinuesAtUs GUARDED_BY(mLock) = INT64_MIN;
     std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);  // on the input's time line

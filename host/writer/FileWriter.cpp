@@ -58,6 +58,7 @@ private:
     State mState GUARDED_BY(mLock) = State::kIdle;
     std::vector<sp<MediaSource>> mSources GUARDED_BY(mLock);
     std::vector<uint8_t> mUuidBoxes GUARDED_BY(mLock);
+    status_t mStartResult GUARDED_BY(mLock) = OK;
     status_t mResult GUARDED_BY(mLock) = OK;
 
     // Null when the descriptor cannot be written to.
@@ -93,16 +94,16 @@ status_t FileWriter::start(MetaData* params) {
     Mutex::Autolock lock(mLock);
     if (mState != State::kIdle) return INVALID_OPERATION;
     if (mFile == nullptr) return NO_INIT;
-    status_t result = startSources();
-    if (result == OK) {
-        result = begin(params);
-        if (result != OK) {
-            for (const auto& source : mSources) source->stop();
-        }
-    }
-    if (result != OK) return result;
-    startTracks();
+    if (const status_t result = startSources(); result != OK) return result;
     mState = State::kStarted;
+    // Formats come from the input and from the request, and the client takes a writer that does not
+    // start for its own mistake: it hears of an unusable format as it hears of a full disk.
+    mStartResult = begin(params);
+    if (mStartResult == OK) {
+        startTracks();
+    } else {
+        reportError(mStartResult);
+    }
     return OK;
 }
 
@@ -207,7 +208,7 @@ status_t FileWriter::stop() {
         for (const auto& source : mSources) source->stop();
         for (std::thread& thread : mThreads) thread.join();
         mThreads.clear();
-        mResult = mFile->finish(mUuidBoxes);
+        mResult = mStartResult == OK ? mFile->finish(mUuidBoxes) : mStartResult;
     }
     mState = State::kStopped;
     mFile = nullptr;

@@ -290,6 +290,8 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
     }
     avio_flush(mIo->context());
     keep(mOutput->finish());
+    // The session has no other way to hear of a decoder that failed after it took its last input.
+    if (mError == OK && mSession != nullptr && mSession->hasLoss()) return ERROR_MALFORMED;
     return mError;
 }
 

@@ -238,12 +238,25 @@ TEST_F(WriterTest, whatCannotBeWritten_isRefusedAtTheStart) {
     close(ends[0]);
     close(ends[1]);
     EXPECT_NE(OK, createFileWriter(-1, HostOptions())->start(nullptr));
-    open(scratchPath("refused.mp4"));
-    mWriter->addSource(new QueueSource(videoFormat("video/x-unknown", 160, 120)));
-    EXPECT_NE(OK, mWriter->start(nullptr));
-    open(scratchPath("vp8.mp4"));
-    mWriter->addSource(new QueueSource(videoFormat(MEDIA_MIMETYPE_VIDEO_VP8, 160, 120)));
-    EXPECT_NE(OK, mWriter->start(nullptr));
+}
+
+// A client takes a refused start for a mistake of its own, and formats come from the input.
+TEST_F(WriterTest, tracksThatCannotBeWritten_areReportedAsAWriteError) {
+    const std::vector<sp<MetaData>> formats = {
+        videoFormat("video/x-unknown", 160, 120),
+        videoFormat(MEDIA_MIMETYPE_VIDEO_VP8, 160, 120),
+        videoFormat(MEDIA_MIMETYPE_VIDEO_AVC, 0, 0),
+    };
+    for (const sp<MetaData>& format : formats) {
+        open(scratchPath("refused.mp4"));
+        const sp<EventLog> events = new EventLog;
+        mWriter->setListener(events);
+        mWriter->addSource(new QueueSource(format));
+        EXPECT_EQ(OK, mWriter->start(nullptr));
+        EXPECT_EQ(1, events->count());
+        EXPECT_TRUE(mWriter->reachedEOS());
+        EXPECT_NE(OK, mWriter->stop());
+    }
 }
 
 TEST(WriterTypes, thirdGenerationSound_makesA3gpFile_whateverWasAskedFor) {
