@@ -21,9 +21,9 @@ install(TARGETS qmtranscode
 install(TARGETS QmMediaEdit_Transcode QmMediaEdit_Host qm_platform qm_android EXPORT targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT tool NAMELINK_COMPONENT dev)
-install(FILES docs/qmtranscode.1
+install(FILES ${CMAKE_BINARY_DIR}/docs/qmtranscode.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES tools/qmtranscode/completion.bash
+install(FILES ${CMAKE_BINARY_DIR}/docs/completion.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME qmtranscode COMPONENT tool)
 

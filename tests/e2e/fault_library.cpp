@@ -1,11 +1,11 @@
-// To be preloaded: makes calls for files fail.
+// To be preloaded: makes calls fail.
 //
 // QM_FAULT is a list of faults, separated by commas:
 //   pread:7:EIO              the 7th call fails
 //   pread:7+:EIO             the 7th and every later call
 //   pread@65536-131072:EIO   every call that touches these offsets; the second one is excluded
 // The operations are those of kNames. Each includes its 64-bit form, rename includes renameat2,
-// and malloc all functions that give memory.
+// and malloc all functions that allocate.
 // A close that fails closes the descriptor all the same; any other call that fails does nothing.
 //
 // QM_FAULT_FILE restricts calls and counts to the descriptors whose link in /proc, and the names
@@ -16,7 +16,7 @@
 //
 // Calls count from main() on, those of forked children included.
 
-// Both names of a call are to be replaced, and this would make them one.
+// Both forms of a call are replaced, which this macro would make one.
 #undef _FILE_OFFSET_BITS
 
 #include <dlfcn.h>
@@ -74,7 +74,7 @@ const pid_t gProcess = getpid();
 Counts* gCounts = nullptr;
 std::vector<Fault>* gFaults = nullptr;
 
-// A fault that cannot be parsed ends the test, because a fault that never strikes proves nothing.
+// A fault that cannot be parsed ends the test, because a fault that never happens proves nothing.
 [[noreturn]] void refuse(const std::string& text) {
     fprintf(stderr, "QM_FAULT cannot be parsed: %s\n", text.c_str());
     abort();
@@ -166,7 +166,7 @@ static void* find(const char* name) {
     return function;
 }
 
-// The function that this one stands in for.
+// The function that this one replaces.
 #define REAL(function) reinterpret_cast<decltype(&function)>(find(#function))
 
 #define TRANSFER(function, operation, Buffer, Offset)                   \
@@ -220,7 +220,7 @@ void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
-// Not by dlsym(), which takes memory itself.
+// Not by dlsym(), which allocates.
 void* malloc(size_t size) { return passes(kMalloc, true) ? __libc_malloc(size) : nullptr; }
 
 void* calloc(size_t count, size_t size) {

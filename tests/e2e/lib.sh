@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the cases share. Sourced by each script, which ends with: run_case "$@"
+# Functions that the test cases share. Sourced by each script, which ends with: run_case "$@"
 # Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips; FAULT_LIBRARY, for faulty().
 set -euo pipefail
 # Independent of the caller's: ls, wc and numbers follow the locale, and script(1) runs $SHELL.
@@ -36,7 +36,7 @@ as_ordinary_user() {
     fi
 }
 
-# transcode INPUT OUTPUT [OPTIONS]: has to succeed, without a word on standard error.
+# transcode INPUT OUTPUT [OPTIONS]: must succeed and print nothing on standard error.
 transcode() {
     "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || fail "status $? of: $* ($(cat stderr))"
     [[ ! -s stderr ]] || fail "unexpected on standard error: $(cat stderr)"
@@ -57,8 +57,8 @@ expect_refused() {
     rm stdout stderr
 }
 
-# faulty FAULTS TEXT ARGUMENTS…: runs the command with faults in the files whose names contain the text, as
-# fault_library.cpp describes them. What it says is in stdout and stderr, its status in `status`.
+# faulty FAULTS TEXT ARGUMENTS…: runs the command with faults in the files whose names contain the text; see
+# fault_library.cpp. Sets `status`, and leaves the output in stdout and stderr.
 faulty() {
     local faults=$1 text=$2
     shift 2
@@ -69,12 +69,12 @@ faulty() {
         "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || status=$?
 }
 
-# calls OPERATION: how many the last `faulty` command made.
+# calls OPERATION: the number of calls in the last `faulty` command.
 calls() {
     awk -v operation="$1" '$1 == operation { print $2 }' calls
 }
 
-# How many calls of the last `faulty` command failed.
+# The number of failed calls in the last `faulty` command.
 failed_calls() {
     awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' calls
 }
@@ -123,38 +123,38 @@ tracks() {
         awk -F, '{ printf "%s%s/%s", sep, $2, $1; sep = " " }'
 }
 
-# How many pictures really come out of a file.
+# The number of frames that are decoded from a file.
 frames() {
     ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
         -of default=nw=1:nk=1 "$1"
 }
 
-# How many pictures a file says it holds.
+# The number of video packets of a file.
 packets() {
     ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets \
         -of default=nw=1:nk=1 "$1" | head -1
 }
 
-# When each picture is shown, in seconds, a line each.
+# The timestamp of each frame in seconds, one per line.
 frame_times() {
     ffprobe -v error -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 "$1" |
         tr -d , | grep .
 }
 
-# Seconds of sound that really come out of a file, without what its edit list cuts off.
-sound_seconds() {
+# The length of the decoded audio in seconds, without the part that the edit list cuts off.
+audio_seconds() {
     ffmpeg -nostdin -v error -i "$1" -map a:0 -f s16le -ac 1 -ar 8000 - | wc -c |
         awk '{ printf "%.3f", $1 / 16000 }'
 }
 
-# Every frame decodes, and nothing is said about it.
+# Every frame can be decoded, without any message of the decoder.
 expect_clean() {
     local said
     said=$(ffmpeg -nostdin -v error -xerror -i "$1" -f null - 2>&1) || fail "$1 does not decode: $said"
     [[ -z $said ]] || fail "$1 decodes with complaints: $said"
 }
 
-# The average brightness of each frame, rounded, a line each.
+# The average brightness of each frame, rounded, one per line.
 brightness() {
     ffmpeg -nostdin -v error -i "$1" -map v:0 \
         -vf signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=- -f null - |
@@ -176,7 +176,7 @@ start() {
     rm pipe
 }
 
-# Puts the library here for LD_PRELOAD=./slow_disk.so, because the loader splits LD_PRELOAD at spaces.
+# Links the library here for LD_PRELOAD=./slow_disk.so, because the loader splits LD_PRELOAD at spaces.
 link_slow_disk() {
     ln -s "$SLOW_DISK" slow_disk.so
 }
@@ -189,7 +189,7 @@ wait_for_progress() {
     fail "no progress of $1 (last: $line)"
 }
 
-# finish: takes the rest of what the command says, and its status.
+# finish: waits for the command; sets `status`, and `said` to its messages.
 finish() {
     status=0
     cat <&3 >stderr

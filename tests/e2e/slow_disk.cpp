@@ -1,6 +1,6 @@
-// To be preloaded: a disk whose second write takes until the file $SLOW_DISK_UNTIL is there.
+// To be preloaded: the second write to a disk blocks until the file $SLOW_DISK_UNTIL exists.
 
-// Both names are to be replaced, and this would make them one.
+// Both forms of the call are replaced, which this macro would make one.
 #undef _FILE_OFFSET_BITS
 
 #include <dlfcn.h>

@@ -6,7 +6,7 @@
 #include <host/Host.h>
 #include <host/io/DescriptorFile.h>
 #include <host/io/IsoBoxes.h>
-#include <qmtranscode/MediaFile.h>
+#include <qmtranscode/job/MediaFile.h>
 #include <signal.h>
 #include <support/SessionRun.h>
 #include <sys/resource.h>

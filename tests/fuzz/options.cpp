@@ -1,10 +1,11 @@
 // The command line's words, a line each: they are taken, or refused with a usage error.
-#include <qmtranscode/Failure.h>
-#include <qmtranscode/Options.h>
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/cli/Options.h>
 #include <stdint.h>
 #include <stdlib.h>
 
 #include <string>
+#include <variant>
 #include <vector>
 
 using namespace android::qmmediaeditor;
@@ -31,17 +32,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             words.back() += static_cast<char>(data[i]);
         }
     }
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
+    std::vector<const char*> arguments;
+    for (const std::string& word : words) arguments.push_back(word.c_str());
     arguments.push_back(nullptr);
 
-    cli::Options options;
-    const std::optional<int> status =
-        cli::parseOptions(static_cast<int>(words.size()), arguments.data(), &options);
-    if (status) {
-        if (*status != cli::kExitWhole && *status != cli::kExitUsage) abort();
-        return 0;
+    const auto result = cli::parseOptions(static_cast<int>(words.size()), arguments.data());
+    if (const auto* failure = std::get_if<cli::Failure>(&result)) {
+        if (failure->status != cli::kExitUsage || failure->reason.empty()) abort();
     }
-    if (options.input.empty() || options.output.empty() || !inOrder(options.periods)) abort();
+    const auto* options = std::get_if<cli::Options>(&result);
+    if (options == nullptr) return 0;
+    if (options->input.empty() || options->output.empty() || !inOrder(options->periods)) abort();
     return 0;
 }

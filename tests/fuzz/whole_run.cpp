@@ -5,7 +5,7 @@
 #include <TranscodeComponent.h>
 #include <fuzz/MemoryFile.h>
 #include <host/Host.h>
-#include <qmtranscode/MediaFile.h>
+#include <qmtranscode/job/MediaFile.h>
 
 using namespace android;
 using namespace android::qmmediaeditor;

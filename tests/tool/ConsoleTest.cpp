@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
-#include <qmtranscode/Console.h>
-#include <qmtranscode/Json.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/report/Format.h>
 
 namespace android::qmmediaeditor::cli::console {
 namespace {
 
-TEST(Console, printable_replacesWhatSteersATerminalAndNothingElse) {
+TEST(Console, printable_replacesOnlyCharactersThatControlATerminal) {
     const struct {
         std::string text;
         std::string shown;
@@ -16,14 +16,15 @@ TEST(Console, printable_replacesWhatSteersATerminalAndNothingElse) {
         {"a\x1b[31mb", "a?[31mb"},
         {"a\r\n\tb\x7F", "a???b?"},
         {std::string("a\0b", 3), "a?b"},
-        // C1 controls, as characters and as bytes; their neighbours stay.
+        // C1 controls, as characters and as bytes; adjacent characters are kept.
         {"a\u0080b\u009Bc\u009Fd\u00A0", "a?b?c?d\u00A0"},
         {"a\x9B"
          "b\x80",
          "a?b?"},
         {"\u2027\u2028\u2029\u202A\u202E\u202F", "\u2027????\u202F"},
         {"\u2065\u2066\u2069\u206A", "\u2065??\u206A"},
-        // Not UTF-8: a lone byte, one cut short, too long a form, a surrogate, too large a code.
+        // Not UTF-8: a single byte, a truncated and an overlong sequence, a surrogate, a code
+        // beyond U+10FFFF.
         {"a\xFF"
          "b",
          "a?b"},
@@ -37,7 +38,7 @@ TEST(Console, printable_replacesWhatSteersATerminalAndNothingElse) {
     EXPECT_EQ("a\nb?", printable("a\nb\r", LineBreaks::kKeep));
 }
 
-TEST(Console, dumpJson_isAsciiThatGivesTheSameTextBack) {
+TEST(Console, dumpJson_isAsciiAndParsesToTheSameText) {
     const std::string text = "\x1b[31m\u009B5m\u202E\x7F \u00FC \U0001F3AC";
     const std::string json = dumpJson({{"name", text}, {"bytes", "a\xFF\x9B"}});
     for (const char c : json) EXPECT_TRUE(c == '\n' || (c >= 0x20 && c < 0x7F)) << json;

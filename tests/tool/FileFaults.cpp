@@ -12,7 +12,7 @@ std::vector<std::string> gCalls;
 
 namespace {
 
-// Whether the call is to fail. errno is set.
+// Whether the call must fail; sets errno.
 bool fails(int error) {
     if (error != 0) errno = error;
     return error != 0;

@@ -1,4 +1,4 @@
-// Faults in the file system calls of the code under test, which the linker leads here by --wrap.
+// Faults in the file system calls of the code under test, which the linker redirects with --wrap.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 namespace android::qmmediaeditor::cli {
 
 struct FileFaults {
-    // errno of each call; 0 lets it through.
+    // errno of each call; 0 for no fault.
     int openUnnamed = 0;
     int linkFile = 0;
     int renameNoReplace = 0;
@@ -21,7 +21,7 @@ struct FileFaults {
 
 // Reset by each test.
 extern FileFaults gFaults;
-// The calls that matter for what is left after a power failure, in their order.
+// The calls that decide what a power failure leaves, in their order.
 extern std::vector<std::string> gCalls;
 
 }  // namespace android::qmmediaeditor::cli

@@ -2,8 +2,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/OutputFile.h>
-#include <qmtranscode/PendingFile.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/PendingFile.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -88,7 +88,7 @@ protected:
     fs::path mFolder;
 };
 
-TEST_F(PendingFileTest, commit_writesFileNameAndFolderToDiskInThisOrder) {
+TEST_F(PendingFileTest, commit_syncsTheFileThenNamesItThenSyncsTheDirectory) {
     auto file = filled("out");
     EXPECT_THAT(names(), ElementsAre());
     EXPECT_EQ("", commit(file.get()));
@@ -110,8 +110,8 @@ TEST_F(PendingFileTest, commit_writesFileNameAndFolderToDiskInThisOrder) {
     EXPECT_THAT(names(), UnorderedElementsAre("out", "other"));
 }
 
-// Each fault alone: with and without an older file, with and without unnamed files.
-TEST_F(PendingFileTest, anyFailedStep_leavesTheFolderAsItWas) {
+// One fault at a time: with and without an older file, with and without unnamed files.
+TEST_F(PendingFileTest, anyFailedStep_leavesTheDirectoryUnchanged) {
     const struct {
         const char* name;
         int FileFaults::*fault;
@@ -147,7 +147,7 @@ TEST_F(PendingFileTest, anyFailedStep_leavesTheFolderAsItWas) {
     }
 }
 
-TEST_F(PendingFileTest, notCommitted_leavesTheOlderFileAlone) {
+TEST_F(PendingFileTest, withoutCommit_theOlderFileIsUnchanged) {
     write("out", "old");
     for (const int error : {0, EOPNOTSUPP}) {
         gFaults.openUnnamed = error;
@@ -159,7 +159,7 @@ TEST_F(PendingFileTest, notCommitted_leavesTheOlderFileAlone) {
 }
 
 // The older file survives under the hidden name if it cannot get its own one back.
-TEST_F(PendingFileTest, folderNotWrittenToDiskAndNoWayBack_losesNeitherFile) {
+TEST_F(PendingFileTest, failedDirectorySyncAndFailedUndo_keepBothFiles) {
     write("out", "old");
     auto file = filled("out", true);
     gFaults.syncFolder = EIO;
@@ -172,9 +172,9 @@ TEST_F(PendingFileTest, folderNotWrittenToDiskAndNoWayBack_losesNeitherFile) {
     EXPECT_EQ("new", read("out"));
 }
 
-TEST_F(PendingFileTest, fileThatCameMeanwhile_isReplacedOnlyWhenOverwriting) {
-    // From the best file system to the worst one; in the last one, the older file goes away just
-    // before the exchange.
+TEST_F(PendingFileTest, aFileThatAppearsDuringTheRun_isReplacedOnlyWhenOverwriting) {
+    // File systems with fewer and fewer operations; in the last case, the older file is removed
+    // just before the exchange.
     for (const FileFaults& faults :
          {FileFaults{0, 0, 0, 0}, FileFaults{EOPNOTSUPP, 0, 0, 0},
           FileFaults{EISDIR, 0, EINVAL, EINVAL}, FileFaults{EINVAL, EPERM, EINVAL, EINVAL},
@@ -215,7 +215,7 @@ TEST_F(PendingFileTest, fileThatCameMeanwhile_isReplacedOnlyWhenOverwriting) {
     }
 }
 
-TEST_F(PendingFileTest, folderThatCameOrTheFoldersOwnEnd_isAFailure) {
+TEST_F(PendingFileTest, aDirectoryUnderTheName_orARemovedDirectory_isAFailure) {
     auto file = filled("out", true);
     fs::create_directory(path("out"));
     EXPECT_EQ(strerror(EEXIST), commit(file.get()));
@@ -228,7 +228,7 @@ TEST_F(PendingFileTest, folderThatCameOrTheFoldersOwnEnd_isAFailure) {
     EXPECT_EQ(strerror(ENOENT), commit(file.get()));
 }
 
-TEST_F(PendingFileTest, permissions_areTheOlderFilesOrTheUsual) {
+TEST_F(PendingFileTest, permissions_areCopiedFromTheOlderFileOrFollowTheUmask) {
     const mode_t before = umask(027);
     auto file = filled("out");
     EXPECT_EQ("", commit(file.get()));
@@ -247,7 +247,7 @@ TEST_F(PendingFileTest, permissions_areTheOlderFilesOrTheUsual) {
     umask(before);
 }
 
-TEST_F(PendingFileTest, owner_isTheOlderFiles) {
+TEST_F(PendingFileTest, owner_isCopiedFromTheOlderFile) {
     if (geteuid() != 0) GTEST_SKIP() << "only root may change an owner";
     write("out", "old");
     ASSERT_EQ(0, chown(path("out").c_str(), 65534, 12345));
@@ -262,7 +262,7 @@ TEST_F(PendingFileTest, owner_isTheOlderFiles) {
     EXPECT_EQ("new", read("out"));
 }
 
-TEST_F(PendingFileTest, links_areFollowedToTheirEndAlsoWhenNothingIsThere) {
+TEST_F(PendingFileTest, links_areFollowedAlsoToAMissingTarget) {
     fs::create_directory(path("folder"));
     fs::create_symlink("folder/second", path("first"));
     fs::create_symlink(path("folder/real"), path("folder/second"));
@@ -275,7 +275,7 @@ TEST_F(PendingFileTest, links_areFollowedToTheirEndAlsoWhenNothingIsThere) {
     }
 }
 
-TEST_F(PendingFileTest, placesThatCannotBeUsed_areRefusedBeforeAnythingIsWritten) {
+TEST_F(PendingFileTest, unusablePaths_areRefusedBeforeAnythingIsWritten) {
     fs::create_symlink("loop", path("loop"));
     fs::create_symlink("missing/out", path("dangling"));
     fs::create_directory(path("folder"));
@@ -288,14 +288,14 @@ TEST_F(PendingFileTest, placesThatCannotBeUsed_areRefusedBeforeAnythingIsWritten
     }
     EXPECT_NE("", check("", true));
     EXPECT_NE("", check("/dev/null", true));
-    EXPECT_EQ("this file exists; --overwrite would replace it", check(path("out"), false));
+    EXPECT_EQ("the file exists; --overwrite would replace it", check(path("out"), false));
     EXPECT_EQ("", check(path("out"), true));
     EXPECT_EQ("", check(path(std::string(255, 'n')), false));
     EXPECT_EQ(strerror(ENAMETOOLONG), check(path(std::string(256, 'n')), false));
     EXPECT_THAT(names(), testing::UnorderedElementsAreArray(before));
 }
 
-TEST_F(PendingFileTest, otherUsersFileInAStickyFolder_isRefused) {
+TEST_F(PendingFileTest, anotherUsersFileInAStickyDirectory_isRefused) {
     if (geteuid() != 0) GTEST_SKIP() << "only root may act as other users";
     write("root's", "old");
     write("own", "old");
@@ -309,7 +309,7 @@ TEST_F(PendingFileTest, otherUsersFileInAStickyFolder_isRefused) {
     EXPECT_EQ("", own);
 }
 
-TEST_F(PendingFileTest, longestName_leavesRoomForTheHiddenOne) {
+TEST_F(PendingFileTest, aNameOfMaximumLength_isShortenedInTheHiddenName) {
     gFaults.openUnnamed = EOPNOTSUPP;
     const std::string name(255, 'n');
     auto file = filled(name);
@@ -317,7 +317,7 @@ TEST_F(PendingFileTest, longestName_leavesRoomForTheHiddenOne) {
     EXPECT_THAT(names(), ElementsAre(name));
 }
 
-TEST_F(PendingFileTest, isSameAs_comparesFilesAndNotSpellings) {
+TEST_F(PendingFileTest, isSameAs_comparesFilesAndNotPaths) {
     fs::create_directory(path("folder"));
     write("old", "old");
     fs::create_hard_link(path("old"), path("twin"));
@@ -340,7 +340,7 @@ TEST_F(PendingFileTest, isSameAs_comparesFilesAndNotSpellings) {
     }
 }
 
-TEST_F(PendingFileTest, removeNow_removesHiddenNamesAndNothingElse) {
+TEST_F(PendingFileTest, removeNow_removesOnlyHiddenNames) {
     write("out", "old");
     gFaults.openUnnamed = EOPNOTSUPP;
     auto first = filled("out", true);
@@ -356,17 +356,18 @@ TEST_F(PendingFileTest, removeNow_removesHiddenNamesAndNothingElse) {
     EXPECT_EQ("new", read("out"));
 }
 
-TEST_F(PendingFileTest, outputFile_isNeverTheInput) {
+TEST_F(PendingFileTest, jobFiles_outputIsNeverTheInput) {
     write("input", "in");
     fs::create_symlink("input", path("link"));
     fs::create_hard_link(path("input"), path("twin"));
-    InputFile input;
-    ASSERT_FALSE(input.open(path("input")).has_value());
     for (const char* name : {"input", "link", "twin", "./input"}) {
-        OutputFile output;
-        const std::optional<Failure> failure = output.check(path(name), true, input);
+        Options options;
+        options.input = path("input");
+        options.output = path(name);
+        options.overwrite = true;
+        const std::optional<Failure> failure = JobFiles().open(options);
         ASSERT_TRUE(failure.has_value()) << name;
-        EXPECT_EQ("this is the input", failure->reason) << name;
+        EXPECT_EQ("this is the input file", failure->reason) << name;
     }
 }
 

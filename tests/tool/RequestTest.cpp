@@ -1,13 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/Request.h>
+#include <qmtranscode/job/Request.h>
 
 namespace android::qmmediaeditor::cli {
 namespace {
 
 using testing::HasSubstr;
 
-// A ten second clip, 720p at 4 Mbit/s with stereo sound.
+// A ten second clip, 720p at 4 Mbit/s with stereo audio.
 MediaFile makeClip() {
     MediaFile file;
     file.sizeBytes = 5000000;
@@ -34,15 +34,19 @@ int32_t valueOf(const sp<AMessage>& format, const char* key) {
 }
 
 sp<AMessage> formatFor(const Options& options, const MediaFile& input) {
-    sp<AMessage> format;
-    const std::optional<Failure> failure = makeOutputFormat(options, input, &format);
-    EXPECT_FALSE(failure.has_value()) << failure->reason;
-    return format;
+    const Result<sp<AMessage>> format = makeOutputFormat(options, input);
+    const auto* failure = std::get_if<Failure>(&format);
+    EXPECT_EQ(nullptr, failure) << failure->reason;
+    return failure == nullptr ? std::get<sp<AMessage>>(format) : nullptr;
 }
 
-Failure failureFor(const Options& options, const MediaFile& input) {
-    sp<AMessage> format;
-    return makeOutputFormat(options, input, &format).value_or(Failure{kExitWhole, "", ""});
+// Empty without a failure.
+std::string refusalOf(const Options& options, const MediaFile& input) {
+    const Result<sp<AMessage>> format = makeOutputFormat(options, input);
+    const auto* failure = std::get_if<Failure>(&format);
+    if (failure == nullptr) return "";
+    EXPECT_EQ(kExitUnusable, failure->status);
+    return failure->reason;
 }
 
 TEST(Request, withoutOutputOptions_thereIsNoMessage) {
@@ -52,7 +56,7 @@ TEST(Request, withoutOutputOptions_thereIsNoMessage) {
     EXPECT_EQ(nullptr, formatFor(options, makeClip()).get());
 }
 
-TEST(Request, oneOutputOption_bringsEveryKeyAsTheInputHasIt) {
+TEST(Request, oneOutputOption_setsEveryKeyFromTheInput) {
     Options options;
     options.videoBitrate = 1000000;
     const sp<AMessage> format = formatFor(options, makeClip());
@@ -70,7 +74,7 @@ TEST(Request, oneOutputOption_bringsEveryKeyAsTheInputHasIt) {
     EXPECT_EQ(3, valueOf(format, "audio-encoder"));
 }
 
-TEST(Request, smallerPicture_takesItsShareOfTheBitrate) {
+TEST(Request, smallerFrames_getAProportionalBitrate) {
     Options options;
     options.size = Size{640, 360};
     EXPECT_EQ(1000000, valueOf(formatFor(options, makeClip()), "video-bitrate"));
@@ -78,7 +82,7 @@ TEST(Request, smallerPicture_takesItsShareOfTheBitrate) {
     EXPECT_EQ(4000000, valueOf(formatFor(options, makeClip()), "video-bitrate"));
 }
 
-TEST(Request, rotatedInput_isEncodedSoThatItIsDisplayedAtTheSizeAskedFor) {
+TEST(Request, rotatedInput_isEncodedToTheDisplayedSize) {
     Options options;
     options.size = Size{360, 640};
     MediaFile clip = makeClip();
@@ -98,14 +102,14 @@ TEST(Request, unknownRates_areEstimatedWithinBounds) {
     EXPECT_EQ(128000, valueOf(formatFor(options, clip), "audio-bitrate"));
     clip.sizeBytes = 5000000000;
     EXPECT_EQ(12000000, valueOf(formatFor(options, clip), "video-bitrate"));
-    // Less than a whole second to divide by.
+    // Shorter than a second.
     clip.video->durationUs = clip.audio->durationUs = 900000;
     EXPECT_EQ(12000000, valueOf(formatFor(options, clip), "video-bitrate"));
     clip.audio->bitrate = 1536000;
     EXPECT_EQ(320000, valueOf(formatFor(options, clip), "audio-bitrate"));
 }
 
-TEST(Request, oddPictureAndForeignRates_areBroughtToWhatTheCodecsHave) {
+TEST(Request, oddSizeAndUnsupportedRates_becomeTheNearestSupportedOnes) {
     Options options;
     options.format = FileFormat::k3gp;
     MediaFile clip = makeClip();
@@ -121,7 +125,7 @@ TEST(Request, oddPictureAndForeignRates_areBroughtToWhatTheCodecsHave) {
     EXPECT_EQ(96000, valueOf(format, "audio-samplerate"));
 }
 
-TEST(Request, amr_bringsItsOwnFormatAndFile) {
+TEST(Request, amr_setsItsSampleRateChannelsAndContainer) {
     Options options;
     options.audioCodec = AudioCodec::kAmrWb;
     const sp<AMessage> format = formatFor(options, makeClip());
@@ -132,35 +136,34 @@ TEST(Request, amr_bringsItsOwnFormatAndFile) {
     EXPECT_EQ(23850, valueOf(format, "audio-bitrate"));
 }
 
-TEST(Request, whatNoEncoderTakes_isRefusedWithWhatWould) {
+TEST(Request, formatsThatNoEncoderSupports_areRefusedWithOneThatWorks) {
     Options options;
     MediaFile clip = makeClip();
     clip.audio->sampleRate = 192000;
-    EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("--audio-rate 96000"));
+    EXPECT_THAT(refusalOf(options, clip), HasSubstr("--audio-rate 96000"));
     clip.audio->sampleRate = 48000;
     clip.audio->channels = 16;
-    EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("--audio-channels 2"));
+    EXPECT_THAT(refusalOf(options, clip), HasSubstr("--audio-channels 2"));
     clip.audio->channels = 2;
     options.videoCodec = VideoCodec::kH263;
-    EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("352x288"));
-    EXPECT_EQ(kExitUnusable, failureFor(options, clip).status);
+    EXPECT_THAT(refusalOf(options, clip), HasSubstr("352x288"));
     options.videoCodec = VideoCodec::kMpeg4;
-    EXPECT_EQ(kExitWhole, failureFor(options, clip).status);
+    EXPECT_EQ("", refusalOf(options, clip));
     clip.video->width = 8192;
-    EXPECT_THAT(failureFor(options, clip).reason, HasSubstr("8190"));
+    EXPECT_THAT(refusalOf(options, clip), HasSubstr("8190"));
 }
 
-TEST(Request, periods_endWithTheInputAndBeginInsideIt) {
+TEST(Request, periods_endWithTheInputAndStartInsideIt) {
     Options options;
     options.periods = {{8000000, 20000000}};
-    std::vector<TrimPeriod> periods;
-    ASSERT_FALSE(makePeriods(options, makeClip(), &periods).has_value());
-    ASSERT_EQ(1u, periods.size());
-    EXPECT_EQ(10000000, periods[0].mEndUs);
+    const Result<std::vector<TrimPeriod>> periods = makePeriods(options, makeClip());
+    ASSERT_TRUE(std::holds_alternative<std::vector<TrimPeriod>>(periods));
+    ASSERT_EQ(1u, std::get<std::vector<TrimPeriod>>(periods).size());
+    EXPECT_EQ(10000000, std::get<std::vector<TrimPeriod>>(periods)[0].mEndUs);
     options.periods = {{10000000, 20000000}};
-    const std::optional<Failure> failure = makePeriods(options, makeClip(), &periods);
-    ASSERT_TRUE(failure.has_value());
-    EXPECT_EQ(kExitUnusable, failure->status);
+    const Result<std::vector<TrimPeriod>> refused = makePeriods(options, makeClip());
+    ASSERT_TRUE(std::holds_alternative<Failure>(refused));
+    EXPECT_EQ(kExitUnusable, std::get<Failure>(refused).status);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <qmtranscode/Sandbox.h>
+#include <qmtranscode/sandbox/Sandbox.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -15,7 +15,7 @@
 namespace android::qmmediaeditor::cli {
 namespace {
 
-// Runs `attempt` in a process that has entered the sandbox, and gives its result.
+// Runs `attempt` in a sandboxed process and returns its result.
 int inSandbox(const std::function<int()>& attempt) {
     const pid_t child = fork();
     if (child == 0) {
@@ -45,7 +45,7 @@ protected:
 // Attempts return errno, or 0 when they succeed.
 int resultOf(long result) { return result < 0 ? errno : 0; }
 
-TEST_F(SandboxTest, filesCannotBeMadeOrChangedByName) {
+TEST_F(SandboxTest, files_cannotBeCreatedOrChangedByPath) {
     EXPECT_NE(0, inSandbox([this] { return resultOf(open(mPath, O_WRONLY)); }));
     EXPECT_NE(0, inSandbox([] { return resultOf(open("/tmp/qm-new", O_WRONLY | O_CREAT, 0600)); }));
     EXPECT_NE(0, inSandbox([this] { return resultOf(truncate(mPath, 0)); }));
@@ -55,7 +55,7 @@ TEST_F(SandboxTest, filesCannotBeMadeOrChangedByName) {
     EXPECT_EQ(3, lseek(mFd, 0, SEEK_END));
 }
 
-TEST_F(SandboxTest, openDescriptorsMemoryAndThreadsWork) {
+TEST_F(SandboxTest, openDescriptors_memoryAndThreadsWork) {
     EXPECT_EQ(0, inSandbox([this] { return resultOf(pwrite(mFd, "new", 3, 0)); }));
     EXPECT_EQ(0, inSandbox([this] { return resultOf(ftruncate(mFd, 2)); }));
     EXPECT_EQ(0, inSandbox([] { return resultOf(memfd_create("memory", 0)); }));
@@ -70,12 +70,12 @@ TEST_F(SandboxTest, openDescriptorsMemoryAndThreadsWork) {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(__clang__)
 // Sanitizers read files, and need what the filter for system calls refuses.
-TEST_F(SandboxTest, filesCannotBeRead) {
+TEST_F(SandboxTest, files_cannotBeRead) {
     EXPECT_EQ(EACCES, inSandbox([this] { return resultOf(open(mPath, O_RDONLY)); }));
     EXPECT_EQ(EACCES, inSandbox([] { return resultOf(open("/etc/passwd", O_RDONLY)); }));
 }
 
-TEST_F(SandboxTest, thereAreNoSocketsAndNoProcesses) {
+TEST_F(SandboxTest, sockets_andProcessesCannotBeCreated) {
     EXPECT_EQ(EPERM, inSandbox([] { return resultOf(socket(AF_INET, SOCK_STREAM, 0)); }));
     EXPECT_EQ(EPERM, inSandbox([] {
                   int pair[2];

@@ -1,10 +1,11 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <qmtranscode/Console.h>
-#include <qmtranscode/JobFiles.h>
-#include <qmtranscode/Receipt.h>
-#include <qmtranscode/Supervisor.h>
-#include <qmtranscode/Worker.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/sandbox/SignalHandler.h>
+#include <qmtranscode/sandbox/Supervisor.h>
+#include <qmtranscode/sandbox/Worker.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -12,13 +13,14 @@
 #include <unistd.h>
 
 #include <new>
+#include <variant>
 
 using namespace android::qmmediaeditor;
 
 namespace {
 
-// A file that is opened later would take the place of a stream that the caller has closed, and
-// messages would go into it.
+// A file that is opened later could otherwise get the descriptor of a stream that the caller has
+// closed, and messages would be written into it.
 void openClosedStreams() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
@@ -28,6 +30,11 @@ void openClosedStreams() {
 int failed(const cli::Failure& failure) {
     cli::console::printFailure(failure);
     return failure.status;
+}
+
+int print(const std::string& text) {
+    if (cli::console::printOutput(text) == 0) return cli::kExitComplete;
+    return failed({cli::kExitFailed, "standard output", strerror(errno)});
 }
 
 int cannotStart() { return failed({cli::kExitFailed, "the worker process", strerror(errno)}); }
@@ -40,15 +47,23 @@ cli::SharedState* makeSharedState() {
 
 int run(int argc, char** argv) {
     openClosedStreams();
-    // A closed pipe and a file that grew too large are results of a write, not reasons to die with
-    // a temporary file left behind.
+    // Writing to a closed pipe or beyond the file size limit then fails with an error; a signal
+    // would end the process and leave a temporary file.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
 
-    cli::Options options;
-    if (const std::optional<int> status = cli::parseOptions(argc, argv, &options)) return *status;
+    auto parsed = cli::parseOptions(argc, argv);
+    if (const auto* failure = std::get_if<cli::Failure>(&parsed)) return failed(*failure);
+    if (const auto* information = std::get_if<cli::Information>(&parsed)) {
+        return print(information->text);
+    }
+    auto& options = std::get<cli::Options>(parsed);
+    // The worker has no terminal.
+    const auto style =
+        isatty(STDERR_FILENO) == 1 ? cli::ProgressStyle::kBar : cli::ProgressStyle::kNone;
+    options.progress = options.progress.value_or(style);
 
-    cli::blockSignals();
+    cli::SignalHandler::block();
     cli::JobFiles files;
     if (const std::optional<cli::Failure> failure = files.open(options)) return failed(*failure);
 
@@ -59,20 +74,20 @@ int run(int argc, char** argv) {
         pipe2(libraryOutput, O_CLOEXEC) != 0) {
         return cannotStart();
     }
-    shared->columns = cli::console::width();
+    shared->columns = cli::console::terminalColumns();
     const pid_t parent = getpid();
     const pid_t worker = fork();
     if (worker < 0) return cannotStart();
     if (worker == 0) {
         close(links[0]);
         close(libraryOutput[0]);
-        const cli::Link link(links[1]);
+        const cli::WorkerLink link(links[1]);
         cli::runWorker(options, &files, link, shared, libraryOutput[1], parent);
     }
     close(links[1]);
     close(libraryOutput[1]);
     fcntl(links[0], F_SETFL, O_NONBLOCK);
-    const cli::Link link(links[0]);
+    const cli::WorkerLink link(links[0]);
     cli::Supervisor::Job job;
     job.input = options.input;
     job.output = options.plan ? nullptr : &files.output;
@@ -80,8 +95,8 @@ int run(int argc, char** argv) {
     job.receipt = files.receipt;
     job.libraryOutput = libraryOutput[0];
     job.showsLibraryOutput = options.logFilter.has_value();
-    job.mayKeepPartial = options.keepPartial && !files.output.replaces();
-    if (options.json) job.lastWords = cli::emptyReceipt(options.input, options.output);
+    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr;
+    if (options.json) job.emptyReceipt = cli::emptyReceipt(options.input, options.output);
     return cli::Supervisor(job, worker, link, shared).run();
 }
 

@@ -1,0 +1,168 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <qmtranscode/monitor/RunMonitor.h>
+#include <unistd.h>
+
+#include <future>
+
+namespace android::qmmediaeditor::cli {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr pid_t kSession = 1;
+constexpr pid_t kEncoder = 2;
+
+// Records a line for each event: "thread what start-end".
+class RecordingSink : public TraceSink {
+public:
+    void onThread(pid_t, const char*) override {}
+    void onSlice(pid_t thread, const char* what, bool isWait, int64_t startUs,
+                 int64_t endUs) override {
+        lines.push_back(std::to_string(thread) + (isWait ? " waits " : " ") + what + " " +
+                        std::to_string(startUs) + "-" + std::to_string(endUs));
+    }
+    void onQueueLength(Queue queue, int64_t length, int64_t) override {
+        if (queue == Queue::kDecodedVideo) lengths.push_back(length);
+    }
+    void onEvent(pid_t, const char* what, int64_t timeUs) override {
+        lines.push_back(std::string(what) + " " + std::to_string(timeUs));
+    }
+
+    std::vector<std::string> lines;
+    std::vector<int64_t> lengths;
+};
+
+class RunMonitorTest : public testing::Test {
+protected:
+    RunMonitorTest() { monitor.begin({}, &sink); }
+
+    void log(pid_t thread, int64_t timeUs, const char* tag, const char* text) {
+        ASSERT_TRUE(parseLogMessage(tag, text)) << text;
+        monitor.onMessage({0, tag, text, timeUs, thread});
+    }
+
+    RunMonitor monitor;
+    RecordingSink sink;
+};
+
+TEST_F(RunMonitorTest, aFullBatch_endsTheConsumersWaitAndAnEmptyQueueTheProducers) {
+    log(kEncoder, 10, "VideoEncoderThread", "waiting @ Decoded data read()");
+    log(kSession, 20, "Transcode", "Decoded frame size : 115200, [Video]");
+    log(kSession, 25, "TVideoSource", "drop 40 > 30");
+    log(kSession, 30, "TVideoSource", "wait@mDecoderBufferReturnedCond [DecodedSample:11]");
+    log(kEncoder, 70, "VideoEncoderThread", "waiting @ Decoded data read()");
+    log(kSession, 80, "Transcode", "wait writer EOS");
+    monitor.end(90);
+
+    EXPECT_THAT(
+        sink.lines,
+        ElementsAre("frame dropped 25", "2 waits for decoded frames 10-30",
+                    "1 queues a frame 20-30", "1 waits for the video encoder to take a batch 30-70",
+                    "2 feeds the video encoder 30-70", "1 takes decoded frames 70-80",
+                    "1 waits for the writer to take the last samples 80-90",
+                    "2 waits for decoded frames 70-90"));
+    EXPECT_THAT(sink.lengths, ElementsAre(0, 1, 0, 11, 0));
+}
+
+TEST_F(RunMonitorTest, polling_isOneWaitAndNoProgress) {
+    log(kSession, 100, "Transcode", "Decoded frame size : 1024, [Audio]");
+    for (int64_t us = 200; us < 3000000; us += 100000) {
+        log(kSession, us, "Transcode", "decoder output -EAGAIN:-11:[R:-11]");
+    }
+    EXPECT_EQ(100, monitor.lastProgressUs());
+    EXPECT_THAT(monitor.describe(3000200),
+                Contains(HasSubstr("waits for decoded frames, for 3.0 s")));
+}
+
+TEST_F(RunMonitorTest, aStage_isDescribedWithItsTimestamp) {
+    log(kEncoder, 1000000, "AudioEncoderThread",
+        "draining output buffer 3, time = 42500000 us, size = 334");
+    EXPECT_THAT(monitor.describe(1500000),
+                Contains("  audio encoded: last 0.5 s ago, timestamp 42.500 s"));
+}
+
+TEST_F(RunMonitorTest, aSecondRun_startsWithoutTheFirstOnesState) {
+    log(kEncoder, 10, "VideoEncoderThread", "waiting @ Decoded data read()");
+    log(kSession, 20, "Transcode", "Decoded frame size : 115200, [Video]");
+    monitor.onProgress(50);
+    monitor.end(30);
+    sink.lines.clear();
+    monitor.begin({}, &sink);
+    EXPECT_EQ(0, monitor.lastProgressUs());
+    EXPECT_THAT(monitor.describe(40), testing::Each(HasSubstr("queue of")));
+    EXPECT_THAT(monitor.end(50).framesDecoded, 0);
+    EXPECT_THAT(sink.lines, ElementsAre());
+}
+
+TEST(LogEvent, parseLogMessage_readsTheFirstTwoIntegers) {
+    const auto event = parseLogMessage("TVideoSource", "drop -40 > 30");
+    ASSERT_TRUE(event);
+    EXPECT_EQ(-40, event->first);
+    EXPECT_EQ(30, event->second);
+    EXPECT_FALSE(parseLogMessage("TAudioSource", "drop 40 > 30"));
+}
+
+// Reads until `end` is in the text.
+std::string readUntil(int fd, const std::string& end) {
+    std::string text;
+    char byte = 0;
+    while (text.find(end) == std::string::npos && read(fd, &byte, 1) == 1) text += byte;
+    return text;
+}
+
+// A detector that repeated itself would print the first stall many times before the second one.
+TEST(StallDetector, eachStall_isDescribedOnce) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    const int before = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    RunMonitor monitor;
+    monitor.begin({}, nullptr);
+    std::string text;
+    {
+        monitor.onMessage({0, "TVideoSource", "waiting @ read()", nowUs(), kEncoder});
+        const StallDetector detector(&monitor, std::chrono::milliseconds(20));
+        text = readUntil(ends[0], "video written: last ");
+        monitor.onMessage({0, "AudioEncoderThread", "Call threadLoop start", nowUs(), kSession});
+        text += readUntil(ends[0], "audio encoder output");
+    }
+    fputs("END", stderr);
+    text += readUntil(ends[0], "END");
+    dup2(before, STDERR_FILENO);
+    for (int fd : {ends[0], ends[1], before}) close(fd);
+    EXPECT_THAT(text, HasSubstr("video writer            waits for encoded video"));
+    size_t headlines = 0;
+    for (size_t at = 0; (at = text.find("no progress for ", at)) != std::string::npos; ++at) {
+        ++headlines;
+    }
+    EXPECT_EQ(2U, headlines) << text;
+}
+
+TEST(Timer, calls_repeatUntilTheFunctionEndsThem) {
+    std::promise<void> ended;
+    int calls = 0;
+    const Timer timer(Timer::Delay(1), [&]() -> std::optional<Timer::Delay> {
+        if (++calls < 3) return Timer::Delay(1);
+        ended.set_value();
+        return std::nullopt;
+    });
+    ended.get_future().wait();
+    EXPECT_EQ(3, calls);
+}
+
+TEST(Timer, destruction_endsTheDelay) {
+    bool called = false;
+    {
+        const Timer timer(std::chrono::hours(1), [&]() -> std::optional<Timer::Delay> {
+            called = true;
+            return std::nullopt;
+        });
+    }
+    EXPECT_FALSE(called);
+}
+
+}  // namespace
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,46 @@
+// Why a command ends without a complete output, and the exit status for it. Also the operations on
+// descriptors whose errors are easily lost.
+#pragma once
+
+#include <string>
+#include <variant>
+
+namespace android::qmmediaeditor::cli {
+
+enum ExitStatus : int {
+    kExitComplete = 0,
+    kExitFailed = 1,
+    kExitUsage = 2,
+    // The input, or the request for this input, can never work.
+    kExitUnusable = 3,
+    kExitStopped = 130,
+};
+
+// One line for the user: "qmtranscode: <subject>: <reason>".
+struct Failure {
+    ExitStatus status;
+    // The file or the option that it is about; may be empty.
+    std::string subject;
+    // No full stop, no line break.
+    std::string reason;
+
+    // "<subject>: <reason>", or the reason alone.
+    std::string text() const;
+};
+
+// What an operation gives, or why it does not.
+template <typename T>
+using Result = std::variant<T, Failure>;
+
+// The status for a system call that failed with this errno: kExitFailed where another try may
+// succeed (I/O errors and exhausted resources), else kExitUnusable.
+ExitStatus exitStatusOf(int error);
+
+// Writes all of the text. Returns -1 with errno on error.
+int writeAll(int fd, const std::string& text);
+
+// Closes a duplicate of `fd`, because some file systems report a failed write only at close.
+// Returns -1 with errno on error.
+int checkByClosing(int fd);
+
+}  // namespace android::qmmediaeditor::cli

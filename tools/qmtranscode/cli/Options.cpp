@@ -1,0 +1,487 @@
+#include <fmt/format.h>
+#include <host/codec/InputLimits.h>
+#include <log/logprint.h>
+#include <qmtranscode/cli/OptionTable.h>
+#include <qmtranscode/cli/Options.h>
+#include <qmtranscode/cli/Values.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
+#include <numeric>
+#include <utility>
+
+namespace CLI::detail {
+
+// Validators have accepted the text by the time that it is converted.
+template <>
+bool lexical_cast(const std::string& text, android::qmmediaeditor::cli::Size& size) {
+    size = *android::qmmediaeditor::cli::parseSize(text);
+    return true;
+}
+
+template <>
+bool lexical_cast(const std::string& text, android::qmmediaeditor::TrimPeriod& period) {
+    period = *android::qmmediaeditor::cli::parsePeriod(text);
+    return true;
+}
+
+}  // namespace CLI::detail
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+constexpr const char* kEmptyValue = "the value must not be empty";
+constexpr int32_t kMinSide = 2;
+constexpr int32_t kMaxFrameRate = 240;
+constexpr int32_t kMinSampleRate = 7350;
+constexpr int32_t kMaxThreads = 64;
+
+const Choices<ProgressStyle> kProgressStyles = {
+    {"bar", ProgressStyle::kBar}, {"json", ProgressStyle::kJson}, {"none", ProgressStyle::kNone}};
+const Choices<bool> kPartialChoices = {{"keep", true}, {"discard", false}};
+const std::vector<std::string> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
+                                           "fast",      "medium",    "slow",     "slower",
+                                           "veryslow",  "placebo"};
+const std::vector<std::string> kLogFormats = {"brief", "process", "tag",        "thread",
+                                              "raw",   "time",    "threadtime", "long"};
+// Names that belong to other containers.
+const std::vector<std::string> kOtherExtensions = {".avi", ".flac", ".flv", ".m2ts", ".mkv",
+                                                   ".mov", ".mp3",  ".mpg", ".ogg",  ".ts",
+                                                   ".wav", ".webm", ".wmv"};
+
+template <typename T>
+std::vector<std::string> wordsOf(const Choices<T>& choices) {
+    std::vector<std::string> words;
+    for (const auto& [word, value] : choices) words.push_back(word);
+    return words;
+}
+
+// "a, b or c".
+std::string listText(const std::vector<std::string>& words) {
+    const std::string head =
+        fmt::format("{}", fmt::join(words.begin(), std::prev(words.end()), ", "));
+    return head + " or " + words.back();
+}
+
+// The error of a validator. CLI11 puts the option's name and a colon in front of it; the space
+// tells usageError() that the refused value comes first.
+std::string refusal(const std::string& value, const std::string& reason) {
+    if (value.empty()) return kEmptyValue;
+    return fmt::format(" {}: {}", value, reason);
+}
+
+CLI::Validator check(std::function<std::string(std::string&)> validate) {
+    return CLI::Validator(std::move(validate), "");
+}
+
+CLI::Validator oneOf(const std::vector<std::string>& words) {
+    return check([words](const std::string& text) {
+        const bool isKnown = std::find(words.begin(), words.end(), text) != words.end();
+        return isKnown ? "" : refusal(text, "expected " + listText(words));
+    });
+}
+
+// Replaces the word by its number, which CLI11 converts to the option's type.
+template <typename T>
+CLI::Validator oneOf(const Choices<T>& choices) {
+    return check([choices](std::string& text) {
+        for (const auto& [word, value] : choices) {
+            if (text != word) continue;
+            text = std::to_string(static_cast<int32_t>(value));
+            return std::string();
+        }
+        return refusal(text, "expected " + listText(wordsOf(choices)));
+    });
+}
+
+CLI::Validator integer(int32_t min, int32_t max) {
+    return check([min, max](std::string& text) {
+        const std::optional<int64_t> value = parseInteger(text, min, max);
+        if (!value) {
+            return refusal(text, fmt::format("expected an integer from {} to {}", min, max));
+        }
+        // Without leading zeros, which would make the number octal.
+        text = std::to_string(*value);
+        return std::string();
+    });
+}
+
+CLI::Validator bitrate() {
+    return check([](std::string& text) {
+        const std::optional<int32_t> value = parseBitrate(text);
+        if (!value) {
+            return refusal(text, "expected bits per second from 1k to 2147M, such as 128k or 4M");
+        }
+        text = std::to_string(*value);
+        return std::string();
+    });
+}
+
+CLI::Validator frameSize() {
+    return check([](const std::string& text) -> std::string {
+        const std::optional<Size> size = parseSize(text);
+        if (!size) return refusal(text, "expected WIDTHxHEIGHT, such as 1280x720");
+        const auto [width, height] = *size;
+        if (std::min(width, height) < kMinSide || std::max(width, height) > kMaxSide) {
+            return refusal(
+                text, fmt::format("width and height must be from {} to {}", kMinSide, kMaxSide));
+        }
+        // The output is read again for verification, where this limit applies.
+        if (int64_t{width} * height > kMaxPixels) {
+            return refusal(text, fmt::format("a frame can have at most {} pixels", kMaxPixels));
+        }
+        if (width % 2 != 0 || height % 2 != 0) {
+            return refusal(text, fmt::format("width and height must be even; {}x{} would work",
+                                             width & ~1, height & ~1));
+        }
+        return "";
+    });
+}
+
+CLI::Validator period() {
+    return check([](const std::string& text) -> std::string {
+        const std::optional<TrimPeriod> parsed = parsePeriod(text);
+        if (!parsed) return refusal(text, "expected START-END, such as 0-2.5 or 1:30-1:45");
+        if (parsed->mEndUs <= parsed->mStartUs) {
+            return refusal(text, "the end must be after the start");
+        }
+        return "";
+    });
+}
+
+CLI::Validator logFilter() {
+    return check([](const std::string& text) -> std::string {
+        AndroidLogFormat* const format = android_log_format_new();
+        const bool isValid = android_log_addFilterString(format, text.c_str()) == 0;
+        android_log_format_free(format);
+        if (isValid) return "";
+        return refusal(text, "expected TAG:PRIORITY pairs, such as 'Transcode:V *:S'");
+    });
+}
+
+CLI::Validator notEmpty() {
+    return check(
+        [](const std::string& text) -> std::string { return text.empty() ? kEmptyValue : ""; });
+}
+
+// How many letters must be inserted, removed or replaced to turn one word into the other.
+size_t editDistance(const std::string& from, const std::string& to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+// The definition of all options: names, values and descriptions.
+class CommandLine {
+public:
+    CommandLine() {
+        define();
+        mApp.formatter_fn([this](const CLI::App*, const std::string&, CLI::AppFormatMode) {
+            return helpText(mTexts);
+        });
+        for (CLI::Option* option : mApp.get_options()) {
+            const bool takesText = option->get_items_expected_max() > 0;
+            if (takesText) option->check(notEmpty());
+        }
+    }
+
+    std::variant<Options, Information, Failure> parse(int argc, const char* const* argv);
+    const std::vector<OptionText>& texts() const { return mTexts; }
+
+private:
+    void define();
+    void describe(const std::string& name, const std::string& value, const std::string& summary,
+                  const std::string& details = "", const std::vector<std::string>& choices = {}) {
+        mTexts.push_back({mGroup, name, value, summary, details, choices});
+    }
+
+    Failure unknownArgument() const;
+    Failure usageError(const CLI::Error& error) const;
+    // These refuse combinations of options.
+    std::optional<Failure> checkCombinations();
+    std::optional<Failure> checkPeriods();
+    std::optional<Failure> checkName();
+    std::optional<Failure> checkSize() const;
+    std::optional<Failure> checkAudio() const;
+    std::optional<Failure> checkFormat() const;
+    // An option with the value that it was given.
+    std::string given(const std::string& option, size_t index = 0) const {
+        return option + ' ' + mApp[option]->results()[index];
+    }
+
+    Options mOptions;
+    CLI::App mApp;
+    std::string mGroup;
+    std::vector<OptionText> mTexts;
+};
+
+void CommandLine::define() {
+    Options& o = mOptions;
+    CLI::App& app = mApp;
+    app.add_option("INPUT", o.input);
+    app.add_option("OUTPUT", o.output);
+
+    mGroup = "";
+    app.add_option("--trim", o.periods)->check(period())->type_size(1)->allow_extra_args(false);
+    describe("--trim", "START-END",
+             "keep this period; seconds or h:mm:ss.mmm; repeatable, in time order",
+             "Periods must not overlap. A period ends at the latest where the input ends.");
+
+    mGroup = "Video";
+    app.add_option("--size", o.size)->check(frameSize());
+    describe("--size", "WxH", "frame size as displayed; width and height even",
+             fmt::format("Each is from {} to {}, and a frame has at most {} pixels.", kMinSide,
+                         kMaxSide, kMaxPixels));
+    app.add_option("--fps", o.frameRate)->transform(integer(1, kMaxFrameRate));
+    describe("--fps", "N", fmt::format("max frames per second, 1 to {}", kMaxFrameRate),
+             "Frames above this rate are dropped; no frame is duplicated.");
+    app.add_option("--video-bitrate", o.videoBitrate)->transform(bitrate());
+    describe("--video-bitrate", "RATE", "bits per second, such as 4M");
+    app.add_option("--video-codec", o.videoCodec)->transform(oneOf(videoCodecs()));
+    describe("--video-codec", "NAME",
+             "codec: " + listText(wordsOf(videoCodecs())) + "; default avc",
+             supportedSizesText(VideoCodec::kH263) + ".", wordsOf(videoCodecs()));
+
+    mGroup = "Audio";
+    app.add_option("--audio-bitrate", o.audioBitrate)->transform(bitrate());
+    describe("--audio-bitrate", "RATE", "bits per second, such as 128k");
+    app.add_option("--audio-rate", o.audioRate)
+        ->transform(integer(kMinSampleRate, kMaxAacSampleRate));
+    describe("--audio-rate", "HZ",
+             fmt::format("sample rate in Hz, {} to {}", kMinSampleRate, kMaxAacSampleRate));
+    app.add_option("--audio-channels", o.audioChannels)->transform(integer(1, kMaxAacChannels));
+    describe("--audio-channels", "N", fmt::format("number of channels, 1 to {}", kMaxAacChannels));
+    app.add_option("--audio-codec", o.audioCodec)->transform(oneOf(audioCodecs()));
+    describe("--audio-codec", "NAME",
+             "codec: " + listText(wordsOf(audioCodecs())) + "; default aac",
+             "AMR is mono: 8000 Hz in AMR-NB, 16000 Hz in AMR-WB.", wordsOf(audioCodecs()));
+
+    mGroup = "Output file";
+    app.add_option("--format", o.format)->transform(oneOf(fileFormats()));
+    describe("--format", "NAME", "container: " + listText(wordsOf(fileFormats())),
+             "The default is 3gp for H.263, for AMR and for an output name that ends in .3gp, "
+             "otherwise mp4.",
+             wordsOf(fileFormats()));
+    app.add_flag("--faststart", o.fastStart);
+    describe("--faststart", "", "write the index first, for players that read from the start");
+    app.add_option("--preset", o.preset)->check(oneOf(kPresets));
+    describe("--preset", "NAME",
+             fmt::format("AVC encoder speed, {} to {}; default {}", kPresets.front(),
+                         kPresets.back(), o.preset),
+             "The values are " + listText(kPresets) + ".", kPresets);
+    app.add_option("--threads", o.threads)->transform(integer(1, kMaxThreads));
+    describe("--threads", "N",
+             fmt::format("threads per video codec, 1 to {}; default: one per available CPU, at "
+                         "most 16",
+                         kMaxThreads),
+             "A CPU is available when the affinity mask and the CPU quota of the control group "
+             "allow it.");
+    app.add_flag("--overwrite", o.overwrite);
+    describe("--overwrite", "", "replace OUTPUT if it exists");
+    app.add_option("--partial", o.keepPartial)->transform(oneOf(kPartialChoices));
+    describe("--partial", "CHOICE",
+             "after a stop, keep the shorter file (keep, the default) or not (discard)", "",
+             wordsOf(kPartialChoices));
+
+    mGroup = "Reports";
+    app.add_flag("--plan", o.plan);
+    describe("--plan", "", "print what would be done, as JSON, and write nothing",
+             "The plan names the tracks and why each is used or not, the decoders and encoders, "
+             "each value of the output and where it comes from, the seek points of the periods, "
+             "and an estimate of size and time from a dry run of two seconds.");
+    app.add_flag("--json", o.json);
+    describe("--json", "", "print the receipt as JSON");
+    app.add_option("--progress", o.progress)->transform(oneOf(kProgressStyles));
+    describe("--progress", "STYLE",
+             "display: " + listText(wordsOf(kProgressStyles)) +
+                 "; default: bar on a terminal, otherwise none",
+             "Progress is printed on standard error.", wordsOf(kProgressStyles));
+    app.add_option("--trace", o.trace);
+    describe("--trace", "FILE", "write a trace of the run, for https://ui.perfetto.dev",
+             "It shows threads, waits and queue lengths, and is also written when the run fails "
+             "or is stopped.");
+    app.add_option("--log", o.logFilter)->check(logFilter());
+    describe("--log", "FILTER", "print the log with a logcat filter, such as 'Transcode:V *:S'");
+    app.add_option("--log-format", o.logFormat)->check(oneOf(kLogFormats));
+    describe("--log-format", "NAME",
+             "logcat format: " + listText(kLogFormats) + "; default " + o.logFormat, "",
+             kLogFormats);
+    app.set_help_flag("--help");
+    describe("--help", "", "print this help");
+    app.set_version_flag("--version", "qmtranscode " QMTRANSCODE_VERSION);
+    describe("--version", "", "print the version");
+}
+
+std::variant<Options, Information, Failure> CommandLine::parse(int argc, const char* const* argv) {
+    try {
+        mApp.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        std::ostringstream text;
+        mApp.exit(success, text, text);
+        return Information{text.str()};
+    } catch (const CLI::ExtrasError&) {
+        return unknownArgument();
+    } catch (const CLI::Error& error) {
+        // Values are checked before the help flag is handled.
+        if (mApp.get_help_ptr()->count() > 0) return Information{helpText(mTexts)};
+        return usageError(error);
+    }
+    if (mOptions.output.empty()) {
+        return Failure{kExitUsage, "",
+                       fmt::format("{} missing (see qmtranscode --help)",
+                                   mOptions.input.empty() ? "INPUT and OUTPUT are" : "OUTPUT is")};
+    }
+    if (auto failure = checkCombinations()) return *failure;
+    return mOptions;
+}
+
+Failure CommandLine::unknownArgument() const {
+    std::vector<std::string> words = mApp.remaining();
+    // `--` is not counted as a positional argument.
+    words.erase(std::remove(words.begin(), words.end(), "--"), words.end());
+    const auto option = std::find_if(words.begin(), words.end(),
+                                     [](const std::string& word) { return word[0] == '-'; });
+    if (option == words.end()) {
+        return {kExitUsage, words.empty() ? "--" : words.front(),
+                "unexpected argument, because INPUT and OUTPUT are already given"};
+    }
+    const std::string name = option->substr(0, option->find('='));
+    const auto nearest =
+        std::min_element(mTexts.begin(), mTexts.end(), [&name](const auto& a, const auto& b) {
+            return editDistance(name, a.name) < editDistance(name, b.name);
+        });
+    constexpr size_t kMaxTypos = 2;
+    const bool isTypo =
+        name.size() > 2 * kMaxTypos && editDistance(name, nearest->name) <= kMaxTypos;
+    return {kExitUsage, name,
+            isTypo ? fmt::format("unknown option; did you mean {}?", nearest->name)
+                   : "unknown option; see qmtranscode --help"};
+}
+
+Failure CommandLine::usageError(const CLI::Error& error) const {
+    // "--option: reason", or "--option:  value: reason" for a refused value.
+    std::string text = error.what();
+    const size_t nameEnd = text.find(':');
+    if (nameEnd == std::string::npos) {
+        return {kExitUsage, "", text + " (see qmtranscode --help)"};
+    }
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
+        return {kExitUsage, text.substr(0, nameEnd), "the value is missing"};
+    }
+    if (text.compare(nameEnd, 3, ":  ") == 0) text.erase(nameEnd, 2);
+    return {kExitUsage, "", text};
+}
+
+std::optional<Failure> CommandLine::checkCombinations() {
+    // In the order of the help.
+    std::optional<Failure> failure = checkPeriods();
+    if (!failure) failure = checkName();
+    if (!failure) failure = checkSize();
+    if (!failure) failure = checkAudio();
+    if (!failure) failure = checkFormat();
+    return failure;
+}
+
+std::optional<Failure> CommandLine::checkPeriods() {
+    const std::vector<TrimPeriod>& periods = mOptions.periods;
+    for (size_t i = 1; i < periods.size(); ++i) {
+        if (periods[i].mStartUs >= periods[i - 1].mEndUs) continue;
+        return Failure{kExitUsage, given("--trim", i),
+                       "periods must be in time order and must not overlap"};
+    }
+    return std::nullopt;
+}
+
+// An extension names the container.
+std::optional<Failure> CommandLine::checkName() {
+    if (mOptions.format) return std::nullopt;
+    std::string extension = std::filesystem::path(mOptions.output).extension();
+    for (char& c : extension) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    if (extension == ".3gp") mOptions.format = FileFormat::k3gp;
+    if (std::find(kOtherExtensions.begin(), kOtherExtensions.end(), extension) ==
+        kOtherExtensions.end()) {
+        return std::nullopt;
+    }
+    return Failure{kExitUsage, mOptions.output,
+                   "only MP4 and 3GP files can be written; use the extension .mp4 or .3gp, or "
+                   "keep this one with --format mp4"};
+}
+
+std::optional<Failure> CommandLine::checkSize() const {
+    if (!mOptions.videoCodec || !mOptions.size) return std::nullopt;
+    // The rotation of the input decides which of the two is encoded.
+    const Size rotated{mOptions.size->height, mOptions.size->width};
+    if (supportsSize(*mOptions.videoCodec, *mOptions.size) ||
+        supportsSize(*mOptions.videoCodec, rotated)) {
+        return std::nullopt;
+    }
+    return Failure{kExitUsage, given("--size"), supportedSizesText(*mOptions.videoCodec)};
+}
+
+std::optional<Failure> CommandLine::checkAudio() const {
+    const AudioCodec codec = mOptions.audioCodec.value_or(AudioCodec::kAac);
+    if (codec == AudioCodec::kAac) {
+        if (!mOptions.audioRate) return std::nullopt;
+        const int32_t nearest = nearestAacSampleRate(*mOptions.audioRate);
+        if (nearest == *mOptions.audioRate) return std::nullopt;
+        return Failure{
+            kExitUsage, given("--audio-rate"),
+            fmt::format("AAC does not support this sample rate; {} would work", nearest)};
+    }
+    const int32_t rate = amrSampleRate(codec);
+    const std::string supported =
+        fmt::format("{} supports only {} Hz and one channel",
+                    codec == AudioCodec::kAmrNb ? "AMR-NB" : "AMR-WB", rate);
+    if (mOptions.audioRate.value_or(rate) != rate) {
+        return Failure{kExitUsage, given("--audio-rate"), supported};
+    }
+    if (mOptions.audioChannels.value_or(1) != 1) {
+        return Failure{kExitUsage, given("--audio-channels"), supported};
+    }
+    return std::nullopt;
+}
+
+std::optional<Failure> CommandLine::checkFormat() const {
+    if (mOptions.format != FileFormat::kMp4) return std::nullopt;
+    const bool isH263 = mOptions.videoCodec == VideoCodec::kH263;
+    if (!isH263 && mOptions.audioCodec.value_or(AudioCodec::kAac) == AudioCodec::kAac) {
+        return std::nullopt;
+    }
+    return Failure{kExitUsage, "--format mp4",
+                   fmt::format("{} is written to 3GP files only; --format 3gp would work",
+                               isH263 ? "H.263" : "AMR")};
+}
+
+}  // namespace
+
+bool Options::specifiesOutputFormat() const {
+    return size || frameRate || videoBitrate || videoCodec || audioBitrate || audioRate ||
+           audioChannels || audioCodec || format;
+}
+
+std::vector<int64_t> Options::cutTimesUs() const {
+    std::vector<int64_t> timesUs;
+    for (const TrimPeriod& period : periods) {
+        timesUs.insert(timesUs.end(), {period.mStartUs, period.mEndUs});
+    }
+    return timesUs;
+}
+
+std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv) {
+    return CommandLine().parse(argc, argv);
+}
+
+std::vector<OptionText> optionTexts() { return CommandLine().texts(); }
+
+}  // namespace android::qmmediaeditor::cli

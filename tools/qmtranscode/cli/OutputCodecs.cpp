@@ -1,0 +1,89 @@
+#include <fmt/format.h>
+#include <media/stagefright/foundation/MediaDefs.h>
+#include <qmtranscode/cli/OutputCodecs.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+constexpr Size kH263Sizes[] = {{128, 96}, {176, 144}, {352, 288}, {704, 576}, {1408, 1152}};
+// The largest even number of 13 bits.
+constexpr int32_t kMaxMpeg4Side = 8190;
+
+}  // namespace
+
+const Choices<FileFormat>& fileFormats() {
+    static const Choices<FileFormat> formats = {{"mp4", FileFormat::kMp4},
+                                                {"3gp", FileFormat::k3gp}};
+    return formats;
+}
+
+const Choices<VideoCodec>& videoCodecs() {
+    static const Choices<VideoCodec> codecs = {
+        {"avc", VideoCodec::kAvc}, {"h263", VideoCodec::kH263}, {"mpeg4", VideoCodec::kMpeg4}};
+    return codecs;
+}
+
+const Choices<AudioCodec>& audioCodecs() {
+    static const Choices<AudioCodec> codecs = {
+        {"aac", AudioCodec::kAac}, {"amr-nb", AudioCodec::kAmrNb}, {"amr-wb", AudioCodec::kAmrWb}};
+    return codecs;
+}
+
+std::string codecName(const std::string& mime) {
+    static const struct {
+        const char* mime;
+        const char* name;
+    } kNames[] = {
+        {MEDIA_MIMETYPE_VIDEO_AVC, "avc"},       {MEDIA_MIMETYPE_VIDEO_H263, "h263"},
+        {MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"},   {MEDIA_MIMETYPE_AUDIO_AAC, "aac"},
+        {MEDIA_MIMETYPE_AUDIO_AMR_NB, "amr-nb"}, {MEDIA_MIMETYPE_AUDIO_AMR_WB, "amr-wb"},
+    };
+    const auto* found = std::find_if(std::begin(kNames), std::end(kNames),
+                                     [&mime](const auto& entry) { return mime == entry.mime; });
+    return found == std::end(kNames) ? mime : found->name;
+}
+
+int32_t nearestAacSampleRate(int32_t sampleRate) {
+    constexpr int32_t kRates[] = {kMaxAacSampleRate,
+                                  88200,
+                                  64000,
+                                  48000,
+                                  44100,
+                                  32000,
+                                  24000,
+                                  22050,
+                                  16000,
+                                  12000,
+                                  11025,
+                                  8000,
+                                  7350};
+    return *std::min_element(std::begin(kRates), std::end(kRates), [sampleRate](int a, int b) {
+        return std::abs(sampleRate - a) < std::abs(sampleRate - b);
+    });
+}
+
+int32_t amrSampleRate(AudioCodec codec) { return codec == AudioCodec::kAmrNb ? 8000 : 16000; }
+
+int32_t amrBitrate(AudioCodec codec) { return codec == AudioCodec::kAmrNb ? 12200 : 23850; }
+
+bool supportsSize(VideoCodec codec, const Size& size) {
+    if (codec == VideoCodec::kMpeg4) return std::max(size.width, size.height) <= kMaxMpeg4Side;
+    if (codec != VideoCodec::kH263) return true;
+    return std::any_of(std::begin(kH263Sizes), std::end(kH263Sizes), [&size](const Size& known) {
+        return size.width == known.width && size.height == known.height;
+    });
+}
+
+std::string supportedSizesText(VideoCodec codec) {
+    if (codec == VideoCodec::kMpeg4) {
+        return fmt::format("MPEG-4 supports at most {0}x{0}", kMaxMpeg4Side);
+    }
+    return "H.263 supports only 128x96, 176x144, 352x288, 704x576 and 1408x1152";
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,50 @@
+// The containers and codecs of the output: their names on the command line, and what each supports.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+// The values are those of the output-format message.
+enum class FileFormat : int32_t { k3gp = 1, kMp4 = 2 };
+enum class VideoCodec : int32_t { kAvc = 2, kH263 = 1, kMpeg4 = 3 };
+enum class AudioCodec : int32_t { kAac = 3, kAmrNb = 1, kAmrWb = 2 };
+
+// The names that an option accepts, each with its value.
+template <typename T>
+using Choices = std::vector<std::pair<std::string, T>>;
+
+const Choices<FileFormat>& fileFormats();
+const Choices<VideoCodec>& videoCodecs();
+const Choices<AudioCodec>& audioCodecs();
+
+// "avc" for the MIME type of an output codec; for others, the MIME type.
+std::string codecName(const std::string& mime);
+
+struct Size {
+    int32_t width;
+    int32_t height;
+};
+
+constexpr int32_t kMaxAacChannels = 8;
+constexpr int32_t kMaxAacSampleRate = 96000;
+
+// The nearest sample rate that AAC supports (ISO/IEC 14496-3, table 1.18).
+int32_t nearestAacSampleRate(int32_t sampleRate);
+
+// The only sample rate of an AMR codec, which is mono.
+int32_t amrSampleRate(AudioCodec codec);
+// The highest bit rate of an AMR codec.
+int32_t amrBitrate(AudioCodec codec);
+
+// Whether the codec supports this frame size: one of the five of ITU-T H.263, table 5, or what the
+// 13-bit fields of ISO/IEC 14496-2 can hold.
+bool supportsSize(VideoCodec codec, const Size& size);
+// "H.263 supports only …": the sizes for which supportsSize() is true.
+std::string supportedSizesText(VideoCodec codec);
+
+}  // namespace android::qmmediaeditor::cli

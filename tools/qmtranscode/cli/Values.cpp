@@ -1,0 +1,119 @@
+#include <ctype.h>
+#include <fmt/format.h>
+#include <qmtranscode/cli/Values.h>
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+constexpr int64_t kSecondUs = 1000000;
+// Longer than any recording, and far from where sums of periods would overflow.
+constexpr int64_t kMaxHours = 9999;
+
+bool startsWithDigit(std::string_view text) {
+    return !text.empty() && isdigit(static_cast<unsigned char>(text[0])) != 0;
+}
+
+// "12" or "12.5", in microseconds. The fraction is not rounded, which a double would be.
+std::optional<int64_t> parseSecondsUs(std::string_view text, int64_t maxSeconds) {
+    const size_t point = text.find('.');
+    const std::optional<int64_t> seconds = parseInteger(text.substr(0, point), 0, maxSeconds);
+    if (!seconds || point == std::string_view::npos) {
+        return seconds ? std::optional(*seconds * kSecondUs) : std::nullopt;
+    }
+    constexpr size_t kDecimals = 6;
+    std::string decimals(text.substr(point + 1));
+    if (decimals.empty() || decimals.size() > kDecimals) return std::nullopt;
+    decimals.resize(kDecimals, '0');
+    const std::optional<int64_t> fractionUs = parseInteger(decimals, 0, kSecondUs);
+    return fractionUs ? std::optional(*seconds * kSecondUs + *fractionUs) : std::nullopt;
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator) {
+    std::vector<std::string_view> parts;
+    for (size_t end; (end = text.find(separator)) != std::string_view::npos;) {
+        parts.push_back(text.substr(0, end));
+        text.remove_prefix(end + 1);
+    }
+    parts.push_back(text);
+    return parts;
+}
+
+}  // namespace
+
+std::optional<int64_t> parseInteger(std::string_view text, int64_t min, int64_t max) {
+    int64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, value);
+    const bool isWhole = startsWithDigit(text) && error == std::errc() && rest == end;
+    return isWhole && value >= min && value <= max ? std::optional(value) : std::nullopt;
+}
+
+std::optional<int32_t> parseBitrate(std::string_view text) {
+    if (!startsWithDigit(text)) return std::nullopt;
+    double unit = 1;
+    if (text.back() == 'k' || text.back() == 'K') unit = 1000;
+    if (text.back() == 'M') unit = 1000000;
+    if (unit > 1) text.remove_suffix(1);
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number, std::chars_format::fixed);
+    if (error != std::errc() || rest != end) return std::nullopt;
+    const double bitrate = std::round(number * unit);
+    // Below the minimum, no video or audio is left; more likely, the unit was forgotten.
+    constexpr int32_t kMinBitrate = 1000;
+    if (bitrate < kMinBitrate || bitrate > std::numeric_limits<int32_t>::max()) {
+        return std::nullopt;
+    }
+    return static_cast<int32_t>(bitrate);
+}
+
+std::optional<Size> parseSize(std::string_view text) {
+    constexpr int32_t kMax = 1000000;
+    const std::vector<std::string_view> parts = split(text, 'x');
+    if (parts.size() != 2) return std::nullopt;
+    const std::optional<int64_t> width = parseInteger(parts[0], 0, kMax);
+    const std::optional<int64_t> height = parseInteger(parts[1], 0, kMax);
+    if (!width || !height) return std::nullopt;
+    return Size{static_cast<int32_t>(*width), static_cast<int32_t>(*height)};
+}
+
+std::optional<int64_t> parseTimeUs(std::string_view text) {
+    const std::vector<std::string_view> parts = split(text, ':');
+    if (parts.size() > 3) return std::nullopt;
+    // Only the leading part may exceed 59.
+    std::optional<int64_t> hours = 0;
+    std::optional<int64_t> minutes = 0;
+    if (parts.size() == 3) hours = parseInteger(parts[0], 0, kMaxHours);
+    if (parts.size() >= 2) {
+        minutes = parseInteger(parts[parts.size() - 2], 0, parts.size() == 3 ? 59 : kMaxHours * 60);
+    }
+    const std::optional<int64_t> secondsUs =
+        parseSecondsUs(parts.back(), parts.size() >= 2 ? 59 : kMaxHours * 3600);
+    if (!hours || !minutes || !secondsUs) return std::nullopt;
+    return (*hours * 3600 + *minutes * 60) * kSecondUs + *secondsUs;
+}
+
+std::optional<TrimPeriod> parsePeriod(std::string_view text) {
+    const std::vector<std::string_view> parts = split(text, '-');
+    if (parts.size() != 2) return std::nullopt;
+    const std::optional<int64_t> startUs = parseTimeUs(parts[0]);
+    const std::optional<int64_t> endUs = parseTimeUs(parts[1]);
+    if (!startUs || !endUs) return std::nullopt;
+    TrimPeriod period{};
+    period.mStartUs = *startUs;
+    period.mEndUs = *endUs;
+    return period;
+}
+
+std::string periodText(const TrimPeriod& period) {
+    return fmt::format("{:g}-{:g}", static_cast<double>(period.mStartUs) / kSecondUs,
+                       static_cast<double>(period.mEndUs) / kSecondUs);
+}
+
+}  // namespace android::qmmediaeditor::cli

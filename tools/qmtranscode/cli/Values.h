@@ -1,0 +1,32 @@
+// Parsers of option values. Each returns nothing if a part of the text is invalid.
+#pragma once
+
+#include <TranscodeTypes.h>
+#include <qmtranscode/cli/OutputCodecs.h>
+#include <stdint.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace android::qmmediaeditor::cli {
+
+// Decimal digits, without a sign.
+std::optional<int64_t> parseInteger(std::string_view text, int64_t min, int64_t max);
+
+// Bits per second, from 1000: "64000", "128k" or "1.5M".
+std::optional<int32_t> parseBitrate(std::string_view text);
+
+// "640x360".
+std::optional<Size> parseSize(std::string_view text);
+
+// Seconds ("90.25"), m:ss or h:mm:ss, each with up to six decimals. The result is in microseconds.
+std::optional<int64_t> parseTimeUs(std::string_view text);
+
+// "START-END". Whether the end is after the start is not checked.
+std::optional<TrimPeriod> parsePeriod(std::string_view text);
+
+// "START-END", as parsePeriod takes it.
+std::string periodText(const TrimPeriod& period);
+
+}  // namespace android::qmmediaeditor::cli

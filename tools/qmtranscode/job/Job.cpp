@@ -1,0 +1,185 @@
+#include <errno.h>
+#include <fmt/format.h>
+#include <malloc.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/DryRun.h>
+#include <qmtranscode/job/Job.h>
+#include <qmtranscode/job/OutputVerifier.h>
+#include <qmtranscode/job/Request.h>
+#include <qmtranscode/job/Session.h>
+#include <qmtranscode/report/Format.h>
+#include <qmtranscode/report/Plan.h>
+#include <qmtranscode/report/Progress.h>
+#include <string.h>
+
+namespace android::qmmediaeditor::cli {
+
+Outcome Job::run() {
+    limitAllocations();
+    if (auto failure = prepare()) return {failure};
+    if (mOptions.plan) return {plan()};
+    // The session closes it.
+    const int outputFd = mOutput.duplicate();
+    if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+    Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
+                      outputLengthUs());
+    const bool hasTrace = mOptions.trace.has_value();
+    if (hasTrace) mTrace.begin();
+    const int32_t result = transcode(outputFd, &progress);
+    Outcome outcome = conclude(result, &progress);
+    if (hasTrace) outcome.traceError = mTrace.end();
+    return outcome;
+}
+
+Outcome Job::conclude(int32_t result, Progress* progress) {
+    if (auto failure = mInput.checkReads(*mObserver)) return {failure};
+    if (result == OK) return concludeComplete(progress);
+    if (result == kStopped && mControl->stopRequested()) return concludeStopped();
+    return {failureOf(result)};
+}
+
+std::optional<Failure> Job::prepare() {
+    if (auto failure = mInput.probe(*mObserver)) return failure;
+    auto periods = makePeriods(mOptions, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
+    mPeriods = std::get<std::vector<TrimPeriod>>(periods);
+    auto format = makeOutputFormat(mOptions, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+    mOutputFormat = std::get<sp<AMessage>>(format);
+    return std::nullopt;
+}
+
+std::optional<Failure> Job::plan() {
+    const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor, mObserver);
+    if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
+    return writeReceipt(planJson(mOptions, mInput, mPeriods, std::get<DryRun>(result)));
+}
+
+int64_t Job::outputLengthUs() const {
+    if (mPeriods.empty()) return mInput.media().durationUs();
+    int64_t lengthUs = 0;
+    for (const TrimPeriod& period : mPeriods) lengthUs += period.mEndUs - period.mStartUs;
+    return lengthUs;
+}
+
+int32_t Job::transcode(int outputFd, Progress* progress) {
+    const int64_t startUs = nowUs();
+    mMonitor->begin(mPeriods, mOptions.trace ? &mTrace : nullptr);
+    int32_t result;
+    {
+        Session session(
+            {mInput.fd(), outputFd, mPeriods, mOutputFormat, [this, progress](int32_t percent) {
+                 mMonitor->onProgress(percent);
+                 progress->report(percent);
+             }});
+        mControl->onStop([&session] { session.cancel(); });
+        mControl->report(WorkerStage::kStarting);
+        mObserver->begin([this] { mControl->report(WorkerStage::kTranscoding); });
+        result = session.run();
+        mControl->ignoreStop();
+        mControl->report(WorkerStage::kVerifying);
+    }
+    mStatistics = mMonitor->end();
+    // Verification needs as much memory for the tables of long tracks again.
+    malloc_trim(0);
+    mWallSeconds = secondsOf(nowUs() - startUs);
+    return result;
+}
+
+Outcome Job::concludeComplete(Progress* progress) {
+    Receipt receipt = makeReceipt();
+    if (!receipt.contents) return {noSamples()};
+    const OutputVerifier verifier(mInput, mStatistics, *mObserver);
+    if (auto reason = verifier.verify(*receipt.contents)) {
+        return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
+    }
+    if (auto failure = checkTracks(*receipt.contents)) return {failure};
+    receipt.isComplete = true;
+    progress->finish();
+    if (auto failure = writeReceipt(receipt)) return {failure};
+    return {std::nullopt, true};
+}
+
+Outcome Job::concludeStopped() {
+    const Receipt receipt = makeReceipt();
+    if (auto failure = writeReceipt(receipt)) return {failure};
+    if (!receipt.contents) {
+        return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written"}};
+    }
+    return {
+        Failure{kExitStopped, mOutput.path(),
+                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs())},
+        true};
+}
+
+Failure Job::failureOf(int32_t result) const {
+    if (const std::optional<int> error = mObserver->writeError()) {
+        return {kExitFailed, mOutput.path(), strerror(*error)};
+    }
+    const bool isInputs =
+        result == kInvalidRequest || result == kReadError || result == kDecoderError;
+    return {kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+}
+
+Failure Job::noSamples() const {
+    if (!mObserver->framesUs().empty() || mObserver->audioUs() > 0) {
+        return {kExitFailed, mOutput.path(), "output verification failed: the file cannot be read"};
+    }
+    if (mPeriods.empty()) {
+        return {kExitUnusable, mInput.path(), "no frame and no audio could be decoded"};
+    }
+    return {kExitUnusable, mInput.path(),
+            std::string("no frame and no audio starts in ") +
+                (mPeriods.size() > 1 ? "these periods" : "this period")};
+}
+
+void Job::printMissing(const char* type, const char* reason) const {
+    console::printLine(fmt::format("qmtranscode: {}: written without {}, because {}",
+                                   mOutput.path(), type, reason));
+}
+
+std::optional<Failure> Job::checkTracks(const OutputContents& output) const {
+    const bool lacksVideo = mInput.media().video && !output.video;
+    const bool lacksAudio = mInput.media().audio && !output.audio;
+    if (lacksVideo && mObserver->video().skippedPackets > 0) {
+        return Failure{kExitUnusable, mInput.path(), "no frame of its video could be decoded"};
+    }
+    if (lacksAudio && mObserver->audio().skippedPackets > 0) {
+        return Failure{kExitUnusable, mInput.path(), "nothing of its audio could be decoded"};
+    }
+    if (lacksVideo) {
+        printMissing("video", mPeriods.empty() ? "the input's video track has no samples"
+                                               : "no frame of the input starts in the periods");
+    }
+    if (lacksAudio) {
+        printMissing("audio", mPeriods.empty() ? "the input's audio track has no samples"
+                                               : "no audio of the input starts in the periods");
+    }
+    return std::nullopt;
+}
+
+Receipt Job::makeReceipt() const {
+    Receipt receipt;
+    receipt.input = mInput.path();
+    receipt.output = mOutput.path();
+    receipt.asked = mOptions.periods;
+    receipt.inputUs = mInput.media().durationUs();
+    receipt.statistics = mStatistics;
+    receipt.video = mObserver->video();
+    receipt.audio = mObserver->audio();
+    receipt.wallSeconds = mWallSeconds;
+    receipt.contents = readOutput(mOutput.fd());
+    return receipt;
+}
+
+std::optional<Failure> Job::writeReceipt(const Receipt& receipt) const {
+    if (mOptions.json) return writeReceipt(toJson(receipt));
+    return receipt.contents ? writeReceipt(toText(receipt)) : std::nullopt;
+}
+
+std::optional<Failure> Job::writeReceipt(const std::string& text) const {
+    if (writeAll(mReceipt, text) == 0) return std::nullopt;
+    return Failure{kExitFailed, "the receipt", strerror(errno)};
+}
+
+}  // namespace android::qmmediaeditor::cli

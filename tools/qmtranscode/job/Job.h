@@ -1,0 +1,86 @@
+// One run of the command in the worker, from checked options to an exit status.
+#pragma once
+
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/cli/Options.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/sandbox/WorkerLink.h>
+#include <utils/StrongPointer.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+class Progress;
+
+// How a job ends. The receipt or the plan is written by then.
+struct Outcome {
+    // Nothing when the output is complete.
+    std::optional<Failure> failure;
+    // The output is to get its name: it is complete, or valid up to the time of a stop.
+    bool keepOutput = false;
+    int traceError = 0;  // errno of the first failed write of the trace
+};
+
+class Job {
+public:
+    // All outlive the job. A platform must be installed that has `observer`, and the log must go to
+    // `monitor`.
+    Job(const Options& options, JobFiles* files, WorkerControl* control, RunMonitor* monitor,
+        RunObserver* observer)
+        : mOptions(options),
+          mInput(files->input),
+          mOutput(files->output),
+          mTrace(files->trace),
+          mReceipt(files->receipt),
+          mControl(control),
+          mMonitor(monitor),
+          mObserver(observer) {}
+
+    Outcome run();
+
+private:
+    Job(const Job&) = delete;
+    Job& operator=(const Job&) = delete;
+
+    // Refuses what can be refused before anything is written.
+    std::optional<Failure> prepare();
+    // Writes the plan.
+    std::optional<Failure> plan();
+    // Runs the session. The result is its code.
+    int32_t transcode(int outputFd, Progress* progress);
+    // From the session's code to the receipt.
+    Outcome conclude(int32_t result, Progress* progress);
+    Outcome concludeComplete(Progress* progress);
+    Outcome concludeStopped();
+    Failure failureOf(int32_t result) const;
+    // Why the output has no samples.
+    Failure noSamples() const;
+    // A failure if a track could not be decoded at all; a line if the input has no samples of it.
+    std::optional<Failure> checkTracks(const OutputContents& output) const;
+    // Prints that the output has no track of this type.
+    void printMissing(const char* type, const char* reason) const;
+    Receipt makeReceipt() const;
+    std::optional<Failure> writeReceipt(const Receipt& receipt) const;
+    std::optional<Failure> writeReceipt(const std::string& text) const;
+    int64_t outputLengthUs() const;
+
+    const Options& mOptions;
+    JobInput& mInput;
+    const PendingFile& mOutput;
+    TraceFile& mTrace;
+    const int mReceipt;
+    WorkerControl* const mControl;
+    RunMonitor* const mMonitor;
+    RunObserver* const mObserver;
+    std::vector<TrimPeriod> mPeriods;
+    sp<AMessage> mOutputFormat;
+    RunStatistics mStatistics;
+    double mWallSeconds = 0;
+};
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,131 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <media/stagefright/MediaErrors.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+const char* fileTypeName(mode_t mode) {
+    if (S_ISDIR(mode)) return "a directory";
+    if (S_ISFIFO(mode)) return "a pipe";
+    return "a device";
+}
+
+}  // namespace
+
+JobInput::~JobInput() {
+    if (mFd >= 0) close(mFd);
+}
+
+std::optional<Failure> JobInput::open(const std::string& path) {
+    mPath = path;
+    if (path == "-") {
+        return Failure{kExitUnusable, path,
+                       "standard input is not seekable; INPUT must be a regular file"};
+    }
+    // stat() first, because open() of a pipe would wait for its writer.
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        return Failure{exitStatusOf(errno), path, strerror(errno)};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return Failure{
+            kExitUnusable, path,
+            fmt::format("this is {}; INPUT must be a regular file", fileTypeName(status.st_mode))};
+    }
+    if (status.st_size == 0) return Failure{kExitUnusable, path, "the file is empty"};
+    mFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (mFd < 0) return Failure{exitStatusOf(errno), path, strerror(errno)};
+    if (fstat(mFd, &mStatus) != 0) return Failure{kExitFailed, path, strerror(errno)};
+    return std::nullopt;
+}
+
+std::optional<Failure> JobInput::probe(const RunObserver& observer) {
+    const auto [media, status] = readMediaFile(mFd);
+    if (auto failure = checkReads(observer)) return failure;
+    if (status < 0 && status > MEDIA_ERROR_BASE) {
+        return Failure{kExitFailed, mPath, strerror(-status)};
+    }
+    if (!media) {
+        return Failure{kExitUnusable, mPath, "not a media file, or damaged beyond reading"};
+    }
+    if (!media->audio && !media->video) {
+        return Failure{kExitUnusable, mPath,
+                       media->mimes.empty() ? "the file has no tracks"
+                                            : "no track of the file has a supported codec"};
+    }
+    mMedia = *media;
+    return std::nullopt;
+}
+
+std::optional<Failure> JobInput::checkReads(const RunObserver& observer) const {
+    if (const std::optional<ReadError> read = observer.readError()) {
+        if (read->error == ESTALE) {
+            return Failure{kExitFailed, mPath,
+                           fmt::format("the file was truncated during the run, at byte {}",
+                                       read->offsetBytes)};
+        }
+        return Failure{kExitFailed, mPath,
+                       fmt::format("{} at byte {}", strerror(read->error), read->offsetBytes)};
+    }
+    if (const std::optional<std::string> reason = observer.refusal()) {
+        return Failure{kExitUnusable, mPath, *reason};
+    }
+    struct stat now {};
+    if (fstat(mFd, &now) != 0) return Failure{kExitFailed, mPath, strerror(errno)};
+    const bool hasGrown = now.st_size > mStatus.st_size;
+    const bool isModified = now.st_mtim.tv_sec != mStatus.st_mtim.tv_sec ||
+                            now.st_mtim.tv_nsec != mStatus.st_mtim.tv_nsec;
+    if (now.st_size < mStatus.st_size || (isModified && !hasGrown)) {
+        return Failure{kExitFailed, mPath, "the file was modified during the run"};
+    }
+    return std::nullopt;
+}
+
+bool JobInput::isSameFile(const struct stat* file) const {
+    return file != nullptr && file->st_dev == mStatus.st_dev && file->st_ino == mStatus.st_ino;
+}
+
+JobFiles::~JobFiles() {
+    if (receipt >= 0) close(receipt);
+}
+
+std::optional<Failure> JobFiles::open(const Options& options) {
+    receipt = memfd_create("qmtranscode-receipt", MFD_CLOEXEC);
+    if (receipt < 0) return Failure{kExitFailed, "memory for the receipt", strerror(errno)};
+    if (auto failure = input.open(options.input)) return failure;
+    if (options.output == "-") {
+        return Failure{kExitUsage, options.output,
+                       "standard output is not seekable; OUTPUT must be a regular file"};
+    }
+    if (auto failure = output.locate(options.output)) return failure;
+    if (input.isSameFile(output.older())) {
+        return Failure{kExitUsage, options.output, "this is the input file"};
+    }
+    if (auto failure = output.checkPlace(options.overwrite)) return failure;
+    if (options.plan) return std::nullopt;
+    if (auto failure = openTrace(options)) return failure;
+    return output.create(options.overwrite);
+}
+
+std::optional<Failure> JobFiles::openTrace(const Options& options) {
+    if (!options.trace) return std::nullopt;
+    PendingFile& file = trace.file();
+    if (auto failure = file.locate(*options.trace)) return failure;
+    if (input.isSameFile(file.older())) {
+        return Failure{kExitUsage, *options.trace, "this is the input file"};
+    }
+    if (file.isSameAs(output)) {
+        return Failure{kExitUsage, *options.trace, "this is the output file"};
+    }
+    if (auto failure = file.checkPlace(options.overwrite)) return failure;
+    return file.create(options.overwrite);
+}
+
+}  // namespace android::qmmediaeditor::cli

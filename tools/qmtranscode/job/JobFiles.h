@@ -1,0 +1,67 @@
+// The files of one command. They are opened before the worker gives up the right to open any.
+#pragma once
+
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/cli/Options.h>
+#include <qmtranscode/job/MediaFile.h>
+#include <qmtranscode/job/PendingFile.h>
+#include <qmtranscode/monitor/RunStatistics.h>
+#include <qmtranscode/monitor/TraceFile.h>
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+
+namespace android::qmmediaeditor::cli {
+
+// The input, open for as long as the session reads it.
+class JobInput {
+public:
+    JobInput() = default;
+    ~JobInput();
+
+    // Opens a regular file; its content is not read.
+    std::optional<Failure> open(const std::string& path);
+    // Finds the tracks that can be decoded.
+    std::optional<Failure> probe(const RunObserver& observer);
+    // A failure if the file could not be read, exceeds a limit, or was truncated or modified since
+    // `open`. It may grow, as a recording does.
+    std::optional<Failure> checkReads(const RunObserver& observer) const;
+
+    int fd() const { return mFd; }
+    const std::string& path() const { return mPath; }
+    const MediaFile& media() const { return mMedia; }
+    // Whether `file`, which may be null, is the input.
+    bool isSameFile(const struct stat* file) const;
+
+private:
+    JobInput(const JobInput&) = delete;
+    JobInput& operator=(const JobInput&) = delete;
+
+    std::string mPath;
+    int mFd = -1;
+    struct stat mStatus {};  // at `open`
+    MediaFile mMedia;
+};
+
+struct JobFiles {
+    JobInput input;
+    // Both get their names at the end.
+    PendingFile output;
+    TraceFile trace;
+    int receipt = -1;  // memory shared by both processes
+
+    JobFiles() = default;
+    ~JobFiles();
+    // Refuses places that cannot be written, and an output or a trace that is another file of the
+    // command. Creates nothing for a plan.
+    std::optional<Failure> open(const Options& options);
+
+private:
+    JobFiles(const JobFiles&) = delete;
+    JobFiles& operator=(const JobFiles&) = delete;
+
+    std::optional<Failure> openTrace(const Options& options);
+};
+
+}  // namespace android::qmmediaeditor::cli

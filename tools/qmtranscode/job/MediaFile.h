@@ -1,0 +1,84 @@
+// The tracks of a media file, and their samples, as the platform's extractor reads them.
+#pragma once
+
+#include <TranscodeTypes.h>
+#include <editorutils/QmMediaExtractorWrapper.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <utils/Errors.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+// Numbers that the file does not contain are 0.
+struct AudioTrack {
+    size_t index = 0;
+    std::string mime;
+    int64_t durationUs = 0;
+    int32_t sampleRate = 0;  // Hz
+    int32_t channels = 0;
+    int32_t bitrate = 0;  // bits per second
+};
+
+struct VideoTrack {
+    size_t index = 0;
+    std::string mime;
+    int64_t durationUs = 0;
+    int32_t width = 0;  // pixels, before rotation
+    int32_t height = 0;
+    int32_t rotation = 0;   // degrees clockwise
+    int32_t frameRate = 0;  // frames per second
+    int32_t bitrate = 0;    // bits per second
+};
+
+struct MediaFile {
+    int64_t sizeBytes = 0;
+    // The first track of each type that can be decoded, which are those that a session uses.
+    std::optional<AudioTrack> audio;
+    std::optional<VideoTrack> video;
+    // The MIME types of all tracks, in the order of the file.
+    std::vector<std::string> mimes;
+    // The payload of its uuid boxes.
+    std::string uuidData;
+
+    // Of the longer track.
+    int64_t durationUs() const;
+};
+
+struct OpenedExtractor {
+    sp<QmMediaExtractorWrapper> extractor;  // null unless status is OK
+    // ERROR_UNSUPPORTED if it is not a media file; ERROR_IO, NO_MEMORY or -errno if another try may
+    // succeed.
+    status_t status = OK;
+    int64_t sizeBytes = 0;
+};
+OpenedExtractor openExtractor(int fd);
+
+struct MediaFileResult {
+    std::optional<MediaFile> media;  // nothing unless status is OK
+    status_t status = OK;            // as openExtractor's
+};
+// `fd` may be closed afterwards; its position does not change.
+MediaFileResult readMediaFile(int fd);
+
+// Times are microseconds.
+struct TrackSamples {
+    int64_t count = 0;
+    int64_t bytes = 0;
+    int64_t firstUs = 0;  // the lowest timestamp
+    int64_t endUs = 0;    // the end of the last sample
+    // Timestamps in the order of the file.
+    std::vector<int64_t> timesUs;
+};
+
+// Reads all data of the tracks with these indexes; a result for each. Nothing when a sample cannot
+// be read.
+std::optional<std::vector<TrackSamples>> readSamples(int fd, const std::vector<size_t>& tracks);
+
+// The timestamp of the sample at which decoding must start to get the frame at `timeUs`.
+std::optional<int64_t> seekPointUs(int fd, const std::vector<size_t>& tracks, int64_t timeUs);
+
+}  // namespace android::qmmediaeditor::cli

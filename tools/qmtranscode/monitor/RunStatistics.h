@@ -1,0 +1,122 @@
+// What a run has done, in numbers: RunStatistics from the component's log, RunObserver from the
+// host.
+#pragma once
+
+#include <TranscodeTypes.h>
+#include <host/Host.h>
+#include <qmtranscode/monitor/LogEvent.h>
+#include <stdint.h>
+#include <utils/Mutex.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+struct PeriodStatistics {
+    // Where the period is in the output.
+    int64_t startUs = 0;
+    int64_t endUs = 0;
+    // Frames that were left out because of the output's frame rate.
+    int64_t dropped = 0;
+    // The audio that was taken from it, in output time; nothing without audio.
+    std::optional<int64_t> audioStartUs;
+    int64_t audioEndUs = 0;
+    // How much later than its video the period's audio is played; negative when it is earlier.
+    int64_t skewUs = 0;
+};
+
+struct RunStatistics {
+    RunStatistics() : RunStatistics(std::vector<TrimPeriod>()) {}
+    // Without periods, the whole input is one.
+    explicit RunStatistics(const std::vector<TrimPeriod>& periods);
+
+    // `event` is null for a message that is not one.
+    void add(std::string_view message, const LogEvent* event);
+
+    int64_t dropped() const;
+    // The number of periods from which something has been decoded.
+    size_t periodsStarted() const { return mPeriodsStarted; }
+
+    std::vector<PeriodStatistics> periods;
+    int64_t framesDecoded = 0;  // without those outside of the periods
+
+private:
+    PeriodStatistics& periodAt(int64_t timeUs);
+    void addAudio(int64_t bytes, int64_t timeUs);
+    int64_t audioLengthUs(int64_t bytes) const;
+
+    int64_t mAudioBytes = 0;
+    int64_t mAudioBytesPerSecond = 0;
+    size_t mPeriodsStarted = 0;
+};
+
+// The codecs of a track; names are empty and the format is null without the track.
+struct TrackCodecs {
+    std::string decoder;
+    std::string encoder;
+    // The settings of the encoder, under the platform's keys.
+    sp<AMessage> format;
+    // Packets that could not be decoded.
+    int64_t skippedPackets = 0;
+};
+
+struct ReadError {
+    int error = 0;  // errno; ESTALE when the file has become shorter
+    int64_t offsetBytes = 0;
+};
+
+// Collects what the host reports beside the session's result. Any thread may call any operation.
+class RunObserver : public HostObserver {
+public:
+    void onReadError(int error, int64_t offsetBytes) override;
+    void onWriteError(int error) override;
+    void onRefused(const std::string& reason) override;
+    void onDecoderOpened(bool isVideo, const std::string& name) override;
+    void onEncoderOpened(bool isVideo, const std::string& name,
+                         const sp<AMessage>& format) override;
+    void onPacketSkipped(bool isVideo) override;
+    void onFirstSample() override;
+    void onFrameEncoded(int64_t timeUs) override;
+    void onAudioEncoded(int64_t samples, int sampleRate) override;
+    void onVideoEnd(int64_t timeUs) override;
+
+    // The first one since the command began.
+    std::optional<ReadError> readError() const;
+    // Why the input was refused; the first reason since the command began.
+    std::optional<std::string> refusal() const;
+    // errno of the first write error since begin().
+    std::optional<int> writeError() const;
+
+    // Forgets the previous run. `onFirstSample` is called on a thread of the host when the output
+    // gets its first sample.
+    void begin(std::function<void()> onFirstSample);
+
+    TrackCodecs video() const;
+    TrackCodecs audio() const;
+
+    // Timestamps of the frames that the video encoder has accepted, in microseconds of the output.
+    std::vector<int64_t> framesUs() const;
+    // Length of the audio that the audio encoder has accepted.
+    int64_t audioUs() const;
+    // The end of the last video frame of the output.
+    std::optional<int64_t> videoEndUs() const;
+
+private:
+    mutable Mutex mLock;
+    std::function<void()> mOnFirstSample GUARDED_BY(mLock);
+    std::optional<ReadError> mReadError GUARDED_BY(mLock);
+    std::optional<std::string> mRefusal GUARDED_BY(mLock);
+    std::optional<int> mWriteError GUARDED_BY(mLock);
+    TrackCodecs mVideo GUARDED_BY(mLock);
+    TrackCodecs mAudio GUARDED_BY(mLock);
+    std::vector<int64_t> mFramesUs GUARDED_BY(mLock);
+    int64_t mAudioSamples GUARDED_BY(mLock) = 0;
+    int mAudioRate GUARDED_BY(mLock) = 0;
+    std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);
+};
+
+}  // namespace android::qmmediaeditor::cli

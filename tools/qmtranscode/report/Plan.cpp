@@ -1,0 +1,168 @@
+#include <editorutils/MediaEditorDefs.h>
+#include <qmtranscode/cli/OutputCodecs.h>
+#include <qmtranscode/job/MediaFile.h>
+#include <qmtranscode/job/Request.h>
+#include <qmtranscode/report/Format.h>
+#include <qmtranscode/report/Plan.h>
+#include <string.h>
+#include <strings.h>
+
+#include <algorithm>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+bool hasType(const std::string& mime, const char* type) {
+    return strncasecmp(mime.c_str(), type, strlen(type)) == 0;
+}
+
+std::string whyNotUsed(const std::string& mime) {
+    if (strcasecmp(mime.c_str(), MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED) == 0 ||
+        strcasecmp(mime.c_str(), MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED) == 0) {
+        return "no decoder for its codec";
+    }
+    if (hasType(mime, "image/")) return "cover art, not a video track";
+    if (hasType(mime, "video/") || hasType(mime, "audio/"))
+        return "not the first track of its type";
+    return "neither video nor audio";
+}
+
+Json tracksOf(const MediaFile& media) {
+    Json tracks = Json::array();
+    for (size_t i = 0; i < media.mimes.size(); ++i) {
+        const bool video = media.video && media.video->index == i;
+        const bool audio = media.audio && media.audio->index == i;
+        tracks.push_back({{"index", i},
+                          {"type", media.mimes[i]},
+                          {"chosen", video || audio},
+                          {"why", video   ? "the first video track"
+                                  : audio ? "the first audio track"
+                                          : whyNotUsed(media.mimes[i])}});
+    }
+    return tracks;
+}
+
+// A number of the output, and where it comes from. `input` is the input's value, 0 if unknown.
+template <typename T>
+Json numberOf(int64_t value, const std::optional<T>& asked, int64_t input) {
+    if (asked) return {{"value", value}, {"from", "asked"}};
+    if (input <= 0) return {{"value", value}, {"from", "default"}};
+    Json json = {{"value", value}, {"from", "input"}};
+    if (value != input) json["input_has"] = input;
+    return json;
+}
+
+Json wordOf(const std::string& value, bool asked) {
+    return {{"value", value}, {"from", asked ? "asked" : "default"}};
+}
+
+// The encoder's setting, 0 without an encoder.
+int64_t settingOf(const TrackCodecs& codecs, const char* key) {
+    int32_t number = 0;
+    float fraction = 0;
+    if (codecs.format == nullptr || codecs.format->findInt32(key, &number)) return number;
+    return codecs.format->findFloat(key, &fraction) ? static_cast<int64_t>(fraction) : 0;
+}
+
+std::string codecOf(const TrackCodecs& codecs) {
+    AString mime;
+    if (codecs.format != nullptr) codecs.format->findString("mime", &mime);
+    return codecName(mime.c_str());
+}
+
+Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs& codecs) {
+    const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
+    // Width and height are those that are encoded; --size is the size after rotation.
+    return {{"decoder", codecs.decoder},
+            {"encoder", codecs.encoder},
+            {"codec", wordOf(codecOf(codecs), options.videoCodec.has_value())},
+            {"width", numberOf(setting("width"), options.size, input.width)},
+            {"height", numberOf(setting("height"), options.size, input.height)},
+            {"rotation", Json{{"value", input.rotation}, {"from", "input"}}},
+            {"fps", numberOf(setting("frame-rate"), options.frameRate, input.frameRate)},
+            {"bitrate", numberOf(setting("bitrate"), options.videoBitrate, input.bitrate)}};
+}
+
+Json audioOf(const Options& options, const AudioTrack& input, const TrackCodecs& codecs) {
+    const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
+    return {{"decoder", codecs.decoder},
+            {"encoder", codecs.encoder},
+            {"codec", wordOf(codecOf(codecs), options.audioCodec.has_value())},
+            {"sample_rate", numberOf(setting("sample-rate"), options.audioRate, input.sampleRate)},
+            {"channels", numberOf(setting("channel-count"), options.audioChannels, input.channels)},
+            {"bitrate", numberOf(setting("bitrate"), options.audioBitrate, input.bitrate)}};
+}
+
+Json periodsOf(const Options& options, const JobInput& input,
+               const std::vector<TrimPeriod>& periods) {
+    const MediaFile& media = input.media();
+    std::vector<size_t> tracks;
+    if (media.video) tracks.push_back(media.video->index);
+    if (media.audio) tracks.push_back(media.audio->index);
+    Json list = Json::array();
+    int64_t startUs = 0;
+    for (size_t i = 0; i < periods.size(); ++i) {
+        const TrimPeriod& period = periods[i];
+        Json entry = {{"start", secondsOf(period.mStartUs)},
+                      {"end", secondsOf(period.mEndUs)},
+                      {"in_output_at", secondsOf(startUs)},
+                      {"seek_point", nullptr}};
+        const std::optional<int64_t> pointUs = seekPointUs(input.fd(), tracks, period.mStartUs);
+        if (pointUs) entry["seek_point"] = secondsOf(*pointUs);
+        if (period.mEndUs != options.periods[i].mEndUs) {
+            entry["asked_end"] = secondsOf(options.periods[i].mEndUs);
+        }
+        startUs += period.mEndUs - period.mStartUs;
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+// Scales the results of the dry run to the length of the output.
+Json estimateOf(int64_t lengthUs, const DryRun& run) {
+    Json json = {{"bytes", nullptr}, {"seconds", nullptr}, {"measured_seconds", run.wallSeconds}};
+    if (!run.output) return json;
+    const int64_t measuredUs = run.output->media.durationUs();
+    if (measuredUs <= 0) return json;
+    const double factor = std::max(1.0, secondsOf(lengthUs) / secondsOf(measuredUs));
+    json["bytes"] = static_cast<int64_t>(static_cast<double>(run.output->media.sizeBytes) * factor);
+    json["seconds"] = run.wallSeconds * factor;
+    return json;
+}
+
+std::string containerName(const Options& options) {
+    return outputFileFormat(options) == FileFormat::k3gp ? "3gp" : "mp4";
+}
+
+}  // namespace
+
+std::string planJson(const Options& options, const JobInput& input,
+                     const std::vector<TrimPeriod>& periods, const DryRun& run) {
+    const MediaFile& media = input.media();
+    int64_t lengthUs = periods.empty() ? media.durationUs() : 0;
+    for (const TrimPeriod& period : periods) lengthUs += period.mEndUs - period.mStartUs;
+
+    Json output = {{"file", options.output},
+                   {"format", wordOf(containerName(options), options.format.has_value())},
+                   {"length", secondsOf(lengthUs)},
+                   {"video", nullptr},
+                   {"audio", nullptr}};
+    if (media.video) output["video"] = videoOf(options, *media.video, run.video);
+    if (media.audio) output["audio"] = audioOf(options, *media.audio, run.audio);
+    Json json = {{"input",
+                  {{"file", input.path()},
+                   {"bytes", media.sizeBytes},
+                   {"length", secondsOf(media.durationUs())},
+                   {"tracks", tracksOf(media)}}},
+                 {"output", std::move(output)},
+                 {"periods", periodsOf(options, input, periods)},
+                 {"uuid_data", nullptr},
+                 {"estimate", estimateOf(lengthUs, run)}};
+    if (!media.uuidData.empty()) {
+        json["uuid_data"] = {{"bytes", media.uuidData.size()}, {"sha256", sha256(media.uuidData)}};
+    }
+    return dumpJson(json);
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,17 @@
+// What a job would do, and why, before it is done.
+#pragma once
+
+#include <qmtranscode/cli/Options.h>
+#include <qmtranscode/job/DryRun.h>
+#include <qmtranscode/job/JobFiles.h>
+
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+// A JSON object. `run` used these options and periods.
+std::string planJson(const Options& options, const JobInput& input,
+                     const std::vector<TrimPeriod>& periods, const DryRun& run);
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,269 @@
+#include <fmt/format.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/cli/OutputCodecs.h>
+#include <qmtranscode/report/Format.h>
+#include <qmtranscode/report/Receipt.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+// The output of a period, in times of the input.
+struct PeriodResult {
+    TrimPeriod asked;
+    // The end of the input, if the period reaches beyond it.
+    std::optional<int64_t> inputEndUs;
+    int64_t framesOut = 0;
+    int64_t dropped = 0;
+    std::optional<TrimPeriod> video;  // timestamps of the first and the last frame
+    std::optional<TrimPeriod> audio;  // from its start to its end
+    std::optional<int64_t> skewUs;
+};
+
+// In the order of kUsageMarks.
+constexpr char kCpuTextMark = 1;
+constexpr char kMemoryTextMark = 2;
+constexpr char kCpuJsonMark = 3;
+constexpr char kMemoryJsonMark = 4;
+
+// Replaces a number that is null by its mark.
+void markNumber(const std::string& key, char mark, std::string* json) {
+    const std::string placeholder = fmt::format("\"{}\": null", key);
+    const size_t at = json->find(placeholder);
+    if (at == std::string::npos) return;
+    json->replace(at, placeholder.size(), fmt::format("\"{}\": {}", key, mark));
+}
+
+int64_t bitrateOf(const TrackSamples& samples) {
+    const int64_t lengthUs = samples.endUs - samples.firstUs;
+    if (lengthUs <= 0) return 0;
+    return static_cast<int64_t>(static_cast<double>(samples.bytes) * 8 / secondsOf(lengthUs));
+}
+
+// The average frame rate.
+double rateOf(const TrackSamples& samples) {
+    if (samples.count < 2) return 0;
+    const auto [first, last] = std::minmax_element(samples.timesUs.begin(), samples.timesUs.end());
+    return static_cast<double>(samples.count - 1) / std::max(secondsOf(*last - *first), 1e-6);
+}
+
+int64_t skippedPackets(const Receipt& receipt) {
+    return receipt.video.skippedPackets + receipt.audio.skippedPackets;
+}
+
+PeriodResult resultOf(const Receipt& receipt, size_t index) {
+    // The file rounds timestamps to its timescale, by much less than the distance of two frames.
+    constexpr int64_t kRoundingUs = 1000;
+    const PeriodStatistics& statistics = receipt.statistics.periods[index];
+    const OutputContents& contents = *receipt.contents;
+    const bool isWholeInput = receipt.asked.empty();
+    PeriodResult result;
+    result.asked = isWholeInput ? TrimPeriod{0, contents.media.durationUs()} : receipt.asked[index];
+    if (!isWholeInput && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
+        result.inputEndUs = receipt.inputUs;
+    }
+    result.dropped = statistics.dropped;
+    const int64_t offsetUs = result.asked.mStartUs - statistics.startUs;
+    static const std::vector<int64_t> kNoFrames;
+    for (int64_t timeUs : contents.video ? contents.video->timesUs : kNoFrames) {
+        if (timeUs + kRoundingUs < statistics.startUs) continue;
+        if (!isWholeInput && timeUs + kRoundingUs >= statistics.endUs) continue;
+        ++result.framesOut;
+        if (!result.video) result.video = {timeUs + offsetUs, timeUs + offsetUs};
+        result.video->mEndUs = std::max(result.video->mEndUs, timeUs + offsetUs);
+    }
+    if (statistics.audioStartUs) {
+        result.audio = {*statistics.audioStartUs + offsetUs, statistics.audioEndUs + offsetUs};
+        if (result.video) result.skewUs = statistics.skewUs;
+    }
+    return result;
+}
+
+std::vector<PeriodResult> resultsOf(const Receipt& receipt) {
+    std::vector<PeriodResult> results;
+    for (size_t i = 0; i < receipt.statistics.periods.size(); ++i) {
+        results.push_back(resultOf(receipt, i));
+    }
+    return results;
+}
+
+Json tracksOf(const Receipt& receipt) {
+    const OutputContents& contents = *receipt.contents;
+    Json tracks = Json::array();
+    if (contents.video) {
+        const VideoTrack& video = *contents.media.video;
+        tracks.push_back({{"kind", "video"},
+                          {"codec", codecName(video.mime)},
+                          {"decoder", receipt.video.decoder},
+                          {"encoder", receipt.video.encoder},
+                          {"width", video.width},
+                          {"height", video.height},
+                          {"rotation", video.rotation},
+                          {"fps", rateOf(*contents.video)},
+                          {"frames", contents.video->count},
+                          {"bytes", contents.video->bytes},
+                          {"bitrate", bitrateOf(*contents.video)},
+                          {"seconds", secondsOf(contents.video->endUs - contents.video->firstUs)}});
+    }
+    if (contents.audio) {
+        const AudioTrack& audio = *contents.media.audio;
+        tracks.push_back({{"kind", "audio"},
+                          {"codec", codecName(audio.mime)},
+                          {"decoder", receipt.audio.decoder},
+                          {"encoder", receipt.audio.encoder},
+                          {"sample_rate", audio.sampleRate},
+                          {"channels", audio.channels},
+                          {"frames", contents.audio->count},
+                          {"bytes", contents.audio->bytes},
+                          {"bitrate", bitrateOf(*contents.audio)},
+                          {"seconds", secondsOf(contents.audio->endUs - contents.audio->firstUs)}});
+    }
+    return tracks;
+}
+
+Json spanOf(const std::optional<TrimPeriod>& span) {
+    if (!span) return nullptr;
+    return {{"first", secondsOf(span->mStartUs)}, {"last", secondsOf(span->mEndUs)}};
+}
+
+Json periodsOf(const Receipt& receipt) {
+    Json periods = Json::array();
+    for (const PeriodResult& result : resultsOf(receipt)) {
+        Json period = {{"asked", spanOf(result.asked)},
+                       {"input_ends", nullptr},
+                       {"video", spanOf(result.video)},
+                       {"audio", spanOf(result.audio)},
+                       {"frames_in", result.framesOut + result.dropped},
+                       {"frames_out", result.framesOut},
+                       {"frames_dropped", result.dropped},
+                       {"audio_skew_ms", nullptr}};
+        if (result.inputEndUs) period["input_ends"] = secondsOf(*result.inputEndUs);
+        if (result.skewUs) period["audio_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
+        periods.push_back(std::move(period));
+    }
+    return periods;
+}
+
+// A line with its name in a column of its own.
+template <typename... Values>
+std::string row(const char* name, fmt::format_string<Values...> format, Values&&... values) {
+    return fmt::format("  {:<8} {}\n", name, fmt::format(format, std::forward<Values>(values)...));
+}
+
+std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
+    const TrackSamples& samples = *receipt.contents->video;
+    return row("video", "{} {}x{}, {:.4g} fps", codecName(video.mime), video.width, video.height,
+               rateOf(samples)) +
+           row("", "{} frames, {} dropped", samples.count, receipt.statistics.dropped()) +
+           row("", "{}", bitrateText(bitrateOf(samples)));
+}
+
+std::string audioRows(const AudioTrack& audio, const TrackSamples& samples) {
+    return row("audio", "{} {} Hz, {} channel{}", codecName(audio.mime), audio.sampleRate,
+               audio.channels, audio.channels == 1 ? "" : "s") +
+           row("", "{}", bitrateText(bitrateOf(samples)));
+}
+
+std::string spanText(const TrimPeriod& span) {
+    return fmt::format("{:.3f}-{:.3f} s", secondsOf(span.mStartUs), secondsOf(span.mEndUs));
+}
+
+std::string periodRows(const PeriodResult& result) {
+    std::string rows = row("period", "{} asked", spanText(result.asked));
+    if (result.inputEndUs) {
+        rows += row("", "the input ends at {:.3f} s", secondsOf(*result.inputEndUs));
+    }
+    if (result.video) rows += row("", "{} video", spanText(*result.video));
+    if (result.audio) rows += row("", "{} audio", spanText(*result.audio));
+    if (result.skewUs) {
+        rows += row("", "audio {:.1f} ms {}", std::abs(static_cast<double>(*result.skewUs)) / 1e3,
+                    *result.skewUs < 0 ? "early" : "late");
+    }
+    return rows;
+}
+
+}  // namespace
+
+Usage usageOf(const rusage& usage) {
+    const auto cpuSeconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return {cpuSeconds(usage.ru_utime) + cpuSeconds(usage.ru_stime),
+            static_cast<int64_t>(usage.ru_maxrss) * 1024};
+}
+
+std::string usageText(const Usage& usage, char mark) {
+    switch (mark) {
+        case kCpuTextMark:
+            return fmt::format("{:.2f}", usage.cpuSeconds);
+        case kMemoryTextMark:
+            return bytesText(usage.peakBytes);
+        case kCpuJsonMark:
+            return fmt::format("{:.6f}", usage.cpuSeconds);
+        case kMemoryJsonMark:
+            return std::to_string(usage.peakBytes);
+        default:
+            return "";
+    }
+}
+
+std::string toJson(const Receipt& receipt) {
+    if (!receipt.contents) return emptyReceipt(receipt.input, receipt.output);
+    const OutputContents& contents = *receipt.contents;
+    const int64_t lengthUs = contents.media.durationUs();
+    const int64_t validUs = receipt.isComplete ? lengthUs : contents.commonEndUs();
+    Json json = {{"status", receipt.isComplete ? "complete" : "stopped"},
+                 {"valid_up_to", secondsOf(validUs)},
+                 {"input", receipt.input},
+                 {"output", receipt.output},
+                 {"bytes", contents.media.sizeBytes},
+                 {"tracks", tracksOf(receipt)},
+                 {"periods", periodsOf(receipt)},
+                 {"damaged_samples", skippedPackets(receipt)},
+                 {"uuid_data", nullptr}};
+    if (!contents.media.uuidData.empty()) {
+        json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
+                             {"sha256", sha256(contents.media.uuidData)}};
+    }
+    json["seconds"] = receipt.wallSeconds;
+    json["speed"] = secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
+    json["cpu_seconds"] = nullptr;
+    json["peak_memory_bytes"] = nullptr;
+    std::string text = dumpJson(json);
+    markNumber("cpu_seconds", kCpuJsonMark, &text);
+    markNumber("peak_memory_bytes", kMemoryJsonMark, &text);
+    return text;
+}
+
+std::string emptyReceipt(const std::string& input, const std::string& output) {
+    return dumpJson({{"status", "nothing written"}, {"input", input}, {"output", output}});
+}
+
+std::string toText(const Receipt& receipt) {
+    const OutputContents& contents = *receipt.contents;
+    const int64_t lengthUs = contents.media.durationUs();
+    std::string text =
+        console::printable(receipt.output) + (receipt.isComplete ? ": complete\n" : ": stopped\n");
+    text += row("length", "{}, {}", secondsText(lengthUs), bytesText(contents.media.sizeBytes));
+    if (contents.video) text += videoRows(*contents.media.video, receipt);
+    if (contents.audio) text += audioRows(*contents.media.audio, *contents.audio);
+    if (!receipt.asked.empty()) {
+        for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
+    }
+    if (skippedPackets(receipt) > 0) {
+        text += row("damaged", "{} packets were skipped", skippedPackets(receipt));
+    }
+    if (!contents.media.uuidData.empty()) {
+        text += row("uuid", "{} bytes", contents.media.uuidData.size()) +
+                row("", "sha256 {}", sha256(contents.media.uuidData));
+    }
+    return text +
+           row("took", "{:.2f} s, {:.1f} x real time", receipt.wallSeconds,
+               secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +
+           row("", "{} s CPU, {} memory", char{kCpuTextMark}, char{kMemoryTextMark});
+}
+
+}  // namespace android::qmmediaeditor::cli

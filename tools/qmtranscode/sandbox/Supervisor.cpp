@@ -1,0 +1,405 @@
+#include <errno.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/monitor/Timer.h>
+#include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/sandbox/Supervisor.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+constexpr int64_t kPrintStateUs = 1000000;
+// How long the last line of a stopped command waits for a blocked terminal.
+constexpr int kLastLineMs = 100;
+
+const char* textOf(WorkerStage stage) {
+    switch (stage) {
+        case WorkerStage::kOpening:
+            return "opening the input";
+        case WorkerStage::kStarting:
+        case WorkerStage::kTranscoding:
+            return "transcoding";
+        case WorkerStage::kVerifying:
+            return "verifying the output";
+    }
+    return "";
+}
+
+ExitStatus exitStatus(int value) {
+    for (const ExitStatus known : {kExitComplete, kExitUsage, kExitUnusable, kExitStopped}) {
+        if (value == known) return known;
+    }
+    return kExitFailed;
+}
+
+}  // namespace
+
+void Supervisor::ErrorOutput::append(std::string_view text) {
+    text = text.substr(0, sizeof(mData) - mSize);
+    memcpy(mData + mSize, text.data(), text.size());
+    mSize += text.size();
+}
+
+void Supervisor::ErrorOutput::line(std::string_view text) {
+    if (!hasRoom()) return;
+    if (mBarSize > 0) append(console::kEraseLine);
+    const size_t begin = mSize;
+    append(text);
+    mSize =
+        begin + console::makePrintable(mData + begin, mSize - begin, console::LineBreaks::kKeep);
+    append("\n");
+    append({mBar, mBarSize});
+}
+
+void Supervisor::ErrorOutput::bar(std::string_view text) {
+    constexpr std::string_view kGreen = "\x1b[32m";
+    constexpr std::string_view kPlain = "\x1b[m";
+    mBarSize = 0;
+    const auto add = [this](std::string_view part) {
+        part = part.substr(0, sizeof(mBar) - mBarSize);
+        memcpy(mBar + mBarSize, part.data(), part.size());
+        mBarSize += part.size();
+    };
+    while (!text.empty()) {
+        const size_t mark = std::min(text.find(kGreenBegin), text.find(kGreenEnd));
+        const size_t begin = mBarSize;
+        add(text.substr(0, mark));
+        mBarSize = begin + console::makePrintable(mBar + begin, mBarSize - begin,
+                                                  console::LineBreaks::kReplace);
+        if (mark >= text.size()) break;
+        add(text[mark] == kGreenBegin ? kGreen : kPlain);
+        text.remove_prefix(mark + 1);
+    }
+    // Without room, the bar is skipped, because it would be out of date by the time it is shown.
+    if (!hasRoom()) return;
+    append(console::kEraseLine);
+    append({mBar, mBarSize});
+}
+
+void Supervisor::ErrorOutput::removeBar() {
+    if (mBarSize > 0 && hasRoom()) append(console::kEraseLine);
+    mBarSize = 0;
+}
+
+// Writes what a pipe or a terminal takes without blocking when poll() has found it ready.
+void Supervisor::ErrorOutput::writeSome() {
+    constexpr size_t kMaxWriteBytes = 4096;
+    const ssize_t written = write(STDERR_FILENO, mData, std::min(mSize, kMaxWriteBytes));
+    if (written < 0 && errno == EINTR) return;
+    // Without standard error, there is no way to report its errors.
+    const size_t done = written < 0 ? mSize : static_cast<size_t>(written);
+    memmove(mData, mData + done, mSize - done);
+    mSize -= done;
+}
+
+Supervisor::Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared)
+    : mJob(job), mWorker(worker), mLink(link), mShared(shared) {}
+
+int Supervisor::run() {
+    if (mSignals.fd() < 0) mWaitError = mSignals.error();
+    while (mWaitError == 0 && !mStopNow && (!mHasWorkerEnded || mIsLinkOpen)) step();
+    return mWaitError != 0 || mStopNow ? endNow() : conclude();
+}
+
+// Waits for an event and handles it.
+void Supervisor::step() {
+    // Messages are read while there is room for their text; after a stop, in any case.
+    if (mStopRequested && !mErrors.hasRoom()) mErrors.discard();
+    const bool canRead = mErrors.hasRoom();
+    pollfd fds[] = {
+        {mSignals.fd(), POLLIN, 0},
+        {mIsLinkOpen && canRead ? mLink.fd() : -1, POLLIN, 0},
+        {mIsLibraryOutputOpen && canRead ? mJob.libraryOutput : -1, POLLIN, 0},
+        {mErrors.isEmpty() ? -1 : STDERR_FILENO, POLLOUT, 0},
+    };
+    int timeoutMs = -1;
+    if (mStateDueUs != 0) {
+        const int64_t leftUs = std::max<int64_t>(mStateDueUs - nowUs(), 0);
+        timeoutMs = static_cast<int>(leftUs / 1000 + 1);
+    }
+    if (poll(fds, std::size(fds), timeoutMs) < 0) {
+        if (errno != EINTR) mWaitError = errno;
+        return;
+    }
+    if (fds[3].revents != 0) mErrors.writeSome();
+    if (fds[0].revents != 0) handleSignal(mSignals.read());
+    if (fds[1].revents != 0) handleMessage();
+    if (fds[2].revents != 0) handleLibraryOutput();
+    if (mStateDueUs != 0 && nowUs() >= mStateDueUs) {
+        mStateDueUs = 0;
+        mErrors.line("qmtranscode: the worker process does not answer");
+    }
+}
+
+void Supervisor::handleSignal(SignalAction action) {
+    switch (action) {
+        case SignalAction::kNone:
+            return;
+        case SignalAction::kChildEnded:
+            reapWorker();
+            return;
+        case SignalAction::kTerminalResized:
+            mShared->columns = console::terminalColumns();
+            return;
+        case SignalAction::kPrintState:
+            mLink.send(Message::kPrintState);
+            mStateDueUs = nowUs() + kPrintStateUs;
+            return;
+        case SignalAction::kStop:
+            stop();
+            return;
+        case SignalAction::kStopNow:
+            mStopRequested = true;
+            mStopNow = true;
+            return;
+    }
+}
+
+void Supervisor::stop() {
+    mStopRequested = true;
+    const bool isKeepable = mStage == WorkerStage::kTranscoding && mJob.mayKeepPartial;
+    if (!isKeepable || !mLink.send(Message::kStop)) mStopNow = true;
+}
+
+void Supervisor::handleMessage() {
+    char buffer[WorkerLink::kBufferBytes];
+    const auto received = mLink.receive(buffer);
+    if (!received) {
+        mIsLinkOpen = false;
+        return;
+    }
+    const std::string_view payload = received->payload;
+    switch (received->message) {
+        case Message::kLine:
+            mStateDueUs = 0;
+            mErrors.line(payload);
+            return;
+        case Message::kBar:
+            mErrors.bar(payload);
+            return;
+        case Message::kRemoveBar:
+            mErrors.removeBar();
+            return;
+        case Message::kStage:
+            if (payload.size() == 1 && static_cast<unsigned char>(payload[0]) <=
+                                           static_cast<unsigned char>(WorkerStage::kVerifying)) {
+                mStage = static_cast<WorkerStage>(payload[0]);
+            }
+            return;
+        case Message::kCpuLimit:
+            handleSignal(mSignals.onCpuLimit());
+            return;
+        case Message::kResult:
+            if (payload.size() < sizeof(mResult)) return;
+            memcpy(&mResult, payload.data(), sizeof(mResult));
+            mFailureSize = std::min(payload.size() - sizeof(mResult), sizeof(mFailure));
+            memcpy(mFailure, payload.data() + sizeof(mResult), mFailureSize);
+            mHasResult = true;
+            return;
+        default:
+            return;
+    }
+}
+
+void Supervisor::handleLibraryOutput() {
+    char buffer[1024];
+    const ssize_t size = read(mJob.libraryOutput, buffer, sizeof(buffer));
+    if (size <= 0) mIsLibraryOutputOpen = false;
+    if (size <= 0 || !mJob.showsLibraryOutput) return;
+    std::string_view text(buffer, static_cast<size_t>(size));
+    if (text.back() == '\n') text.remove_suffix(1);
+    mErrors.line(text);
+}
+
+bool Supervisor::reapWorker() {
+    if (mHasWorkerEnded) return true;
+    pid_t result;
+    do {
+        result = wait4(mWorker, &mWorkerStatus, WNOHANG, &mUsage);
+    } while (result < 0 && errno == EINTR);
+    mHasWorkerEnded = result == mWorker || result < 0;
+    return mHasWorkerEnded;
+}
+
+// Reads a signal while the command waits to write its last lines, after the worker has ended. After
+// a stop, the remaining waits are short, so that one signal ends them all.
+bool Supervisor::readStopSignal() {
+    const SignalAction action = mSignals.read();
+    const bool isStop = action == SignalAction::kStop || action == SignalAction::kStopNow;
+    if (isStop) mStopRequested = true;
+    return isStop;
+}
+
+// Until everything is written to standard error or the time is over; -1 means no limit.
+void Supervisor::flush(int timeoutMs) {
+    const int64_t endUs = nowUs() + int64_t{timeoutMs} * 1000;
+    while (!mErrors.isEmpty()) {
+        pollfd fds[] = {{STDERR_FILENO, POLLOUT, 0}, {mSignals.fd(), POLLIN, 0}};
+        int left = -1;
+        if (timeoutMs >= 0) left = static_cast<int>(std::max<int64_t>(endUs - nowUs(), 0) / 1000);
+        const int ready = poll(fds, 2, left);
+        if (ready == 0) return;
+        if (fds[0].revents != 0) {
+            mErrors.writeSome();
+        } else if (fds[1].revents != 0 && readStopSignal()) {
+            return;
+        }
+    }
+}
+
+int Supervisor::endNow() {
+    kill(mWorker, SIGKILL);
+    PendingFile::removeNow();
+    mErrors.removeBar();
+    pollfd out{STDOUT_FILENO, POLLOUT, 0};
+    if (!mJob.emptyReceipt.empty() && poll(&out, 1, kLastLineMs) == 1) {
+        const ssize_t written =
+            write(STDOUT_FILENO, mJob.emptyReceipt.data(), mJob.emptyReceipt.size());
+        static_cast<void>(written);
+    }
+    if (!mErrors.hasRoom()) mErrors.discard();
+    if (mWaitError == 0) {
+        mErrors.line("qmtranscode: stopped; nothing was kept");
+    } else {
+        char line[256];
+        const auto end = fmt::format_to_n(
+            line, sizeof(line), "qmtranscode: the worker process cannot be supervised: {}",
+            strerror(mWaitError));
+        mErrors.line({line, std::min(end.size, sizeof(line))});
+    }
+    flush(kLastLineMs);
+    reapWorker();
+    return mWaitError == 0 ? kExitStopped : kExitFailed;
+}
+
+int Supervisor::conclude() {
+    mErrors.removeBar();
+    // Not longer, because a finished output must not wait for a terminal to get its name.
+    flush(kLastLineMs);
+    // A sanitizer changes the status of a worker that has given its result.
+    const bool isWell =
+        mHasResult && WIFEXITED(mWorkerStatus) && WEXITSTATUS(mWorkerStatus) == mResult.status;
+    const int status = isWell ? publish() : workerCrashed();
+    flush(mStopRequested ? kLastLineMs : -1);
+    return status;
+}
+
+int Supervisor::workerCrashed() {
+    char reason[64] = "ended without a result";
+    if (WIFSIGNALED(mWorkerStatus)) {
+        const char* const name = sigabbrev_np(WTERMSIG(mWorkerStatus));
+        *fmt::format_to_n(reason, sizeof(reason) - 1, "was terminated by SIG{}",
+                          name == nullptr ? "?" : name)
+             .out = '\0';
+    }
+    char line[512];
+    const auto end = fmt::format_to_n(line, sizeof(line),
+                                      "qmtranscode: {:.300}: the worker process {} while {}; {}",
+                                      mJob.input, reason, textOf(mStage), "nothing was kept");
+    mErrors.line({line, std::min(end.size, sizeof(line))});
+    return kExitFailed;
+}
+
+int Supervisor::publish() {
+    ExitStatus status = exitStatus(mResult.status);
+    std::string failure(mFailure, mFailureSize);
+    bool isComplete = status == kExitComplete;
+    bool isKept = true;
+    const auto fail = [&](const Failure& reason) {
+        status = reason.status;
+        failure = reason.text();
+        isComplete = false;
+    };
+    if (mResult.keepOutput && mJob.output != nullptr) {
+        if (auto reason = mJob.output->commit()) {
+            fail(*reason);
+            isKept = false;
+        }
+    }
+    const std::string output = mJob.output == nullptr ? "" : mJob.output->path();
+    bool isPrinted = true;
+    try {
+        if (isKept) isPrinted = printReceipt();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        isPrinted = false;
+    }
+    if (!isPrinted) {
+        const std::string lost =
+            "; the receipt could not be written: " + std::string(strerror(errno));
+        if (mJob.output == nullptr) {
+            fail({kExitFailed, "standard output", strerror(errno)});
+        } else if (isComplete) {
+            fail({kExitFailed, "", output + " is complete" + lost});
+        } else {
+            failure += lost;
+        }
+    }
+    if (mJob.trace != nullptr) {
+        if (auto reason = mJob.trace->commit(mResult.traceError)) {
+            if (isComplete) {
+                fail({kExitFailed, output + " is complete; " + reason->subject, reason->reason});
+            } else {
+                mErrors.line("qmtranscode: " + reason->text());
+            }
+        }
+    }
+    if (status != kExitComplete) mErrors.line("qmtranscode: " + failure);
+    return status;
+}
+
+// Replaces the receipt's marks for CPU time and memory, which are known only now.
+bool Supervisor::printReceipt() {
+    struct stat file {};
+    if (fstat(mJob.receipt, &file) != 0) return false;
+    std::string raw(static_cast<size_t>(file.st_size), '\0');
+    const ssize_t size = pread(mJob.receipt, raw.data(), raw.size(), 0);
+    if (size < 0) return false;
+    raw.resize(static_cast<size_t>(size));
+    if (raw.empty()) return true;
+    const Usage usage = usageOf(mUsage);
+    std::string text;
+    size_t begin = 0;
+    while (begin <= raw.size()) {
+        const size_t mark = std::min(raw.find_first_of(kUsageMarks, begin), raw.size());
+        text += console::printable(raw.substr(begin, mark - begin), console::LineBreaks::kKeep);
+        if (mark < raw.size()) text += usageText(usage, raw[mark]);
+        begin = mark + 1;
+    }
+    return printAndCheck(text);
+}
+
+// False, with errno, if not all of it could be written or a signal ended the wait.
+bool Supervisor::printAndCheck(std::string_view text) {
+    constexpr size_t kMaxWriteBytes = 4096;
+    while (!text.empty()) {
+        pollfd fds[] = {{STDOUT_FILENO, POLLOUT, 0}, {mSignals.fd(), POLLIN, 0}};
+        const int ready = poll(fds, 2, mStopRequested ? kLastLineMs : -1);
+        if (ready == 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        if (fds[0].revents == 0) {
+            if (!readStopSignal()) continue;
+            errno = EINTR;
+            return false;
+        }
+        const ssize_t written =
+            write(STDOUT_FILENO, text.data(), std::min(text.size(), kMaxWriteBytes));
+        if (written < 0 && errno != EINTR) return false;
+        if (written > 0) text.remove_prefix(static_cast<size_t>(written));
+    }
+    return checkByClosing(STDOUT_FILENO) == 0;
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,109 @@
+// The parent of the command's two processes. It alone has the signals, the terminal and the names
+// of files; the worker decodes, encodes and writes through descriptors that it was given. A worker
+// that crashes, hangs or sends false messages can neither damage a file nor control the terminal.
+//
+// One thread, one poll loop. The loop allocates nothing, because the worker may have used up the
+// memory.
+#pragma once
+
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/job/PendingFile.h>
+#include <qmtranscode/monitor/TraceFile.h>
+#include <qmtranscode/sandbox/SignalHandler.h>
+#include <qmtranscode/sandbox/WorkerLink.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <string>
+#include <string_view>
+
+namespace android::qmmediaeditor::cli {
+
+// In memory that both processes share.
+struct SharedState {
+    std::atomic<int> columns{0};  // of the terminal; written by the parent
+};
+
+class Supervisor {
+public:
+    struct Job {
+        std::string input;    // for messages
+        PendingFile* output;  // null if nothing is to be written
+        TraceFile* trace;     // may be null
+        int receipt;          // the worker writes it there
+        int libraryOutput;    // the read end of the worker's standard output and error
+        bool showsLibraryOutput;
+        bool mayKeepPartial;       // a stop keeps what has been written
+        std::string emptyReceipt;  // for standard output if nothing is kept
+    };
+    // All outlive the object.
+    Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared);
+
+    // Until the worker has ended. The exit status.
+    int run();
+
+private:
+    // Text that waits to be written to standard error, and the progress bar below it.
+    class ErrorOutput {
+    public:
+        void line(std::string_view text);
+        void bar(std::string_view text);
+        void removeBar();
+        bool hasRoom() const { return mSize + kLineRoom <= sizeof(mData); }
+        bool isEmpty() const { return mSize == 0; }
+        void writeSome();
+        void discard() { mSize = 0; }
+
+    private:
+        static constexpr size_t kLineRoom = WorkerLink::kMaxPayload + 2 * 1024;
+        void append(std::string_view text);
+
+        char mData[4 * WorkerLink::kMaxPayload];
+        size_t mSize = 0;
+        char mBar[1024];
+        size_t mBarSize = 0;
+    };
+
+    void step();
+    void handleSignal(SignalAction action);
+    void handleMessage();
+    void handleLibraryOutput();
+    void stop();
+    bool reapWorker();
+    int endNow();
+    int conclude();
+    int workerCrashed();
+    int publish();
+    bool printReceipt();
+    bool printAndCheck(std::string_view text);
+    bool readStopSignal();
+    void flush(int timeoutMs);
+
+    const Job mJob;
+    const pid_t mWorker;
+    const WorkerLink& mLink;
+    SharedState* const mShared;
+    SignalHandler mSignals;
+    ErrorOutput mErrors;
+
+    bool mIsLinkOpen = true;
+    bool mIsLibraryOutputOpen = true;
+    bool mHasWorkerEnded = false;
+    int mWorkerStatus = 0;
+    rusage mUsage{};
+    WorkerStage mStage = WorkerStage::kOpening;
+    bool mHasResult = false;
+    WorkerResult mResult;
+    char mFailure[2048];
+    size_t mFailureSize = 0;
+
+    bool mStopRequested = false;
+    bool mStopNow = false;
+    int mWaitError = 0;       // the errno that makes waiting impossible
+    int64_t mStateDueUs = 0;  // when the worker must have printed its state; 0 if not asked
+};
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,127 @@
+#include <fmt/format.h>
+#include <host/Host.h>
+#include <malloc.h>
+#include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/Job.h>
+#include <qmtranscode/monitor/LogOutput.h>
+#include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/sandbox/AllocationFailure.h>
+#include <qmtranscode/sandbox/Sandbox.h>
+#include <qmtranscode/sandbox/Worker.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <memory>
+#include <new>
+#include <system_error>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+// For signal handlers and the log's aborter.
+const WorkerLink* gLink = nullptr;
+
+void sendResult(const WorkerResult& result, const std::string& failure) {
+    std::string payload(reinterpret_cast<const char*>(&result), sizeof(result));
+    gLink->send(Message::kResult, payload + failure);
+}
+
+void reportCpuLimit(int /* signal */) { gLink->send(Message::kCpuLimit); }
+
+// Terminals, timeout(1) and service managers signal all processes of a group, so that only the
+// parent acts on signals.
+void ignoreSignals() {
+    for (const int each : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGWINCH}) {
+        signal(each, SIG_IGN);
+    }
+    struct sigaction limit {};
+    limit.sa_handler = reportCpuLimit;
+    limit.sa_flags = SA_RESTART;
+    sigaction(SIGXCPU, &limit, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Does not allocate, because there may be no memory left.
+[[noreturn]] void endWith(const char* reason, const char* more = "") {
+    WorkerResult result;
+    result.status = kExitFailed;
+    char payload[sizeof(result) + 512];
+    memcpy(payload, &result, sizeof(result));
+    const auto text = fmt::format_to_n(payload + sizeof(result), sizeof(payload) - sizeof(result),
+                                       "{}{}", reason, more);
+    gLink->send(Message::kResult, {payload, static_cast<size_t>(text.out - payload)});
+    _exit(kExitFailed);
+}
+
+[[noreturn]] void endWithoutMemory() { endWith("not enough memory"); }
+
+// When an exception is being handled: the standard library reports a lack of memory or threads so.
+[[noreturn]] void endOnException() {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        endWithoutMemory();
+    } catch (const std::system_error& error) {
+        if (error.code() == std::errc::resource_unavailable_try_again) {
+            endWith("a thread could not be created");
+        }
+        throw;
+    }
+}
+
+void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text.c_str()); }
+
+Outcome runJob(const Options& options, int threads, JobFiles* files, const WorkerLink& link) {
+    // Never destroyed, because threads of the host may log until the process ends.
+    static auto* const monitor = new RunMonitor;
+    static auto* const observer = new RunObserver;
+    installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
+    WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
+    const StallDetector stallDetector(monitor, std::chrono::seconds(10));
+    const std::unique_ptr<Platform> platform = createHostPlatform(
+        {options.preset, options.fastStart, options.cutTimesUs(), observer, threads});
+    Platform::install(platform.get());
+    return Job(options, files, &control, monitor, observer).run();
+}
+
+}  // namespace
+
+void runWorker(const Options& options, JobFiles* files, const WorkerLink& link, SharedState* shared,
+               int libraryOutput, pid_t parent) noexcept {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(kExitFailed);
+    gLink = &link;
+    endOnFailedAllocation(endWithoutMemory);
+    ignoreSignals();
+    dup2(libraryOutput, STDOUT_FILENO);
+    dup2(libraryOutput, STDERR_FILENO);
+    // Tables of long files are then mapped, and given back to the system when they are freed.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    console::useLink(&link, &shared->columns);
+    // Before the sandbox, because it reads a file that the log's times need.
+    tzset();
+    const int threads = options.threads.value_or(defaultThreads());
+    if (!enterSandbox()) endWithoutMemory();
+    Outcome outcome;
+    try {
+        outcome = runJob(options, threads, files, link);
+    } catch (...) {
+        endOnException();
+    }
+    WorkerResult result;
+    result.status = outcome.failure ? outcome.failure->status : kExitComplete;
+    result.keepOutput = outcome.keepOutput;
+    result.traceError = outcome.traceError;
+    sendResult(result, outcome.failure ? outcome.failure->text() : "");
+    // Without destroying `files`, whose names belong to the parent.
+    exit(result.status);
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,73 @@
+#include <errno.h>
+#include <qmtranscode/sandbox/WorkerLink.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace android::qmmediaeditor::cli {
+
+bool WorkerLink::send(Message message, std::string_view payload) const {
+    const int error = errno;
+    iovec parts[] = {
+        {&message, 1},
+        {const_cast<char*>(payload.data()), std::min(payload.size(), kMaxPayload)},
+    };
+    msghdr header{};
+    header.msg_iov = parts;
+    header.msg_iovlen = 2;
+    ssize_t sent;
+    do {
+        sent = sendmsg(mFd, &header, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    // A signal handler may call it.
+    errno = error;
+    return sent > 0;
+}
+
+std::optional<WorkerLink::Received> WorkerLink::receive(char* buffer) const {
+    ssize_t size;
+    do {
+        size = recv(mFd, buffer, kBufferBytes, 0);
+    } while (size < 0 && errno == EINTR);
+    if (size <= 0) return std::nullopt;
+    return Received{static_cast<Message>(buffer[0]), {buffer + 1, static_cast<size_t>(size - 1)}};
+}
+
+WorkerControl::WorkerControl(const WorkerLink& link, std::function<void()> printState)
+    : mLink(link), mPrintState(std::move(printState)), mThread([this] { receiveRequests(); }) {}
+
+WorkerControl::~WorkerControl() {
+    shutdown(mLink.fd(), SHUT_RD);
+    mThread.join();
+}
+
+void WorkerControl::onStop(std::function<void()> stop) {
+    Mutex::Autolock lock(mLock);
+    mStop = std::move(stop);
+    if (mStopRequested) mStop();
+}
+
+void WorkerControl::ignoreStop() {
+    Mutex::Autolock lock(mLock);
+    mStop = nullptr;
+}
+
+void WorkerControl::report(WorkerStage stage) const {
+    const char code = static_cast<char>(stage);
+    mLink.send(Message::kStage, {&code, 1});
+}
+
+void WorkerControl::receiveRequests() {
+    char buffer[WorkerLink::kBufferBytes];
+    while (const auto received = mLink.receive(buffer)) {
+        if (received->message == Message::kPrintState) mPrintState();
+        if (received->message != Message::kStop || mStopRequested) continue;
+        Mutex::Autolock lock(mLock);
+        mStopRequested = true;
+        if (mStop) mStop();
+    }
+}
+
+}  // namespace android::qmmediaeditor::cli

@@ -1,0 +1,102 @@
+// The connection of the command's two processes: messages over a pair of sockets. Each message is
+// sent and received as a unit.
+#pragma once
+
+#include <stddef.h>
+#include <utils/Mutex.h>
+
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <string_view>
+#include <thread>
+
+namespace android::qmmediaeditor::cli {
+
+enum class Message : char {
+    // From the worker.
+    kLine = 'l',  // text for standard error, without the last line break
+    kBar = 'b',   // the progress bar; text between kGreenBegin and kGreenEnd is green
+    kRemoveBar = 'n',
+    kStage = 's',     // one WorkerStage
+    kCpuLimit = 'x',  // the kernel has sent SIGXCPU
+    kResult = 'r',    // a WorkerResult, followed by the text of the failure; the last message
+    // To the worker.
+    kStop = 't',
+    kPrintState = 'e',
+};
+
+constexpr char kGreenBegin = 1;
+constexpr char kGreenEnd = 2;
+
+enum class WorkerStage : char {
+    kOpening,
+    kStarting,     // the run goes on, and nothing has been written that could be kept
+    kTranscoding,  // a stop keeps what has been written
+    kVerifying,
+};
+
+struct WorkerResult {
+    int status = 0;           // an ExitStatus
+    bool keepOutput = false;  // the output gets its name
+    int traceError = 0;       // errno of the first failed write of the trace
+};
+
+class WorkerLink {
+public:
+    static constexpr size_t kMaxPayload = 16 * 1024;
+
+    // `fd` is one end of a SOCK_SEQPACKET pair; the caller's.
+    explicit WorkerLink(int fd) : mFd(fd) {}
+    int fd() const { return mFd; }
+
+    // Longer payloads are truncated. Blocks while the other end does not read; false when it is
+    // closed. Async-signal-safe, on any thread.
+    bool send(Message message, std::string_view payload = {}) const;
+
+    struct Received {
+        Message message;
+        std::string_view payload;  // in the caller's buffer
+    };
+    // Blocks until there is a message; nothing when the other end is closed. `buffer` has
+    // kBufferBytes bytes.
+    static constexpr size_t kBufferBytes = kMaxPayload + 1;
+    std::optional<Received> receive(char* buffer) const;
+
+private:
+    const int mFd;
+};
+
+// The worker's end: receives the requests of the parent on a thread of its own, and reports stages
+// to it.
+class WorkerControl {
+public:
+    // `link` outlives the object; `printState` is called on the thread.
+    WorkerControl(const WorkerLink& link, std::function<void()> printState);
+    // Shuts the link down for reading.
+    ~WorkerControl();
+
+    // `stop` is called once, on the thread: at the first request to stop, or immediately if there
+    // was one. After `ignoreStop` has returned, it is not called any more.
+    void onStop(std::function<void()> stop);
+    void ignoreStop();
+    bool stopRequested() const { return mStopRequested; }
+
+    void report(WorkerStage stage) const;
+
+private:
+    WorkerControl(const WorkerControl&) = delete;
+    WorkerControl& operator=(const WorkerControl&) = delete;
+
+    void receiveRequests();
+
+    const WorkerLink& mLink;
+    const std::function<void()> mPrintState;
+    // Written by the thread, read by any.
+    std::atomic<bool> mStopRequested{false};
+    Mutex mLock;
+    std::function<void()> mStop GUARDED_BY(mLock);
+    std::thread mThread;
+};
+
+}  // namespace android::qmmediaeditor::cli
