@@ -1,7 +1,7 @@
-// What the component itself costs for each picture: drain, source, conversion and writer with
+// What the component itself costs for each frame: drain, source, conversion and writer with
 // codecs that cost nothing, against plain copies of as many bytes.
 //
-// A picture is copied twice on its way: from the decoder's buffer into the source's queue, and,
+// A frame is copied twice on its way: from the decoder's buffer into the source's queue, and,
 // converted, from there into the encoder's buffer. The codecs are the host's workers, so that
 // waiting and waking are what they are in a real run.
 #include <TranscodeComponent.h>
@@ -29,7 +29,7 @@ constexpr size_t kDecoderOutputs = 4;
 constexpr size_t kEncoderInputs = 8;
 constexpr size_t kBatch = 11;
 
-struct PictureSize {
+struct FrameSize {
     int width;
     int height;
 
@@ -51,7 +51,7 @@ struct PictureSize {
 // Gives out one ready payload for each input.
 class FreeBackend : public CodecBackend {
 public:
-    FreeBackend(const PictureSize& size, bool encoder)
+    FreeBackend(const FrameSize& size, bool encoder)
         : mSize(size),
           mEncoder(encoder),
           mPayload(FrameAllocator::makeBuffer(encoder ? 1000 : size.bytes())) {
@@ -84,7 +84,7 @@ public:
     }
 
 private:
-    const PictureSize mSize;
+    const FrameSize mSize;
     const bool mEncoder;
     const sp<ABuffer> mPayload;
     std::deque<int64_t> mTimesUs;
@@ -93,7 +93,7 @@ private:
 
 class FreePlatform : public ScriptedPlatform {
 public:
-    explicit FreePlatform(const PictureSize& size) : mSize(size) {
+    explicit FreePlatform(const FrameSize& size) : mSize(size) {
         extractor().addTrack(size.format());
         for (int64_t i = 0; i < kFrames; ++i) {
             extractor().addSample({0, i * kFrameUs, std::vector<uint8_t>(100)});
@@ -109,11 +109,11 @@ public:
     }
 
 private:
-    const PictureSize mSize;
+    const FrameSize mSize;
     const FrameAllocator::Keep mKeep;
 };
 
-PictureSize sizeOf(const benchmark::State& state) {
+FrameSize sizeOf(const benchmark::State& state) {
     return {static_cast<int>(state.range(0)), static_cast<int>(state.range(1))};
 }
 

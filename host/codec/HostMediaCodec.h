@@ -28,9 +28,9 @@ public:
     // `onEnd`, which may be empty, is called when the client dequeues the end of stream, on its
     // thread.
     //
-    // `onLoss` makes the codec a decoder of untrusted input, whose client takes a failed dequeue for
-    // a broken invariant: where it cannot go on, it calls `onLoss` on the looper's thread, refuses
-    // further input and ends its output.
+    // `onLoss` makes the codec a decoder of untrusted input, whose client takes a failed dequeue
+    // for a broken invariant: where it cannot go on, it calls `onLoss` on the looper's thread,
+    // refuses further input and ends its output.
     HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
                    std::function<void()> onEnd = nullptr, std::function<void()> onLoss = nullptr);
 

@@ -49,7 +49,7 @@ public:
 
     // Sets the frame's memory and the addresses of its planes. False when memory is short.
     bool attach(AVFrame* frame) const;
-    // True when the frame's planes have this layout, whoever allocated them.
+    // True when the frame's planes have this layout, no matter what allocated them.
     bool fits(const AVFrame& frame) const;
     // The frame as a buffer of the layout's size; takes over the frame's reference.
     sp<ABuffer> wrap(AVFrame* frame) const;

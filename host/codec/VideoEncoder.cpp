@@ -43,7 +43,7 @@ constexpr double kBufferSeconds = 2;
 // The first frame is a key frame and needs more bits than those that refer to it.
 constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
-constexpr int kMaxGroupOfPictures = 10000;
+constexpr int kMaxKeyFrameDistance = 10000;
 
 size_t inputCount(int threads) {
     return std::clamp(2 * static_cast<size_t>(threads), kMinInputCount, kMaxInputCount);
@@ -82,11 +82,11 @@ struct VideoEncoder::Settings {
                    colorFormat == kPlanar;
     }
 
-    int groupOfPictures() const {
+    int keyFrameDistance() const {
         // With a variable frame rate, only timestamps determine when a key frame is due.
-        if (keyFrameSeconds < 0 || variableRate) return kMaxGroupOfPictures;
+        if (keyFrameSeconds < 0 || variableRate) return kMaxKeyFrameDistance;
         const double frames = keyFrameSeconds * frameRate;
-        return static_cast<int>(std::clamp(frames, 1.0, double{kMaxGroupOfPictures}));
+        return static_cast<int>(std::clamp(frames, 1.0, double{kMaxKeyFrameDistance}));
     }
 
     bool possible = false;
@@ -182,7 +182,7 @@ void VideoEncoder::setParameters(const Settings& settings) {
     context->colorspace = AVCOL_SPC_BT709;
     context->chroma_sample_location = AVCHROMA_LOC_LEFT;
     context->max_b_frames = 0;
-    context->gop_size = settings.groupOfPictures();
+    context->gop_size = settings.keyFrameDistance();
     context->bit_rate = settings.bitRate;
     context->rc_max_rate =
         static_cast<int64_t>(static_cast<double>(settings.bitRate) * kPeakOverMean);

@@ -1,5 +1,5 @@
-// The color tags of frames and tracks (ITU-T H.273). FFmpeg passes on what a file states, which need
-// not be a value of the enumeration; to read such a value as one is undefined.
+// The color tags of frames and tracks (ITU-T H.273). FFmpeg passes on what a file states, which
+// need not be a value of the enumeration; to read such a value as one is undefined.
 #pragma once
 
 #include <string.h>

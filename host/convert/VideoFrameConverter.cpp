@@ -106,7 +106,7 @@ private:
         if (mPlanar) {
             const int plane = mFormat.comp[component].plane;
             memcpy(line, mFrame.data[plane] + row * mFrame.linesize[plane] + left * bytes,
-                   static_cast<size_t>((right - left) * bytes));
+                   static_cast<size_t>(right - left) * static_cast<size_t>(bytes));
             return;
         }
         if ((mFormat.flags & AV_PIX_FMT_FLAG_PAL) != 0) {

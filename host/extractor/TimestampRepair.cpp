@@ -175,7 +175,7 @@ int64_t PocTimestamps::presentationTime(const AVPacket& packet) {
     av_parser_parse2(mParser.get(), mCodec.get(), &unit, &unitBytes, packet.data, packet.size,
                      packet.pts, packet.dts, packet.pos);
     const int count = mParser->output_picture_number;
-    // A closed group of pictures begins with the frame that is shown first.
+    // A closed GOP begins with the frame that is shown first.
     if (count == 0 && (packet.flags & AV_PKT_FLAG_KEY) != 0) mSequenceStart = packet.dts;
     if (mSequenceStart == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
     return mSequenceStart + count / mStep * mInterval;

@@ -40,7 +40,8 @@ private:
     std::map<int, Offsets> mOffsets;
 };
 
-// Presentation timestamps of AVC and HEVC in a container with decoding timestamps only, such as AVI.
+// Presentation timestamps of AVC and HEVC in a container with decoding timestamps only, such as
+// AVI.
 //
 // The picture order counts (ITU-T H.264 8.2.1, H.265 8.3.1) say where each frame is shown within
 // its coded video sequence.

@@ -72,7 +72,7 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 constexpr int kAvcSequenceParameterSet = 7;
-constexpr int kAvcPictureParameterSet = 8;
+constexpr int kAvcPps = 8;
 
 // Reads a configuration record; after a read beyond the end, all further reads are empty.
 class Reader {
@@ -117,14 +117,14 @@ bool isByteStream(const uint8_t* data, size_t size) {
            (data[2] == 1 || (data[2] == 0 && data[3] == 1));
 }
 
-void splitRecord(const uint8_t* data, size_t size, Bytes* sequence, Bytes* picture) {
+void splitRecord(const uint8_t* data, size_t size, Bytes* sps, Bytes* pps) {
     Reader reader(data, size);
     reader.skip(5);
-    for (unsigned count = reader.get8() & 0x1F; count > 0; --count) reader.appendUnit(sequence);
-    for (unsigned count = reader.get8(); count > 0; --count) reader.appendUnit(picture);
+    for (unsigned count = reader.get8() & 0x1F; count > 0; --count) reader.appendUnit(sps);
+    for (unsigned count = reader.get8(); count > 0; --count) reader.appendUnit(pps);
 }
 
-void splitByteStream(const uint8_t* data, size_t size, Bytes* sequence, Bytes* picture) {
+void splitByteStream(const uint8_t* data, size_t size, Bytes* sps, Bytes* pps) {
     constexpr uint8_t kPrefix[] = {0, 0, 1};
     const uint8_t* const end = data + size;
     const uint8_t* unit = std::search(data, end, std::begin(kPrefix), std::end(kPrefix));
@@ -134,9 +134,7 @@ void splitByteStream(const uint8_t* data, size_t size, Bytes* sequence, Bytes* p
         const uint8_t* last = next;
         while (last > unit && last[-1] == 0) --last;
         const int type = last > unit ? *unit & 0x1F : 0;
-        Bytes* const out = type == kAvcSequenceParameterSet  ? sequence
-                           : type == kAvcPictureParameterSet ? picture
-                                                             : nullptr;
+        Bytes* const out = type == kAvcSequenceParameterSet ? sps : type == kAvcPps ? pps : nullptr;
         if (out != nullptr) {
             out->insert(out->end(), std::begin(kStartCode), std::end(kStartCode));
             out->insert(out->end(), unit, last);
@@ -150,15 +148,15 @@ void splitByteStream(const uint8_t* data, size_t size, Bytes* sequence, Bytes* p
 // picture parameter sets in the second, each behind a start code. Sets nothing when there are none.
 // This and the next one are false when memory is short.
 bool setAvcConfig(const uint8_t* extradata, size_t size, const sp<AMessage>& format) {
-    Bytes sequence;
-    Bytes picture;
+    Bytes sps;
+    Bytes pps;
     if (isByteStream(extradata, size)) {
-        splitByteStream(extradata, size, &sequence, &picture);
+        splitByteStream(extradata, size, &sps, &pps);
     } else {
-        splitRecord(extradata, size, &sequence, &picture);
+        splitRecord(extradata, size, &sps, &pps);
     }
-    return setBytes("csd-0", sequence.data(), sequence.size(), format) &&
-           setBytes("csd-1", picture.data(), picture.size(), format);
+    return setBytes("csd-0", sps.data(), sps.size(), format) &&
+           setBytes("csd-1", pps.data(), pps.size(), format);
 }
 
 // Sets "csd-0" from an HEVC track's extradata: all parameter sets, each behind a start code.

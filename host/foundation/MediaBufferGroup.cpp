@@ -19,7 +19,7 @@ MediaBufferGroup::MediaBufferGroup() : mState(std::make_unique<State>()) {}
 MediaBufferGroup::~MediaBufferGroup() {
     for (MediaBufferBase* buffer : mState->buffers) {
         buffer->setObserver(nullptr);
-        // A buffer that is still out is deleted by whoever gives it back.
+        // A buffer that is still out is deleted when it is given back.
         if (buffer->refcount() == 0) buffer->release();
     }
 }

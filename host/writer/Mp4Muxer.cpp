@@ -301,14 +301,14 @@ int Mp4Muxer::openWritten(AVFormatContext* context, AVIOContext** io, const char
     auto* self = static_cast<Mp4Muxer*>(context->opaque);
     if ((flags & AVIO_FLAG_WRITE) != 0 || !self->mOutput->makeReadable()) return AVERROR(EACCES);
     avio_flush(self->mIo->context());
-    self->mReadBack = AvioFile::forReading(self->mOutput, kIoBufferBytes);
-    if (self->mReadBack == nullptr) return AVERROR(ENOMEM);
-    *io = self->mReadBack->context();
+    self->mRereading = AvioFile::forReading(self->mOutput, kIoBufferBytes);
+    if (self->mRereading == nullptr) return AVERROR(ENOMEM);
+    *io = self->mRereading->context();
     return 0;
 }
 
 int Mp4Muxer::closeWritten(AVFormatContext* context, AVIOContext*) {
-    static_cast<Mp4Muxer*>(context->opaque)->mReadBack.reset();
+    static_cast<Mp4Muxer*>(context->opaque)->mRereading.reset();
     return 0;
 }
 

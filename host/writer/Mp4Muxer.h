@@ -82,8 +82,8 @@ private:
     static int closeWritten(AVFormatContext* context, AVIOContext* io);
 
     const std::shared_ptr<DescriptorFile> mOutput;
-    const std::unique_ptr<AvioFile> mIo;  // null when memory is short
-    std::unique_ptr<AvioFile> mReadBack;  // while libavformat moves the samples
+    const std::unique_ptr<AvioFile> mIo;   // null when memory is short
+    std::unique_ptr<AvioFile> mRereading;  // while libavformat moves the samples
     const std::shared_ptr<SessionTimeline> mSession;
     Mutex mLock;
     std::vector<Track> mTracks GUARDED_BY(mLock);

@@ -34,8 +34,8 @@ FaultPlatform& platform() {
 struct Kind {
     const char* name;
     const char* clip;  // of 10 seconds
-    bool hasSound;
-    bool hasPicture;
+    bool hasAudio;
+    bool hasVideo;
     std::vector<TrimPeriod> periods;
     int64_t outputUs;  // kAnyLength: what a period that goes back keeps depends on the threads
 };
@@ -47,11 +47,11 @@ const std::vector<TrimPeriod> kTwoPeriods = {{500000, 2000000}, {3000000, 600000
 const std::vector<TrimPeriod> kGoingBack = {{500000, 2000000}, {1000000, 4000000}};
 
 const Kind kKinds[] = {
-    {"sound", "sound.m4a", true, false, {}, 10000000},
-    {"picture", "picture.mp4", false, true, {}, 10000000},
+    {"audio", "audio.m4a", true, false, {}, 10000000},
+    {"video", "video.mp4", false, true, {}, 10000000},
     {"both", "steps.mp4", true, true, {}, 10000000},
-    {"soundTrimmed", "sound.m4a", true, false, kTwoPeriods, 4500000},
-    {"pictureTrimmed", "picture.mp4", false, true, kTwoPeriods, 4500000},
+    {"audioTrimmed", "audio.m4a", true, false, kTwoPeriods, 4500000},
+    {"videoTrimmed", "video.mp4", false, true, kTwoPeriods, 4500000},
     {"bothTrimmed", "steps.mp4", true, true, kTwoPeriods, 4500000},
     {"bothGoingBack", "steps.mp4", true, true, kGoingBack, kAnyLength},
 };
@@ -80,8 +80,8 @@ protected:
 
     std::vector<Part> parts(Part audio, Part video) const {
         std::vector<Part> parts;
-        if (GetParam().hasSound) parts.push_back(audio);
-        if (GetParam().hasPicture) parts.push_back(video);
+        if (GetParam().hasAudio) parts.push_back(audio);
+        if (GetParam().hasVideo) parts.push_back(video);
         return parts;
     }
 
@@ -90,20 +90,20 @@ protected:
     }
 
     // Whatever ended the run, what is in the file decodes.
-    static void expectSound(SessionRun& run) {
+    static void expectAudio(SessionRun& run) {
         if (run.output().sizeBytes() == 0) return;
         EXPECT_EQ(complaintsAbout(run.output().path()), "");
     }
 
     void expectWhole(SessionRun& run) const {
         EXPECT_EQ(run.result(), 0);
-        expectSound(run);
+        expectAudio(run);
         const int fd = run.output().open();
         const std::optional<cli::MediaFile> file = cli::readMediaFile(fd).media;
         close(fd);
         ASSERT_TRUE(file);
-        EXPECT_EQ(file->audio.has_value(), GetParam().hasSound);
-        EXPECT_EQ(file->video.has_value(), GetParam().hasPicture);
+        EXPECT_EQ(file->audio.has_value(), GetParam().hasAudio);
+        EXPECT_EQ(file->video.has_value(), GetParam().hasVideo);
         expectLength(file->audio);
         expectLength(file->video);
     }
@@ -127,7 +127,7 @@ TEST_P(FaultTest, encoderThatFails_endsTheRunWithItsError) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), kEncoderError);
         expectEndsSoon(run, fault.at());
-        expectSound(run);
+        expectAudio(run);
     });
 }
 
@@ -161,7 +161,7 @@ TEST_P(FaultTest, codecThatStalls_canBeStopped) {
         run.cancel();
         EXPECT_EQ(run.result(), kStopped);
         expectEndsSoon(run, cancelled);
-        expectSound(run);
+        expectAudio(run);
     });
 }
 
@@ -182,7 +182,7 @@ TEST_P(FaultTest, secondFormatChange_endsInAFileThatDecodes) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), 0);
         EXPECT_TRUE(fault.waitFor(std::chrono::seconds(0)));
-        expectSound(run);
+        expectAudio(run);
     });
 }
 
@@ -193,7 +193,7 @@ TEST_P(FaultTest, inputThatEndsEarly_endsTheRun) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), 0);
         expectEndsSoon(run, fault.at());
-        expectSound(run);
+        expectAudio(run);
     });
 }
 
@@ -204,7 +204,7 @@ TEST_P(FaultTest, inputThatCannotBeRead_endsTheRunWithItsError) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), kReadError);
         expectEndsSoon(run, fault.at());
-        expectSound(run);
+        expectAudio(run);
     });
 }
 
@@ -217,7 +217,7 @@ TEST_P(FaultTest, decoderThatRefusesAnInput_endsTheRunWithItsError) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), kDecoderError);
         expectEndsSoon(run, fault.at());
-        expectSound(run);
+        expectAudio(run);
     });
 }
 
@@ -231,7 +231,7 @@ TEST_P(FaultTest, eventOfTheWriter_stopsTheRunWhenItHasTo) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), kStopped);
         expectEndsSoon(run, fault.at());
-        expectSound(run);
+        expectAudio(run);
     });
     forEach({{Part::kWriter, What::kEvent, 12, 2, 802}, {Part::kWriter, What::kEvent, 12, 3, 0}},
             [this](SessionRun& run, FaultClock&) { expectWhole(run); });
@@ -245,7 +245,7 @@ TEST_P(FaultTest, sampleThatCannotBeRead_stopsTheRun) {
     forEach(faults, [](SessionRun& run, FaultClock& fault) {
         EXPECT_EQ(run.result(), kStopped);
         expectEndsSoon(run, fault.at());
-        expectSound(run);
+        expectAudio(run);
     });
 }
 

@@ -12,7 +12,7 @@ using namespace android::qmmediaeditor;
 
 namespace {
 
-// Large pictures and long sounds make runs slow and find nothing that small ones do not.
+// Large frames and long audio make runs slow and find nothing that small ones do not.
 constexpr int32_t kMaxSide = 512;
 constexpr int64_t kMaxDurationUs = 20000000;
 

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kSeconds = 4;
 // Of the video and audio inputs.
-constexpr size_t kPictureCount = 120;
+constexpr size_t kFrameCount = 120;
 constexpr int64_t kNearUs = 70000;
 
 struct Recipe {
@@ -61,7 +61,7 @@ TEST_P(ExtractorContainers, everySampleIsReadInTimestampOrderAtEvenDistances) {
                        [](const Sample& a, const Sample& b) { return a.timeUs < b.timeUs; }));
     for (const Sample& sample : samples) ASSERT_GE(sample.presentationUs, sample.timeUs);
     const auto times = shownTimes(ofTrack(samples, opened.videoTrack()));
-    ASSERT_EQ(kPictureCount, times.size());
+    ASSERT_EQ(kFrameCount, times.size());
     EXPECT_NEAR(0, static_cast<double>(times[0]), kNearUs);
     for (size_t i = 1; i < times.size(); ++i)
         ASSERT_NEAR(33366.7, static_cast<double>(times[i] - times[i - 1]), 1);
@@ -149,7 +149,7 @@ TEST(ExtractorTest, audioFilesHaveTheirDurationAndCoverArtIsNoVideo) {
     EXPECT_EQ(0, song.audioTrack());
     EXPECT_EQ(-1, song.videoTrack());
     EXPECT_EQ("image/png", song.mime(1));
-    for (const char* name : {"sound.wav", "sound.flac", "sound.ogg", "sound.aac", "sound.m4a"}) {
+    for (const char* name : {"audio.wav", "audio.flac", "audio.ogg", "audio.aac", "audio.m4a"}) {
         OpenedClip opened(makeClip(name, audioInput(kSeconds)));
         ASSERT_EQ(OK, opened.result()) << name;
         EXPECT_NEAR(kSeconds * 1e6, static_cast<double>(opened.durationUs(0)), 2e5) << name;
@@ -182,14 +182,14 @@ TEST(ExtractorTest, avcParameterSetsFollowStartCodes) {
         OpenedClip opened(clip({name, kAvcAac}));
         const sp<AMessage> format = opened.format(static_cast<size_t>(opened.videoTrack()));
         sp<ABuffer> sequence;
-        sp<ABuffer> picture;
+        sp<ABuffer> pps;
         ASSERT_TRUE(format->findBuffer("csd-0", &sequence)) << name;
-        ASSERT_TRUE(format->findBuffer("csd-1", &picture)) << name;
+        ASSERT_TRUE(format->findBuffer("csd-1", &pps)) << name;
         const uint8_t* data = sequence->data();
         EXPECT_EQ(1, data[3]);
         EXPECT_EQ(7, data[4] & 0x1F);
         EXPECT_EQ(100, data[5]) << "High profile";
-        EXPECT_EQ(8, picture->data()[4] & 0x1F);
+        EXPECT_EQ(8, pps->data()[4] & 0x1F);
     }
 }
 
@@ -205,8 +205,8 @@ TEST(ExtractorTest, truncatedRecordingsEndEarlyAndHaveADuration) {
     ASSERT_EQ(OK, cut.result());
     cut.seek(0);
     const size_t count = ofTrack(cut.read(), cut.videoTrack()).size();
-    EXPECT_GT(count, kPictureCount / 4);
-    EXPECT_LT(count, kPictureCount);
+    EXPECT_GT(count, kFrameCount / 4);
+    EXPECT_LT(count, kFrameCount);
 }
 
 TEST(ExtractorTest, smallSampleBuffersAndCallsWithoutAFileAreRefused) {

@@ -99,10 +99,10 @@ int runCommand(const std::string& command) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-class Trial {
+class DamagedRun {
 public:
     // Cuts the clip to `percent` of its length; 0 damages it in some other way.
-    Trial(const fs::path& clip, size_t percent, uint64_t seed)
+    DamagedRun(const fs::path& clip, size_t percent, uint64_t seed)
         : mClip(clip), mPercent(percent), mSeed(seed) {}
 
     // "" when it was borne, else what went wrong. Adds to `whole` when a file came out.
@@ -177,7 +177,7 @@ int run(const char* qmtranscode, const fs::path& folder) {
                 const uint64_t round = n / clips.size();
                 const size_t percent = round % 2 == 0 ? 1 + round / 2 % 99 : 0;
                 const std::string wrong =
-                    Trial(clips[n % clips.size()], percent, seed + n).run(&whole);
+                    DamagedRun(clips[n % clips.size()], percent, seed + n).run(&whole);
                 if (wrong.empty()) continue;
                 ++failures;
                 printf("FAILED: %s\n", wrong.c_str());

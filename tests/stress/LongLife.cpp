@@ -61,24 +61,24 @@ bool runOne(uint64_t number) {
 
 bool runMany(uint64_t runs, size_t workers) {
     std::atomic<uint64_t> next{0};
-    std::atomic<bool> sound{true};
+    std::atomic<bool> passed{true};
     std::vector<std::thread> threads;
     for (size_t i = 0; i < workers; ++i) {
         threads.emplace_back([&] {
             for (uint64_t number = next++; number < runs; number = next++) {
-                if (!runOne(number)) sound = false;
+                if (!runOne(number)) passed = false;
             }
         });
     }
     for (std::thread& thread : threads) thread.join();
-    return sound;
+    return passed;
 }
 
 bool livesLong(uint64_t runs, size_t workers) {
-    bool sound = runMany(kWarmUpRuns, workers);
+    bool passed = runMany(kWarmUpRuns, workers);
     const Footprint before = Footprint::take(1 + kForeignThreads);
     const size_t residentBefore = residentBytes();
-    sound = runMany(runs, workers) && sound;
+    passed = runMany(runs, workers) && passed;
     const Footprint after = Footprint::take(before.threads + kForeignThreads);
     const size_t residentAfter = residentBytes();
     printf(
@@ -87,7 +87,7 @@ bool livesLong(uint64_t runs, size_t workers) {
         static_cast<unsigned long long>(runs), workers, before.threads, after.threads,
         before.descriptors, after.descriptors, residentBefore >> 10, residentAfter >> 10,
         before.heapBytes >> 10, after.heapBytes >> 10);
-    return sound && after.threads <= before.threads + kForeignThreads &&
+    return passed && after.threads <= before.threads + kForeignThreads &&
            after.descriptors == before.descriptors &&
            residentAfter < residentBefore + kToleranceBytes &&
            after.heapBytes < before.heapBytes + (1 << 20);

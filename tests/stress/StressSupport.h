@@ -19,10 +19,10 @@ struct RunKind {
 inline const std::vector<RunKind>& runKinds() {
     static const std::vector<TrimPeriod> kTwoPeriods = {{2000000, 4500000}, {6000000, 8000000}};
     static const std::vector<RunKind> kKinds = {
-        {"both", "steps.mp4", {}},      {"both, trimmed", "steps.mp4", kTwoPeriods},
-        {"sound", "sound.m4a", {}},     {"sound, trimmed", "sound.m4a", kTwoPeriods},
-        {"picture", "picture.mp4", {}}, {"picture, trimmed", "picture.mp4", kTwoPeriods},
-        {"720p", "plain.mp4", {}},      {"720p, trimmed", "plain.mp4", kTwoPeriods},
+        {"both", "steps.mp4", {}},  {"both, trimmed", "steps.mp4", kTwoPeriods},
+        {"audio", "audio.m4a", {}}, {"audio, trimmed", "audio.m4a", kTwoPeriods},
+        {"video", "video.mp4", {}}, {"video, trimmed", "video.mp4", kTwoPeriods},
+        {"720p", "plain.mp4", {}},  {"720p, trimmed", "plain.mp4", kTwoPeriods},
     };
     return kKinds;
 }

@@ -13,7 +13,7 @@ namespace android::qmmediaeditor {
 
 namespace {
 
-// Of a sound movie that ended before its first sample.
+// Of a audio movie that ended before its first sample.
 constexpr const char* kNoTracks = "Output file #0 does not contain any stream\n";
 
 [[noreturn]] void giveUp(const char* what) {

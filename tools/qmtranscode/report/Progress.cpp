@@ -16,7 +16,7 @@ constexpr int32_t kComplete = 100;
 // "  45 %  8.3x  0:12 left"; speed and remaining time are unknown at the start.
 std::string numbersText(int32_t percent, double speed, double leftSeconds) {
     if (speed <= 0) return fmt::format("{:3} %", percent);
-    const std::string text = fmt::format("{:3} % {:5.1f}x", percent, speed);
+    std::string text = fmt::format("{:3} % {:5.1f}x", percent, speed);
     if (percent == kComplete) return text;
     constexpr double kMaxSeconds = 359999;
     const int left = static_cast<int>(std::min(leftSeconds, kMaxSeconds) + 0.5);

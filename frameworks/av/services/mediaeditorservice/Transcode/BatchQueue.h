@@ -83,7 +83,7 @@ public:
     // Consumer: takes the oldest sample. The last of a batch wakes the producer, which runs when
     // the consumer lets go of the lock.
     Sample pop() REQUIRES(mLock) {
-        const Sample sample = *mSamples.begin();
+        Sample sample = *mSamples.begin();
         mSamples.erase(mSamples.begin());
         if (mSamples.empty()) mReturned.signal();
         return sample;

@@ -218,7 +218,7 @@ int Transcode::setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> forma
     return OK;
 }
 
-// The visible picture, and how it lies in its planes.
+// The visible frame, and how it lies in its planes.
 void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format) const {
     format.findInt32("width", &attribute->mWidth);
     format.findInt32("height", &attribute->mHeight);
@@ -268,7 +268,7 @@ void Transcode::chooseVideoBitrate(VideoAttribute* attribute, const AMessage& fo
     }
 }
 
-// AVC stays at its profile and level unless the request changes the picture.
+// AVC stays at its profile and level unless the request changes the frame.
 void Transcode::chooseProfileAndLevel(VideoAttribute* attribute, const AMessage& format,
                                       bool requested) const {
     attribute->mProfile = 0;

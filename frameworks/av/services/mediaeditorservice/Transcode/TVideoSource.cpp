@@ -80,7 +80,7 @@ void TVideoSource::fillFormat(AMessage* format) const {
     format->setInt32("slice-height", mAttribute.mOutputHeight);
 }
 
-// Bytes of one 4:2:0 picture of the output, 0 for a size that cannot be.
+// Bytes of one 4:2:0 frame of the output, 0 for a size that cannot be.
 int32_t TVideoSource::outputFrameBytes() const {
     if (mAttribute.mOutputWidth < 1 || mAttribute.mOutputHeight < 1) return 0;
     const int64_t bytes =
@@ -161,7 +161,7 @@ status_t TVideoSource::read(MediaBufferBase** buffer, const ReadOptions*) {
             meta.setInt32(kKeyIsSyncFrame, 1);
         }
         meta.setInt64(kKeyTime, sample.mTimeUs);
-        // The encoder does not reorder: pictures are decoded in the order in which they are shown.
+        // The encoder does not reorder: frames are decoded in the order in which they are shown.
         meta.setInt64(kKeyDecodingTime, sample.mTimeUs);
     });
 }
@@ -217,8 +217,8 @@ void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
                              bool convert) NO_THREAD_SAFETY_ANALYSIS {
     if (!convert) return;
     const auto outBytes = static_cast<size_t>(outputFrameBytes());
-    if (!pictureFits(in, out, outBytes)) {
-        QM_LOGE(kTag, "picture of %zu bytes does not hold %dx%d in %dx%d, or %zu bytes are too few",
+    if (!frameFits(in, out, outBytes)) {
+        QM_LOGE(kTag, "frame of %zu bytes does not hold %dx%d in %dx%d, or %zu bytes are too few",
                 in.mSize, mAttribute.mWidth, mAttribute.mHeight, mAttribute.mStride,
                 mAttribute.mSliceHeight, out.mBuffer->capacity());
         out.mSize = 0;
@@ -232,9 +232,9 @@ void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
         mAttribute.mOutputHeight, mAttribute.mColorFormat, out.mBuffer->data(), mColorUtils);
 }
 
-// The visible picture lies inside its planes, and both pictures inside their buffers.
-bool TVideoSource::pictureFits(const TDecodedSample& in, const TDecodedSample& out,
-                               size_t outBytes) const {
+// The visible frame lies inside its planes, and both frames inside their buffers.
+bool TVideoSource::frameFits(const TDecodedSample& in, const TDecodedSample& out,
+                             size_t outBytes) const {
     const VideoAttribute& a = mAttribute;
     if (a.mWidth < 1 || a.mHeight < 1 || outBytes == 0) return false;
     if (a.mWidth > a.mStride || a.mHeight > a.mSliceHeight) return false;

@@ -1,4 +1,4 @@
-// The video track of the output: takes decoded pictures from the session, drops those that come
+// The video track of the output: takes decoded frames from the session, drops those that come
 // faster than the output frame rate, crops, scales and encodes the others on threads of its own,
 // and hands the encoded samples to the writer.
 //
@@ -56,7 +56,7 @@ public:
     status_t pushEncodedBuffer(TEncodedSample* sample);
 
     // Encoder's input port only, with mDecodedLock held: crops, scales and converts `in` into the
-    // encoder's input buffer `out.mBuffer`. `out.mSize` is 0 when the picture does not fit its
+    // encoder's input buffer `out.mBuffer`. `out.mSize` is 0 when the frame does not fit its
     // buffers.
     void cropFrame(TDecodedSample& in, TDecodedSample& out, bool convert);
 
@@ -80,7 +80,7 @@ private:
     void setBounds(int count) REQUIRES(mDecodedLock);
     void fillFormat(AMessage* format) const REQUIRES(mDecodedLock);
     int32_t outputFrameBytes() const REQUIRES(mDecodedLock);
-    bool pictureFits(const TDecodedSample& in, const TDecodedSample& out, size_t outBytes) const
+    bool frameFits(const TDecodedSample& in, const TDecodedSample& out, size_t outBytes) const
         REQUIRES(mDecodedLock);
     status_t setHdrOutputFormat(const sp<AMessage>& format) REQUIRES(mDecodedLock);
     void dropEncoderThread();
@@ -102,7 +102,7 @@ private:
 };
 
 // Owns the encoder. The constructor sets it up; the first reference starts the input port, a
-// detached thread that takes pictures from the source; run() starts the output loop, which puts
+// detached thread that takes frames from the source; run() starts the output loop, which puts
 // encoded samples into it.
 class TVideoSource::MediaEncoderThread : public virtual Thread, private EncoderThreadMembers {
 public:

@@ -129,7 +129,7 @@ struct VideoAttribute {
     int32_t mPTrim = 0;             // as bool; always 0
     int32_t mStride = 0;            // bytes of a luma row
     int32_t mSliceHeight = 0;       // rows of the luma plane
-    int32_t mNeedCopy = 0;          // as bool: the planes are larger than the visible picture
+    int32_t mNeedCopy = 0;          // as bool: the planes are larger than the visible frame
     int32_t mFrameBufferSize = 10;  // frames held back by the video source
     int32_t mDecoderColorFormat = kColorFormatYUV420SemiPlanar;  // or planar
 };

@@ -1,4 +1,4 @@
-// Crops, scales and converts pictures.
+// Crops, scales and converts frames.
 #pragma once
 
 #include <editorutils/QmMediaEditorColorUtils.h>
@@ -8,7 +8,7 @@ namespace qmmediaeditor {
 
 class QmMediaEditorColorConverter {
 public:
-    // Crops the visible `srcWidth` x `srcHeight` pixels out of the top left of a picture whose luma
+    // Crops the visible `srcWidth` x `srcHeight` pixels out of the top left of a frame whose luma
     // rows are `srcStride` bytes apart and whose planes are `srcSliceHeight` rows high, scales them
     // to `dstWidth` x `dstHeight` and writes them, tightly packed, to `dst`. Colour formats: 19 (Y,
     // U, V planes) and 21 (Y plane, interleaved UV plane), both 4:2:0. `utils` may be null. Any

@@ -1,4 +1,4 @@
-// The layout of the pictures that the colour converter is to make of HDR input.
+// The layout of the frames that the colour converter is to make of HDR input.
 #pragma once
 
 #include <media/stagefright/foundation/AMessage.h>

@@ -25,7 +25,7 @@ public:
     QmMediaExtractorWrapper();
 
     // `offset` and `length` in bytes. Reads through a duplicate of `fd` and leaves its position
-    // alone. An error when this is no container of moving pictures or sound.
+    // alone. An error when this is no container of video or audio.
     status_t setDataSource(int fd, int64_t offset, int64_t length);
 
     size_t countTracks();

@@ -19,8 +19,8 @@ public:
     // Takes effect when set before `start`.
     void setName(const char* name);
 
-    // INVALID_OPERATION when it runs already, or when `runOnCallingThread` is asked for; -EAGAIN when
-    // the thread cannot be created.
+    // INVALID_OPERATION when it runs already, or when `runOnCallingThread` is asked for; -EAGAIN
+    // when the thread cannot be created.
     status_t start(bool runOnCallingThread = false, bool canCallJava = false,
                    int32_t priority = PRIORITY_DEFAULT);
 

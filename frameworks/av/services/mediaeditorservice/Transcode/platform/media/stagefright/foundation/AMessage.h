@@ -1,6 +1,6 @@
 // A set of named, typed values: the form in which formats travel.
 //
-// A message is not locked: whoever hands one over stops writing to it.
+// A message is not locked: a thread that hands one over stops writing to it.
 #pragma once
 
 #include <media/stagefright/foundation/AString.h>
