@@ -270,6 +270,15 @@ TYPED_TEST(EncoderThreadTest, teardownWaitsForAPortThatHasNotBegun) {
     EXPECT_TRUE(teardown.finishes());
 }
 
+TYPED_TEST(EncoderThreadTest, lettingGoOfAThreadWhoseEncoderRunsDoesNotWait) {
+    this->restart();
+    const auto thread = this->mSource->mMediaEncoderThread;
+    this->mSource->stopThread();
+    EXPECT_TRUE(this->mCalls.timedWaitsNs(thread->mPump.mPorts->mIdle).empty());
+    thread->stopEncoder();
+    while (thread->getStrongCount() > 1) sched_yield();
+}
+
 TYPED_TEST(EncoderThreadTest, aPortLetsGoOfTheThreadBeforeItCountsAsEnded) {
     this->restart();
     const auto thread = this->mSource->mMediaEncoderThread;
