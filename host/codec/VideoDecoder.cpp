@@ -201,10 +201,17 @@ std::shared_ptr<FramePool> VideoDecoder::pool() {
 
 int VideoDecoder::getBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
     auto* self = static_cast<VideoDecoder*>(context->opaque);
+    const int result = self->allocate(context, frame, flags);
+    // Decoders may go on without the frame and not report it.
+    if (result == AVERROR(ENOMEM)) self->mLacksMemory = true;
+    return result;
+}
+
+int VideoDecoder::allocate(AVCodecContext* context, AVFrame* frame, int flags) {
     if ((context->codec->capabilities & AV_CODEC_CAP_DR1) == 0) {
         return avcodec_default_get_buffer2(context, frame, flags);
     }
-    const std::shared_ptr<FramePool> pool = self->pool();
+    const std::shared_ptr<FramePool> pool = this->pool();
     if (pool != nullptr && decodesInto(*pool, context, *frame)) {
         return pool->attach(frame) ? 0 : AVERROR(ENOMEM);
     }
@@ -246,7 +253,9 @@ OutputSequencer::MemberState VideoDecoder::memberState() const {
 CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
     for (;;) {
         if (mFrame->buf[0] == nullptr) {
-            switch (mDecoder.receive(mFrame.get())) {
+            const PacketDecoder::Received received = mDecoder.receive(mFrame.get());
+            if (mLacksMemory) return Step::kFailed;
+            switch (received) {
                 case PacketDecoder::Received::kFrame:
                     replaceUnknownTags(mFrame.get());
                     break;

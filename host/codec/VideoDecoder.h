@@ -7,6 +7,7 @@
 #include <stdint.h>
 #include <utils/Mutex.h>
 
+#include <atomic>
 #include <memory>
 #include <set>
 
@@ -76,6 +77,7 @@ private:
     void setLayout(int width, int height);
     // libavcodec's get_buffer2; also called on its threads.
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
+    int allocate(AVCodecContext* context, AVFrame* frame, int flags);
     static bool decodesInto(const FramePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<FramePool> pool();
     int64_t timeOf(const AVFrame& frame) const;
@@ -97,6 +99,8 @@ private:
     int mFrameRate = 0;
 
     uint32_t mSegment = 0;
+    // Written by the codec's threads, read by the looper's.
+    std::atomic<bool> mLacksMemory{false};
     bool mHasTime = false;  // a frame of the segment has been output
     int64_t mLastTimeUs = 0;
     // Presentation timestamps of the packets that libavcodec has not yet returned as frames.
