@@ -1,4 +1,4 @@
-// What the component itself costs for each frame: drain, source, conversion and writer with
+// Measures the cost of the component itself per frame: drain, source, conversion and writer with
 // codecs that cost nothing, against plain copies of as many bytes.
 //
 // A frame is copied twice on its way: from the decoder's buffer into the source's queue, and,

@@ -50,7 +50,7 @@ struct EncoderThreadMembers {
     pthread_t mOutputThread = 0;
 };
 
-// What one pass of a port leads to.
+// The result of one pass of a port.
 enum class Next { kGoOn, kEnd };
 
 class EncoderPump {
@@ -58,7 +58,7 @@ public:
     // How long teardown waits for the ports: longer than the dequeue that each may be in.
     static constexpr nsecs_t kPortEndBoundNs = seconds_to_nanoseconds(3);
 
-    // What differs between audio and video besides the conversion of a sample.
+    // The differences between audio and video besides the conversion of a sample.
     struct Kind {
         const char* tag;        // of the encoder thread's log
         const char* sourceTag;  // of the source's log
@@ -83,7 +83,7 @@ public:
         const int64_t& timeoutUs;  // of every dequeue
     };
 
-    // What the encoder thread does in its own way.
+    // The steps that differ between the encoder threads.
     struct Steps {
         // readDecodedData()
         std::function<status_t(TDecodedSample&)> readDecoded;

@@ -147,7 +147,7 @@ status_t SourceCore::awaitDecoded(const char* tag, const RelaxedAtomic<bool>& ex
         m.mStarted = false;
         return ERROR_END_OF_STREAM;
     }
-    // What is queued belongs to the encoder that replaces this port's.
+    // Queued samples belong to the encoder that replaces this port's.
     if (exitRequested) return ERROR_END_OF_STREAM;
     if (!decoded.empty()) return OK;
 

@@ -1,4 +1,5 @@
-// What both sources do alike: start and stop, the two queues, and the buffer lent to the writer.
+// The common part of both sources: start and stop, the two queues, and the buffer lent to the
+// writer.
 //
 // Decoded samples go from the session's thread to the encoder's input port, encoded samples from
 // the encoder's output loop to the writer's thread.

@@ -80,7 +80,7 @@ public:
 private:
     static constexpr const char* kTag = "Transcode";
 
-    // What the input reader does next.
+    // The input reader's next step.
     enum class ReaderState {
         kFeeding,        // moves samples into the decoders
         kSignallingEnd,  // tells the decoders the end of the input
