@@ -277,6 +277,14 @@ TEST_P(FaultTest, fullDisc_isNeverAWholeFile) {
     }
 }
 
+TEST(PeriodTest, aPeriodAtTheEndOfTheRangeOfTimesEnds) {
+    for (const int64_t startUs : {INT64_MAX - 1000000000, INT64_MAX - 1, INT64_MAX}) {
+        SCOPED_TRACE(startUs);
+        SessionRun run(QM_CLIPS_DIR "/steps.mp4", {{startUs, INT64_MAX}});
+        EXPECT_TRUE(run.endsWithin(kEndBound));
+    }
+}
+
 std::string nameOf(const testing::TestParamInfo<Kind>& kind) { return kind.param.name; }
 
 INSTANTIATE_TEST_SUITE_P(Runs, FaultTest, testing::ValuesIn(kKinds), nameOf);

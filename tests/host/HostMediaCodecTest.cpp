@@ -327,6 +327,27 @@ TEST_F(HostMediaCodecTest, stopWakesBothWaitingClients) {
     EXPECT_EQ(INVALID_OPERATION, input.get());
 }
 
+// A failing dequeue is a broken invariant for the client of a decoder.
+TEST_F(HostMediaCodecTest, aDecoderThatFailsReportsTheLossRefusesInputAndEnds) {
+    mScript->fails = true;
+    std::atomic<int> losses{0};
+    const sp<MediaCodec> codec = new HostMediaCodec(
+        mLooper, std::make_unique<ScriptedBackend>(mScript), nullptr, [&losses] { ++losses; });
+    ASSERT_EQ(OK, codec->configure(new AMessage, nullptr, nullptr, 0));
+    ASSERT_EQ(OK, codec->start());
+    size_t index = 0;
+    size_t offset = 0;
+    size_t size = 0;
+    int64_t timeUs = 0;
+    uint32_t flags = 0;
+    ASSERT_EQ(OK, codec->dequeueOutputBuffer(&index, &offset, &size, &timeUs, &flags, kBoundUs));
+    EXPECT_NE(0u, flags & MediaCodec::BUFFER_FLAG_EOS);
+    EXPECT_EQ(1, losses);
+    ASSERT_EQ(OK, codec->dequeueInputBuffer(&index, kBoundUs));
+    EXPECT_NE(OK, codec->queueInputBuffer(index, 0, 1, 5, 0, nullptr));
+    EXPECT_EQ(OK, codec->stop());
+}
+
 TEST_F(HostMediaCodecTest, stopWaitsForTheBackendsStepAndNothingFollowsIt) {
     for (const bool fails : {false, true}) {
         SCOPED_TRACE(fails);
