@@ -177,6 +177,8 @@ TYPED_TEST(HandOffTest, aStoppedSourceTakesNothingMoreAndDeliversWhatItHas) {
     EXPECT_EQ(-1011, this->pushEncoded(4));
     EXPECT_EQ(-1011, this->pushDecoded(4));
     EXPECT_EQ(-1011, this->pushEnd(true));
+    EXPECT_EQ(1u, this->mJournal.count(std::string(TypeParam::kTag) +
+                                       ": enter push encoded buffer in EOS State"));
 }
 
 TYPED_TEST(HandOffTest, aReaderThatIsWokenWithNothingToReadWaitsAgain) {

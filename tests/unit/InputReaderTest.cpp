@@ -136,6 +136,14 @@ TEST_F(InputReaderTest, aStopEndsTheReaderWhereverItIs) {
     EXPECT_FALSE(session().mpTrack[1].mCodecStatus->mSawInputEOS);
 }
 
+TEST_F(InputReaderTest, theReaderEndsWhenTheMainLoopHasEnded) {
+    prepareReader();
+    session().mOutputStopped = true;
+    session().inputThreadEntry();
+    EXPECT_TRUE(mVideoDecoder->queued().empty() && mAudioDecoder->queued().empty());
+    EXPECT_FALSE(session().mForceStop);
+}
+
 TEST_F(InputReaderTest, aDecoderThatRefusesASampleEndsTheReaderAndTheRun) {
     prepareReader();
     mVideoDecoder->fail("queueInputBuffer", -38);
