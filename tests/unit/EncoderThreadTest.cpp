@@ -378,9 +378,8 @@ TEST_F(VideoEncoderThreadTest, aTimeOutOfAStoppedSourceEndsTheOutputLoop) {
     restart();
     mSource->setCodecStopped();
     mEncoder->outputResult(-EAGAIN);
-    EXPECT_EQ(Next::kEnd, thread().drainEncoder(mEncoder));
-    EXPECT_TRUE(threadLogged(ANDROID_LOG_DEBUG, "output buffer wa forced stop by others"));
-    EXPECT_TRUE(thread().mExitRequested);
+    EXPECT_TRUE(waitForThread("output buffer wa forced stop by others"));
+    EXPECT_TRUE(waitForThread("Call threadLoop End"));
 }
 
 TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastFrameAgain) {
