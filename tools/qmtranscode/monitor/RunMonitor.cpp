@@ -32,12 +32,14 @@ void RunMonitor::onMessage(const LogMessage& message) {
     const std::optional<LogEvent> event = parseLogMessage(message.tag, message.text);
     Mutex::Autolock lock(mLock);
     if (!mIsRunning) return;
+    // Another thread's later message may have come to the lock first.
+    mLastMessageUs = std::max(mLastMessageUs, message.timeUs);
     const size_t before = mStatistics.periodsStarted();
     mStatistics.add(message.text, event ? &*event : nullptr);
     if (mSink != nullptr && before > 0 && mStatistics.periodsStarted() > before) {
-        mSink->onEvent(message.thread, "cut", message.timeUs);
+        mSink->onEvent(message.thread, "cut", mLastMessageUs);
     }
-    if (event) applyEvent(message.thread, message.timeUs, *event);
+    if (event) applyEvent(message.thread, mLastMessageUs, *event);
 }
 
 void RunMonitor::onProgress(int32_t percent) {

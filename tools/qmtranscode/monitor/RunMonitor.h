@@ -98,6 +98,7 @@ private:
     int32_t mReadPercent GUARDED_BY(mLock) = -1;
     int64_t mReadAtUs GUARDED_BY(mLock) = 0;
     int64_t mLastProgressUs GUARDED_BY(mLock) = 0;
+    int64_t mLastMessageUs GUARDED_BY(mLock) = 0;
 };
 
 // Prints the state of the run on standard error, below this headline.
