@@ -36,7 +36,7 @@ TEST(LooperTest, aThreadMayLowerItsPriorityButNotRaiseIt) {
     }).join();
 }
 
-// What the work holds may use the looper when it is destroyed.
+// Objects that the work holds may use the looper when it is destroyed.
 TEST(LooperTest, workIsDestroyedWithoutTheLoopersLock) {
     const sp<ALooper> looper = new ALooper;
     ASSERT_EQ(OK, looper->start());

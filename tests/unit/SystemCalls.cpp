@@ -50,7 +50,7 @@ void runHook(const Hooks State::*hooks, const pthread_cond_t* condition) {
     if (hook != nullptr) hook();
 }
 
-// What a held thread is to run.
+// The function that a held thread is to run.
 struct Start {
     void* (*entry)(void*);
     void* argument;

@@ -28,7 +28,7 @@ struct Failure {
     std::string text() const;
 };
 
-// What an operation gives, or why it does not.
+// The result of an operation, or the reason why there is none.
 template <typename T>
 using Result = std::variant<T, Failure>;
 

@@ -33,7 +33,7 @@ public:
                    const RunObserver& observer)
         : mInput(input), mStatistics(statistics), mObserver(observer) {}
 
-    // What is wrong with the output; nothing if it is complete.
+    // The fault of the output; nothing if it is complete.
     std::optional<std::string> verify(const OutputContents& output) const;
 
 private:

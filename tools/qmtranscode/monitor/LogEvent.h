@@ -30,7 +30,7 @@ enum class Stage {
 constexpr size_t kStageCount = 9;
 const char* nameOf(Stage stage);
 
-// What the thread of the message does from now on.
+// The activity of the thread of the message from now on.
 enum class Activity {
     kUnchanged,
     kStarts,  // it takes its `role`
@@ -58,7 +58,7 @@ struct LogPattern {
     const char* what;  // what the thread does or waits for, or the name of the event
     Queue queue = Queue::kNone;
     QueueChange change = QueueChange::kNone;
-    // What the thread does after a wait, for which it has no message.
+    // The activity of the thread after a wait, which no message announces.
     const char* afterwards = nullptr;
     Stage stage = Stage::kNone;
     const char* role = nullptr;
