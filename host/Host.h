@@ -52,6 +52,12 @@ public:
     virtual void onVideoEnd(int64_t /* timeUs */) {}
 };
 
+// In pixels.
+struct FrameSize {
+    int width = 0;
+    int height = 0;
+};
+
 // Choices of the host's user that the component does not know.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
@@ -69,6 +75,9 @@ struct HostOptions {
     // Threads of each video codec. 0: the number of CPUs that this process may use, by its affinity
     // mask and the quota of its control group, but at most 16.
     int threads = 0;
+    // Size of the frames that the session encodes, where its request has one. A video decoder then
+    // delivers larger frames scaled down to it.
+    std::optional<FrameSize> frameSize;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

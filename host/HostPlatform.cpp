@@ -104,7 +104,7 @@ private:
             return std::make_unique<AudioDecoder>(mOptions.cutTimesUs, mOptions.observer);
         }
         if (mime.startsWithIgnoreCase("video/")) {
-            return std::make_unique<VideoDecoder>(session(), mOptions.threads);
+            return std::make_unique<VideoDecoder>(session(), mOptions.threads, mOptions.frameSize);
         }
         return nullptr;
     }

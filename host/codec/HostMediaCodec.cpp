@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/foundation/FrameAllocator.h"
+#include "host/convert/FrameScaler.h"
 #include "host/foundation/TimedWait.h"
 
 namespace android {
@@ -106,7 +106,7 @@ void HostMediaCodec::shutDown(State state) {
 status_t HostMediaCodec::allocateBuffers() {
     for (size_t i = 0; i < mBuffers.inputCount; ++i) {
         const sp<ABuffer> memory = mBuffers.inputsAreFrames
-                                       ? FrameAllocator::makeBuffer(mBuffers.inputBytes)
+                                       ? makeEncoderInput(mBuffers.inputBytes)
                                        : sp<ABuffer>(new ABuffer(mBuffers.inputBytes));
         if (memory == nullptr || memory->capacity() < mBuffers.inputBytes) return NO_MEMORY;
         mInputs.push_back({new Buffer(memory), false});

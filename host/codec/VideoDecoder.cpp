@@ -12,6 +12,7 @@
 #include "host/convert/ColorTags.h"
 #include "host/foundation/CpuCount.h"
 #include "host/foundation/FrameAllocator.h"
+#include "host/foundation/SharedFrames.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -111,15 +112,20 @@ public:
     FrameBuffer(FramePtr frame, size_t bytes)
         : ABuffer(frame->data[0], bytes), mFrame(std::move(frame)) {}
 
+protected:
+    ~FrameBuffer() override { SharedFrames::remove(this); }
+
 private:
     const FramePtr mFrame;
 };
 
 }  // namespace
 
-VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads)
+VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads,
+                           const std::optional<FrameSize>& outputSize)
     : mSession(std::move(session)),
       mThreads(codecThreads(threads)),
+      mRequestedSize(outputSize),
       mFrame(av_frame_alloc()),
       mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
 
@@ -160,7 +166,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     if (mSession != nullptr && format->findFloat("average-frame-rate", &averageFrameRate)) {
         mSession->setAverageFrameRate(static_cast<double>(averageFrameRate));
     }
-    if (mWidth > 0 && mHeight > 0) setLayout(mWidth, mHeight);
+    if (mWidth > 0 && mHeight > 0) setLayout({mWidth, mHeight});
 
     buffers->inputCount = kInputCount;
     buffers->inputBytes = inputBytesOf(*format, std::max(mWidth, 0), std::max(mHeight, 0));
@@ -169,25 +175,35 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     return OK;
 }
 
-void VideoDecoder::setLayout(int width, int height) {
-    int alignedWidth = width;
-    int alignedHeight = height;
+// Decoders write whole blocks, which need more room than the visible frame.
+FrameLayout VideoDecoder::layoutOf(const FrameSize& size) {
+    int alignedWidth = size.width;
+    int alignedHeight = size.height;
     int unused[AV_NUM_DATA_POINTERS] = {};
     avcodec_align_dimensions2(mDecoder.context(), &alignedWidth, &alignedHeight, unused);
     FrameLayout layout;
-    layout.width = width;
-    layout.height = height;
+    layout.width = size.width;
+    layout.height = size.height;
     layout.stride = FFALIGN(alignedWidth, kStrideAlignment);
     layout.sliceHeight = FFALIGN(alignedHeight, 2);
+    return layout;
+}
+
+void VideoDecoder::setLayout(const FrameSize& decoded) {
+    FrameLayout layout = layoutOf(decoded);
     {
         Mutex::Autolock lock(mPoolLock);
         mPool = std::make_shared<FramePool>(layout);
+    }
+    if (mRequestedSize && pixelsOf(*mRequestedSize) < pixelsOf(decoded)) {
+        layout = layoutOf(*mRequestedSize);
+        mScaledPool = std::make_unique<FramePool>(layout);
     }
     mFormat = new AMessage;
     mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_RAW);
     mFormat->setInt32("width", layout.stride);
     mFormat->setInt32("height", layout.sliceHeight);
-    mFormat->setRect("crop", 0, 0, width - 1, height - 1);
+    mFormat->setRect("crop", 0, 0, layout.width - 1, layout.height - 1);
     mFormat->setInt32("stride", layout.stride);
     mFormat->setInt32("slice-height", layout.sliceHeight);
     mFormat->setInt32("color-format", kPlanar);
@@ -278,7 +294,7 @@ CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
         }
         if (mFormat == nullptr) {
             // The frame waits until the format has been output.
-            setLayout(mFrame->width, mFrame->height);
+            setLayout({mFrame->width, mFrame->height});
             return Step::kFormat;
         }
         mLastTimeUs = timeOf(*mFrame);
@@ -315,6 +331,7 @@ bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
     const std::shared_ptr<FramePool> pool = this->pool();
     const FrameLayout& layout = pool->layout();
     const bool asItIs = VideoFrameConverter::isWorkingFrame(*mFrame, layout.width, layout.height);
+    if (asItIs && mScaledPool != nullptr) return scaledFrame(*mFrame, buffer);
     if (asItIs && pool->fits(*mFrame)) {
         *buffer = pool->wrap(mFrame.get());
         return *buffer != nullptr;
@@ -327,7 +344,22 @@ bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
         // A frame of an unsupported pixel format is skipped; a lack of memory is a failure.
         return !VideoFrameConverter::canConvert(mFrame->format);
     }
+    if (mScaledPool != nullptr) return scaledFrame(*copy, buffer);
     *buffer = pool->wrap(copy.get());
+    return *buffer != nullptr;
+}
+
+// `frame` is a working frame of the decoded size.
+bool VideoDecoder::scaledFrame(const AVFrame& frame, sp<ABuffer>* buffer) {
+    const FrameLayout from = pool()->layout();
+    const FrameLayout& to = mScaledPool->layout();
+    FramePtr scaled(av_frame_alloc());
+    if (scaled == nullptr || !mScaledPool->attach(scaled.get())) return false;
+    if (!mScaler.scale({from.width, from.height}, planesOf(frame), {to.width, to.height},
+                       planesOf(*scaled))) {
+        return false;
+    }
+    *buffer = mScaledPool->wrap(scaled.get());
     return *buffer != nullptr;
 }
 
@@ -386,7 +418,9 @@ sp<ABuffer> FramePool::wrap(AVFrame* frame) const {
     FramePtr own(av_frame_alloc());
     if (own == nullptr) return nullptr;
     av_frame_move_ref(own.get(), frame);
-    return new FrameBuffer(std::move(own), mLayout.bytes());
+    const sp<ABuffer> buffer = new FrameBuffer(std::move(own), mLayout.bytes());
+    SharedFrames::add(buffer->base(), mLayout.bytes(), buffer);
+    return buffer;
 }
 
 }  // namespace qmmediaeditor

@@ -1,5 +1,7 @@
 // Decodes video to working frames. Where the stream already has their format, libavcodec decodes
-// straight into the output's memory; other frames are converted into it.
+// straight into the output's memory; other frames are converted into it. Frames larger than the
+// encoder needs are scaled here, while the processor's cache still has them, so that the frames
+// that wait for the encoder are small.
 #pragma once
 
 #include <media/stagefright/foundation/ABuffer.h>
@@ -9,6 +11,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "host/codec/CodecBackend.h"
@@ -16,6 +19,7 @@
 #include "host/codec/SessionTimeline.h"
 #include "host/codec/TrackSource.h"
 #include "host/convert/FFmpegPointers.h"
+#include "host/convert/PlaneScaler.h"
 #include "host/convert/VideoFrameConverter.h"
 #include "host/foundation/FrameAllocator.h"
 
@@ -61,8 +65,9 @@ private:
 
 class VideoDecoder : public CodecBackend {
 public:
-    // `session` may be null; `threads` as in HostOptions.
-    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0);
+    // `session` may be null; `threads` and `outputSize` as in HostOptions.
+    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0,
+                          const std::optional<FrameSize>& outputSize = std::nullopt);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -73,8 +78,9 @@ public:
     OutputSequencer::MemberState memberState() const override;
 
 private:
+    FrameLayout layoutOf(const FrameSize& size);
     // Sets the layout of all outputs.
-    void setLayout(int width, int height);
+    void setLayout(const FrameSize& decoded);
     // libavcodec's get_buffer2; also called on its threads.
     static int getBuffer(AVCodecContext* context, AVFrame* frame, int flags);
     int allocate(AVCodecContext* context, AVFrame* frame, int flags);
@@ -83,18 +89,23 @@ private:
     int64_t timeOf(const AVFrame& frame) const;
     // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
     bool workingFrame(sp<ABuffer>* buffer);
+    bool scaledFrame(const AVFrame& frame, sp<ABuffer>* buffer);
 
     const std::shared_ptr<SessionTimeline> mSession;
     const int mThreads;
+    const std::optional<FrameSize> mRequestedSize;
     const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;
     VideoFrameConverter mConverter;
+    PlaneScaler mScaler;
 
     Mutex mPoolLock;
     std::shared_ptr<FramePool> mPool GUARDED_BY(mPoolLock);  // set once, on the looper's thread
+    // Of the output, where it is smaller than the decoded frames.
+    std::unique_ptr<FramePool> mScaledPool;
     sp<TrackSource> mSource;  // null for a format that no extractor made
     sp<AMessage> mFormat;
-    int mWidth = 0;  // of the output, when the format has it
+    int mWidth = 0;  // of the visible frame, when the format has it
     int mHeight = 0;
     int mFrameRate = 0;
 

@@ -49,9 +49,14 @@ size_t inputCount(int threads) {
     return std::clamp(2 * static_cast<size_t>(threads), kMinInputCount, kMaxInputCount);
 }
 
-void releaseLease(void* lease, uint8_t* /* data */) {
-    delete static_cast<std::shared_ptr<const void>*>(lease);
-}
+// What keeps a frame's memory unchanged while the encoder reads it: the input buffer, or the owner
+// of the frame that the buffer refers to.
+struct FrameMemory {
+    std::shared_ptr<const void> lease;
+    sp<RefBase> owner;
+};
+
+void releaseMemory(void* memory, uint8_t* /* data */) { delete static_cast<FrameMemory*>(memory); }
 
 }  // namespace
 
@@ -135,7 +140,8 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     mHeight = settings.height;
     const size_t chromaBytes =
         static_cast<size_t>((mWidth + 1) / 2) * static_cast<size_t>((mHeight + 1) / 2);
-    mFrameBytes = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) + 2 * chromaBytes;
+    const size_t frameBytes =
+        static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) + 2 * chromaBytes;
 
     status_t status = mEncoder.prepare(mime);
     if (status != OK) return status;
@@ -161,7 +167,7 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     if (mCodecSpecificData != nullptr) mFormat->setBuffer("csd-0", mCodecSpecificData);
 
     buffers->inputCount = inputCount(mThreads);
-    buffers->inputBytes = mFrameBytes;
+    buffers->inputBytes = frameBytes;
     buffers->inputsAreFrames = true;
     buffers->outputCount = kOutputCount;
     if (mSession != nullptr && mSession->observer() != nullptr) {
@@ -249,8 +255,19 @@ bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
     return true;
 }
 
+// A whole frame without padding, at the start of an input buffer.
+FramePlanes VideoEncoder::inputPlanes(uint8_t* data) const {
+    const ptrdiff_t chromaStride = (mWidth + 1) / 2;
+    FramePlanes planes;
+    planes.plane[0] = {data, mWidth};
+    planes.plane[1] = {data + ptrdiff_t{mWidth} * mHeight, chromaStride};
+    planes.plane[2] = {planes.plane[1].data + chromaStride * ((mHeight + 1) / 2), chromaStride};
+    return planes;
+}
+
 status_t VideoEncoder::accept(CodecInput input) {
-    if (takeScaleFailure(input.data)) {
+    Scaled scaled = takeScaled(input.data);
+    if (scaled.failed) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "a frame could not be scaled");
         return NO_MEMORY;
     }
@@ -274,22 +291,26 @@ status_t VideoEncoder::accept(CodecInput input) {
     frame->colorspace = context.colorspace;
     frame->chroma_location = context.chroma_sample_location;
     frame->sample_aspect_ratio = context.sample_aspect_ratio;
-    const int chromaStride = (mWidth + 1) / 2;
-    auto* data = const_cast<uint8_t*>(input.data);
-    frame->linesize[0] = mWidth;
-    frame->linesize[1] = frame->linesize[2] = chromaStride;
-    frame->data[0] = data;
-    frame->data[1] = data + static_cast<ptrdiff_t>(mWidth) * mHeight;
-    frame->data[2] = frame->data[1] + static_cast<ptrdiff_t>(chromaStride) * ((mHeight + 1) / 2);
+    const FramePlanes planes =
+        scaled.owner != nullptr ? scaled.planes : inputPlanes(const_cast<uint8_t*>(input.data));
+    for (int i = 0; i < 3; ++i) {
+        frame->data[i] = planes.plane[i].data;
+        frame->linesize[i] = static_cast<int>(planes.plane[i].stride);
+    }
     const Timestamp timestamp = timestampOf(input.timeUs);
     frame->pts = timestamp.pts;
     frame->pict_type = isKeyFrameDue(timestamp.timeUs) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
 
-    auto* lease = new std::shared_ptr<const void>(std::move(input.lease));
+    auto* memory = new FrameMemory;
+    memory->owner = std::move(scaled.owner);
+    // The buffer is free again at once when the frame lies elsewhere.
+    if (memory->owner == nullptr) memory->lease = std::move(input.lease);
+    const size_t bytes = static_cast<size_t>(
+        frame->data[2] + frame->linesize[2] * ptrdiff_t{(mHeight + 1) / 2} - frame->data[0]);
     frame->buf[0] =
-        av_buffer_create(data, mFrameBytes, releaseLease, lease, AV_BUFFER_FLAG_READONLY);
+        av_buffer_create(frame->data[0], bytes, releaseMemory, memory, AV_BUFFER_FLAG_READONLY);
     if (frame->buf[0] == nullptr) {
-        delete lease;
+        delete memory;
         return NO_MEMORY;
     }
     const status_t status = mEncoder.send(frame);

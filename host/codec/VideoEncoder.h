@@ -1,7 +1,7 @@
 // Encodes working frames to AVC, MPEG-4 or H.263, without reordering.
 //
-// The encoder reads the input buffers without a copy. A frame with an odd width or height loses its
-// last column or row.
+// The encoder reads the input buffers, or the decoded frames that these refer to, without a copy. A
+// frame with an odd width or height loses its last column or row.
 #pragma once
 
 #include <stdint.h>
@@ -14,6 +14,7 @@
 #include "host/codec/CodecBackend.h"
 #include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"
+#include "host/convert/ZimgGraph.h"
 #include "host/foundation/FrameAllocator.h"
 
 namespace android {
@@ -47,6 +48,7 @@ private:
     Timestamp timestampOf(int64_t timeUs);
     int64_t timeOf(int64_t pts);
     bool isKeyFrameDue(int64_t timeUs);
+    FramePlanes inputPlanes(uint8_t* data) const;
 
     const std::string mAvcPreset;
     const int mThreads;
@@ -58,7 +60,6 @@ private:
     sp<ABuffer> mCodecSpecificData;  // until it has been output
     int mWidth = 0;                  // of the input
     int mHeight = 0;
-    size_t mFrameBytes = 0;
 
     std::deque<Timestamp> mPending;
     Timestamp mLast;

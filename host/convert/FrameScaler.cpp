@@ -4,19 +4,55 @@
 #include <libyuv/planar_functions.h>
 #include <utils/Mutex.h>
 
-#include <memory>
-#include <set>
+#include <map>
+#include <utility>
 #include <vector>
 
-#include "host/convert/ZimgGraph.h"
+#include "host/convert/PlaneScaler.h"
+#include "host/foundation/FrameAllocator.h"
+#include "host/foundation/SharedFrames.h"
 
 namespace android {
 namespace qmmediaeditor {
 
 namespace {
 
-Mutex gFailedTargetsLock;
-std::set<const unsigned char*> gFailedTargets GUARDED_BY(gFailedTargetsLock);
+// Encoder inputs, and other memory into which scaling has failed.
+struct Target {
+    bool isEncoderInput = false;
+    Scaled scaled;
+};
+
+// Never destroyed: a codec's thread may outlive everything else.
+struct Targets {
+    Mutex lock;
+    std::map<const unsigned char*, Target> all GUARDED_BY(lock);
+};
+
+Targets& targets() {
+    static auto* const instance = new Targets;
+    return *instance;
+}
+
+class EncoderInput : public ABuffer {
+public:
+    explicit EncoderInput(const sp<ABuffer>& memory)
+        : ABuffer(memory->base(), memory->capacity()), mMemory(memory) {
+        Mutex::Autolock lock(targets().lock);
+        targets().all[base()].isEncoderInput = true;
+    }
+
+protected:
+    ~EncoderInput() override {
+        Target dropped;
+        Mutex::Autolock lock(targets().lock);
+        std::swap(dropped, targets().all[base()]);
+        targets().all.erase(base());
+    }
+
+private:
+    const sp<ABuffer> mMemory;
+};
 
 constexpr char kLogTag[] = "FrameScaler";
 
@@ -24,17 +60,6 @@ constexpr int kPlanar = 19;
 constexpr int kSemiPlanar = 21;
 
 int halfUp(int size) { return (size + 1) / 2; }
-
-struct Size {
-    int width;
-    int height;
-
-    bool operator==(const Size& other) const {
-        return width == other.width && height == other.height;
-    }
-    Size chroma() const { return {halfUp(width), halfUp(height)}; }
-    size_t pixels() const { return static_cast<size_t>(width) * static_cast<size_t>(height); }
-};
 
 bool isColorFormat(int format) { return format == kPlanar || format == kSemiPlanar; }
 
@@ -45,66 +70,11 @@ bool makesSense(const ScaleRequest& request) {
            isColorFormat(request.srcColorFormat) && isColorFormat(request.dstColorFormat);
 }
 
-zimg_image_format planeFormat(const Size& size) {
-    zimg_image_format format;
-    zimg_image_format_default(&format, ZIMG_API_VERSION);
-    format.width = static_cast<unsigned>(size.width);
-    format.height = static_cast<unsigned>(size.height);
-    format.pixel_type = ZIMG_PIXEL_BYTE;
-    format.color_family = ZIMG_COLOR_GREY;
-    format.pixel_range = ZIMG_RANGE_LIMITED;
-    return format;
-}
-
-// One filter for luma and one for both chroma planes. Each plane is scaled by itself, because with
-// odd sizes the planes do not have the same ratio.
-class PlaneScaler {
-public:
-    bool scale(const Size& from, const FramePlanes& source, const Size& to,
-               const FramePlanes& target) {
-        if (!prepare(from, to)) return false;
-        for (int i = 0; i < 3; ++i) {
-            FramePlanes in;
-            FramePlanes out;
-            in.plane[0] = source.plane[i];
-            out.plane[0] = target.plane[i];
-            if (!(i == 0 ? mLuma : mChroma)->process(in, out)) return false;
-        }
-        return true;
-    }
-
-private:
-    bool prepare(const Size& from, const Size& to) {
-        if (mLuma != nullptr && from == mFrom && to == mTo) return true;
-        mFrom = from;
-        mTo = to;
-        mLuma = ZimgGraph::build(planeFormat(from), planeFormat(to), {});
-        // Chroma samples are located on every second luma column, beginning with the first, and
-        // between the rows.
-        const double columns = static_cast<double>(from.width) / to.width;
-        const double rows = static_cast<double>(from.height) / to.height;
-        zimg_image_format chroma = planeFormat(from.chroma());
-        chroma.active_region.left = 0.25 * (1 - columns);
-        chroma.active_region.top = 0;
-        chroma.active_region.width = columns * to.chroma().width;
-        chroma.active_region.height = rows * to.chroma().height;
-        mChroma = ZimgGraph::build(chroma, planeFormat(to.chroma()), {});
-        if (mLuma != nullptr && mChroma != nullptr) return true;
-        mLuma.reset();
-        return false;
-    }
-
-    Size mFrom = {0, 0};
-    Size mTo = {0, 0};
-    std::unique_ptr<ZimgGraph> mLuma;
-    std::unique_ptr<ZimgGraph> mChroma;
-};
-
 // The source's planes; semi-planar chroma is split into `split`.
 FramePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
     auto* luma = const_cast<uint8_t*>(request.src);
     uint8_t* chroma = luma + static_cast<ptrdiff_t>(request.srcStride) * request.srcSliceHeight;
-    const Size size = Size{request.srcWidth, request.srcHeight}.chroma();
+    const FrameSize size = chromaOf({request.srcWidth, request.srcHeight});
     FramePlanes planes;
     planes.plane[0] = {luma, request.srcStride};
     if (request.srcColorFormat == kPlanar) {
@@ -114,36 +84,61 @@ FramePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* spli
                            stride};
         return planes;
     }
-    split->resize(size.pixels() * 2);
+    split->resize(pixelsOf(size) * 2);
     planes.plane[1] = {split->data(), size.width};
-    planes.plane[2] = {split->data() + size.pixels(), size.width};
+    planes.plane[2] = {split->data() + pixelsOf(size), size.width};
     libyuv::SplitUVPlane(chroma, request.srcStride, planes.plane[1].data, size.width,
                          planes.plane[2].data, size.width, size.width, size.height);
     return planes;
 }
 
 FramePlanes targetPlanes(const ScaleRequest& request, std::vector<uint8_t>* split) {
-    const Size size = {request.dstWidth, request.dstHeight};
-    const Size chroma = size.chroma();
-    uint8_t* first = request.dst + size.pixels();
+    const FrameSize size = {request.dstWidth, request.dstHeight};
+    const FrameSize chroma = chromaOf(size);
+    uint8_t* first = request.dst + pixelsOf(size);
     if (request.dstColorFormat == kSemiPlanar) {
-        split->resize(chroma.pixels() * 2);
+        split->resize(pixelsOf(chroma) * 2);
         first = split->data();
     }
     FramePlanes planes;
     planes.plane[0] = {request.dst, size.width};
     planes.plane[1] = {first, chroma.width};
-    planes.plane[2] = {first + chroma.pixels(), chroma.width};
+    planes.plane[2] = {first + pixelsOf(chroma), chroma.width};
     return planes;
 }
 
-void copyPlanes(const Size& size, const FramePlanes& from, const FramePlanes& to) {
+void copyPlanes(const FrameSize& size, const FramePlanes& from, const FramePlanes& to) {
     for (int i = 0; i < 3; ++i) {
-        const Size plane = i == 0 ? size : size.chroma();
+        const FrameSize plane = i == 0 ? size : chromaOf(size);
         libyuv::CopyPlane(from.plane[i].data, static_cast<int>(from.plane[i].stride),
                           to.plane[i].data, static_cast<int>(to.plane[i].stride), plane.width,
                           plane.height);
     }
+}
+
+// The frame that the encoder can read in place of a copy; an empty result when there is none.
+Scaled referenceTo(const ScaleRequest& request) {
+    Scaled reference;
+    const bool isCopy = request.srcWidth == request.dstWidth &&
+                        request.srcHeight == request.dstHeight &&
+                        request.srcColorFormat == kPlanar && request.dstColorFormat == kPlanar;
+    if (!isCopy) return reference;
+    const FrameSize whole = {request.srcStride, request.srcSliceHeight};
+    reference.owner =
+        SharedFrames::find(request.src, pixelsOf(whole) + 2 * pixelsOf(chromaOf(whole)));
+    if (reference.owner != nullptr) reference.planes = sourcePlanes(request, nullptr);
+    return reference;
+}
+
+// False when the target is not an encoder's, or the frame is to be scaled.
+bool passReference(const ScaleRequest& request) {
+    Scaled reference = referenceTo(request);
+    Scaled before;
+    Mutex::Autolock lock(targets().lock);
+    const auto target = targets().all.find(request.dst);
+    if (target == targets().all.end() || !target->second.isEncoderInput) return false;
+    before = std::exchange(target->second.scaled, std::move(reference));
+    return target->second.scaled.owner != nullptr;
 }
 
 bool scaleInto(const ScaleRequest& request) {
@@ -156,12 +151,13 @@ bool scaleInto(const ScaleRequest& request) {
                             request.dstHeight, request.dstColorFormat);
         return false;
     }
+    if (passReference(request)) return true;
     thread_local PlaneScaler scaler;
     thread_local std::vector<uint8_t> sourceChroma;
     thread_local std::vector<uint8_t> targetChroma;
 
-    const Size from = {request.srcWidth, request.srcHeight};
-    const Size to = {request.dstWidth, request.dstHeight};
+    const FrameSize from = {request.srcWidth, request.srcHeight};
+    const FrameSize to = {request.dstWidth, request.dstHeight};
     const FramePlanes source = sourcePlanes(request, &sourceChroma);
     const FramePlanes target = targetPlanes(request, &targetChroma);
     if (from == to) {
@@ -170,9 +166,9 @@ bool scaleInto(const ScaleRequest& request) {
         return false;
     }
     if (request.dstColorFormat == kSemiPlanar) {
-        const Size chroma = to.chroma();
+        const FrameSize chroma = chromaOf(to);
         libyuv::MergeUVPlane(target.plane[1].data, chroma.width, target.plane[2].data, chroma.width,
-                             request.dst + to.pixels(), chroma.width * 2, chroma.width,
+                             request.dst + pixelsOf(to), chroma.width * 2, chroma.width,
                              chroma.height);
     }
     return true;
@@ -182,13 +178,22 @@ bool scaleInto(const ScaleRequest& request) {
 
 void scaleFrame(const ScaleRequest& request) {
     if (scaleInto(request)) return;
-    Mutex::Autolock lock(gFailedTargetsLock);
-    gFailedTargets.insert(request.dst);
+    Mutex::Autolock lock(targets().lock);
+    targets().all[request.dst].scaled.failed = true;
 }
 
-bool takeScaleFailure(const unsigned char* frame) {
-    Mutex::Autolock lock(gFailedTargetsLock);
-    return gFailedTargets.erase(frame) > 0;
+sp<ABuffer> makeEncoderInput(size_t bytes) {
+    const sp<ABuffer> memory = FrameAllocator::makeBuffer(bytes);
+    return memory == nullptr ? nullptr : new EncoderInput(memory);
+}
+
+Scaled takeScaled(const unsigned char* target) {
+    Mutex::Autolock lock(targets().lock);
+    const auto found = targets().all.find(target);
+    if (found == targets().all.end()) return {};
+    Scaled scaled = std::exchange(found->second.scaled, {});
+    if (!found->second.isEncoderInput) targets().all.erase(found);
+    return scaled;
 }
 
 }  // namespace qmmediaeditor

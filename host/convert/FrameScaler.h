@@ -2,18 +2,35 @@
 #pragma once
 
 #include <Platform.h>
+#include <media/stagefright/foundation/ABuffer.h>
+#include <stddef.h>
+#include <utils/RefBase.h>
+
+#include "host/convert/ZimgGraph.h"
 
 namespace android {
 namespace qmmediaeditor {
 
 // Implements Platform::scale. An invalid request is logged. Any thread; each keeps the filters of
 // the sizes that it scaled last.
+//
+// Where a frame from SharedFrames would only be copied into a buffer of makeEncoderInput, the
+// buffer stays as it is, and takeScaled() has the frame.
 void scaleFrame(const ScaleRequest& request);
 
-// Whether scaling into this memory has failed, because memory was short or the request was invalid.
-// Platform::scale cannot report a failure, so that the encoder asks here. The answer is then
-// forgotten. Any thread.
-bool takeScaleFailure(const unsigned char* frame);
+// An encoder's input buffer; null when memory is short.
+sp<ABuffer> makeEncoderInput(size_t bytes);
+
+// What the last scaleFrame() into the memory at `target` did.
+struct Scaled {
+    // Memory was short, or the request invalid. Platform::scale cannot report it.
+    bool failed = false;
+    // The source's frame, which keeps `planes` unchanged; null when the memory was filled.
+    sp<RefBase> owner;
+    FramePlanes planes;
+};
+// The answer is then forgotten. Any thread.
+Scaled takeScaled(const unsigned char* target);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -4,8 +4,23 @@
 #include <cstring>
 
 #include "host/foundation/FrameAllocator.h"
+#include "host/foundation/SharedFrames.h"
 
 namespace android {
+
+namespace {
+
+// A copy of a frame that cannot change.
+class SharedCopy : public ABuffer {
+public:
+    SharedCopy(void* data, size_t capacity, const sp<RefBase>& owner)
+        : ABuffer(data, capacity), mOwner(owner) {}
+
+private:
+    const sp<RefBase> mOwner;
+};
+
+}  // namespace
 
 // malloc, so that the pages of a large buffer that is never filled cost nothing.
 ABuffer::ABuffer(size_t capacity)
@@ -33,6 +48,8 @@ sp<AMessage> ABuffer::meta() {
 }
 
 sp<ABuffer> ABuffer::CreateAsCopy(const void* data, size_t capacity) {
+    const sp<RefBase> owner = qmmediaeditor::SharedFrames::find(data, capacity);
+    if (owner != nullptr) return new SharedCopy(const_cast<void*>(data), capacity, owner);
     // All of it is filled now, so that pages of its own would only cost.
     const sp<ABuffer> copy = capacity < qmmediaeditor::FrameAllocator::kMinBytes
                                  ? new ABuffer(capacity)

@@ -86,7 +86,7 @@ TEST(FrameScalerTest, theSameSizeIsCroppedAndRepackedExactly) {
             Image source = slopes(128, 80, 100, 60, from);
             Image target(100, 60, to);
             scaleFrame(request(source, 100, 60, target));
-            EXPECT_FALSE(takeScaleFailure(target.bytes.data()));
+            EXPECT_FALSE(takeScaled(target.bytes.data()).failed);
             for (int plane = 0; plane < 3; ++plane) {
                 for (int y = 0; y < (plane == 0 ? 60 : 30); ++y) {
                     for (int x = 0; x < (plane == 0 ? 100 : 50); ++x) {
@@ -131,12 +131,12 @@ TEST(FrameScalerTest, anInvalidRequestIsReportedOnceForItsTarget) {
     scaleFrame(bad);
     bad = request(source, 64, 64, target);
     uint8_t other = 0;
-    EXPECT_FALSE(takeScaleFailure(&other));
-    EXPECT_TRUE(takeScaleFailure(target.bytes.data()));
-    EXPECT_FALSE(takeScaleFailure(target.bytes.data()));
+    EXPECT_FALSE(takeScaled(&other).failed);
+    EXPECT_TRUE(takeScaled(target.bytes.data()).failed);
+    EXPECT_FALSE(takeScaled(target.bytes.data()).failed);
     bad.dstColorFormat = 20;
     scaleFrame(bad);
-    EXPECT_TRUE(takeScaleFailure(target.bytes.data()));
+    EXPECT_TRUE(takeScaled(target.bytes.data()).failed);
 }
 
 // A frame that could not be scaled must neither be encoded with the contents of its memory nor be

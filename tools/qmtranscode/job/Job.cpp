@@ -38,7 +38,16 @@ Outcome Job::conclude(int32_t result, Progress* progress) {
     return {failureOf(result)};
 }
 
+// A new one, because the size of the output's frames is known only after the input was read.
+void Job::installPlatform() {
+    std::unique_ptr<Platform> platform = createHostPlatform(mHost);
+    Platform::install(platform.get());
+    mPlatform = std::move(platform);
+}
+
 std::optional<Failure> Job::prepare() {
+    mHost.observer = mObserver;
+    installPlatform();
     if (auto failure = mInput.probe(*mObserver)) return failure;
     auto periods = makePeriods(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
@@ -46,6 +55,12 @@ std::optional<Failure> Job::prepare() {
     auto format = makeOutputFormat(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
+    FrameSize size;
+    if (mOutputFormat != nullptr && mOutputFormat->findInt32("video-width", &size.width) &&
+        mOutputFormat->findInt32("video-height", &size.height)) {
+        mHost.frameSize = size;
+        installPlatform();
+    }
     return std::nullopt;
 }
 

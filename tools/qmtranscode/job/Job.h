@@ -1,6 +1,8 @@
 // One run of the command in the worker, from checked options to an exit status.
 #pragma once
 
+#include <Platform.h>
+#include <host/Host.h>
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
@@ -9,6 +11,7 @@
 #include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,11 +31,12 @@ struct Outcome {
 
 class Job {
 public:
-    // All outlive the job. A platform must be installed that has `observer`, and the log must go to
-    // `monitor`.
-    Job(const Options& options, JobFiles* files, WorkerControl* control, RunMonitor* monitor,
-        RunObserver* observer)
+    // All pointers outlive the job, and the log must go to `monitor`. `host` is what the options
+    // give; the job adds its observer and what follows from the input.
+    Job(const Options& options, const HostOptions& host, JobFiles* files, WorkerControl* control,
+        RunMonitor* monitor, RunObserver* observer)
         : mOptions(options),
+          mHost(host),
           mInput(files->input),
           mOutput(files->output),
           mTrace(files->trace),
@@ -47,6 +51,7 @@ private:
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;
 
+    void installPlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
     // Writes the plan.
@@ -70,6 +75,8 @@ private:
     int64_t outputLengthUs() const;
 
     const Options& mOptions;
+    HostOptions mHost;
+    std::unique_ptr<Platform> mPlatform;
     JobInput& mInput;
     const PendingFile& mOutput;
     TraceFile& mTrace;

@@ -85,10 +85,12 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
-    const std::unique_ptr<Platform> platform = createHostPlatform(
-        {options.preset, options.fastStart, options.cutTimesUs(), observer, threads});
-    Platform::install(platform.get());
-    return Job(options, files, &control, monitor, observer).run();
+    HostOptions host;
+    host.avcPreset = options.preset;
+    host.fastStart = options.fastStart;
+    host.cutTimesUs = options.cutTimesUs();
+    host.threads = threads;
+    return Job(options, host, files, &control, monitor, observer).run();
 }
 
 }  // namespace

@@ -28,7 +28,8 @@ public:
     // Created on first use.
     sp<AMessage> meta();
 
-    // Copies `capacity` bytes into a new buffer; null when memory is short.
+    // A buffer with a copy of `capacity` bytes, which is not to be written to, because it may share
+    // memory that nobody changes. Null when memory is short.
     static sp<ABuffer> CreateAsCopy(const void* data, size_t capacity);
 
 protected:
