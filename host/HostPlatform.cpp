@@ -89,7 +89,7 @@ private:
     std::unique_ptr<CodecBackend> createEncoder(const AString& mime) const {
         if (encoderOf(mime) == nullptr) return nullptr;
         if (mime.startsWithIgnoreCase("audio/")) {
-            return std::make_unique<AudioEncoder>(mOptions.observer);
+            return std::make_unique<AudioEncoder>(session());
         }
         return std::make_unique<VideoEncoder>(mOptions.avcPreset, session(), mOptions.threads);
     }

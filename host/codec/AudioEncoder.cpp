@@ -5,6 +5,7 @@
 #include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -49,8 +50,10 @@ int supportedRate(const CodecInfo& codec, int rate) {
 
 }  // namespace
 
-AudioEncoder::AudioEncoder(HostObserver* observer)
-    : mObserver(observer), mFrame(av_frame_alloc()) {}
+AudioEncoder::AudioEncoder(std::shared_ptr<SessionTimeline> session)
+    : mSession(std::move(session)),
+      mObserver(mSession == nullptr ? nullptr : mSession->observer()),
+      mFrame(av_frame_alloc()) {}
 
 AudioEncoder::~AudioEncoder() = default;
 
@@ -202,6 +205,10 @@ status_t AudioEncoder::sendFrame() {
     return mEncoder.send(frame);
 }
 
+int64_t AudioEncoder::timeOf(int64_t samples) const {
+    return mFirstTimeUs + av_rescale(samples, 1000000, mEncoder.context()->sample_rate);
+}
+
 CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     if (mCodecSpecificData != nullptr) {
         output->buffer = mCodecSpecificData;
@@ -211,15 +218,14 @@ CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     }
     for (;;) {
         switch (mEncoder.receive()) {
-            case PacketEncoder::Received::kPacket: {
-                const int sampleRate = mEncoder.context()->sample_rate;
-                mLastTimeUs = mFirstTimeUs + av_rescale(mEncoder.packet().pts, 1000000, sampleRate);
+            case PacketEncoder::Received::kPacket:
+                mLastTimeUs = timeOf(mEncoder.packet().pts);
                 output->buffer = mEncoder.takePayload();
                 output->timeUs = mLastTimeUs;
                 output->flags = MediaCodec::BUFFER_FLAG_SYNCFRAME;
                 return output->buffer == nullptr ? Step::kFailed : Step::kOutput;
-            }
             case PacketEncoder::Received::kEnd:
+                if (mSession != nullptr) mSession->endAudio(timeOf(mSentSamples));
                 output->timeUs = mLastTimeUs;
                 return Step::kEnd;
             case PacketEncoder::Received::kFailed:

@@ -6,17 +6,20 @@
 
 #include <stdint.h>
 
+#include <memory>
+
 #include "host/Host.h"
 #include "host/codec/CodecBackend.h"
 #include "host/codec/PacketCodecs.h"
+#include "host/codec/SessionTimeline.h"
 
 namespace android {
 namespace qmmediaeditor {
 
 class AudioEncoder : public CodecBackend {
 public:
-    // `observer` may be null.
-    explicit AudioEncoder(HostObserver* observer);
+    // `session` may be null.
+    explicit AudioEncoder(std::shared_ptr<SessionTimeline> session);
     ~AudioEncoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -33,8 +36,11 @@ private:
     status_t convert(const uint8_t* data, int frames);
     status_t sendFrame();
     bool hasFrame() const;
+    // Of a sample in the encoder's sample rate, in microseconds of the output.
+    int64_t timeOf(int64_t samples) const;
 
-    HostObserver* const mObserver;
+    const std::shared_ptr<SessionTimeline> mSession;
+    HostObserver* const mObserver;  // the session's; may be null
     PacketEncoder mEncoder;
     const FramePtr mFrame;
     ResamplerPtr mConverter;

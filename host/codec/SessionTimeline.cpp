@@ -17,6 +17,16 @@ SessionTimeline::SessionTimeline(const HostOptions& options) : mObserver(options
     if (cutsUs.empty()) mPeriods.push_back({0, std::numeric_limits<int64_t>::max(), 0, {}, {}});
 }
 
+void SessionTimeline::setFrameRate(const FrameRate& rate) {
+    Mutex::Autolock lock(mLock);
+    mFrameRate = rate;
+}
+
+std::optional<FrameRate> SessionTimeline::frameRate() const {
+    Mutex::Autolock lock(mLock);
+    return mFrameRate;
+}
+
 void SessionTimeline::setAverageFrameRate(double rate) {
     Mutex::Autolock lock(mLock);
     mAverageFrameRate = rate;
@@ -58,6 +68,16 @@ std::optional<int64_t> SessionTimeline::videoEndUs(int64_t outputTimeUs) const {
         return std::min(*endUs, period->endUs) - period->startUs + period->outputUs;
     }
     return std::nullopt;
+}
+
+void SessionTimeline::endAudio(int64_t endUs) {
+    Mutex::Autolock lock(mLock);
+    mAudioEndUs = endUs;
+}
+
+std::optional<int64_t> SessionTimeline::audioEndUs() const {
+    Mutex::Autolock lock(mLock);
+    return mAudioEndUs;
 }
 
 void SessionTimeline::encoderStarted(bool isVideo) {

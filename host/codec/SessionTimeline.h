@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/Host.h"
+#include "host/codec/FrameRate.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -22,6 +23,9 @@ public:
 
     HostObserver* observer() const { return mObserver; }
 
+    // For the video decoder: the input's frame rate, where it is constant.
+    void setFrameRate(const FrameRate& rate);
+    std::optional<FrameRate> frameRate() const;
     // For the video decoder. Frames per second of the input on average, 0 when not known; the
     // "frame-rate" key of a variable-rate track is higher, since it bounds the distance of frames.
     void setAverageFrameRate(double rate);
@@ -36,6 +40,10 @@ public:
     // When the last frame of the period that holds `outputTimeUs` ends, in time of the output.
     // Nothing when that is unknown.
     std::optional<int64_t> videoEndUs(int64_t outputTimeUs) const;
+
+    // For the audio encoder, before it ends: when its last sample ends, in time of the output.
+    void endAudio(int64_t endUs);
+    std::optional<int64_t> audioEndUs() const;
 
     // For the encoders: one exists, and its client has taken its end of stream. The encoders of a
     // session that was stopped never end.
@@ -64,7 +72,9 @@ private:
     mutable Mutex mLock;
     std::vector<Period> mPeriods GUARDED_BY(mLock);  // empty when they are not known
     bool mHasLoss GUARDED_BY(mLock) = false;
+    std::optional<FrameRate> mFrameRate GUARDED_BY(mLock);
     double mAverageFrameRate GUARDED_BY(mLock) = 0;
+    std::optional<int64_t> mAudioEndUs GUARDED_BY(mLock);
     int64_t mContinuesAtUs GUARDED_BY(mLock) = INT64_MIN;
     std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);  // in time of the input
     Encoder mEncoders[2] GUARDED_BY(mLock) = {Encoder::kNone, Encoder::kNone};  // audio, video

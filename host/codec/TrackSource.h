@@ -16,6 +16,7 @@
 #include <deque>
 #include <optional>
 
+#include "host/codec/FrameRate.h"
 #include "host/codec/OutputSequencer.h"
 #include "host/convert/FFmpegPointers.h"
 
@@ -54,6 +55,10 @@ public:
     void setDelayUs(int64_t delayUs) { mDelayUs = delayUs; }
     int64_t delayUs() const { return mDelayUs; }
 
+    // Of video with a constant frame rate. Set before the format is passed on.
+    void setFrameRate(const FrameRate& rate) { mFrameRate = rate; }
+    const std::optional<FrameRate>& frameRate() const { return mFrameRate; }
+
     // For the extractor: once for each sample of a selected track, in order, before the sample can
     // be read, with the timestamp that getSampleTime will return. No later sample of any track is
     // shown before it. The sample belongs to the sequencer's current segment.
@@ -86,6 +91,7 @@ private:
     const CodecParametersPtr mParameters;
     const sp<OutputSequencer> mSequencer;
     int64_t mDelayUs = 0;
+    std::optional<FrameRate> mFrameRate;
 
     Mutex mLock;
     std::deque<PacketInfo> mInfos GUARDED_BY(mLock);

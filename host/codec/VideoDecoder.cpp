@@ -162,6 +162,9 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     format->findInt32("height", &mHeight);
     format->findInt32("frame-rate", &mFrameRate);
     mSource = TrackSource::find(format);
+    if (mSession != nullptr && mSource != nullptr && mSource->frameRate()) {
+        mSession->setFrameRate(*mSource->frameRate());
+    }
     float averageFrameRate = 0;
     if (mSession != nullptr && format->findFloat("average-frame-rate", &averageFrameRate)) {
         mSession->setAverageFrameRate(static_cast<double>(averageFrameRate));

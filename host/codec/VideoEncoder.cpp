@@ -15,6 +15,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavutil/dict.h>
 #include <libavutil/opt.h>
 }
@@ -44,6 +45,8 @@ constexpr double kBufferSeconds = 2;
 constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
 constexpr int kMaxKeyFrameDistance = 10000;
+// In rows. Prediction ends at the edges of a slice, so that lower ones need more bits.
+constexpr int kMinSliceHeight = 128;
 
 size_t inputCount(int threads) {
     return std::clamp(2 * static_cast<size_t>(threads), kMinInputCount, kMaxInputCount);
@@ -57,6 +60,24 @@ struct FrameMemory {
 };
 
 void releaseMemory(void* memory, uint8_t* /* data */) { delete static_cast<FrameMemory*>(memory); }
+
+// The AVC encoder's parameter sets. As it works with timestamps, it states their resolution as the
+// stream's tick rate, from which readers of the stream without its container take the frame rate;
+// so the tick rate becomes that of the frames' fields (ITU-T H.264, E.2.1).
+sp<ABuffer> avcParameterSets(const AVCodecContext& context) {
+    AVBSFContext* allocated = nullptr;
+    const AVBitStreamFilter* filter = av_bsf_get_by_name("h264_metadata");
+    if (filter == nullptr || av_bsf_alloc(filter, &allocated) < 0) return nullptr;
+    const BitstreamFilterPtr rewriter(allocated);
+    const AVRational fields = av_mul_q({2, 1}, context.framerate);
+    if (avcodec_parameters_from_context(rewriter->par_in, &context) < 0 ||
+        av_opt_set_q(rewriter->priv_data, "tick_rate", fields, 0) < 0 ||
+        av_bsf_init(rewriter.get()) < 0) {
+        return nullptr;
+    }
+    const AVCodecParameters& made = *rewriter->par_out;
+    return ABuffer::CreateAsCopy(made.extradata, static_cast<size_t>(made.extradata_size));
+}
 
 }  // namespace
 
@@ -156,10 +177,10 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     status = mEncoder.open(options);
     if (status != OK) return status;
 
-    mCodecSpecificData = mEncoder.codecSpecificData();
-    if (mCodecSpecificData == nullptr && mEncoder.context()->extradata_size > 0) {
-        return NO_MEMORY;
-    }
+    const AVCodecContext& context = *mEncoder.context();
+    mCodecSpecificData = context.codec_id == AV_CODEC_ID_H264 ? avcParameterSets(context)
+                                                              : mEncoder.codecSpecificData();
+    if (mCodecSpecificData == nullptr && context.extradata_size > 0) return NO_MEMORY;
     mFormat = new AMessage;
     mFormat->setString("mime", mime);
     mFormat->setInt32("width", mWidth & ~1);
@@ -198,7 +219,8 @@ void VideoEncoder::setParameters(const Settings& settings) {
     context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
     context->rc_initial_buffer_occupancy =
         static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
-    context->framerate = av_d2q(settings.frameRate, 100000);
+    const FrameRate rate = frameRateOf(settings);
+    context->framerate = {static_cast<int>(rate.numerator), static_cast<int>(rate.denominator)};
     context->thread_count = mThreads;
     context->time_base = {1, kMicroseconds};
     if (context->codec_id == AV_CODEC_ID_MPEG4 || context->codec_id == AV_CODEC_ID_H263) {
@@ -207,10 +229,27 @@ void VideoEncoder::setParameters(const Settings& settings) {
     }
 }
 
+// The exact rate of the input, unless frames are to be left out.
+FrameRate VideoEncoder::frameRateOf(const Settings& settings) const {
+    const std::optional<FrameRate> input =
+        mSession == nullptr ? std::nullopt : mSession->frameRate();
+    if (input && input->value() <= settings.frameRate) return *input;
+    const AVRational requested = av_d2q(settings.frameRate, 100000);
+    return {requested.num, requested.den};
+}
+
 bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** options) const {
+    const AVCodecContext& context = *mEncoder.context();
     bool set = av_dict_set(options, "preset", mAvcPreset.c_str(), 0) >= 0;
     // A requested key frame must be an IDR frame, which can be sought.
     set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
+    // With a thread for each frame, the rate control looks at how far the other threads are, and the
+    // output is different each time. Some of x264's functions for newer processors round
+    // differently.
+    const int slices = std::clamp(context.height / kMinSliceHeight, 1, mThreads);
+    const std::string parameters =
+        "cpu-independent=1:sliced-threads=1:threads=" + std::to_string(slices);
+    set = set && av_dict_set(options, "x264-params", parameters.c_str(), 0) >= 0;
     const char* profile = avcProfileName(settings.profileBit);
     if (profile != nullptr) set = set && av_dict_set(options, "profile", profile, 0) >= 0;
     AvcDemand demand;

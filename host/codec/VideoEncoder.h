@@ -43,6 +43,7 @@ private:
     };
 
     void setParameters(const Settings& settings);
+    FrameRate frameRateOf(const Settings& settings) const;
     // False when memory is short.
     bool setAvcOptions(const Settings& settings, AVDictionary** options) const;
     Timestamp timestampOf(int64_t timeUs);

@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libavutil/audio_fifo.h>
 #include <libswresample/swresample.h>
@@ -11,6 +12,8 @@ namespace android {
 namespace qmmediaeditor {
 
 void FFmpegDeleter::operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
+
+void FFmpegDeleter::operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
 
 void FFmpegDeleter::operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 struct AVAudioFifo;
+struct AVBSFContext;
 struct AVBufferRef;
 struct AVCodecContext;
 struct AVCodecParameters;
@@ -19,6 +20,7 @@ namespace qmmediaeditor {
 
 struct FFmpegDeleter {
     void operator()(AVAudioFifo* fifo) const;
+    void operator()(AVBSFContext* filter) const;
     void operator()(AVBufferRef* buffer) const;
     void operator()(AVCodecContext* context) const;
     void operator()(AVCodecParameters* parameters) const;
@@ -43,6 +45,7 @@ struct IoContextDeleter {
 };
 
 using AudioFifoPtr = std::unique_ptr<AVAudioFifo, FFmpegDeleter>;
+using BitstreamFilterPtr = std::unique_ptr<AVBSFContext, FFmpegDeleter>;
 using BufferRefPtr = std::unique_ptr<AVBufferRef, FFmpegDeleter>;
 using CodecContextPtr = std::unique_ptr<AVCodecContext, FFmpegDeleter>;
 using CodecParametersPtr = std::unique_ptr<AVCodecParameters, FFmpegDeleter>;

@@ -11,6 +11,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/codec/FrameRate.h"
 #include "host/convert/FFmpegPointers.h"
 
 struct AVCodecParserContext;
@@ -79,16 +80,12 @@ private:
 // second, and the component drops a frame that is a little too early for the announced rate. So the
 // timestamps of constant-rate video are restored to their values before the container rounded them.
 
-// Frames per second, as a fraction.
-struct FrameRate {
-    int64_t numerator = 0;
-    int64_t denominator = 1;
-};
-
 class ConstantFrameRate {
 public:
     // `tickUs` is the container's resolution, microseconds.
     ConstantFrameRate(FrameRate rate, int64_t tickUs);
+
+    const FrameRate& rate() const { return mRate; }
 
     // The timestamp at this rate that is nearest to `timeUs`, when the difference can be the
     // container's rounding. Otherwise the stream has a break: `timeUs`, which is the new anchor.

@@ -22,8 +22,12 @@ namespace {
 
 constexpr char kLogTag[] = "Writer";
 constexpr int32_t k3gpFileType = 1;
-// A multiple of every common frame rate, also of 30000/1001.
+// For a variable frame rate: a multiple of most frame rates.
 constexpr int kVideoTicksPerSecond = 90000;
+constexpr int kMinVideoTicksPerSecond = 10000;
+constexpr int kMaxVideoTicksPerSecond = 1000000;
+// Some players round what an edit list says to milliseconds, and drop a packet where that is less.
+constexpr int kMovieTicksPerSecond = 1000;
 constexpr int kDefaultFrameRate = 30;
 // Samples that are held back for another track. Two tracks of a session run within a batch of each
 // other, so that only a track with a long pause reaches it.
@@ -43,6 +47,16 @@ int32_t intOf(const MetaDataBase& format, uint32_t key) {
     int32_t value = 0;
     format.findInt32(key, &value);
     return value;
+}
+
+// A timescale that holds each frame's time exactly.
+int videoTicksPerSecond(const std::optional<FrameRate>& rate) {
+    if (!rate || rate->numerator < 1 || rate->numerator > kMaxVideoTicksPerSecond) {
+        return kVideoTicksPerSecond;
+    }
+    auto ticks = static_cast<int>(rate->numerator);
+    while (ticks < kMinVideoTicksPerSecond) ticks *= 2;
+    return ticks;
 }
 
 bool isVideo(const AVCodecParameters& parameters) {
@@ -146,14 +160,16 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     context->flush_packets = 0;
     // The encoders deliver samples in the form that the file needs.
     context->flags &= ~AVFMT_FLAG_AUTO_BSF;
+    const int videoTicks =
+        videoTicksPerSecond(mSession == nullptr ? std::nullopt : mSession->frameRate());
     for (Track& track : mTracks) {
-        const status_t result = addStream(&track, rotationDegrees);
+        const status_t result = addStream(&track, rotationDegrees, videoTicks);
         if (result != OK) return result;
     }
     AVDictionary* options = nullptr;
     const bool isFirst = movieBoxFirst && mOutput->makeReadable();
-    if (av_dict_set_int(&options, "video_track_timescale", kVideoTicksPerSecond, 0) < 0 ||
-        av_dict_set_int(&options, "movie_timescale", kVideoTicksPerSecond, 0) < 0 ||
+    if (av_dict_set_int(&options, "video_track_timescale", videoTicks, 0) < 0 ||
+        av_dict_set_int(&options, "movie_timescale", kMovieTicksPerSecond, 0) < 0 ||
         (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
         av_dict_free(&options);
         return NO_MEMORY;
@@ -168,7 +184,7 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     return OK;
 }
 
-status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees) {
+status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees, int videoTicks) {
     AVStream* stream = avformat_new_stream(mContext.get(), nullptr);
     if (stream == nullptr) return NO_MEMORY;
     if (avcodec_parameters_copy(stream->codecpar, track->parameters.get()) < 0) return NO_MEMORY;
@@ -177,7 +193,7 @@ status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees) {
         stream->time_base = {1, stream->codecpar->sample_rate};
         return OK;
     }
-    stream->time_base = {1, kVideoTicksPerSecond};
+    stream->time_base = {1, videoTicks};
     stream->sample_aspect_ratio = stream->codecpar->sample_aspect_ratio;
     if (rotationDegrees % 360 != 0 && !setRotation(stream, rotationDegrees)) return NO_MEMORY;
     return OK;
@@ -231,13 +247,14 @@ status_t Mp4Muxer::endTrack(size_t index) {
     const Track& track = mTracks.at(index);
     if (mInterleaver == nullptr || !hasAllSamples(track)) return mError;
     const PacketInterleaver::Held* last = mInterleaver->last(index);
+    const bool hasVideo = isVideo(*track.parameters);
     std::optional<int64_t> endUs;
-    if (last != nullptr && isVideo(*track.parameters) && mSession != nullptr) {
-        endUs = mSession->videoEndUs(last->timeUs);
+    if (last != nullptr && mSession != nullptr) {
+        endUs = hasVideo ? mSession->videoEndUs(last->timeUs) : mSession->audioEndUs();
     }
     const bool isKnown = endUs && *endUs > last->timeUs;
     endAt(index, isKnown ? *endUs : last == nullptr ? 0 : last->endUs);
-    if (isKnown && observer() != nullptr) observer()->onVideoEnd(*endUs);
+    if (isKnown && hasVideo && observer() != nullptr) observer()->onVideoEnd(*endUs);
     return writeSettled();
 }
 
@@ -245,14 +262,19 @@ bool Mp4Muxer::hasAllSamples(const Track& track) const {
     return mSession == nullptr || mSession->isComplete(isVideo(*track.parameters));
 }
 
-// The duration of an audio sample is fixed by its codec; that of a video frame is the time for
-// which it is shown.
+// The duration of a video frame is the time for which it is shown. An audio packet has that of its
+// codec's frame, or less where the audio ends inside of it.
 void Mp4Muxer::endAt(size_t index, int64_t endUs) {
     const Track& track = mTracks[index];
     const PacketInterleaver::Held* last = mInterleaver->last(index);
-    if (last != nullptr && isVideo(*track.parameters)) {
+    if (last != nullptr) {
+        // Microseconds cannot express the end of a whole frame.
+        constexpr int64_t kRoundingTicks = 1;
         AVPacket& packet = *last->packet;
-        packet.duration = std::max<int64_t>(track.clock->ticksAt(endUs) - packet.dts, 1);
+        const int64_t ticks = std::max<int64_t>(track.clock->ticksAt(endUs) - packet.dts, 1);
+        if (isVideo(*track.parameters) || ticks + kRoundingTicks < packet.duration) {
+            packet.duration = ticks;
+        }
     }
     mInterleaver->end(index, endUs);
 }

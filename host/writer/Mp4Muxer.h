@@ -67,7 +67,7 @@ private:
     };
 
     bool needs3gp() const REQUIRES(mLock);
-    status_t addStream(Track* track, int32_t rotationDegrees) REQUIRES(mLock);
+    status_t addStream(Track* track, int32_t rotationDegrees, int videoTicks) REQUIRES(mLock);
     void startTimestamps(Track* track);
     HostObserver* observer() const { return mSession == nullptr ? nullptr : mSession->observer(); }
     bool hasAllSamples(const Track& track) const;
