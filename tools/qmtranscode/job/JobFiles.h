@@ -24,8 +24,8 @@ public:
     std::optional<Failure> open(const std::string& path);
     // In the worker: finds the tracks that can be decoded.
     std::optional<Failure> probe(const RunObserver& observer);
-    // In the worker: a failure if the file could not be read, exceeds a limit, or was truncated or modified since
-    // `open`. It may grow, as a recording does.
+    // In the worker: a failure if the file could not be read, exceeds a limit, or was truncated or
+    // modified since `open`. It may grow, as a recording does.
     std::optional<Failure> checkReads(const RunObserver& observer) const;
 
     int fd() const { return mFd; }

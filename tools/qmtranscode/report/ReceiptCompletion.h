@@ -1,5 +1,5 @@
-// The parent process's part of a receipt: the resources that the worker has used, and the receipt of
-// a run without output.
+// The parent process's part of a receipt: the resources that the worker has used, and the receipt
+// of a run without output.
 #pragma once
 
 #include <stdint.h>

@@ -36,8 +36,8 @@ void startWorker(const Options& options, JobFiles* files, const WorkerLink& link
     // The executable's run path has its directory.
     void* const library = dlopen("libqmtranscode-worker.so", RTLD_LAZY);
     if (library == nullptr) endWithoutLibrary(link);
-    const auto run = reinterpret_cast<decltype(&qmtranscodeRunWorker)>(
-        dlsym(library, "qmtranscodeRunWorker"));
+    const auto run =
+        reinterpret_cast<decltype(&qmtranscodeRunWorker)>(dlsym(library, "qmtranscodeRunWorker"));
     if (run == nullptr) endWithoutLibrary(link);
     run(options, files, link, shared);
     _exit(kExitFailed);
