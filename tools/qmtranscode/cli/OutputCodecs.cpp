@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <media/stagefright/foundation/MediaDefs.h>
 #include <qmtranscode/cli/OutputCodecs.h>
 #include <stdlib.h>
 
@@ -32,20 +31,6 @@ const Choices<AudioCodec>& audioCodecs() {
     static const Choices<AudioCodec> codecs = {
         {"aac", AudioCodec::kAac}, {"amr-nb", AudioCodec::kAmrNb}, {"amr-wb", AudioCodec::kAmrWb}};
     return codecs;
-}
-
-std::string codecName(const std::string& mime) {
-    static const struct {
-        const char* mime;
-        const char* name;
-    } kNames[] = {
-        {MEDIA_MIMETYPE_VIDEO_AVC, "avc"},       {MEDIA_MIMETYPE_VIDEO_H263, "h263"},
-        {MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"},   {MEDIA_MIMETYPE_AUDIO_AAC, "aac"},
-        {MEDIA_MIMETYPE_AUDIO_AMR_NB, "amr-nb"}, {MEDIA_MIMETYPE_AUDIO_AMR_WB, "amr-wb"},
-    };
-    const auto* found = std::find_if(std::begin(kNames), std::end(kNames),
-                                     [&mime](const auto& entry) { return mime == entry.mime; });
-    return found == std::end(kNames) ? mime : found->name;
 }
 
 int32_t nearestAacSampleRate(int32_t sampleRate) {

@@ -22,9 +22,6 @@ const Choices<FileFormat>& fileFormats();
 const Choices<VideoCodec>& videoCodecs();
 const Choices<AudioCodec>& audioCodecs();
 
-// "avc" for the MIME type of an output codec; for others, the MIME type.
-std::string codecName(const std::string& mime);
-
 struct Size {
     int32_t width;
     int32_t height;

@@ -5,8 +5,9 @@
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/sandbox/WorkerLink.h>
+#include <qmtranscode/sandbox/WorkerControl.h>
 #include <utils/StrongPointer.h>
 
 #include <optional>
@@ -30,12 +31,12 @@ class Job {
 public:
     // All outlive the job. A platform must be installed that has `observer`, and the log must go to
     // `monitor`.
-    Job(const Options& options, JobFiles* files, WorkerControl* control, RunMonitor* monitor,
-        RunObserver* observer)
+    Job(const Options& options, JobFiles* files, TraceFile* trace, WorkerControl* control,
+        RunMonitor* monitor, RunObserver* observer)
         : mOptions(options),
           mInput(files->input),
           mOutput(files->output),
-          mTrace(files->trace),
+          mTrace(trace),
           mReceipt(files->receipt),
           mControl(control),
           mMonitor(monitor),
@@ -72,7 +73,7 @@ private:
     const Options& mOptions;
     JobInput& mInput;
     const PendingFile& mOutput;
-    TraceFile& mTrace;
+    TraceFile* const mTrace;
     const int mReceipt;
     WorkerControl* const mControl;
     RunMonitor* const mMonitor;
