@@ -1,5 +1,6 @@
 #include "host/codec/CodecTable.h"
 
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 #include <strings.h>
 
@@ -91,22 +92,14 @@ struct AvcLevel {
 };
 
 constexpr AvcLevel kAvcLevels[] = {
-    {1, 10, 1485, 99, 64000},
-    {4, 11, 3000, 396, 192000},
-    {8, 12, 6000, 396, 384000},
-    {16, 13, 11880, 396, 768000},
-    {32, 20, 11880, 396, 2000000},
-    {64, 21, 19800, 792, 4000000},
-    {128, 22, 20250, 1620, 4000000},
-    {256, 30, 40500, 1620, 10000000},
-    {512, 31, 108000, 3600, 14000000},
-    {1024, 32, 216000, 5120, 20000000},
-    {2048, 40, 245760, 8192, 20000000},
-    {4096, 41, 245760, 8192, 50000000},
-    {8192, 42, 522240, 8704, 50000000},
-    {16384, 50, 589824, 22080, 135000000},
-    {32768, 51, 983040, 36864, 240000000},
-    {65536, 52, 2073600, 36864, 240000000},
+    {AVCLevel1, 10, 1485, 99, 64000},           {AVCLevel11, 11, 3000, 396, 192000},
+    {AVCLevel12, 12, 6000, 396, 384000},        {AVCLevel13, 13, 11880, 396, 768000},
+    {AVCLevel2, 20, 11880, 396, 2000000},       {AVCLevel21, 21, 19800, 792, 4000000},
+    {AVCLevel22, 22, 20250, 1620, 4000000},     {AVCLevel3, 30, 40500, 1620, 10000000},
+    {AVCLevel31, 31, 108000, 3600, 14000000},   {AVCLevel32, 32, 216000, 5120, 20000000},
+    {AVCLevel4, 40, 245760, 8192, 20000000},    {AVCLevel41, 41, 245760, 8192, 50000000},
+    {AVCLevel42, 42, 522240, 8704, 50000000},   {AVCLevel5, 50, 589824, 22080, 135000000},
+    {AVCLevel51, 51, 983040, 36864, 240000000}, {AVCLevel52, 52, 2073600, 36864, 240000000},
 };
 
 bool allows(const AvcLevel& level, const AvcDemand& demand) {
@@ -276,11 +269,11 @@ const AVCodec* encoderOf(const AString& mime) {
 
 const char* avcProfileName(int32_t profileBit) {
     switch (profileBit) {
-        case 1:
+        case AVCProfileBaseline:
             return "baseline";
-        case 2:
+        case AVCProfileMain:
             return "main";
-        case 8:
+        case AVCProfileHigh:
             return "high";
         default:
             return nullptr;

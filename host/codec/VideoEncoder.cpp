@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <media/stagefright/MediaCodec.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
@@ -30,7 +31,6 @@ constexpr char kLogTag[] = "VideoEncoder";
 constexpr size_t kMinInputCount = 4;
 constexpr size_t kMaxInputCount = 8;
 constexpr size_t kOutputCount = 16;
-constexpr int kPlanar = 19;  // the platform's planar YUV 4:2:0
 constexpr double kDefaultFrameRate = 30;
 // Bits per pixel, where no bit rate is requested.
 constexpr double kDefaultBitsPerPixel = 0.1;
@@ -58,7 +58,7 @@ void releaseLease(void* lease, uint8_t* /* data */) {
 // Settings that the format requests.
 struct VideoEncoder::Settings {
     explicit Settings(const AMessage& format) {
-        int32_t colorFormat = kPlanar;
+        int32_t colorFormat = COLOR_FormatYUV420Planar;
         format.findInt32("width", &width);
         format.findInt32("height", &height);
         format.findInt32("color-format", &colorFormat);
@@ -79,7 +79,7 @@ struct VideoEncoder::Settings {
         }
         bitRate = std::max(bitRate, kMinBitRate);
         possible = width >= 2 && height >= 2 && width <= kMaxSide && height <= kMaxSide &&
-                   colorFormat == kPlanar;
+                   colorFormat == COLOR_FormatYUV420Planar;
     }
 
     int keyFrameDistance() const {

@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <libyuv/planar_functions.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <utils/Mutex.h>
 
 #include <memory>
@@ -20,9 +21,6 @@ std::set<const unsigned char*> gFailedTargets GUARDED_BY(gFailedTargetsLock);
 
 constexpr char kLogTag[] = "FrameScaler";
 
-constexpr int kPlanar = 19;
-constexpr int kSemiPlanar = 21;
-
 int halfUp(int size) { return (size + 1) / 2; }
 
 struct Size {
@@ -36,7 +34,9 @@ struct Size {
     size_t pixels() const { return static_cast<size_t>(width) * static_cast<size_t>(height); }
 };
 
-bool isColorFormat(int format) { return format == kPlanar || format == kSemiPlanar; }
+bool isColorFormat(int format) {
+    return format == COLOR_FormatYUV420Planar || format == COLOR_FormatYUV420SemiPlanar;
+}
 
 bool makesSense(const ScaleRequest& request) {
     return request.src != nullptr && request.dst != nullptr && request.srcWidth >= 1 &&
@@ -107,7 +107,7 @@ FramePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* spli
     const Size size = Size{request.srcWidth, request.srcHeight}.chroma();
     FramePlanes planes;
     planes.plane[0] = {luma, request.srcStride};
-    if (request.srcColorFormat == kPlanar) {
+    if (request.srcColorFormat == COLOR_FormatYUV420Planar) {
         const int stride = halfUp(request.srcStride);
         planes.plane[1] = {chroma, stride};
         planes.plane[2] = {chroma + static_cast<ptrdiff_t>(stride) * halfUp(request.srcSliceHeight),
@@ -126,7 +126,7 @@ FramePlanes targetPlanes(const ScaleRequest& request, std::vector<uint8_t>* spli
     const Size size = {request.dstWidth, request.dstHeight};
     const Size chroma = size.chroma();
     uint8_t* first = request.dst + size.pixels();
-    if (request.dstColorFormat == kSemiPlanar) {
+    if (request.dstColorFormat == COLOR_FormatYUV420SemiPlanar) {
         split->resize(chroma.pixels() * 2);
         first = split->data();
     }
@@ -169,7 +169,7 @@ bool scaleInto(const ScaleRequest& request) {
     } else if (!scaler.scale(from, source, to, target)) {
         return false;
     }
-    if (request.dstColorFormat == kSemiPlanar) {
+    if (request.dstColorFormat == COLOR_FormatYUV420SemiPlanar) {
         const Size chroma = to.chroma();
         libyuv::MergeUVPlane(target.plane[1].data, chroma.width, target.plane[2].data, chroma.width,
                              request.dst + to.pixels(), chroma.width * 2, chroma.width,

@@ -143,8 +143,8 @@ status_t Transcode::setDecoderOutputFormat(bool isAudio, sp<AMessage> format) {
     } else {
         int32_t colorFormat = 0;
         format->findInt32("color-format", &colorFormat);
-        if (colorFormat == kColorFormatYUV420Planar ||
-            colorFormat == kColorFormatYUV420SemiPlanar) {
+        if (colorFormat == COLOR_FormatYUV420Planar ||
+            colorFormat == COLOR_FormatYUV420SemiPlanar) {
             mVideoAttribute.mDecoderColorFormat = colorFormat;
         } else {
             QM_LOGE(kTag, "error : not support color format %d", colorFormat);

@@ -2,6 +2,7 @@
 #include <Log.h>
 #include <SaturatingMath.h>
 #include <Transcode.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
@@ -62,11 +63,14 @@ struct AvcCode {
     int bit;
 };
 constexpr AvcCode kAvcProfiles[] = {
-    {66, 1}, {77, 2}, {88, 4}, {100, 8}, {110, 16}, {122, 32}, {244, 64},
+    {66, AVCProfileBaseline}, {77, AVCProfileMain},    {88, AVCProfileExtended},
+    {100, AVCProfileHigh},    {110, AVCProfileHigh10}, {122, AVCProfileHigh422},
+    {244, AVCProfileHigh444},
 };
 constexpr AvcCode kAvcLevels[] = {
-    {11, 4},   {12, 8},   {13, 16},   {20, 32},   {21, 64},   {22, 128},
-    {30, 256}, {31, 512}, {32, 1024}, {40, 2048}, {41, 4096}, {42, 8192},
+    {11, AVCLevel11}, {12, AVCLevel12}, {13, AVCLevel13}, {20, AVCLevel2},
+    {21, AVCLevel21}, {22, AVCLevel22}, {30, AVCLevel3},  {31, AVCLevel31},
+    {32, AVCLevel32}, {40, AVCLevel4},  {41, AVCLevel41}, {42, AVCLevel42},
 };
 
 template <size_t N>
@@ -212,7 +216,7 @@ int Transcode::setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> forma
 
     attribute->mUseSurface = mProperty->mUseInputSurface;
     attribute->mColorFormat =
-        attribute->mUseSurface ? kColorFormatSurface : kColorFormatYUV420Planar;
+        attribute->mUseSurface ? COLOR_FormatSurface : COLOR_FormatYUV420Planar;
     attribute->mSurfaceParam1 = mProperty->mVideoParam1;
     attribute->mSurfaceParam2 = mProperty->mVideoParam2;
     return OK;

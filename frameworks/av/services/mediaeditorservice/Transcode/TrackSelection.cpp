@@ -77,7 +77,7 @@ int Transcode::createVideoDecoder(int32_t i, const AString& mime) {
     mVideoTrackIndex = i;
     mFileAttribute.mHasVideo = 1;
     track.mSelected = true;
-    track.mFormat->setInt32("color-format", kColorFormatYUV420Planar);
+    track.mFormat->setInt32("color-format", COLOR_FormatYUV420Planar);
     QM_LOGV(kTag, "Transcoder Constructor video: %s", track.mFormat->debugString().c_str());
     if (mVideoDecoderLooper == nullptr) {
         mVideoDecoderLooper = startDecoderLooper("T_Video-Decoder-Looper");
@@ -118,7 +118,7 @@ void Transcode::chooseDithering(AMessage* format) {
         QM_LOGD(kTag, "[HDR] set dither type : %d", type);
         format->setInt32("dither-type", type);
     } else {
-        format->setInt32("color-format", kColorFormatYUV420Planar);
+        format->setInt32("color-format", COLOR_FormatYUV420Planar);
     }
 }
 
