@@ -5,7 +5,10 @@
 #include <strings.h>
 
 #include <cmath>
+#include <iterator>
 #include <sstream>
+
+#include "host/codec/OutputLimits.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -66,21 +69,6 @@ CodecInfo written(CodecInfo info, const char* encoder, const char* sampleEntry, 
     info.frameSamples = frameSamples;
     info.limits = std::move(limits);
     return info;
-}
-
-EncoderLimits frameLimits(int maxSide, std::vector<CodedSize> sizes = {}) {
-    EncoderLimits limits;
-    limits.maxSide = maxSide;
-    limits.sizes = std::move(sizes);
-    return limits;
-}
-
-EncoderLimits audioLimits(std::vector<int> sampleRates, int maxChannels, int maxBitRate) {
-    EncoderLimits limits;
-    limits.sampleRates = std::move(sampleRates);
-    limits.maxChannels = maxChannels;
-    limits.maxBitRate = maxBitRate;
-    return limits;
 }
 
 struct AvcLevel {
@@ -153,12 +141,9 @@ const std::vector<CodecInfo>& inputVideoCodecs() {
         {"VP8", MEDIA_MIMETYPE_VIDEO_VP8, "vp8"},
         {"VP9", MEDIA_MIMETYPE_VIDEO_VP9, "vp9"},
         {"AV1", MEDIA_MIMETYPE_VIDEO_AV1, "libdav1d"},
-        // ISO/IEC 14496-2 has 13 bits for either side.
         written({"MPEG-4", MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"}, "mpeg4", "mp4v", false, 0,
-                frameLimits((1 << 13) - 1)),
-        // ITU-T H.263, table 5.
-        written({"H.263", MEDIA_MIMETYPE_VIDEO_H263, "h263,h263p"}, "h263", "s263", true, 0,
-                frameLimits(0, {{128, 96}, {176, 144}, {352, 288}, {704, 576}, {1408, 1152}})),
+                {kMpeg4MaxSide, {}, 0}),
+        written({"H.263", MEDIA_MIMETYPE_VIDEO_H263, "h263,h263p"}, "h263", "s263", true, 0, {}),
         {"MPEG-1", MEDIA_MIMETYPE_VIDEO_MPEG2, "mpeg1video"},
         {"MPEG-2", MEDIA_MIMETYPE_VIDEO_MPEG2, "mpeg2video"},
         {"VC-1", "video/x-ms-wmv", "vc1"},
@@ -182,11 +167,8 @@ const std::vector<CodecInfo>& inputVideoCodecs() {
 
 const std::vector<CodecInfo>& inputAudioCodecs() {
     static const std::vector<CodecInfo> codecs = {
-        // ISO/IEC 14496-3, table 1.18.
         written({"AAC", MEDIA_MIMETYPE_AUDIO_AAC, "aac,aac_latm"}, "aac", "mp4a", false, 1024,
-                audioLimits({96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000,
-                             11025, 8000, 7350},
-                            8, 0)),
+                {0, {std::begin(kAacSampleRates), std::end(kAacSampleRates)}, kAacMaxChannels}),
         {"MP1", MEDIA_MIMETYPE_AUDIO_MPEG, "mp1"},
         {"MP2", MEDIA_MIMETYPE_AUDIO_MPEG, "mp2"},
         {"MP3", MEDIA_MIMETYPE_AUDIO_MPEG, "mp3float"},
@@ -199,9 +181,9 @@ const std::vector<CodecInfo>& inputAudioCodecs() {
         {"DTS", "audio/vnd.dts", "dca"},
         {"TrueHD", nullptr, "truehd"},
         written({"AMR-NB", MEDIA_MIMETYPE_AUDIO_AMR_NB, "amrnb"}, "libopencore_amrnb", "samr", true,
-                160, audioLimits({8000}, 1, 12200)),
+                160, {0, {kAmrNbSampleRate}, 1}),
         written({"AMR-WB", MEDIA_MIMETYPE_AUDIO_AMR_WB, "amrwb"}, "libvo_amrwbenc", "sawb", true,
-                320, audioLimits({16000}, 1, 23850)),
+                320, {0, {kAmrWbSampleRate}, 1}),
         {"WMA", "audio/x-ms-wma", "wmav1,wmav2,wmapro"},
         {"Speex", nullptr, "speex"},
         {"Nellymoser", nullptr, "nellymoser"},
