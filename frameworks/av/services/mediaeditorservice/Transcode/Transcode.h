@@ -108,7 +108,7 @@ private:
     int selectTrackAt(int32_t i);
     int createAudioDecoder(int32_t i, const AString& mime);
     int createVideoDecoder(int32_t i, const AString& mime);
-    static sp<ALooper> startDecoderLooper(const char* name);
+    int makeDecoder(Track& track, const AString& mime, bool isAudio);
     void chooseDithering(AMessage* format);
 
     // Encoder configuration.
