@@ -24,7 +24,7 @@ constexpr int64_t kPixelsOf720p = 921600;
 // Bytes of an AVC csd-0 that hold start code, NAL header, profile, constraints and level.
 constexpr size_t kAvcCsdHeaderBytes = 8;
 
-// A request counts only when it is one.
+// A message with another what-code is treated like no request.
 bool isOutputRequest(const sp<AMessage>& request) {
     return request != nullptr && request->what() == kOutputFormatWhat;
 }
@@ -56,8 +56,8 @@ constexpr VideoEncoderChoice kVideoEncoders[] = {
     {4, &MEDIA_MIMETYPE_VIDEO_VP8},
 };
 
-// From a byte of the AVC sequence header (ITU-T H.264, 7.3.2.1) to the platform's bit; others are
-// unknown, 0.
+// profile_idc or level_idc of an AVC sequence header (ITU-T H.264, 7.3.2.1), and the platform's bit
+// for it. Values that are not listed give 0.
 struct AvcCode {
     int idc;
     int bit;
@@ -177,7 +177,7 @@ int Transcode::setAudioEncoderInfo(AudioAttribute* attribute, sp<AMessage> forma
     return OK;
 }
 
-// What the decoder delivers; a value that is not known keeps what was known before.
+// Takes the decoder's channels and sample rate over; one that the format lacks keeps its value.
 void Transcode::readAudioInput(AudioAttribute* attribute, const AMessage& format) const {
     if (!format.findInt32("channel-count", &attribute->mInputChannelCount)) {
         QM_LOGW(kTag, "can not find channel-count");
@@ -197,7 +197,7 @@ int Transcode::setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> forma
     format->findString("mime", &attribute->mInputMime);
     attribute->mOutputWidth = attribute->mWidth;
     attribute->mOutputHeight = attribute->mHeight;
-    // 29 is what remains of 29.97.
+    // 29.97 is truncated to 29 by the integer "frame-rate".
     attribute->mOutputFrameRate = attribute->mFrameRate == 29 ? 30 : attribute->mFrameRate;
     QM_LOGV(kTag, "Input file fps : %d", attribute->mFrameRate);
     chooseFrameBufferSize(attribute);
@@ -222,7 +222,7 @@ int Transcode::setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> forma
     return OK;
 }
 
-// The visible frame, and how it lies in its planes.
+// The size and rate of the visible frame, and the stride and height of its planes.
 void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format) const {
     format.findInt32("width", &attribute->mWidth);
     format.findInt32("height", &attribute->mHeight);
@@ -238,7 +238,7 @@ void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format
         attribute->mStride != attribute->mWidth || attribute->mSliceHeight != attribute->mHeight;
 }
 
-// A short output is not held back: there may never be a full batch.
+// Frames are held back only for an output that is long enough to fill batches.
 void Transcode::chooseFrameBufferSize(VideoAttribute* attribute) const {
     attribute->mFrameBufferSize = 0;
     if (isLongEnough(mFileAttribute.mDurationUs, attribute->mFrameRate, 10)) {
@@ -256,7 +256,7 @@ void Transcode::chooseFrameBufferSize(VideoAttribute* attribute) const {
 void Transcode::chooseVideoBitrate(VideoAttribute* attribute, const AMessage& format) const {
     const int64_t pixels = static_cast<int64_t>(attribute->mWidth) * attribute->mHeight;
     const int32_t cap = pixels > kPixelsOf720p ? kMaxBitrateAbove720p : kMaxBitrateUpTo720p;
-    // Under a second there is no estimate, and the cap stands in for it.
+    // Below one second the estimate would divide by zero: the cap is used.
     const int64_t seconds = mFileAttribute.mDurationUs / kUsPerSecond;
     const int64_t estimate =
         seconds < 1 ? cap : saturatingMul(mFileAttribute.mFileSize, 8) / seconds;
@@ -297,7 +297,7 @@ int Transcode::findAVCVideoProfile(unsigned char* csd, int* profile, int* level)
     return OK;
 }
 
-// The policy is off, whatever the input is; the input reader keeps what it would need.
+// Turns the policy off for every input. The input reader still has the code that it would need.
 int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> /* videoFormat */,
                                 AudioAttribute* /* audio */, VideoAttribute* video) {
     if (mProperty->mPeriodCount < 2) {
