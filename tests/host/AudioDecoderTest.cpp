@@ -1,6 +1,5 @@
 // The decoded audio has no gaps and no overlaps: PCM packets with timestamps go in, and the number,
 // values and timestamps of the samples that come out are compared.
-#include <gtest/gtest.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 #include <string.h>
 
@@ -8,90 +7,65 @@
 #include <string>
 #include <vector>
 
+#include "CodecSupport.h"
 #include "host/codec/AudioDecoder.h"
-#include "host/codec/TrackSource.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
-
-typedef CodecBackend::Step Step;
 
 constexpr int kRate = 48000;
 constexpr int64_t kSecondUs = 1000000;
 
-class Observer : public HostObserver {
-public:
-    void onRefused(const std::string& text) override { reason = text; }
+class AudioDecoderTest : public ::testing::Test, public HostObserver {
+protected:
+    void onRefused(const std::string& text) override { mReason = text; }
     void onDecoderOpened(bool isVideo, const std::string& name) override {
-        opened = (isVideo ? "video " : "audio ") + name;
+        EXPECT_FALSE(isVideo);
+        mOpened = name;
     }
 
-    std::string reason;
-    std::string opened;
-};
-
-class AudioDecoderTest : public ::testing::Test {
-protected:
     void configure(const std::optional<std::vector<int64_t>>& cutsUs = std::vector<int64_t>(),
                    int64_t durationUs = 100 * kSecondUs, int codedRate = kRate) {
-        CodecParametersPtr parameters(avcodec_parameters_alloc());
-        parameters->codec_type = AVMEDIA_TYPE_AUDIO;
-        parameters->codec_id = AV_CODEC_ID_PCM_S16LE;
+        CodecParametersPtr parameters = makeParameters(AVMEDIA_TYPE_AUDIO, AV_CODEC_ID_PCM_S16LE);
         parameters->sample_rate = codedRate;
         av_channel_layout_default(&parameters->ch_layout, 1);
         mSequencer->beginSegment(0);
-        mSource = new TrackSource(std::move(parameters), mSequencer);
-        const sp<AMessage> format = new AMessage;
-        format->setString("mime", MEDIA_MIMETYPE_AUDIO_RAW);
+        const sp<AMessage> format =
+            formatOf(new TrackSource(std::move(parameters), mSequencer), MEDIA_MIMETYPE_AUDIO_RAW);
         format->setInt32("sample-rate", kRate);
         format->setInt32("channel-count", 1);
         format->setInt64("durationUs", durationUs);
-        format->setObject(TrackSource::kKey, mSource);
-        mDecoder = std::make_unique<AudioDecoder>(cutsUs, &mObserver);
+        mDecoder = std::make_unique<AudioDecoder>(cutsUs, this);
         CodecBuffers buffers;
         ASSERT_EQ(OK, mDecoder->configure(format, &buffers));
         EXPECT_TRUE(buffers.announcesFormat);
     }
 
     // One packet of `count` samples of this value.
-    void feed(int64_t timeUs, int count, int16_t value) {
+    Step feed(int64_t timeUs, int count, int16_t value) {
         const std::vector<int16_t> samples(static_cast<size_t>(count), value);
-        CodecInput input;
-        input.data = reinterpret_cast<const uint8_t*>(samples.data());
-        input.size = samples.size() * 2;
-        input.timeUs = timeUs;
-        input.info.segment = mSequencer->segment();
-        input.info.properties.reset(av_packet_alloc());
-        input.info.properties->pts = timeUs;
-        ASSERT_EQ(OK, mDecoder->accept(std::move(input)));
-        drain();
+        EXPECT_EQ(OK, mDecoder->accept(inputOf(samples, timeUs, mSequencer->segment())));
+        return drain();
     }
-
-    // Appends everything that is ready to mSamples; each buffer has to follow the one before it.
     Step drain() {
-        for (;;) {
-            CodecOutput output;
-            const Step step = mDecoder->produce(&output);
-            if (step == Step::kFormat) continue;
-            if (step != Step::kOutput) return step;
-            take(output);
-        }
+        return qmmediaeditor::drain(mDecoder.get(),
+                                    [this](const CodecOutput& output) { take(output); });
     }
 
+    // Each buffer has to follow the one before it.
     void take(const CodecOutput& output) {
         const int64_t startUs = mSequencer->segment().startUs;
         EXPECT_NEAR(
             static_cast<double>(startUs) + static_cast<double>(mSamples.size()) * 1e6 / kRate,
             static_cast<double>(output.timeUs), 1);
-        std::vector<int16_t> samples(output.buffer->size() / 2);
-        memcpy(samples.data(), output.buffer->data(), output.buffer->size());
-        mSamples.insert(mSamples.end(), samples.begin(), samples.end());
-        mBufferSizes.push_back(samples.size());
+        const size_t before = mSamples.size();
+        mBufferSizes.push_back(output.buffer->size() / 2);
+        mSamples.resize(before + mBufferSizes.back());
+        memcpy(&mSamples[before], output.buffer->data(), output.buffer->size());
+    }
+    void beginSegment(int64_t startUs) {
+        mSamples.clear();
+        mSequencer->beginSegment(startUs);
     }
 
     // "960x0 480x7": runs of equal samples.
@@ -107,9 +81,9 @@ protected:
         return text;
     }
 
-    Observer mObserver;
+    std::string mReason;
+    std::string mOpened;
     const sp<OutputSequencer> mSequencer = new OutputSequencer;
-    sp<TrackSource> mSource;
     std::unique_ptr<AudioDecoder> mDecoder;
     std::vector<int16_t> mSamples;
     std::vector<size_t> mBufferSizes;
@@ -117,7 +91,7 @@ protected:
 
 TEST_F(AudioDecoderTest, aLateStartAndAGapAreFilledWithSilence) {
     configure();
-    EXPECT_EQ("audio pcm_s16le", mObserver.opened);
+    EXPECT_EQ("pcm_s16le", mOpened);
     feed(10000, 480, 5);    // 10 ms late, to the sample
     feed(20000, 480, 6);    // adjacent
     feed(130000, 4800, 7);  // 100 ms are missing
@@ -138,12 +112,10 @@ TEST_F(AudioDecoderTest, overlapsAreDroppedAndRoundingIsNot) {
 TEST_F(AudioDecoderTest, aSegmentStartsAtTheSeeksTarget) {
     configure();
     feed(0, 480, 1);
-    mSamples.clear();
-    mSequencer->beginSegment(kSecondUs);
+    beginSegment(kSecondUs);
     feed(kSecondUs - 5000, 480, 2);  // half of it is before the target
     EXPECT_EQ("240x2", runs());
-    mSamples.clear();
-    mSequencer->beginSegment(2 * kSecondUs);
+    beginSegment(2 * kSecondUs);
     feed(2 * kSecondUs + 1000, 480, 3);
     EXPECT_EQ("48x0 480x3", runs());
 }
@@ -153,12 +125,11 @@ TEST_F(AudioDecoderTest, noBufferExtendsAcrossACut) {
     configure(std::vector<int64_t>{10000, 20001, 40000, 50000});
     feed(0, 4800, 1);
     EXPECT_EQ((std::vector<size_t>{480, 481, 959, 480, 1024, 1024, 352}), mBufferSizes);
-}
-
-TEST_F(AudioDecoderTest, buffersAreShortWhenCutsAreUnknown) {
+    mSamples.clear();
+    mBufferSizes.clear();
     configure(std::nullopt);
     feed(0, 1000, 1);
-    EXPECT_EQ((std::vector<size_t>{256, 256, 256, 232}), mBufferSizes);
+    EXPECT_EQ((std::vector<size_t>{256, 256, 256, 232}), mBufferSizes) << "cuts may still come";
 }
 
 TEST_F(AudioDecoderTest, aTimestampFarBehindTheTracksEndIsIgnored) {
@@ -202,19 +173,10 @@ TEST_F(AudioDecoderTest, resampledAudioIsPlacedWhereItsSamplesBelong) {
 TEST_F(AudioDecoderTest, tooMuchSilenceIsRefusedWithAReason) {
     configure(std::vector<int64_t>(), 3600 * kSecondUs);
     feed(0, 480, 1);
-    CodecInput input;
-    const std::vector<int16_t> samples(480, 2);
-    input.data = reinterpret_cast<const uint8_t*>(samples.data());
-    input.size = samples.size() * 2;
-    input.info.segment = mSequencer->segment();
-    input.info.properties.reset(av_packet_alloc());
-    input.info.properties->pts = 700 * kSecondUs;
-    ASSERT_EQ(OK, mDecoder->accept(std::move(input)));
-    EXPECT_EQ(Step::kRefused, drain());
-    EXPECT_NE(std::string::npos, mObserver.reason.find("699 s")) << mObserver.reason;
+    EXPECT_EQ(Step::kRefused, feed(700 * kSecondUs, 480, 2));
+    EXPECT_NE(std::string::npos, mReason.find("699 s")) << mReason;
     EXPECT_EQ("480x1", runs());
 }
 
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,8 +17,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 
 namespace {
 
@@ -49,6 +48,12 @@ std::string scratchPath(const std::string& name) {
     return name;
 }
 
+int memoryFile(const std::string& content) {
+    const int fd = memfd_create("test", MFD_CLOEXEC);
+    EXPECT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
+    return fd;
+}
+
 std::string makeClip(const std::string& name, const std::string& arguments) {
     const std::string path = scratchPath(name);
     if (std::filesystem::exists(path)) return path;
@@ -67,13 +72,8 @@ std::string audioInput(int seconds) {
 
 OpenedClip::OpenedClip(const std::string& path) : mExtractor(createFileExtractor()) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat info = {};
-    fstat(fd, &info);
-    mResult = mExtractor->setDataSource(fd, 0, info.st_size);
-    if (fd >= 0) {
-        EXPECT_EQ(0, lseek(fd, 0, SEEK_CUR)) << "the caller's position has moved";
-        close(fd);
-    }
+    mResult = mExtractor->setDataSource(fd, 0, INT64_MAX / 2);
+    close(fd);
     for (size_t i = 0; i < mExtractor->countTracks(); ++i) {
         const std::string type = mime(i);
         const bool isSupported = type.find("notsupported") == std::string::npos;
@@ -116,13 +116,12 @@ void OpenedClip::seek(int64_t timeUs) {
     EXPECT_EQ(OK, mExtractor->seekTo(timeUs, ExtractorBackend::SeekMode::SEEK_PREVIOUS_SYNC));
 }
 
-std::vector<Sample> OpenedClip::read(int64_t lastUs) {
+std::vector<Sample> OpenedClip::read() {
     std::vector<Sample> samples;
     const sp<ABuffer> buffer = new ABuffer(kBufferBytes);
     Sample sample;
     while (mExtractor->getSampleTrackIndex(&sample.track) == OK) {
         EXPECT_EQ(OK, mExtractor->getSampleTime(&sample.timeUs));
-        if (sample.timeUs > lastUs) break;
         EXPECT_EQ(OK, mExtractor->readSampleData(buffer));
         sp<MetaData> meta;
         EXPECT_EQ(OK, mExtractor->getSampleMeta(&meta));
@@ -139,6 +138,12 @@ std::vector<Sample> OpenedClip::read(int64_t lastUs) {
     return samples;
 }
 
+std::vector<uint8_t> bufferOf(const sp<AMessage>& format, const char* key) {
+    sp<ABuffer> buffer;
+    if (!format->findBuffer(key, &buffer)) return {};
+    return std::vector<uint8_t>(buffer->data(), buffer->data() + buffer->size());
+}
+
 std::vector<Sample> ofTrack(const std::vector<Sample>& samples, int track) {
     std::vector<Sample> result;
     std::copy_if(samples.begin(), samples.end(), std::back_inserter(result),
@@ -150,28 +155,17 @@ QueueSource::QueueSource(const sp<MetaData>& format) : mFormat(format) {
     mGroup.add_buffer(MediaBufferBase::Create(kBufferBytes));
 }
 
-void QueueSource::pushConfig(const std::vector<uint8_t>& data) {
+void QueueSource::push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync,
+                       bool isConfig) {
     std::lock_guard<std::mutex> lock(mLock);
-    mEntries.push_back({data, 0, true, true});
+    mEntries.push_back({data, timeUs, isSync, isConfig});
     mChanged.notify_all();
 }
 
-void QueueSource::push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync) {
-    std::lock_guard<std::mutex> lock(mLock);
-    mEntries.push_back({data, timeUs, isSync, false});
-    mChanged.notify_all();
-}
-
-void QueueSource::pushEnd() {
+status_t QueueSource::stop() {
     std::lock_guard<std::mutex> lock(mLock);
     mEnded = true;
     mChanged.notify_all();
-}
-
-status_t QueueSource::start(MetaData*) { return OK; }
-
-status_t QueueSource::stop() {
-    pushEnd();
     return OK;
 }
 
@@ -206,22 +200,4 @@ void QueueSource::waitUntilDrained() {
     mChanged.wait(lock, [this] { return mEntries.empty() && mWaiting; });
 }
 
-sp<MetaData> videoFormat(const char* mime, int width, int height) {
-    sp<MetaData> format = new MetaData;
-    format->setCString(kKeyMIMEType, mime);
-    format->setInt32(kKeyWidth, width);
-    format->setInt32(kKeyHeight, height);
-    format->setInt32(kKeyFrameRate, 30);
-    return format;
-}
-
-sp<MetaData> audioFormat(const char* mime, int sampleRate, int channelCount) {
-    sp<MetaData> format = new MetaData;
-    format->setCString(kKeyMIMEType, mime);
-    format->setInt32(kKeySampleRate, sampleRate);
-    format->setInt32(kKeyChannelCount, channelCount);
-    return format;
-}
-
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -11,13 +11,15 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 
 // A file of its own in a folder that goes away with the test program.
 std::string scratchPath(const std::string& name);
+// A descriptor of a file that holds this.
+int memoryFile(const std::string& content);
 // A clip of that name, made once in a run by ffmpeg with these arguments in front of the name.
 std::string makeClip(const std::string& name, const std::string& arguments);
 // Video of 160x120 at 30000/1001 frames per second and audio at 48000 Hz, as ffmpeg inputs.
@@ -33,10 +35,9 @@ struct Sample {
     bool isSync = false;
     std::vector<uint8_t> data;
 
-    bool operator==(const Sample& other) const {
-        return track == other.track && timeUs == other.timeUs &&
-               presentationUs == other.presentationUs && isSync == other.isSync &&
-               data == other.data;
+    bool operator==(const Sample& other) const { return fields() == other.fields(); }
+    std::tuple<size_t, int64_t, int64_t, bool, const std::vector<uint8_t>&> fields() const {
+        return {track, timeUs, presentationUs, isSync, data};
     }
 };
 
@@ -56,8 +57,8 @@ public:
     int audioTrack() const { return mAudioTrack; }
 
     void seek(int64_t timeUs);
-    // Up to the end, or to the first sample after `lastUs`, as the component reads.
-    std::vector<Sample> read(int64_t lastUs = INT64_MAX);
+    // Up to the end.
+    std::vector<Sample> read();
 
 private:
     sp<ExtractorBackend> mExtractor;
@@ -66,6 +67,8 @@ private:
     int mAudioTrack = -1;
 };
 
+// Empty when it is absent.
+std::vector<uint8_t> bufferOf(const sp<AMessage>& format, const char* key);
 std::vector<Sample> ofTrack(const std::vector<Sample>& samples, int track);
 
 // Hands samples to a writer, one at a time, through a group of one buffer as the component's
@@ -74,11 +77,12 @@ class QueueSource : public MediaSource {
 public:
     explicit QueueSource(const sp<MetaData>& format);
 
-    void pushConfig(const std::vector<uint8_t>& data);
-    void push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync = true);
-    void pushEnd();
+    void push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync = true,
+              bool isConfig = false);
+    void pushConfig(const std::vector<uint8_t>& data) { push(data, 0, true, true); }
 
-    status_t start(MetaData* params) override;
+    status_t start(MetaData*) override { return OK; }
+    // Ends the stream behind what was pushed.
     status_t stop() override;
     sp<MetaData> getFormat() override { return mFormat; }
     status_t read(MediaBufferBase** buffer, const ReadOptions* options) override;
@@ -106,8 +110,4 @@ private:
     bool mWaiting = false;
 };
 
-sp<MetaData> videoFormat(const char* mime, int width, int height);
-sp<MetaData> audioFormat(const char* mime, int sampleRate, int channelCount);
-
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

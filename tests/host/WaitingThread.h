@@ -13,8 +13,7 @@
 #include <string>
 #include <utility>
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 
 // The result of a call that must not block any longer. A thread that is blocked for good could not
 // be joined: the process ends, and with it this one test.
@@ -66,5 +65,4 @@ private:
     std::future<Result> mResult;
 };
 
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor
