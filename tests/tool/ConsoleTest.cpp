@@ -6,10 +6,7 @@ namespace android::qmmediaeditor::cli::console {
 namespace {
 
 TEST(Console, printable_replacesOnlyCharactersThatControlATerminal) {
-    const struct {
-        std::string text;
-        std::string shown;
-    } kCases[] = {
+    const std::pair<std::string, std::string> kCases[] = {
         {"plain text", "plain text"},
         {"Gr\u00FC\u00DFe \u4E2D\u6587 \U0001F3AC.mp4",
          "Gr\u00FC\u00DFe \u4E2D\u6587 \U0001F3AC.mp4"},
@@ -34,7 +31,7 @@ TEST(Console, printable_replacesOnlyCharactersThatControlATerminal) {
         {"\xF4\x90\x80\x80", "????"},
         {"\xE4\xB8\u00FC", "??\u00FC"},
     };
-    for (const auto& c : kCases) EXPECT_EQ(c.shown, printable(c.text)) << c.shown;
+    for (const auto& [text, shown] : kCases) EXPECT_EQ(shown, printable(text)) << shown;
     EXPECT_EQ("a\nb?", printable("a\nb\r", LineBreaks::kKeep));
 }
 
