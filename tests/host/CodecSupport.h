@@ -1,9 +1,14 @@
-// Shared by the tests of codecs and their backends.
+// Shared by the tests of codecs, their backends and threads.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <media/stagefright/foundation/ALooper.h>
+#include <sched.h>
+#include <unistd.h>
 
+#include <fstream>
+#include <future>
+#include <string>
 #include <utility>
 
 #include "host/codec/HostMediaCodec.h"
@@ -69,6 +74,47 @@ Step drain(CodecBackend* backend, const Take& take) {
         }
     }
 }
+
+// The result of a call that must not block any longer. A thread that is blocked for good could not
+// be joined: the process ends, and with it this one test.
+template <typename Result>
+Result resultOf(std::future<Result>* call) {
+    const bool ends = call->wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    if (!ends) GTEST_LOG_(FATAL) << "the call is blocked";
+    return call->get();
+}
+
+// Runs a call on a thread of its own, and waits until it sleeps: for tests of what wakes it.
+template <typename Result>
+class WaitingThread {
+public:
+    // Returns when the thread sleeps in `call`, which has to block.
+    template <typename Call>
+    explicit WaitingThread(Call call) {
+        std::promise<pid_t> started;
+        std::future<pid_t> id = started.get_future();
+        mResult = std::async(std::launch::async, [call, &started] {
+            started.set_value(gettid());
+            return call();
+        });
+        const std::string path = "/proc/self/task/" + std::to_string(id.get()) + "/stat";
+        // The state follows the name in brackets. A lock may make it sleep for a moment, too.
+        for (int sleeping = 0; sleeping < 20; sched_yield()) {
+            std::string line;
+            std::getline(std::ifstream(path), line);
+            if (line.empty()) break;  // it has ended without blocking
+            sleeping = line.find(") S") != std::string::npos ? sleeping + 1 : 0;
+        }
+        EXPECT_NE(std::future_status::ready, mResult.wait_for(std::chrono::seconds(0)))
+            << "the call does not block";
+    }
+
+    // The call's result, once something else has woken it.
+    Result get() { return resultOf(&mResult); }
+
+private:
+    std::future<Result> mResult;
+};
 
 // A codec and its client.
 class CodecTest : public ::testing::Test {

@@ -97,17 +97,6 @@ TEST(DescriptorFileTest, aWrittenFileHoldsOnlyWhatWasWritten) {
     }
 }
 
-TEST(DescriptorFileTest, theFirstWriteErrorLasts) {
-    const int fd = open("/dev/full", O_RDWR | O_CLOEXEC);
-    const auto file = DescriptorFile::openForWriting(fd).file;
-    close(fd);
-    ASSERT_NE(nullptr, file);
-    EXPECT_EQ(-ENOSPC, file->writeAt(0, "a", 1));
-    EXPECT_EQ(-ENOSPC, file->status());
-    EXPECT_EQ(-ENOSPC, file->finish());
-    EXPECT_EQ(0, file->sizeBytes());
-}
-
 size_t openDescriptors() {
     const std::filesystem::directory_iterator folder("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(folder), end(folder)));

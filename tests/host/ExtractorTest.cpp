@@ -19,7 +19,7 @@ constexpr int64_t kNearUs = 70000;
 
 struct Recipe {
     const char* name;
-    const char* arguments = kAvcAac;
+    const char* arguments = " -c:v libx264 -preset veryfast -bf 3 -g 30 -c:a aac ";
 };
 
 void PrintTo(const Recipe& recipe, std::ostream* out) { *out << recipe.name; }
@@ -30,10 +30,6 @@ std::string clip(const Recipe& recipe, int seconds = kSeconds) {
 
 class ExtractorContainers : public ::testing::TestWithParam<Recipe> {
 protected:
-    std::vector<Sample> readFrom(int64_t timeUs) {
-        mClip.seek(timeUs);
-        return mClip.read();
-    }
     std::vector<Sample> videoOf(const std::vector<Sample>& samples) {
         return ofTrack(samples, mClip.videoTrack());
     }
@@ -46,15 +42,15 @@ protected:
 
 TEST_P(ExtractorContainers, everySampleIsReadInTimestampOrderAtEvenDistances) {
     ASSERT_EQ(OK, mClip.result());
-    const auto video = static_cast<size_t>(mClip.videoTrack());
+    const int video = mClip.videoTrack();
     EXPECT_EQ(30, mClip.int32Of(video, "frame-rate"));
     EXPECT_EQ(160, mClip.int32Of(video, "width"));
-    EXPECT_EQ(48000, mClip.int32Of(static_cast<size_t>(mClip.audioTrack()), "sample-rate"));
-    for (const size_t track : {size_t{0}, size_t{1}}) {
-        EXPECT_NEAR(kSeconds * 1e6, static_cast<double>(mClip.durationUs(track)), 2.5e5);
+    EXPECT_EQ(48000, mClip.int32Of(mClip.audioTrack(), "sample-rate"));
+    for (const int track : {0, 1}) {
+        EXPECT_NEAR(kSeconds * 1e6, mClip.durationUs(track), 2.5e5);
     }
 
-    const auto samples = readFrom(0);
+    const auto samples = mClip.readFrom(0);
     EXPECT_TRUE(
         std::is_sorted(samples.begin(), samples.end(),
                        [](const Sample& a, const Sample& b) { return a.timeUs < b.timeUs; }));
@@ -73,9 +69,9 @@ TEST_P(ExtractorContainers, everySampleIsReadInTimestampOrderAtEvenDistances) {
 }
 
 TEST_P(ExtractorContainers, aSeekGoesToASyncSampleBeforeItsTarget) {
-    const auto whole = readFrom(0);
+    const auto whole = mClip.readFrom(0);
     for (const int64_t targetUs : {INT64_C(2500000), INT64_C(1000), INT64_C(3900000)}) {
-        const auto samples = readFrom(targetUs);
+        const auto samples = mClip.readFrom(targetUs);
         const auto video = videoOf(samples);
         const auto audio = audioOf(samples);
         ASSERT_FALSE(video.empty());
@@ -86,9 +82,9 @@ TEST_P(ExtractorContainers, aSeekGoesToASyncSampleBeforeItsTarget) {
         EXPECT_LE(audio[0].timeUs, targetUs);
         EXPECT_GE(audio[0].timeUs, targetUs - 200000);
     }
-    const auto last = videoOf(readFrom(INT64_MAX));
+    const auto last = videoOf(mClip.readFrom(INT64_MAX));
     EXPECT_TRUE(!last.empty() && last[0].isSync);
-    EXPECT_TRUE(whole == readFrom(INT64_MIN));
+    EXPECT_TRUE(whole == mClip.readFrom(INT64_MIN));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -129,10 +125,9 @@ TEST(ExtractorTest, audioFilesHaveTheirDurationAndCoverArtIsNoVideo) {
         SCOPED_TRACE(name);
         OpenedClip opened(makeClip(name, audioInput(kSeconds)));
         ASSERT_EQ(OK, opened.result());
-        EXPECT_NEAR(kSeconds * 1e6, static_cast<double>(opened.durationUs(0)), 2e5);
+        EXPECT_NEAR(kSeconds * 1e6, opened.durationUs(0), 2e5);
         EXPECT_EQ(16, opened.int32Of(0, "bits-per-sample"));
-        opened.seek(2000000);
-        const auto samples = opened.read();
+        const auto samples = opened.readFrom(2000000);
         ASSERT_FALSE(samples.empty());
         EXPECT_LE(samples[0].timeUs, 2000000);
         EXPECT_GE(samples[0].timeUs, 1700000);
@@ -155,26 +150,12 @@ TEST(ExtractorTest, formatsDescribeTheFramesAndTheirLength) {
         EXPECT_EQ(c.expected, OpenedClip(clip(c.recipe)).int32Of(0, c.key)) << c.recipe.name;
     }
     const std::string live = clip({"live.webm", " -c:v libvpx -deadline realtime -live 1 "});
-    EXPECT_NEAR(kSeconds * 1e6, static_cast<double>(OpenedClip(live).durationUs(0)), 2e5);
-}
-
-TEST(ExtractorTest, avcParameterSetsFollowStartCodes) {
-    for (const char* name : {"plain.mp4", "plain.ts"}) {
-        OpenedClip opened(clip({name}));
-        const sp<AMessage> format = opened.format(static_cast<size_t>(opened.videoTrack()));
-        const auto sequence = bufferOf(format, "csd-0");
-        const auto picture = bufferOf(format, "csd-1");
-        ASSERT_LT(5u, std::min(sequence.size(), picture.size())) << name;
-        EXPECT_EQ(1, sequence[3]);
-        EXPECT_EQ(7, sequence[4] & 0x1F);
-        EXPECT_EQ(100, sequence[5]) << "High profile";
-        EXPECT_EQ(8, picture[4] & 0x1F);
-    }
+    EXPECT_NEAR(kSeconds * 1e6, OpenedClip(live).durationUs(0), 2e5);
 }
 
 TEST(ExtractorTest, smallSampleBuffersAndCallsWithoutAFileAreRefused) {
     OpenedClip opened(clip({"plain.mp4"}));
-    opened.seek(0);
+    opened.extractor().seekTo(0, ExtractorBackend::SeekMode::SEEK_PREVIOUS_SYNC);
     size_t track = 0;
     ASSERT_EQ(OK, opened.extractor().getSampleTrackIndex(&track));
     EXPECT_EQ(ERROR_BUFFER_TOO_SMALL, opened.extractor().readSampleData(new ABuffer(1)));
@@ -197,7 +178,7 @@ TEST(ExtractorTest, aFileThatBecomesShorterIsAReadErrorAndNotTheEnd) {
                                    std::filesystem::copy_options::overwrite_existing);
         OpenedClip shrinking(path);
         ASSERT_EQ(OK, shrinking.result());
-        shrinking.seek(0);
+        shrinking.extractor().seekTo(0, ExtractorBackend::SeekMode::SEEK_PREVIOUS_SYNC);
         std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
         status_t status = OK;
         size_t track = 0;

@@ -1,21 +1,14 @@
 // The memory of frames, the threads of loopers, and the number of CPUs that a process may use.
-#include <gtest/gtest.h>
-#include <media/stagefright/foundation/ALooper.h>
 #include <sched.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
+#include "CodecSupport.h"
 #include "IoSupport.h"
-#include "WaitingThread.h"
 #include "host/foundation/CpuCount.h"
 #include "host/foundation/FrameAllocator.h"
 

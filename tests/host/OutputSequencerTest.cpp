@@ -1,10 +1,7 @@
 // Which decoder may deliver its output next.
-#include <gtest/gtest.h>
-
 #include <atomic>
 
-#include "WaitingThread.h"
-#include "host/codec/OutputSequencer.h"
+#include "CodecSupport.h"
 #include "host/foundation/TimedWait.h"
 
 namespace android::qmmediaeditor {
@@ -79,7 +76,7 @@ TEST_F(OutputSequencerTest, aWaitEndsWhenTheReaderOrTheOtherDecoderGoesOn) {
     for (const bool leaves : {false, true}) {
         publishHead(mVideo, 2000);
         WaitingThread<Turn> waiting(
-            [this] { return mSequencer->waitForTurn(mVideo, deadlineAfter(20000000)); });
+            [this] { return mSequencer->waitForTurn(mVideo, deadlineAfter(kBoundUs)); });
         if (leaves) {
             mSequencer->leave(mAudio);
         } else {

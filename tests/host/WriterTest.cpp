@@ -1,13 +1,15 @@
 // The writer: files made from samples of a real clip, and the ways in which a run can end.
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include <media/stagefright/MediaBufferGroup.h>
+#include <media/stagefright/MediaSource.h>
 #include <media/stagefright/foundation/MediaDefs.h>
-#include <stdlib.h>
-#include <unistd.h>
+#include <string.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <fstream>
 #include <future>
+#include <mutex>
 
 #include "IoSupport.h"
 #include "host/codec/SessionTimeline.h"
@@ -15,6 +17,74 @@
 
 namespace android::qmmediaeditor {
 namespace {
+
+// Hands samples to a writer, one at a time, through a group of one buffer as the component's
+// sources do.
+class QueueSource : public MediaSource {
+public:
+    explicit QueueSource(const sp<MetaData>& format) : mFormat(format) {
+        mGroup.add_buffer(MediaBufferBase::Create(1 << 20));
+    }
+
+    void push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync = true,
+              bool isConfig = false) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mEntries.push_back({data, timeUs, isSync, isConfig});
+        mChanged.notify_all();
+    }
+    void pushConfig(const std::vector<uint8_t>& data) { push(data, 0, true, true); }
+    // Returns when the writer has taken all that was pushed, and asks for more.
+    void waitUntilDrained() {
+        std::unique_lock<std::mutex> lock(mLock);
+        mChanged.wait(lock, [this] { return mEntries.empty() && mWaiting; });
+    }
+
+    status_t start(MetaData*) override { return OK; }
+    // Ends the stream behind what was pushed.
+    status_t stop() override {
+        std::lock_guard<std::mutex> lock(mLock);
+        mEnded = true;
+        mChanged.notify_all();
+        return OK;
+    }
+    sp<MetaData> getFormat() override { return mFormat; }
+    status_t read(MediaBufferBase** buffer, const ReadOptions*) override {
+        std::unique_lock<std::mutex> lock(mLock);
+        mWaiting = true;
+        mChanged.notify_all();
+        mChanged.wait(lock, [this] { return !mEntries.empty() || mEnded; });
+        mWaiting = false;
+        if (mEntries.empty()) return ERROR_END_OF_STREAM;
+        const Entry entry = mEntries.front();
+        mEntries.pop_front();
+        // A writer that keeps the only buffer would hang here.
+        EXPECT_EQ(OK, mGroup.acquire_buffer(buffer, true));
+        memcpy((*buffer)->data(), entry.data.data(), entry.data.size());
+        (*buffer)->set_range(0, entry.data.size());
+        MetaDataBase& meta = (*buffer)->meta_data();
+        meta.clear();
+        if (entry.isConfig) meta.setInt32(kKeyIsCodecConfig, 1);
+        meta.setInt32(kKeyIsSyncFrame, entry.isSync ? 1 : 0);
+        meta.setInt64(kKeyTime, entry.timeUs);
+        return OK;
+    }
+
+private:
+    struct Entry {
+        std::vector<uint8_t> data;
+        int64_t timeUs;
+        bool isSync;
+        bool isConfig;
+    };
+
+    const sp<MetaData> mFormat;
+    MediaBufferGroup mGroup;
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::deque<Entry> mEntries;
+    bool mEnded = false;
+    bool mWaiting = false;
+};
 
 class EventLog : public IMediaRecorderClient {
 public:
@@ -68,11 +138,6 @@ sp<MetaData> audioFormat(const char* mime, int sampleRate) {
 
 class WriterTest : public ::testing::Test {
 protected:
-    WriterTest() {
-        mInput.seek(0);
-        mSamples = mInput.read();
-    }
-
     // A writer without tracks.
     void create(const std::string& path, const HostOptions& options = {},
                 const std::shared_ptr<SessionTimeline>& session = nullptr) {
@@ -125,7 +190,7 @@ protected:
     // Video is track 0.
     OpenedClip mInput{makeClip(
         "unordered.mp4", videoInput(2) + audioInput(2) + " -c:v libx264 -bf 0 -g 30 -c:a aac ")};
-    std::vector<Sample> mSamples;
+    const std::vector<Sample> mSamples = mInput.readFrom();
     const std::vector<uint8_t> mVideoConfig = [this] {
         std::vector<uint8_t> config = bufferOf(mInput.format(0), "csd-0");
         const auto more = bufferOf(mInput.format(0), "csd-1");
@@ -165,8 +230,7 @@ TEST_P(WriterLayouts, samplesAndMetadataAreWrittenUnchanged) {
     sp<AMessage> fileFormat;
     output.extractor().getFileFormat(&fileFormat);
     EXPECT_EQ(uuid, bufferOf(fileFormat, "uuid-data"));
-    output.seek(0);
-    const auto samples = output.read();
+    const auto samples = output.readFrom();
     EXPECT_LT(samples[0].timeUs, 0) << "the encoder's delay";
     EXPECT_TRUE(mSamples == samples);
     EXPECT_EQ(0, system(("ffmpeg -nostdin -v error -xerror -i " + path + " -f null -").c_str()));
@@ -184,8 +248,7 @@ TEST_F(WriterTest, aTrackMayStartWhenTheOtherHasEnded) {
     stop();
     // All audio was written before all video, and still the samples are in timestamp order.
     OpenedClip output(mPath);
-    output.seek(0);
-    EXPECT_TRUE(mSamples == output.read());
+    EXPECT_TRUE(mSamples == output.readFrom());
 }
 
 // Audio has come in up to 2 s, video up to 1 s, and no encoder has reached its end.
@@ -198,10 +261,9 @@ TEST_F(WriterTest, theTracksOfAStoppedSessionEndTogether) {
     pushAudio();
     stop();
     OpenedClip output(mPath);
-    EXPECT_NEAR(1000000, static_cast<double>(output.durationUs(0)), 35000);
-    EXPECT_NEAR(1000000, static_cast<double>(output.durationUs(1)), 35000);
-    output.seek(0);
-    EXPECT_EQ(frames, ofTrack(output.read(), 0).size()) << "no frame before the end is lost";
+    EXPECT_NEAR(1000000, output.durationUs(0), 35000);
+    EXPECT_NEAR(1000000, output.durationUs(1), 35000);
+    EXPECT_EQ(frames, ofTrack(output.readFrom(), 0).size()) << "no frame before the end is lost";
 }
 
 TEST_F(WriterTest, tracksWithoutSamplesAreLeftOutAndNoFailure) {
@@ -266,10 +328,12 @@ TEST_F(WriterTest, amrMakesA3gpFileWithoutARequest) {
         makeClip("speech.amr", " -f lavfi -i sine=r=8000:d=1 -c:a libopencore_amrnb "));
     create(scratchPath("speech.mp4"));
     const sp<QueueSource> source = new QueueSource(audioFormat(MEDIA_MIMETYPE_AUDIO_AMR_NB, 8000));
-    for (const Sample& sample : input.read()) source->push(sample.data, sample.timeUs);
+    for (const Sample& sample : input.readFrom()) source->push(sample.data, sample.timeUs);
     mWriter->addSource(source);
     ASSERT_EQ(OK, mWriter->start(nullptr));
-    source->waitUntilDrained();
+    source->stop();
+    while (!mWriter->reachedEOS()) {
+    }
     EXPECT_EQ(OK, mWriter->stop());
     std::string head(12, 0);
     std::ifstream(mPath, std::ios::binary).read(head.data(), 12);

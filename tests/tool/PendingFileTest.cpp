@@ -1,7 +1,9 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <qmtranscode/job/PendingFile.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -13,13 +15,86 @@
 #include <memory>
 #include <sstream>
 
-#include "FileFaults.h"
-
 namespace android::qmmediaeditor::cli {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
+
+// Faults in the file system calls of the code under test, which the linker redirects with --wrap.
+struct FileFaults {
+    // errno of each call; 0 for no fault.
+    int openUnnamed = 0;
+    int linkFile = 0;
+    int renameNoReplace = 0;
+    int renameExchange = 0;
+    // The second exchange, which undoes the first.
+    int renameBack = 0;
+    int syncFile = 0;
+    int syncFolder = 0;
+    int close = 0;
+};
+
+// Reset by each test.
+FileFaults gFaults;
+// The calls that decide what a power failure leaves, in their order.
+std::vector<std::string> gCalls;
+
+// Whether the call must fail; sets errno.
+bool fails(int error) {
+    if (error != 0) errno = error;
+    return error != 0;
+}
+
+extern "C" {
+
+int __real_openat64(int folder, const char* path, int flags, mode_t mode);
+int __real_linkat(int from, const char* path, int to, const char* target, int flags);
+int __real_renameat2(int from, const char* path, int to, const char* target, unsigned flags);
+int __real_renameat(int from, const char* path, int to, const char* target);
+int __real_fsync(int fd);
+int __real_close(int fd);
+
+int __wrap_openat64(int folder, const char* path, int flags, mode_t mode) {
+    if ((flags & O_TMPFILE) == O_TMPFILE && fails(gFaults.openUnnamed)) return -1;
+    return __real_openat64(folder, path, flags, mode);
+}
+
+int __wrap_linkat(int from, const char* path, int to, const char* target, int flags) {
+    gCalls.emplace_back("link");
+    if (fails(gFaults.linkFile)) return -1;
+    return __real_linkat(from, path, to, target, flags);
+}
+
+int __wrap_renameat2(int from, const char* path, int to, const char* target, unsigned flags) {
+    const bool exchange = flags == RENAME_EXCHANGE;
+    const bool back = exchange && !gCalls.empty() && gCalls.back() == "sync folder";
+    int error = exchange ? gFaults.renameExchange : gFaults.renameNoReplace;
+    if (back) error = gFaults.renameBack;
+    gCalls.emplace_back(exchange ? "exchange" : "rename");
+    if (fails(error)) return -1;
+    return __real_renameat2(from, path, to, target, flags);
+}
+
+int __wrap_renameat(int from, const char* path, int to, const char* target) {
+    gCalls.emplace_back("rename");
+    return __real_renameat(from, path, to, target);
+}
+
+int __wrap_fsync(int fd) {
+    struct stat status {};
+    const bool isFolder = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+    gCalls.emplace_back(isFolder ? "sync folder" : "sync file");
+    if (fails(isFolder ? gFaults.syncFolder : gFaults.syncFile)) return -1;
+    return __real_fsync(fd);
+}
+
+int __wrap_close(int fd) {
+    const int result = __real_close(fd);
+    return fails(gFaults.close) ? -1 : result;
+}
+
+}  // extern "C"
 
 // Names and texts of the files in a folder.
 typedef std::map<std::string, std::string> Contents;
