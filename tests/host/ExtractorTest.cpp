@@ -149,6 +149,15 @@ TEST(ExtractorTest, formatsDescribeTheFramesAndTheirLength) {
     for (const auto& c : kCases) {
         EXPECT_EQ(c.expected, OpenedClip(clip(c.recipe)).int32Of(0, c.key)) << c.recipe.name;
     }
+    // Of the same encoder: in a configuration record and in a byte stream.
+    OpenedClip stream(clip({"plain.ts"}));
+    for (const char* key : {"csd-0", "csd-1"}) {
+        const auto expected = bufferOf(OpenedClip(clip({"plain.mp4"})).format(0), key);
+        ASSERT_LT(5u, expected.size());
+        EXPECT_EQ(std::vector<uint8_t>({0, 0, 0, 1}),
+                  std::vector<uint8_t>(expected.begin(), expected.begin() + 4));
+        EXPECT_EQ(expected, bufferOf(stream.format(stream.videoTrack()), key));
+    }
     const std::string live = clip({"live.webm", " -c:v libvpx -deadline realtime -live 1 "});
     EXPECT_NEAR(kSeconds * 1e6, OpenedClip(live).durationUs(0), 2e5);
 }
