@@ -1,5 +1,5 @@
 // Conversion of decoded frames to the working frame. The expected values are computed here from the
-// definitions: ITU-R BT.601, BT.709 and BT.2020 for the matrices, SMPTE ST 2084 for PQ.
+// definitions: ITU-R BT.709 for the matrix, SMPTE ST 2084 for PQ.
 #include <gtest/gtest.h>
 #include <math.h>
 #include <stdint.h>
@@ -104,19 +104,11 @@ private:
     std::vector<uint8_t> mPlanes[3];
 };
 
-struct Matrix {
-    double red;
-    double blue;
-};
-constexpr Matrix kBt601 = {0.299, 0.114};
-constexpr Matrix kBt709 = {0.2126, 0.0722};
-
-// 8-bit limited range from R, G, B between 0 and 1.
-Triple toYuv(const Triple& rgb, const Matrix& matrix) {
-    const double luma =
-        matrix.red * rgb[0] + (1 - matrix.red - matrix.blue) * rgb[1] + matrix.blue * rgb[2];
-    return {16 + 219 * luma, 128 + 224 * (rgb[2] - luma) / (2 * (1 - matrix.blue)),
-            128 + 224 * (rgb[0] - luma) / (2 * (1 - matrix.red))};
+// 8-bit limited range of BT.709 from R, G, B between 0 and 1.
+Triple toYuv(const Triple& rgb) {
+    const double luma = 0.2126 * rgb[0] + 0.7152 * rgb[1] + 0.0722 * rgb[2];
+    return {16 + 219 * luma, 128 + 224 * (rgb[2] - luma) / (2 * (1 - 0.0722)),
+            128 + 224 * (rgb[0] - luma) / (2 * (1 - 0.2126))};
 }
 
 // The code between 0 and 1 for a luminance (SMPTE ST 2084).
@@ -176,7 +168,7 @@ TEST(VideoFrameConverterTest, chromaOfEverySubsamplingKeepsItsPlace) {
 }
 
 TEST(VideoFrameConverterTest, rgbAndStandardDefinitionBecomeBt709) {
-    const Triple expected = toYuv({77 / 255.0, 245 / 255.0, 38 / 255.0}, kBt709);
+    const Triple expected = toYuv({77 / 255.0, 245 / 255.0, 38 / 255.0});
     for (const AVPixelFormat format :
          {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB, AV_PIX_FMT_GBRP}) {
         SCOPED_TRACE(av_get_pix_fmt_name(format));
