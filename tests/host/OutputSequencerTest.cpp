@@ -72,21 +72,6 @@ TEST_F(OutputSequencerTest, aHeadWaitsForTheReaderUnlessItsOwnInputIsFull) {
     EXPECT_EQ(Turn::kYes, turnOf(mVideo)) << "the reader cannot go on before this is taken";
 }
 
-TEST_F(OutputSequencerTest, aWaitEndsWhenTheReaderOrTheOtherDecoderGoesOn) {
-    for (const bool leaves : {false, true}) {
-        publishHead(mVideo, 2000);
-        WaitingThread<Turn> waiting(
-            [this] { return mSequencer->waitForTurn(mVideo, deadlineAfter(kBoundUs)); });
-        if (leaves) {
-            mSequencer->leave(mAudio);
-        } else {
-            mSequencer->advancePosition(2000);
-        }
-        EXPECT_EQ(Turn::kYes, waiting.get());
-        mSequencer->beginSegment(0);
-    }
-}
-
 TEST_F(OutputSequencerTest, dueSilenceIsWaitedForAndWakesItsDecoder) {
     MemberState state;
     state.silenceDueUs = 3000;

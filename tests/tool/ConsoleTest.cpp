@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/report/Format.h>
 
 namespace android::qmmediaeditor::cli::console {
 namespace {
@@ -33,14 +32,6 @@ TEST(Console, printable_replacesOnlyCharactersThatControlATerminal) {
     };
     for (const auto& [text, shown] : kCases) EXPECT_EQ(shown, printable(text)) << shown;
     EXPECT_EQ("a\nb?", printable("a\nb\r", LineBreaks::kKeep));
-}
-
-TEST(Console, dumpJson_isAsciiAndParsesToTheSameText) {
-    const std::string text = "\x1b[31m\u009B5m\u202E\x7F \u00FC \U0001F3AC";
-    const std::string json = dumpJson({{"name", text}, {"bytes", "a\xFF\x9B"}});
-    for (const char c : json) EXPECT_TRUE(c == '\n' || (c >= 0x20 && c < 0x7F)) << json;
-    EXPECT_EQ(text, Json::parse(json)["name"]);
-    EXPECT_EQ("a\uFFFD\uFFFD", Json::parse(json)["bytes"]);
 }
 
 }  // namespace
