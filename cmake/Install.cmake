@@ -18,6 +18,8 @@ target_include_directories(qm_platform INTERFACE
 
 install(TARGETS qmtranscode
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+install(TARGETS qmtranscode_worker
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/qmtranscode COMPONENT tool)
 install(TARGETS QmMediaEdit_Transcode QmMediaEdit_Host qm_platform qm_android EXPORT targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT tool NAMELINK_COMPONENT dev)

@@ -77,7 +77,7 @@ struct HostOptions {
     int threads = 0;
     // Size of the frames that the session encodes, where its request has one. A video decoder then
     // delivers larger frames scaled down to it.
-    std::optional<FrameSize> frameSize;
+    std::optional<FrameSize> frameSize = std::nullopt;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

@@ -1,10 +1,14 @@
 #include "host/codec/CodecTable.h"
 
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 #include <strings.h>
 
 #include <cmath>
+#include <iterator>
 #include <sstream>
+
+#include "host/codec/OutputLimits.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -67,21 +71,6 @@ CodecInfo written(CodecInfo info, const char* encoder, const char* sampleEntry, 
     return info;
 }
 
-EncoderLimits frameLimits(int maxSide, std::vector<CodedSize> sizes = {}) {
-    EncoderLimits limits;
-    limits.maxSide = maxSide;
-    limits.sizes = std::move(sizes);
-    return limits;
-}
-
-EncoderLimits audioLimits(std::vector<int> sampleRates, int maxChannels, int maxBitRate) {
-    EncoderLimits limits;
-    limits.sampleRates = std::move(sampleRates);
-    limits.maxChannels = maxChannels;
-    limits.maxBitRate = maxBitRate;
-    return limits;
-}
-
 struct AvcLevel {
     int32_t bit;
     int idc;
@@ -91,22 +80,14 @@ struct AvcLevel {
 };
 
 constexpr AvcLevel kAvcLevels[] = {
-    {1, 10, 1485, 99, 64000},
-    {4, 11, 3000, 396, 192000},
-    {8, 12, 6000, 396, 384000},
-    {16, 13, 11880, 396, 768000},
-    {32, 20, 11880, 396, 2000000},
-    {64, 21, 19800, 792, 4000000},
-    {128, 22, 20250, 1620, 4000000},
-    {256, 30, 40500, 1620, 10000000},
-    {512, 31, 108000, 3600, 14000000},
-    {1024, 32, 216000, 5120, 20000000},
-    {2048, 40, 245760, 8192, 20000000},
-    {4096, 41, 245760, 8192, 50000000},
-    {8192, 42, 522240, 8704, 50000000},
-    {16384, 50, 589824, 22080, 135000000},
-    {32768, 51, 983040, 36864, 240000000},
-    {65536, 52, 2073600, 36864, 240000000},
+    {AVCLevel1, 10, 1485, 99, 64000},           {AVCLevel11, 11, 3000, 396, 192000},
+    {AVCLevel12, 12, 6000, 396, 384000},        {AVCLevel13, 13, 11880, 396, 768000},
+    {AVCLevel2, 20, 11880, 396, 2000000},       {AVCLevel21, 21, 19800, 792, 4000000},
+    {AVCLevel22, 22, 20250, 1620, 4000000},     {AVCLevel3, 30, 40500, 1620, 10000000},
+    {AVCLevel31, 31, 108000, 3600, 14000000},   {AVCLevel32, 32, 216000, 5120, 20000000},
+    {AVCLevel4, 40, 245760, 8192, 20000000},    {AVCLevel41, 41, 245760, 8192, 50000000},
+    {AVCLevel42, 42, 522240, 8704, 50000000},   {AVCLevel5, 50, 589824, 22080, 135000000},
+    {AVCLevel51, 51, 983040, 36864, 240000000}, {AVCLevel52, 52, 2073600, 36864, 240000000},
 };
 
 bool allows(const AvcLevel& level, const AvcDemand& demand) {
@@ -160,12 +141,9 @@ const std::vector<CodecInfo>& inputVideoCodecs() {
         {"VP8", MEDIA_MIMETYPE_VIDEO_VP8, "vp8"},
         {"VP9", MEDIA_MIMETYPE_VIDEO_VP9, "vp9"},
         {"AV1", MEDIA_MIMETYPE_VIDEO_AV1, "libdav1d"},
-        // ISO/IEC 14496-2 has 13 bits for either side.
         written({"MPEG-4", MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"}, "mpeg4", "mp4v", false, 0,
-                frameLimits((1 << 13) - 1)),
-        // ITU-T H.263, table 5.
-        written({"H.263", MEDIA_MIMETYPE_VIDEO_H263, "h263,h263p"}, "h263", "s263", true, 0,
-                frameLimits(0, {{128, 96}, {176, 144}, {352, 288}, {704, 576}, {1408, 1152}})),
+                {kMpeg4MaxSide, {}, 0}),
+        written({"H.263", MEDIA_MIMETYPE_VIDEO_H263, "h263,h263p"}, "h263", "s263", true, 0, {}),
         {"MPEG-1", MEDIA_MIMETYPE_VIDEO_MPEG2, "mpeg1video"},
         {"MPEG-2", MEDIA_MIMETYPE_VIDEO_MPEG2, "mpeg2video"},
         {"VC-1", "video/x-ms-wmv", "vc1"},
@@ -189,11 +167,8 @@ const std::vector<CodecInfo>& inputVideoCodecs() {
 
 const std::vector<CodecInfo>& inputAudioCodecs() {
     static const std::vector<CodecInfo> codecs = {
-        // ISO/IEC 14496-3, table 1.18.
         written({"AAC", MEDIA_MIMETYPE_AUDIO_AAC, "aac,aac_latm"}, "aac", "mp4a", false, 1024,
-                audioLimits({96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000,
-                             11025, 8000, 7350},
-                            8, 0)),
+                {0, {std::begin(kAacSampleRates), std::end(kAacSampleRates)}, kAacMaxChannels}),
         {"MP1", MEDIA_MIMETYPE_AUDIO_MPEG, "mp1"},
         {"MP2", MEDIA_MIMETYPE_AUDIO_MPEG, "mp2"},
         {"MP3", MEDIA_MIMETYPE_AUDIO_MPEG, "mp3float"},
@@ -206,9 +181,9 @@ const std::vector<CodecInfo>& inputAudioCodecs() {
         {"DTS", "audio/vnd.dts", "dca"},
         {"TrueHD", nullptr, "truehd"},
         written({"AMR-NB", MEDIA_MIMETYPE_AUDIO_AMR_NB, "amrnb"}, "libopencore_amrnb", "samr", true,
-                160, audioLimits({8000}, 1, 12200)),
+                160, {0, {kAmrNbSampleRate}, 1}),
         written({"AMR-WB", MEDIA_MIMETYPE_AUDIO_AMR_WB, "amrwb"}, "libvo_amrwbenc", "sawb", true,
-                320, audioLimits({16000}, 1, 23850)),
+                320, {0, {kAmrWbSampleRate}, 1}),
         {"WMA", "audio/x-ms-wma", "wmav1,wmav2,wmapro"},
         {"Speex", nullptr, "speex"},
         {"Nellymoser", nullptr, "nellymoser"},
@@ -276,11 +251,11 @@ const AVCodec* encoderOf(const AString& mime) {
 
 const char* avcProfileName(int32_t profileBit) {
     switch (profileBit) {
-        case 1:
+        case AVCProfileBaseline:
             return "baseline";
-        case 2:
+        case AVCProfileMain:
             return "main";
-        case 8:
+        case AVCProfileHigh:
             return "high";
         default:
             return nullptr;

@@ -22,19 +22,11 @@ struct ContainerInfo {
     const char* mime;
 };
 
-struct CodedSize {
-    int width;
-    int height;
-};
-
-// Limits of an encoder and of the output file; 0 or empty where only the limits of InputLimits.h
-// apply.
+// Limits of an encoder; 0 or empty where only the limits of InputLimits.h apply.
 struct EncoderLimits {
     int maxSide = 0;
-    std::vector<CodedSize> sizes;
     std::vector<int> sampleRates;  // falling
     int maxChannels = 0;
-    int maxBitRate = 0;  // bits per second
 };
 
 struct CodecInfo {

@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <inttypes.h>
 #include <libyuv/planar_functions.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
@@ -37,7 +38,6 @@ constexpr size_t kMaxOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kUsualFrameRate = 30;
-constexpr int kPlanar = 19;  // the platform's planar YUV 4:2:0
 // Half of it, the stride of a chroma row, still suits every vector instruction.
 constexpr int kStrideAlignment = 128;
 // More frames than any decoder delays; older timestamps belong to lost frames.
@@ -209,7 +209,7 @@ void VideoDecoder::setLayout(const FrameSize& decoded) {
     mFormat->setRect("crop", 0, 0, layout.width - 1, layout.height - 1);
     mFormat->setInt32("stride", layout.stride);
     mFormat->setInt32("slice-height", layout.sliceHeight);
-    mFormat->setInt32("color-format", kPlanar);
+    mFormat->setInt32("color-format", COLOR_FormatYUV420Planar);
     if (mFrameRate > 0) mFormat->setInt32("frame-rate", mFrameRate);
 }
 

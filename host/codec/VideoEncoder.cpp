@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <media/stagefright/MediaCodec.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
@@ -31,7 +32,6 @@ constexpr char kLogTag[] = "VideoEncoder";
 constexpr size_t kMinInputCount = 4;
 constexpr size_t kMaxInputCount = 8;
 constexpr size_t kOutputCount = 16;
-constexpr int kPlanar = 19;  // the platform's planar YUV 4:2:0
 constexpr double kDefaultFrameRate = 30;
 // Bits per pixel, where no bit rate is requested.
 constexpr double kDefaultBitsPerPixel = 0.1;
@@ -84,7 +84,7 @@ sp<ABuffer> avcParameterSets(const AVCodecContext& context) {
 // Settings that the format requests.
 struct VideoEncoder::Settings {
     explicit Settings(const AMessage& format) {
-        int32_t colorFormat = kPlanar;
+        int32_t colorFormat = COLOR_FormatYUV420Planar;
         format.findInt32("width", &width);
         format.findInt32("height", &height);
         format.findInt32("color-format", &colorFormat);
@@ -105,7 +105,7 @@ struct VideoEncoder::Settings {
         }
         bitRate = std::max(bitRate, kMinBitRate);
         possible = width >= 2 && height >= 2 && width <= kMaxSide && height <= kMaxSide &&
-                   colorFormat == kPlanar;
+                   colorFormat == COLOR_FormatYUV420Planar;
     }
 
     int keyFrameDistance() const {
@@ -243,8 +243,8 @@ bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** option
     bool set = av_dict_set(options, "preset", mAvcPreset.c_str(), 0) >= 0;
     // A requested key frame must be an IDR frame, which can be sought.
     set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
-    // With a thread for each frame, the rate control looks at how far the other threads are, and the
-    // output is different each time. Some of x264's functions for newer processors round
+    // With a thread for each frame, the rate control looks at how far the other threads are, and
+    // the output is different each time. Some of x264's functions for newer processors round
     // differently.
     const int slices = std::clamp(context.height / kMinSliceHeight, 1, mThreads);
     const std::string parameters =

@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <libyuv/planar_functions.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <utils/Mutex.h>
 
 #include <map>
@@ -56,12 +57,11 @@ private:
 
 constexpr char kLogTag[] = "FrameScaler";
 
-constexpr int kPlanar = 19;
-constexpr int kSemiPlanar = 21;
-
 int halfUp(int size) { return (size + 1) / 2; }
 
-bool isColorFormat(int format) { return format == kPlanar || format == kSemiPlanar; }
+bool isColorFormat(int format) {
+    return format == COLOR_FormatYUV420Planar || format == COLOR_FormatYUV420SemiPlanar;
+}
 
 bool makesSense(const ScaleRequest& request) {
     return request.src != nullptr && request.dst != nullptr && request.srcWidth >= 1 &&
@@ -77,7 +77,7 @@ FramePlanes sourcePlanes(const ScaleRequest& request, std::vector<uint8_t>* spli
     const FrameSize size = chromaOf({request.srcWidth, request.srcHeight});
     FramePlanes planes;
     planes.plane[0] = {luma, request.srcStride};
-    if (request.srcColorFormat == kPlanar) {
+    if (request.srcColorFormat == COLOR_FormatYUV420Planar) {
         const int stride = halfUp(request.srcStride);
         planes.plane[1] = {chroma, stride};
         planes.plane[2] = {chroma + static_cast<ptrdiff_t>(stride) * halfUp(request.srcSliceHeight),
@@ -96,7 +96,7 @@ FramePlanes targetPlanes(const ScaleRequest& request, std::vector<uint8_t>* spli
     const FrameSize size = {request.dstWidth, request.dstHeight};
     const FrameSize chroma = chromaOf(size);
     uint8_t* first = request.dst + pixelsOf(size);
-    if (request.dstColorFormat == kSemiPlanar) {
+    if (request.dstColorFormat == COLOR_FormatYUV420SemiPlanar) {
         split->resize(pixelsOf(chroma) * 2);
         first = split->data();
     }
@@ -121,7 +121,8 @@ Scaled referenceTo(const ScaleRequest& request) {
     Scaled reference;
     const bool isCopy = request.srcWidth == request.dstWidth &&
                         request.srcHeight == request.dstHeight &&
-                        request.srcColorFormat == kPlanar && request.dstColorFormat == kPlanar;
+                        request.srcColorFormat == COLOR_FormatYUV420Planar &&
+                        request.dstColorFormat == COLOR_FormatYUV420Planar;
     if (!isCopy) return reference;
     const FrameSize whole = {request.srcStride, request.srcSliceHeight};
     reference.owner =
@@ -165,7 +166,7 @@ bool scaleInto(const ScaleRequest& request) {
     } else if (!scaler.scale(from, source, to, target)) {
         return false;
     }
-    if (request.dstColorFormat == kSemiPlanar) {
+    if (request.dstColorFormat == COLOR_FormatYUV420SemiPlanar) {
         const FrameSize chroma = chromaOf(to);
         libyuv::MergeUVPlane(target.plane[1].data, chroma.width, target.plane[2].data, chroma.width,
                              request.dst + pixelsOf(to), chroma.width * 2, chroma.width,

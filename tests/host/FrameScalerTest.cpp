@@ -1,15 +1,12 @@
 // Cropping and scaling into the encoder's input, and what happens when that fails.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <media/stagefright/MediaCodec.h>
-#include <media/stagefright/foundation/ALooper.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 #include <zimg.h>
 
 #include <atomic>
 #include <vector>
 
-#include "host/codec/HostMediaCodec.h"
+#include "CodecSupport.h"
 #include "host/codec/VideoEncoder.h"
 #include "host/convert/FrameScaler.h"
 
@@ -28,8 +25,7 @@ extern "C" zimg_filter_graph* zimg_filter_graph_build(const zimg_image_format* f
     return gMemoryIsShort ? nullptr : build(from, to, params);
 }
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
 
 constexpr int kPlanar = 19;
@@ -40,38 +36,44 @@ struct Image {
         : stride(imageStride),
           rows(imageRows),
           format(imageFormat),
-          bytes(static_cast<size_t>((stride * rows + 2 * ((stride + 1) / 2) * ((rows + 1) / 2)))) {}
+          chromaStride((imageStride + 1) / 2),
+          bytes(static_cast<size_t>(stride * rows + 2 * chromaStride * ((rows + 1) / 2)), 255) {}
 
     uint8_t& at(int plane, int x, int y) {
-        const int chromaStride = (stride + 1) / 2;
         const int luma = stride * rows;
         int offset = y * stride + x;
         if (plane > 0 && format == kSemiPlanar) {
             offset = luma + y * 2 * chromaStride + 2 * x + plane - 1;
         } else if (plane > 0) {
-            offset = luma + (plane - 1) * chromaStride * ((rows + 1) / 2) + y * chromaStride + x;
+            offset = luma + ((plane - 1) * ((rows + 1) / 2) + y) * chromaStride + x;
         }
         return bytes[static_cast<size_t>(offset)];
+    }
+    // `use` gets the plane, column and row of each sample of the visible part.
+    template <typename Use>
+    static void forEach(int width, int height, const Use& use) {
+        for (int plane = 0; plane < 3; ++plane) {
+            const int shift = plane == 0 ? 0 : 1;
+            for (int y = 0; y < (height + shift) >> shift; ++y) {
+                for (int x = 0; x < (width + shift) >> shift; ++x) use(plane, x, y);
+            }
+        }
     }
 
     int stride;
     int rows;
     int format;
+    int chromaStride;
     std::vector<uint8_t> bytes;
 };
 
-// Planes with a slope of their own; what is outside of the visible part would be seen.
+// Planes with a slope of their own; the rest of the memory would be seen.
 Image slopes(int stride, int rows, int width, int height, int format) {
     Image image(stride, rows, format);
-    std::fill(image.bytes.begin(), image.bytes.end(), uint8_t{255});
-    for (int plane = 0; plane < 3; ++plane) {
-        for (int y = 0; y < (plane == 0 ? height : (height + 1) / 2); ++y) {
-            for (int x = 0; x < (plane == 0 ? width : (width + 1) / 2); ++x) {
-                const int value = plane == 0 ? 20 + x + y : plane == 1 ? 20 + 4 * x : 200 - 2 * y;
-                image.at(plane, x, y) = static_cast<uint8_t>(value);
-            }
-        }
-    }
+    Image::forEach(width, height, [&](int plane, int x, int y) {
+        const int value = plane == 0 ? 20 + x + y : plane == 1 ? 20 + 4 * x : 200 - 2 * y;
+        image.at(plane, x, y) = static_cast<uint8_t>(value);
+    });
     return image;
 }
 
@@ -87,13 +89,9 @@ TEST(FrameScalerTest, theSameSizeIsCroppedAndRepackedExactly) {
             Image target(100, 60, to);
             scaleFrame(request(source, 100, 60, target));
             EXPECT_FALSE(takeScaled(target.bytes.data()).failed);
-            for (int plane = 0; plane < 3; ++plane) {
-                for (int y = 0; y < (plane == 0 ? 60 : 30); ++y) {
-                    for (int x = 0; x < (plane == 0 ? 100 : 50); ++x) {
-                        ASSERT_EQ(source.at(plane, x, y), target.at(plane, x, y)) << plane;
-                    }
-                }
-            }
+            Image::forEach(100, 60, [&](int plane, int x, int y) {
+                ASSERT_EQ(source.at(plane, x, y), target.at(plane, x, y)) << plane;
+            });
         }
     }
 }
@@ -127,46 +125,28 @@ TEST(FrameScalerTest, aSlopeKeepsItsPositionAtAnotherSize) {
 TEST(FrameScalerTest, anInvalidRequestIsReportedOnceForItsTarget) {
     Image source = slopes(64, 64, 64, 64, kPlanar);
     Image target(32, 32, kPlanar);
-    ScaleRequest bad = request(source, 65, 64, target);
-    scaleFrame(bad);
-    bad = request(source, 64, 64, target);
-    uint8_t other = 0;
-    EXPECT_FALSE(takeScaled(&other).failed);
+    scaleFrame(request(source, 65, 64, target));
+    EXPECT_FALSE(takeScaled(source.bytes.data()).failed);
     EXPECT_TRUE(takeScaled(target.bytes.data()).failed);
     EXPECT_FALSE(takeScaled(target.bytes.data()).failed);
-    bad.dstColorFormat = 20;
-    scaleFrame(bad);
+    target.format = 20;
+    scaleFrame(request(source, 64, 64, target));
     EXPECT_TRUE(takeScaled(target.bytes.data()).failed);
 }
 
 // A frame that could not be scaled must neither be encoded with the contents of its memory nor be
 // left out: the encoder fails instead of reaching the end of stream.
-TEST(FrameScalerTest, theEncoderFailsAtAFrameThatCouldNotBeScaled) {
-    const sp<ALooper> looper = new ALooper;
-    looper->start();
-    const sp<AMessage> format = new AMessage;
-    format->setString("mime", MEDIA_MIMETYPE_VIDEO_AVC);
-    format->setInt32("width", 64);
-    format->setInt32("height", 64);
-    format->setInt32("frame-rate", 30);
-    const sp<MediaCodec> encoder =
-        new HostMediaCodec(looper, std::make_unique<VideoEncoder>("ultrafast", nullptr, 1));
-    ASSERT_EQ(OK, encoder->configure(format, nullptr, nullptr, 0));
-    ASSERT_EQ(OK, encoder->start());
+TEST_F(CodecTest, anEncoderFailsAtAFrameThatCouldNotBeScaled) {
+    mCodec = new HostMediaCodec(mLooper, std::make_unique<VideoEncoder>("ultrafast", nullptr, 1));
+    start(encoderFormat(MEDIA_MIMETYPE_VIDEO_AVC, 64, 64));
     Vector<sp<MediaCodecBuffer>> buffers;
-    ASSERT_EQ(OK, encoder->getInputBuffers(&buffers));
+    ASSERT_EQ(OK, mCodec->getInputBuffers(&buffers));
     Image source = slopes(100, 100, 100, 100, kPlanar);
     const auto queueScaled = [&](int64_t timeUs, int width) {
-        size_t index = 0;
-        EXPECT_EQ(OK, encoder->dequeueInputBuffer(&index, 5000000));
-        ScaleRequest scale = {100,     100,
-                              width,   100,
-                              kPlanar, source.bytes.data(),
-                              64,      64,
-                              kPlanar, buffers[index]->base(),
-                              nullptr};
-        scaleFrame(scale);
-        return encoder->queueInputBuffer(index, 0, 64 * 64 * 3 / 2, timeUs, 0, nullptr);
+        EXPECT_EQ(OK, takeInput());
+        scaleFrame({100, 100, width, 100, kPlanar, source.bytes.data(), 64, 64, kPlanar,
+                    buffers[mInput]->base(), nullptr});
+        return mCodec->queueInputBuffer(mInput, 0, 64 * 64 * 3 / 2, timeUs, 0, nullptr);
     };
     EXPECT_EQ(OK, queueScaled(0, 100));
     gMemoryIsShort = true;
@@ -174,20 +154,12 @@ TEST(FrameScalerTest, theEncoderFailsAtAFrameThatCouldNotBeScaled) {
     EXPECT_EQ(OK, queueScaled(33333, 90));
     gMemoryIsShort = false;
     status_t status = OK;
-    for (int i = 0; i < 10 && (status == OK || status == -EAGAIN); ++i) {
-        size_t index = 0;
-        size_t offset = 0;
-        size_t size = 0;
-        int64_t timeUs = 0;
-        uint32_t flags = 0;
-        status = encoder->dequeueOutputBuffer(&index, &offset, &size, &timeUs, &flags, 5000000);
-        ASSERT_EQ(0u, flags & MediaCodec::BUFFER_FLAG_EOS) << "the end of a run that lost a frame";
+    for (int i = 0; i < 10 && status == OK; ++i) {
+        status = dequeue();
+        ASSERT_FALSE(atEnd()) << "the end of a run that lost a frame";
     }
     EXPECT_EQ(UNKNOWN_ERROR, status);
-    encoder->release();
-    looper->stop();
 }
 
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -1,29 +1,64 @@
-// Shared by the tests of the extractor and the writer: scratch files, clips, samples and sources.
+// Shared by the tests of the extractor, the writer and their files: scratch files, clips, samples.
 #pragma once
 
 #include <Platform.h>
-#include <media/stagefright/MediaBufferGroup.h>
-#include <media/stagefright/MediaSource.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <media/stagefright/foundation/ABuffer.h>
 #include <stdint.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
-#include <condition_variable>
-#include <deque>
-#include <mutex>
+#include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
-namespace android {
-namespace qmmediaeditor {
+#include "host/codec/TrackSource.h"
+#include "host/extractor/FileExtractor.h"
 
-// A file of its own in a folder that goes away with the test program.
-std::string scratchPath(const std::string& name);
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+namespace android::qmmediaeditor {
+
+// A file in a folder that goes away with the test program.
+inline std::string scratchPath(const std::string& name) {
+    static const struct ScratchFolder {
+        // Paths are relative to it, because they become words of shell commands and its own may
+        // have spaces.
+        ScratchFolder() { std::filesystem::current_path(mkdtemp(path.data())); }
+        ~ScratchFolder() { std::filesystem::remove_all(path); }
+        std::string path = std::filesystem::temp_directory_path() / "host-io-XXXXXX";
+    } folder;
+    return name;
+}
+
+// A descriptor of a file that holds this.
+inline int memoryFile(const std::string& content) {
+    const int fd = memfd_create("test", MFD_CLOEXEC);
+    EXPECT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
+    return fd;
+}
+
 // A clip of that name, made once in a run by ffmpeg with these arguments in front of the name.
-std::string makeClip(const std::string& name, const std::string& arguments);
+inline std::string makeClip(const std::string& name, const std::string& arguments) {
+    const std::string path = scratchPath(name);
+    if (std::filesystem::exists(path)) return path;
+    const std::string command = "ffmpeg -nostdin -v error -y " + arguments + " " + path;
+    EXPECT_EQ(0, system(command.c_str())) << command;
+    return path;
+}
+
 // Video of 160x120 at 30000/1001 frames per second and audio at 48000 Hz, as ffmpeg inputs.
-std::string videoInput(int seconds);
-std::string audioInput(int seconds);
-constexpr char kAvcAac[] = " -c:v libx264 -preset veryfast -bf 3 -g 30 -c:a aac ";
+inline std::string videoInput(int seconds) {
+    return " -f lavfi -i testsrc2=s=160x120:r=30000/1001:d=" + std::to_string(seconds) + " ";
+}
+inline std::string audioInput(int seconds) {
+    return " -f lavfi -i sine=r=48000:d=" + std::to_string(seconds) + " ";
+}
 
 struct Sample {
     size_t track = 0;
@@ -33,81 +68,102 @@ struct Sample {
     bool isSync = false;
     std::vector<uint8_t> data;
 
-    bool operator==(const Sample& other) const {
-        return track == other.track && timeUs == other.timeUs &&
-               presentationUs == other.presentationUs && isSync == other.isSync &&
-               data == other.data;
+    bool operator==(const Sample& other) const { return fields() == other.fields(); }
+    std::tuple<size_t, int64_t, int64_t, bool, const std::vector<uint8_t>&> fields() const {
+        return {track, timeUs, presentationUs, isSync, data};
     }
 };
+
+inline std::vector<Sample> ofTrack(const std::vector<Sample>& samples, int track) {
+    std::vector<Sample> result;
+    for (const Sample& sample : samples) {
+        if (static_cast<int>(sample.track) == track) result.push_back(sample);
+    }
+    return result;
+}
+
+// Empty when it is absent.
+inline std::vector<uint8_t> bufferOf(const sp<AMessage>& format, const char* key) {
+    sp<ABuffer> buffer;
+    if (!format->findBuffer(key, &buffer)) return {};
+    return std::vector<uint8_t>(buffer->data(), buffer->data() + buffer->size());
+}
 
 // An extractor on a file, with the first audio and the first video track selected as a session
 // does.
 class OpenedClip {
 public:
-    explicit OpenedClip(const std::string& path);
+    explicit OpenedClip(const std::string& path) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        mResult = mExtractor->setDataSource(fd, 0, INT64_MAX / 2);
+        close(fd);
+        for (int i = 0; i < static_cast<int>(mExtractor->countTracks()); ++i) {
+            const std::string type = mime(i);
+            if (type.find("notsupported") != std::string::npos) continue;
+            int* const first = type.rfind("video/", 0) == 0   ? &mVideoTrack
+                               : type.rfind("audio/", 0) == 0 ? &mAudioTrack
+                                                              : nullptr;
+            if (first == nullptr || *first >= 0) continue;
+            *first = i;
+            EXPECT_EQ(OK, mExtractor->selectTrack(static_cast<size_t>(i)));
+        }
+    }
 
     status_t result() const { return mResult; }
     ExtractorBackend& extractor() { return *mExtractor; }
-    sp<AMessage> format(size_t track);
-    int32_t int32Of(size_t track, const char* key);  // -1 when it is absent
-    int64_t durationUs(size_t track);
-    std::string mime(size_t track);
     int videoTrack() const { return mVideoTrack; }  // -1 without one
     int audioTrack() const { return mAudioTrack; }
 
-    void seek(int64_t timeUs);
-    // Up to the end, or to the first sample after `lastUs`, as the component reads.
-    std::vector<Sample> read(int64_t lastUs = INT64_MAX);
+    sp<AMessage> format(int track) {
+        sp<AMessage> format;
+        EXPECT_EQ(OK, mExtractor->getTrackFormat(static_cast<size_t>(track), &format));
+        return format;
+    }
+    int32_t int32Of(int track, const char* key) {  // -1 when it is absent
+        int32_t value = -1;
+        format(track)->findInt32(key, &value);
+        return value;
+    }
+    double durationUs(int track) {
+        int64_t value = -1;
+        format(track)->findInt64("durationUs", &value);
+        return static_cast<double>(value);
+    }
+    std::string mime(int track) {
+        AString mime;
+        EXPECT_TRUE(format(track)->findString("mime", &mime));
+        return mime.c_str();
+    }
+
+    // All samples from there on.
+    std::vector<Sample> readFrom(int64_t timeUs = 0) {
+        EXPECT_EQ(OK, mExtractor->seekTo(timeUs, ExtractorBackend::SeekMode::SEEK_PREVIOUS_SYNC));
+        std::vector<Sample> samples;
+        const sp<ABuffer> buffer = new ABuffer(4 << 20);
+        Sample sample;
+        while (mExtractor->getSampleTrackIndex(&sample.track) == OK) {
+            EXPECT_EQ(OK, mExtractor->getSampleTime(&sample.timeUs));
+            EXPECT_EQ(OK, mExtractor->readSampleData(buffer));
+            sp<MetaData> meta;
+            EXPECT_EQ(OK, mExtractor->getSampleMeta(&meta));
+            int32_t isSync = 0;
+            meta->findInt32(kKeyIsSyncFrame, &isSync);
+            const sp<AMessage> trackFormat = format(static_cast<int>(sample.track));
+            sample.presentationUs =
+                TrackSource::find(trackFormat)->take(sample.timeUs).properties->pts;
+            sample.isSync = isSync != 0;
+            sample.data.assign(buffer->data(), buffer->data() + buffer->size());
+            samples.push_back(sample);
+            EXPECT_EQ(OK, mExtractor->advance());
+        }
+        return samples;
+    }
 
 private:
-    sp<ExtractorBackend> mExtractor;
+    const sp<ExtractorBackend> mExtractor = createFileExtractor();
     status_t mResult;
     int mVideoTrack = -1;
     int mAudioTrack = -1;
 };
 
-std::vector<Sample> ofTrack(const std::vector<Sample>& samples, int track);
-
-// Hands samples to a writer, one at a time, through a group of one buffer as the component's
-// sources do.
-class QueueSource : public MediaSource {
-public:
-    explicit QueueSource(const sp<MetaData>& format);
-
-    void pushConfig(const std::vector<uint8_t>& data);
-    void push(const std::vector<uint8_t>& data, int64_t timeUs, bool isSync = true);
-    void pushEnd();
-
-    status_t start(MetaData* params) override;
-    status_t stop() override;
-    sp<MetaData> getFormat() override { return mFormat; }
-    status_t read(MediaBufferBase** buffer, const ReadOptions* options) override;
-
-    // Returns when the writer has taken all that was pushed, and asks for more.
-    void waitUntilDrained();
-
-protected:
-    ~QueueSource() override = default;
-
-private:
-    struct Entry {
-        std::vector<uint8_t> data;
-        int64_t timeUs;
-        bool isSync;
-        bool isConfig;
-    };
-
-    const sp<MetaData> mFormat;
-    MediaBufferGroup mGroup;
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    std::deque<Entry> mEntries;
-    bool mEnded = false;
-    bool mWaiting = false;
-};
-
-sp<MetaData> videoFormat(const char* mime, int width, int height);
-sp<MetaData> audioFormat(const char* mime, int sampleRate, int channelCount);
-
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

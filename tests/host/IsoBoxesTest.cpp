@@ -1,33 +1,36 @@
-// Which sample tables are refused: by their number of samples, wherever libavformat would look for
-// them.
+// The walk over boxes: which sample tables are refused by their number of samples, wherever
+// libavformat would look for them, and the uuid boxes, on valid and on damaged files.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <string>
 
-#include "host/io/DescriptorFile.h"
+#include "IoSupport.h"
 #include "host/io/IsoBoxes.h"
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
 
 constexpr uint32_t kMany = 85000000;
+const std::string kType = "0123456789abcdef";
 
-std::string number(uint32_t value) {
+std::string number(uint64_t value, int bytes = 4) {
     std::string result;
-    for (int shift = 24; shift >= 0; shift -= 8)
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) {
         result.push_back(static_cast<char>(value >> shift));
+    }
     return result;
 }
 
-std::string boxOfSize(uint32_t size, const std::string& type, const std::string& content) {
+std::string boxOfSize(uint64_t size, const std::string& type, const std::string& content) {
     return number(size) + type + content;
 }
 
 std::string box(const std::string& type, const std::string& content) {
-    return boxOfSize(static_cast<uint32_t>(content.size() + 8), type, content);
+    return boxOfSize(content.size() + 8, type, content);
+}
+
+std::string largeBox(const std::string& type, const std::string& content) {
+    return boxOfSize(1, type, number(content.size() + 16, 8) + content);
 }
 
 std::string inside(const std::initializer_list<std::string>& path, std::string content) {
@@ -39,10 +42,6 @@ std::string inside(const std::initializer_list<std::string>& path, std::string c
 
 std::string sizes(uint32_t count) { return box("stsz", number(0) + number(0) + number(count)); }
 
-std::string times(const std::string& type, uint32_t count) {
-    return box(type, number(0) + number(2) + number(1) + number(512) + number(count) + number(512));
-}
-
 std::string inTable(const std::string& table) {
     return inside({"moov", "trak", "mdia", "minf", "stbl"}, table);
 }
@@ -51,64 +50,93 @@ std::string inFragment(uint32_t count) {
     return inside({"moof", "traf"}, box("trun", number(0) + number(count)));
 }
 
-std::optional<std::string> check(const std::string& boxes, size_t mediaBytes = 1000) {
-    const std::string bytes =
-        box("ftyp", "isom" + number(0)) + box("mdat", std::string(mediaBytes, 0)) + boxes;
-    const int fd = memfd_create("boxes", MFD_CLOEXEC);
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
+std::shared_ptr<DescriptorFile> opened(const std::string& bytes) {
+    const int fd = memoryFile(bytes);
     const auto file = DescriptorFile::openForReading(fd, 0, INT64_MAX / 2).file;
     close(fd);
-    return checkSampleTables(*file);
+    return file;
 }
 
-TEST(SampleTablesTest, eachKindOfTableIsLimitedByTheBytesOfTheFile) {
-    for (const char* type : {"stts", "ctts"}) {
-        EXPECT_FALSE(check(inTable(times(type, 999)))) << type;
-        const auto reason = check(inTable(times(type, kMany)));
-        ASSERT_TRUE(reason) << type;
-        EXPECT_NE(std::string::npos, reason->find(type)) << *reason;
-        EXPECT_NE(std::string::npos, reason->find("85000001 samples")) << *reason;
-    }
-    EXPECT_FALSE(check(inTable(sizes(999))));
-    EXPECT_TRUE(check(inTable(sizes(kMany))));
-    EXPECT_FALSE(check(inTable(sizes(kMany)), kMany));
-    EXPECT_TRUE(check(inTable(box("stz2", number(0) + number(4) + number(kMany)))));
-    EXPECT_FALSE(check(inFragment(999)));
-    EXPECT_TRUE(check(inFragment(kMany)));
+bool isRefused(const std::string& boxes, size_t mediaBytes = 1000) {
+    return checkSampleTables(*opened(box("ftyp", "isom" + number(0)) +
+                                     box("mdat", std::string(mediaBytes, 0)) + boxes))
+        .has_value();
 }
 
-TEST(SampleTablesTest, tablesOfAllTracksAndFragmentsAddUp) {
-    EXPECT_TRUE(check(inTable(sizes(900)) + inTable(sizes(900))));
-    EXPECT_TRUE(check(inFragment(900) + inFragment(900)));
+TEST(SampleTablesTest, allTablesOfAKindAreLimitedByTheBytesOfTheFile) {
+    EXPECT_FALSE(isRefused(inTable(sizes(999))));
+    EXPECT_FALSE(isRefused(inTable(sizes(kMany)), kMany));
+    EXPECT_FALSE(isRefused(inFragment(999)));
+    EXPECT_TRUE(isRefused(inTable(sizes(900)) + inTable(sizes(900))));
+    EXPECT_TRUE(isRefused(inFragment(900) + inFragment(900)));
     // A sample has an entry in several kinds of tables.
-    EXPECT_FALSE(check(inTable(sizes(900)) + inTable(times("stts", 899)) + inFragment(900)));
+    for (const char* type : {"stts", "ctts"}) {
+        const std::string times = box(type, number(0) + number(1) + number(899) + number(512));
+        EXPECT_FALSE(isRefused(inTable(sizes(900)) + inTable(times) + inFragment(900))) << type;
+        EXPECT_TRUE(isRefused(inTable(times) + inTable(times))) << type;
+    }
 }
 
 TEST(SampleTablesTest, tablesAreFoundWhereverTheyAre) {
     // A box without a size, or with one beyond its parent, ends with it.
     const std::string content = sizes(kMany).substr(8);
-    EXPECT_TRUE(check(inTable(boxOfSize(0, "stsz", content))));
-    EXPECT_TRUE(check(inTable(boxOfSize(0x7fffffff, "stsz", content))));
-    EXPECT_TRUE(check(boxOfSize(0, "moov", inside({"trak", "mdia"}, sizes(kMany)))));
-    EXPECT_TRUE(check(boxOfSize(1, "moov", number(0) + number(16 + 20) + sizes(kMany))));
-    EXPECT_TRUE(check(inside({"moov"}, sizes(kMany))));
+    EXPECT_TRUE(isRefused(inTable(boxOfSize(0, "stsz", content))));
+    EXPECT_TRUE(isRefused(inTable(boxOfSize(0x7fffffff, "stsz", content))));
+    EXPECT_TRUE(isRefused(boxOfSize(0, "moov", inside({"trak", "mdia"}, sizes(kMany)))));
+    EXPECT_TRUE(isRefused(largeBox("moov", sizes(kMany))));
     for (const char* type : {"free", "hoov"}) {
-        EXPECT_TRUE(check(box(type, box("mvhd", "") + sizes(kMany)))) << type;
-        EXPECT_FALSE(check(box(type, box("skip", "") + sizes(kMany)))) << type;
+        EXPECT_TRUE(isRefused(box(type, box("mvhd", "") + sizes(kMany)))) << type;
+        EXPECT_FALSE(isRefused(box(type, box("skip", "") + sizes(kMany)))) << type;
     }
-    EXPECT_TRUE(check(inside({"moov"}, box("cmov", box("dcom", "zlib")))));
-    EXPECT_FALSE(check(box("mdat", inTable(sizes(kMany)))));
+    EXPECT_FALSE(isRefused(box("mdat", inTable(sizes(kMany)))));
 }
 
 TEST(SampleTablesTest, damagedFilesAreNotRefused) {
-    EXPECT_FALSE(check(boxOfSize(3, "moov", sizes(kMany))));
-    EXPECT_FALSE(check(inTable(box("stsz", "")) + inTable(box("stts", number(0)))));
-    EXPECT_FALSE(check(inTable(box("stts", number(0) + number(0xffffffff) + number(1)))));
+    EXPECT_FALSE(isRefused(boxOfSize(3, "moov", sizes(kMany))));
+    EXPECT_FALSE(isRefused(inTable(box("stsz", "")) + inTable(box("stts", number(0)))));
+    EXPECT_FALSE(isRefused(inTable(box("stts", number(0) + number(0xffffffff) + number(1)))));
     std::string deep = sizes(kMany);
     for (int i = 0; i < 10000; ++i) deep = box("trak", deep);
-    EXPECT_FALSE(check(box("moov", deep)));
+    EXPECT_FALSE(isRefused(box("moov", deep)));
+}
+
+std::string textOf(const std::vector<uint8_t>& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// The uuid boxes of an output whose input has these boxes.
+std::string copied(const std::string& boxes) {
+    const std::vector<uint8_t> data = readTopLevelBoxes(*opened(boxes)).uuidData;
+    return textOf(makeUuidBoxes(data.data(), data.size()));
+}
+
+TEST(UuidBoxTest, boxesAreCopiedAndOneBoxIsPassedOnAsTypeAndPayload) {
+    const std::string start = box("ftyp", "isom") + box("moov", "movie");
+    const std::string uuid = box("uuid", kType + "payload");
+    const TopLevelBoxes boxes = readTopLevelBoxes(*opened(start + uuid + box("mdat", "uuid")));
+    EXPECT_EQ(kType + "payload", textOf(boxes.uuidData));
+    EXPECT_EQ(12, boxes.movieOffset);
+    EXPECT_EQ(13, boxes.movieBytes);
+
+    EXPECT_EQ(uuid, copied(uuid + start));
+    const std::string second = box("uuid", "ABCDEF9876543210");
+    EXPECT_EQ(uuid + second, copied(uuid + start + second));
+    const std::string nested = box("uuid", uuid);
+    EXPECT_EQ(nested, copied(nested + start));
+    EXPECT_EQ(uuid, copied(largeBox("mdat", "data") + uuid));
+    EXPECT_EQ(uuid, copied(start + largeBox("uuid", kType + "payload")));
+    EXPECT_EQ(uuid, copied(start + boxOfSize(0, "uuid", kType + "payload")));
+    EXPECT_EQ("", copied(box("uuid", "too short") + start));
+}
+
+TEST(UuidBoxTest, wrongSizesEndTheWalk) {
+    const std::string uuid = box("uuid", kType);
+    for (const std::string& lie : {boxOfSize(7, "free", ""), boxOfSize(1, "free", number(15, 8)),
+                                   boxOfSize(1, "free", number(UINT64_MAX, 8)),
+                                   boxOfSize(1 << 30, "uuid", kType), boxOfSize(9, "uui", "")}) {
+        EXPECT_EQ(uuid, copied(uuid + lie));
+    }
 }
 
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -1,14 +1,10 @@
 // Which decoder may deliver its output next.
-#include <gtest/gtest.h>
-
 #include <atomic>
 
-#include "WaitingThread.h"
-#include "host/codec/OutputSequencer.h"
+#include "CodecSupport.h"
 #include "host/foundation/TimedWait.h"
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
 
 typedef OutputSequencer::Turn Turn;
@@ -19,11 +15,20 @@ protected:
     OutputSequencerTest() { mSequencer->beginSegment(0); }
 
     Turn turnOf(size_t member) { return mSequencer->waitForTurn(member, deadlineAfter(0)); }
-    void publishHead(size_t member, int64_t timeUs) {
+    void publishHead(size_t member, int64_t timeUs, bool inputFull = false) {
         MemberState state;
         state.hasHead = true;
         state.earliestUs = timeUs;
+        state.inputFull = inputFull;
         mSequencer->publish(member, state);
+    }
+    // Audio whose decoder has this inside, and no head.
+    void publishAudio(int64_t earliestUs, bool working, bool inputEnded) {
+        MemberState state;
+        state.earliestUs = earliestUs;
+        state.working = working;
+        state.inputEnded = inputEnded;
+        mSequencer->publish(mAudio, state);
     }
 
     const sp<OutputSequencer> mSequencer = new OutputSequencer;
@@ -49,21 +54,13 @@ TEST_F(OutputSequencerTest, aHeadWaitsForWhatTheOtherDecoderStillHas) {
     publishHead(mVideo, 2000);
     mSequencer->advancePosition(5000);
     EXPECT_EQ(Turn::kYes, turnOf(mVideo)) << "the reader is past the head, and nothing is inside";
-    MemberState state;
-    state.earliestUs = 1500;
-    state.working = true;
-    mSequencer->publish(mAudio, state);
+    publishAudio(1500, true, false);
     EXPECT_EQ(Turn::kTimedOut, turnOf(mVideo));
-    state.working = false;
-    mSequencer->publish(mAudio, state);
+    publishAudio(1500, false, false);
     EXPECT_EQ(Turn::kTimedOut, turnOf(mVideo)) << "new input may make it produce this";
-    state.inputEnded = true;
-    mSequencer->publish(mAudio, state);
+    publishAudio(1500, false, true);
     EXPECT_EQ(Turn::kYes, turnOf(mVideo));
-    state.inputEnded = false;
-    state.earliestUs = 2500;
-    state.working = true;
-    mSequencer->publish(mAudio, state);
+    publishAudio(2500, true, false);
     EXPECT_EQ(Turn::kYes, turnOf(mVideo)) << "what is inside is later";
 }
 
@@ -71,27 +68,8 @@ TEST_F(OutputSequencerTest, aHeadWaitsForTheReaderUnlessItsOwnInputIsFull) {
     mSequencer->advancePosition(1000);
     publishHead(mVideo, 2000);
     EXPECT_EQ(Turn::kTimedOut, turnOf(mVideo)) << "earlier audio may follow in the file";
-    MemberState state;
-    state.hasHead = true;
-    state.earliestUs = 2000;
-    state.inputFull = true;
-    mSequencer->publish(mVideo, state);
+    publishHead(mVideo, 2000, true);
     EXPECT_EQ(Turn::kYes, turnOf(mVideo)) << "the reader cannot go on before this is taken";
-}
-
-TEST_F(OutputSequencerTest, aWaitEndsWhenTheReaderOrTheOtherDecoderGoesOn) {
-    for (const bool leaves : {false, true}) {
-        publishHead(mVideo, 2000);
-        WaitingThread<Turn> waiting(
-            [this] { return mSequencer->waitForTurn(mVideo, deadlineAfter(20000000)); });
-        if (leaves) {
-            mSequencer->leave(mAudio);
-        } else {
-            mSequencer->advancePosition(2000);
-        }
-        EXPECT_EQ(Turn::kYes, waiting.get());
-        mSequencer->beginSegment(0);
-    }
 }
 
 TEST_F(OutputSequencerTest, dueSilenceIsWaitedForAndWakesItsDecoder) {
@@ -129,5 +107,4 @@ TEST_F(OutputSequencerTest, aSegmentStartsANewPosition) {
 }
 
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -9,8 +9,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
 
 PacketInterleaver::Held held(size_t track, int64_t timeUs, int bytes = 10) {
@@ -111,5 +110,4 @@ TEST(TrackTimestampsTest, ticksRiseAndLastAsLongAsTheDistanceBefore) {
 }
 
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -1,154 +1,114 @@
 // The settings, timestamps and key frames of an encoder, and the end of the last frame in a
 // session.
-#include <gtest/gtest.h>
-#include <media/stagefright/MediaCodec.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <vector>
 
+#include "CodecSupport.h"
 #include "host/codec/CodecTable.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/codec/VideoEncoder.h"
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
 
-typedef CodecBackend::Step Step;
+typedef std::vector<int64_t> Times;
 
-class Observer : public HostObserver {
-public:
-    void onFrameEncoded(int64_t timeUs) override { framesUs.push_back(timeUs); }
-    void onEncoderOpened(bool isVideo, const std::string& name,
-                         const sp<AMessage>& format) override {
-        opened = (isVideo ? "video " : "audio ") + name;
-        format->findInt32("bitrate", &bitRate);
-    }
-
-    std::vector<int64_t> framesUs;
-    std::string opened;
-    int32_t bitRate = 0;
-};
-
-struct Packet {
-    int64_t timeUs;
-    bool isSync;
-};
-
-class VideoEncoderTest : public ::testing::Test {
+class VideoEncoderTest : public ::testing::Test, public HostObserver {
 protected:
     VideoEncoderTest() {
-        mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_AVC);
-        mFormat->setInt32("width", 64);
-        mFormat->setInt32("height", 48);
-        mFormat->setInt32("frame-rate", 30);
-        mFormat->setInt32("bitrate", 500000);
-        mOptions.observer = &mObserver;
+        mOptions.observer = this;
         mSession = std::make_shared<SessionTimeline>(mOptions);
     }
 
-    status_t configure() {
-        mEncoder = std::make_unique<VideoEncoder>("ultrafast", mSession, 1);
-        return mEncoder->configure(mFormat, &mBuffers);
+    void onFrameEncoded(int64_t timeUs) override { mReportedUs.push_back(timeUs); }
+    void onEncoderOpened(bool isVideo, const std::string& name,
+                         const sp<AMessage>& format) override {
+        EXPECT_TRUE(isVideo);
+        mOpened = name;
+        format->findInt32("bitrate", &mBitRate);
     }
 
-    // All packets of frames with these timestamps; counts the inputs that the encoder released.
-    std::vector<Packet> encode(const std::vector<int64_t>& timesUs) {
-        std::vector<Packet> packets;
-        const auto drain = [&] {
-            for (;;) {
-                CodecOutput output;
-                const Step step = mEncoder->produce(&output);
-                if (step != Step::kOutput) return step;
-                EXPECT_GT(output.buffer->size(), 0u);
-                if ((output.flags & MediaCodec::BUFFER_FLAG_CODECCONFIG) != 0) continue;
-                packets.push_back(
-                    {output.timeUs, (output.flags & MediaCodec::BUFFER_FLAG_SYNCFRAME) != 0});
+    status_t configure(const char* mime = MEDIA_MIMETYPE_VIDEO_AVC, int width = 64) {
+        const sp<AMessage> format = encoderFormat(mime, width, 48);
+        format->setInt32("bitrate", 500000);
+        format->setInt32("i-frame-interval", 2);
+        mEncoder = std::make_unique<VideoEncoder>("ultrafast", mSession, 1);
+        return mEncoder->configure(format, &mBuffers);
+    }
+
+    // The timestamps of all packets of frames with these timestamps.
+    Times encode(const Times& timesUs) {
+        Times encodedUs;
+        const auto take = [&](const CodecOutput& output) {
+            EXPECT_GT(output.buffer->size(), 0u);
+            if ((output.flags & MediaCodec::BUFFER_FLAG_CODECCONFIG) != 0) return;
+            encodedUs.push_back(output.timeUs);
+            if ((output.flags & MediaCodec::BUFFER_FLAG_SYNCFRAME) != 0) {
+                mKeyFramesUs.push_back(output.timeUs);
             }
         };
         for (const int64_t timeUs : timesUs) {
-            EXPECT_EQ(Step::kNeedsInput, drain());
-            CodecInput input;
-            input.data = mFrame.data();
-            input.size = mFrame.size();
-            input.timeUs = timeUs;
+            EXPECT_EQ(Step::kNeedsInput, drain(mEncoder.get(), take));
+            CodecInput input = inputOf(mFrame, timeUs, {});
             input.lease =
                 std::shared_ptr<const void>(mFrame.data(), [this](auto*) { ++mReleased; });
             EXPECT_EQ(OK, mEncoder->accept(std::move(input)));
         }
         EXPECT_EQ(OK, mEncoder->finish());
-        EXPECT_EQ(Step::kEnd, drain());
-        return packets;
+        EXPECT_EQ(Step::kEnd, drain(mEncoder.get(), take));
+        return encodedUs;
     }
 
-    Observer mObserver;
+    Times mReportedUs;
+    Times mKeyFramesUs;
+    std::string mOpened;
+    int32_t mBitRate = 0;
     HostOptions mOptions;
-    const sp<AMessage> mFormat = new AMessage;
     std::shared_ptr<SessionTimeline> mSession;
     CodecBuffers mBuffers;
     size_t mReleased = 0;
-    std::vector<uint8_t> mFrame = std::vector<uint8_t>(64 * 48 * 3 / 2, 90);
+    const std::vector<uint8_t> mFrame = std::vector<uint8_t>(64 * 48 * 3 / 2, 90);
     std::unique_ptr<VideoEncoder> mEncoder;
 };
 
 TEST_F(VideoEncoderTest, timestampsAndBuffersComeBackForEveryFrame) {
     ASSERT_EQ(OK, configure());
-    EXPECT_EQ("video libx264", mObserver.opened);
-    EXPECT_EQ(500000, mObserver.bitRate);
-    EXPECT_EQ(size_t{64 * 48 * 3 / 2}, mBuffers.inputBytes);
-    const std::vector<int64_t> timesUs = {0, 33333, 66667, 100000, 250000, 250001};
-    std::vector<int64_t> encodedUs;
-    for (const Packet& packet : encode(timesUs)) encodedUs.push_back(packet.timeUs);
-    EXPECT_EQ(timesUs, encodedUs);
-    EXPECT_EQ(timesUs, mObserver.framesUs);
+    EXPECT_EQ("libx264", mOpened);
+    EXPECT_EQ(500000, mBitRate);
+    EXPECT_EQ(mFrame.size(), mBuffers.inputBytes);
+    const Times timesUs = {0, 33333, 66667, 100000, 250000, 250001};
+    EXPECT_EQ(timesUs, encode(timesUs));
+    EXPECT_EQ(timesUs, mReportedUs);
     mEncoder.reset();
     EXPECT_EQ(timesUs.size(), mReleased);
-}
 
-TEST_F(VideoEncoderTest, timestampsThatDoNotRiseGetTheNextPossibleOnes) {
     ASSERT_EQ(OK, configure());
-    std::vector<int64_t> encodedUs;
-    for (const Packet& packet : encode({1000, 1000, 500, 2000})) encodedUs.push_back(packet.timeUs);
-    EXPECT_EQ((std::vector<int64_t>{1000, 1001, 1002, 2000}), encodedUs);
-}
+    EXPECT_EQ((Times{1000, 1001, 1002, 2000}), encode({1000, 1000, 500, 2000}))
+        << "timestamps that do not rise get the next possible ones";
 
-// MPEG-4 and H.263 count in frames: here three inputs share the number of one.
-TEST_F(VideoEncoderTest, codecsThatCountInFramesKeepTimestampsInBetween) {
-    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_MPEG4);
-    ASSERT_EQ(OK, configure());
-    const std::vector<int64_t> timesUs = {0, 5000, 10000, 33333, 166667};
-    std::vector<int64_t> encodedUs;
-    for (const Packet& packet : encode(timesUs)) encodedUs.push_back(packet.timeUs);
-    EXPECT_EQ(timesUs, encodedUs);
+    // MPEG-4 and H.263 count in frames: here three inputs share the number of one.
+    ASSERT_EQ(OK, configure(MEDIA_MIMETYPE_VIDEO_MPEG4));
+    const Times inBetweenUs = {0, 5000, 10000, 33333, 166667};
+    EXPECT_EQ(inBetweenUs, encode(inBetweenUs));
 }
 
 TEST_F(VideoEncoderTest, keyFramesFollowTimeWhereTheFrameRateVaries) {
     mSession->setAverageFrameRate(5);
-    mFormat->setInt32("i-frame-interval", 2);
     ASSERT_EQ(OK, configure());
-    std::vector<int64_t> syncUs;
-    for (const Packet& packet : encode({0, 100000, 1999000, 1999999, 2100000, 3999990, 4000000})) {
-        if (packet.isSync) syncUs.push_back(packet.timeUs);
-    }
+    encode({0, 100000, 1999000, 1999999, 2100000, 3999990, 4000000});
     // A microsecond early is rounding.
-    EXPECT_EQ((std::vector<int64_t>{0, 1999999, 4000000}), syncUs);
+    EXPECT_EQ((Times{0, 1999999, 4000000}), mKeyFramesUs);
 }
 
 TEST_F(VideoEncoderTest, sizesBeyondTheCodecsLimitsAreRefused) {
-    mFormat->setInt32("width", 1);
-    EXPECT_EQ(ERROR_UNSUPPORTED, configure());
-    mFormat->setInt32("width", 8194);
-    EXPECT_EQ(ERROR_UNSUPPORTED, configure());
-    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_MPEG4);
-    mFormat->setInt32("width", 8192);
-    EXPECT_EQ(ERROR_UNSUPPORTED, configure());
-    mFormat->setInt32("width", 64);
-    EXPECT_EQ(OK, configure());
-    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_H263);
-    EXPECT_NE(OK, configure()) << "not one of its five sizes";
-    mFormat->setString("mime", MEDIA_MIMETYPE_VIDEO_VP8);
-    EXPECT_EQ(ERROR_UNSUPPORTED, configure());
+    EXPECT_EQ(ERROR_UNSUPPORTED, configure(MEDIA_MIMETYPE_VIDEO_AVC, 1));
+    EXPECT_EQ(ERROR_UNSUPPORTED, configure(MEDIA_MIMETYPE_VIDEO_AVC, 8194));
+    EXPECT_EQ(ERROR_UNSUPPORTED, configure(MEDIA_MIMETYPE_VIDEO_MPEG4, 8192));
+    EXPECT_EQ(OK, configure(MEDIA_MIMETYPE_VIDEO_MPEG4));
+    EXPECT_NE(OK, configure(MEDIA_MIMETYPE_VIDEO_H263)) << "not one of its five sizes";
+    EXPECT_EQ(ERROR_UNSUPPORTED, configure(MEDIA_MIMETYPE_VIDEO_VP8));
 }
 
 // Limits of ITU-T H.264, table A-1, at their edges.
@@ -167,16 +127,13 @@ TEST(AvcLevelTest, aLevelHoldsWhatTheStandardSays) {
     EXPECT_EQ(0, avcLevelFor(3, hd)) << "no level";
 }
 
-class SessionTimelineTest : public ::testing::Test {
-protected:
-    SessionTimeline makeTimeline(const std::optional<std::vector<int64_t>>& cutsUs) {
-        HostOptions options;
-        options.cutTimesUs = cutsUs;
-        return SessionTimeline(options);
-    }
-};
+SessionTimeline makeTimeline(const std::optional<std::vector<int64_t>>& cutsUs) {
+    HostOptions options;
+    options.cutTimesUs = cutsUs;
+    return SessionTimeline(options);
+}
 
-TEST_F(SessionTimelineTest, theLastFrameEndsWithItselfItsTrackOrItsPeriod) {
+TEST(SessionTimelineTest, theLastFrameEndsWithItselfItsTrackOrItsPeriod) {
     SessionTimeline whole = makeTimeline(std::vector<int64_t>());
     EXPECT_EQ(std::nullopt, whole.videoEndUs(0));
     whole.addFrame(40000, 0);
@@ -198,7 +155,7 @@ TEST_F(SessionTimelineTest, theLastFrameEndsWithItselfItsTrackOrItsPeriod) {
     EXPECT_EQ(std::nullopt, makeTimeline(std::nullopt).videoEndUs(0));
 }
 
-TEST_F(SessionTimelineTest, aTrackIsCompleteWhenItsEncoderHasEnded) {
+TEST(SessionTimelineTest, aTrackIsCompleteWhenItsEncoderHasEnded) {
     SessionTimeline timeline = makeTimeline(std::nullopt);
     EXPECT_TRUE(timeline.isComplete(true)) << "no encoder at all";
     timeline.encoderStarted(true);
@@ -209,5 +166,4 @@ TEST_F(SessionTimelineTest, aTrackIsCompleteWhenItsEncoderHasEnded) {
 }
 
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

@@ -1,5 +1,5 @@
 // Conversion of decoded frames to the working frame. The expected values are computed here from the
-// definitions: ITU-R BT.601, BT.709 and BT.2020 for the matrices, SMPTE ST 2084 for PQ.
+// definitions: ITU-R BT.709 for the matrix, SMPTE ST 2084 for PQ.
 #include <gtest/gtest.h>
 #include <math.h>
 #include <stdint.h>
@@ -7,10 +7,12 @@
 
 #include <array>
 #include <functional>
+#include <numeric>
 #include <string>
 #include <vector>
 
 #include "host/convert/FFmpegPointers.h"
+#include "host/convert/ToneMapper.h"
 #include "host/convert/VideoFrameConverter.h"
 
 extern "C" {
@@ -18,8 +20,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-namespace android {
-namespace qmmediaeditor {
+namespace android::qmmediaeditor {
 namespace {
 
 typedef std::array<double, 3> Triple;  // R, G, B or Y, U, V
@@ -54,9 +55,13 @@ FramePtr makeFrame(AVPixelFormat format, int width, int height, const Content& c
     return frame;
 }
 
-FramePtr uniformFrame(AVPixelFormat format, int width, int height, std::array<int, 3> value) {
-    return makeFrame(format, width, height,
-                     [&](int i, int, int) { return i < 3 ? value[static_cast<size_t>(i)] : 255; });
+FramePtr uniformFrame(AVPixelFormat format, int width, int height, std::array<int, 3> value,
+                      AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED) {
+    FramePtr frame = makeFrame(format, width, height, [&](int i, int, int) {
+        return i < 3 ? value[static_cast<size_t>(i)] : 255;
+    });
+    frame->colorspace = matrix;
+    return frame;
 }
 
 class Converted {
@@ -80,9 +85,9 @@ public:
         return mPlanes[plane][static_cast<size_t>(y * columns(plane) + x)];
     }
     double mean(int plane) const {
-        double sum = 0;
-        for (const uint8_t sample : mPlanes[plane]) sum += sample;
-        return sum / static_cast<double>(mPlanes[plane].size());
+        const auto& samples = mPlanes[plane];
+        return std::accumulate(samples.begin(), samples.end(), 0.0) /
+               static_cast<double>(samples.size());
     }
     void expectUniform(const Triple& expected, double tolerance) const {
         for (int plane = 0; plane < 3; ++plane) {
@@ -99,28 +104,11 @@ private:
     std::vector<uint8_t> mPlanes[3];
 };
 
-struct Matrix {
-    double red;
-    double blue;
-};
-constexpr Matrix kBt601 = {0.299, 0.114};
-constexpr Matrix kBt709 = {0.2126, 0.0722};
-
-// 8-bit limited range from R, G, B between 0 and 1.
-Triple toYuv(const Triple& rgb, const Matrix& matrix) {
-    const double luma =
-        matrix.red * rgb[0] + (1 - matrix.red - matrix.blue) * rgb[1] + matrix.blue * rgb[2];
-    return {16 + 219 * luma, 128 + 224 * (rgb[2] - luma) / (2 * (1 - matrix.blue)),
-            128 + 224 * (rgb[0] - luma) / (2 * (1 - matrix.red))};
-}
-
-Triple toRgb(const Triple& yuv, const Matrix& matrix) {
-    const double luma = (yuv[0] - 16) / 219;
-    const double blue = luma + (yuv[1] - 128) / 224 * 2 * (1 - matrix.blue);
-    const double red = luma + (yuv[2] - 128) / 224 * 2 * (1 - matrix.red);
-    const double green =
-        (luma - matrix.red * red - matrix.blue * blue) / (1 - matrix.red - matrix.blue);
-    return {red, green, blue};
+// 8-bit limited range of BT.709 from R, G, B between 0 and 1.
+Triple toYuv(const Triple& rgb) {
+    const double luma = 0.2126 * rgb[0] + 0.7152 * rgb[1] + 0.0722 * rgb[2];
+    return {16 + 219 * luma, 128 + 224 * (rgb[2] - luma) / (2 * (1 - 0.0722)),
+            128 + 224 * (rgb[0] - luma) / (2 * (1 - 0.2126))};
 }
 
 // The code between 0 and 1 for a luminance (SMPTE ST 2084).
@@ -149,9 +137,8 @@ TEST(VideoFrameConverterTest, fullRangeIsReducedToLimitedRange) {
 
 TEST(VideoFrameConverterTest, tenBitsKeepTheirMeanValue) {
     // 10-bit values between two 8-bit ones: dithering spreads them.
-    const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV420P10, 64, 64, {402, 513, 700});
-    frame->colorspace = AVCOL_SPC_BT709;
-    const Converted to(*frame, 64, 64);
+    const Converted to(
+        *uniformFrame(AV_PIX_FMT_YUV420P10, 64, 64, {402, 513, 700}, AVCOL_SPC_BT709), 64, 64);
     EXPECT_NEAR(402 / 4.0, to.mean(0), 0.1);
     EXPECT_NEAR(513 / 4.0, to.mean(1), 0.1);
     EXPECT_NEAR(700 / 4.0, to.mean(2), 0.1);
@@ -180,60 +167,44 @@ TEST(VideoFrameConverterTest, chromaOfEverySubsamplingKeepsItsPlace) {
     }
 }
 
-TEST(VideoFrameConverterTest, rgbOfEveryLayoutFollowsTheBt709Matrix) {
+TEST(VideoFrameConverterTest, rgbAndStandardDefinitionBecomeBt709) {
+    const Triple expected = toYuv({77 / 255.0, 245 / 255.0, 38 / 255.0});
     for (const AVPixelFormat format :
          {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB, AV_PIX_FMT_GBRP}) {
-        for (const std::array<int, 3>& rgb :
-             {std::array<int, 3>{200, 40, 90}, {0, 0, 255}, {255, 255, 255}}) {
-            SCOPED_TRACE(std::string(av_get_pix_fmt_name(format)) + std::to_string(rgb[0]));
-            const FramePtr frame = uniformFrame(format, 32, 32, rgb);
-            Converted(*frame, 32, 32)
-                .expectUniform(toYuv({rgb[0] / 255.0, rgb[1] / 255.0, rgb[2] / 255.0}, kBt709), 1);
-        }
+        SCOPED_TRACE(av_get_pix_fmt_name(format));
+        Converted(*uniformFrame(format, 32, 32, {77, 245, 38}), 32, 32).expectUniform(expected, 1);
+        Converted(*uniformFrame(format, 32, 32, {255, 255, 255}), 32, 32)
+            .expectUniform({235, 128, 128}, 1);
     }
-}
+    const FramePtr palette = uniformFrame(AV_PIX_FMT_PAL8, 32, 32, {9, 0, 0});
+    const uint32_t color = 0xFF4DF526;
+    memcpy(palette->data[1] + 9 * 4, &color, sizeof(color));
+    Converted(*palette, 32, 32).expectUniform(expected, 1);
 
-TEST(VideoFrameConverterTest, paletteEntriesAreConvertedAsRgb) {
-    FramePtr frame(av_frame_alloc());
-    frame->format = AV_PIX_FMT_PAL8;
-    frame->width = frame->height = 32;
-    ASSERT_EQ(0, av_frame_get_buffer(frame.get(), 0));
-    for (int y = 0; y < 32; ++y) memset(frame->data[0] + y * frame->linesize[0], 9, 32);
-    const uint32_t color = 0xFF2080E0;
-    memcpy(frame->data[1] + 9 * 4, &color, sizeof(color));
-    Converted(*frame, 32, 32)
-        .expectUniform(toYuv({0x20 / 255.0, 0x80 / 255.0, 0xE0 / 255.0}, kBt709), 1);
-}
-
-TEST(VideoFrameConverterTest, standardDefinitionIsTakenForBt601) {
-    const Triple source = {110, 160, 90};
-    const std::array<int, 3> value = {110, 160, 90};
-    const Triple expected = toYuv(toRgb(source, kBt601), kBt709);
-    const FramePtr unmarked = uniformFrame(AV_PIX_FMT_YUV420P, 720, 576, value);
-    Converted(*unmarked, 720, 576).expectUniform(expected, 1);
-    EXPECT_FALSE(VideoFrameConverter::isWorkingFrame(*unmarked, 720, 576));
-    const FramePtr marked = uniformFrame(AV_PIX_FMT_YUV420P, 1280, 64, value);
-    EXPECT_TRUE(VideoFrameConverter::isWorkingFrame(*marked, 1280, 64));
-    marked->colorspace = AVCOL_SPC_BT470BG;
-    Converted(*marked, 1280, 64).expectUniform(expected, 1);
+    // The same colour by BT.601, which the first frame's size or the second one's mark tells.
+    const std::array<int, 3> bt601 = {163, 62, 69};
+    Converted(*uniformFrame(AV_PIX_FMT_YUV420P, 720, 576, bt601), 720, 576)
+        .expectUniform(expected, 1);
+    Converted(*uniformFrame(AV_PIX_FMT_YUV420P, 1280, 64, bt601, AVCOL_SPC_BT470BG), 1280, 64)
+        .expectUniform(expected, 1);
 }
 
 TEST(VideoFrameConverterTest, onlyFramesOfTheOutputsFormatNeedNoConversion) {
-    const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV420P, 64, 64, {50, 128, 128});
-    const auto isWorkingFrame = [&] { return VideoFrameConverter::isWorkingFrame(*frame, 64, 64); };
-    frame->colorspace = AVCOL_SPC_BT709;
-    EXPECT_TRUE(isWorkingFrame());
-    EXPECT_FALSE(VideoFrameConverter::isWorkingFrame(*frame, 64, 62));
-    frame->color_range = AVCOL_RANGE_JPEG;
-    EXPECT_FALSE(isWorkingFrame());
-    frame->color_range = AVCOL_RANGE_MPEG;
-    frame->color_primaries = AVCOL_PRI_BT2020;
-    EXPECT_FALSE(isWorkingFrame());
-    frame->color_primaries = AVCOL_PRI_BT709;
-    for (const auto transfer : {AVCOL_TRC_SMPTE2084, AVCOL_TRC_ARIB_STD_B67}) {
-        frame->color_trc = transfer;
-        EXPECT_FALSE(isWorkingFrame());
-    }
+    const auto isWorkingFrame = [](int width, const std::function<void(AVFrame*)>& change) {
+        const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV420P, width, 64, {50, 128, 128});
+        change(frame.get());
+        return VideoFrameConverter::isWorkingFrame(*frame, width, 64);
+    };
+    EXPECT_TRUE(isWorkingFrame(1280, [](AVFrame*) {}));
+    EXPECT_FALSE(isWorkingFrame(720, [](AVFrame*) {})) << "standard definition";
+    EXPECT_TRUE(isWorkingFrame(720, [](AVFrame* frame) { frame->colorspace = AVCOL_SPC_BT709; }));
+    const std::function<void(AVFrame*)> kOtherFormats[] = {
+        [](AVFrame* frame) { frame->height = 62; },
+        [](AVFrame* frame) { frame->color_range = AVCOL_RANGE_JPEG; },
+        [](AVFrame* frame) { frame->color_primaries = AVCOL_PRI_BT2020; },
+        [](AVFrame* frame) { frame->color_trc = AVCOL_TRC_SMPTE2084; },
+        [](AVFrame* frame) { frame->color_trc = AVCOL_TRC_ARIB_STD_B67; }};
+    for (const auto& change : kOtherFormats) EXPECT_FALSE(isWorkingFrame(1280, change));
 }
 
 // Odd sizes have a last chroma sample for one column or row alone.
@@ -255,56 +226,47 @@ TEST(VideoFrameConverterTest, theLastColumnAndRowOfOddSizesAreKept) {
     }
 }
 
-TEST(VideoFrameConverterTest, greyIsNeutralAndFullRangeUnlessMarked) {
+TEST(VideoFrameConverterTest, greyIsFullRangeUnlessMarked) {
     Converted(*uniformFrame(AV_PIX_FMT_GRAY8, 32, 32, {255, 0, 0}), 32, 32)
         .expectUniform({235, 128, 128}, 0.6);
-    const FramePtr marked = uniformFrame(AV_PIX_FMT_GRAY8, 32, 32, {100, 0, 0});
-    marked->color_range = AVCOL_RANGE_MPEG;
-    Converted(*marked, 32, 32).expectUniform({100, 128, 128}, 0.6);
+}
+
+// The light of a neutral 10-bit code between 0 and 1; checks that it stays neutral.
+double lumaOf(double code, AVColorTransferCharacteristic transfer) {
+    const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV422P10, 64, 64,
+                                        {static_cast<int>(lround((16 + 219 * code) * 4)), 512, 512},
+                                        AVCOL_SPC_BT2020_NCL);
+    frame->color_trc = transfer;
+    frame->color_primaries = AVCOL_PRI_BT2020;
+    const Converted to(*frame, 64, 64);
+    EXPECT_NEAR(128, to.mean(1), 0.5) << code;
+    EXPECT_NEAR(128, to.mean(2), 0.5) << code;
+    return to.mean(0);
 }
 
 TEST(VideoFrameConverterTest, pqKeepsLowLightAndCompressesHighlightsToWhite) {
-    const auto lumaOf = [](double nits) {
-        const double code = pqOf(nits);
-        const FramePtr frame =
-            uniformFrame(AV_PIX_FMT_YUV420P10, 64, 64,
-                         {static_cast<int>(lround((16 + 219 * code) * 4)), 512, 512});
-        frame->color_trc = AVCOL_TRC_SMPTE2084;
-        frame->color_primaries = AVCOL_PRI_BT2020;
-        frame->colorspace = AVCOL_SPC_BT2020_NCL;
-        const Converted to(*frame, 64, 64);
-        EXPECT_NEAR(128, to.mean(1), 0.5) << nits;
-        EXPECT_NEAR(128, to.mean(2), 0.5) << nits;
-        return to.mean(0);
-    };
+    const auto shownPq = [](double nits) { return lumaOf(pqOf(nits), AVCOL_TRC_SMPTE2084); };
     // Light up to 40 % of reference white (203 nits) is shown as it is, by a gamma of 2.4.
     for (const double nits : {1.0, 5.0, 20.0, 50.0, 80.0}) {
-        EXPECT_NEAR(16 + 219 * pow(nits / 203, 1 / 2.4), lumaOf(nits), 1) << nits;
+        EXPECT_NEAR(16 + 219 * pow(nits / 203, 1 / 2.4), shownPq(nits), 1) << nits;
     }
-    EXPECT_NEAR(235, lumaOf(1000), 1);
-    EXPECT_NEAR(235, lumaOf(9000), 0.5);
-    const double white = lumaOf(203);
-    EXPECT_GT(white, lumaOf(150) + 3);
-    EXPECT_LT(white, lumaOf(400) - 3);
+    EXPECT_EQ(16, shownPq(0));
+    // More light rises to white at 1000 nits.
+    double last = shownPq(80);
+    for (const double nits : {110.0, 150.0, 203.0, 300.0, 400.0, 600.0, 1000.0}) {
+        const double now = shownPq(nits);
+        EXPECT_GT(now, last + 3) << nits;
+        last = now;
+    }
+    EXPECT_NEAR(235, last, 1);
+    EXPECT_NEAR(235, shownPq(9000), 0.5);
 }
 
 TEST(VideoFrameConverterTest, hlgAndWideGamutKeepNeutralColoursNeutral) {
-    for (const auto transfer : {AVCOL_TRC_ARIB_STD_B67, AVCOL_TRC_BT2020_10}) {
-        const FramePtr frame = uniformFrame(AV_PIX_FMT_YUV422P10, 64, 64, {500, 512, 512});
-        frame->color_trc = transfer;
-        frame->color_primaries = AVCOL_PRI_BT2020;
-        frame->colorspace = AVCOL_SPC_BT2020_NCL;
-        const Converted to(*frame, 64, 64);
-        EXPECT_NEAR(128, to.mean(1), 0.5);
-        EXPECT_NEAR(128, to.mean(2), 0.5);
-        // The same curve on both sides leaves grey as it is.
-        if (transfer == AVCOL_TRC_BT2020_10) {
-            EXPECT_NEAR(500 / 4.0, to.mean(0), 1);
-        } else {
-            EXPECT_GT(to.mean(0), 60);
-            EXPECT_LT(to.mean(0), 200);
-        }
-    }
+    const double hlg = lumaOf(0.5, AVCOL_TRC_ARIB_STD_B67);
+    EXPECT_GT(hlg, 60);
+    EXPECT_LT(hlg, 200);
+    EXPECT_NEAR(16 + 219 * 0.5, lumaOf(0.5, AVCOL_TRC_BT2020_10), 1) << "the same curve on both";
 }
 
 TEST(VideoFrameConverterTest, pixelFormatsThatCannotBeReadAreRefused) {
@@ -314,6 +276,18 @@ TEST(VideoFrameConverterTest, pixelFormatsThatCannotBeReadAreRefused) {
     }
 }
 
+TEST(ToneMapperTest, coloursKeepTheRatioOfTheirComponents) {
+    const float linear[3] = {3.2f, 1.6f, 0.4f};  // relative to white
+    const float* const in[3] = {&linear[0], &linear[1], &linear[2]};
+    uint16_t codes[3] = {};
+    uint16_t* const out[3] = {&codes[0], &codes[1], &codes[2]};
+    ToneMapper().mapRow(in, 1, out);
+    double shown[3];
+    for (size_t i = 0; i < 3; ++i) shown[i] = pow(codes[i] / 65535.0, 2.4);
+    EXPECT_LT(shown[0], 1);
+    EXPECT_NEAR(2, shown[0] / shown[1], 0.03);
+    EXPECT_NEAR(8, shown[0] / shown[2], 0.1);
+}
+
 }  // namespace
-}  // namespace qmmediaeditor
-}  // namespace android
+}  // namespace android::qmmediaeditor

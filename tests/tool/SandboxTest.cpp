@@ -9,23 +9,10 @@
 #include <unistd.h>
 
 #include <functional>
-#include <string>
 #include <thread>
 
 namespace android::qmmediaeditor::cli {
 namespace {
-
-// Runs `attempt` in a sandboxed process and returns its result.
-int inSandbox(const std::function<int()>& attempt) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (!enterSandbox()) _exit(255);
-        _exit(attempt());
-    }
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
-}
 
 class SandboxTest : public testing::Test {
 protected:
@@ -38,56 +25,56 @@ protected:
         unlink(mPath);
     }
 
+    // The errno of a call in a sandboxed process, or 0 when it succeeds.
+    static int errnoOf(const std::function<long()>& call) {
+        const pid_t child = fork();
+        if (child == 0) {
+            if (!enterSandbox()) _exit(255);
+            _exit(call() < 0 ? errno : 0);
+        }
+        int status = 0;
+        if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+        return WEXITSTATUS(status);
+    }
+
     char mPath[32] = "/tmp/qm-sandbox-XXXXXX";
     int mFd = -1;
 };
 
-// Attempts return errno, or 0 when they succeed.
-int resultOf(long result) { return result < 0 ? errno : 0; }
-
 TEST_F(SandboxTest, files_cannotBeCreatedOrChangedByPath) {
-    EXPECT_NE(0, inSandbox([this] { return resultOf(open(mPath, O_WRONLY)); }));
-    EXPECT_NE(0, inSandbox([] { return resultOf(open("/tmp/qm-new", O_WRONLY | O_CREAT, 0600)); }));
-    EXPECT_NE(0, inSandbox([this] { return resultOf(truncate(mPath, 0)); }));
-    EXPECT_NE(0, inSandbox([this] { return resultOf(unlink(mPath)); }));
-    EXPECT_NE(0, inSandbox([this] { return resultOf(rename(mPath, "/tmp/qm-other")); }));
-    EXPECT_NE(0, inSandbox([] { return resultOf(mkdir("/tmp/qm-folder", 0700)); }));
+    EXPECT_NE(0, errnoOf([this] { return open(mPath, O_WRONLY); }));
+    EXPECT_NE(0, errnoOf([] { return open("/tmp/qm-new", O_WRONLY | O_CREAT, 0600); }));
+    EXPECT_NE(0, errnoOf([this] { return truncate(mPath, 0); }));
+    EXPECT_NE(0, errnoOf([this] { return unlink(mPath); }));
+    EXPECT_NE(0, errnoOf([this] { return rename(mPath, "/tmp/qm-other"); }));
+    EXPECT_NE(0, errnoOf([] { return mkdir("/tmp/qm-folder", 0700); }));
     EXPECT_EQ(3, lseek(mFd, 0, SEEK_END));
 }
 
 TEST_F(SandboxTest, openDescriptors_memoryAndThreadsWork) {
-    EXPECT_EQ(0, inSandbox([this] { return resultOf(pwrite(mFd, "new", 3, 0)); }));
-    EXPECT_EQ(0, inSandbox([this] { return resultOf(ftruncate(mFd, 2)); }));
-    EXPECT_EQ(0, inSandbox([] { return resultOf(memfd_create("memory", 0)); }));
-    EXPECT_EQ(0, inSandbox([] {
-                  int result = 1;
+    EXPECT_EQ(0, errnoOf([this] { return pwrite(mFd, "new", 3, 0); }));
+    EXPECT_EQ(0, errnoOf([this] { return ftruncate(mFd, 2); }));
+    EXPECT_EQ(0, errnoOf([] { return memfd_create("memory", 0); }));
+    EXPECT_EQ(0, errnoOf([] {
+                  int result = -1;
                   std::thread([&result] { result = 0; }).join();
                   return result;
               }));
-    EXPECT_EQ(0, inSandbox([] { return resultOf(open("/usr/lib/os-release", O_RDONLY)); }));
+    EXPECT_EQ(0, errnoOf([] { return open("/usr/lib/os-release", O_RDONLY); }));
     EXPECT_EQ(2, lseek(mFd, 0, SEEK_END));
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(__clang__)
 // Sanitizers read files, and need what the filter for system calls refuses.
-TEST_F(SandboxTest, files_cannotBeRead) {
-    EXPECT_EQ(EACCES, inSandbox([this] { return resultOf(open(mPath, O_RDONLY)); }));
-    EXPECT_EQ(EACCES, inSandbox([] { return resultOf(open("/etc/passwd", O_RDONLY)); }));
-}
-
-TEST_F(SandboxTest, sockets_andProcessesCannotBeCreated) {
-    EXPECT_EQ(EPERM, inSandbox([] { return resultOf(socket(AF_INET, SOCK_STREAM, 0)); }));
-    EXPECT_EQ(EPERM, inSandbox([] {
-                  int pair[2];
-                  return resultOf(socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-              }));
-    EXPECT_EQ(EPERM, inSandbox([] {
-                  const pid_t child = fork();
-                  if (child == 0) _exit(0);
-                  return resultOf(child);
-              }));
-    EXPECT_NE(0, inSandbox([] { return resultOf(execl("/bin/true", "true", nullptr)); }));
-    EXPECT_EQ(EPERM, inSandbox([] { return resultOf(kill(getppid(), 0)); }));
+TEST_F(SandboxTest, files_cannotBeReadAndSocketsAndProcessesNotCreated) {
+    EXPECT_EQ(EACCES, errnoOf([this] { return open(mPath, O_RDONLY); }));
+    EXPECT_EQ(EACCES, errnoOf([] { return open("/etc/passwd", O_RDONLY); }));
+    EXPECT_EQ(EPERM, errnoOf([] { return socket(AF_INET, SOCK_STREAM, 0); }));
+    int pair[2];
+    EXPECT_EQ(EPERM, errnoOf([&] { return socketpair(AF_UNIX, SOCK_STREAM, 0, pair); }));
+    EXPECT_EQ(EPERM, errnoOf([] { return fork(); }));
+    EXPECT_NE(0, errnoOf([] { return execl("/bin/true", "true", nullptr); }));
+    EXPECT_EQ(EPERM, errnoOf([] { return kill(getppid(), 0); }));
 }
 #endif
 

@@ -4,26 +4,23 @@
 namespace android::qmmediaeditor::cli {
 namespace {
 
-TEST(Values, parseTimeUs_takesSecondsMinutesAndHours) {
-    const struct {
-        const char* text;
-        int64_t us;
-    } kCases[] = {{"0", 0},
-                  {"2.5", 2500000},
-                  {"0.000001", 1},
-                  {"90", 90000000},
-                  {"1:30", 90000000},
-                  {"1:45.25", 105250000},
-                  {"1:02:03.004", 3723004000},
-                  {"75:00", 4500000000}};
-    for (const auto& c : kCases) EXPECT_EQ(c.us, parseTimeUs(c.text)) << c.text;
+template <typename Parse>
+void expectRefused(const Parse& parse, const std::vector<const char*>& texts) {
+    for (const char* text : texts) EXPECT_FALSE(parse(text)) << text;
 }
 
-TEST(Values, parseTimeUs_refusesOtherText) {
-    for (const char* text : {"", "x", "-1", "+1", "1.", ".5", "1.2345678", "1.-5", "1:60",
-                             "1:2:3:4", "1:60:00", "::", "1e3", " 1", "99999999999999999999"}) {
-        EXPECT_FALSE(parseTimeUs(text)) << text;
-    }
+TEST(Values, parseTimeUs_takesSecondsMinutesAndHours) {
+    const std::pair<const char*, int64_t> kCases[] = {{"0", 0},
+                                                      {"2.5", 2500000},
+                                                      {"0.000001", 1},
+                                                      {"90", 90000000},
+                                                      {"1:30", 90000000},
+                                                      {"1:45.25", 105250000},
+                                                      {"75:00", 4500000000},
+                                                      {"1:02:03.004", 3723004000}};
+    for (const auto& [text, us] : kCases) EXPECT_EQ(us, parseTimeUs(text)) << text;
+    expectRefused(parseTimeUs, {"", "x", "-1", "+1", "1.", ".5", "1.2345678", "1.-5", "1:60",
+                                "1:2:3:4", "1:60:00", "::", "1e3", " 1", "99999999999999999999"});
 }
 
 TEST(Values, parsePeriod_takesTwoTimes) {
@@ -31,19 +28,15 @@ TEST(Values, parsePeriod_takesTwoTimes) {
     ASSERT_TRUE(period);
     EXPECT_EQ(90000000, period->mStartUs);
     EXPECT_EQ(105500000, period->mEndUs);
-    for (const char* text : {"5", "5-", "-5", "1-2-3", "a-b"}) {
-        EXPECT_FALSE(parsePeriod(text)) << text;
-    }
+    expectRefused(parsePeriod, {"5", "5-", "-5", "1-2-3", "a-b"});
 }
 
 TEST(Values, parseBitrate_takesUnitsAndFractions) {
     EXPECT_EQ(128000, parseBitrate("128k"));
     EXPECT_EQ(1500000, parseBitrate("1.5M"));
     EXPECT_EQ(64000, parseBitrate("64000"));
-    for (const char* text : {"", "k", "0", "999", "-1k", "4G", "1.2.3M", "2148M", "128 k", "0x10",
-                             "1e6", "inf", "nank"}) {
-        EXPECT_FALSE(parseBitrate(text)) << text;
-    }
+    expectRefused(parseBitrate, {"", "k", "0", "999", "-1k", "4G", "1.2.3M", "2148M", "128 k",
+                                 "0x10", "1e6", "inf", "nank"});
 }
 
 TEST(Values, parseSize_takesTwoIntegers) {
@@ -51,9 +44,7 @@ TEST(Values, parseSize_takesTwoIntegers) {
     ASSERT_TRUE(size);
     EXPECT_EQ(640, size->width);
     EXPECT_EQ(360, size->height);
-    for (const char* text : {"640", "640x", "x360", "640x360x2", "640X360", "-2x2"}) {
-        EXPECT_FALSE(parseSize(text)) << text;
-    }
+    expectRefused(parseSize, {"640", "640x", "x360", "640x360x2", "640X360", "-2x2"});
 }
 
 }  // namespace

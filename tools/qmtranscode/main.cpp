@@ -2,10 +2,10 @@
 #include <fcntl.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/JobFiles.h>
-#include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/report/ReceiptCompletion.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/Supervisor.h>
-#include <qmtranscode/sandbox/Worker.h>
+#include <qmtranscode/sandbox/WorkerStart.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -82,7 +82,7 @@ int run(int argc, char** argv) {
         close(links[0]);
         close(libraryOutput[0]);
         const cli::WorkerLink link(links[1]);
-        cli::runWorker(options, &files, link, shared, libraryOutput[1], parent);
+        cli::startWorker(options, &files, link, shared, libraryOutput[1], parent);
     }
     close(links[1]);
     close(libraryOutput[1]);

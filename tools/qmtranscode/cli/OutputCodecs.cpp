@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <media/stagefright/foundation/MediaDefs.h>
 #include <qmtranscode/cli/OutputCodecs.h>
 #include <stdlib.h>
 
@@ -11,8 +10,8 @@ namespace android::qmmediaeditor::cli {
 namespace {
 
 constexpr Size kH263Sizes[] = {{128, 96}, {176, 144}, {352, 288}, {704, 576}, {1408, 1152}};
-// The largest even number of 13 bits.
-constexpr int32_t kMaxMpeg4Side = 8190;
+// Frames have an even width and height.
+constexpr int32_t kMaxMpeg4Side = kMpeg4MaxSide & ~1;
 
 }  // namespace
 
@@ -34,40 +33,16 @@ const Choices<AudioCodec>& audioCodecs() {
     return codecs;
 }
 
-std::string codecName(const std::string& mime) {
-    static const struct {
-        const char* mime;
-        const char* name;
-    } kNames[] = {
-        {MEDIA_MIMETYPE_VIDEO_AVC, "avc"},       {MEDIA_MIMETYPE_VIDEO_H263, "h263"},
-        {MEDIA_MIMETYPE_VIDEO_MPEG4, "mpeg4"},   {MEDIA_MIMETYPE_AUDIO_AAC, "aac"},
-        {MEDIA_MIMETYPE_AUDIO_AMR_NB, "amr-nb"}, {MEDIA_MIMETYPE_AUDIO_AMR_WB, "amr-wb"},
-    };
-    const auto* found = std::find_if(std::begin(kNames), std::end(kNames),
-                                     [&mime](const auto& entry) { return mime == entry.mime; });
-    return found == std::end(kNames) ? mime : found->name;
-}
-
 int32_t nearestAacSampleRate(int32_t sampleRate) {
-    constexpr int32_t kRates[] = {kMaxAacSampleRate,
-                                  88200,
-                                  64000,
-                                  48000,
-                                  44100,
-                                  32000,
-                                  24000,
-                                  22050,
-                                  16000,
-                                  12000,
-                                  11025,
-                                  8000,
-                                  7350};
-    return *std::min_element(std::begin(kRates), std::end(kRates), [sampleRate](int a, int b) {
+    const auto isNearer = [sampleRate](int a, int b) {
         return std::abs(sampleRate - a) < std::abs(sampleRate - b);
-    });
+    };
+    return *std::min_element(std::begin(kAacSampleRates), std::end(kAacSampleRates), isNearer);
 }
 
-int32_t amrSampleRate(AudioCodec codec) { return codec == AudioCodec::kAmrNb ? 8000 : 16000; }
+int32_t amrSampleRate(AudioCodec codec) {
+    return codec == AudioCodec::kAmrNb ? kAmrNbSampleRate : kAmrWbSampleRate;
+}
 
 int32_t amrBitrate(AudioCodec codec) { return codec == AudioCodec::kAmrNb ? 12200 : 23850; }
 

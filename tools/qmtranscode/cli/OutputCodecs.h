@@ -1,6 +1,7 @@
 // The containers and codecs of the output: their names on the command line, and what each supports.
 #pragma once
 
+#include <host/codec/OutputLimits.h>
 #include <stdint.h>
 
 #include <string>
@@ -22,18 +23,15 @@ const Choices<FileFormat>& fileFormats();
 const Choices<VideoCodec>& videoCodecs();
 const Choices<AudioCodec>& audioCodecs();
 
-// "avc" for the MIME type of an output codec; for others, the MIME type.
-std::string codecName(const std::string& mime);
-
 struct Size {
     int32_t width;
     int32_t height;
 };
 
-constexpr int32_t kMaxAacChannels = 8;
-constexpr int32_t kMaxAacSampleRate = 96000;
+constexpr int32_t kMaxAacChannels = kAacMaxChannels;
+constexpr int32_t kMaxAacSampleRate = kAacSampleRates[0];
 
-// The nearest sample rate that AAC supports (ISO/IEC 14496-3, table 1.18).
+// The nearest sample rate that AAC supports.
 int32_t nearestAacSampleRate(int32_t sampleRate);
 
 // The only sample rate of an AMR codec, which is mono.

@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <qmtranscode/job/DryRun.h>
+#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/report/Format.h>
 #include <string.h>

@@ -7,6 +7,7 @@
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
+#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Plan.h>
 #include <qmtranscode/report/Progress.h>
@@ -24,10 +25,10 @@ Outcome Job::run() {
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
                       outputLengthUs());
     const bool hasTrace = mOptions.trace.has_value();
-    if (hasTrace) mTrace.begin();
+    if (hasTrace) mTrace->begin();
     const int32_t result = transcode(outputFd, &progress);
     Outcome outcome = conclude(result, &progress);
-    if (hasTrace) outcome.traceError = mTrace.end();
+    if (hasTrace) outcome.traceError = mTrace->end();
     return outcome;
 }
 
@@ -79,7 +80,7 @@ int64_t Job::outputLengthUs() const {
 
 int32_t Job::transcode(int outputFd, Progress* progress) {
     const int64_t startUs = nowUs();
-    mMonitor->begin(mPeriods, mOptions.trace ? &mTrace : nullptr);
+    mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
     int32_t result;
     {
         Session session(

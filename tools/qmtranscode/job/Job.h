@@ -7,8 +7,9 @@
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/monitor/RunMonitor.h>
+#include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/sandbox/WorkerLink.h>
+#include <qmtranscode/sandbox/WorkerControl.h>
 #include <utils/StrongPointer.h>
 
 #include <memory>
@@ -33,13 +34,13 @@ class Job {
 public:
     // All pointers outlive the job, and the log must go to `monitor`. `host` is what the options
     // give; the job adds its observer and what follows from the input.
-    Job(const Options& options, const HostOptions& host, JobFiles* files, WorkerControl* control,
-        RunMonitor* monitor, RunObserver* observer)
+    Job(const Options& options, const HostOptions& host, JobFiles* files, TraceFile* trace,
+        WorkerControl* control, RunMonitor* monitor, RunObserver* observer)
         : mOptions(options),
           mHost(host),
           mInput(files->input),
           mOutput(files->output),
-          mTrace(files->trace),
+          mTrace(trace),
           mReceipt(files->receipt),
           mControl(control),
           mMonitor(monitor),
@@ -79,7 +80,7 @@ private:
     std::unique_ptr<Platform> mPlatform;
     JobInput& mInput;
     const PendingFile& mOutput;
-    TraceFile& mTrace;
+    TraceFile* const mTrace;
     const int mReceipt;
     WorkerControl* const mControl;
     RunMonitor* const mMonitor;

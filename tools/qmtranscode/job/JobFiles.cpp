@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <media/stagefright/MediaErrors.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -46,48 +45,6 @@ std::optional<Failure> JobInput::open(const std::string& path) {
     return std::nullopt;
 }
 
-std::optional<Failure> JobInput::probe(const RunObserver& observer) {
-    const auto [media, status] = readMediaFile(mFd);
-    if (auto failure = checkReads(observer)) return failure;
-    if (status < 0 && status > MEDIA_ERROR_BASE) {
-        return Failure{kExitFailed, mPath, strerror(-status)};
-    }
-    if (!media) {
-        return Failure{kExitUnusable, mPath, "not a media file, or damaged beyond reading"};
-    }
-    if (!media->audio && !media->video) {
-        return Failure{kExitUnusable, mPath,
-                       media->mimes.empty() ? "the file has no tracks"
-                                            : "no track of the file has a supported codec"};
-    }
-    mMedia = *media;
-    return std::nullopt;
-}
-
-std::optional<Failure> JobInput::checkReads(const RunObserver& observer) const {
-    if (const std::optional<ReadError> read = observer.readError()) {
-        if (read->error == ESTALE) {
-            return Failure{kExitFailed, mPath,
-                           fmt::format("the file was truncated during the run, at byte {}",
-                                       read->offsetBytes)};
-        }
-        return Failure{kExitFailed, mPath,
-                       fmt::format("{} at byte {}", strerror(read->error), read->offsetBytes)};
-    }
-    if (const std::optional<std::string> reason = observer.refusal()) {
-        return Failure{kExitUnusable, mPath, *reason};
-    }
-    struct stat now {};
-    if (fstat(mFd, &now) != 0) return Failure{kExitFailed, mPath, strerror(errno)};
-    const bool hasGrown = now.st_size > mStatus.st_size;
-    const bool isModified = now.st_mtim.tv_sec != mStatus.st_mtim.tv_sec ||
-                            now.st_mtim.tv_nsec != mStatus.st_mtim.tv_nsec;
-    if (now.st_size < mStatus.st_size || (isModified && !hasGrown)) {
-        return Failure{kExitFailed, mPath, "the file was modified during the run"};
-    }
-    return std::nullopt;
-}
-
 bool JobInput::isSameFile(const struct stat* file) const {
     return file != nullptr && file->st_dev == mStatus.st_dev && file->st_ino == mStatus.st_ino;
 }
@@ -116,16 +73,15 @@ std::optional<Failure> JobFiles::open(const Options& options) {
 
 std::optional<Failure> JobFiles::openTrace(const Options& options) {
     if (!options.trace) return std::nullopt;
-    PendingFile& file = trace.file();
-    if (auto failure = file.locate(*options.trace)) return failure;
-    if (input.isSameFile(file.older())) {
+    if (auto failure = trace.locate(*options.trace)) return failure;
+    if (input.isSameFile(trace.older())) {
         return Failure{kExitUsage, *options.trace, "this is the input file"};
     }
-    if (file.isSameAs(output)) {
+    if (trace.isSameAs(output)) {
         return Failure{kExitUsage, *options.trace, "this is the output file"};
     }
-    if (auto failure = file.checkPlace(options.overwrite)) return failure;
-    return file.create(options.overwrite);
+    if (auto failure = trace.checkPlace(options.overwrite)) return failure;
+    return trace.create(options.overwrite);
 }
 
 }  // namespace android::qmmediaeditor::cli

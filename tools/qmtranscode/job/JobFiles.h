@@ -5,14 +5,14 @@
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/job/PendingFile.h>
-#include <qmtranscode/monitor/RunStatistics.h>
-#include <qmtranscode/monitor/TraceFile.h>
 #include <sys/stat.h>
 
 #include <optional>
 #include <string>
 
 namespace android::qmmediaeditor::cli {
+
+class RunObserver;
 
 // The input, open for as long as the session reads it.
 class JobInput {
@@ -22,10 +22,10 @@ public:
 
     // Opens a regular file; its content is not read.
     std::optional<Failure> open(const std::string& path);
-    // Finds the tracks that can be decoded.
+    // In the worker: finds the tracks that can be decoded.
     std::optional<Failure> probe(const RunObserver& observer);
-    // A failure if the file could not be read, exceeds a limit, or was truncated or modified since
-    // `open`. It may grow, as a recording does.
+    // In the worker: a failure if the file could not be read, exceeds a limit, or was truncated or
+    // modified since `open`. It may grow, as a recording does.
     std::optional<Failure> checkReads(const RunObserver& observer) const;
 
     int fd() const { return mFd; }
@@ -48,7 +48,7 @@ struct JobFiles {
     JobInput input;
     // Both get their names at the end.
     PendingFile output;
-    TraceFile trace;
+    PendingFile trace;
     int receipt = -1;  // memory shared by both processes
 
     JobFiles() = default;

@@ -1,11 +1,10 @@
+#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <utils/Timers.h>
 
 #include <utility>
 
 namespace android::qmmediaeditor::cli {
-
-int64_t nowUs() { return nanoseconds_to_microseconds(systemTime(SYSTEM_TIME_MONOTONIC)); }
 
 Timer::Timer(Delay delay, std::function<std::optional<Delay>()> onTimeout)
     : mOnTimeout(std::move(onTimeout)), mThread([this, delay] { run(delay); }) {}

@@ -1,7 +1,6 @@
-// The monotonic clock of the command, and a timer that runs on it.
+// A timer that runs on the monotonic clock.
 #pragma once
 
-#include <stdint.h>
 #include <utils/Condition.h>
 #include <utils/Mutex.h>
 
@@ -11,9 +10,6 @@
 #include <thread>
 
 namespace android::qmmediaeditor::cli {
-
-// CLOCK_MONOTONIC in microseconds. Log messages and traces have these times.
-int64_t nowUs();
 
 // Calls a function on a thread of its own, as often as the function asks for.
 class Timer {

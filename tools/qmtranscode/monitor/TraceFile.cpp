@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <qmtranscode/monitor/TraceFile.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <string>
@@ -29,17 +28,6 @@ int TraceFile::end() {
     noteError(fclose(mStream));
     mStream = nullptr;
     return mError;
-}
-
-std::optional<Failure> TraceFile::commit(int error) {
-    std::optional<Failure> failure;
-    if (error != 0) {
-        failure = Failure{kExitFailed, mFile.path(), strerror(error)};
-    } else {
-        failure = mFile.commit();
-    }
-    if (failure) failure->reason = "the trace could not be written: " + failure->reason;
-    return failure;
 }
 
 void TraceFile::noteError(int result) {

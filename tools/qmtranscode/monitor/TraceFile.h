@@ -2,33 +2,24 @@
 // of slices for each thread, a counter for each queue, and the events.
 #pragma once
 
-#include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/job/PendingFile.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/report/Format.h>
 #include <stdio.h>
-
-#include <optional>
 
 namespace android::qmmediaeditor::cli {
 
 // Not locked.
 class TraceFile : public TraceSink {
 public:
-    TraceFile() = default;
+    // `file` is created and committed by the parent process.
+    explicit TraceFile(const PendingFile& file) : mFile(file) {}
     ~TraceFile() override;
 
-    // In the process that opens the file: its place is checked and it is created by the caller.
-    PendingFile& file() { return mFile; }
-
-    // In the process that traces: before the first event, and after the last one. `end` returns 0,
-    // or errno of the first write that failed.
+    // Before the first event, and after the last one. `end` returns 0, or errno of the first write
+    // that failed.
     void begin();
     int end();
-
-    // In the process that opened the file: writes the trace to disk and gives it its name, unless
-    // `error` is the errno of a write that failed.
-    std::optional<Failure> commit(int error);
 
     void onThread(pid_t thread, const char* role) override;
     void onSlice(pid_t thread, const char* what, bool isWait, int64_t startUs,
@@ -46,7 +37,7 @@ private:
     // errno of the first failed write; later ones may have another reason, or none.
     void noteError(int result);
 
-    PendingFile mFile;
+    const PendingFile& mFile;
     FILE* mStream = nullptr;
     int mError = 0;
     bool mIsFirst = true;

@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 #include <qmtranscode/report/Format.h>
-#include <sha2.h>
 
 namespace android::qmmediaeditor::cli {
 
@@ -21,12 +20,6 @@ std::string secondsText(int64_t us) { return fmt::format("{:.2f} s", secondsOf(u
 std::string bytesText(int64_t bytes) { return scaled(bytes, "B"); }
 
 std::string bitrateText(int64_t bitsPerSecond) { return scaled(bitsPerSecond, "bit/s"); }
-
-std::string sha256(const std::string& bytes) {
-    char text[SHA256_DIGEST_STRING_LENGTH];
-    SHA256Data(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), text);
-    return text;
-}
 
 std::string dumpJson(const Json& json) {
     return json.dump(2, ' ', kAsciiOnly, Json::error_handler_t::replace) + '\n';

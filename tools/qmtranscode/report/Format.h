@@ -19,9 +19,6 @@ std::string bytesText(int64_t bytes);
 // "4.0 Mbit/s", "128.0 kbit/s".
 std::string bitrateText(int64_t bitsPerSecond);
 
-// SHA-256 (FIPS 180-4) in hexadecimal digits, as sha256sum prints it.
-std::string sha256(const std::string& bytes);
-
 // Members stay in the order in which they are set.
 using Json = nlohmann::ordered_json;
 

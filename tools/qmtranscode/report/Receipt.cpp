@@ -1,8 +1,9 @@
 #include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/cli/OutputCodecs.h>
 #include <qmtranscode/report/Format.h>
+#include <qmtranscode/report/MediaText.h>
 #include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/report/ReceiptCompletion.h>
 
 #include <algorithm>
 #include <utility>
@@ -22,12 +23,6 @@ struct PeriodResult {
     std::optional<TrimPeriod> audio;  // from its start to its end
     std::optional<int64_t> skewUs;
 };
-
-// In the order of kUsageMarks.
-constexpr char kCpuTextMark = 1;
-constexpr char kMemoryTextMark = 2;
-constexpr char kCpuJsonMark = 3;
-constexpr char kMemoryJsonMark = 4;
 
 // Replaces a number that is null by its mark.
 void markNumber(const std::string& key, char mark, std::string* json) {
@@ -187,29 +182,6 @@ std::string periodRows(const PeriodResult& result) {
 
 }  // namespace
 
-Usage usageOf(const rusage& usage) {
-    const auto cpuSeconds = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-    };
-    return {cpuSeconds(usage.ru_utime) + cpuSeconds(usage.ru_stime),
-            static_cast<int64_t>(usage.ru_maxrss) * 1024};
-}
-
-std::string usageText(const Usage& usage, char mark) {
-    switch (mark) {
-        case kCpuTextMark:
-            return fmt::format("{:.2f}", usage.cpuSeconds);
-        case kMemoryTextMark:
-            return bytesText(usage.peakBytes);
-        case kCpuJsonMark:
-            return fmt::format("{:.6f}", usage.cpuSeconds);
-        case kMemoryJsonMark:
-            return std::to_string(usage.peakBytes);
-        default:
-            return "";
-    }
-}
-
 std::string toJson(const Receipt& receipt) {
     if (!receipt.contents) return emptyReceipt(receipt.input, receipt.output);
     const OutputContents& contents = *receipt.contents;
@@ -236,10 +208,6 @@ std::string toJson(const Receipt& receipt) {
     markNumber("cpu_seconds", kCpuJsonMark, &text);
     markNumber("peak_memory_bytes", kMemoryJsonMark, &text);
     return text;
-}
-
-std::string emptyReceipt(const std::string& input, const std::string& output) {
-    return dumpJson({{"status", "nothing written"}, {"input", input}, {"output", output}});
 }
 
 std::string toText(const Receipt& receipt) {

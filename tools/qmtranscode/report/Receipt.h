@@ -5,25 +5,12 @@
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/monitor/RunStatistics.h>
 #include <stdint.h>
-#include <sys/resource.h>
 
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
-
-// The resources that a process has used. The process that writes the receipt cannot know them, so
-// that the receipt has marks in their places, which the parent process replaces.
-struct Usage {
-    double cpuSeconds = 0;  // of all threads
-    int64_t peakBytes = 0;  // resident memory
-};
-Usage usageOf(const rusage& usage);
-// Control characters, which a receipt does not contain otherwise.
-constexpr const char* kUsageMarks = "\x01\x02\x03\x04";
-// The text that replaces a mark.
-std::string usageText(const Usage& usage, char mark);
 
 struct Receipt {
     std::string input;
@@ -47,8 +34,5 @@ std::string toJson(const Receipt& receipt);
 
 // The same for people, in aligned lines.
 std::string toText(const Receipt& receipt);
-
-// The receipt of a run without output: a JSON object.
-std::string emptyReceipt(const std::string& input, const std::string& output);
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,8 +1,10 @@
 #include <errno.h>
-#include <qmtranscode/monitor/Timer.h>
+#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <signal.h>
 #include <unistd.h>
+
+#include <initializer_list>
 
 namespace android::qmmediaeditor::cli {
 

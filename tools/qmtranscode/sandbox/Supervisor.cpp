@@ -2,8 +2,8 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/monitor/Timer.h>
-#include <qmtranscode/report/Receipt.h>
+#include <qmtranscode/monitor/Clock.h>
+#include <qmtranscode/report/ReceiptCompletion.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -346,7 +346,7 @@ int Supervisor::publish() {
         }
     }
     if (mJob.trace != nullptr) {
-        if (auto reason = mJob.trace->commit(mResult.traceError)) {
+        if (auto reason = commitTrace()) {
             if (isComplete) {
                 fail({kExitFailed, output + " is complete; " + reason->subject, reason->reason});
             } else {
@@ -356,6 +356,18 @@ int Supervisor::publish() {
     }
     if (status != kExitComplete) mErrors.line("qmtranscode: " + failure);
     return status;
+}
+
+// Writes the trace to disk and gives it its name, unless the worker could not write all of it.
+std::optional<Failure> Supervisor::commitTrace() {
+    std::optional<Failure> failure;
+    if (mResult.traceError != 0) {
+        failure = Failure{kExitFailed, mJob.trace->path(), strerror(mResult.traceError)};
+    } else {
+        failure = mJob.trace->commit();
+    }
+    if (failure) failure->reason = "the trace could not be written: " + failure->reason;
+    return failure;
 }
 
 // Replaces the receipt's marks for CPU time and memory, which are known only now.

@@ -8,7 +8,6 @@
 
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/job/PendingFile.h>
-#include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
 #include <stddef.h>
@@ -17,6 +16,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -32,7 +32,7 @@ public:
     struct Job {
         std::string input;    // for messages
         PendingFile* output;  // null if nothing is to be written
-        TraceFile* trace;     // may be null
+        PendingFile* trace;   // may be null
         int receipt;          // the worker writes it there
         int libraryOutput;    // the read end of the worker's standard output and error
         bool showsLibraryOutput;
@@ -77,6 +77,7 @@ private:
     int conclude();
     int workerCrashed();
     int publish();
+    std::optional<Failure> commitTrace();
     bool printReceipt();
     bool printAndCheck(std::string_view text);
     bool readStopSignal();

@@ -1,22 +1,20 @@
-#include <fmt/format.h>
 #include <host/Host.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/monitor/LogOutput.h>
 #include <qmtranscode/monitor/RunMonitor.h>
-#include <qmtranscode/sandbox/AllocationFailure.h>
 #include <qmtranscode/sandbox/Sandbox.h>
 #include <qmtranscode/sandbox/Worker.h>
+#include <qmtranscode/sandbox/WorkerControl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <memory>
 #include <new>
+#include <string_view>
 #include <system_error>
 
 namespace android::qmmediaeditor::cli {
@@ -49,14 +47,8 @@ void ignoreSignals() {
 }
 
 // Does not allocate, because there may be no memory left.
-[[noreturn]] void endWith(const char* reason, const char* more = "") {
-    WorkerResult result;
-    result.status = kExitFailed;
-    char payload[sizeof(result) + 512];
-    memcpy(payload, &result, sizeof(result));
-    const auto text = fmt::format_to_n(payload + sizeof(result), sizeof(payload) - sizeof(result),
-                                       "{}{}", reason, more);
-    gLink->send(Message::kResult, {payload, static_cast<size_t>(text.out - payload)});
+[[noreturn]] void endWith(std::string_view reason, std::string_view more = {}) {
+    gLink->sendFailure(reason, more);
     _exit(kExitFailed);
 }
 
@@ -76,12 +68,13 @@ void ignoreSignals() {
     }
 }
 
-void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text.c_str()); }
+void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text); }
 
 Outcome runJob(const Options& options, int threads, JobFiles* files, const WorkerLink& link) {
     // Never destroyed, because threads of the host may log until the process ends.
     static auto* const monitor = new RunMonitor;
     static auto* const observer = new RunObserver;
+    static auto* const trace = new TraceFile(files->trace);
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
@@ -90,20 +83,15 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     host.fastStart = options.fastStart;
     host.cutTimesUs = options.cutTimesUs();
     host.threads = threads;
-    return Job(options, host, files, &control, monitor, observer).run();
+    return Job(options, host, files, trace, &control, monitor, observer).run();
 }
 
 }  // namespace
 
-void runWorker(const Options& options, JobFiles* files, const WorkerLink& link, SharedState* shared,
-               int libraryOutput, pid_t parent) noexcept {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(kExitFailed);
+void qmtranscodeRunWorker(const Options& options, JobFiles* files, const WorkerLink& link,
+                          SharedState* shared) noexcept {
     gLink = &link;
-    endOnFailedAllocation(endWithoutMemory);
     ignoreSignals();
-    dup2(libraryOutput, STDOUT_FILENO);
-    dup2(libraryOutput, STDERR_FILENO);
     // Tables of long files are then mapped, and given back to the system when they are freed.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
     console::useLink(&link, &shared->columns);

@@ -5,13 +5,11 @@
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
-#include <sys/types.h>
 
 namespace android::qmmediaeditor::cli {
 
-// In a process that was forked from `parent` while that had one thread. Standard output and error
-// of libraries go to `libraryOutput`.
-[[noreturn]] void runWorker(const Options& options, JobFiles* files, const WorkerLink& link,
-                            SharedState* shared, int libraryOutput, pid_t parent) noexcept;
+// The one function that the worker's library exports; startWorker() calls it.
+extern "C" [[noreturn]] __attribute__((visibility("default"))) void qmtranscodeRunWorker(
+    const Options& options, JobFiles* files, const WorkerLink& link, SharedState* shared) noexcept;
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,10 +1,11 @@
 #include <errno.h>
+#include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <algorithm>
-#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
@@ -26,6 +27,22 @@ bool WorkerLink::send(Message message, std::string_view payload) const {
     return sent > 0;
 }
 
+void WorkerLink::sendFailure(std::string_view reason, std::string_view more) const {
+    WorkerResult result;
+    result.status = kExitFailed;
+    char payload[sizeof(result) + 512];
+    size_t size = 0;
+    const auto add = [&payload, &size](std::string_view part) {
+        part = part.substr(0, sizeof(payload) - size);
+        memcpy(payload + size, part.data(), part.size());
+        size += part.size();
+    };
+    add({reinterpret_cast<const char*>(&result), sizeof(result)});
+    add(reason);
+    add(more);
+    send(Message::kResult, {payload, size});
+}
+
 std::optional<WorkerLink::Received> WorkerLink::receive(char* buffer) const {
     ssize_t size;
     do {
@@ -33,41 +50,6 @@ std::optional<WorkerLink::Received> WorkerLink::receive(char* buffer) const {
     } while (size < 0 && errno == EINTR);
     if (size <= 0) return std::nullopt;
     return Received{static_cast<Message>(buffer[0]), {buffer + 1, static_cast<size_t>(size - 1)}};
-}
-
-WorkerControl::WorkerControl(const WorkerLink& link, std::function<void()> printState)
-    : mLink(link), mPrintState(std::move(printState)), mThread([this] { receiveRequests(); }) {}
-
-WorkerControl::~WorkerControl() {
-    shutdown(mLink.fd(), SHUT_RD);
-    mThread.join();
-}
-
-void WorkerControl::onStop(std::function<void()> stop) {
-    Mutex::Autolock lock(mLock);
-    mStop = std::move(stop);
-    if (mStopRequested) mStop();
-}
-
-void WorkerControl::ignoreStop() {
-    Mutex::Autolock lock(mLock);
-    mStop = nullptr;
-}
-
-void WorkerControl::report(WorkerStage stage) const {
-    const char code = static_cast<char>(stage);
-    mLink.send(Message::kStage, {&code, 1});
-}
-
-void WorkerControl::receiveRequests() {
-    char buffer[WorkerLink::kBufferBytes];
-    while (const auto received = mLink.receive(buffer)) {
-        if (received->message == Message::kPrintState) mPrintState();
-        if (received->message != Message::kStop || mStopRequested) continue;
-        Mutex::Autolock lock(mLock);
-        mStopRequested = true;
-        if (mStop) mStop();
-    }
 }
 
 }  // namespace android::qmmediaeditor::cli

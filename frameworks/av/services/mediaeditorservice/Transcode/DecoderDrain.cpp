@@ -45,7 +45,8 @@ status_t Transcode::runDecoder(List<TDecodedSample>* list, int trackIndex, int64
             break;
     }
     checkEqual(checks::kDecoderOutputResult, err, -EAGAIN);
-    // Index 0, which nobody holds: the codec refuses it.
+    // sample.mIndex is still 0. The codec refuses the release, because the session does not hold
+    // that buffer.
     state->mCodec->releaseOutputBuffer(sample.mIndex);
     QM_LOGV(kTag, "decoder output -EAGAIN:-11:[R:%d]", -EAGAIN);
     if (mForceStop) {
@@ -102,7 +103,8 @@ bool Transcode::adjustPresentationTimeUs(TDecodedSample* sample) {
         finishPeriod();
         if (goBack) {
             mSeekTime = periods[i + 1].mStartUs;
-            // After the period: the reader seeks to the start of the current one.
+            // Published after finishPeriod(), because the input reader seeks to the start of the
+            // current period.
             mNeedtoSeek.publish(true);
             QM_LOGD(kTag, "mNeedtoSeek : %s, mSeekTime: %lld", "true",
                     wide(periods[i + 1].mStartUs));
@@ -114,7 +116,8 @@ bool Transcode::adjustPresentationTimeUs(TDecodedSample* sample) {
     return true;
 }
 
-// mLock is held while the source may block; what makes room in it does not take mLock.
+// mLock is held while the push waits for room in the source. The threads that make room do not take
+// mLock.
 status_t Transcode::copyDecodedBufferNEncoder(Track& track, List<TDecodedSample>* list) {
     Mutex::Autolock guard(mLock);
     TDecodedSample copy = *list->begin();
@@ -134,7 +137,7 @@ status_t Transcode::copyDecodedBufferNEncoder(Track& track, List<TDecodedSample>
     return OK;
 }
 
-// What a decoder delivers is known: its source can make an encoder.
+// The decoder has reported its output format, from which the source can make its encoder.
 status_t Transcode::setDecoderOutputFormat(bool isAudio, sp<AMessage> format) {
     status_t err;
     if (isAudio) {
@@ -143,8 +146,8 @@ status_t Transcode::setDecoderOutputFormat(bool isAudio, sp<AMessage> format) {
     } else {
         int32_t colorFormat = 0;
         format->findInt32("color-format", &colorFormat);
-        if (colorFormat == kColorFormatYUV420Planar ||
-            colorFormat == kColorFormatYUV420SemiPlanar) {
+        if (colorFormat == COLOR_FormatYUV420Planar ||
+            colorFormat == COLOR_FormatYUV420SemiPlanar) {
             mVideoAttribute.mDecoderColorFormat = colorFormat;
         } else {
             QM_LOGE(kTag, "error : not support color format %d", colorFormat);

@@ -2,6 +2,7 @@
 #include <Log.h>
 #include <SaturatingMath.h>
 #include <Transcode.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
@@ -23,7 +24,7 @@ constexpr int64_t kPixelsOf720p = 921600;
 // Bytes of an AVC csd-0 that hold start code, NAL header, profile, constraints and level.
 constexpr size_t kAvcCsdHeaderBytes = 8;
 
-// A request counts only when it is one.
+// A message with another what-code is treated like no request.
 bool isOutputRequest(const sp<AMessage>& request) {
     return request != nullptr && request->what() == kOutputFormatWhat;
 }
@@ -55,18 +56,21 @@ constexpr VideoEncoderChoice kVideoEncoders[] = {
     {4, &MEDIA_MIMETYPE_VIDEO_VP8},
 };
 
-// From a byte of the AVC sequence header (ITU-T H.264, 7.3.2.1) to the platform's bit; others are
-// unknown, 0.
+// profile_idc or level_idc of an AVC sequence header (ITU-T H.264, 7.3.2.1), and the platform's bit
+// for it. Values that are not listed give 0.
 struct AvcCode {
     int idc;
     int bit;
 };
 constexpr AvcCode kAvcProfiles[] = {
-    {66, 1}, {77, 2}, {88, 4}, {100, 8}, {110, 16}, {122, 32}, {244, 64},
+    {66, AVCProfileBaseline}, {77, AVCProfileMain},    {88, AVCProfileExtended},
+    {100, AVCProfileHigh},    {110, AVCProfileHigh10}, {122, AVCProfileHigh422},
+    {244, AVCProfileHigh444},
 };
 constexpr AvcCode kAvcLevels[] = {
-    {11, 4},   {12, 8},   {13, 16},   {20, 32},   {21, 64},   {22, 128},
-    {30, 256}, {31, 512}, {32, 1024}, {40, 2048}, {41, 4096}, {42, 8192},
+    {11, AVCLevel11}, {12, AVCLevel12}, {13, AVCLevel13}, {20, AVCLevel2},
+    {21, AVCLevel21}, {22, AVCLevel22}, {30, AVCLevel3},  {31, AVCLevel31},
+    {32, AVCLevel32}, {40, AVCLevel4},  {41, AVCLevel41}, {42, AVCLevel42},
 };
 
 template <size_t N>
@@ -173,7 +177,7 @@ int Transcode::setAudioEncoderInfo(AudioAttribute* attribute, sp<AMessage> forma
     return OK;
 }
 
-// What the decoder delivers; a value that is not known keeps what was known before.
+// Takes the decoder's channels and sample rate over; one that the format lacks keeps its value.
 void Transcode::readAudioInput(AudioAttribute* attribute, const AMessage& format) const {
     if (!format.findInt32("channel-count", &attribute->mInputChannelCount)) {
         QM_LOGW(kTag, "can not find channel-count");
@@ -193,7 +197,7 @@ int Transcode::setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> forma
     format->findString("mime", &attribute->mInputMime);
     attribute->mOutputWidth = attribute->mWidth;
     attribute->mOutputHeight = attribute->mHeight;
-    // 29 is what remains of 29.97.
+    // 29.97 is truncated to 29 by the integer "frame-rate".
     attribute->mOutputFrameRate = attribute->mFrameRate == 29 ? 30 : attribute->mFrameRate;
     QM_LOGV(kTag, "Input file fps : %d", attribute->mFrameRate);
     chooseFrameBufferSize(attribute);
@@ -212,13 +216,13 @@ int Transcode::setVideoEncoderInfo(VideoAttribute* attribute, sp<AMessage> forma
 
     attribute->mUseSurface = mProperty->mUseInputSurface;
     attribute->mColorFormat =
-        attribute->mUseSurface ? kColorFormatSurface : kColorFormatYUV420Planar;
+        attribute->mUseSurface ? COLOR_FormatSurface : COLOR_FormatYUV420Planar;
     attribute->mSurfaceParam1 = mProperty->mVideoParam1;
     attribute->mSurfaceParam2 = mProperty->mVideoParam2;
     return OK;
 }
 
-// The visible frame, and how it lies in its planes.
+// The size and rate of the visible frame, and the stride and height of its planes.
 void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format) const {
     format.findInt32("width", &attribute->mWidth);
     format.findInt32("height", &attribute->mHeight);
@@ -234,7 +238,7 @@ void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format
         attribute->mStride != attribute->mWidth || attribute->mSliceHeight != attribute->mHeight;
 }
 
-// A short output is not held back: there may never be a full batch.
+// Frames are held back only for an output that is long enough to fill batches.
 void Transcode::chooseFrameBufferSize(VideoAttribute* attribute) const {
     attribute->mFrameBufferSize = 0;
     if (isLongEnough(mFileAttribute.mDurationUs, attribute->mFrameRate, 10)) {
@@ -252,7 +256,7 @@ void Transcode::chooseFrameBufferSize(VideoAttribute* attribute) const {
 void Transcode::chooseVideoBitrate(VideoAttribute* attribute, const AMessage& format) const {
     const int64_t pixels = static_cast<int64_t>(attribute->mWidth) * attribute->mHeight;
     const int32_t cap = pixels > kPixelsOf720p ? kMaxBitrateAbove720p : kMaxBitrateUpTo720p;
-    // Under a second there is no estimate, and the cap stands in for it.
+    // Below one second the estimate would divide by zero: the cap is used.
     const int64_t seconds = mFileAttribute.mDurationUs / kUsPerSecond;
     const int64_t estimate =
         seconds < 1 ? cap : saturatingMul(mFileAttribute.mFileSize, 8) / seconds;
@@ -293,7 +297,7 @@ int Transcode::findAVCVideoProfile(unsigned char* csd, int* profile, int* level)
     return OK;
 }
 
-// The policy is off, whatever the input is; the input reader keeps what it would need.
+// Turns the policy off for every input. The input reader still has the code that it would need.
 int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> /* videoFormat */,
                                 AudioAttribute* /* audio */, VideoAttribute* video) {
     if (mProperty->mPeriodCount < 2) {

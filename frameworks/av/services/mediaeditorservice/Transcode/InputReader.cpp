@@ -88,10 +88,12 @@ Transcode::ReaderState Transcode::signalInputEOS() {
     return ReaderState::kEnded;
 }
 
-// Moves one sample on, or finds that there is none.
+// Moves one sample on, or finds that there is none. A sample for which its decoder has no input
+// buffer yet stays in mSampleBuffer, and the next pass only queues it.
 Transcode::ReaderState Transcode::feedDecoder() {
     PendingSample sample;
     status_t err = seekIfNeeded();
+    if (err == OK && mPendingSample) return queueSample(*mPendingSample);
     if (err == OK) err = nextSample(&sample);
     if (err != OK) {
         QM_LOGV(kTag, "saw input eos");
@@ -113,11 +115,13 @@ Transcode::ReaderState Transcode::feedDecoder() {
         QM_LOGD(kTag, "Trim time was overed and try force stop.");
         return ReaderState::kSignallingEnd;
     }
+    mPendingSample = sample;
     return queueSample(sample);
 }
 
 status_t Transcode::seekIfNeeded() {
     if (!mNeedtoSeek.take(false)) return OK;
+    mPendingSample.reset();
     const int32_t period = mCurrentPeriodIndex;
     if (mProperty->mTrimEnabled && period < mProperty->mPeriodCount) {
         mSeekTime = mProperty->mPeriods[period].mStartUs;
@@ -193,6 +197,7 @@ Transcode::ReaderState Transcode::queueSample(const PendingSample& sample) {
         return ReaderState::kEnded;
     }
     consumeSample(sample);
+    mPendingSample.reset();
     return ReaderState::kFeeding;
 }
 

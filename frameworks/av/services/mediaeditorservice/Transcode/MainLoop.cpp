@@ -28,7 +28,7 @@ int32_t Transcode::doTranscode() {
         QM_LOGV(kTag, "Force stop before sniff frame");
         return kStopped;
     }
-    // No input buffer is as large as an int can say.
+    // The cast loses nothing: no input buffer is larger than 2 GiB.
     QM_LOGD(kTag, "mSampleBufferSize: %d", static_cast<int>(mSampleBufferSize));
     mSampleBuffer = new ABuffer(mSampleBufferSize);
 
@@ -138,8 +138,8 @@ int32_t Transcode::runLoop() {
         for (int32_t i = 0; i < mTrackCount; ++i) {
             if (!mpTrack[i].mSelected) continue;
             result = runDecoder(&decodedList, i, kDecoderOutputTimeoutUs);
-            // The source knows of an encoder that fails in the middle of the run, and whether an
-            // encoder cannot be had for want of a thread.
+            // A source records that its encoder failed in the middle of the run, or that a thread
+            // could not be created. runDecoder() sees only that an encoder could not be had.
             int32_t failure = sourceFailure();
             if (failure == OK && result == kEncoderError) failure = kEncoderError;
             if (failure != OK) {
@@ -168,7 +168,8 @@ int32_t Transcode::sourceFailure() const {
     return mVideoSource->failure();
 }
 
-// Both sources end at once, whatever still waits in them.
+// The end markers stop both sources at once. Samples that still wait for an encoder are not
+// encoded.
 void Transcode::pushEndMarkers(const char* message) {
     TDecodedSample marker;
     marker.mFlags = MediaCodec::BUFFER_FLAG_EOS;
@@ -201,7 +202,8 @@ void Transcode::awaitWriter() {
 }
 
 int32_t Transcode::finish(int32_t lastDecodeResult) {
-    // The reader may hold an input buffer, and a decoder that is released under it would refuse it.
+    // The input reader may be about to queue an input buffer, which a released decoder would
+    // refuse.
     mInputPort.waitIdle();
     releaseDecoders();
 
@@ -211,7 +213,7 @@ int32_t Transcode::finish(int32_t lastDecodeResult) {
     const status_t err = mMP4Writer->stop();
     QM_LOGV(kTag, "doTranscode End");
 
-    // An encoder may still fail on what the decoders had left for it.
+    // An encoder may also fail after the main loop, on samples that were still queued.
     if (const int32_t failure = sourceFailure(); failure != OK) fail(failure);
     if (mFailure != OK) return mFailure;
     if (mForceStop) return lastDecodeResult == kEncoderError ? kEncoderError : kStopped;

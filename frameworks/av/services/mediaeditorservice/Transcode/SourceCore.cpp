@@ -10,8 +10,7 @@ namespace qmmediaeditor {
 
 namespace {
 
-// A buffer of its own with the first `size` bytes of `from`'s payload; null when they are not
-// there.
+// A new buffer with the first `size` bytes of `from`'s payload; null when it has fewer.
 sp<MediaCodecBuffer> copyOf(const sp<MediaCodecBuffer>& from, size_t size) {
     if (size > from->capacity() - from->offset()) return nullptr;
     sp<ABuffer> bytes = ABuffer::CreateAsCopy(from->data(), size);
@@ -38,8 +37,8 @@ status_t SourceCore::start() {
     return OK;
 }
 
-// A stopped source is not waited for: an ended one has `started` cleared again, and nobody would
-// start it.
+// The wait ends when the source is stopped: mStarted is false again after the end of the track, and
+// nobody would set it.
 void SourceCore::waitForStart(const char* message) {
     if (m.mStarted || m.mCodecStopped) return;
     QM_LOGV(mTag, "%s", message);

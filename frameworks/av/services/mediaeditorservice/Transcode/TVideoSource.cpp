@@ -131,7 +131,7 @@ status_t TVideoSource::setHdrOutputFormat(const sp<AMessage>& format) {
     QM_LOGV(kTag, "setDecoderOutputFormat : %s", format->debugString().c_str());
     mColorUtils = new QmMediaEditorColorUtils;
     sp<AMessage> copy = format->dup();
-    copy->setInt32("color-format", kColorFormatYUV420Planar);
+    copy->setInt32("color-format", COLOR_FormatYUV420Planar);
     const int width = mAttribute.mOutputWidth;
     const int height = mAttribute.mOutputHeight;
     QM_LOGD(kTag, "%dx%d", width, height);

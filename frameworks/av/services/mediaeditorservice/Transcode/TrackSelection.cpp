@@ -50,16 +50,7 @@ int Transcode::createAudioDecoder(int32_t i, const AString& mime) {
     mFileAttribute.mHasAudio = 1;
     track.mSelected = true;
     QM_LOGV(kTag, "Transcoder Constructor Audio: %s", track.mFormat->debugString().c_str());
-    if (mAudioDecoderLooper == nullptr) {
-        mAudioDecoderLooper = startDecoderLooper("T_Audio-Decoder-Looper");
-        if (mAudioDecoderLooper == nullptr) return kNoThread;
-    }
-
-    track.mCodecStatus = new CodecState;
-    track.mCodecStatus->mIsAudio = true;
-    track.mCodecStatus->mCodec = MediaCodec::CreateByType(mAudioDecoderLooper, mime, false, nullptr,
-                                                          MediaCodec::kNoPid, MediaCodec::kNoUid);
-    check(checks::kAudioDecoder, track.mCodecStatus->mCodec != nullptr);
+    if (const int err = makeDecoder(track, mime, true); err != OK) return err;
 
     // The decoder must not drop leading samples: the time line is kept whole.
     int32_t delay = 0;
@@ -77,18 +68,9 @@ int Transcode::createVideoDecoder(int32_t i, const AString& mime) {
     mVideoTrackIndex = i;
     mFileAttribute.mHasVideo = 1;
     track.mSelected = true;
-    track.mFormat->setInt32("color-format", kColorFormatYUV420Planar);
+    track.mFormat->setInt32("color-format", COLOR_FormatYUV420Planar);
     QM_LOGV(kTag, "Transcoder Constructor video: %s", track.mFormat->debugString().c_str());
-    if (mVideoDecoderLooper == nullptr) {
-        mVideoDecoderLooper = startDecoderLooper("T_Video-Decoder-Looper");
-        if (mVideoDecoderLooper == nullptr) return kNoThread;
-    }
-
-    track.mCodecStatus = new CodecState;
-    track.mCodecStatus->mIsAudio = false;
-    track.mCodecStatus->mCodec = MediaCodec::CreateByType(mVideoDecoderLooper, mime, false, nullptr,
-                                                          MediaCodec::kNoPid, MediaCodec::kNoUid);
-    check(checks::kVideoDecoder, track.mCodecStatus->mCodec != nullptr);
+    if (const int err = makeDecoder(track, mime, false); err != OK) return err;
     chooseDithering(track.mFormat.get());
     const status_t err = track.mCodecStatus->mCodec->configure(track.mFormat, mSurface, nullptr, 0);
     if (err != OK) {
@@ -102,11 +84,23 @@ int Transcode::createVideoDecoder(int32_t i, const AString& mime) {
     return OK;
 }
 
-sp<ALooper> Transcode::startDecoderLooper(const char* name) {
-    sp<ALooper> looper = new ALooper;
-    looper->setName(name);
-    if (looper->start(false, false, ANDROID_PRIORITY_AUDIO) != OK) return nullptr;
-    return looper;
+// Makes the track's decoder on the looper of its kind, which the first decoder starts. 0, or
+// kNoThread.
+int Transcode::makeDecoder(Track& track, const AString& mime, bool isAudio) {
+    sp<ALooper>& looper = isAudio ? mAudioDecoderLooper : mVideoDecoderLooper;
+    if (looper == nullptr) {
+        const sp<ALooper> started = new ALooper;
+        started->setName(isAudio ? "T_Audio-Decoder-Looper" : "T_Video-Decoder-Looper");
+        if (started->start(false, false, ANDROID_PRIORITY_AUDIO) != OK) return kNoThread;
+        looper = started;
+    }
+    track.mCodecStatus = new CodecState;
+    track.mCodecStatus->mIsAudio = isAudio;
+    sp<MediaCodec>& codec = track.mCodecStatus->mCodec;
+    codec = MediaCodec::CreateByType(looper, mime, false, nullptr, MediaCodec::kNoPid,
+                                     MediaCodec::kNoUid);
+    check(isAudio ? checks::kAudioDecoder : checks::kVideoDecoder, codec != nullptr);
+    return OK;
 }
 
 void Transcode::chooseDithering(AMessage* format) {
@@ -118,7 +112,7 @@ void Transcode::chooseDithering(AMessage* format) {
         QM_LOGD(kTag, "[HDR] set dither type : %d", type);
         format->setInt32("dither-type", type);
     } else {
-        format->setInt32("color-format", kColorFormatYUV420Planar);
+        format->setInt32("color-format", COLOR_FormatYUV420Planar);
     }
 }
 

@@ -17,7 +17,8 @@ int32_t validProgressOffset(uint32_t requested) {
     return requested > 100 ? 0 : static_cast<int32_t>(requested);
 }
 
-// Errors stop the session, and so do the two limits, which differ in their lowest bit.
+// An error stops the session, and so does reaching a limit: the codes for the maximum size and the
+// maximum duration differ in their lowest bit.
 bool isStoppingEvent(int msg, int ext1) {
     return msg == MEDIA_RECORDER_EVENT_ERROR ||
            (msg == MEDIA_RECORDER_EVENT_INFO &&
@@ -69,7 +70,7 @@ void Transcode::releaseTracks() {
         Track& track = mpTrack[i];
         if (!track.mSelected || track.mCodecStatus == nullptr) continue;
         if (track.mCodecStatus->mCodec != nullptr) {
-            // The main loop has released it already; once more does no harm.
+            // After a run the main loop has released the decoder. A second release has no effect.
             track.mCodecStatus->mCodec->stop();
             track.mCodecStatus->mCodec->release();
         }
@@ -120,8 +121,8 @@ int32_t Transcode::createModule() {
     return OK;
 }
 
-// The writer gets its own duplicate of the host's descriptor, which is closed in any case. Its
-// number is forgotten because the next file that is opened may get it.
+// The writer duplicates the host's descriptor, which is then closed in every case. The property
+// forgets its number, because the next file that is opened may get the same one.
 int32_t Transcode::takeOutput() {
     const int fd = mProperty->mOutputFd;
     mProperty->mOutputFd = -1;
@@ -132,8 +133,9 @@ int32_t Transcode::takeOutput() {
     } else {
         QM_LOGE(kTag, "output descriptor %d cannot be used: %s", fd, fault);
     }
-    // A number that is not open may be another thread's by now. A host that gives one descriptor as
-    // input and output closes it itself, as every input.
+    // A descriptor that was not open is not closed: another thread may have opened a file under
+    // that number since. One that is the input as well stays open, because the host closes its
+    // input.
     if (flags >= 0 && fd != mProperty->mInputFd) close(fd);
     return fault == nullptr ? static_cast<int32_t>(OK) : kInvalidRequest;
 }

@@ -22,6 +22,8 @@
 #include <utils/RefBase.h>
 #include <utils/Vector.h>
 
+#include <optional>
+
 namespace android {
 namespace qmmediaeditor {
 
@@ -106,7 +108,7 @@ private:
     int selectTrackAt(int32_t i);
     int createAudioDecoder(int32_t i, const AString& mime);
     int createVideoDecoder(int32_t i, const AString& mime);
-    static sp<ALooper> startDecoderLooper(const char* name);
+    int makeDecoder(Track& track, const AString& mime, bool isAudio);
     void chooseDithering(AMessage* format);
 
     // Encoder configuration.
@@ -210,6 +212,8 @@ private:
     int32_t mUnusedWord = 0;
     size_t mSampleBufferSize = 0;
     sp<ABuffer> mSampleBuffer;  // the input reader's, once it runs
+    // Read into mSampleBuffer, and waiting for an input buffer of its decoder. Input reader only.
+    std::optional<PendingSample> mPendingSample;
     sp<TranscodeListener> mListener;
     int32_t mLastProgress = 0;  // input reader
     int32_t mProgressOffset;

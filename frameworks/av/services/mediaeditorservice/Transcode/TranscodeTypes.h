@@ -3,6 +3,7 @@
 #pragma once
 
 #include <media/MediaCodecBuffer.h>
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/foundation/ABuffer.h>
 #include <media/stagefright/foundation/AMessage.h>
 #include <media/stagefright/foundation/AString.h>
@@ -17,11 +18,6 @@
 
 namespace android {
 namespace qmmediaeditor {
-
-// The platform's colour formats that the component knows.
-constexpr int32_t kColorFormatYUV420Planar = 19;
-constexpr int32_t kColorFormatYUV420SemiPlanar = 21;
-constexpr int32_t kColorFormatSurface = 0x7F000789;  // an input surface feeds the encoder
 
 // Eight bytes of the host's that are passed on as one unit.
 struct OpaqueParam {
@@ -131,7 +127,7 @@ struct VideoAttribute {
     int32_t mSliceHeight = 0;       // rows of the luma plane
     int32_t mNeedCopy = 0;          // as bool: the planes are larger than the visible frame
     int32_t mFrameBufferSize = 10;  // frames held back by the video source
-    int32_t mDecoderColorFormat = kColorFormatYUV420SemiPlanar;  // or planar
+    int32_t mDecoderColorFormat = COLOR_FormatYUV420SemiPlanar;  // or planar
 };
 
 // One decoded buffer on its way into a source. The end-of-stream marker has mFlags 4 and a null

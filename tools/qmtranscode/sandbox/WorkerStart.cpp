@@ -1,0 +1,46 @@
+#include <dlfcn.h>
+#include <qmtranscode/sandbox/AllocationFailure.h>
+#include <qmtranscode/sandbox/Worker.h>
+#include <qmtranscode/sandbox/WorkerStart.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+// For endWithoutMemory().
+const WorkerLink* gLink = nullptr;
+
+[[noreturn]] void endWithoutMemory() {
+    gLink->sendFailure("not enough memory");
+    _exit(kExitFailed);
+}
+
+[[noreturn]] void endWithoutLibrary(const WorkerLink& link) {
+    link.sendFailure("the worker process cannot start: ", dlerror());
+    _exit(kExitFailed);
+}
+
+}  // namespace
+
+void startWorker(const Options& options, JobFiles* files, const WorkerLink& link,
+                 SharedState* shared, int libraryOutput, pid_t parent) noexcept {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(kExitFailed);
+    dup2(libraryOutput, STDOUT_FILENO);
+    dup2(libraryOutput, STDERR_FILENO);
+    gLink = &link;
+    endOnFailedAllocation(endWithoutMemory);
+    // The executable's run path has its directory.
+    void* const library = dlopen("libqmtranscode-worker.so", RTLD_LAZY);
+    if (library == nullptr) endWithoutLibrary(link);
+    const auto run =
+        reinterpret_cast<decltype(&qmtranscodeRunWorker)>(dlsym(library, "qmtranscodeRunWorker"));
+    if (run == nullptr) endWithoutLibrary(link);
+    run(options, files, link, shared);
+    _exit(kExitFailed);
+}
+
+}  // namespace android::qmmediaeditor::cli
