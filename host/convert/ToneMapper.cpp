@@ -11,31 +11,6 @@ namespace qmmediaeditor {
 namespace {
 
 // Less light is black; more light than kMaxLight is treated as kMaxLight.
-constexpr float kMinLight = 1.0f / 16384;
-constexpr float kMaxLight = 7.99f;
-// Nine bits of the mantissa remain: steps of 0.2 percent.
-constexpr uint32_t kDroppedBits = 14;
-
-uint32_t bitsOf(float value) {
-    uint32_t bits = 0;
-    memcpy(&bits, &value, sizeof(bits));
-    return bits;
-}
-
-size_t indexOf(float light) {
-    const float bounded = std::min(std::max(light, kMinLight), kMaxLight);
-    return (bitsOf(bounded) - bitsOf(kMinLight)) >> kDroppedBits;
-}
-
-// The middle of the light that has this index.
-double lightAt(size_t index) {
-    const auto bits = static_cast<uint32_t>(index << kDroppedBits) + bitsOf(kMinLight) +
-                      (1u << (kDroppedBits - 1));
-    float light = 0;
-    memcpy(&light, &bits, sizeof(light));
-    return static_cast<double>(light);
-}
-
 // Most HDR material is mastered for 1000 nits.
 constexpr double kPeak = 1000 / ToneMapper::kWhiteNits;
 // Compression begins here.
@@ -57,11 +32,18 @@ double compressed(double light) {
 
 }  // namespace
 
+double ToneMapper::lightAt(size_t index) {
+    const auto bits = static_cast<uint32_t>(index << kDroppedBits) + bitsOf(kMinLight) +
+                      (1u << (kDroppedBits - 1));
+    float light = 0;
+    memcpy(&light, &bits, sizeof(light));
+    return static_cast<double>(light);
+}
+
 ToneMapper::ToneMapper() {
-    const size_t entries = indexOf(kMaxLight) + 1;
-    mGain.resize(entries);
-    mCodes.resize(entries);
-    for (size_t i = 0; i < entries; ++i) {
+    mGain.resize(kEntries);
+    mCodes.resize(kEntries);
+    for (size_t i = 0; i < kEntries; ++i) {
         const double light = lightAt(i);
         mGain[i] = static_cast<float>(compressed(light) / light);
         const double shown = i == 0 ? 0 : std::min(light, 1.0);
@@ -69,17 +51,38 @@ ToneMapper::ToneMapper() {
     }
 }
 
-void ToneMapper::mapRow(const float* const linear[3], int width, uint16_t* const coded[3]) const {
-    const float* gains = mGain.data();
-    const uint16_t* codes = mCodes.data();
-    for (int x = 0; x < width; ++x) {
-        const float red = linear[0][x];
-        const float green = linear[1][x];
-        const float blue = linear[2][x];
-        const float gain = gains[indexOf(std::max(std::max(red, green), blue))];
-        coded[0][x] = codes[indexOf(red * gain)];
-        coded[1][x] = codes[indexOf(green * gain)];
-        coded[2][x] = codes[indexOf(blue * gain)];
+void ToneMapper::mapRow(const float* const linear[3], int width, uint16_t* const coded[3],
+                        Instructions instructions) const {
+    if (shouldUseAvx2(instructions)) return mapRowWithAvx2(linear, width, coded);
+    mapBlocks(linear, width, coded);
+}
+
+void ToneMapper::mapRowWithAvx2(const float* const linear[3], int width,
+                                uint16_t* const coded[3]) const {
+    mapBlocks(linear, width, coded);
+}
+
+// Arithmetic and lookups are loops of their own, because only arithmetic can be vectorised.
+QM_INLINED void ToneMapper::mapBlocks(const float* const linear[3], int width,
+                                      uint16_t* const coded[3]) const {
+    constexpr int kBlock = 256;
+    uint16_t index[3][kBlock];
+    float gain[kBlock];
+    for (int first = 0; first < width; first += kBlock) {
+        const int count = std::min(kBlock, width - first);
+        const float* red = linear[0] + first;
+        const float* green = linear[1] + first;
+        const float* blue = linear[2] + first;
+        for (int x = 0; x < count; ++x) {
+            index[0][x] = indexOf(std::max(std::max(red[x], green[x]), blue[x]));
+        }
+        lookUp(mGain.data(), index[0], count, gain);
+        for (int x = 0; x < count; ++x) {
+            index[0][x] = indexOf(red[x] * gain[x]);
+            index[1][x] = indexOf(green[x] * gain[x]);
+            index[2][x] = indexOf(blue[x] * gain[x]);
+        }
+        for (int i = 0; i < 3; ++i) lookUp(mCodes.data(), index[i], count, coded[i] + first);
     }
 }
 

@@ -5,8 +5,12 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
 
+#include <algorithm>
 #include <vector>
+
+#include "host/convert/Instructions.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -20,12 +24,39 @@ public:
 
     // Maps one row of linear R, G, B with BT.709 primaries to 16-bit full-range samples for a
     // screen as in ITU-R BT.1886.
-    void mapRow(const float* const linear[3], int width, uint16_t* const coded[3]) const;
+    void mapRow(const float* const linear[3], int width, uint16_t* const coded[3],
+                Instructions instructions = Instructions::kBest) const;
+
+    // Place of light in tables of kEntries: the upper bits of its floating-point form. Light
+    // outside the range of the tables gets the first or the last place.
+    static uint16_t indexOf(float light) {
+        const float bounded = std::min(std::max(light, kMinLight), kMaxLight);
+        return static_cast<uint16_t>((bitsOf(bounded) - bitsOf(kMinLight)) >> kDroppedBits);
+    }
+    // The middle of the light that has this index.
+    static double lightAt(size_t index);
 
 private:
-    // Both tables are indexed by the upper bits of the light's floating-point form.
+    static constexpr float kMinLight = 1.0f / 16384;
+    static constexpr float kMaxLight = 7.99f;
+    // Nine bits of the mantissa remain: steps of 0.2 percent.
+    static constexpr uint32_t kDroppedBits = 14;
+
+    static uint32_t bitsOf(float value) {
+        uint32_t bits = 0;
+        memcpy(&bits, &value, sizeof(bits));
+        return bits;
+    }
+
+    QM_AVX2 void mapRowWithAvx2(const float* const linear[3], int width,
+                                uint16_t* const coded[3]) const;
+    void mapBlocks(const float* const linear[3], int width, uint16_t* const coded[3]) const;
+
     std::vector<float> mGain;      // factor of a pixel, by its largest component
     std::vector<uint16_t> mCodes;  // output for light between 0 and 1
+
+public:
+    static constexpr size_t kEntries = 17 * 512;
 };
 
 }  // namespace qmmediaeditor
