@@ -10,57 +10,136 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Codes of R', G' and B' per unit, in the table of light. Values up to 1.25 occur in signals that
-// exceed the nominal range.
-constexpr float kLightSteps = 16384;
-constexpr float kMaxLightIndex = 1.25f * kLightSteps - 1;
+constexpr int kMaxCode = 1023;
+constexpr int kNeutral = 512;
+// Of an interpolated chroma sample, and of an index in the table of light, per code.
+constexpr int kChromaSteps = 32;
+constexpr int kLightSteps = 16;
+// Codes beyond the nominal range that the table of light covers; from there on it is flat.
+constexpr int kHeadroom = 256;
 // Samples on either side of a row that filters read.
-constexpr int kMargin = 4;
-// Blocks of columns in which the dither repeats; rows have room for a whole number of them.
-constexpr int kBlock = 16;
+constexpr int kMargin = 2;
 
 // ITU-R BT.2020 and BT.709: parts of red, green and blue in luma.
-constexpr float kWideRed = 0.2627f;
-constexpr float kWideGreen = 0.6780f;
-constexpr float kWideBlue = 0.0593f;
-constexpr float kRed = 0.2126f;
-constexpr float kGreen = 0.7152f;
-constexpr float kBlue = 0.0722f;
+constexpr double kWideRed = 0.2627;
+constexpr double kWideBlue = 0.0593;
+constexpr double kRed = 0.2126;
+constexpr double kBlue = 0.0722;
 // Linear light of BT.2020 primaries to that of BT.709 (ITU-R BT.2087).
 constexpr float kToBt709[3][3] = {{1.6604910f, -0.5876411f, -0.0728499f},
                                   {-0.1245505f, 1.1328999f, -0.0083494f},
                                   {-0.0181508f, -0.1005789f, 1.1187297f}};
 
-// SMPTE ST 2084; 1.0 is 10000 nits.
+// SMPTE ST 2084: nits.
 double lightOfPq(double code) {
     const double root = std::pow(code, 32.0 / 2523);
     const double light = std::max(root - 3424.0 / 4096, 0.0) / (2413.0 / 128 - 2392.0 / 128 * root);
-    return std::pow(light, 16384.0 / 2610);
+    return std::pow(light, 16384.0 / 2610) * 10000;
 }
 
-// ITU-R BT.2100: light of the scene.
+// ITU-R BT.2100, with a screen of 1000 nits; the system gamma is applied to each component:
+// nits.
 double lightOfHlg(double code) {
-    if (code <= 0.5) return code * code / 3;
-    return (std::exp((code - 0.55991073) / 0.17883277) + 0.28466892) / 12;
+    const double scene =
+        code <= 0.5 ? code * code / 3
+                    : (std::exp((code - 0.55991073) / 0.17883277) + 0.28466892) / 12;
+    return std::pow(scene, 1.2) * 1000;
 }
-constexpr double kHlgPeakNits = 1000;
-constexpr double kHlgGamma = 1.2;
 
-// Weights of four samples for a position that is some quarters of a sample beyond one of them. The
-// first weight is that of the sample `first` away from it.
+int16_t i16(int value) { return static_cast<int16_t>(value); }
+uint16_t u16(int value) { return static_cast<uint16_t>(value); }
+
+// A factor below 1 in 1/32768.
+constexpr int16_t fraction(double value) { return static_cast<int16_t>(value * 32768 + 0.5); }
+
+// In the form that compilers know as one vector instruction.
+QM_INLINED int16_t times(int16_t value, int16_t factor) {
+    return i16((((value * factor) >> 14) + 1) >> 1);
+}
+
+QM_INLINED uint16_t mean(uint16_t a, uint16_t b) { return u16((a + b + 1) >> 1); }
+
+// Interpolates between four samples, at a position some quarters beyond one of them.
 struct CubicFilter {
-    int first;
-    float weights[4];
+    int quarters;  // -2 to 2
+    int first;     // the first of the four, from that one
+    int16_t weights[4];
 
-    explicit CubicFilter(int quarters) : first(quarters < 0 ? -2 : -1) {
-        static constexpr float kWeights[4][4] = {{0, 128, 0, 0},
-                                                 {-9, 111, 29, -3},
-                                                 {-8, 72, 72, -8},
-                                                 {-3, 29, 111, -9}};
-        const float* of = kWeights[quarters & 3];
-        for (int i = 0; i < 4; ++i) weights[i] = of[i] / 128;
+    explicit CubicFilter(int distance) : quarters(distance), first(distance < 0 ? -2 : -1) {
+        // Of 128. There is none for a position that has a sample.
+        static constexpr int kWeights[4][4] = {
+            {}, {-9, 111, 29, -3}, {-8, 72, 72, -8}, {-3, 29, 111, -9}};
+        for (int i = 0; i < 4; ++i) weights[i] = i16(kWeights[quarters & 3][i] * 256);
+    }
+
+    // `samples` gives the sample at an offset from the first of the four.
+    template <typename Samples>
+    QM_INLINED void apply(int count, const Samples& samples, int16_t* to) const {
+        if (quarters == 0) {
+            for (int x = 0; x < count; ++x) to[x] = samples(1, x);
+            return;
+        }
+        for (int x = 0; x < count; ++x) {
+            to[x] =
+                i16(times(samples(0, x), weights[0]) + times(samples(1, x), weights[1]) +
+                    times(samples(2, x), weights[2]) + times(samples(3, x), weights[3]));
+        }
     }
 };
+
+QM_INLINED void interleave(const int16_t* even, const int16_t* odd, int count,
+                           int16_t* __restrict to) {
+    for (int x = 0; x < count; ++x) {
+        to[2 * x] = even[x];
+        to[2 * x + 1] = odd[x];
+    }
+}
+
+// Y'CbCr of BT.2020 to R'G'B', in indexes of the table of light.
+struct ToWideRgb {
+    int black;
+    int16_t redByCr;
+    int16_t greenByCb;
+    int16_t greenByCr;
+    int16_t blueByCb;
+    int16_t last;  // index
+
+    QM_INLINED void apply(const uint16_t* luma, const int16_t* cb, const int16_t* cr, int count,
+                          uint16_t* __restrict red, uint16_t* __restrict green,
+                          uint16_t* __restrict blue) const {
+        constexpr int16_t kMaxOffset = kNeutral * kChromaSteps;
+        const ToWideRgb self = *this;
+        for (int x = 0; x < count; ++x) {
+            const int16_t y = i16(((luma[x] & kMaxCode) - self.black) * kLightSteps);
+            const int16_t u = bounded(cb[x], -kMaxOffset, kMaxOffset);
+            const int16_t v = bounded(cr[x], -kMaxOffset, kMaxOffset);
+            red[x] = u16(bounded(i16(y + times(v, self.redByCr)), 0, self.last));
+            green[x] = u16(bounded(
+                i16(y - times(u, self.greenByCb) - times(v, self.greenByCr)), 0, self.last));
+            blue[x] = u16(bounded(i16(y + times(u, self.blueByCb)), 0, self.last));
+        }
+    }
+
+    static QM_INLINED int16_t bounded(int16_t value, int16_t least, int16_t most) {
+        const int16_t raised = value < least ? least : value;
+        return raised > most ? most : raised;
+    }
+};
+
+struct Weighted {
+    const uint16_t* row;
+    int weight;
+};
+
+// A row of Cb or Cr from its own colour and the other one, both relative to green.
+QM_INLINED void writeDifferences(const Weighted& own, const Weighted& other, const uint16_t* green,
+                                 const uint16_t* dither, int count, uint8_t* __restrict to) {
+    for (int x = 0; x < count; ++x) {
+        const int sum =
+            own.weight * (own.row[x] - green[x]) - other.weight * (other.row[x] - green[x]);
+        to[x] = static_cast<uint8_t>(((sum >> 16) + 128 * 256 + dither[x]) >> 8);
+    }
+}
 
 // The row or column that stands for one beyond the edges of a plane.
 int mirrored(int at, int size) {
@@ -69,7 +148,8 @@ int mirrored(int at, int size) {
     return std::min(std::max(at, 0), size - 1);
 }
 
-void fillMargins(float* row, int width) {
+template <typename Sample>
+void fillMargins(Sample* row, int width) {
     for (int i = 1; i <= kMargin; ++i) {
         row[-i] = row[mirrored(-i, width)];
         row[width - 1 + i] = row[mirrored(width - 1 + i, width)];
@@ -81,24 +161,22 @@ const uint16_t* samplesOf(const FramePlane& plane, int row) {
     return static_cast<const uint16_t*>(samples);
 }
 
-// What is added to 1/256 of a code before the fraction is dropped: a Bayer matrix of 16 x 16. The
-// planes get different ones, so that their errors do not coincide.
-struct DitherRow {
-    float at[kBlock];
-
-    DitherRow(int plane, int row) {
-        const int y = plane == 2 ? 15 - row % 16 : row % 16;
-        for (int i = 0; i < kBlock; ++i) {
-            const int x = plane == 1 ? 15 - i : i;
-            int value = 0;
-            for (int bit = 0; bit < 4; ++bit) {
-                const int column = (x >> bit) & 1;
-                value |= (column | (column ^ ((y >> bit) & 1)) << 1) << (6 - 2 * bit);
-            }
-            at[i] = static_cast<float>(value);
+// Sets `to` to what is added to 1/256 of a code before the fraction is dropped: a Bayer matrix of
+// 16 x 16. The planes get different ones, so that their errors do not coincide.
+void makeDither(int plane, int row, std::vector<uint16_t>& to) {
+    const int y = plane == 2 ? 15 - row % 16 : row % 16;
+    uint16_t values[16];
+    for (int i = 0; i < 16; ++i) {
+        const int x = plane == 1 ? 15 - i : i;
+        int value = 0;
+        for (int bit = 0; bit < 4; ++bit) {
+            const int column = (x >> bit) & 1;
+            value |= (column | (column ^ ((y >> bit) & 1)) << 1) << (6 - 2 * bit);
         }
+        values[i] = u16(value);
     }
-};
+    for (size_t x = 0; x + 16 <= to.size(); x += 16) memcpy(&to[x], values, sizeof(values));
+}
 
 int quartersOfColumn(zimg_chroma_location_e location) {
     const bool centered = location == ZIMG_CHROMA_CENTER || location == ZIMG_CHROMA_TOP ||
@@ -111,46 +189,29 @@ int quartersOfRow(zimg_chroma_location_e location) {
     return location == ZIMG_CHROMA_BOTTOM || location == ZIMG_CHROMA_BOTTOM_LEFT ? -2 : -1;
 }
 
-size_t roomFor(int samples) {
-    return static_cast<size_t>((samples + kBlock - 1) / kBlock * kBlock + 2 * kMargin);
-}
-
 }  // namespace
 
 HdrConverter::HdrConverter(const zimg_image_format& from)
     : mWidth(static_cast<int>(from.width)),
       mHeight(static_cast<int>(from.height)),
-      mHlg(from.transfer_characteristics == ZIMG_TRANSFER_ARIB_B67),
       mFullRange(from.pixel_range == ZIMG_RANGE_FULL),
       mColumnQuarters(quartersOfColumn(from.chroma_location)),
-      mRowQuarters(quartersOfRow(from.chroma_location)),
-      mLight(static_cast<size_t>(kMaxLightIndex) + 1) {
+      mRowQuarters(quartersOfRow(from.chroma_location)) {
+    const bool hlg = from.transfer_characteristics == ZIMG_TRANSFER_ARIB_B67;
+    const int white = (mFullRange ? 1023 : 876) * kLightSteps;
+    mLight.resize(static_cast<size_t>(white + kHeadroom * kLightSteps));
     for (size_t i = 0; i < mLight.size(); ++i) {
-        const double code = static_cast<double>(i) / static_cast<double>(kLightSteps);
-        const double nits = mHlg ? std::pow(lightOfHlg(code), 1.2) * kHlgPeakNits : lightOfPq(std::min(code, 1.0)) * 10000;
+        const double code = static_cast<double>(i) / white;
+        const double nits = hlg ? lightOfHlg(code) : lightOfPq(std::min(code, 1.0));
         mLight[i] = static_cast<float>(nits / ToneMapper::kWhiteNits);
     }
-    if (mHlg) {
-        // Light of the scene relative to its peak, not to white.
-        mSystemGamma.resize(ToneMapper::kEntries);
-        for (size_t i = 0; i < mSystemGamma.size(); ++i) {
-            const double scene = ToneMapper::lightAt(i) * ToneMapper::kWhiteNits / kHlgPeakNits;
-            mSystemGamma[i] = static_cast<float>(std::pow(scene, kHlgGamma - 1));
-        }
-    }
-    const size_t width = roomFor(mWidth);
-    for (Row* row : {&mChroma, &mFactors, &mInterpolated[0], &mInterpolated[1], &mDifferences[0],
-                     &mDifferences[1], &mLinear[0], &mLinear[1], &mLinear[2]}) {
-        row->resize(width);
-    }
+    // For margins, and for a whole number of repetitions of the dither.
+    const size_t room = static_cast<size_t>(mWidth) + 16 + 2 * kMargin;
+    for (Offsets* row : {&mColumn, &mHalves[0], &mHalves[1], &mCb, &mCr}) row->resize(room);
     for (int i = 0; i < 3; ++i) {
-        mIndexes[i].resize(width);
-        mCoded[i].resize(width);
+        for (Row* row : {&mCodes[i], &mMapped[0][i], &mMapped[1][i], &mMeans[i], &mColumnMeans[i], &mDither[i]}) row->resize(room);
+        mLinear[i].resize(room);
     }
-    for (auto& plane : mReduced) {
-        for (Row& row : plane) row.resize(roomFor(mWidth / 2));
-    }
-    mOut.resize(width);
 }
 
 void HdrConverter::convert(const FramePlanes& from, const FramePlanes& to,
@@ -165,157 +226,118 @@ void HdrConverter::convertWithAvx2(const FramePlanes& from, const FramePlanes& t
 }
 
 QM_INLINED void HdrConverter::convertRows(const FramePlanes& from, const FramePlanes& to) {
-    // A row of chroma is made from kTaps rows, of which half come after its first row of luma.
-    constexpr int kLag = kTaps / 2;
-    for (int row = 0; row < mHeight + kLag; ++row) {
-        if (row < mHeight) {
-            interpolateChroma(from.plane[1], row, mInterpolated[0]);
-            interpolateChroma(from.plane[2], row, mInterpolated[1]);
-            makeLight(samplesOf(from.plane[0], row));
-            const float* const linear[3] = {mLinear[0].data(), mLinear[1].data(),
-                                            mLinear[2].data()};
-            uint16_t* const coded[3] = {mCoded[0].data(), mCoded[1].data(), mCoded[2].data()};
-            mToneMapper.mapRow(linear, mWidth, coded, mInstructions);
-            writeLuma(to.plane[0], row);
-            for (int i = 0; i < 2; ++i) {
-                reduceColumns(mDifferences[i], mReduced[i][row % kTaps]);
-            }
-        }
-        if (row >= kLag && row % 2 == 0) {
-            writeChroma(to.plane[1], 1, (row - kLag) / 2);
-            writeChroma(to.plane[2], 2, (row - kLag) / 2);
-        }
+    for (int row = 0; row < mHeight; ++row) {
+        interpolateChroma(from.plane[1], row, mCb);
+        interpolateChroma(from.plane[2], row, mCr);
+        makeLight(samplesOf(from.plane[0], row));
+        const float* const linear[3] = {mLinear[0].data(), mLinear[1].data(), mLinear[2].data()};
+        Row* mapped = mMapped[row % 2];
+        uint16_t* const codes[3] = {mapped[0].data(), mapped[1].data(), mapped[2].data()};
+        mToneMapper.mapRow(linear, mWidth, codes, mInstructions);
+        writeLuma(to.plane[0], row);
+        if (row % 2 == 1) writeChroma(to, row / 2);
     }
 }
 
-QM_INLINED void HdrConverter::interpolateChroma(const FramePlane& plane, int row, Row& to) {
+QM_INLINED void HdrConverter::interpolateChroma(const FramePlane& plane, int row, Offsets& to) {
     const int columns = mWidth / 2;
-    const CubicFilter down(mRowQuarters + row % 2 * 2);
+    const CubicFilter between(mRowQuarters + row % 2 * 2);
     const uint16_t* rows[4];
     for (int i = 0; i < 4; ++i) {
-        rows[i] = samplesOf(plane, mirrored(row / 2 + down.first + i, mHeight / 2));
+        rows[i] = samplesOf(plane, mirrored(row / 2 + between.first + i, mHeight / 2));
     }
-    float* chroma = mChroma.data() + kMargin;
-    for (int x = 0; x < columns; ++x) {
-        chroma[x] = down.weights[0] * rows[0][x] + down.weights[1] * rows[1][x] +
-                    down.weights[2] * rows[2][x] + down.weights[3] * rows[3][x];
+    const auto offset = [&rows](int i, int x) {
+        return i16(((rows[i][x] & kMaxCode) - kNeutral) * kChromaSteps);
+    };
+    int16_t* column = mColumn.data() + kMargin;
+    between.apply(columns, offset, column);
+    fillMargins(column, columns);
+    int16_t* halves[2] = {mHalves[0].data(), mHalves[1].data()};
+    for (const int odd : {0, 1}) {
+        const CubicFilter across(mColumnQuarters + odd * 2);
+        const int16_t* samples = column + across.first;
+        across.apply(columns, [samples](int i, int x) { return samples[x + i]; }, halves[odd]);
     }
-    fillMargins(chroma, columns);
-    const CubicFilter even(mColumnQuarters);
-    const CubicFilter odd(mColumnQuarters + 2);
-    const float* e = chroma + even.first;
-    const float* o = chroma + odd.first;
-    float* out = to.data();
-    for (int x = 0; x < columns; ++x) {
-        out[2 * x] = even.weights[0] * e[x] + even.weights[1] * e[x + 1] +
-                     even.weights[2] * e[x + 2] + even.weights[3] * e[x + 3];
-        out[2 * x + 1] = odd.weights[0] * o[x] + odd.weights[1] * o[x + 1] +
-                         odd.weights[2] * o[x + 2] + odd.weights[3] * o[x + 3];
-    }
+    interleave(halves[0], halves[1], columns, to.data());
 }
 
 QM_INLINED void HdrConverter::makeLight(const uint16_t* luma) {
-    const float lumaScale = kLightSteps / (mFullRange ? 1023 : 876);
-    const float chromaScale = kLightSteps / (mFullRange ? 1023 : 896);
-    const float redByCr = 2 * (1 - kWideRed) * chromaScale;
-    const float blueByCb = 2 * (1 - kWideBlue) * chromaScale;
-    const float greenByCr = -redByCr * kWideRed / kWideGreen;
-    const float greenByCb = -blueByCb * kWideBlue / kWideGreen;
-    // Half a step is for rounding.
-    const float black = 0.5f - (mFullRange ? 0 : 64 * lumaScale);
-
-    const float* cb = mInterpolated[0].data();
-    const float* cr = mInterpolated[1].data();
-    uint16_t* indexes[3] = {mIndexes[0].data(), mIndexes[1].data(), mIndexes[2].data()};
-    const auto index = [](float value) {
-        return static_cast<uint16_t>(
-            static_cast<int>(std::min(std::max(value, 0.0f), kMaxLightIndex)));
-    };
-    for (int x = 0; x < mWidth; ++x) {
-        const float y = luma[x] * lumaScale + black;
-        const float u = cb[x] - 512;
-        const float v = cr[x] - 512;
-        indexes[0][x] = index(y + v * redByCr);
-        indexes[1][x] = index(y + u * greenByCb + v * greenByCr);
-        indexes[2][x] = index(y + u * blueByCb);
+    // From R' - Y' to the difference of indexes.
+    const double scale = (mFullRange ? 1.0 : 876.0 / 896) * kLightSteps / kChromaSteps;
+    constexpr double kRedByCr = 2 * (1 - kWideRed);
+    constexpr double kBlueByCb = 2 * (1 - kWideBlue);
+    constexpr double kWideGreen = 1 - kWideRed - kWideBlue;
+    const ToWideRgb toRgb = {mFullRange ? 0 : 64,
+                             fraction(scale * kRedByCr),
+                             fraction(scale * kBlueByCb * kWideBlue / kWideGreen),
+                             fraction(scale * kRedByCr * kWideRed / kWideGreen),
+                             fraction(scale * kBlueByCb),
+                             i16(static_cast<int>(mLight.size()) - 1)};
+    toRgb.apply(luma, mCb.data(), mCr.data(), mWidth, mCodes[0].data(), mCodes[1].data(),
+                mCodes[2].data());
+    float* linear[3];
+    for (int i = 0; i < 3; ++i) {
+        linear[i] = mLinear[i].data();
+        lookUp(mLight.data(), mCodes[i].data(), mWidth, linear[i]);
     }
-    float* linear[3] = {mLinear[0].data(), mLinear[1].data(), mLinear[2].data()};
-    for (int i = 0; i < 3; ++i) lookUp(mLight.data(), indexes[i], mWidth, linear[i]);
-
-    float* factors = mFactors.data();
-    if (false) {
-        for (int x = 0; x < mWidth; ++x) {
-            indexes[0][x] = ToneMapper::indexOf(kWideRed * linear[0][x] +
-                                                kWideGreen * linear[1][x] +
-                                                kWideBlue * linear[2][x]);
+    for (int x = 0; x < mWidth; ++x) {
+        const float wide[3] = {linear[0][x], linear[1][x], linear[2][x]};
+        for (int i = 0; i < 3; ++i) {
+            linear[i][x] =
+                kToBt709[i][0] * wide[0] + kToBt709[i][1] * wide[1] + kToBt709[i][2] * wide[2];
         }
-        lookUp(mSystemGamma.data(), indexes[0], mWidth, factors);
-    } else {
-        std::fill(factors, factors + mWidth, 1.0f);
-    }
-    for (int x = 0; x < mWidth; ++x) {
-        const float red = linear[0][x] * factors[x];
-        const float green = linear[1][x] * factors[x];
-        const float blue = linear[2][x] * factors[x];
-        linear[0][x] = kToBt709[0][0] * red + kToBt709[0][1] * green + kToBt709[0][2] * blue;
-        linear[1][x] = kToBt709[1][0] * red + kToBt709[1][1] * green + kToBt709[1][2] * blue;
-        linear[2][x] = kToBt709[2][0] * red + kToBt709[2][1] * green + kToBt709[2][2] * blue;
     }
 }
 
 QM_INLINED void HdrConverter::writeLuma(const FramePlane& to, int row) {
-    const uint16_t* red = mCoded[0].data();
-    const uint16_t* green = mCoded[1].data();
-    const uint16_t* blue = mCoded[2].data();
-    float* byBlue = mDifferences[0].data() + kMargin;
-    float* byRed = mDifferences[1].data() + kMargin;
-    uint8_t* out = mOut.data();
-    const DitherRow dither(0, row);
-    constexpr float kScale = 219 * 256 / 65535.0f;
-    for (int first = 0; first < mWidth; first += kBlock) {
-        for (int i = 0; i < kBlock; ++i) {
-            const int x = first + i;
-            const float y = kRed * red[x] + kGreen * green[x] + kBlue * blue[x];
-            out[x] = static_cast<uint8_t>(static_cast<int>(16 * 256 + y * kScale + dither.at[i]) >> 8);
-            byBlue[x] = blue[x] - y;
-            byRed[x] = red[x] - y;
-        }
-    }
-    memcpy(to.data + row * to.stride, out, static_cast<size_t>(mWidth));
-}
-
-QM_INLINED void HdrConverter::reduceColumns(Row& differences, Row& to) const {
-    float* from = differences.data() + kMargin;
-    float* out = to.data();
-    fillMargins(from, mWidth);
-    for (int x = 0; x < mWidth / 2; ++x) {
-        out[x] = from[2 * x] * (16 / 32.0f) + (from[2 * x - 1] + from[2 * x + 1]) * (9 / 32.0f) -
-                 (from[2 * x - 3] + from[2 * x + 3]) * (1 / 32.0f);
+    // Three of 1/256 make up for what the three products lose, so that white is 235.
+    constexpr double kWhite = 219 * 256 + 3;
+    constexpr auto kRedWeight = static_cast<uint16_t>(kWhite * kRed + 0.5);
+    constexpr auto kBlueWeight = static_cast<uint16_t>(kWhite * kBlue + 0.5);
+    constexpr auto kGreenWeight = static_cast<uint16_t>(kWhite - kRedWeight - kBlueWeight);
+    const auto part = [](uint16_t value, uint16_t weight) {
+        return u16(static_cast<int>((static_cast<uint32_t>(value) * weight) >> 16));
+    };
+    const Row* mapped = mMapped[row % 2];
+    const uint16_t* red = mapped[0].data();
+    const uint16_t* green = mapped[1].data();
+    const uint16_t* blue = mapped[2].data();
+    uint8_t* __restrict out = to.data + row * to.stride;
+    makeDither(0, row, mDither[0]);
+    const uint16_t* dither = mDither[0].data();
+    const int width = mWidth;
+    for (int x = 0; x < width; ++x) {
+        const uint16_t luma = u16(part(red[x], kRedWeight) + part(green[x], kGreenWeight) +
+                                  part(blue[x], kBlueWeight) + 16 * 256 + dither[x]);
+        out[x] = static_cast<uint8_t>(luma >> 8);
     }
 }
 
-QM_INLINED void HdrConverter::writeChroma(const FramePlane& to, int plane, int row) {
-    constexpr float kWeights[kTaps / 2] = {-3 / 256.0f, -9 / 256.0f, 29 / 256.0f, 111 / 256.0f};
-    const float* rows[kTaps];
-    for (int i = 0; i < kTaps; ++i) {
-        const int at = mirrored(row * 2 - (kTaps / 2 - 1) + i, mHeight);
-        rows[i] = mReduced[plane - 1][at % kTaps].data();
-    }
-    const float scale = 224 * 256 / 65535.0f / (2 * (1 - (plane == 1 ? kBlue : kRed)));
-    const DitherRow dither(plane, row);
-    uint8_t* out = mOut.data();
-    for (int first = 0; first < mWidth / 2; first += kBlock) {
-        for (int i = 0; i < kBlock; ++i) {
-            const int x = first + i;
-            float sum = 0;
-            for (int tap = 0; tap < kTaps / 2; ++tap) {
-                sum += (rows[tap][x] + rows[kTaps - 1 - tap][x]) * kWeights[tap];
-            }
-            const float value = std::min(std::max(128 * 256 + sum * scale, 16.0f * 256), 240.0f * 256);
-            out[x] = static_cast<uint8_t>(static_cast<int>(value + dither.at[i]) >> 8);
+// The output's chroma lies between two rows of luma, in even columns.
+QM_INLINED void HdrConverter::writeChroma(const FramePlanes& to, int row) {
+    for (int i = 0; i < 3; ++i) {
+        const uint16_t* upper = mMapped[0][i].data();
+        const uint16_t* lower = mMapped[1][i].data();
+        uint16_t* means = mMeans[i].data() + kMargin;
+        uint16_t* columnMeans = mColumnMeans[i].data();
+        for (int x = 0; x < mWidth; ++x) means[x] = mean(upper[x], lower[x]);
+        fillMargins(means, mWidth);
+        for (int x = 0; x < mWidth / 2; ++x) {
+            columnMeans[x] = mean(mean(means[2 * x - 1], means[2 * x + 1]), means[2 * x]);
         }
     }
-    memcpy(to.data + row * to.stride, out, static_cast<size_t>(mWidth / 2));
+    // The largest value is half of the range; grey is exactly neutral.
+    constexpr int kHalf = 112 * 256;
+    constexpr auto kRedInCb = static_cast<int>(kHalf * kRed / (1 - kBlue) + 0.5);
+    constexpr auto kBlueInCr = static_cast<int>(kHalf * kBlue / (1 - kRed) + 0.5);
+    const uint16_t* red = mColumnMeans[0].data();
+    const uint16_t* green = mColumnMeans[1].data();
+    const uint16_t* blue = mColumnMeans[2].data();
+    for (const int plane : {1, 2}) makeDither(plane, row, mDither[plane]);
+    writeDifferences({blue, kHalf}, {red, kRedInCb}, green, mDither[1].data(), mWidth / 2,
+                     to.plane[1].data + row * to.plane[1].stride);
+    writeDifferences({red, kHalf}, {blue, kBlueInCr}, green, mDither[2].data(), mWidth / 2,
+                     to.plane[2].data + row * to.plane[2].stride);
 }
 
 }  // namespace qmmediaeditor

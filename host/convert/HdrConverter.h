@@ -30,47 +30,42 @@ public:
                  Instructions instructions = Instructions::kBest);
 
 private:
-    typedef std::vector<float> Row;
-    typedef std::vector<uint16_t> Indexes;
+    typedef std::vector<int16_t> Offsets;  // in 1/32 of a code
+    typedef std::vector<uint16_t> Row;
 
     QM_AVX2 void convertWithAvx2(const FramePlanes& from, const FramePlanes& to);
     void convertRows(const FramePlanes& from, const FramePlanes& to);
-    // Sets `to` to a row of chroma at the positions of luma.
-    void interpolateChroma(const FramePlane& plane, int row, Row& to);
-    // From Y'CbCr to R, G, B of BT.709 in linear light.
+    // Sets `to` to a row of chroma, less its neutral code, at the positions of luma.
+    void interpolateChroma(const FramePlane& plane, int row, Offsets& to);
+    // From a row of luma and the interpolated chroma to R, G, B of BT.709 in linear light.
     void makeLight(const uint16_t* luma);
     void writeLuma(const FramePlane& to, int row);
-    // Takes every second column of a row of luma's width.
-    void reduceColumns(Row& differences, Row& to) const;
-    void writeChroma(const FramePlane& to, int plane, int row);
+    // Of the two rows of luma in mCoded.
+    void writeChroma(const FramePlanes& to, int row);
 
     const int mWidth;
     const int mHeight;
-    const bool mHlg;
     const bool mFullRange;
     // From a chroma sample of the source to the even luma column and row, in quarters of a chroma
     // sample.
     const int mColumnQuarters;
     const int mRowQuarters;
     Instructions mInstructions = Instructions::kBest;
+    // Light by the code of R', G' or B' less that of black; 1.0 is ToneMapper::kWhiteNits.
+    std::vector<float> mLight;
+    const ToneMapper mToneMapper;
 
-    std::vector<float> mLight;        // by the code of R', G' or B'; 1.0 is ToneMapper::kWhiteNits
-    std::vector<float> mSystemGamma;  // HLG: factor of a pixel, by ToneMapper::indexOf(luminance)
-    ToneMapper mToneMapper;
-
-    // Rows that are in work. Those of chroma and differences have kMargin more samples on either
-    // side, which mirror those inside.
-    Row mChroma;
-    Row mInterpolated[2];  // Cb and Cr
-    Indexes mIndexes[3];
-    Row mLinear[3];
-    Row mFactors;
-    Indexes mCoded[3];
-    Row mDifferences[2];  // B' - Y' and R' - Y'
-    // The last rows of differences, reduced to the columns of chroma, by the row modulo kTaps.
-    static constexpr int kTaps = 8;
-    Row mReduced[2][kTaps];
-    std::vector<uint8_t> mOut;
+    // Rows that are in work, with room for more samples on either side.
+    Offsets mColumn;  // chroma at the source's columns
+    Offsets mHalves[2];  // at even and odd columns of luma
+    Offsets mCb;
+    Offsets mCr;
+    Row mCodes[3];  // R', G', B' of BT.2020
+    std::vector<float> mLinear[3];
+    Row mMapped[2][3];  // R', G', B' of BT.709 for an even and an odd row
+    Row mMeans[3];        // of the two
+    Row mColumnMeans[3];  // at the columns of the output's chroma
+    Row mDither[3];
 };
 
 }  // namespace qmmediaeditor
