@@ -50,7 +50,9 @@ int16_t i16(int value) { return static_cast<int16_t>(value); }
 uint16_t u16(int value) { return static_cast<uint16_t>(value); }
 
 // A factor below 1 in 1/32768.
-constexpr int16_t fraction(double value) { return static_cast<int16_t>(value * 32768 + 0.5); }
+constexpr int16_t fraction(double value) {
+    return static_cast<int16_t>(value * 32768 + (value < 0 ? -0.5 : 0.5));
+}
 
 // In the form that compilers know as one vector instruction.
 QM_INLINED int16_t times(int16_t value, int16_t factor) {
@@ -59,33 +61,42 @@ QM_INLINED int16_t times(int16_t value, int16_t factor) {
 
 QM_INLINED uint16_t mean(uint16_t a, uint16_t b) { return u16((a + b + 1) >> 1); }
 
-// Interpolates between four samples, at a position some quarters beyond one of them.
-struct CubicFilter {
-    int quarters;  // -2 to 2
-    int first;     // the first of the four, from that one
-    int16_t weights[4];
+// The first of four samples to interpolate from, where the position is some quarters beyond sample 0.
+constexpr int firstOf(int quarters) { return quarters < 0 ? -2 : -1; }
 
-    explicit CubicFilter(int distance) : quarters(distance), first(distance < 0 ? -2 : -1) {
-        // Of 128. There is none for a position that has a sample.
-        static constexpr int kWeights[4][4] = {
-            {}, {-9, 111, 29, -3}, {-8, 72, 72, -8}, {-3, 29, 111, -9}};
-        for (int i = 0; i < 4; ++i) weights[i] = i16(kWeights[quarters & 3][i] * 256);
+// `samples` gives a sample at an offset from the first of the four. Weights are constants because
+// compilers find the vector instructions only for those.
+template <int kQuarters, typename Samples>
+QM_INLINED void interpolateAt(const Samples& samples, int count, int16_t* __restrict to) {
+    // All are odd, because GCC 12 does not find the instruction for multiples of powers of two.
+    constexpr int16_t kWeights[4][4] = {{},
+                                        {-2305, 28417, 7425, -769},
+                                        {-2049, 18433, 18433, -2049},
+                                        {-769, 7425, 28417, -2305}};
+    constexpr int kPhase = kQuarters & 3;
+    for (int x = 0; x < count; ++x) {
+        to[x] = kQuarters == 0
+                    ? samples(1, x)
+                    : i16(times(samples(0, x), kWeights[kPhase][0]) + times(samples(1, x), kWeights[kPhase][1]) +
+                          times(samples(2, x), kWeights[kPhase][2]) + times(samples(3, x), kWeights[kPhase][3]));
     }
+}
 
-    // `samples` gives the sample at an offset from the first of the four.
-    template <typename Samples>
-    QM_INLINED void apply(int count, const Samples& samples, int16_t* to) const {
-        if (quarters == 0) {
-            for (int x = 0; x < count; ++x) to[x] = samples(1, x);
-            return;
-        }
-        for (int x = 0; x < count; ++x) {
-            to[x] =
-                i16(times(samples(0, x), weights[0]) + times(samples(1, x), weights[1]) +
-                    times(samples(2, x), weights[2]) + times(samples(3, x), weights[3]));
-        }
+template <typename Samples>
+QM_INLINED void interpolate(int quarters, const Samples& samples, int count, int16_t* to) {
+    switch (quarters) {
+        case -2:
+            return interpolateAt<-2>(samples, count, to);
+        case -1:
+            return interpolateAt<-1>(samples, count, to);
+        case 0:
+            return interpolateAt<0>(samples, count, to);
+        case 1:
+            return interpolateAt<1>(samples, count, to);
+        default:
+            return interpolateAt<2>(samples, count, to);
     }
-};
+}
 
 QM_INLINED void interleave(const int16_t* even, const int16_t* odd, int count,
                            int16_t* __restrict to) {
@@ -95,36 +106,40 @@ QM_INLINED void interleave(const int16_t* even, const int16_t* odd, int count,
     }
 }
 
-// Y'CbCr of BT.2020 to R'G'B', in indexes of the table of light.
-struct ToWideRgb {
-    int black;
-    int16_t redByCr;
-    int16_t greenByCb;
-    int16_t greenByCr;
-    int16_t blueByCb;
-    int16_t last;  // index
+QM_INLINED int16_t bounded(int16_t value, int16_t least, int16_t most) {
+    const int16_t raised = value < least ? least : value;
+    return raised > most ? most : raised;
+}
 
-    QM_INLINED void apply(const uint16_t* luma, const int16_t* cb, const int16_t* cr, int count,
+// Indexes in the table of light for R', G', B' that are 1.0 at the code 1023 or, in limited range,
+// 876 above black.
+constexpr int whiteOf(bool full) { return (full ? kMaxCode : 876) * kLightSteps; }
+constexpr int lastIndexOf(bool full) { return whiteOf(full) + kHeadroom * kLightSteps - 1; }
+
+// Y'CbCr of BT.2020 to indexes in the table of light.
+template <bool kFullRange>
+QM_INLINED void toWideRgb(const uint16_t* luma, const int16_t* cb, const int16_t* cr, int count,
                           uint16_t* __restrict red, uint16_t* __restrict green,
-                          uint16_t* __restrict blue) const {
-        constexpr int16_t kMaxOffset = kNeutral * kChromaSteps;
-        const ToWideRgb self = *this;
-        for (int x = 0; x < count; ++x) {
-            const int16_t y = i16(((luma[x] & kMaxCode) - self.black) * kLightSteps);
-            const int16_t u = bounded(cb[x], -kMaxOffset, kMaxOffset);
-            const int16_t v = bounded(cr[x], -kMaxOffset, kMaxOffset);
-            red[x] = u16(bounded(i16(y + times(v, self.redByCr)), 0, self.last));
-            green[x] = u16(bounded(
-                i16(y - times(u, self.greenByCb) - times(v, self.greenByCr)), 0, self.last));
-            blue[x] = u16(bounded(i16(y + times(u, self.blueByCb)), 0, self.last));
-        }
+                          uint16_t* __restrict blue) {
+    constexpr double kScale = (kFullRange ? 1.0 : 876.0 / 896) * kLightSteps / kChromaSteps;
+    constexpr double kRedByCr = 2 * (1 - kWideRed) * kScale;
+    constexpr double kBlueByCb = 2 * (1 - kWideBlue) * kScale;
+    constexpr double kWideGreen = 1 - kWideRed - kWideBlue;
+    constexpr int16_t kMaxOffset = kNeutral * kChromaSteps;
+    constexpr int16_t kLast = lastIndexOf(kFullRange);
+    for (int x = 0; x < count; ++x) {
+        const int16_t y = i16(((luma[x] & kMaxCode) - (kFullRange ? 0 : 64)) * kLightSteps);
+        const int16_t u = bounded(cb[x], -kMaxOffset, kMaxOffset);
+        const int16_t v = bounded(cr[x], -kMaxOffset, kMaxOffset);
+        const int16_t r = i16(y + times(v, fraction(kRedByCr)));
+        const int16_t g = i16(y - times(u, fraction(kBlueByCb * kWideBlue / kWideGreen)) -
+                              times(v, fraction(kRedByCr * kWideRed / kWideGreen)));
+        const int16_t b = i16(y + times(u, fraction(kBlueByCb)));
+        red[x] = u16(bounded(r, 0, kLast));
+        green[x] = u16(bounded(g, 0, kLast));
+        blue[x] = u16(bounded(b, 0, kLast));
     }
-
-    static QM_INLINED int16_t bounded(int16_t value, int16_t least, int16_t most) {
-        const int16_t raised = value < least ? least : value;
-        return raised > most ? most : raised;
-    }
-};
+}
 
 struct Weighted {
     const uint16_t* row;
@@ -198,8 +213,8 @@ HdrConverter::HdrConverter(const zimg_image_format& from)
       mColumnQuarters(quartersOfColumn(from.chroma_location)),
       mRowQuarters(quartersOfRow(from.chroma_location)) {
     const bool hlg = from.transfer_characteristics == ZIMG_TRANSFER_ARIB_B67;
-    const int white = (mFullRange ? 1023 : 876) * kLightSteps;
-    mLight.resize(static_cast<size_t>(white + kHeadroom * kLightSteps));
+    const int white = whiteOf(mFullRange);
+    mLight.resize(static_cast<size_t>(lastIndexOf(mFullRange) + 1));
     for (size_t i = 0; i < mLight.size(); ++i) {
         const double code = static_cast<double>(i) / white;
         const double nits = hlg ? lightOfHlg(code) : lightOfPq(std::min(code, 1.0));
@@ -241,40 +256,33 @@ QM_INLINED void HdrConverter::convertRows(const FramePlanes& from, const FramePl
 
 QM_INLINED void HdrConverter::interpolateChroma(const FramePlane& plane, int row, Offsets& to) {
     const int columns = mWidth / 2;
-    const CubicFilter between(mRowQuarters + row % 2 * 2);
+    const int rowQuarters = mRowQuarters + row % 2 * 2;
     const uint16_t* rows[4];
     for (int i = 0; i < 4; ++i) {
-        rows[i] = samplesOf(plane, mirrored(row / 2 + between.first + i, mHeight / 2));
+        rows[i] = samplesOf(plane, mirrored(row / 2 + firstOf(rowQuarters) + i, mHeight / 2));
     }
     const auto offset = [&rows](int i, int x) {
         return i16(((rows[i][x] & kMaxCode) - kNeutral) * kChromaSteps);
     };
     int16_t* column = mColumn.data() + kMargin;
-    between.apply(columns, offset, column);
+    interpolate(rowQuarters, offset, columns, column);
     fillMargins(column, columns);
-    int16_t* halves[2] = {mHalves[0].data(), mHalves[1].data()};
     for (const int odd : {0, 1}) {
-        const CubicFilter across(mColumnQuarters + odd * 2);
-        const int16_t* samples = column + across.first;
-        across.apply(columns, [samples](int i, int x) { return samples[x + i]; }, halves[odd]);
+        const int columnQuarters = mColumnQuarters + odd * 2;
+        const int16_t* first = column + firstOf(columnQuarters);
+        const auto sample = [first](int i, int x) { return first[x + i]; };
+        interpolate(columnQuarters, sample, columns, mHalves[odd].data());
     }
-    interleave(halves[0], halves[1], columns, to.data());
+    interleave(mHalves[0].data(), mHalves[1].data(), columns, to.data());
 }
 
 QM_INLINED void HdrConverter::makeLight(const uint16_t* luma) {
-    // From R' - Y' to the difference of indexes.
-    const double scale = (mFullRange ? 1.0 : 876.0 / 896) * kLightSteps / kChromaSteps;
-    constexpr double kRedByCr = 2 * (1 - kWideRed);
-    constexpr double kBlueByCb = 2 * (1 - kWideBlue);
-    constexpr double kWideGreen = 1 - kWideRed - kWideBlue;
-    const ToWideRgb toRgb = {mFullRange ? 0 : 64,
-                             fraction(scale * kRedByCr),
-                             fraction(scale * kBlueByCb * kWideBlue / kWideGreen),
-                             fraction(scale * kRedByCr * kWideRed / kWideGreen),
-                             fraction(scale * kBlueByCb),
-                             i16(static_cast<int>(mLight.size()) - 1)};
-    toRgb.apply(luma, mCb.data(), mCr.data(), mWidth, mCodes[0].data(), mCodes[1].data(),
-                mCodes[2].data());
+    uint16_t* codes[3] = {mCodes[0].data(), mCodes[1].data(), mCodes[2].data()};
+    if (mFullRange) {
+        toWideRgb<true>(luma, mCb.data(), mCr.data(), mWidth, codes[0], codes[1], codes[2]);
+    } else {
+        toWideRgb<false>(luma, mCb.data(), mCr.data(), mWidth, codes[0], codes[1], codes[2]);
+    }
     float* linear[3];
     for (int i = 0; i < 3; ++i) {
         linear[i] = mLinear[i].data();

@@ -30,20 +30,22 @@ public:
     // Place of light in tables of kEntries: the upper bits of its floating-point form. Light
     // outside the range of the tables gets the first or the last place.
     static uint16_t indexOf(float light) {
-        const float bounded = std::min(std::max(light, kMinLight), kMaxLight);
-        return static_cast<uint16_t>((bitsOf(bounded) - bitsOf(kMinLight)) >> kDroppedBits);
+        // As integers, the forms of positive numbers have the order of the numbers.
+        const int32_t bits = std::min(std::max(bitsOf(light), kMinBits), kMaxBits);
+        return static_cast<uint16_t>((bits - kMinBits) >> kDroppedBits);
     }
     // The middle of the light that has this index.
     static double lightAt(size_t index);
 
 private:
-    static constexpr float kMinLight = 1.0f / 16384;
-    static constexpr float kMaxLight = 7.99f;
+    // 1/16384 and just below 8.
+    static constexpr int32_t kMinBits = 0x38800000;
+    static constexpr int32_t kMaxBits = 0x40ffffff;
     // Nine bits of the mantissa remain: steps of 0.2 percent.
-    static constexpr uint32_t kDroppedBits = 14;
+    static constexpr int kDroppedBits = 14;
 
-    static uint32_t bitsOf(float value) {
-        uint32_t bits = 0;
+    static int32_t bitsOf(float value) {
+        int32_t bits = 0;
         memcpy(&bits, &value, sizeof(bits));
         return bits;
     }
@@ -52,7 +54,6 @@ private:
                                 uint16_t* const coded[3]) const;
     void mapBlocks(const float* const linear[3], int width, uint16_t* const coded[3]) const;
 
-    std::vector<float> mGain;      // factor of a pixel, by its largest component
     std::vector<uint16_t> mCodes;  // output for light between 0 and 1
 
 public:
