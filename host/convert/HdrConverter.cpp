@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <cmath>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace android {
 namespace qmmediaeditor {
 
@@ -61,41 +65,57 @@ QM_INLINED int16_t times(int16_t value, int16_t factor) {
 
 QM_INLINED uint16_t mean(uint16_t a, uint16_t b) { return u16((a + b + 1) >> 1); }
 
-// The first of four samples to interpolate from, where the position is some quarters beyond sample 0.
-constexpr int firstOf(int quarters) { return quarters < 0 ? -2 : -1; }
+// Weights in 1/32768 of four samples, for a position that is -2 to 2 quarters beyond sample 0.
+struct CubicFilter {
+    const int first;  // the first of the samples
+    const bool isCopy;
+    int16_t weights[4];
 
-// `samples` gives a sample at an offset from the first of the four. Weights are constants because
-// compilers find the vector instructions only for those.
-template <int kQuarters, typename Samples>
-QM_INLINED void interpolateAt(const Samples& samples, int count, int16_t* __restrict to) {
-    // All are odd, because GCC 12 does not find the instruction for multiples of powers of two.
-    constexpr int16_t kWeights[4][4] = {{},
-                                        {-2305, 28417, 7425, -769},
-                                        {-2049, 18433, 18433, -2049},
-                                        {-769, 7425, 28417, -2305}};
-    constexpr int kPhase = kQuarters & 3;
+    explicit CubicFilter(int quarters)
+        : first(quarters < 0 ? -2 : -1), isCopy(quarters == 0) {
+        // Of 128. No weight is that of a position with a sample, which is copied.
+        static constexpr int kWeights[4][4] = {
+            {}, {-9, 111, 29, -3}, {-8, 72, 72, -8}, {-3, 29, 111, -9}};
+        for (int i = 0; i < 4; ++i) weights[i] = i16(kWeights[quarters & 3][i] * 256);
+    }
+};
+
+#if defined(__x86_64__)
+// Rows have room for the last vector.
+QM_AVX2 void weighWithAvx2(const int16_t* const samples[4], const int16_t weights[4], int count,
+                           int16_t* to) {
+    for (int x = 0; x < count; x += 16) {
+        __m256i sum = _mm256_setzero_si256();
+        for (int i = 0; i < 4; ++i) {
+            const void* from = samples[i] + x;
+            const __m256i value = _mm256_loadu_si256(static_cast<const __m256i*>(from));
+            sum = _mm256_add_epi16(sum, _mm256_mulhrs_epi16(value, _mm256_set1_epi16(weights[i])));
+        }
+        void* out = to + x;
+        _mm256_storeu_si256(static_cast<__m256i*>(out), sum);
+    }
+}
+#endif
+
+QM_INLINED void weigh(const int16_t* const samples[4], const CubicFilter& filter, int count,
+                      int16_t* __restrict to, Instructions instructions) {
+    if (filter.isCopy) {
+        memcpy(to, samples[1], static_cast<size_t>(count) * sizeof(*to));
+        return;
+    }
+#if defined(__x86_64__)
+    // GCC finds the rounding multiplication only in a few of these loops.
+    if (shouldUseAvx2(instructions)) return weighWithAvx2(samples, filter.weights, count, to);
+#endif
+    (void)instructions;
     for (int x = 0; x < count; ++x) {
-        to[x] = kQuarters == 0
-                    ? samples(1, x)
-                    : i16(times(samples(0, x), kWeights[kPhase][0]) + times(samples(1, x), kWeights[kPhase][1]) +
-                          times(samples(2, x), kWeights[kPhase][2]) + times(samples(3, x), kWeights[kPhase][3]));
+        to[x] = i16(times(samples[0][x], filter.weights[0]) + times(samples[1][x], filter.weights[1]) +
+                    times(samples[2][x], filter.weights[2]) + times(samples[3][x], filter.weights[3]));
     }
 }
 
-template <typename Samples>
-QM_INLINED void interpolate(int quarters, const Samples& samples, int count, int16_t* to) {
-    switch (quarters) {
-        case -2:
-            return interpolateAt<-2>(samples, count, to);
-        case -1:
-            return interpolateAt<-1>(samples, count, to);
-        case 0:
-            return interpolateAt<0>(samples, count, to);
-        case 1:
-            return interpolateAt<1>(samples, count, to);
-        default:
-            return interpolateAt<2>(samples, count, to);
-    }
+QM_INLINED void toOffsets(const uint16_t* samples, int count, int16_t* __restrict to) {
+    for (int x = 0; x < count; ++x) to[x] = i16(((samples[x] & kMaxCode) - kNeutral) * kChromaSteps);
 }
 
 QM_INLINED void interleave(const int16_t* even, const int16_t* odd, int count,
@@ -220,9 +240,12 @@ HdrConverter::HdrConverter(const zimg_image_format& from)
         const double nits = hlg ? lightOfHlg(code) : lightOfPq(std::min(code, 1.0));
         mLight[i] = static_cast<float>(nits / ToneMapper::kWhiteNits);
     }
-    // For margins, and for a whole number of repetitions of the dither.
-    const size_t room = static_cast<size_t>(mWidth) + 16 + 2 * kMargin;
+    // For margins, the last vector, and a whole number of repetitions of the dither.
+    const size_t room = static_cast<size_t>(mWidth) + 32;
     for (Offsets* row : {&mColumn, &mHalves[0], &mHalves[1], &mCb, &mCr}) row->resize(room);
+    for (auto& plane : mSource) {
+        for (Source& source : plane) source.offsets.resize(room);
+    }
     for (int i = 0; i < 3; ++i) {
         for (Row* row : {&mCodes[i], &mMapped[0][i], &mMapped[1][i], &mMeans[i], &mColumnMeans[i], &mDither[i]}) row->resize(room);
         mLinear[i].resize(room);
@@ -241,9 +264,12 @@ void HdrConverter::convertWithAvx2(const FramePlanes& from, const FramePlanes& t
 }
 
 QM_INLINED void HdrConverter::convertRows(const FramePlanes& from, const FramePlanes& to) {
+    for (auto& plane : mSource) {
+        for (Source& source : plane) source.row = -1;
+    }
     for (int row = 0; row < mHeight; ++row) {
-        interpolateChroma(from.plane[1], row, mCb);
-        interpolateChroma(from.plane[2], row, mCr);
+        interpolateChroma(from, 1, row, mCb);
+        interpolateChroma(from, 2, row, mCr);
         makeLight(samplesOf(from.plane[0], row));
         const float* const linear[3] = {mLinear[0].data(), mLinear[1].data(), mLinear[2].data()};
         Row* mapped = mMapped[row % 2];
@@ -254,24 +280,26 @@ QM_INLINED void HdrConverter::convertRows(const FramePlanes& from, const FramePl
     }
 }
 
-QM_INLINED void HdrConverter::interpolateChroma(const FramePlane& plane, int row, Offsets& to) {
+QM_INLINED void HdrConverter::interpolateChroma(const FramePlanes& from, int plane, int row,
+                                                Offsets& to) {
     const int columns = mWidth / 2;
-    const int rowQuarters = mRowQuarters + row % 2 * 2;
-    const uint16_t* rows[4];
+    const int rows = mHeight / 2;
+    const CubicFilter down(mRowQuarters + row % 2 * 2);
+    const int16_t* samples[4];
     for (int i = 0; i < 4; ++i) {
-        rows[i] = samplesOf(plane, mirrored(row / 2 + firstOf(rowQuarters) + i, mHeight / 2));
+        const int at = mirrored(row / 2 + down.first + i, rows);
+        Source& source = mSource[plane - 1][at % kSources];
+        if (source.row != at) toOffsets(samplesOf(from.plane[plane], at), columns, source.offsets.data());
+        source.row = at;
+        samples[i] = source.offsets.data();
     }
-    const auto offset = [&rows](int i, int x) {
-        return i16(((rows[i][x] & kMaxCode) - kNeutral) * kChromaSteps);
-    };
     int16_t* column = mColumn.data() + kMargin;
-    interpolate(rowQuarters, offset, columns, column);
+    weigh(samples, down, columns, column, mInstructions);
     fillMargins(column, columns);
     for (const int odd : {0, 1}) {
-        const int columnQuarters = mColumnQuarters + odd * 2;
-        const int16_t* first = column + firstOf(columnQuarters);
-        const auto sample = [first](int i, int x) { return first[x + i]; };
-        interpolate(columnQuarters, sample, columns, mHalves[odd].data());
+        const CubicFilter across(mColumnQuarters + odd * 2);
+        for (int i = 0; i < 4; ++i) samples[i] = column + across.first + i;
+        weigh(samples, across, columns, mHalves[odd].data(), mInstructions);
     }
     interleave(mHalves[0].data(), mHalves[1].data(), columns, to.data());
 }

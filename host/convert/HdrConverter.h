@@ -36,7 +36,7 @@ private:
     QM_AVX2 void convertWithAvx2(const FramePlanes& from, const FramePlanes& to);
     void convertRows(const FramePlanes& from, const FramePlanes& to);
     // Sets `to` to a row of chroma, less its neutral code, at the positions of luma.
-    void interpolateChroma(const FramePlane& plane, int row, Offsets& to);
+    void interpolateChroma(const FramePlanes& from, int plane, int row, Offsets& to);
     // From a row of luma and the interpolated chroma to R, G, B of BT.709 in linear light.
     void makeLight(const uint16_t* luma);
     void writeLuma(const FramePlane& to, int row);
@@ -54,6 +54,14 @@ private:
     // Light by the code of R', G' or B' less that of black; 1.0 is ToneMapper::kWhiteNits.
     std::vector<float> mLight;
     const ToneMapper mToneMapper;
+
+    // Rows of the source's chroma, by the row modulo kSources.
+    struct Source {
+        int row = -1;
+        Offsets offsets;
+    };
+    static constexpr int kSources = 4;
+    Source mSource[2][kSources];
 
     // Rows that are in work, with room for more samples on either side.
     Offsets mColumn;  // chroma at the source's columns
