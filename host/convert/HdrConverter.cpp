@@ -44,9 +44,9 @@ double lightOfPq(double code) {
 // ITU-R BT.2100, with a screen of 1000 nits; the system gamma is applied to each component:
 // nits.
 double lightOfHlg(double code) {
-    const double scene =
-        code <= 0.5 ? code * code / 3
-                    : (std::exp((code - 0.55991073) / 0.17883277) + 0.28466892) / 12;
+    const double scene = code <= 0.5
+                             ? code * code / 3
+                             : (std::exp((code - 0.55991073) / 0.17883277) + 0.28466892) / 12;
     return std::pow(scene, 1.2) * 1000;
 }
 
@@ -71,8 +71,7 @@ struct CubicFilter {
     const bool isCopy;
     int16_t weights[4];
 
-    explicit CubicFilter(int quarters)
-        : first(quarters < 0 ? -2 : -1), isCopy(quarters == 0) {
+    explicit CubicFilter(int quarters) : first(quarters < 0 ? -2 : -1), isCopy(quarters == 0) {
         // Of 128. No weight is that of a position with a sample, which is copied.
         static constexpr int kWeights[4][4] = {
             {}, {-9, 111, 29, -3}, {-8, 72, 72, -8}, {-3, 29, 111, -9}};
@@ -109,13 +108,15 @@ QM_INLINED void weigh(const int16_t* const samples[4], const CubicFilter& filter
 #endif
     (void)instructions;
     for (int x = 0; x < count; ++x) {
-        to[x] = i16(times(samples[0][x], filter.weights[0]) + times(samples[1][x], filter.weights[1]) +
-                    times(samples[2][x], filter.weights[2]) + times(samples[3][x], filter.weights[3]));
+        to[x] =
+            i16(times(samples[0][x], filter.weights[0]) + times(samples[1][x], filter.weights[1]) +
+                times(samples[2][x], filter.weights[2]) + times(samples[3][x], filter.weights[3]));
     }
 }
 
 QM_INLINED void toOffsets(const uint16_t* samples, int count, int16_t* __restrict to) {
-    for (int x = 0; x < count; ++x) to[x] = i16(((samples[x] & kMaxCode) - kNeutral) * kChromaSteps);
+    for (int x = 0; x < count; ++x)
+        to[x] = i16(((samples[x] & kMaxCode) - kNeutral) * kChromaSteps);
 }
 
 QM_INLINED void interleave(const int16_t* even, const int16_t* odd, int count,
@@ -247,7 +248,9 @@ HdrConverter::HdrConverter(const zimg_image_format& from)
         for (Source& source : plane) source.offsets.resize(room);
     }
     for (int i = 0; i < 3; ++i) {
-        for (Row* row : {&mCodes[i], &mMapped[0][i], &mMapped[1][i], &mMeans[i], &mColumnMeans[i], &mDither[i]}) row->resize(room);
+        for (Row* row : {&mCodes[i], &mMapped[0][i], &mMapped[1][i], &mMeans[i], &mColumnMeans[i],
+                         &mDither[i]})
+            row->resize(room);
         mLinear[i].resize(room);
     }
 }
@@ -289,7 +292,8 @@ QM_INLINED void HdrConverter::interpolateChroma(const FramePlanes& from, int pla
     for (int i = 0; i < 4; ++i) {
         const int at = mirrored(row / 2 + down.first + i, rows);
         Source& source = mSource[plane - 1][at % kSources];
-        if (source.row != at) toOffsets(samplesOf(from.plane[plane], at), columns, source.offsets.data());
+        if (source.row != at)
+            toOffsets(samplesOf(from.plane[plane], at), columns, source.offsets.data());
         source.row = at;
         samples[i] = source.offsets.data();
     }

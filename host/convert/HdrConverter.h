@@ -64,13 +64,13 @@ private:
     Source mSource[2][kSources];
 
     // Rows that are in work, with room for more samples on either side.
-    Offsets mColumn;  // chroma at the source's columns
+    Offsets mColumn;     // chroma at the source's columns
     Offsets mHalves[2];  // at even and odd columns of luma
     Offsets mCb;
     Offsets mCr;
     Row mCodes[3];  // R', G', B' of BT.2020
     std::vector<float> mLinear[3];
-    Row mMapped[2][3];  // R', G', B' of BT.709 for an even and an odd row
+    Row mMapped[2][3];    // R', G', B' of BT.709 for an even and an odd row
     Row mMeans[3];        // of the two
     Row mColumnMeans[3];  // at the columns of the output's chroma
     Row mDither[3];

@@ -10,7 +10,6 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Less light is black; more light than kMaxLight is treated as kMaxLight.
 // Most HDR material is mastered for 1000 nits.
 constexpr double kPeak = 1000 / ToneMapper::kWhiteNits;
 // Compression begins here.
@@ -36,8 +35,8 @@ QM_INLINED float gainOf(float largest) {
 }  // namespace
 
 double ToneMapper::lightAt(size_t index) {
-    const auto bits = kMinBits + (static_cast<int32_t>(index) << kDroppedBits) +
-                      (1 << (kDroppedBits - 1));
+    const auto bits =
+        kMinBits + (static_cast<int32_t>(index) << kDroppedBits) + (1 << (kDroppedBits - 1));
     float light = 0;
     memcpy(&light, &bits, sizeof(light));
     return static_cast<double>(light);

@@ -27,37 +27,34 @@ public:
     void mapRow(const float* const linear[3], int width, uint16_t* const coded[3],
                 Instructions instructions = Instructions::kBest) const;
 
-    // Place of light in tables of kEntries: the upper bits of its floating-point form. Light
-    // outside the range of the tables gets the first or the last place.
-    static uint16_t indexOf(float light) {
-        // As integers, the forms of positive numbers have the order of the numbers.
-        const int32_t bits = std::min(std::max(bitsOf(light), kMinBits), kMaxBits);
-        return static_cast<uint16_t>((bits - kMinBits) >> kDroppedBits);
-    }
-    // The middle of the light that has this index.
-    static double lightAt(size_t index);
-
 private:
-    // 1/16384 and just below 8.
+    // Range of the table: 1/16384, which is black, to just below 8.
     static constexpr int32_t kMinBits = 0x38800000;
     static constexpr int32_t kMaxBits = 0x40ffffff;
     // Nine bits of the mantissa remain: steps of 0.2 percent.
     static constexpr int kDroppedBits = 14;
+    static constexpr size_t kEntries = ((kMaxBits - kMinBits) >> kDroppedBits) + 1;
 
     static int32_t bitsOf(float value) {
         int32_t bits = 0;
         memcpy(&bits, &value, sizeof(bits));
         return bits;
     }
+    // As integers, the forms of positive numbers have the order of the numbers.
+    static uint16_t indexOf(float light) {
+        const int32_t bits =
+            std::min(std::max(bitsOf(light), int32_t{kMinBits}), int32_t{kMaxBits});
+        return static_cast<uint16_t>((bits - kMinBits) >> kDroppedBits);
+    }
+    // The middle of the light that has this index.
+    static double lightAt(size_t index);
 
     QM_AVX2 void mapRowWithAvx2(const float* const linear[3], int width,
                                 uint16_t* const coded[3]) const;
     void mapBlocks(const float* const linear[3], int width, uint16_t* const coded[3]) const;
 
-    std::vector<uint16_t> mCodes;  // output for light between 0 and 1
-
-public:
-    static constexpr size_t kEntries = 17 * 512;
+    // Output for light between 0 and 1, by the upper bits of its floating-point form.
+    std::vector<uint16_t> mCodes;
 };
 
 }  // namespace qmmediaeditor

@@ -329,8 +329,8 @@ bool VideoFrameConverter::prepare(const Source& source, int width, int height) {
         to.transfer_characteristics = ZIMG_TRANSFER_BT709;
         to.color_primaries = ZIMG_PRIMARIES_BT709;
     }
-    const bool sameEvenSize = source.width == width && source.height == height &&
-                              width % 2 == 0 && height % 2 == 0;
+    const bool sameEvenSize =
+        source.width == width && source.height == height && width % 2 == 0 && height % 2 == 0;
     if (isHdrTransfer(source.transfer) && source.pixelFormat == AV_PIX_FMT_YUV420P10 &&
         source.matrix == AVCOL_SPC_BT2020_NCL && sameEvenSize) {
         mHdr = std::make_unique<HdrConverter>(from);
