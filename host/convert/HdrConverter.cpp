@@ -29,10 +29,14 @@ constexpr double kWideRed = 0.2627;
 constexpr double kWideBlue = 0.0593;
 constexpr double kRed = 0.2126;
 constexpr double kBlue = 0.0722;
-// Linear light of BT.2020 primaries to that of BT.709 (ITU-R BT.2087).
-constexpr float kToBt709[3][3] = {{1.6604910f, -0.5876411f, -0.0728499f},
-                                  {-0.1245505f, 1.1328999f, -0.0083494f},
-                                  {-0.0181508f, -0.1005789f, 1.1187297f}};
+// Linear light of BT.2020 primaries to that of BT.709 (ITU-R BT.2087): parts of the other two
+// colours in each. Rows of the matrix add up to 1.
+constexpr float kGreenInRed = -0.5876411f;
+constexpr float kBlueInRed = -0.0728499f;
+constexpr float kRedInGreen = -0.1245505f;
+constexpr float kBlueInGreen = -0.0083494f;
+constexpr float kRedInBlue = -0.0181508f;
+constexpr float kGreenInBlue = -0.1005789f;
 
 // SMPTE ST 2084: nits.
 double lightOfPq(double code) {
@@ -159,6 +163,19 @@ QM_INLINED void toWideRgb(const uint16_t* luma, const int16_t* cb, const int16_t
         red[x] = u16(bounded(r, 0, kLast));
         green[x] = u16(bounded(g, 0, kLast));
         blue[x] = u16(bounded(b, 0, kLast));
+    }
+}
+
+// By differences, so that grey stays exactly neutral.
+QM_INLINED void toBt709(int count, float* __restrict red, float* __restrict green,
+                        float* __restrict blue) {
+    for (int x = 0; x < count; ++x) {
+        const float redToGreen = green[x] - red[x];
+        const float greenToBlue = blue[x] - green[x];
+        const float blueToRed = red[x] - blue[x];
+        red[x] += kGreenInRed * redToGreen - kBlueInRed * blueToRed;
+        green[x] += kBlueInGreen * greenToBlue - kRedInGreen * redToGreen;
+        blue[x] += kRedInBlue * blueToRed - kGreenInBlue * greenToBlue;
     }
 }
 
@@ -318,15 +335,9 @@ QM_INLINED void HdrConverter::makeLight(const uint16_t* luma) {
     float* linear[3];
     for (int i = 0; i < 3; ++i) {
         linear[i] = mLinear[i].data();
-        lookUp(mLight.data(), mCodes[i].data(), mWidth, linear[i]);
+        lookUp(mLight.data(), codes[i], mWidth, linear[i]);
     }
-    for (int x = 0; x < mWidth; ++x) {
-        const float wide[3] = {linear[0][x], linear[1][x], linear[2][x]};
-        for (int i = 0; i < 3; ++i) {
-            linear[i][x] =
-                kToBt709[i][0] * wide[0] + kToBt709[i][1] * wide[1] + kToBt709[i][2] * wide[2];
-        }
-    }
+    toBt709(mWidth, linear[0], linear[1], linear[2]);
 }
 
 QM_INLINED void HdrConverter::writeLuma(const FramePlane& to, int row) {

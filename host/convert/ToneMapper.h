@@ -28,8 +28,8 @@ public:
                 Instructions instructions = Instructions::kBest) const;
 
 private:
-    // Range of the table: 1/16384, which is black, to just below 8.
-    static constexpr int32_t kMinBits = 0x38800000;
+    // Range of the table: 2^-22, less than half an 8-bit code and shown as black, to just below 8.
+    static constexpr int32_t kMinBits = 0x34800000;
     static constexpr int32_t kMaxBits = 0x40ffffff;
     // Nine bits of the mantissa remain: steps of 0.2 percent.
     static constexpr int kDroppedBits = 14;
