@@ -38,14 +38,14 @@ constexpr float kBlueInGreen = -0.0083494f;
 constexpr float kRedInBlue = -0.0181508f;
 constexpr float kGreenInBlue = -0.1005789f;
 
-// SMPTE ST 2084: nits.
+// SMPTE ST 2084, in nits.
 double lightOfPq(double code) {
     const double root = std::pow(code, 32.0 / 2523);
     const double light = std::max(root - 3424.0 / 4096, 0.0) / (2413.0 / 128 - 2392.0 / 128 * root);
     return std::pow(light, 16384.0 / 2610) * 10000;
 }
 
-// ITU-R BT.2100, with a screen of 1000 nits; the system gamma is applied to each component:
+// ITU-R BT.2100, with a screen of 1000 nits; the system gamma is applied to each component. In
 // nits.
 double lightOfHlg(double code) {
     const double scene = code <= 0.5

@@ -2,8 +2,12 @@
 // row: to linear light with a table, to the primaries of BT.709, through ToneMapper, to 8-bit
 // BT.709 with ordered dither. No whole frame lies between them.
 //
-// Chroma is interpolated and reduced with the filters that zimg uses for other formats (cubic, a =
-// -0.5), so that a frame looks the same whichever way it takes. Arithmetic has the same results on
+// Chroma is interpolated to luma's positions by the cubic filter that zimg uses for other formats.
+// The output's chroma is the mean of the six mapped positions around it, those of its own column
+// with twice the weight. A table of the whole mapping, by Y'CbCr, would take as long and be far off
+// at the edges of the gamut of BT.709, where the mapping is steep.
+//
+// Integers or unfused floating-point operations make every step, so that frames are the same on
 // every machine. One thread at a time.
 #pragma once
 
