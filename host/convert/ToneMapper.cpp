@@ -10,32 +10,6 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Less light is black; more light than kMaxLight is treated as kMaxLight.
-constexpr float kMinLight = 1.0f / 16384;
-constexpr float kMaxLight = 7.99f;
-// Nine bits of the mantissa remain: steps of 0.2 percent.
-constexpr uint32_t kDroppedBits = 14;
-
-uint32_t bitsOf(float value) {
-    uint32_t bits = 0;
-    memcpy(&bits, &value, sizeof(bits));
-    return bits;
-}
-
-size_t indexOf(float light) {
-    const float bounded = std::min(std::max(light, kMinLight), kMaxLight);
-    return (bitsOf(bounded) - bitsOf(kMinLight)) >> kDroppedBits;
-}
-
-// The middle of the light that has this index.
-double lightAt(size_t index) {
-    const auto bits = static_cast<uint32_t>(index << kDroppedBits) + bitsOf(kMinLight) +
-                      (1u << (kDroppedBits - 1));
-    float light = 0;
-    memcpy(&light, &bits, sizeof(light));
-    return static_cast<double>(light);
-}
-
 // Most HDR material is mastered for 1000 nits.
 constexpr double kPeak = 1000 / ToneMapper::kWhiteNits;
 // Compression begins here.
@@ -43,43 +17,68 @@ constexpr double kKnee = 0.4;
 constexpr double kScreenGamma = 2.4;
 constexpr double kMaxCode = 65535;
 
-double squared(double value) { return value * value; }
+// Above the knee, a hyperbola that continues with the same slope and reaches 1 at the peak:
+// kScale * (light + kA) / (light + kB).
+constexpr double kA = -kKnee * kKnee * (kPeak - 1) / (kKnee * kKnee - 2 * kKnee + kPeak);
+constexpr double kB = (kKnee * kKnee - 2 * kKnee * kPeak + kPeak) / (kPeak - 1);
+constexpr double kScale = (kB + kKnee) * (kB + kKnee) / (kB - kA);
 
-// Linear up to the knee, then a hyperbola that continues with the same slope and reaches 1 at the
-// peak.
-double compressed(double light) {
-    if (light <= kKnee) return light;
-    const double a = -squared(kKnee) * (kPeak - 1) / (squared(kKnee) - 2 * kKnee + kPeak);
-    const double b = (squared(kKnee) - 2 * kKnee * kPeak + kPeak) / (kPeak - 1);
-    const double scale = (squared(b) + 2 * b * kKnee + squared(kKnee)) / (b - a);
-    return std::min(scale * (light + a) / (light + b), 1.0);
+// The factor that compresses the light of a pixel, by its largest component.
+QM_INLINED float gainOf(float largest) {
+    const float light = std::max(largest, static_cast<float>(kKnee));
+    const float rising = std::min(light, static_cast<float>(kPeak));
+    const float compressed = static_cast<float>(kScale) * (rising + static_cast<float>(kA));
+    const float gain = compressed / ((rising + static_cast<float>(kB)) * light);
+    return largest < static_cast<float>(kKnee) ? 1 : gain;
 }
 
 }  // namespace
 
+double ToneMapper::lightAt(size_t index) {
+    const auto bits =
+        kMinBits + (static_cast<int32_t>(index) << kDroppedBits) + (1 << (kDroppedBits - 1));
+    float light = 0;
+    memcpy(&light, &bits, sizeof(light));
+    return static_cast<double>(light);
+}
+
 ToneMapper::ToneMapper() {
-    const size_t entries = indexOf(kMaxLight) + 1;
-    mGain.resize(entries);
-    mCodes.resize(entries);
-    for (size_t i = 0; i < entries; ++i) {
+    mCodes.resize(kEntries);
+    for (size_t i = 0; i < kEntries; ++i) {
         const double light = lightAt(i);
-        mGain[i] = static_cast<float>(compressed(light) / light);
         const double shown = i == 0 ? 0 : std::min(light, 1.0);
         mCodes[i] = static_cast<uint16_t>(std::pow(shown, 1 / kScreenGamma) * kMaxCode + 0.5);
     }
 }
 
-void ToneMapper::mapRow(const float* const linear[3], int width, uint16_t* const coded[3]) const {
-    const float* gains = mGain.data();
-    const uint16_t* codes = mCodes.data();
-    for (int x = 0; x < width; ++x) {
-        const float red = linear[0][x];
-        const float green = linear[1][x];
-        const float blue = linear[2][x];
-        const float gain = gains[indexOf(std::max(std::max(red, green), blue))];
-        coded[0][x] = codes[indexOf(red * gain)];
-        coded[1][x] = codes[indexOf(green * gain)];
-        coded[2][x] = codes[indexOf(blue * gain)];
+void ToneMapper::mapRow(const float* const linear[3], int width, uint16_t* const coded[3],
+                        Instructions instructions) const {
+    if (shouldUseAvx2(instructions)) return mapRowWithAvx2(linear, width, coded);
+    mapBlocks(linear, width, coded);
+}
+
+void ToneMapper::mapRowWithAvx2(const float* const linear[3], int width,
+                                uint16_t* const coded[3]) const {
+    mapBlocks(linear, width, coded);
+}
+
+// Arithmetic and lookups are loops of their own, because only arithmetic can be vectorised.
+QM_INLINED void ToneMapper::mapBlocks(const float* const linear[3], int width,
+                                      uint16_t* const coded[3]) const {
+    constexpr int kBlock = 256;
+    uint16_t index[3][kBlock];
+    for (int first = 0; first < width; first += kBlock) {
+        const int count = std::min(kBlock, width - first);
+        const float* red = linear[0] + first;
+        const float* green = linear[1] + first;
+        const float* blue = linear[2] + first;
+        for (int x = 0; x < count; ++x) {
+            const float gain = gainOf(std::max(std::max(red[x], green[x]), blue[x]));
+            index[0][x] = indexOf(red[x] * gain);
+            index[1][x] = indexOf(green[x] * gain);
+            index[2][x] = indexOf(blue[x] * gain);
+        }
+        for (int i = 0; i < 3; ++i) lookUp(mCodes.data(), index[i], count, coded[i] + first);
     }
 }
 

@@ -5,8 +5,12 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
 
+#include <algorithm>
 #include <vector>
+
+#include "host/convert/Instructions.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -20,12 +24,37 @@ public:
 
     // Maps one row of linear R, G, B with BT.709 primaries to 16-bit full-range samples for a
     // screen as in ITU-R BT.1886.
-    void mapRow(const float* const linear[3], int width, uint16_t* const coded[3]) const;
+    void mapRow(const float* const linear[3], int width, uint16_t* const coded[3],
+                Instructions instructions = Instructions::kBest) const;
 
 private:
-    // Both tables are indexed by the upper bits of the light's floating-point form.
-    std::vector<float> mGain;      // factor of a pixel, by its largest component
-    std::vector<uint16_t> mCodes;  // output for light between 0 and 1
+    // Range of the table: 2^-22, less than half an 8-bit code and shown as black, to just below 8.
+    static constexpr int32_t kMinBits = 0x34800000;
+    static constexpr int32_t kMaxBits = 0x40ffffff;
+    // Nine bits of the mantissa remain: steps of 0.2 percent.
+    static constexpr int kDroppedBits = 14;
+    static constexpr size_t kEntries = ((kMaxBits - kMinBits) >> kDroppedBits) + 1;
+
+    static int32_t bitsOf(float value) {
+        int32_t bits = 0;
+        memcpy(&bits, &value, sizeof(bits));
+        return bits;
+    }
+    // As integers, the forms of positive numbers have the order of the numbers.
+    static uint16_t indexOf(float light) {
+        const int32_t bits =
+            std::min(std::max(bitsOf(light), int32_t{kMinBits}), int32_t{kMaxBits});
+        return static_cast<uint16_t>((bits - kMinBits) >> kDroppedBits);
+    }
+    // The middle of the light that has this index.
+    static double lightAt(size_t index);
+
+    QM_AVX2 void mapRowWithAvx2(const float* const linear[3], int width,
+                                uint16_t* const coded[3]) const;
+    void mapBlocks(const float* const linear[3], int width, uint16_t* const coded[3]) const;
+
+    // Output for light between 0 and 1, by the upper bits of its floating-point form.
+    std::vector<uint16_t> mCodes;
 };
 
 }  // namespace qmmediaeditor

@@ -53,6 +53,16 @@ bool isPlanar(const AVPixFmtDescriptor& format) {
     return true;
 }
 
+// For frames that isPlanar() is true for, except grey ones.
+FramePlanes planesOf(const AVFrame& frame, const AVPixFmtDescriptor& format) {
+    FramePlanes planes;
+    for (int i = 0; i < 3; ++i) {
+        const int plane = format.comp[i].plane;
+        planes.plane[i] = {frame.data[plane], frame.linesize[plane]};
+    }
+    return planes;
+}
+
 int evenUp(int size) { return size + (size & 1); }
 
 // Three planes in one block, each of an even size.
@@ -206,6 +216,10 @@ bool VideoFrameConverter::convert(const AVFrame& frame, const FramePlanes& to, i
                            chromaLocationOf(frame)};
     if (!prepare(source, width, height)) return false;
 
+    if (mHdr != nullptr) {
+        mHdr->convert(planesOf(frame, format), to);
+        return true;
+    }
     if (mToLinear == nullptr) return read(frame, mGraph.get(), to);
     return read(frame, mToLinear.get(), planesOf(mLinear, width, height)) && mapTones(to);
 }
@@ -215,12 +229,7 @@ bool VideoFrameConverter::read(const AVFrame& frame, ZimgGraph* graph, const Fra
         *av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const bool even = ((frame.width | frame.height) & 1) == 0;
     if (even && isPlanar(format) && !isGrey(format)) {
-        FramePlanes from;
-        for (int i = 0; i < 3; ++i) {
-            const int plane = format.comp[i].plane;
-            from.plane[i] = {frame.data[plane], frame.linesize[plane]};
-        }
-        return graph->process(from, to);
+        return graph->process(planesOf(frame, format), to);
     }
     FrameRows rows(frame, format);
     return graph->process([&rows](int component, int row, int left, int right,
@@ -271,9 +280,10 @@ bool VideoFrameConverter::prepareToneMapping(const zimg_image_format& from,
 
 bool VideoFrameConverter::prepare(const Source& source, int width, int height) {
     if (mSource != nullptr && *mSource == source && mWidth == width && mHeight == height) {
-        return mGraph != nullptr;
+        return mHdr != nullptr || mGraph != nullptr;
     }
     mSource = std::make_unique<Source>(source);
+    mHdr.reset();
     mToLinear.reset();
     mGraph.reset();
     mWidth = width;
@@ -318,6 +328,13 @@ bool VideoFrameConverter::prepare(const Source& source, int width, int height) {
         from.color_primaries = ZIMG_PRIMARIES_BT2020;
         to.transfer_characteristics = ZIMG_TRANSFER_BT709;
         to.color_primaries = ZIMG_PRIMARIES_BT709;
+    }
+    const bool sameEvenSize =
+        source.width == width && source.height == height && width % 2 == 0 && height % 2 == 0;
+    if (isHdrTransfer(source.transfer) && source.pixelFormat == AV_PIX_FMT_YUV420P10 &&
+        source.matrix == AVCOL_SPC_BT2020_NCL && sameEvenSize) {
+        mHdr = std::make_unique<HdrConverter>(from);
+        return true;
     }
     if (isHdrTransfer(source.transfer)) return prepareToneMapping(from, to);
     mGraph = ZimgGraph::build(from, to, {depth > 8 ? ZIMG_DITHER_ORDERED : ZIMG_DITHER_NONE});

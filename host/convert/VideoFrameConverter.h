@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "host/convert/HdrConverter.h"
 #include "host/convert/ToneMapper.h"
 #include "host/convert/ZimgGraph.h"
 
@@ -45,7 +46,8 @@ private:
     int mHeight = 0;
     std::unique_ptr<ZimgGraph> mGraph;
 
-    // For HDR only.
+    // For HDR: of the usual format and of others.
+    std::unique_ptr<HdrConverter> mHdr;
     std::unique_ptr<ZimgGraph> mToLinear;
     std::unique_ptr<ToneMapper> mToneMapper;
     std::vector<float> mLinear;  // R, G and B planes in the size of the output
