@@ -1,8 +1,10 @@
 // Decoded audio without gaps and overlaps, and decoded frames in the component's buffers. Raw audio
 // and video make every value known.
+#include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 #include <string.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "CodecSupport.h"
 #include "host/codec/AudioDecoder.h"
 #include "host/codec/VideoDecoder.h"
+#include "host/convert/FrameScaler.h"
 
 namespace android::qmmediaeditor {
 namespace {
@@ -187,23 +190,23 @@ protected:
         format->setInt32("height", kHeight);
         format->setInt32("frame-rate", 25);
         CodecBuffers buffers;
-        ASSERT_EQ(OK, mDecoder.configure(format, &buffers));
+        ASSERT_EQ(OK, mDecoder->configure(format, &buffers));
     }
 
     void feed(const std::vector<uint8_t>& bytes, int64_t timeUs, bool hasTimestamp = true) {
         CodecInput input = inputOf(bytes, timeUs, mSequencer->segment());
         if (!hasTimestamp) input.info.properties->pts = AV_NOPTS_VALUE;
-        ASSERT_EQ(OK, mDecoder.accept(std::move(input)));
+        ASSERT_EQ(OK, mDecoder->accept(std::move(input)));
     }
     Step drain() {
-        return qmmediaeditor::drain(&mDecoder, [this](const CodecOutput& output) {
+        return qmmediaeditor::drain(&*mDecoder, [this](const CodecOutput& output) {
             mBuffer = output.buffer;
             mTimesUs.push_back(output.timeUs);
         });
     }
     int32_t valueOf(const char* key) {
         int32_t value = 0;
-        EXPECT_TRUE(mDecoder.outputFormat()->findInt32(key, &value)) << key;
+        EXPECT_TRUE(mDecoder->outputFormat()->findInt32(key, &value)) << key;
         return value;
     }
 
@@ -228,7 +231,7 @@ protected:
     }
 
     const sp<OutputSequencer> mSequencer = new OutputSequencer;
-    VideoDecoder mDecoder{nullptr, 1};
+    std::optional<VideoDecoder> mDecoder{std::in_place, nullptr, 1};
     sp<ABuffer> mBuffer;  // of the last output
     std::vector<int64_t> mTimesUs;
 };
@@ -238,7 +241,7 @@ TEST_F(VideoDecoderTest, framesAreDeliveredInTheAnnouncedLayout) {
     const int stride = valueOf("stride");
     const int rows = valueOf("slice-height");
     int32_t left = 1, top = 1, right = 0, bottom = 0;
-    ASSERT_TRUE(mDecoder.outputFormat()->findRect("crop", &left, &top, &right, &bottom));
+    ASSERT_TRUE(mDecoder->outputFormat()->findRect("crop", &left, &top, &right, &bottom));
     EXPECT_EQ(0, left + top);
     EXPECT_EQ(kWidth - 1, right);
     EXPECT_EQ(kHeight - 1, bottom);
@@ -256,6 +259,59 @@ TEST_F(VideoDecoderTest, framesAreDeliveredInTheAnnouncedLayout) {
     });
 }
 
+// The copy and the encoder's input refer to the frame, which stays as it is while the decoder goes
+// on without it.
+TEST_F(VideoDecoderTest, aCopyOfAFrameSharesItsMemory) {
+    configure(AV_PIX_FMT_YUV420P);
+    feed(packet(), 0);
+    drain();
+    const auto* const frame = mBuffer->data();
+    const std::vector<uint8_t> before(frame, frame + mBuffer->size());
+    sp<ABuffer> copy = ABuffer::CreateAsCopy(frame, mBuffer->size());
+    ASSERT_EQ(frame, copy->data());
+    const sp<ABuffer> input = makeEncoderInput(size_t{kWidth * kHeight * 3 / 2});
+    scaleFrame({valueOf("stride"), valueOf("slice-height"), kWidth, kHeight,
+                COLOR_FormatYUV420Planar, frame, kWidth, kHeight, COLOR_FormatYUV420Planar,
+                input->data(), nullptr});
+    Scaled scaled = takeScaled(input->data());
+    ASSERT_EQ(frame, scaled.planes.plane[0].data);
+    EXPECT_EQ(nullptr, takeScaled(input->data()).owner);
+
+    copy.clear();
+    for (int64_t timeUs = 40000; timeUs < 200000; timeUs += 40000) {
+        std::vector<uint8_t> other = packet();
+        for (uint8_t& value : other) value ^= 255;
+        feed(other, timeUs);
+        drain();
+    }
+    EXPECT_TRUE(std::equal(before.begin(), before.end(), frame));
+    const wp<RefBase> owner = scaled.owner;
+    scaled = {};
+    EXPECT_EQ(nullptr, owner.promote());
+}
+
+TEST_F(VideoDecoderTest, aFrameLargerThanTheOutputIsScaledAsTheEncodersInputWouldBe) {
+    constexpr FrameSize kSmall = {640, 26};
+    configure(AV_PIX_FMT_YUV420P);
+    feed(packet(), 0);
+    drain();
+    std::vector<uint8_t> expected(pixelsOf(kSmall) + 2 * pixelsOf(chromaOf(kSmall)));
+    scaleFrame({valueOf("stride"), valueOf("slice-height"), kWidth, kHeight,
+                COLOR_FormatYUV420Planar, mBuffer->data(), kSmall.width, kSmall.height,
+                COLOR_FormatYUV420Planar, expected.data(), nullptr});
+
+    mDecoder.emplace(nullptr, 1, kSmall);
+    configure(AV_PIX_FMT_YUV420P);
+    feed(packet(), 0);
+    drain();
+    const int stride = valueOf("stride");
+    for (int y = 0; y < kSmall.height; ++y) {
+        ASSERT_EQ(0, memcmp(expected.data() + y * kSmall.width, mBuffer->data() + y * stride,
+                            size_t{kSmall.width}))
+            << y;
+    }
+}
+
 TEST_F(VideoDecoderTest, otherPixelFormatsAreConvertedIntoTheSameLayout) {
     configure(AV_PIX_FMT_YUV444P);
     feed(packet(0), 0);
@@ -270,16 +326,16 @@ TEST_F(VideoDecoderTest, framesBeforeTimestamp0AreDroppedAndMissingTimestampsCon
     configure(AV_PIX_FMT_YUV420P);
     for (const int64_t timeUs : {-40000, 0, 40000}) {
         feed(packet(), timeUs);
-        EXPECT_EQ(timeUs, mDecoder.memberState().earliestUs);
+        EXPECT_EQ(timeUs, mDecoder->memberState().earliestUs);
         EXPECT_EQ(Step::kNeedsInput, drain());
-        EXPECT_EQ(OutputSequencer::kNever, mDecoder.memberState().earliestUs);
+        EXPECT_EQ(OutputSequencer::kNever, mDecoder->memberState().earliestUs);
     }
     feed(std::vector<uint8_t>(10, 1), 60000);  // damaged, and skipped
     EXPECT_EQ(Step::kNeedsInput, drain());
     feed(packet(), 80001, false);
     EXPECT_EQ(Step::kNeedsInput, drain());
     EXPECT_EQ((std::vector<int64_t>{0, 40000, 80000}), mTimesUs) << "25 frames per second";
-    EXPECT_EQ(OK, mDecoder.finish());
+    EXPECT_EQ(OK, mDecoder->finish());
     EXPECT_EQ(Step::kEnd, drain());
 }
 
