@@ -4,6 +4,7 @@
 //   pread:7:EIO              the 7th call fails
 //   pread:7+:EIO             the 7th and every later call
 //   pread@65536-131072:EIO   every call that touches these offsets; the second one is excluded
+//   pwrite:7:WAIT            the 7th call waits until the file $QM_FAULT_UNTIL exists
 // The operations are those of kNames. Each includes its 64-bit form, rename includes renameat2,
 // and malloc all functions that allocate.
 // A close that fails closes the descriptor all the same; any other call that fails does nothing.
@@ -45,14 +46,13 @@ enum Operation {
     kClose,
     kRename,
     kLinkat,
-    kFtruncate,
     kMalloc,
     kMmap,
     kPthreadCreate,
     kOperations
 };
-const char* const kNames[] = {"pread",  "pwrite",    "fsync",  "close", "rename",
-                              "linkat", "ftruncate", "malloc", "mmap",  "pthread_create"};
+const char* const kNames[] = {"pread",  "pwrite", "fsync", "close",         "rename",
+                              "linkat", "malloc", "mmap",  "pthread_create"};
 // The library's own calls do not count.
 thread_local bool tInside = false;
 
@@ -61,7 +61,7 @@ struct Fault {
     std::string operation;
     bool byOffset;
     long long first, end;
-    int error;
+    int error;  // 0 waits
 };
 
 // In memory that forked processes share.
@@ -81,6 +81,7 @@ std::vector<Fault>* gFaults = nullptr;
 }
 
 int errorOf(const std::string& name) {
+    if (name == "WAIT") return 0;
     for (int error = 1; error < 200; ++error) {
         if (name == (strerrorname_np(error) ?: "")) return error;
     }
@@ -146,6 +147,10 @@ bool passes(Operation operation, bool chosen, long long offset = 0, size_t size 
         const long long end = fault.byOffset ? offset + static_cast<long long>(size) : number + 1;
         if (fault.operation != kNames[operation] || begin >= fault.end || end <= fault.first)
             continue;
+        if (fault.error == 0) {
+            while (access(getenv("QM_FAULT_UNTIL"), F_OK) != 0) usleep(20000);
+            return true;
+        }
         ++gCounts->failed[operation];
         if (size > 0 && !gCounts->hasFirst.exchange(true)) {
             gCounts->firstOffset = offset;
@@ -191,14 +196,6 @@ int close(int fd) {
     if (passed) return result;
     errno = error;
     return -1;
-}
-
-int ftruncate(int fd, off_t size) noexcept {
-    return passes(kFtruncate, isChosen(fd)) ? REAL(ftruncate)(fd, size) : -1;
-}
-
-int ftruncate64(int fd, off64_t size) noexcept {
-    return passes(kFtruncate, isChosen(fd)) ? REAL(ftruncate64)(fd, size) : -1;
 }
 
 int rename(const char* from, const char* to) noexcept {
