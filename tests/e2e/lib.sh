@@ -96,23 +96,20 @@ with_faults() {
 }
 
 # calls OPERATION: the number of calls in the last command with faults.
-calls() {
-    awk -v operation="$1" '$1 == operation { print $2 }' ../calls
-}
+calls() { awk -v operation="$1" '$1 == operation { print $2 }' ../calls; }
 
 # The number of failed calls in the last command with faults.
-failed_calls() {
-    awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' ../calls
-}
+failed_calls() { awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' ../calls; }
 
 # Exactly these names are in the folder.
 expect_files() {
     expect_equal "files" "$(ls -A)" "$( (($# == 0)) || printf '%s\n' "$@" | sort)"
 }
 
-expect_equal() {
-    [[ $2 == "$3" ]] || fail "$1 is '$2' instead of '$3'"
-}
+# A value of the receipt or the plan.
+field() { jq -r "$1" "$stdout"; }
+
+expect_equal() { [[ $2 == "$3" ]] || fail "$1 is '$2' instead of '$3'"; }
 
 # expect_near WHAT VALUE EXPECTED TOLERANCE
 expect_near() {
@@ -136,9 +133,7 @@ expect_output() {
 }
 
 # show OPTIONS…: the values of what ffprobe is asked for.
-show() {
-    ffprobe -v error -of default=nw=1:nk=1 "$@"
-}
+show() { ffprobe -v error -of default=nw=1:nk=1 "$@"; }
 
 size() { show -select_streams v:0 -show_entries stream=width,height "$1" | paste -sdx; }
 rotation() { show -show_entries stream_side_data=rotation "$1"; }
@@ -157,29 +152,18 @@ tracks() {
 }
 
 # The number of frames that are decoded from a file.
-frames() {
-    show -count_frames -select_streams v:0 -show_entries stream=nb_read_frames "$1"
-}
+frames() { show -count_frames -select_streams v:0 -show_entries stream=nb_read_frames "$1"; }
 
 # The number of video packets of a file.
-packets() {
-    show -count_packets -select_streams v:0 -show_entries stream=nb_read_packets "$1" | head -1
-}
+packets() { show -count_packets -select_streams v:0 -show_entries stream=nb_read_packets "$1" | head -1; }
 
 # The timestamp of each frame in seconds, one per line.
-frame_times() {
-    ffprobe -v error -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 "$1" |
-        tr -d , | grep .
-}
+frame_times() { show -select_streams v:0 -show_entries frame=pts_time "$1" | grep .; }
 
 # packet_times FILE STREAM: "TIMESTAMP,DURATION" of each packet, in seconds.
-packet_times() {
-    ffprobe -v error -select_streams "$2" -show_entries packet=pts_time,duration_time -of csv=p=0 "$1"
-}
+packet_times() { ffprobe -v error -select_streams "$2" -show_entries packet=pts_time,duration_time -of csv=p=0 "$1"; }
 
-quiet_ffmpeg() {
-    ffmpeg -nostdin -y -v error "$@"
-}
+quiet_ffmpeg() { ffmpeg -nostdin -y -v error "$@"; }
 
 # The length of the decoded audio in seconds, without the part that the edit list cuts off.
 audio_seconds() {
@@ -187,9 +171,7 @@ audio_seconds() {
 }
 
 # A checksum of each decoded frame and audio buffer.
-frame_sums() {
-    quiet_ffmpeg -i "$1" -f framemd5 - | grep -v '^#'
-}
+frame_sums() { quiet_ffmpeg -i "$1" -f framemd5 - | grep -v '^#'; }
 
 # Every frame can be decoded, without any message of the decoder.
 expect_clean() {
@@ -228,10 +210,8 @@ finish() {
     wait "$pid" || status=$?
 }
 
-# interrupt_at PERCENT ARGUMENTS…: sends a signal when this part of the input has been read.
-interrupt_at() {
-    start "${@:2}"
-    wait_for_progress "$1"
+# Requests a stop of the command and waits for it.
+interrupt() {
     kill -INT "$pid"
     finish
     expect_equal "status ($said)" "$status" 130
