@@ -33,13 +33,10 @@ run_case() {
 
 # as_ordinary_user CASE: runs another case without root's right to write everywhere.
 as_ordinary_user() {
-    if ((EUID == 0)); then
-        setpriv --bounding-set=-dac_override true 2>/dev/null ||
-            skip "root may write everywhere here and cannot give that right up"
-        setpriv --bounding-set=-dac_override "$case_script" "$1"
-    else
-        "$case_script" "$1"
-    fi
+    local without=(setpriv --bounding-set=-dac_override)
+    ((EUID == 0)) || without=()
+    "${without[@]}" true 2>/dev/null || skip "root may write everywhere here and cannot give that right up"
+    "${without[@]}" "$case_script" "$1"
 }
 
 # wait_until COMMAND…: until it succeeds.
