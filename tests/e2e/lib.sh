@@ -39,14 +39,18 @@ as_ordinary_user() {
     "${without[@]}" "$case_script" "$1"
 }
 
-# wait_until COMMAND…: until it succeeds.
+# wait_until COMMAND…: until it succeeds, for $patience seconds at most.
+patience=60
 wait_until() {
-    local end=$((SECONDS + 60))
+    local end=$((SECONDS + patience))
     until "$@"; do
-        ((SECONDS < end)) || fail "not in 60 s: $*"
+        ((SECONDS < end)) || fail "not in $patience s: $*"
         sleep 0.02
     done
 }
+
+# Whether the process $worker has ended; also while its new parent has not reaped it yet.
+has_ended() { [[ -z $worker ]] || ! grep -q '^State:.[^Z]' "/proc/$worker/status" 2>/dev/null; }
 
 # attempt ARGUMENTS…: runs the command. Sets `status`, and `said` to its standard error.
 attempt() {
