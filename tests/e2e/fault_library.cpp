@@ -4,6 +4,7 @@
 //   pread:7:EIO              the 7th call fails
 //   pread:7+:EIO             the 7th and every later call
 //   pread@65536-131072:EIO   every call that touches these offsets; the second one is excluded
+//   pwrite:7:WAIT            the 7th call waits until the file $QM_FAULT_UNTIL exists
 // The operations are those of kNames. Each includes its 64-bit form, rename includes renameat2,
 // and malloc all functions that allocate.
 // A close that fails closes the descriptor all the same; any other call that fails does nothing.
@@ -34,25 +35,14 @@
 #include <iterator>
 #include <regex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
 
-enum Operation {
-    kPread,
-    kPwrite,
-    kFsync,
-    kClose,
-    kRename,
-    kLinkat,
-    kFtruncate,
-    kMalloc,
-    kMmap,
-    kPthreadCreate,
-    kOperations
-};
-const char* const kNames[] = {"pread",  "pwrite",    "fsync",  "close", "rename",
-                              "linkat", "ftruncate", "malloc", "mmap",  "pthread_create"};
+constexpr std::string_view kNames[] = {"pread",  "pwrite", "fsync", "close",         "rename",
+                                       "linkat", "malloc", "mmap",  "pthread_create"};
+constexpr size_t kOperations = std::size(kNames);
 // The library's own calls do not count.
 thread_local bool tInside = false;
 
@@ -61,7 +51,7 @@ struct Fault {
     std::string operation;
     bool byOffset;
     long long first, end;
-    int error;
+    int error;  // 0 waits
 };
 
 // In memory that forked processes share.
@@ -81,6 +71,7 @@ std::vector<Fault>* gFaults = nullptr;
 }
 
 int errorOf(const std::string& name) {
+    if (name == "WAIT") return 0;
     for (int error = 1; error < 200; ++error) {
         if (name == (strerrorname_np(error) ?: "")) return error;
     }
@@ -97,7 +88,7 @@ __attribute__((constructor)) void setUp() {
     std::string text = getenv("QM_FAULT") ?: "";
     for (std::smatch m; !text.empty(); text = m.suffix()) {
         if (!std::regex_search(text, m, syntax, std::regex_constants::match_continuous) ||
-            std::find(std::begin(kNames), std::end(kNames), m[1]) == std::end(kNames)) {
+            std::find(std::begin(kNames), std::end(kNames), m[1].str()) == std::end(kNames)) {
             refuse(text);
         }
         const bool byOffset = m[5].matched;
@@ -116,8 +107,8 @@ __attribute__((destructor)) void report() {
     gCounts->counting = false;
     FILE* file = fopen(path, "w");
     if (file == nullptr) abort();
-    for (int i = 0; i < kOperations; ++i) {
-        fprintf(file, "%s %lld %lld\n", kNames[i], +gCounts->calls[i], +gCounts->failed[i]);
+    for (size_t i = 0; i < kOperations; ++i) {
+        fprintf(file, "%s %lld %lld\n", kNames[i].data(), +gCounts->calls[i], +gCounts->failed[i]);
     }
     if (gCounts->hasFirst) {
         fprintf(file, "first %lld %lld\n", +gCounts->firstOffset, +gCounts->firstSize);
@@ -138,14 +129,18 @@ bool isChosen(int fd) {
 }
 
 // Counts a call. False, with errno set, when it is to fail.
-bool passes(Operation operation, bool chosen, long long offset = 0, size_t size = 0) {
+bool passes(std::string_view name, bool chosen, long long offset = 0, size_t size = 0) {
     if (gCounts == nullptr || !gCounts->counting || !chosen || tInside) return true;
+    const auto operation = std::find(kNames, std::end(kNames), name) - kNames;
     const long long number = ++gCounts->calls[operation];
     for (const Fault& fault : *gFaults) {
         const long long begin = fault.byOffset ? offset : number;
         const long long end = fault.byOffset ? offset + static_cast<long long>(size) : number + 1;
-        if (fault.operation != kNames[operation] || begin >= fault.end || end <= fault.first)
-            continue;
+        if (fault.operation != name || begin >= fault.end || end <= fault.first) continue;
+        if (fault.error == 0) {
+            while (access(getenv("QM_FAULT_UNTIL"), F_OK) != 0) usleep(20000);
+            return true;
+        }
         ++gCounts->failed[operation];
         if (size > 0 && !gCounts->hasFirst.exchange(true)) {
             gCounts->firstOffset = offset;
@@ -177,15 +172,15 @@ static void* find(const char* name) {
 
 extern "C" {
 
-TRANSFER(pread, kPread, void*, off_t)
-TRANSFER(pread64, kPread, void*, off64_t)
-TRANSFER(pwrite, kPwrite, const void*, off_t)
-TRANSFER(pwrite64, kPwrite, const void*, off64_t)
+TRANSFER(pread, "pread", void*, off_t)
+TRANSFER(pread64, "pread", void*, off64_t)
+TRANSFER(pwrite, "pwrite", const void*, off_t)
+TRANSFER(pwrite64, "pwrite", const void*, off64_t)
 
-int fsync(int fd) { return passes(kFsync, isChosen(fd)) ? REAL(fsync)(fd) : -1; }
+int fsync(int fd) { return passes("fsync", isChosen(fd)) ? REAL(fsync)(fd) : -1; }
 
 int close(int fd) {
-    const bool passed = passes(kClose, isChosen(fd));
+    const bool passed = passes("close", isChosen(fd));
     const int error = errno;
     const int result = REAL(close)(fd);
     if (passed) return result;
@@ -193,25 +188,17 @@ int close(int fd) {
     return -1;
 }
 
-int ftruncate(int fd, off_t size) noexcept {
-    return passes(kFtruncate, isChosen(fd)) ? REAL(ftruncate)(fd, size) : -1;
-}
-
-int ftruncate64(int fd, off64_t size) noexcept {
-    return passes(kFtruncate, isChosen(fd)) ? REAL(ftruncate64)(fd, size) : -1;
-}
-
 int rename(const char* from, const char* to) noexcept {
-    return passes(kRename, isChosen(from) || isChosen(to)) ? REAL(rename)(from, to) : -1;
+    return passes("rename", isChosen(from) || isChosen(to)) ? REAL(rename)(from, to) : -1;
 }
 
 int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) noexcept {
-    if (!passes(kRename, isChosen(from) || isChosen(to))) return -1;
+    if (!passes("rename", isChosen(from) || isChosen(to))) return -1;
     return REAL(renameat2)(fromDir, from, toDir, to, flags);
 }
 
 int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
-    if (!passes(kLinkat, isChosen(from) || isChosen(to))) return -1;
+    if (!passes("linkat", isChosen(from) || isChosen(to))) return -1;
     return REAL(linkat)(fromDir, from, toDir, to, flags);
 }
 
@@ -221,18 +208,18 @@ void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
 // Not by dlsym(), which allocates.
-void* malloc(size_t size) { return passes(kMalloc, true) ? __libc_malloc(size) : nullptr; }
+void* malloc(size_t size) { return passes("malloc", true) ? __libc_malloc(size) : nullptr; }
 
 void* calloc(size_t count, size_t size) {
-    return passes(kMalloc, true) ? __libc_calloc(count, size) : nullptr;
+    return passes("malloc", true) ? __libc_calloc(count, size) : nullptr;
 }
 
 void* realloc(void* memory, size_t size) {
-    return passes(kMalloc, true) ? __libc_realloc(memory, size) : nullptr;
+    return passes("malloc", true) ? __libc_realloc(memory, size) : nullptr;
 }
 
 void* memalign(size_t alignment, size_t size) {
-    return passes(kMalloc, true) ? __libc_memalign(alignment, size) : nullptr;
+    return passes("malloc", true) ? __libc_memalign(alignment, size) : nullptr;
 }
 
 void* aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
@@ -244,7 +231,7 @@ int posix_memalign(void** memory, size_t alignment, size_t size) {
 
 void* mmap64(void* address, size_t size, int protection, int flags, int fd,
              off64_t offset) noexcept {
-    if (!passes(kMmap, true)) return MAP_FAILED;
+    if (!passes("mmap", true)) return MAP_FAILED;
     return REAL(mmap64)(address, size, protection, flags, fd, offset);
 }
 
@@ -254,7 +241,7 @@ void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t 
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                    void* argument) noexcept {
-    if (!passes(kPthreadCreate, true)) return errno;
+    if (!passes("pthread_create", true)) return errno;
     return REAL(pthread_create)(thread, attributes, run, argument);
 }
 

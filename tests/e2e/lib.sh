@@ -1,10 +1,12 @@
 # shellcheck shell=bash
 # Functions that the test cases share. Sourced by each script, which ends with: run_case "$@"
-# Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips; FAULT_LIBRARY, for faulty().
+# Given from outside: QMTRANSCODE, the command; CLIPS, the folder of test clips; FAULT_LIBRARY, for with_faults().
 set -euo pipefail
 # Independent of the caller's: ls, wc and numbers follow the locale, and script(1) runs $SHELL.
 export LC_ALL=C.UTF-8 SHELL=/bin/bash
 case_script=$(realpath "$0")
+# The command and its options under which the next command runs.
+under=()
 
 fail() {
     echo "FAILED: $*" >&2
@@ -17,89 +19,98 @@ skip() {
     exit 77
 }
 
-# Runs the case in an empty folder of its own, whose name has a space so that every case covers that.
+# Runs the case in an empty folder, whose path has a space so that every case covers that. The output of the commands
+# goes to the files $stdout and $stderr beside the folder.
 run_case() {
     case_folder=$(mktemp -d "${TMPDIR:-/tmp}/qm test.XXXXXX")
     trap 'chmod -R u+w "$case_folder" && rm -rf "$case_folder"' EXIT
-    cd "$case_folder"
+    stdout=$case_folder/stdout
+    stderr=$case_folder/stderr
+    mkdir "$case_folder/work"
+    cd "$case_folder/work"
     "case_$1"
 }
 
 # as_ordinary_user CASE: runs another case without root's right to write everywhere.
 as_ordinary_user() {
-    if ((EUID == 0)); then
-        setpriv --bounding-set=-dac_override true 2>/dev/null ||
-            skip "root may write everywhere here and cannot give that right up"
-        setpriv --bounding-set=-dac_override "$case_script" "$1"
-    else
-        "$case_script" "$1"
-    fi
+    local without=(setpriv --bounding-set=-dac_override)
+    ((EUID == 0)) || without=()
+    "${without[@]}" true 2>/dev/null || skip "root may write everywhere here and cannot give that right up"
+    "${without[@]}" "$case_script" "$1"
+}
+
+# wait_until COMMAND…: until it succeeds, for $patience seconds at most.
+patience=60
+wait_until() {
+    local end=$((SECONDS + patience))
+    until "$@"; do
+        ((SECONDS < end)) || fail "not in $patience s: $*"
+        sleep 0.02
+    done
+}
+
+# Whether the process $worker has ended; also while its new parent has not reaped it yet.
+has_ended() { [[ -z $worker ]] || ! grep -q '^State:.[^Z]' "/proc/$worker/status" 2>/dev/null; }
+
+# attempt ARGUMENTS…: runs the command. Sets `status`, and `said` to its standard error.
+attempt() {
+    status=0
+    timeout 60 "${under[@]}" "$QMTRANSCODE" "$@" >"$stdout" 2>"$stderr" </dev/null || status=$?
+    said=$(<"$stderr")
 }
 
 # transcode INPUT OUTPUT [OPTIONS]: must succeed and print nothing on standard error.
 transcode() {
-    "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || fail "status $? of: $* ($(cat stderr))"
-    [[ ! -s stderr ]] || fail "unexpected on standard error: $(cat stderr)"
-    rm stdout stderr
+    attempt "$@"
+    [[ $status == 0 && -z $said ]] || fail "status $status of: $* ($said)"
 }
 
-# expect_refused STATUS SUBJECT ARGUMENTS…: fails with that status and one line that names the subject.
-expect_refused() {
-    local expected=$1 subject=$2 status=0
-    shift 2
-    timeout 60 "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || status=$?
-    local said
-    said=$(cat stderr)
-    [[ $status == "$expected" ]] || fail "status $status instead of $expected: $* ($said)"
-    [[ $(wc -l <stderr) == 1 ]] || fail "not exactly one line: $said"
-    [[ $said == "qmtranscode: "*"$subject"?* ]] || fail "no subject '$subject' or reason: $said"
-    [[ ! -s stdout ]] || fail "unexpected on standard output: $(cat stdout)"
-    rm stdout stderr
-}
-
-# faulty FAULTS TEXT ARGUMENTS…: runs the command with faults in the files whose names contain the text; see
-# fault_library.cpp. Sets `status`, and leaves the output in stdout and stderr.
-faulty() {
-    local faults=$1 text=$2
-    shift 2
-    # LD_PRELOAD splits at spaces, so the library is loaded by a path that has none.
-    [[ -e fault.so ]] || cp "$FAULT_LIBRARY" fault.so
-    status=0
-    timeout 60 env LD_PRELOAD=./fault.so QM_FAULT="$faults" QM_FAULT_FILE="$text" QM_FAULT_COUNT=calls \
-        "$QMTRANSCODE" "$@" >stdout 2>stderr </dev/null || status=$?
-}
-
-# calls OPERATION: the number of calls in the last `faulty` command.
-calls() {
-    awk -v operation="$1" '$1 == operation { print $2 }' calls
-}
-
-# The number of failed calls in the last `faulty` command.
-failed_calls() {
-    awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' calls
-}
-
-# expect_failure SUBJECT: the last `faulty` command ended with status 1 and one line that names the subject.
+# expect_failure STATUS SUBJECT: the last command ended with that status and one line that names the subject.
 expect_failure() {
-    local said
-    said=$(cat stderr)
-    [[ $status == 1 ]] || fail "status $status instead of 1 ($said)"
-    [[ $(wc -l <stderr) == 1 ]] || fail "not exactly one line: $said"
-    [[ $said == "qmtranscode: "*"$1"?* ]] || fail "no subject '$1' or reason: $said"
-    [[ ! -s stdout ]] || fail "unexpected on standard output: $(cat stdout)"
+    [[ $status == "$1" ]] || fail "status $status instead of $1 ($said)"
+    [[ $said != *$'\n'* && $said == "qmtranscode: "*"$2"?* ]] || fail "not one line with '$2' and a reason: $said"
+    [[ ! -s $stdout ]] || fail "unexpected on standard output: $(<"$stdout")"
 }
+
+# expect_refused STATUS SUBJECT ARGUMENTS…
+expect_refused() {
+    attempt "${@:3}"
+    expect_failure "$1" "$2"
+}
+
+# expect_lines FILE PATTERN…: some line of the file matches each pattern.
+expect_lines() {
+    local pattern
+    for pattern in "${@:2}"; do
+        grep -qE -e "$pattern" "$1" || fail "no '$pattern' in: $(<"$1")"
+    done
+}
+
+# with_faults FAULTS TEXT FUNCTION…: the command runs with faults in the files whose names contain the text; see
+# fault_library.cpp. WAIT lasts until $case_folder/go exists.
+with_faults() {
+    # LD_PRELOAD splits at spaces, so the library is loaded by a path that has none.
+    [[ -e ../fault.so ]] || cp "$FAULT_LIBRARY" ../fault.so
+    local under=(env LD_PRELOAD=../fault.so QM_FAULT="$1" QM_FAULT_FILE="$2" QM_FAULT_COUNT=../calls
+        QM_FAULT_UNTIL="$case_folder/go")
+    "${@:3}"
+}
+
+# calls OPERATION: the number of calls in the last command with faults.
+calls() { awk -v operation="$1" '$1 == operation { print $2 }' ../calls; }
+
+# The number of failed calls in the last command with faults.
+failed_calls() { awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' ../calls; }
 
 # Exactly these names are in the folder.
 expect_files() {
-    local found expected
-    found=$(find . -mindepth 1 -maxdepth 1 -printf '%f\n' | sort | tr '\n' ' ')
-    expected=$( (($# == 0)) || printf '%s\n' "$@" | sort | tr '\n' ' ')
-    [[ $found == "$expected" ]] || fail "files are '$found' instead of '$expected'"
+    expect_equal "files" "$(ls -A)" "$( (($# == 0)) || printf '%s\n' "$@" | sort)"
 }
 
-expect_equal() {
-    [[ $2 == "$3" ]] || fail "$1 is '$2' instead of '$3'"
-}
+# A value of the receipt or the plan.
+field() { jq -r "$1" "$stdout"; }
+
+expect_equal() { [[ $2 == "$3" ]] || fail "$1 is '$2' instead of '$3'"; }
 
 # expect_near WHAT VALUE EXPECTED TOLERANCE
 expect_near() {
@@ -107,15 +118,33 @@ expect_near() {
         fail "$1 is '$2' instead of $3 ± $4"
 }
 
-# probe FILE STREAM ENTRY: a stream's entry, such as width of v:0.
-probe() {
-    ffprobe -v error -select_streams "$2" -show_entries "stream=$3" -of default=nw=1:nk=1 "$1"
+# expect_output FILE WHAT=VALUE[~TOLERANCE]…: what the functions below find in the file.
+expect_output() {
+    local what value found
+    for what in "${@:2}"; do
+        value=${what#*=}
+        what=${what%%=*}
+        found=$("$what" "$1")
+        if [[ $value == *~* ]]; then
+            expect_near "$what of $1" "$found" "${value%~*}" "${value#*~}"
+        else
+            expect_equal "$what of $1" "$found" "$value"
+        fi
+    done
 }
 
-# file_entry FILE SECTION=ENTRY: such as format=duration.
-file_entry() {
-    ffprobe -v error -show_entries "$2" -of default=nw=1:nk=1 "$1"
-}
+# show OPTIONS…: the values of what ffprobe is asked for.
+show() { ffprobe -v error -of default=nw=1:nk=1 "$@"; }
+
+size() { show -select_streams v:0 -show_entries stream=width,height "$1" | paste -sdx; }
+rotation() { show -show_entries stream_side_data=rotation "$1"; }
+rate() { show -select_streams a:0 -show_entries stream=sample_rate "$1"; }
+channels() { show -select_streams a:0 -show_entries stream=channels "$1"; }
+video_bitrate() { show -select_streams v:0 -show_entries stream=bit_rate "$1"; }
+audio_bitrate() { show -select_streams a:0 -show_entries stream=bit_rate "$1"; }
+video_seconds() { show -select_streams v:0 -show_entries stream=duration "$1"; }
+seconds() { show -show_entries format=duration "$1"; }
+brand() { show -show_entries format_tags=major_brand "$1" | head -c 2; }
 
 # "video/h264 audio/aac", in the order of the file.
 tracks() {
@@ -124,41 +153,32 @@ tracks() {
 }
 
 # The number of frames that are decoded from a file.
-frames() {
-    ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
-        -of default=nw=1:nk=1 "$1"
-}
+frames() { show -count_frames -select_streams v:0 -show_entries stream=nb_read_frames "$1"; }
 
 # The number of video packets of a file.
-packets() {
-    ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets \
-        -of default=nw=1:nk=1 "$1" | head -1
-}
+packets() { show -count_packets -select_streams v:0 -show_entries stream=nb_read_packets "$1" | head -1; }
 
 # The timestamp of each frame in seconds, one per line.
-frame_times() {
-    ffprobe -v error -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 "$1" |
-        tr -d , | grep .
-}
+frame_times() { show -select_streams v:0 -show_entries frame=pts_time "$1" | grep .; }
+
+# packet_times FILE STREAM: "TIMESTAMP,DURATION" of each packet, in seconds.
+packet_times() { ffprobe -v error -select_streams "$2" -show_entries packet=pts_time,duration_time -of csv=p=0 "$1"; }
+
+quiet_ffmpeg() { ffmpeg -nostdin -y -v error "$@"; }
 
 # The length of the decoded audio in seconds, without the part that the edit list cuts off.
 audio_seconds() {
-    ffmpeg -nostdin -v error -i "$1" -map a:0 -f s16le -ac 1 -ar 8000 - | wc -c |
-        awk '{ printf "%.3f", $1 / 16000 }'
+    quiet_ffmpeg -i "$1" -map a:0 -f s16le -ac 1 -ar 8000 - | wc -c | awk '{ printf "%.3f", $1 / 16000 }'
 }
+
+# A checksum of each decoded frame and audio buffer.
+frame_sums() { quiet_ffmpeg -i "$1" -f framemd5 - | grep -v '^#'; }
 
 # Every frame can be decoded, without any message of the decoder.
 expect_clean() {
-    local said
-    said=$(ffmpeg -nostdin -v error -xerror -i "$1" -f null - 2>&1) || fail "$1 does not decode: $said"
-    [[ -z $said ]] || fail "$1 decodes with complaints: $said"
-}
-
-# The average brightness of each frame, rounded, one per line.
-brightness() {
-    ffmpeg -nostdin -v error -i "$1" -map v:0 \
-        -vf signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=- -f null - |
-        sed -n 's/.*YAVG=//p' | awk '{ printf "%d\n", $1 + 0.5 }'
+    local complaints
+    complaints=$(quiet_ffmpeg -xerror -i "$1" -f null - 2>&1) || fail "$1 does not decode: $complaints"
+    [[ -z $complaints ]] || fail "$1 decodes with complaints: $complaints"
 }
 
 # loudness FILE START: the mean volume in dB of 0.8 s from there.
@@ -167,18 +187,13 @@ loudness() {
         sed -n 's/.*mean_volume: \(.*\) dB/\1/p'
 }
 
-# start ARGUMENTS…: runs the command in the background. Its standard error can be read from descriptor 3.
+# start ARGUMENTS…: transcodes the long clip in the background. Its standard error can be read from descriptor 3.
 start() {
-    mkfifo pipe
-    "$QMTRANSCODE" "$CLIPS/long.mp4" out.mp4 --progress json "$@" >stdout 2>pipe </dev/null &
+    rm -f ../pipe
+    mkfifo ../pipe
+    "${under[@]}" "$QMTRANSCODE" "$CLIPS/long.mp4" out.mp4 --progress json "$@" >"$stdout" 2>../pipe </dev/null &
     pid=$!
-    exec 3<pipe
-    rm pipe
-}
-
-# Links the library here for LD_PRELOAD=./slow_disk.so, because the loader splits LD_PRELOAD at spaces.
-link_slow_disk() {
-    ln -s "$SLOW_DISK" slow_disk.so
+    exec 3<../pipe
 }
 
 wait_for_progress() {
@@ -192,8 +207,13 @@ wait_for_progress() {
 # finish: waits for the command; sets `status`, and `said` to its messages.
 finish() {
     status=0
-    cat <&3 >stderr
+    said=$(grep -v progress <&3) || true
     wait "$pid" || status=$?
-    said=$(grep -v progress stderr || true)
-    rm stderr
+}
+
+# Requests a stop of the command and waits for it.
+interrupt() {
+    kill -INT "$pid"
+    finish
+    expect_equal "status ($said)" "$status" 130
 }
