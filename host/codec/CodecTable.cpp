@@ -90,17 +90,58 @@ constexpr AvcLevel kAvcLevels[] = {
     {AVCLevel51, 51, 983040, 36864, 240000000}, {AVCLevel52, 52, 2073600, 36864, 240000000},
 };
 
-bool allows(const AvcLevel& level, const AvcDemand& demand) {
-    const int64_t columns = (demand.width + 15) / 16;
-    const int64_t rows = (demand.height + 15) / 16;
-    const int64_t macroblocks = columns * rows;
+// Limits of MPEG-4 and H.263, in rising order.
+struct Level {
+    int number;
+    int64_t maxMacroblocksPerSecond;
+    int64_t maxMacroblocks;
+    int64_t maxBitRate;  // bits per second
+};
+
+constexpr Level kMpeg4Levels[] = {
+    {1, 1485, 99, 64000},      {2, 5940, 396, 128000},    {3, 11880, 396, 384000},
+    {4, 36000, 1200, 4000000}, {5, 40500, 1620, 8000000}, {6, 108000, 3600, 12000000},
+};
+
+constexpr Level kH263Levels[] = {
+    {10, 1485, 99, 64000},       {20, 5940, 396, 128000},   {30, 11880, 396, 384000},
+    {40, 11880, 396, 2048000},   {50, 19800, 396, 4096000}, {60, 39600, 810, 8192000},
+    {70, 81000, 1620, 16384000},
+};
+
+struct Macroblocks {
+    explicit Macroblocks(const VideoDemand& demand)
+        : columns((demand.width + 15) / 16), rows((demand.height + 15) / 16) {}
+
+    int64_t count() const { return columns * rows; }
+
+    int64_t columns;
+    int64_t rows;
+};
+
+template <typename AnyLevel>
+bool allowsRates(const AnyLevel& level, const VideoDemand& demand) {
+    const int64_t macroblocks = Macroblocks(demand).count();
+    return macroblocks <= level.maxMacroblocks && demand.maxBitRate <= level.maxBitRate &&
+           static_cast<double>(macroblocks) * demand.frameRate <=
+               static_cast<double>(level.maxMacroblocksPerSecond);
+}
+
+bool allows(const AvcLevel& level, const VideoDemand& demand) {
+    const Macroblocks macroblocks(demand);
     // No side may be longer than eight times the square root of the largest frame.
     const auto longestSide =
         static_cast<int64_t>(std::sqrt(static_cast<double>(level.maxMacroblocks) * 8));
-    return macroblocks <= level.maxMacroblocks && columns <= longestSide && rows <= longestSide &&
-           static_cast<double>(macroblocks) * demand.frameRate <=
-               static_cast<double>(level.maxMacroblocksPerSecond) &&
-           demand.maxBitRate <= level.maxBitRate;
+    return allowsRates(level, demand) && macroblocks.columns <= longestSide &&
+           macroblocks.rows <= longestSide;
+}
+
+template <size_t N>
+int lowestLevel(const Level (&levels)[N], const VideoDemand& demand) {
+    for (const Level& level : levels) {
+        if (allowsRates(level, demand)) return level.number;
+    }
+    return levels[N - 1].number;
 }
 
 }  // namespace
@@ -262,12 +303,16 @@ const char* avcProfileName(int32_t profileBit) {
     }
 }
 
-int avcLevelFor(int32_t levelBit, const AvcDemand& demand) {
+int avcLevelFor(int32_t levelBit, const VideoDemand& demand) {
     for (const AvcLevel& level : kAvcLevels) {
         if (level.bit == levelBit) return allows(level, demand) ? level.idc : 0;
     }
     return 0;
 }
+
+int mpeg4LevelFor(const VideoDemand& demand) { return lowestLevel(kMpeg4Levels, demand); }
+
+int h263LevelFor(const VideoDemand& demand) { return lowestLevel(kH263Levels, demand); }
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -65,8 +65,8 @@ const AVCodec* encoderOf(const AString& mime);
 // The name of an AVC profile bit in x264's words; null for a profile that is not encoded here.
 const char* avcProfileName(int32_t profileBit);
 
-// Demands on an AVC encoder, as far as a level limits them.
-struct AvcDemand {
+// Demands on a video encoder, as far as a level limits them.
+struct VideoDemand {
     int width = 0;
     int height = 0;
     double frameRate = 0;    // frames per second
@@ -75,7 +75,12 @@ struct AvcDemand {
 
 // The level_idc of an AVC level bit (41 for level 4.1), or 0 when the level is unknown or does not
 // allow the demand (ITU-T H.264, annex A).
-int avcLevelFor(int32_t levelBit, const AvcDemand& demand);
+int avcLevelFor(int32_t levelBit, const VideoDemand& demand);
+// The lowest level that allows the demand, else the highest: the low four bits of
+// profile_and_level_indication for MPEG-4 Simple profile (ISO/IEC 14496-2, annex N), and the level
+// of H.263 (ITU-T H.263, annex X).
+int mpeg4LevelFor(const VideoDemand& demand);
+int h263LevelFor(const VideoDemand& demand);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -227,6 +227,11 @@ void VideoEncoder::setParameters(const Settings& settings) {
         // These two and their rate control count in frames.
         context->time_base = av_inv_q(context->framerate);
     }
+    if (context->codec_id == AV_CODEC_ID_MPEG4) context->level = mpeg4LevelFor(demandOf(settings));
+}
+
+VideoDemand VideoEncoder::demandOf(const Settings& settings) const {
+    return {settings.width, settings.height, settings.frameRate, mEncoder.context()->rc_max_rate};
 }
 
 // The exact rate of the input, unless frames are to be left out.
@@ -252,13 +257,8 @@ bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** option
     set = set && av_dict_set(options, "x264-params", parameters.c_str(), 0) >= 0;
     const char* profile = avcProfileName(settings.profileBit);
     if (profile != nullptr) set = set && av_dict_set(options, "profile", profile, 0) >= 0;
-    AvcDemand demand;
-    demand.width = settings.width;
-    demand.height = settings.height;
-    demand.frameRate = settings.frameRate;
-    demand.maxBitRate = mEncoder.context()->rc_max_rate;
     mEncoder.context()->level = FF_LEVEL_UNKNOWN;
-    if (const int level = avcLevelFor(settings.levelBit, demand); level != 0) {
+    if (const int level = avcLevelFor(settings.levelBit, demandOf(settings)); level != 0) {
         mEncoder.context()->level = level;
     }
     return set;

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/codec/CodecBackend.h"
+#include "host/codec/CodecTable.h"
 #include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/convert/ZimgGraph.h"
@@ -44,6 +45,7 @@ private:
 
     void setParameters(const Settings& settings);
     FrameRate frameRateOf(const Settings& settings) const;
+    VideoDemand demandOf(const Settings& settings) const;
     // False when memory is short.
     bool setAvcOptions(const Settings& settings, AVDictionary** options) const;
     Timestamp timestampOf(int64_t timeUs);

@@ -22,6 +22,9 @@ constexpr int64_t kLargeHeaderBytes = 16;
 constexpr int kMaxChildren = 1000;
 constexpr int64_t kTableHeaderBytes = 8;
 constexpr int64_t kTimeEntryBytes = 8;
+// Fields of a sample entry in front of its boxes.
+constexpr int64_t kAudioEntryBytes = 28;
+constexpr int64_t kVisualEntryBytes = 78;
 // A variable-rate track has an entry for each frame: ten days at 30 frames per second.
 constexpr int64_t kMaxTimeEntries = INT64_C(1) << 24;
 
@@ -375,6 +378,38 @@ TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file) {
         }
     }
     return result;
+}
+
+status_t completeSampleEntries(DescriptorFile* file, int h263Level) {
+    const int64_t movieOffset = readTopLevelBoxes(*file).movieOffset;
+    const std::optional<IsoBox> movie = readBox(*file, movieOffset, file->sizeBytes());
+    if (!movie) return OK;
+    int64_t offset = movie->payloadOffset;
+    while (const std::optional<IsoBox> track = readBox(*file, offset, movie->endOffset)) {
+        offset = track->endOffset;
+        const std::optional<IsoBox> descriptions =
+            findPath(*file, *track,
+                     {fourCc('m', 'd', 'i', 'a'), fourCc('m', 'i', 'n', 'f'),
+                      fourCc('s', 't', 'b', 'l'), fourCc('s', 't', 's', 'd')});
+        if (!descriptions) continue;
+        std::optional<IsoBox> entry = readBox(
+            *file, descriptions->payloadOffset + kTableHeaderBytes, descriptions->endOffset);
+        if (!entry) continue;
+        status_t result = OK;
+        if (entry->type == fourCc('s', 'a', 'w', 'b')) {
+            entry->payloadOffset += kAudioEntryBytes;
+            const auto specific = findChild(*file, *entry, fourCc('g', 'l', 'b', 'l'));
+            if (specific) result = file->writeAt(specific->offset + 4, "damr", 4);
+        } else if (entry->type == fourCc('s', '2', '6', '3')) {
+            entry->payloadOffset += kVisualEntryBytes;
+            const auto specific = findChild(*file, *entry, fourCc('d', '2', '6', '3'));
+            const auto level = static_cast<uint8_t>(h263Level);
+            // Behind the vendor and the version of the decoder.
+            if (specific) result = file->writeAt(specific->payloadOffset + 5, &level, 1);
+        }
+        if (result != OK) return result;
+    }
+    return OK;
 }
 
 std::vector<uint8_t> makeUuidBoxes(const uint8_t* data, size_t size) {

@@ -37,6 +37,11 @@ std::vector<IsoTrackLength> readTrackLengths(const DescriptorFile& file, int64_t
 // could take any amount of memory. Nothing for a file that is no ISO file, or that cannot be read.
 std::optional<std::string> checkSampleTables(const DescriptorFile& file);
 
+// Completes the sample entries that libavformat leaves incomplete, in a finished file that is open
+// for writing and readable: the box of AMR-WB gets its type 'damr', and that of H.263 its level
+// (3GPP TS 26.244, 6.5 and 6.8). OK also when there is nothing to do.
+status_t completeSampleEntries(DescriptorFile* file, int h263Level);
+
 // The uuid boxes at the top level (4.2 and 11.1) travel as one buffer, "uuid-data", from the
 // extractor to the writer. For one box that is its 16-byte type followed by its payload. For
 // several, or for one whose content looks like boxes, it is the complete boxes with their headers.

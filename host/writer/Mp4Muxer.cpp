@@ -8,6 +8,8 @@
 #include <optional>
 #include <utility>
 
+#include "host/io/IsoBoxes.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -33,6 +35,7 @@ constexpr int kDefaultFrameRate = 30;
 // other, so that only a track with a long pause reaches it.
 constexpr size_t kMaxHeldBytes = 16 << 20;
 constexpr int kIoBufferBytes = 256 * 1024;
+constexpr char kEncoderName[] = "libQmMediaEdit_Transcode " QM_VERSION;
 
 const CodecInfo* findCodec(const MetaDataBase& format) {
     const char* mime = nullptr;
@@ -87,11 +90,18 @@ void setVideoParameters(const MetaDataBase& format, AVCodecParameters* parameter
     parameters->profile = 0;
 }
 
-void setAudioParameters(const MetaDataBase& format, const CodecInfo& codec,
+// Payload of the box 'damr' (3GPP TS 26.244, 6.7): vendor, version of the decoder, the modes that
+// may occur (all of AMR-WB's), and one frame in a sample.
+constexpr uint8_t kAmrWbSpecificData[] = {'q', 'm', 't', 'c', 0, 0x83, 0xff, 0, 1};
+
+// False when memory is short.
+bool setAudioParameters(const MetaDataBase& format, const CodecInfo& codec,
                         AVCodecParameters* parameters) {
     parameters->sample_rate = intOf(format, kKeySampleRate);
     av_channel_layout_default(&parameters->ch_layout, intOf(format, kKeyChannelCount));
     parameters->frame_size = codec.frameSamples;
+    if (parameters->codec_id != AV_CODEC_ID_AMR_WB) return true;
+    return setExtradata(kAmrWbSpecificData, sizeof(kAmrWbSpecificData), parameters);
 }
 
 bool isComplete(const AVCodecParameters& parameters) {
@@ -133,8 +143,8 @@ status_t Mp4Muxer::addTrack(const MetaDataBase& format) {
     track.frameRate = intOf(format, kKeyFrameRate);
     if (isVideo(*parameters)) {
         setVideoParameters(format, parameters);
-    } else {
-        setAudioParameters(format, *codec, parameters);
+    } else if (!setAudioParameters(format, *codec, parameters)) {
+        return NO_MEMORY;
     }
     if (!isComplete(*parameters)) return ERROR_MALFORMED;
     mTracks.push_back(std::move(track));
@@ -162,6 +172,8 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     context->flags &= ~AVFMT_FLAG_AUTO_BSF;
     const int videoTicks =
         videoTicksPerSecond(mSession == nullptr ? std::nullopt : mSession->frameRate());
+    // Without it libavformat writes an empty list of properties, which some checkers reject.
+    if (av_dict_set(&context->metadata, "encoding_tool", kEncoderName, 0) < 0) return NO_MEMORY;
     for (Track& track : mTracks) {
         const status_t result = addStream(&track, rotationDegrees, videoTicks);
         if (result != OK) return result;
@@ -311,10 +323,22 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
         avio_write(io, boxes.data(), static_cast<int>(boxes.size()));
     }
     avio_flush(mIo->context());
+    if (mError == OK) keep(completeEntries());
     keep(mOutput->finish());
     // The session has no other way to hear of a decoder that failed after it took its last input.
     if (mError == OK && mSession != nullptr && mSession->hasLoss()) return ERROR_MALFORMED;
     return mError;
+}
+
+status_t Mp4Muxer::completeEntries() {
+    VideoDemand demand;
+    for (const Track& track : mTracks) {
+        if (!isVideo(*track.parameters)) continue;
+        demand = {track.parameters->width, track.parameters->height,
+                  static_cast<double>(track.frameRate), track.parameters->bit_rate};
+    }
+    if (!needs3gp() || !mOutput->makeReadable()) return OK;
+    return completeSampleEntries(mOutput.get(), h263LevelFor(demand));
 }
 
 // libavformat reads the samples back to put the movie box in front of them.

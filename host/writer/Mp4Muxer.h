@@ -74,6 +74,8 @@ private:
     void endAt(size_t index, int64_t endUs) REQUIRES(mLock);
     void cutStoppedTracks() REQUIRES(mLock);
     status_t writeSettled() REQUIRES(mLock);
+    // Writes what libavformat leaves out of the sample entries of 3GP files.
+    status_t completeEntries() REQUIRES(mLock);
     status_t keep(int result) REQUIRES(mLock);
 
     // libavformat's callbacks, during the calls to it.

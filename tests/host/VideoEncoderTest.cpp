@@ -115,7 +115,7 @@ TEST_F(VideoEncoderTest, sizesBeyondTheCodecsLimitsAreRefused) {
 TEST(AvcLevelTest, aLevelHoldsWhatTheStandardSays) {
     constexpr int kLevel31 = 512;
     constexpr int kLevel40 = 2048;
-    const AvcDemand hd = {1280, 720, 30, 14000000};
+    const VideoDemand hd = {1280, 720, 30, 14000000};
     EXPECT_EQ(31, avcLevelFor(kLevel31, hd));
     EXPECT_EQ(40, avcLevelFor(kLevel40, hd));
     EXPECT_EQ(0, avcLevelFor(kLevel31, {1280, 720, 30.1, 14000000})) << "macroblocks per second";
