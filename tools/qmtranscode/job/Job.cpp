@@ -183,6 +183,7 @@ Receipt Job::makeReceipt() const {
     receipt.statistics = mStatistics;
     receipt.video = mObserver->video();
     receipt.audio = mObserver->audio();
+    receipt.threads = mHost.threads;
     receipt.wallSeconds = mWallSeconds;
     receipt.contents = readOutput(mOutput.fd());
     return receipt;

@@ -194,6 +194,7 @@ std::string toJson(const Receipt& receipt) {
                  {"bytes", contents.media.sizeBytes},
                  {"tracks", tracksOf(receipt)},
                  {"periods", periodsOf(receipt)},
+                 {"threads", receipt.threads},
                  {"damaged_samples", skippedPackets(receipt)},
                  {"uuid_data", nullptr}};
     if (!contents.media.uuidData.empty()) {

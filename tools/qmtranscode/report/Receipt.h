@@ -24,6 +24,7 @@ struct Receipt {
     RunStatistics statistics;
     TrackCodecs video;
     TrackCodecs audio;
+    int threads = 0;  // of each video codec
     // Of the output; nothing when nothing was written.
     std::optional<OutputContents> contents;
     double wallSeconds = 0;
