@@ -67,7 +67,7 @@ TEST_F(DecoderDrainTest, aTimeOutStillReleasesIndexZeroAndSeesAStop) {
     prepareDrain();
     mVideoDecoder->outputResult(-EAGAIN);
     EXPECT_EQ(-EAGAIN, drain(kVideo));
-    EXPECT_EQ(1u, mVideoDecoder->strayReleases());
+    EXPECT_EQ(1u, mJournal.count("decoder video/avc stray release"));
 
     mVideoDecoder->outputResult(-EAGAIN);
     mJournal.on("Transcode: decoder output -EAGAIN:-11:[R:-11]",
