@@ -82,7 +82,7 @@ status_t ScriptedCodec::end(const char* operation) {
 template <typename Ready>
 status_t ScriptedCodec::await(Guard& guard, Calls& calls, const Ready& ready) {
     const auto mayReturn = [&] { return !calls.holdCalls && (mStopped || ready()); };
-    if (!mayReturn() && mIdle == Idle::kTryAgain && !calls.holdCalls) return -EAGAIN;
+    if (!mayReturn() && !mBlocking && !calls.holdCalls) return -EAGAIN;
     ++calls.waiting;
     mChanged.notify_all();
     mChanged.wait(guard, mayReturn);

@@ -1,8 +1,8 @@
 // A codec that does what a test told it. Any thread.
 //
 // An input buffer is free again as soon as it was queued. Output comes from the script, or with
-// echo() from the input. A dequeue that finds nothing waits for the script, or with
-// kTryAgain returns -EAGAIN at once; stop() and release() make it fail.
+// echo() from the input. A dequeue that finds nothing waits for the script; stop() and release()
+// make it fail.
 #pragma once
 
 #include <fakes/Journal.h>
@@ -21,8 +21,6 @@ class ScriptedCodec : public MediaCodec {
 public:
     typedef std::vector<uint8_t> Bytes;
 
-    enum class Idle { kBlock, kTryAgain };
-
     struct Queued {
         Bytes bytes;
         int64_t timeUs;
@@ -35,7 +33,8 @@ public:
     // The script: set-up.
     void setInputBuffers(size_t count, size_t bytes);
     void setOutputBuffers(size_t count, size_t bytes);
-    void setIdle(Idle idle) { change(mIdle, idle); }
+    // Whether a dequeue that finds nothing waits, instead of returning -EAGAIN.
+    void setBlocking(bool blocking) { change(mBlocking, blocking); }
     void echo() { change(mEcho, true); }
     // Operation `operation` returns `status` from its call number `fromCall` on.
     void fail(const std::string& operation, status_t status, size_t fromCall = 1);
@@ -162,7 +161,7 @@ private:
     std::vector<Queued> mQueued;
     sp<AMessage> mOutputFormat;
     sp<AMessage> mConfiguredFormat;
-    Idle mIdle = Idle::kBlock;
+    bool mBlocking = true;
     bool mEcho = false;
     Calls mInputCalls;
     Calls mOutputCalls;

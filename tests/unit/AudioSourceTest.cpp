@@ -46,19 +46,6 @@ TEST_F(AudioSourceTest, codecDataAndAacProfileAreToldOnlyWhenThereAreAny) {
     }
 }
 
-TEST_F(AudioSourceTest, anEffectIsOnlyLogged) {
-    AudioAttribute a = AudioKind::attribute();
-    a.mHasEffect = true;
-    a.mEffectInfo.mWords[0] = 42;
-    restart(a);
-    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "AudioInfo : hasEffect[1][42]"));
-    EXPECT_TRUE(logged(ANDROID_LOG_INFO, "unsupport audio effect 1"));
-    for (int i = 0; i < 10; ++i) pushDecoded(i);
-    Background decoder([&] { pushDecoded(10); });
-    EXPECT_TRUE(waitFor("waiting @ mDecoderBufferReturnedCond in pushDecodedBuffer2 [11]"));
-    mSource->stop();
-}
-
 TEST_F(AudioSourceTest, outputTimeIsTheRunningSumOfPcm) {
     AudioAttribute a = AudioKind::attribute();
     EXPECT_EQ((Times{0, 10666, 21332, 31998}), timesOf(a, 2048, 4)) << "each step truncated";
@@ -159,18 +146,6 @@ TEST_F(AudioSourceTest, pcmThatCannotBeConvertedEndsTheRun) {
         EXPECT_TRUE(mEncoder->queued().empty());
         EXPECT_EQ(1u, mJournal.linesOf("converter allocateBuff").size()) << "it is not tried again";
         EXPECT_EQ(0u, mPlatform.converter().allocations);
-    }
-}
-
-TEST_F(AudioSourceTest, writerBuffersCarryTimesAndFlags) {
-    startWithPool();
-    for (const uint32_t flags : {0u, 2u}) {
-        pushEncoded(3, flags);
-        EXPECT_EQ(OK, readOne());
-        EXPECT_EQ(flags == 2 ? 1 : 0, mRead.config);
-        EXPECT_EQ(1, mRead.sync) << "every audio sample is one";
-        EXPECT_EQ(120000, mRead.timeUs);
-        EXPECT_EQ(0, mRead.decodingTimeUs);
     }
 }
 

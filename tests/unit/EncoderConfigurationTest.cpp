@@ -226,13 +226,4 @@ TEST_F(EncoderConfigurationTest, theFileIsToldItsTypeAndRotation) {
     }
 }
 
-TEST_F(EncoderConfigurationTest, theTrimPolicyIsOff) {
-    mPlatform.extractor().addTrack(audioFormat());
-    session().mPTrimEnabled = true;
-    session().mVideoAttribute.mPTrim = 1;
-    EXPECT_EQ(0, session().createModule());
-    EXPECT_FALSE(session().mPTrimEnabled);
-    EXPECT_EQ(0, session().mVideoAttribute.mPTrim);
-}
-
 }  // namespace android::qmmediaeditor

@@ -13,7 +13,6 @@ template <class Kind>
 class EncoderThreadTest : public SourceTest<Kind> {
 protected:
     typedef std::vector<std::string> Lines;
-    typedef ScriptedCodec::Bytes Bytes;
 
     auto& thread() { return *this->mSource->mMediaEncoderThread; }
     static std::string encoderLine(const char* operation) {
@@ -298,17 +297,6 @@ TYPED_TEST(EncoderThreadTest, aPortThatIsToExitTakesNothingAndDoesNotWait) {
 }
 
 class VideoEncoderThreadTest : public EncoderThreadTest<VideoKind> {};
-
-TEST_F(VideoEncoderThreadTest, decodingTimesGoUpByOneFrameOfTheOutput) {
-    restart();
-    mEncoder->frame(Bytes(8, 1), 1000);
-    mEncoder->frame(Bytes(8, 2), 500000);
-    mEncoder->frame({}, 0, 4);
-    awaitOutputEnd();
-    ASSERT_EQ(2u, mSource->mEncodedSamples.size());
-    const auto second = ++mSource->mEncodedSamples.begin();
-    EXPECT_EQ(1000 + mSource->mFrameIntervalUs, second->mDecodingTimeUs);
-}
 
 TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastFrameAgain) {
     restart();

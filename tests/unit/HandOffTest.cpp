@@ -262,16 +262,19 @@ TYPED_TEST(HandOffTest, eachPayloadIsCopiedWholeFromItsOffsetOrRefused) {
     }
 }
 
-TYPED_TEST(HandOffTest, withoutABufferForTheWriterAReadFails) {
-    this->mSource->start();
-    this->pushEncoded(0);
-    EXPECT_EQ(-1011, this->readOne());
-    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "MediaBufferGroup is null"));
-    this->mSource->mCore.makePool(1024);
+TYPED_TEST(HandOffTest, writerBuffersCarryTimesAndFlags) {
+    this->startWithPool();
+    for (const int flags : {0, 1, 2, 3}) {
+        this->pushEncoded(3 * flags + 3, static_cast<uint32_t>(flags));
+        EXPECT_EQ(OK, this->readOne());
+        EXPECT_EQ(TypeParam::kIsAudio ? 1 : flags & 1, this->mRead.sync) << "every audio sample is";
+        EXPECT_EQ(flags >> 1, this->mRead.config) << flags;
+        EXPECT_EQ((3 * flags + 3) * 40000, this->mRead.timeUs);
+        EXPECT_EQ(TypeParam::kIsAudio ? 0 : this->mRead.timeUs, this->mRead.decodingTimeUs);
+    }
     this->pushEncoded(1);
     this->mSource->mEncodedSamples.begin()->mSize = size_t{PTRDIFF_MAX} + 1;
-    EXPECT_EQ(NO_MEMORY, this->readOne());
-    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "Error was returned:[-12]"));
+    EXPECT_EQ(NO_MEMORY, this->readOne()) << "without a buffer a read fails";
 }
 
 }  // namespace android::qmmediaeditor

@@ -12,13 +12,7 @@ namespace android::qmmediaeditor {
 
 class MainLoopTest : public SessionTest {
 protected:
-    void SetUp() override {
-        prepareEchoes();
-        // As the real ones: a dequeue without output comes back.
-        for (const auto* decoder : {&mAudioDecoder, &mVideoDecoder}) {
-            (*decoder)->setIdle(ScriptedCodec::Idle::kTryAgain);
-        }
-    }
+    void SetUp() override { prepareEchoes(); }
     void stopAt(const std::string& line) {
         mJournal.on(line, [this] { session().forceStop(); });
     }
@@ -209,7 +203,11 @@ const RunEnd kRunEnds[] = {
     {"encodedVideoThatCannotBeCopied", 30, -1130,
      [](T& t) { t.mVideoEncoder->setOutputBuffers(4, kFrameBytes - 1); }},
     {"pcmThatDoesNotFitTheEncoder", 30, -1130,
-     [](T& t) { t.mAudioEncoder->setInputBuffers(4, kPcmBytes - 1); }},
+     [](T& t) {
+         t.mAudioEncoder->setInputBuffers(4, kPcmBytes - 1);
+         t.mJournal.on("encoder audio/mp4a-latm queueInputBuffer 192 0 0",
+                       [] { ADD_FAILURE() << "it was queued all the same"; });
+     }},
     {"frameThatDoesNotFitTheEncoder", 30, -1130,
      [](T& t) { t.mVideoEncoder->setInputBuffers(4, kFrameBytes - 1); }},
     {"encoderThatCannotBeHad", 30, -1130, [](T& t) { t.mPlatform.refuseCodec(kAvc, true); }},

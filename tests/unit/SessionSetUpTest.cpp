@@ -27,22 +27,6 @@ protected:
     }
 };
 
-TEST_F(SessionSetUpTest, aFreshSessionTouchesNothing) {
-    EXPECT_EQ(-1, session().mAudioAttribute.mAudioTrackIndex);
-    EXPECT_EQ(-1, session().mVideoTrackIndex);
-    mSession.reset();
-    EXPECT_EQ(logged().size(), mJournal.lines().size()) << "no platform object was asked for";
-}
-
-TEST_F(SessionSetUpTest, aProgressOffsetBeyondAHundredCountsAsNone) {
-    const std::pair<uint32_t, int32_t> table[] = {{0, 0}, {100, 100}, {101, 0}, {4294967295u, 0}};
-    for (const auto& [requested, kept] : table) {
-        mRequest.mProgressOffset = requested;
-        mSession.reset();
-        EXPECT_EQ(kept, session().mProgressOffset) << requested;
-    }
-}
-
 TEST_F(SessionSetUpTest, moduleCreationTakesTheOutputAndMeasuresTheInput) {
     prepareEchoes();
     const int output = mRequest.mOutputFd;

@@ -67,21 +67,6 @@ TEST_F(TrackSelectionTest, theFirstUsableTrackOfEachKindIsChosen) {
     }
 }
 
-TEST_F(TrackSelectionTest, decodersAreConfiguredButNotStarted) {
-    Selection selection(&mRequest);
-    selection.addTrack(kAac);
-    const sp<AMessage> video = selection.addTrack(kAvc);
-    EXPECT_EQ(0, selection.run());
-    EXPECT_EQ((Lines{"extractor setDataSource 0 0", "platform createCodec audio/mp4a-latm decoder",
-                     "decoder audio/mp4a-latm configure 0", "extractor selectTrack 0",
-                     "platform createCodec video/avc decoder", "decoder video/avc configure 0",
-                     "extractor selectTrack 1"}),
-              selection.platform.journal().lines());
-    int32_t colorFormat = 0;
-    EXPECT_TRUE(video->findInt32("color-format", &colorFormat));
-    EXPECT_EQ(19, colorFormat);
-}
-
 TEST_F(TrackSelectionTest, theDurationIsTheLongestOfTheSelectedTracks) {
     for (const int64_t audioUs : {5000000, 2000000}) {
         Selection selection(&mRequest);
@@ -109,6 +94,7 @@ TEST_F(TrackSelectionTest, decodersAreToldWhatTheTrackNeeds) {
         selection.decoder = selection.platform.decoder(kAvc);
         EXPECT_EQ(0, selection.run());
         EXPECT_EQ(type, selection.told("dither-type"));
+        EXPECT_EQ(19, selection.told("color-format"));
     }
     EXPECT_EQ(2u, mJournal.count("Transcode: isHDR - I420"));
 }

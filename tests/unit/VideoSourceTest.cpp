@@ -106,18 +106,6 @@ TEST_F(VideoSourceTest, decodingTimesGoUpAndNeverPassThePresentationTime) {
     }
 }
 
-TEST_F(VideoSourceTest, writerBuffersCarryThePresentationTimeTwice) {
-    startWithPool();
-    for (const int flags : {0, 1, 2, 3}) {
-        pushEncoded(3 * flags + 3, static_cast<uint32_t>(flags));
-        EXPECT_EQ(OK, readOne());
-        EXPECT_EQ(flags & 1, mRead.sync) << flags;
-        EXPECT_EQ(flags >> 1, mRead.config) << flags;
-        EXPECT_EQ((3 * flags + 3) * 40000, mRead.timeUs);
-        EXPECT_EQ(mRead.timeUs, mRead.decodingTimeUs) << "whatever was stamped";
-    }
-}
-
 TEST_F(VideoSourceTest, enablingAgainStartsAfresh) {
     restart();
     pushFrame(900000);
