@@ -56,6 +56,8 @@ TEST_F(EncoderConfigurationTest, audioFollowsTheInputUnlessARequestSaysOtherwise
         {{}, encoder(5), kAac, {12800, 8000, 1, 16, 39}},
         {{{"aac-profile", 5}}, encoder(6), kAac, {12800, 8000, 1, 16, 5}},
     };
+    mRequest.mHasAudioEffect = true;
+    mRequest.mAudioEffectParam = 13;
     for (const auto& row : table) {
         const AudioAttribute a = audio(row.track, row.request);
         const auto line = &row - table;
@@ -64,24 +66,11 @@ TEST_F(EncoderConfigurationTest, audioFollowsTheInputUnlessARequestSaysOtherwise
                                                       a.mBitsPerSample, a.mAacProfile}))
             << line;
         EXPECT_EQ(48000, a.mInputSampleRate) << line;
+        EXPECT_TRUE(a.mHasEffect) << line;
+        EXPECT_EQ(13, a.mEffectParam) << line;
         EXPECT_EQ(2, a.mInputChannelCount) << line;
         EXPECT_EQ(row.request == nullptr || row.request == other, a.mCsd == nullptr) << line;
     }
-}
-
-TEST_F(EncoderConfigurationTest, theHostsParametersArePassedOn) {
-    mRequest.mHasAudioEffect = true;
-    mRequest.mAudioEffectInfo.mWords[1] = 12;
-    mRequest.mAudioEffectParam = 13;
-    mRequest.mVideoParam1.mWords[0] = 14;
-    mRequest.mVideoParam2 = 15;
-    const AudioAttribute a = audio({}, nullptr);
-    EXPECT_TRUE(a.mHasEffect);
-    EXPECT_EQ(12, a.mEffectInfo.mWords[1]);
-    EXPECT_EQ(13, a.mEffectParam);
-    const VideoAttribute v = video({});
-    EXPECT_EQ(14, v.mSurfaceParam1.mWords[0]);
-    EXPECT_EQ(15, v.mSurfaceParam2);
 }
 
 TEST_F(EncoderConfigurationTest, videoFollowsTheInputUnlessARequestSaysOtherwise) {
@@ -105,6 +94,8 @@ TEST_F(EncoderConfigurationTest, videoFollowsTheInputUnlessARequestSaysOtherwise
         {{{"bitrate", 5}}, request({{"video-encoder", 5}}), kAvc, {16, 16, 15, 5}},
         {{}, whole, "video/mp4v-es", {8, 4, 24, 9000}},
     };
+    mRequest.mVideoParam1.mWords[0] = 14;
+    mRequest.mVideoParam2 = 15;
     for (const auto& row : table) {
         const VideoAttribute v = video(row.track, row.request);
         const auto line = &row - table;
@@ -113,6 +104,8 @@ TEST_F(EncoderConfigurationTest, videoFollowsTheInputUnlessARequestSaysOtherwise
                                                       v.mOutputFrameRate, v.mBitrate}))
             << line;
         EXPECT_EQ(1, v.mIFrameInterval) << line;
+        EXPECT_EQ(14, v.mSurfaceParam1.mWords[0]) << line;
+        EXPECT_EQ(15, v.mSurfaceParam2) << line;
         EXPECT_EQ(19, v.mColorFormat) << line;
     }
 }

@@ -92,7 +92,7 @@ TYPED_TEST(HandOffTest, aProducerThatIsWokenBeforeItsBatchIsGoneWaitsAgain) {
         return std::make_pair(this->encodedCount(), this->decodedCount());
     };
     for (size_t left = 11; left > 0; --left) {
-        for (int i = 0; i < 200; ++i) {
+        for (int i = 0; i < 20; ++i) {
             ASSERT_EQ(std::make_pair(left, left), sizes());
             sched_yield();
         }
@@ -165,7 +165,7 @@ TYPED_TEST(HandOffTest, aReaderThatIsWokenWithNothingToReadWaitsAgain) {
     this->startWithPool();
     Background writer([&] { EXPECT_EQ(OK, this->readOne()); });
     EXPECT_TRUE(this->waitFor("waiting @ read()"));
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 20; ++i) {
         Mutex::Autolock guard(this->mSource->mEncodedLock);
         this->mSource->mFrameAvailableCond.broadcast();
         sched_yield();

@@ -75,6 +75,17 @@ TEST_F(MainLoopTest, aTrackWithoutOutputEndsTheFileAllTheSame) {
     expectNoHang();
 }
 
+TEST_F(MainLoopTest, aFormatChangeThatComesLateLosesNothing) {
+    addSamples(0, 20);
+    mVideoDecoder->clearOutput();
+    mJournal.on("decoder video/avc queueInputBuffer 384 600000 0", [this] {
+        mVideoDecoder->formatChange(videoFormat({{"color-format", 19}}));
+    });
+    EXPECT_EQ(0, run());
+    EXPECT_EQ(20u, mPlatform.writer().samples(0).size());
+    expectNoHang();
+}
+
 TEST_F(MainLoopTest, aStopBeforeTheWriterStartsLeavesItAlone) {
     const std::pair<const char*, const char*> table[] = {
         {"Transcode: doTranscode Start", "Force stop before decoder start"},

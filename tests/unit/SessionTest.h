@@ -60,7 +60,6 @@ protected:
     void awaitEncoders() { awaitEncodersOf(session()); }
     static void awaitEncodersOf(Transcode& session);
 
-    Lines logged(const std::string& tag = "Transcode") const { return mLog.texts(tag); }
     bool logged(int priority, const std::string& text) const {
         return mLog.contains(priority, "Transcode", text);
     }
