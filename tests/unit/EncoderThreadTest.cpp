@@ -173,13 +173,13 @@ TYPED_TEST(EncoderThreadTest, theOutputLoopGoesOnAfterChangesAndTimeOutsUntilThe
 }
 
 TYPED_TEST(EncoderThreadTest, anEncoderThatFailsStopsTheSource) {
-    const auto refuseInput = [this](size_t fromCall) {
-        this->mEncoder->fail("queueInputBuffer", -5, fromCall);
+    const auto refuseInput = [this](size_t fromCall, status_t err) {
+        this->mEncoder->fail("queueInputBuffer", err, fromCall);
         this->mEncoder->holdInput(false);
     };
     const std::function<void()> faults[] = {
         [&] { this->mEncoder->inputResult(-38); }, [&] { this->mEncoder->outputResult(-5); },
-        [&] { refuseInput(1); }, [&] { refuseInput(2); }};  // the end
+        [&] { refuseInput(1, -5); }, [&] { refuseInput(2, -6); }};  // the end
     for (const auto& fault : faults) {
         this->restart();
         this->pushDecoded(0);
@@ -190,6 +190,7 @@ TYPED_TEST(EncoderThreadTest, anEncoderThatFailsStopsTheSource) {
         EXPECT_EQ(-1011, this->pushDecoded(1));
     }
     EXPECT_TRUE(this->threadLogged(ANDROID_LOG_WARN, "thread stop by error[-5]"));
+    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_WARN, "thread stop by error[-6]"));
 }
 
 TYPED_TEST(EncoderThreadTest, stoppingTheEncoderEndsBothPortsWithoutAFailure) {
