@@ -43,12 +43,4 @@ bool LogCapture::contains(int priority, const std::string& tag, const std::strin
     return false;
 }
 
-std::vector<std::string> LogCapture::texts(const std::string& tag) const {
-    std::vector<std::string> found;
-    for (const Line& line : lines()) {
-        if (line.tag == tag) found.push_back(line.text);
-    }
-    return found;
-}
-
 }  // namespace android::qmmediaeditor

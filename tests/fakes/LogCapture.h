@@ -26,7 +26,6 @@ public:
 
     std::vector<Line> lines() const;
     bool contains(int priority, const std::string& tag, const std::string& text) const;
-    std::vector<std::string> texts(const std::string& tag) const;
     bool waitFor(const std::string& tag, const std::string& text, size_t times = 1) const {
         return mJournal->waitFor(tag + ": " + text, times);
     }

@@ -19,18 +19,15 @@ public:
         size_t track;
         int64_t timeUs;
         std::vector<uint8_t> bytes;
-        bool sync = true;
-        int64_t durationUs = 0;
     };
 
     explicit ScriptedExtractor(Journal* journal);
 
-    // The index of the new track.
-    size_t addTrack(const sp<AMessage>& format);
+    void addTrack(const sp<AMessage>& format) { mTracks.push_back(format); }
     void addSample(const Sample& sample) { mSamples.push_back(sample); }
     const sp<AMessage>& fileFormat() const { return mFileFormat; }
     // Operation `operation` returns `status` whenever it is called.
-    void fail(const std::string& operation, status_t status) { mFailures[operation] = status; }
+    void fail(const std::string& operation, status_t status) { mResults[operation] = status; }
 
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
     size_t countTracks() override { return mTracks.size(); }
@@ -42,18 +39,16 @@ public:
     status_t getSampleTime(int64_t* timeUs) override;
     status_t getSampleMeta(sp<MetaData>* meta) override;
     status_t advance() override;
-    // To the last sync sample at or before `timeUs`.
+    // To the last sample at or before `timeUs`.
     status_t seekTo(int64_t timeUs, SeekMode mode) override;
 
 private:
-    status_t result(const char* operation) const;
-
     Journal* const mJournal;
     std::vector<sp<AMessage>> mTracks;
     sp<AMessage> mFileFormat = new AMessage;
     std::vector<Sample> mSamples;
     size_t mNext = 0;
-    std::map<std::string, status_t> mFailures;
+    std::map<std::string, status_t> mResults;
 };
 
 }  // namespace android::qmmediaeditor

@@ -46,16 +46,12 @@ ScriptedPlatform::~ScriptedPlatform() {
 }
 
 sp<ScriptedCodec> ScriptedPlatform::prepare(const std::string& mime, bool encoder) {
+    // As the real ones: a decoder's dequeue comes back.
     sp<ScriptedCodec> codec =
         new ScriptedCodec((encoder ? "encoder " : "decoder ") + mime, &mJournal);
-    std::lock_guard<std::mutex> guard(mLock);
+    codec->setBlocking(encoder);
     mCodecs[{mime, encoder}].push_back(codec);
     return codec;
-}
-
-void ScriptedPlatform::refuseCodec(const std::string& mime, bool encoder) {
-    std::lock_guard<std::mutex> guard(mLock);
-    mRefused.insert({mime, encoder});
 }
 
 sp<MediaCodec> ScriptedPlatform::createCodec(const sp<ALooper>& looper, const AString& mime,
@@ -65,17 +61,11 @@ sp<MediaCodec> ScriptedPlatform::createCodec(const sp<ALooper>& looper, const AS
     const bool running = looper->start() != OK;
     mJournal.add("platform createCodec " + kind.first + (encoder ? " encoder" : " decoder") +
                  (running ? "" : " without a looper"));
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        if (mRefused.count(kind) != 0) return nullptr;
-        std::deque<sp<ScriptedCodec>>& prepared = mCodecs[kind];
-        if (!prepared.empty()) {
-            const sp<ScriptedCodec> next = prepared.front();
-            prepared.pop_front();
-            return next;
-        }
-    }
-    return new ScriptedCodec((encoder ? "encoder " : "decoder ") + kind.first, &mJournal);
+    if (mRefused.count(kind) != 0) return nullptr;
+    if (mCodecs[kind].empty()) prepare(kind.first, encoder);
+    const sp<ScriptedCodec> next = mCodecs[kind].front();
+    mCodecs[kind].pop_front();
+    return next;
 }
 
 sp<MediaWriter> ScriptedPlatform::createWriter(int) {

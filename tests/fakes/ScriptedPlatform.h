@@ -56,7 +56,7 @@ public:
     sp<ScriptedCodec> decoder(const std::string& mime) { return prepare(mime, false); }
     sp<ScriptedCodec> encoder(const std::string& mime) { return prepare(mime, true); }
     // No codec of that kind can be had.
-    void refuseCodec(const std::string& mime, bool encoder);
+    void refuseCodec(const std::string& mime, bool encoder) { mRefused.insert({mime, encoder}); }
 
     // A dither type, or -1 for a device that does not dither.
     void setDitherType(int type) { mDitherType = type; }
@@ -86,9 +86,10 @@ private:
     sp<ScriptedAudioConverter> mConverter = new ScriptedAudioConverter(&mJournal);
     int mDitherType = -1;
     std::vector<uint8_t> mUuidData;
-    mutable std::mutex mLock;
+    // Codecs are prepared and asked for on one thread.
     std::map<Kind, std::deque<sp<ScriptedCodec>>> mCodecs;
     std::set<Kind> mRefused;
+    mutable std::mutex mLock;
     std::vector<ScaleRequest> mScaleRequests;
 };
 

@@ -35,7 +35,7 @@ status_t ScriptedWriter::start(MetaData* params) {
     if (mStartResult != OK) return mStartResult;
     for (size_t i = 0; i < mTracks.size(); ++i) {
         mTracks[i].source->start(params);
-        if (mPulling) mTracks[i].thread = std::thread([this, i] { pull(i); });
+        mTracks[i].thread = std::thread([this, i] { pull(i); });
     }
     return OK;
 }
@@ -81,8 +81,8 @@ bool ScriptedWriter::reachedEOS() {
         return false;
     }
     const bool all = mChanged.wait_for(guard, kFailureBound, [&] {
-        return !mPulling || std::all_of(mTracks.begin(), mTracks.end(),
-                                        [](const Track& track) { return track.ended; });
+        return std::all_of(mTracks.begin(), mTracks.end(),
+                           [](const Track& track) { return track.ended; });
     });
     if (!all) mJournal->add("writer tracks have not ended");
     return true;

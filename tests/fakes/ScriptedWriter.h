@@ -1,5 +1,5 @@
 // A writer that keeps what it is given. Like the real one it pulls from each source on a thread of
-// its own until the source ends, unless a test reads for itself.
+// its own until the source ends.
 #pragma once
 
 #include <fakes/Journal.h>
@@ -25,8 +25,6 @@ public:
 
     explicit ScriptedWriter(Journal* journal) : mJournal(journal) {}
 
-    // Before start().
-    void setPulling(bool pulling) { mPulling = pulling; }
     void setStartResult(status_t status) { mStartResult = status; }
     void setStopResult(status_t status) { mStopResult = status; }
     // How often reachedEOS() says no before it waits for the end of every track and says yes.
@@ -65,7 +63,6 @@ private:
     void pull(size_t i);
 
     Journal* const mJournal;
-    bool mPulling = true;
     status_t mStartResult = OK;
     status_t mStopResult = OK;
     int mEndDelay = 0;

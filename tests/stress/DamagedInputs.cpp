@@ -6,7 +6,7 @@
 // numbers. Of each clip every second one is cut, 1 % of its length later each time. A file that was
 // not borne stays in the working folder.
 #include <stdio.h>
-#include <stress/StressSupport.h>
+#include <support/SessionRun.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -41,7 +41,8 @@ public:
                 flipBits(bytes, 1 + below(20), std::min<size_t>(bytes->size(), 1024));
                 return "bits of the head flipped";
             case 2:
-                return loseBlock(bytes);
+                loseBlock(bytes);
+                return "block lost";
             default:
                 for (size_t i = 0; i <= below(4); ++i) lie(bytes);
                 return "numbers replaced";
@@ -49,41 +50,36 @@ public:
     }
 
 private:
-    size_t below(size_t bound) { return bound == 0 ? 0 : mRandom() % bound; }
+    size_t below(size_t bound) { return mRandom() % std::max<size_t>(bound, 1); }
 
     void flipBits(Bytes* bytes, size_t count, size_t within) {
-        for (size_t i = 0; i < count; ++i)
+        for (size_t i = 0; i < count; ++i) {
             (*bytes)[below(within)] ^= static_cast<char>(1 << below(8));
+        }
     }
 
-    std::string loseBlock(Bytes* bytes) {
+    void loseBlock(Bytes* bytes) {
         const size_t start = below(bytes->size());
         const size_t end = std::min(bytes->size(), start + 1 + below(4096));
-        const auto first = bytes->begin() + static_cast<ptrdiff_t>(start);
-        const auto last = bytes->begin() + static_cast<ptrdiff_t>(end);
-        if (below(2) == 0) {
-            std::fill(first, last, 0);
-            return "block zeroed";
-        }
-        bytes->erase(first, last);
-        return "block lost";
+        bytes->erase(bytes->begin() + static_cast<ptrdiff_t>(start),
+                     bytes->begin() + static_cast<ptrdiff_t>(end));
     }
 
     // Most of what precedes four letters is the size of a box, or of a chunk.
     void lie(Bytes* bytes) {
         static constexpr uint32_t kNumbers[] = {0,    1,      7,          8,          9,
                                                 0x7f, 0xffff, 0x7fffffff, 0x80000000, 0xffffffff};
+        const auto isLetter = [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+        };
+        static const Bytes kFour(4);
         if (bytes->size() < 16) return;
-        size_t at = below(bytes->size() - 8);
-        for (size_t i = 0; i < 4096 && at + 8 < bytes->size(); ++i, ++at) {
-            const auto isLetter = [](char c) {
-                return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-            };
-            if (std::all_of(&(*bytes)[at + 4], &(*bytes)[at + 8], isLetter)) break;
-        }
-        at = std::min(at, bytes->size() - 8);
-        const uint32_t number = kNumbers[below(std::size(kNumbers))];
-        for (size_t i = 0; i < 4; ++i) (*bytes)[at + i] = static_cast<char>(number >> (24 - 8 * i));
+        const auto first = bytes->begin() + static_cast<ptrdiff_t>(4 + below(bytes->size() - 8));
+        const auto letters = std::search(first, bytes->end(), kFour.begin(), kFour.end(),
+                                         [&](char c, char) { return isLetter(c); });
+        const auto number = (letters == bytes->end() ? first : letters) - 4;
+        const uint32_t value = kNumbers[below(std::size(kNumbers))];
+        for (int i = 0; i < 4; ++i) number[i] = static_cast<char>(value >> (24 - 8 * i));
     }
 
     std::mt19937_64 mRandom;
@@ -122,8 +118,8 @@ public:
                                       "' >/dev/null 2>'" + mSaid.path() + "' </dev/null");
         const Bytes words = readFile(mSaid.path());
         const std::string said(words.begin(), words.end());
-        std::string wrong = judge(status, said);
         if (status == 0) ++*whole;
+        const std::string wrong = judge(status, said);
         if (wrong.empty()) return wrong;
         const std::string kept = "damaged-" + std::to_string(mSeed) + mClip.extension().string();
         fs::copy_file(mIn.path(), kept, fs::copy_options::overwrite_existing);
@@ -160,8 +156,6 @@ int run(const char* qmtranscode, const fs::path& folder) {
     const uint64_t seed = numberFromEnvironment("QM_SEED", 1);
     const uint64_t count = numberFromEnvironment("QM_DAMAGES", 300 / kSlowness);
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    printf("seed %llu, %llu files\n", static_cast<unsigned long long>(seed),
-           static_cast<unsigned long long>(count));
     std::vector<fs::path> clips;
     for (const auto& entry : fs::directory_iterator(folder)) clips.push_back(entry.path());
     std::sort(clips.begin(), clips.end());
@@ -170,22 +164,24 @@ int run(const char* qmtranscode, const fs::path& folder) {
     std::atomic<uint64_t> next{0};
     std::atomic<uint64_t> whole{0};
     std::atomic<uint64_t> failures{0};
+    const auto work = [&] {
+        for (uint64_t n = next++; n < count; n = next++) {
+            const uint64_t round = n / clips.size();
+            const size_t percent = round % 2 == 0 ? 1 + round / 2 % 99 : 0;
+            const std::string wrong =
+                DamagedRun(clips[n % clips.size()], percent, seed + n).run(&whole);
+            if (wrong.empty()) continue;
+            ++failures;
+            printf("FAILED: %s\n", wrong.c_str());
+        }
+    };
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i) {
-        threads.emplace_back([&] {
-            for (uint64_t n = next++; n < count; n = next++) {
-                const uint64_t round = n / clips.size();
-                const size_t percent = round % 2 == 0 ? 1 + round / 2 % 99 : 0;
-                const std::string wrong =
-                    DamagedRun(clips[n % clips.size()], percent, seed + n).run(&whole);
-                if (wrong.empty()) continue;
-                ++failures;
-                printf("FAILED: %s\n", wrong.c_str());
-            }
-        });
+        threads.emplace_back(work);
     }
     for (std::thread& thread : threads) thread.join();
-    printf("%llu came out as files, %llu were refused\n", static_cast<unsigned long long>(whole),
+    printf("seed %llu: %llu came out as files, %llu were refused\n",
+           static_cast<unsigned long long>(seed), static_cast<unsigned long long>(whole),
            static_cast<unsigned long long>(count - whole - failures));
     return failures == 0 ? 0 : 1;
 }

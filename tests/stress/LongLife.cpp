@@ -1,17 +1,21 @@
-// Many sessions in one process, one after the other and four at a time: threads, descriptors and
+// Many sessions in one process, one after the other and four at a time. Every third one is stopped
+// at a random moment: it ends soon, and what is in its file decodes. Threads, descriptors and
 // memory come back.
 //
-// QM_RUNS says how many there are of each.
+// QM_RUNS says how many runs there are of each, and QM_SEED with which random numbers.
 #include <host/Host.h>
 #include <malloc.h>
 #include <stdio.h>
-#include <stress/StressSupport.h>
+#include <support/SessionRun.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <set>
+#include <memory>
+#include <mutex>
+#include <random>
 
 namespace android::qmmediaeditor {
 
@@ -22,6 +26,12 @@ constexpr size_t kWarmUpRuns = 78;
 // What the allocators of threads that come and go keep. A leak on the heap shows in its own count.
 constexpr size_t kToleranceBytes = (24 << 20) * kSlowness;
 
+// Of a stop when sessions run one after the other.
+constexpr double kMedianSeconds = 0.3 * kSlowness;
+constexpr double kWorstSeconds = 1.5 * kSlowness;
+// A whole run of a long clip takes about as long.
+constexpr uint64_t kLastStopMs = 400 * kSlowness;
+
 size_t residentBytes() {
     malloc_trim(0);
     size_t pages = 0;
@@ -30,75 +40,113 @@ size_t residentBytes() {
     return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-const std::vector<std::string>& clips() {
-    static const std::vector<std::string> kClips = [] {
-        std::set<std::string> sorted;
+class LongLife {
+public:
+    LongLife() {
         for (const auto& entry : std::filesystem::directory_iterator(QM_CLIPS_DIR "/short")) {
-            sorted.insert(entry.path());
+            mShortClips.push_back(entry.path());
         }
-        return std::vector<std::string>(sorted.begin(), sorted.end());
-    }();
-    return kClips;
-}
-
-// Every second run is trimmed, every third one stopped on its way. False when a run ends otherwise
-// than it should.
-bool runOne(uint64_t number) {
-    const std::string& clip = clips()[number / 6 % clips().size()];
-    std::vector<TrimPeriod> periods;
-    if (number % 2 == 0) periods = {{100000, 400000}, {600000, 900000}};
-    SessionRun run(clip, periods);
-    const bool stops = number % 3 == 0;
-    if (stops) {
-        run.endsWithin(std::chrono::milliseconds(5 * (number % 16)));
-        run.cancel();
+        std::sort(mShortClips.begin(), mShortClips.end());
     }
-    const int32_t result = run.result();
-    if (result == 0 || (stops && result == kStopped)) return true;
-    printf("FAILED: %s ends with %d\n", clip.c_str(), result);
-    return false;
+
+    // False when anything was wrong.
+    bool run(uint64_t runs, size_t workers);
+
+private:
+    void runMany(uint64_t runs, size_t workers);
+    void runWhole(uint64_t number);
+    void runAndStop(uint64_t number);
+    void expect(bool holds, const std::string& clip, const std::string& what);
+
+    const uint64_t mSeed = numberFromEnvironment("QM_SEED", 1);
+    std::vector<std::string> mShortClips;
+    std::mutex mLock;
+    std::vector<double> mLatencies;
+    std::atomic<bool> mPassed{true};
+};
+
+bool LongLife::run(uint64_t runs, size_t workers) {
+    runMany(kWarmUpRuns, workers);
+    mLatencies.clear();
+    const Footprint before = Footprint::take(1 + kForeignThreads);
+    const size_t residentBefore = residentBytes();
+    runMany(runs, workers);
+    const Footprint after = Footprint::take(before.threads + kForeignThreads);
+    const size_t residentAfter = residentBytes();
+    std::sort(mLatencies.begin(), mLatencies.end());
+    const double median = mLatencies.empty() ? 0 : mLatencies[mLatencies.size() / 2];
+    const double worst = mLatencies.empty() ? 0 : mLatencies.back();
+    printf(
+        "%llu runs, %zu at a time: threads %zu to %zu, descriptors %zu to %zu, resident %zu to %zu "
+        "kB, heap %zu to %zu kB; %zu stops, median %.3f s, worst %.3f s\n",
+        static_cast<unsigned long long>(runs), workers, before.threads, after.threads,
+        before.descriptors, after.descriptors, residentBefore >> 10, residentAfter >> 10,
+        before.heapBytes >> 10, after.heapBytes >> 10, mLatencies.size(), median, worst);
+    return mPassed && after.threads <= before.threads + kForeignThreads &&
+           after.descriptors == before.descriptors &&
+           residentAfter < residentBefore + kToleranceBytes &&
+           after.heapBytes < before.heapBytes + (1 << 20) &&
+           (workers > 1 || (median < kMedianSeconds && worst < kWorstSeconds));
 }
 
-bool runMany(uint64_t runs, size_t workers) {
+void LongLife::runMany(uint64_t runs, size_t workers) {
     std::atomic<uint64_t> next{0};
-    std::atomic<bool> passed{true};
     std::vector<std::thread> threads;
     for (size_t i = 0; i < workers; ++i) {
         threads.emplace_back([&] {
             for (uint64_t number = next++; number < runs; number = next++) {
-                if (!runOne(number)) passed = false;
+                number % 3 == 0 ? runAndStop(number) : runWhole(number);
             }
         });
     }
     for (std::thread& thread : threads) thread.join();
-    return passed;
 }
 
-bool livesLong(uint64_t runs, size_t workers) {
-    bool passed = runMany(kWarmUpRuns, workers);
-    const Footprint before = Footprint::take(1 + kForeignThreads);
-    const size_t residentBefore = residentBytes();
-    passed = runMany(runs, workers) && passed;
-    const Footprint after = Footprint::take(before.threads + kForeignThreads);
-    const size_t residentAfter = residentBytes();
-    printf(
-        "%llu runs, %zu at a time: threads %zu to %zu, descriptors %zu to %zu, "
-        "resident %zu to %zu kB, heap %zu to %zu kB\n",
-        static_cast<unsigned long long>(runs), workers, before.threads, after.threads,
-        before.descriptors, after.descriptors, residentBefore >> 10, residentAfter >> 10,
-        before.heapBytes >> 10, after.heapBytes >> 10);
-    return passed && after.threads <= before.threads + kForeignThreads &&
-           after.descriptors == before.descriptors &&
-           residentAfter < residentBefore + kToleranceBytes &&
-           after.heapBytes < before.heapBytes + (1 << 20);
+// Every second run is trimmed, here and below.
+void LongLife::runWhole(uint64_t number) {
+    const std::string& clip = mShortClips[number / 6 % mShortClips.size()];
+    std::vector<TrimPeriod> periods;
+    if (number % 2 == 0) periods = {{100000, 400000}, {600000, 900000}};
+    SessionRun run(clip, periods);
+    expect(run.result() == 0, clip, "result " + std::to_string(run.result()));
+}
+
+void LongLife::runAndStop(uint64_t number) {
+    static const char* const kClips[] = {"steps.mp4", "audio.m4a", "video.mp4", "plain.mp4"};
+    const std::string clip = std::string(QM_CLIPS_DIR "/") + kClips[number / 6 % 4];
+    std::vector<TrimPeriod> periods;
+    if (number % 2 == 0) periods = {{2000000, 4500000}, {6000000, 8000000}};
+    std::mt19937_64 random(mSeed + number);
+    SessionRun run(clip, periods);
+    // The moment is what the test is about.
+    run.endsWithin(std::chrono::milliseconds(random() % kLastStopMs));
+    const Clock::time_point cancelled = Clock::now();
+    run.cancel();
+    const double latency = secondsBetween(cancelled, run.endedAt());
+    if (latency > 0) {
+        std::lock_guard<std::mutex> guard(mLock);
+        mLatencies.push_back(latency);
+    }
+    const int32_t result = run.result();
+    expect(result == kStopped || result == 0, clip, "result " + std::to_string(result));
+    if (run.output().sizeBytes() == 0) return;
+    const std::string complaints = complaintsAbout(run.output().path());
+    expect(complaints.empty(), clip, complaints);
+}
+
+void LongLife::expect(bool holds, const std::string& clip, const std::string& what) {
+    if (holds) return;
+    mPassed = false;
+    printf("FAILED: %s: %s\n", clip.c_str(), what.c_str());
 }
 
 int run() {
     const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false, {}});
     Platform::install(platform.get());
     const uint64_t runs = numberFromEnvironment("QM_RUNS", 300 / kSlowness);
-    const bool alone = livesLong(runs, 1);
-    const bool together = livesLong(runs, kWorkers);
+    LongLife life;
+    const bool alone = life.run(runs, 1);
+    const bool together = life.run(runs, kWorkers);
     return alone && together ? 0 : 1;
 }
 

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <TranscodeComponent.h>
+#include <stdint.h>
+#include <stdlib.h>
 
 #include <chrono>
 #include <future>
@@ -80,6 +82,11 @@ private:
     std::future<void> mEnded = mEnd.get_future();
     std::thread mThread;
 };
+
+inline uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
+    const char* text = getenv(name);
+    return text == nullptr ? otherwise : strtoull(text, nullptr, 10);
+}
 
 // "" when every packet of the file decodes, else what ffmpeg says about it.
 std::string complaintsAbout(const std::string& path);

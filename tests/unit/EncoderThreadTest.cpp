@@ -21,12 +21,19 @@ protected:
     static std::string threadLine(const char* text) {
         return std::string(Kind::kThreadTag) + ": " + text;
     }
-    // Lets the encoder run, with its input coming out again, until it has ended.
+    void expectOrder(const Lines& order) { EXPECT_EQ(order, this->mJournal.orderOf(order)); }
+    void awaitInputEnd() { EXPECT_TRUE(this->waitForThread("inputThreadEntry end")); }
+    void awaitOutputEnd() { EXPECT_TRUE(this->waitForThread("Call threadLoop End")); }
+    // One sample and the end go through the encoder, and come out again.
     void runToTheEnd() {
+        this->pushDecoded(1);
+        this->pushEnd(false);
         this->mEncoder->echo();
         this->mEncoder->holdInput(false);
-        EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
-        EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
+        awaitInputEnd();
+        awaitOutputEnd();
+        EXPECT_EQ(1u, readAll());
+        EXPECT_EQ(0, this->mSource->failure());
     }
     // The number of samples that the writer still gets.
     size_t readAll() {
@@ -34,59 +41,68 @@ protected:
         while (this->readOne() == OK) ++count;
         return count;
     }
+    // Runs `teardown`, which has to wait for the ports, and lets them go with `release`.
+    void expectWait(const std::function<void()>& teardown, const std::function<void()>& release) {
+        const auto& idle = thread().mPump.mPorts->mIdle;
+        std::atomic<bool> ended{false};
+        Background background([&] {
+            teardown();
+            ended = true;
+        });
+        EXPECT_TRUE(this->mCalls.waitForTimedWait(idle)) << "it did not wait";
+        EXPECT_FALSE(ended);
+        const int64_t boundNs = this->mCalls.timedWaitsNs(idle)[0];
+        EXPECT_GT(boundNs, 990000000) << "a dequeue may take that long";
+        EXPECT_LE(boundNs, 3000000000);
+        release();
+        EXPECT_TRUE(background.finishes());
+    }
 };
 
 TYPED_TEST_SUITE(EncoderThreadTest, BothKinds);
 
 TYPED_TEST(EncoderThreadTest, anEncoderThatCannotBeSetUpIsReleasedAndGetsNoThreads) {
-    const std::pair<const char*, const char*> table[] = {
+    const std::pair<const char*, std::string> table[] = {
         {"configure", "ERROR: unable to configure codec (err=-7)\n"},
-        {"start", "ERROR: unable to start codec (err=-7)\n"}};
+        {"start", "ERROR: unable to start codec (err=-7)\n"},
+        {"", std::string("ERROR: unable to create ") + TypeParam::kMime + " codec instance\n"}};
     for (const auto& [operation, message] : table) {
-        this->renew(TypeParam::attribute());
+        this->renew();
         this->mPlatform.encoder(TypeParam::kMime)->fail(operation, -7);
-        this->mJournal.clear();
+        if (*operation == 0) this->mPlatform.refuseCodec(TypeParam::kMime, true);
         EXPECT_EQ(-1100, this->mSource->enable(TypeParam::attribute(), new AMessage));
         EXPECT_TRUE(this->threadLogged(ANDROID_LOG_ERROR, message)) << operation;
-        EXPECT_EQ(1u, this->mJournal.count(this->encoderLine("release"))) << operation;
+        EXPECT_EQ(*operation == 0 ? 0u : 1u, this->mJournal.count(this->encoderLine("release")));
     }
-    this->mPlatform.refuseCodec(TypeParam::kMime, true);
-    EXPECT_EQ(-1100, this->mSource->enable(TypeParam::attribute(), new AMessage));
-    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_ERROR, std::string("ERROR: unable to create ") +
-                                                          TypeParam::kMime + " codec instance\n"));
     EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "MediaEncoderThread error"));
     EXPECT_FALSE(this->threadLogged(ANDROID_LOG_VERBOSE, "startInputPortThread start"));
     EXPECT_EQ(0, this->mSource->failure()) << "the run is told by the result";
 }
 
 TYPED_TEST(EncoderThreadTest, theEncoderIsStartedOnALooperOfItsOwn) {
-    this->enable(TypeParam::attribute());
-    const std::vector<std::string> order = {
-        std::string("platform createCodec ") + TypeParam::kMime + " encoder",
-        this->encoderLine("configure 1"),
-        this->encoderLine("start"),
-        this->encoderLine("getInputBuffers"),
-        this->encoderLine("getOutputBuffers"),
-        this->threadLine("Encoder got 4 input and 16 output buffers"),
-        this->threadLine("startInputPortThread end")};
-    EXPECT_EQ(order, this->mJournal.orderOf(order));
+    this->enable();
+    this->expectOrder({std::string("platform createCodec ") + TypeParam::kMime + " encoder",
+                       this->encoderLine("configure 1"), this->encoderLine("start"),
+                       this->encoderLine("getInputBuffers"), this->encoderLine("getOutputBuffers"),
+                       this->threadLine("startInputPortThread end")});
     std::promise<std::string> name;
-    int priority = -1;
     this->thread().mLooper->post([&] {
         char text[16];
         pthread_getname_np(pthread_self(), text, sizeof(text));
-        priority = SystemCalls::priorityOfThisThread();
-        name.set_value(text);
+        name.set_value(text + std::to_string(SystemCalls::priorityOfThisThread()));
     });
-    EXPECT_EQ(TypeParam::kLooperName, name.get_future().get());
-    EXPECT_EQ(0, priority);
+    EXPECT_EQ(TypeParam::kLooperName + std::string("0"), name.get_future().get());
+    EXPECT_EQ(-16, SystemCalls::lastThreadPriority()) << "of the output loop";
 }
 
 TYPED_TEST(EncoderThreadTest, whatIsPushedTravelsThroughTheEncoderAndEndsWithAnEmptyBuffer) {
     this->restart();
+    this->mEncoder->echo();
+    this->mEncoder->holdInput(false);
     for (int i = 1; i < 4; ++i) this->pushDecoded(i, 1);
     this->pushEnd(false);
-    this->runToTheEnd();
+    this->awaitInputEnd();
+    this->awaitOutputEnd();
     const auto queued = this->mEncoder->queued();
     ASSERT_EQ(4u, queued.size());
     EXPECT_EQ(TypeParam::kSampleBytes, queued[1].bytes.size());
@@ -113,34 +129,22 @@ TYPED_TEST(EncoderThreadTest, theLastOutputIsForwardedOnlyAsAudioWithDataAfterTi
         this->restart();
         this->mEncoder->frame(ScriptedCodec::Bytes(8, 1), 0, 1);
         this->mEncoder->frame(ScriptedCodec::Bytes(row.bytes, 2), row.timeUs, 4);
-        EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
+        this->awaitOutputEnd();
         EXPECT_TRUE(this->mSource->mCodecStopped);
         const size_t expected = TypeParam::kIsAudio ? row.audio : 1;
         EXPECT_EQ(expected, this->readAll());
         EXPECT_EQ(expected - 1, this->mJournal.count(this->threadLine("frame with eos")));
-        EXPECT_EQ(expected == 2, this->threadLogged(ANDROID_LOG_DEBUG, "frame with eos"));
         EXPECT_EQ(0u, this->mEncoder->heldOutputs());
     }
-}
-
-TYPED_TEST(EncoderThreadTest, theEndOfTheOutputWakesAWaitingReader) {
-    this->restart();
-    Background writer([&] { EXPECT_EQ(0u, this->readAll()); });
-    EXPECT_TRUE(this->waitFor("waiting @ read()"));
-    this->mEncoder->frame({}, 0, 4);
-    EXPECT_TRUE(writer.finishes());
 }
 
 TYPED_TEST(EncoderThreadTest, theEncoderOfAStoppedSourceIsToldTheEnd) {
     this->restart();
     this->mSource->setCodecStopped();
     this->mEncoder->inputResult(-EAGAIN);
-    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
+    this->awaitInputEnd();
     EXPECT_TRUE(this->mEncoder->queued().empty());
-    // On this thread, with and without a buffer to be had.
-    this->mEncoder->inputResult(-EAGAIN);
-    this->thread().inputThreadEntry();
-    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_DEBUG, "EOS input thread forced stop by others"));
+    // On this thread, with a buffer to be had.
     this->mEncoder->holdInput(false);
     this->thread().inputThreadEntry();
     ASSERT_EQ(1u, this->mEncoder->queued().size());
@@ -149,125 +153,113 @@ TYPED_TEST(EncoderThreadTest, theEncoderOfAStoppedSourceIsToldTheEnd) {
     EXPECT_EQ(0, this->mSource->failure());
 }
 
-TYPED_TEST(EncoderThreadTest, theOutputLoopGoesOnAfterATimeOutUntilTheSourceIsStopped) {
-    this->restart();
-    this->mEncoder->outputResult(-EAGAIN);
-    this->mEncoder->frame(ScriptedCodec::Bytes(8, 1), 7);
-    EXPECT_TRUE(this->mJournal.waitFor(this->encoderLine("releaseOutputBuffer 0")));
-    this->mSource->setCodecStopped();
-    this->mEncoder->outputResult(-EAGAIN);
-    EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
-    EXPECT_EQ(0, this->mSource->failure());
-    EXPECT_EQ(1u, this->readAll());
-}
-
-TYPED_TEST(EncoderThreadTest, newBuffersAndFormatsAreFetched) {
+TYPED_TEST(EncoderThreadTest, theOutputLoopGoesOnAfterChangesAndTimeOutsUntilTheSourceIsStopped) {
     this->restart();
     this->mEncoder->setOutputBuffers(5, 64);
     this->mEncoder->formatChange(new AMessage);
     this->mEncoder->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
-    this->mEncoder->frame({}, 0, 4);
-    EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
+    this->mEncoder->outputResult(-EAGAIN);
+    this->mEncoder->frame(ScriptedCodec::Bytes(8, 1), 7);
+    EXPECT_TRUE(this->mJournal.waitFor(this->encoderLine("releaseOutputBuffer 0")));
     EXPECT_EQ(1u, this->mJournal.count(this->encoderLine("getOutputFormat")));
     EXPECT_EQ(5u, TypeParam::encoderOf(*this->mSource).mOutBuffers.size());
+    EXPECT_TRUE(this->mEncoder->waitForOutputCall());
+    this->mSource->setCodecStopped();
+    this->mEncoder->outputResult(-EAGAIN);
+    this->awaitOutputEnd();
+    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_DEBUG, "output buffer wa forced stop by others"));
+    EXPECT_EQ(0, this->mSource->failure());
+    EXPECT_EQ(1u, this->readAll());
 }
 
 TYPED_TEST(EncoderThreadTest, anEncoderThatFailsStopsTheSource) {
-    const std::function<void()> faults[] = {[this] { this->mEncoder->inputResult(-38); },
-                                            [this] { this->mEncoder->outputResult(-5); },
-                                            [this] {
-                                                this->mEncoder->fail("queueInputBuffer", -5);
-                                                this->mEncoder->holdInput(false);
-                                            }};
+    const auto refuseInput = [this](size_t fromCall, status_t err) {
+        this->mEncoder->fail("queueInputBuffer", err, fromCall);
+        this->mEncoder->holdInput(false);
+    };
+    const std::function<void()> faults[] = {
+        [&] { this->mEncoder->inputResult(-38); }, [&] { this->mEncoder->outputResult(-5); },
+        [&] { refuseInput(1, -5); }, [&] { refuseInput(2, -6); }};  // the end
     for (const auto& fault : faults) {
         this->restart();
         this->pushDecoded(0);
+        this->pushEnd(false);
         fault();
         EXPECT_TRUE(this->waitFor("setCodecStopped"));
         EXPECT_EQ(-1130, this->mSource->failure());
         EXPECT_EQ(-1011, this->pushDecoded(1));
     }
     EXPECT_TRUE(this->threadLogged(ANDROID_LOG_WARN, "thread stop by error[-5]"));
+    EXPECT_TRUE(this->threadLogged(ANDROID_LOG_WARN, "thread stop by error[-6]"));
 }
 
 TYPED_TEST(EncoderThreadTest, stoppingTheEncoderEndsBothPortsWithoutAFailure) {
     this->restart();
+    // The port gets a buffer while the encoder stops, and is then refused.
+    this->mEncoder->fail("queueInputBuffer", -38);
+    this->pushDecoded(1);
+    this->mJournal.on(this->encoderLine("stop"), [&] { this->mEncoder->holdInput(false); });
     const sp<ALooper> looper = this->thread().mLooper;
     this->mSource->stop();
-    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
-    EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
-    const std::vector<std::string> order = {this->threadLine("call stopEncoder start"),
-                                            this->encoderLine("stop"), this->encoderLine("release"),
-                                            this->threadLine("call stopEncoder end")};
-    EXPECT_EQ(order, this->mJournal.orderOf(order));
+    this->awaitInputEnd();
+    this->awaitOutputEnd();
+    this->expectOrder({this->threadLine("call stopEncoder start"), this->encoderLine("stop"),
+                       this->encoderLine("release"), this->threadLine("call stopEncoder end")});
     EXPECT_EQ(INVALID_OPERATION, looper->stop()) << "it runs no more";
     EXPECT_EQ(0, this->mSource->failure());
     EXPECT_FALSE(this->mSource->getRunning());
-    EXPECT_TRUE(this->thread().mPaused);
     endSource(*this->mSource);
     EXPECT_EQ(1u, this->mJournal.count(this->threadLine("Decontructor MediaEncoderThread")));
     EXPECT_EQ(1, this->mEncoder->getStrongCount());
     EXPECT_EQ(1, this->mSource->getStrongCount());
 }
 
-TYPED_TEST(EncoderThreadTest, enablingAgainReplacesTheEncoder) {
-    this->restart();
-    const sp<ScriptedCodec> first = this->mEncoder;
-    this->enable(TypeParam::attribute());
-    const std::vector<std::string> order = {
-        this->encoderLine("start"), this->encoderLine("stop"), this->encoderLine("release"),
-        this->threadLine("Call requestExit start"), this->encoderLine("start")};
-    EXPECT_EQ(order, this->mJournal.orderOf(order));
-    EXPECT_EQ(1u, this->mSource->mGroup->buffers());
-    this->pushDecoded(1);
-    this->pushEnd(false);
-    this->runToTheEnd();
-    EXPECT_EQ(1u, this->readAll());
-    EXPECT_TRUE(first->queued().empty());
+TYPED_TEST(EncoderThreadTest, enablingAgainReplacesTheEncoderWhateverItsPortWaitsFor) {
+    for (const bool forSamples : {false, true}) {
+        this->restart();
+        const sp<ScriptedCodec> first = this->mEncoder;
+        first->holdInput(!forSamples);
+        EXPECT_TRUE(forSamples ? this->waitForThread("waiting @ Decoded data read()")
+                               : first->waitForInputCall());
+        this->enable();
+        this->expectOrder({this->encoderLine("start"), this->encoderLine("stop"),
+                           this->encoderLine("release"), this->threadLine("Call requestExit start"),
+                           this->encoderLine("start")});
+        EXPECT_EQ(1u, this->mJournal.count(this->threadLine("inputThreadEntry end")));
+        EXPECT_EQ(1u, this->mSource->mGroup->buffers());
+        this->runToTheEnd();
+        EXPECT_TRUE(first->queued().empty());
+    }
 }
 
 TYPED_TEST(EncoderThreadTest, teardownWaitsForAPortThatIsInsideACall) {
     for (const bool output : {false, true}) {
         this->restart();
-        auto& t = this->thread();
         EXPECT_TRUE(this->mEncoder->waitForInputCall() && this->mEncoder->waitForOutputCall());
         this->mEncoder->holdInputCalls(!output);
         this->mEncoder->holdOutputCalls(output);
-        const Condition& idle = t.mPump.mPorts->mIdle;
-        std::atomic<bool> ended{false};
-        Background teardown([&] {
-            this->mSource->stop();
-            this->mSource->stopThread();
-            ended = true;
-        });
-        EXPECT_TRUE(this->mCalls.waitForTimedWait(idle)) << "it did not wait";
-        EXPECT_FALSE(ended);
-        const int64_t boundNs = this->mCalls.timedWaitsNs(idle)[0];
-        EXPECT_GT(boundNs, t.mPump.mOwner.timeoutUs * 1000) << "a dequeue may take that long";
-        EXPECT_LE(boundNs, 3000000000);
-        this->mEncoder->holdInputCalls(false);
-        this->mEncoder->holdOutputCalls(false);
-        EXPECT_TRUE(teardown.finishes());
+        this->expectWait(
+            [&] {
+                this->mSource->stop();
+                this->mSource->stopThread();
+            },
+            [&] {
+                this->mEncoder->holdInputCalls(false);
+                this->mEncoder->holdOutputCalls(false);
+            });
         EXPECT_EQ(1, this->mSource->getStrongCount()) << "the thread has let go of the source";
     }
 }
 
 TYPED_TEST(EncoderThreadTest, teardownWaitsForAPortThatHasNotBegun) {
-    this->mCalls.holdThreads();
+    this->mCalls.holdThreads(true);
     this->restart();
     const auto thread = this->mSource->mMediaEncoderThread;
     this->mSource->stop();
     // This test, the source and the held port.
     while (thread->getStrongCount() > 3) sched_yield();
-    std::atomic<bool> ended{false};
-    Background teardown([&] {
-        this->mSource->stopThread();
-        ended = true;
-    });
-    EXPECT_TRUE(this->mCalls.waitForTimedWait(thread->mPump.mPorts->mIdle)) << "it did not wait";
-    EXPECT_FALSE(ended);
-    this->mCalls.releaseThreads();
-    EXPECT_TRUE(teardown.finishes());
+    this->expectWait([&] { this->mSource->stopThread(); },
+                     [&] { this->mCalls.holdThreads(false); });
 }
 
 TYPED_TEST(EncoderThreadTest, lettingGoOfAThreadWhoseEncoderRunsDoesNotWait) {
@@ -283,9 +275,6 @@ TYPED_TEST(EncoderThreadTest, aPortLetsGoOfTheThreadBeforeItCountsAsEnded) {
     this->restart();
     const auto thread = this->mSource->mMediaEncoderThread;
     const std::shared_ptr<WaitGroup> ports = thread->mPump.mPorts;
-    this->mSource->setCodecStopped();
-    this->mEncoder->inputResult(-EAGAIN);
-    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
     this->mSource->stop();
     // One more port, alone; this test and the source hold the thread as well.
     while (thread->getStrongCount() > 2) sched_yield();
@@ -297,90 +286,18 @@ TYPED_TEST(EncoderThreadTest, aPortLetsGoOfTheThreadBeforeItCountsAsEnded) {
     this->mCalls.forgetHooks();
 }
 
-TYPED_TEST(EncoderThreadTest, enablingAgainEndsAPortThatWaitsForSamples) {
-    this->restart();
-    const sp<ScriptedCodec> first = this->mEncoder;
-    first->holdInput(false);
-    EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
-    this->enable(TypeParam::attribute());
-    EXPECT_EQ(1u, this->mJournal.count(this->threadLine("inputThreadEntry end")));
-    this->pushDecoded(1);
-    this->pushEnd(false);
-    this->runToTheEnd();
-    EXPECT_EQ(1u, this->readAll()) << "the new encoder has all";
-    EXPECT_TRUE(first->queued().empty());
-    EXPECT_EQ(0, this->mSource->failure());
-}
-
 TYPED_TEST(EncoderThreadTest, aPortThatIsToExitTakesNothingAndDoesNotWait) {
     this->restart();
     this->thread().stopEncoder();
-    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
-    TDecodedSample input;
-    Background port([&] { EXPECT_EQ(-1011, this->takeDecoded(&input)); });
+    this->awaitInputEnd();
+    Background port([&] { EXPECT_EQ(-1011, this->takeDecoded()); });
     EXPECT_TRUE(port.finishes());
     this->pushDecoded(1);
-    EXPECT_EQ(-1011, this->takeDecoded(&input));
+    EXPECT_EQ(-1011, this->takeDecoded());
     EXPECT_EQ(1u, this->mSource->mDecodedSamples.size()) << "it belongs to the next encoder";
 }
 
-TYPED_TEST(EncoderThreadTest, theOutputLoopRunsAtAudioPriority) {
-    this->enable(TypeParam::attribute());
-    EXPECT_EQ((std::vector<int32_t>{-16}), this->mCalls.threadPriorities());
-}
-
-TYPED_TEST(EncoderThreadTest, aSampleThatCannotBeCopiedOrDoesNotFitIsAFailure) {
-    this->restart();
-    this->mEncoder->setOutputBuffers(4, 16);
-    this->mEncoder->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
-    this->mEncoder->frame(ScriptedCodec::Bytes(17), 1);
-    EXPECT_TRUE(this->waitFor("setCodecStopped"));
-    EXPECT_EQ(-1130, this->mSource->failure()) << "an output that could not be copied";
-
-    this->renew(TypeParam::attribute());
-    this->mJournal.clear();
-    this->mEncoder = this->mPlatform.encoder(TypeParam::kMime);
-    this->mEncoder->setInputBuffers(2, TypeParam::kSampleBytes - 1);
-    EXPECT_EQ(OK, this->mSource->enable(TypeParam::attribute(), new AMessage));
-    this->mSource->start();
-    this->pushDecoded(1);
-    this->pushEnd(false);
-    EXPECT_TRUE(this->waitFor("setCodecStopped"));
-    EXPECT_EQ(-1130, this->mSource->failure()) << "an input that does not fit the encoder's buffer";
-    EXPECT_TRUE(this->mJournal.linesOf(this->encoderLine("queueInputBuffer")).empty());
-}
-
-TYPED_TEST(EncoderThreadTest, anEncoderThatWasToldToStopMayRefuseAnything) {
-    this->restart();
-    this->mEncoder->fail("queueInputBuffer", -38);
-    this->pushDecoded(1);
-    this->mJournal.on(this->encoderLine("stop"), [&] { this->mEncoder->holdInput(false); });
-    this->mSource->stop();
-    EXPECT_TRUE(this->waitForThread("inputThreadEntry end"));
-    EXPECT_TRUE(this->waitForThread("Call threadLoop End"));
-    EXPECT_EQ(0, this->mSource->failure());
-}
-
 class VideoEncoderThreadTest : public EncoderThreadTest<VideoKind> {};
-
-TEST_F(VideoEncoderThreadTest, decodingTimesGoUpByOneFrameOfTheOutput) {
-    restart();
-    mEncoder->frame(ScriptedCodec::Bytes(8, 1), 1000);
-    mEncoder->frame(ScriptedCodec::Bytes(8, 2), 500000);
-    mEncoder->frame({}, 0, 4);
-    EXPECT_TRUE(waitForThread("Call threadLoop End"));
-    ASSERT_EQ(2u, mSource->mEncodedSamples.size());
-    const auto second = ++mSource->mEncodedSamples.begin();
-    EXPECT_EQ(1000 + mSource->mFrameIntervalUs, second->mDecodingTimeUs);
-}
-
-TEST_F(VideoEncoderThreadTest, aTimeOutOfAStoppedSourceEndsTheOutputLoop) {
-    restart();
-    mSource->setCodecStopped();
-    mEncoder->outputResult(-EAGAIN);
-    EXPECT_TRUE(waitForThread("output buffer wa forced stop by others"));
-    EXPECT_TRUE(waitForThread("Call threadLoop End"));
-}
 
 TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastFrameAgain) {
     restart();
@@ -393,28 +310,18 @@ TEST_F(VideoEncoderThreadTest, anEmptyWakeUpQueuesTheLastFrameAgain) {
     EXPECT_EQ(VideoKind::kSampleBytes, mEncoder->queued()[1].bytes.size());
 }
 
-TEST_F(VideoEncoderThreadTest, aMarkerWithFurtherFlagsEndsTheTrackAsWell) {
-    restart();
-    pushEnd(false, 5);
-    runToTheEnd();
-    EXPECT_EQ(4u, mEncoder->queued()[0].flags);
-}
-
-TEST_F(VideoEncoderThreadTest, aTimeOutThatCarriesTheEndFlagEndsTheTrack) {
-    restart();
-    mEncoder->outputResult(-EAGAIN, 4);
-    EXPECT_TRUE(waitForThread("Call threadLoop End"));
-    EXPECT_TRUE(mSource->mCodecStopped) << "or the writer would wait for ever";
-    EXPECT_EQ(0, mSource->failure());
-}
-
-TEST_F(VideoEncoderThreadTest, anErrorThatCarriesTheEndFlagEndsTheOutput) {
-    restart();
-    mEncoder->outputResult(-1010, 4);
-    EXPECT_TRUE(waitForThread("reached EOS on output.(in dequeue Erro) : 0"));
-    EXPECT_TRUE(waitForThread("Call threadLoop End"));
-    EXPECT_TRUE(threadLogged(ANDROID_LOG_VERBOSE, "Error[-1010], flags[4]"));
-    EXPECT_TRUE(threadLogged(ANDROID_LOG_WARN, "Encoder output [-1010]"));
+TEST_F(VideoEncoderThreadTest, theEndFlagEndsTheTrackWhateverComesWithIt) {
+    for (const status_t result : {-EAGAIN, -1010}) {
+        restart();
+        pushEnd(false, 5);
+        mEncoder->holdInput(false);
+        awaitInputEnd();
+        EXPECT_EQ(4u, mEncoder->queued()[0].flags) << "of a marker with further flags";
+        mEncoder->outputResult(result, 4);
+        awaitOutputEnd();
+        EXPECT_TRUE(mSource->mCodecStopped) << "or the writer would wait for ever";
+        EXPECT_EQ(result == -EAGAIN ? 0 : -1130, mSource->failure());
+    }
 }
 
 }  // namespace android::qmmediaeditor

@@ -5,174 +5,133 @@
 namespace android::qmmediaeditor {
 
 // The message of a check of two values.
-static std::string messageOf(const FatalCheck& c, status_t first, status_t second) {
+static std::string failed(const FatalCheck& c, status_t first, status_t second) {
     return std::string(c.source) + ":" + std::to_string(c.line) + " CHECK_EQ( " + c.text +
            ") failed: " + std::to_string(first) + " vs. " + std::to_string(second);
 }
 
-static std::string messageOf(const FatalCheck& c) {
+static std::string failed(const FatalCheck& c) {
     return std::string(c.source) + ":" + std::to_string(c.line) + " CHECK(" + c.text + ") failed.";
 }
 
-class SessionCheckTest : public SessionTest {
+class SessionCheckTest;
+
+struct BrokenPromise {
+    const char* what;
+    std::string message;
+    void (*inject)(SessionCheckTest& test);
+};
+
+void PrintTo(const BrokenPromise& promise, std::ostream* out) { *out << promise.what; }
+
+class SessionCheckTest : public SessionTest, public ::testing::WithParamInterface<BrokenPromise> {
 protected:
-    void prepare() {
-        addSamples(1, 1);
-        prepareEchoes();
+    AMessage& audioTrack() { return *mPlatform.extractor().mTracks[0]; }
+    // All of a run that can be on one thread.
+    void runAlone() {
         prepareLoop();
-    }
-    void drain(const std::string& expected) {
-        EXPECT_FATAL(session().runDecoder(nullptr, 1, 0), expected);
-        EXPECT_TRUE(logged(ANDROID_LOG_FATAL, expected)) << expected;
+        session().wireWriter();
+        session().inputThreadEntry();
+        for (int i = 0; i < 8; ++i) session().runDecoder(nullptr, i % 2, 0);
+        session().releaseDecoders();
     }
 };
 
-TEST_F(SessionCheckTest, aTrackOrDecoderThatIsNotAsPromisedAborts) {
-    const struct {
-        std::string message;
-        std::function<void(ScriptedPlatform&, AMessage&)> prepare;
-    } table[] = {
-        {messageOf(checks::kTrackMime),
-         [](ScriptedPlatform&, AMessage& format) { format.setInt32("mime", 0); }},
-        {messageOf(checks::kAudioDecoder),
-         [](ScriptedPlatform& p, AMessage&) { p.refuseCodec(kAac, false); }},
-        {messageOf(checks::kAudioDecoderConfigured, -5, 0),
-         [](ScriptedPlatform& p, AMessage&) { p.decoder(kAac)->fail("configure", -5); }},
-        {messageOf(checks::kVideoDecoder),
-         [](ScriptedPlatform& p, AMessage& format) {
-             format.setString("mime", kAvc);
-             p.refuseCodec(kAvc, false);
-         }},
-        {messageOf(checks::kTrackDuration),
-         [](ScriptedPlatform&, AMessage& format) { format.setInt32("durationUs", 0); }},
-    };
-    for (const auto& row : table) {
-        ScriptedPlatform platform;
-        const sp<AMessage> format = audioFormat();
-        platform.extractor().addTrack(format);
-        row.prepare(platform, *format);
-        Transcode s(&mRequest, nullptr);
-        s.createExtractor(s.mFileAttribute);
-        EXPECT_FATAL(s.createTrack(), row.message);
-    }
+TEST_P(SessionCheckTest, aPlatformThatBreaksAPromiseAborts) {
+    addSamples(1, 1);
+    prepareEchoes();
+    GetParam().inject(*this);
+    EXPECT_FATAL(runAlone(), GetParam().message);
 }
 
-TEST_F(SessionCheckTest, decodersAndWritersThatDoNotStartAbort) {
-    const std::pair<const char*, const FatalCheck&> table[] = {
-        {"start", checks::kDecoderStarted},
-        {"getInputBuffers", checks::kDecoderInputs},
-        {"getOutputBuffers", checks::kDecoderOutputs}};
-    for (const auto& [operation, c] : table) {
-        mSession.reset();
-        renewOutput();
-        mPlatform.extractor().addTrack(audioFormat());
-        mPlatform.decoder(kAac)->fail(operation, -5);
-        ASSERT_EQ(OK, session().createModule());
-        EXPECT_FATAL(session().startDecoders(), messageOf(c, -5, 0));
-    }
-    mPlatform.writer().setStartResult(-6);
-    EXPECT_EQ(OK, session().createSource());
-    EXPECT_FATAL(session().wireWriter(), messageOf(checks::kWriterStarted, 0, -6));
-}
+typedef SessionCheckTest T;
 
-TEST_F(SessionCheckTest, samplesThatCannotBeReadAfterTheyWereAnnouncedAbort) {
-    prepare();
-    mVideoDecoder->fail("queueInputBuffer", -5);
-    EXPECT_FATAL(session().signalInputEOS(), messageOf(checks::kDecoderEndQueued, -5, 0));
-    const std::pair<const char*, const FatalCheck&> table[] = {
-        {"getSampleMeta", checks::kSampleMeta},
-        {"getSampleTime", checks::kSampleTime},
-        {"readSampleData", checks::kSampleRead}};
-    for (const auto& [operation, c] : table) {
-        mPlatform.extractor().fail(operation, -4);
-        Transcode::PendingSample sample;
-        EXPECT_FATAL(session().readSample(&sample), messageOf(c, -4, 0));
-    }
-}
+const BrokenPromise kBrokenPromises[] = {
+    {"noMimeType", failed(checks::kTrackMime), [](T& t) { t.audioTrack().setInt32("mime", 0); }},
+    {"noDuration", failed(checks::kTrackDuration),
+     [](T& t) { t.audioTrack().setInt32("durationUs", 0); }},
+    {"noAudioDecoder", failed(checks::kAudioDecoder),
+     [](T& t) { t.mPlatform.refuseCodec(kAac, false); }},
+    {"noVideoDecoder", failed(checks::kVideoDecoder),
+     [](T& t) { t.mPlatform.refuseCodec(kAvc, false); }},
+    {"audioDecoderNotConfigured", failed(checks::kAudioDecoderConfigured, -5, 0),
+     [](T& t) { t.mAudioDecoder->fail("configure", -5); }},
+    {"decoderNotStarted", failed(checks::kDecoderStarted, -5, 0),
+     [](T& t) { t.mAudioDecoder->fail("start", -5); }},
+    {"noDecoderInputs", failed(checks::kDecoderInputs, -5, 0),
+     [](T& t) { t.mAudioDecoder->fail("getInputBuffers", -5); }},
+    {"noDecoderOutputs", failed(checks::kDecoderOutputs, -5, 0),
+     [](T& t) { t.mAudioDecoder->fail("getOutputBuffers", -5); }},
+    {"writerNotStarted", failed(checks::kWriterStarted, 0, -6),
+     [](T& t) { t.mPlatform.writer().setStartResult(-6); }},
+    {"noSampleMeta", failed(checks::kSampleMeta, -4, 0),
+     [](T& t) { t.mPlatform.extractor().fail("getSampleMeta", -4); }},
+    {"noSampleTime", failed(checks::kSampleTime, -4, 0),
+     [](T& t) { t.mPlatform.extractor().fail("getSampleTime", -4); }},
+    {"noSample", failed(checks::kSampleRead, -4, 0),
+     [](T& t) { t.mPlatform.extractor().fail("readSampleData", -4); }},
+    {"decoderEndNotQueued", failed(checks::kDecoderEndQueued, -5, 0),
+     [](T& t) { t.mVideoDecoder->fail("queueInputBuffer", -5, 2); }},
+    {"noDecoderFormat", failed(checks::kNewDecoderFormat, 0, -5),
+     [](T& t) { t.mVideoDecoder->fail("getOutputFormat", -5); }},
+    {"noNewDecoderOutputs", failed(checks::kNewDecoderOutputs, 0, -6),
+     [](T& t) {
+         t.mVideoDecoder->fail("getOutputBuffers", -6, 2);
+         t.mVideoDecoder->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
+     }},
+    {"decoderThatFails", failed(checks::kDecoderOutputResult, -38, -11),
+     [](T& t) { t.mVideoDecoder->outputResult(-38); }},
+    {"droppedFrameNotReleased", failed(checks::kDroppedFrameReleased, -7, 0),
+     [](T& t) {
+         t.setPeriods({{100, 200}});
+         t.mVideoDecoder->fail("releaseOutputBuffer", -7);
+     }},
+    {"frameNotReleased", failed(checks::kFrameReleased, -7, 0),
+     [](T& t) { t.mVideoDecoder->fail("releaseOutputBuffer", -7); }},
+    {"decoderNotReleased", failed(checks::kDecoderReleased, 0, -5),
+     [](T& t) { t.mVideoDecoder->fail("release", -5); }},
+    {"noAudioEncoderInputs", failed(checks::kAudioEncoderInputs, 0, -5),
+     [](T& t) { t.mAudioEncoder->fail("getInputBuffers", -5); }},
+    {"noAudioEncoderOutputs", failed(checks::kAudioEncoderOutputs, 0, -5),
+     [](T& t) { t.mAudioEncoder->fail("getOutputBuffers", -5); }},
+    {"noVideoEncoderInputs", failed(checks::kVideoEncoderInputs, 0, -5),
+     [](T& t) { t.mVideoEncoder->fail("getInputBuffers", -5); }},
+    {"noVideoEncoderOutputs", failed(checks::kVideoEncoderOutputs, 0, -5),
+     [](T& t) { t.mVideoEncoder->fail("getOutputBuffers", -5); }},
+};
 
-TEST_F(SessionCheckTest, decodersThatBreakTheirContractWhileTheyRunAbort) {
-    setPeriods({{100, 200}});
-    prepare();
-    mVideoDecoder->fail("getOutputFormat", -5);
-    drain(messageOf(checks::kNewDecoderFormat, 0, -5));
-    mVideoDecoder->fail("getOutputBuffers", -6);
-    mVideoDecoder->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
-    drain(messageOf(checks::kNewDecoderOutputs, 0, -6));
-    for (const status_t err : {-38, 1}) {
-        mVideoDecoder->outputResult(err);
-        drain(messageOf(checks::kDecoderOutputResult, err, -11));
-    }
-    mVideoDecoder->fail("releaseOutputBuffer", -7);
-    mVideoDecoder->frame({1}, 5);
-    drain(messageOf(checks::kDroppedFrameReleased, -7, 0));
-    mVideoDecoder->frame({1}, 150);
-    drain(messageOf(checks::kFrameReleased, -7, 0));
-    mVideoDecoder->fail("release", -5);
-    EXPECT_FATAL(session().releaseDecoders(), messageOf(checks::kDecoderReleased, 0, -5));
-}
-
-TEST_F(SessionCheckTest, indexesOfDecoderBuffersAreChecked) {
-    prepare();
-    mVideoDecoder->clearOutput();
-    mVideoDecoder->frameAtIndex(16);
-    mVideoDecoder->inputIndex(4);
-    const std::string output =
-        FatalCheckTrap::messageOf([&] { session().runDecoder(nullptr, 1, 0); });
-    EXPECT_NE(std::string::npos, output.find(": index=16 out of range (16)")) << output;
-    const std::string input = FatalCheckTrap::messageOf([&] {
-        session().queueSample({1, 0, false});
-    });
-    EXPECT_NE(std::string::npos, input.find(": index=4 out of range (4)")) << input;
-}
+INSTANTIATE_TEST_SUITE_P(Promises, SessionCheckTest, ::testing::ValuesIn(kBrokenPromises),
+                         [](const auto& promise) { return promise.param.what; });
 
 template <class Kind>
 class EncoderCheckTest : public SourceTest<Kind> {
 protected:
-    static constexpr const FatalCheck& of(const FatalCheck& audio, const FatalCheck& video) {
-        return Kind::kIsAudio ? audio : video;
+    // One pass of the output loop, on this thread, which fails with that text in its message.
+    void drain(const std::string& expected) {
+        const std::string message = FatalCheckTrap::messageOf(
+            [&] { this->mSource->mMediaEncoderThread->drainEncoder(mDetached); });
+        EXPECT_NE(std::string::npos, message.find(expected)) << message;
     }
-    // One pass of the output loop, on this thread.
-    void drain() { this->mSource->mMediaEncoderThread->drainEncoder(mDetached); }
 
     sp<ScriptedCodec> mDetached = new ScriptedCodec("detached", &this->mJournal);
 };
 
 TYPED_TEST_SUITE(EncoderCheckTest, BothKinds);
 
-TYPED_TEST(EncoderCheckTest, anEncoderWithoutBuffersAborts) {
-    const std::pair<const char*, const FatalCheck&> table[] = {
-        {"getInputBuffers", this->of(checks::kAudioEncoderInputs, checks::kVideoEncoderInputs)},
-        {"getOutputBuffers", this->of(checks::kAudioEncoderOutputs, checks::kVideoEncoderOutputs)}};
-    for (const auto& [operation, c] : table) {
-        this->mPlatform.encoder(TypeParam::kMime)->fail(operation, -5);
-        EXPECT_FATAL(this->mSource->enable(TypeParam::attribute(), new AMessage),
-                     messageOf(c, 0, -5));
-        EXPECT_TRUE(this->threadLogged(ANDROID_LOG_FATAL, messageOf(c, 0, -5)));
-    }
-}
-
 TYPED_TEST(EncoderCheckTest, anEncoderThatBreaksItsContractWhileItRunsAborts) {
-    this->enable(TypeParam::attribute());
+    this->enable();
+    const bool audio = TypeParam::kIsAudio;
     this->mDetached->fail("getOutputBuffers", -5);
     this->mDetached->outputResult(INFO_OUTPUT_BUFFERS_CHANGED);
-    EXPECT_FATAL(this->drain(), messageOf(this->of(checks::kNewAudioEncoderOutputs,
-                                                   checks::kNewVideoEncoderOutputs),
-                                          0, -5));
+    this->drain(
+        failed(audio ? checks::kNewAudioEncoderOutputs : checks::kNewVideoEncoderOutputs, 0, -5));
     this->mDetached->fail("getOutputFormat", -5);
     this->mDetached->outputResult(INFO_FORMAT_CHANGED);
-    EXPECT_FATAL(
-        this->drain(),
-        messageOf(this->of(checks::kNewAudioEncoderFormat, checks::kNewVideoEncoderFormat), 0, -5));
-
-    this->mDetached->frameAtIndex(16);
-    std::string message = FatalCheckTrap::messageOf([&] { this->drain(); });
-    EXPECT_NE(std::string::npos, message.find(": index=16 out of range (16)")) << message;
-    EXPECT_TRUE(this->logged(ANDROID_LOG_FATAL, message)) << "under the source's tag";
-    this->mDetached->inputIndex(4);
-    TDecodedSample input;
-    message = FatalCheckTrap::messageOf(
-        [&] { this->mSource->mMediaEncoderThread->mPump.feedEncoder(this->mDetached, &input); });
-    EXPECT_NE(std::string::npos, message.find(": index=4 out of range (4)")) << message;
+    this->drain(
+        failed(audio ? checks::kNewAudioEncoderFormat : checks::kNewVideoEncoderFormat, 0, -5));
+    TypeParam::encoderOf(*this->mSource).mOutBuffers.clear();
+    this->mDetached->frame({1}, 0);
+    this->drain(": index=0 out of range (0)");
 }
 
 // One text as it stands in the log, so that the others can be built from the table.

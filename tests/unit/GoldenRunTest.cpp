@@ -46,6 +46,8 @@ TEST_F(GoldenRunTest, everyMessageOfAWholeRunIsAsItWas) {
     // Each queue is filled before its consumer begins, so that nobody's waiting is left to chance.
     mAudioEncoder->holdInput(true);
     mVideoEncoder->holdInput(true);
+    mAudioDecoder->setBlocking(true);
+    mVideoDecoder->setBlocking(true);
     mJournal.on("Transcode: wait writer EOS", [this] {
         EXPECT_TRUE(mLog.waitFor("TAudioSource", "waiting @ read()"));
         EXPECT_TRUE(mLog.waitFor("TVideoSource", "waiting @ read()"));

@@ -18,10 +18,30 @@ protected:
             EXPECT_EQ(OK, this->pushDecoded(i));
         }
     }
-    void expectFull() {
-        EXPECT_TRUE(this->waitFor(Kind::kEncodedFull));
-        EXPECT_TRUE(this->waitFor(Kind::kDecodedFull));
+    // Pushes sample `first` into each queue, and then one more in the place of each that is taken,
+    // up to `last`.
+    struct Producers {
+        Producers(HandOffTest* test, int first, int last)
+            : encoderOutput([=] {
+                  for (int i = first; i <= last; ++i) EXPECT_EQ(OK, test->pushEncoded(i));
+              }),
+              decoder([=] {
+                  for (int i = first; i <= last; ++i) EXPECT_EQ(OK, test->pushDecoded(i));
+              }) {
+            EXPECT_TRUE(test->waitFor(Kind::kEncodedFull));
+            EXPECT_TRUE(test->waitFor(Kind::kDecodedFull));
+        }
+        bool finish() { return encoderOutput.finishes() && decoder.finishes(); }
+
+        Background encoderOutput;
+        Background decoder;
+    };
+    void expectConsumersWait() {
+        EXPECT_TRUE(this->waitFor("waiting @ read()"));
+        EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
     }
+    size_t encodedCount() { return this->mSource->mEncodedSamples.size(); }
+    size_t decodedCount() { return this->mSource->mDecodedSamples.size(); }
 };
 
 // Every way to end a source.
@@ -45,93 +65,57 @@ TYPED_TEST(HandOffTest, consumersSleepUntilTheEleventhSampleAndProducersUntilAll
         while (read < 11 && this->readOne() == OK) EXPECT_EQ(read++, this->mRead.bytes[0]);
     });
     Background encoder([&] {
-        TDecodedSample input;
-        while (taken < 11 && this->takeDecoded(&input) == OK) {
-            EXPECT_EQ(taken++, input.mBuffer->base()[0]);
+        while (taken < 11 && this->takeDecoded() == OK) {
+            EXPECT_EQ(taken++, this->mInput.mBuffer->base()[0]);
         }
     });
-    EXPECT_TRUE(this->waitFor("waiting @ read()"));
-    EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
+    this->expectConsumersWait();
     this->fillBoth();
-    EXPECT_EQ(10u, this->mSource->mEncodedSamples.size());
-    EXPECT_EQ(10u, this->mSource->mDecodedSamples.size());
-    Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
-    Background decoder([&] { EXPECT_EQ(OK, this->pushDecoded(10)); });
-    this->expectFull();
-    EXPECT_TRUE(writer.finishes() && encoder.finishes());
-    EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+    EXPECT_EQ(10u, this->encodedCount());
+    EXPECT_EQ(10u, this->decodedCount());
+    typename TestFixture::Producers producers(this, 10, 10);
+    EXPECT_TRUE(writer.finishes() && encoder.finishes() && producers.finish());
     EXPECT_EQ(11, read);
     EXPECT_EQ(11, taken);
-    this->mSource->setCodecStopped();
-}
-
-TYPED_TEST(HandOffTest, aQueueWhoseConsumerComesLaterIsHandedOverWhole) {
-    this->restart();
-    this->fillBoth();
-    Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
-    Background decoder([&] { EXPECT_EQ(OK, this->pushDecoded(10)); });
-    this->expectFull();
-    TDecodedSample input;
-    for (int i = 0; i < 11; ++i) {
-        EXPECT_EQ(OK, this->readOne());
-        EXPECT_EQ(OK, this->takeDecoded(&input));
-    }
-    EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
     this->mSource->setCodecStopped();
 }
 
 TYPED_TEST(HandOffTest, aProducerThatIsWokenBeforeItsBatchIsGoneWaitsAgain) {
     this->restart();
     this->fillBoth();
-    Background encoderOutput([&] {
-        for (int i = 10; i < 12; ++i) EXPECT_EQ(OK, this->pushEncoded(i));
-    });
-    Background decoder([&] {
-        for (int i = 10; i < 12; ++i) EXPECT_EQ(OK, this->pushDecoded(i));
-    });
-    this->expectFull();
+    typename TestFixture::Producers producers(this, 10, 11);
     const auto sizes = [&] {
         Mutex::Autolock encoded(this->mSource->mEncodedLock);
         Mutex::Autolock decoded(this->mSource->mDecodedLock);
         this->mSource->mBufferReturnedCond.broadcast();
         this->mSource->mDecoderBufferReturnedCond.broadcast();
-        return std::make_pair(this->mSource->mEncodedSamples.size(),
-                              this->mSource->mDecodedSamples.size());
+        return std::make_pair(this->encodedCount(), this->decodedCount());
     };
-    TDecodedSample input;
     for (size_t left = 11; left > 0; --left) {
-        for (int i = 0; i < 200; ++i) {
+        for (int i = 0; i < 20; ++i) {
             ASSERT_EQ(std::make_pair(left, left), sizes());
             sched_yield();
         }
         EXPECT_EQ(OK, this->readOne());
-        EXPECT_EQ(OK, this->takeDecoded(&input));
+        EXPECT_EQ(OK, this->takeDecoded());
     }
-    EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
+    EXPECT_TRUE(producers.finish());
     this->mSource->setCodecStopped();
 }
 
-TYPED_TEST(HandOffTest, everyWayToStopWakesEveryProducer) {
+TYPED_TEST(HandOffTest, everyWayToStopWakesEveryProducerAndEveryConsumer) {
     for (const auto& stop : kStops) {
         this->restart();
         this->fillBoth();
-        Background encoderOutput([&] { EXPECT_EQ(OK, this->pushEncoded(10)); });
-        Background decoder([&] { EXPECT_EQ(OK, this->pushDecoded(10)); });
-        this->expectFull();
+        typename TestFixture::Producers producers(this, 10, 10);
         stop(*this->mSource);
-        EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
-    }
-}
+        EXPECT_TRUE(producers.finish());
 
-TYPED_TEST(HandOffTest, everyWayToStopWakesEveryConsumer) {
-    for (const auto& stop : kStops) {
         this->restart();
-        TDecodedSample input;
-        Background writer([&] { EXPECT_EQ(-1011, this->readOne()); });
         status_t taken = OK;
-        Background encoder([&] { taken = this->takeDecoded(&input); });
-        EXPECT_TRUE(this->waitFor("waiting @ read()"));
-        EXPECT_TRUE(this->waitForThread("waiting @ Decoded data read()"));
+        Background writer([&] { EXPECT_EQ(-1011, this->readOne()); });
+        Background encoder([&] { taken = this->takeDecoded(); });
+        this->expectConsumersWait();
         stop(*this->mSource);
         EXPECT_TRUE(writer.finishes() && encoder.finishes());
         const bool toldToExit = this->mSource->mMediaEncoderThread->mExitRequested;
@@ -141,8 +125,7 @@ TYPED_TEST(HandOffTest, everyWayToStopWakesEveryConsumer) {
 
 TYPED_TEST(HandOffTest, pushesBeforeTheStartWaitForItOrForAStop) {
     for (const bool started : {true, false}) {
-        this->renew(TypeParam::attribute());
-        this->mJournal.clear();
+        this->renew();
         const status_t expected = started ? 0 : -1011;
         Background encoderOutput([&] { EXPECT_EQ(expected, this->pushEncoded(0)); });
         Background decoder([&] { EXPECT_EQ(expected, this->pushDecoded(0)); });
@@ -151,20 +134,18 @@ TYPED_TEST(HandOffTest, pushesBeforeTheStartWaitForItOrForAStop) {
         started ? this->mSource->start() : this->mSource->stop();
         EXPECT_TRUE(encoderOutput.finishes() && decoder.finishes());
         EXPECT_EQ(started, this->mSource->getRunning());
-        EXPECT_EQ(started ? 1u : 0u, this->mSource->mEncodedSamples.size());
-        EXPECT_EQ(started ? 1u : 0u, this->mSource->mDecodedSamples.size());
+        EXPECT_EQ(started ? 1u : 0u, this->encodedCount());
+        EXPECT_EQ(started ? 1u : 0u, this->decodedCount());
     }
 }
 
 TYPED_TEST(HandOffTest, aStoppedSourceTakesNothingMoreAndDeliversWhatItHas) {
-    TypeParam::makePool(*this->mSource);
-    this->mSource->start();
+    this->startWithPool();
     for (const int number : {1, 2}) EXPECT_EQ(OK, this->pushEncoded(number));
     this->mSource->setCodecStopped();
     EXPECT_EQ(-1011, this->pushEncoded(3));
     EXPECT_EQ(-1011, this->pushDecoded(3));
-    EXPECT_TRUE(this->logged(ANDROID_LOG_VERBOSE, "enter push encoded buffer in EOS State"));
-    EXPECT_TRUE(this->mSource->mDecodedSamples.empty());
+    EXPECT_EQ(0u, this->decodedCount());
     for (const int number : {1, 2}) {
         EXPECT_EQ(OK, this->readOne());
         EXPECT_EQ(number, this->mRead.bytes[0]);
@@ -172,8 +153,7 @@ TYPED_TEST(HandOffTest, aStoppedSourceTakesNothingMoreAndDeliversWhatItHas) {
     }
     EXPECT_EQ(-1011, this->readOne());
     EXPECT_FALSE(this->mSource->getRunning());
-    EXPECT_TRUE(this->logged(ANDROID_LOG_DEBUG, "eos---"));
-    // An ended source is not waited for.
+    // An ended source is not waited for, and its producers have nothing to say.
     EXPECT_EQ(-1011, this->pushEncoded(4));
     EXPECT_EQ(-1011, this->pushDecoded(4));
     EXPECT_EQ(-1011, this->pushEnd(true));
@@ -182,11 +162,10 @@ TYPED_TEST(HandOffTest, aStoppedSourceTakesNothingMoreAndDeliversWhatItHas) {
 }
 
 TYPED_TEST(HandOffTest, aReaderThatIsWokenWithNothingToReadWaitsAgain) {
-    TypeParam::makePool(*this->mSource);
-    this->mSource->start();
+    this->startWithPool();
     Background writer([&] { EXPECT_EQ(OK, this->readOne()); });
     EXPECT_TRUE(this->waitFor("waiting @ read()"));
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 20; ++i) {
         Mutex::Autolock guard(this->mSource->mEncodedLock);
         this->mSource->mFrameAvailableCond.broadcast();
         sched_yield();
@@ -200,7 +179,6 @@ TYPED_TEST(HandOffTest, aReaderThatIsWokenWithNothingToReadWaitsAgain) {
 TYPED_TEST(HandOffTest, everyWakeUpIsMadeUnderTheLockOfItsWaitersAfterTheFlagWasSet) {
     for (const auto& stop : kStops) {
         this->restart();
-        TSourceBase& base = *this->mSource;
         auto& s = *this->mSource;
         const std::pair<const Condition&, Mutex&> waits[] = {
             {s.mStartCond, s.mEncodedLock},
@@ -217,39 +195,28 @@ TYPED_TEST(HandOffTest, everyWakeUpIsMadeUnderTheLockOfItsWaitersAfterTheFlagWas
                 sawFlag[&wait.first] = s.mCodecStopped;
             });
         }
-        stop(base);
+        stop(s);
         EXPECT_EQ(5u, sawFlag.size());
         for (const auto& saw : sawFlag) EXPECT_TRUE(saw.second);
         this->mCalls.forgetHooks();
     }
 }
 
-TYPED_TEST(HandOffTest, aStartIsToldUnderTheLockAfterItsFlagWasSet) {
-    bool told = false;
-    this->mCalls.onWakeUp(this->mSource->mStartCond, [&] {
-        EXPECT_NE(OK, this->mSource->mEncodedLock.tryLock());
-        told = this->mSource->mStarted;
-    });
-    this->mSource->start();
-    EXPECT_TRUE(told);
-    this->mCalls.forgetHooks();
-}
-
-TYPED_TEST(HandOffTest, aFailureIsRecordedBeforeAnyThreadIsWoken) {
-    this->restart();
+TYPED_TEST(HandOffTest, startsAndFailuresAreRecordedBeforeAnyThreadIsWoken) {
+    auto& s = *this->mSource;
+    bool started = false;
     int32_t seen = 0;
-    this->mCalls.onWakeUp(this->mSource->mDecoderBufferReturnedCond,
-                          [&] { seen = this->mSource->failure(); });
-    this->mJournal.on(std::string(TypeParam::kTag) + ": setCodecStopped",
-                      [&] { EXPECT_EQ(-1130, this->mSource->failure()); });
-    this->mSource->mCore.reportFailure(-1130);
+    this->mCalls.onWakeUp(s.mStartCond, [&] { started = s.mStarted; });
+    s.start();
+    EXPECT_TRUE(started);
+    this->mCalls.onWakeUp(s.mDecoderBufferReturnedCond, [&] { seen = s.failure(); });
+    s.mCore.reportFailure(-1130);
     EXPECT_EQ(-1130, seen);
     this->mCalls.forgetHooks();
 }
 
 TYPED_TEST(HandOffTest, onlyTheSessionsThreadPollsForAStopThatWakesNobody) {
     this->restart();
-    this->mCalls.setInstant();
     int asked = 0;
     this->mSource->setStopTest([&] { return ++asked == 3; });
     this->fillBoth();
@@ -265,71 +232,49 @@ TYPED_TEST(HandOffTest, onlyTheSessionsThreadPollsForAStopThatWakesNobody) {
     EXPECT_TRUE(this->mCalls.timedWaitsNs(this->mSource->mBufferReturnedCond).empty());
 }
 
-TYPED_TEST(HandOffTest, aPayloadIsCopiedFromItsOffset) {
-    this->restart();
-    TypeParam::makePool(*this->mSource);
-    const size_t bytes = TypeParam::kSampleBytes;
-    const auto payload = [&] {
-        const sp<MediaCodecBuffer> buffer = this->bufferOf(bytes + 16, 1);
-        memset(buffer->base() + 16, 2, bytes);
-        buffer->setRange(16, bytes);
-        return buffer;
+TYPED_TEST(HandOffTest, eachPayloadIsCopiedWholeFromItsOffsetOrRefused) {
+    this->startWithPool();
+    TEncodedSample encoded;
+    TDecodedSample decoded;
+    const auto expectRefused = [&] {
+        EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded));
+        decoded.mPresentationTimeUs += 40000;
+        EXPECT_EQ(-22, this->mSource->pushDecodedBuffer(decoded, false));
     };
-    TEncodedSample encoded;
-    TDecodedSample decoded;
-    encoded.mBuffer = decoded.mBuffer = payload();
-    encoded.mSize = decoded.mSize = bytes;
-    EXPECT_EQ(OK, this->mSource->pushEncodedBuffer(&encoded));
-    EXPECT_EQ(OK, this->mSource->pushDecodedBuffer(decoded, false));
-    EXPECT_EQ(OK, this->readOne());
-    EXPECT_EQ(std::vector<uint8_t>(bytes, 2), this->mRead.bytes);
-    const sp<MediaCodecBuffer> queued = this->mSource->mDecodedSamples.begin()->mBuffer;
-    EXPECT_EQ(2, queued->data()[0]);
-    EXPECT_EQ(2, queued->data()[bytes - 1]);
-    encoded.mSize = decoded.mSize = bytes + 1;
-    EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded)) << "the capacity is more than that";
-}
-
-TYPED_TEST(HandOffTest, samplesWithoutTheirBytesAreRefused) {
-    this->mSource->start();
-    TEncodedSample encoded;
-    TDecodedSample decoded;
-    EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded));
-    EXPECT_EQ(-22, this->mSource->pushDecodedBuffer(decoded, false));
-    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "pushEncodedBuffer get an NULL buffer"));
-    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "pushDecodedBuffer get an NULL buffer"));
-    encoded.mBuffer = decoded.mBuffer = this->bufferOf(8, 0);
-    encoded.mSize = decoded.mSize = 9;
-    EXPECT_EQ(-22, this->mSource->pushEncodedBuffer(&encoded));
-    EXPECT_EQ(-22, this->mSource->pushDecodedBuffer(decoded, false));
-    EXPECT_TRUE(this->mSource->mEncodedSamples.empty());
-    EXPECT_TRUE(this->mSource->mDecodedSamples.empty());
-}
-
-TYPED_TEST(HandOffTest, eachSampleIsCopiedWholeWhateverItsSize) {
-    TypeParam::makePool(*this->mSource);
-    this->mSource->start();
+    expectRefused();
+    // Around the size of the pool's buffer.
     for (const size_t bytes : {size_t{1024}, size_t{1025}, size_t{50000}, size_t{3}}) {
-        TEncodedSample sample;
-        sample.mBuffer = this->bufferOf(bytes + 1, 5);
-        sample.mSize = bytes;
-        this->mSource->pushEncodedBuffer(&sample);
-        memset(sample.mBuffer->base(), 6, bytes);
+        encoded.mBuffer = decoded.mBuffer = this->bufferOf(bytes + 16, 1);
+        memset(encoded.mBuffer->base() + 16, 2, bytes);
+        encoded.mBuffer->setRange(16, bytes);
+        encoded.mSize = decoded.mSize = bytes + 1;
+        expectRefused();
+        encoded.mSize = decoded.mSize = bytes;
+        EXPECT_EQ(OK, this->mSource->pushEncodedBuffer(&encoded));
+        decoded.mPresentationTimeUs += 40000;
+        EXPECT_EQ(OK, this->mSource->pushDecodedBuffer(decoded, false));
+        memset(encoded.mBuffer->base(), 3, bytes);
         EXPECT_EQ(OK, this->readOne());
-        EXPECT_EQ(std::vector<uint8_t>(bytes, 5), this->mRead.bytes);
+        EXPECT_EQ(std::vector<uint8_t>(bytes, 2), this->mRead.bytes);
+        const sp<MediaCodecBuffer> queued = (--this->mSource->mDecodedSamples.end())->mBuffer;
+        EXPECT_EQ(2, queued->data()[0]);
+        EXPECT_EQ(2, queued->data()[bytes - 1]);
     }
 }
 
-TYPED_TEST(HandOffTest, withoutABufferForTheWriterAReadFails) {
-    this->mSource->start();
-    this->pushEncoded(0);
-    EXPECT_EQ(-1011, this->readOne());
-    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "MediaBufferGroup is null"));
-    TypeParam::makePool(*this->mSource);
+TYPED_TEST(HandOffTest, writerBuffersCarryTimesAndFlags) {
+    this->startWithPool();
+    for (const int flags : {0, 1, 2, 3}) {
+        this->pushEncoded(3 * flags + 3, static_cast<uint32_t>(flags));
+        EXPECT_EQ(OK, this->readOne());
+        EXPECT_EQ(TypeParam::kIsAudio ? 1 : flags & 1, this->mRead.sync) << "every audio sample is";
+        EXPECT_EQ(flags >> 1, this->mRead.config) << flags;
+        EXPECT_EQ((3 * flags + 3) * 40000, this->mRead.timeUs);
+        EXPECT_EQ(TypeParam::kIsAudio ? 0 : this->mRead.timeUs, this->mRead.decodingTimeUs);
+    }
     this->pushEncoded(1);
     this->mSource->mEncodedSamples.begin()->mSize = size_t{PTRDIFF_MAX} + 1;
-    EXPECT_EQ(NO_MEMORY, this->readOne());
-    EXPECT_TRUE(this->logged(ANDROID_LOG_ERROR, "Error was returned:[-12]"));
+    EXPECT_EQ(NO_MEMORY, this->readOne()) << "without a buffer a read fails";
 }
 
 }  // namespace android::qmmediaeditor

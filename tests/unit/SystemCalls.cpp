@@ -2,34 +2,38 @@
 
 #include <errno.h>
 #include <fakes/Journal.h>
-#include <sched.h>
 #include <sys/resource.h>
 #include <time.h>
-#include <utils/Thread.h>
+#include <utils/AndroidThreads.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 namespace android::qmmediaeditor {
 
 namespace {
 
-typedef std::map<const pthread_cond_t*, std::function<void()>> Hooks;
+enum class Event { kWait, kWakeUp };
+
+// What is seen and asked for while a SystemCalls lives.
+struct Record {
+    bool active = false;
+    bool holdThreads = false;
+    std::map<std::pair<const pthread_cond_t*, Event>, std::function<void()>> hooks;
+    std::vector<std::pair<const pthread_cond_t*, int64_t>> timedWaits;
+    size_t timeouts = 0;
+    std::vector<useconds_t> sleeps;
+};
 
 struct State {
     std::mutex lock;
     std::condition_variable changed;
-    bool active = false;
-    bool instant = false;
-    bool holdThreads = false;
-    Hooks onWait;
-    Hooks onWakeUp;
-    std::vector<std::pair<const pthread_cond_t*, int64_t>> timedWaits;
-    size_t timeouts = 0;
-    std::vector<useconds_t> sleeps;
-    std::vector<int32_t> threadPriorities;
+    Record record;
 };
 
 // Never destroyed: threads of the component may outlive the tests.
@@ -38,15 +42,21 @@ State& state() {
     return *instance;
 }
 
-thread_local int tPriority = 0;
+template <typename Use>
+auto locked(const Use& use) {
+    std::lock_guard<std::mutex> guard(state().lock);
+    state().changed.notify_all();
+    return use(state().record);
+}
 
-void runHook(const Hooks State::*hooks, const pthread_cond_t* condition) {
-    std::function<void()> hook;
-    {
-        std::lock_guard<std::mutex> guard(state().lock);
-        const auto found = (state().*hooks).find(condition);
-        if (found != (state().*hooks).end()) hook = found->second;
-    }
+thread_local int tPriority = 0;
+std::atomic<int32_t> gLastThreadPriority{0};
+
+void runHook(const pthread_cond_t* condition, Event event) {
+    const std::function<void()> hook = locked([&](Record& record) {
+        const auto found = record.hooks.find({condition, event});
+        return found == record.hooks.end() ? nullptr : found->second;
+    });
     if (hook != nullptr) hook();
 }
 
@@ -61,7 +71,7 @@ void* startReleased(void* start) {
     delete static_cast<Start*>(start);
     {
         std::unique_lock<std::mutex> guard(state().lock);
-        state().changed.wait(guard, [] { return !state().holdThreads; });
+        state().changed.wait(guard, [] { return !state().record.holdThreads; });
     }
     return run.entry(run.argument);
 }
@@ -69,62 +79,43 @@ void* startReleased(void* start) {
 }  // namespace
 
 SystemCalls::SystemCalls() {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().active = true;
+    locked([](Record& record) { record.active = true; });
 }
 
 SystemCalls::~SystemCalls() {
-    releaseThreads();
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().active = state().instant = false;
-    state().onWait.clear();
-    state().onWakeUp.clear();
-    state().timedWaits.clear();
-    state().timeouts = 0;
-    state().sleeps.clear();
-    state().threadPriorities.clear();
+    locked([](Record& record) { record = {}; });
 }
 
 void SystemCalls::onWait(const Condition& condition, std::function<void()> hook) {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().onWait[&condition.mCond] = std::move(hook);
+    locked([&](Record& record) { record.hooks[{&condition.mCond, Event::kWait}] = hook; });
 }
 
 void SystemCalls::onWakeUp(const Condition& condition, std::function<void()> hook) {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().onWakeUp[&condition.mCond] = std::move(hook);
+    locked([&](Record& record) { record.hooks[{&condition.mCond, Event::kWakeUp}] = hook; });
 }
 
 void SystemCalls::forgetHooks() {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().onWait.clear();
-    state().onWakeUp.clear();
+    locked([](Record& record) { record.hooks.clear(); });
 }
 
-void SystemCalls::holdThreads() {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().holdThreads = true;
-}
-
-void SystemCalls::releaseThreads() {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().holdThreads = false;
-    state().changed.notify_all();
+void SystemCalls::holdThreads(bool hold) {
+    locked([&](Record& record) { record.holdThreads = hold; });
 }
 
 std::vector<int64_t> SystemCalls::timedWaitsNs(const Condition& condition) const {
-    std::lock_guard<std::mutex> guard(state().lock);
-    std::vector<int64_t> waits;
-    for (const auto& [waited, ns] : state().timedWaits) {
-        if (waited == &condition.mCond) waits.push_back(ns);
-    }
-    return waits;
+    return locked([&](const Record& record) {
+        std::vector<int64_t> waits;
+        for (const auto& [waited, ns] : record.timedWaits) {
+            if (waited == &condition.mCond) waits.push_back(ns);
+        }
+        return waits;
+    });
 }
 
 bool SystemCalls::waitForTimedWait(const Condition& condition) const {
     std::unique_lock<std::mutex> guard(state().lock);
     return state().changed.wait_for(guard, kFailureBound, [&] {
-        for (const auto& wait : state().timedWaits) {
+        for (const auto& wait : state().record.timedWaits) {
             if (wait.first == &condition.mCond) return true;
         }
         return false;
@@ -132,32 +123,19 @@ bool SystemCalls::waitForTimedWait(const Condition& condition) const {
 }
 
 size_t SystemCalls::timeouts() const {
-    std::lock_guard<std::mutex> guard(state().lock);
-    return state().timeouts;
-}
-
-void SystemCalls::setInstant() {
-    std::lock_guard<std::mutex> guard(state().lock);
-    state().instant = true;
+    return locked([](const Record& record) { return record.timeouts; });
 }
 
 std::vector<useconds_t> SystemCalls::sleeps() const {
-    std::lock_guard<std::mutex> guard(state().lock);
-    return state().sleeps;
-}
-
-std::vector<int32_t> SystemCalls::threadPriorities() const {
-    std::lock_guard<std::mutex> guard(state().lock);
-    return state().threadPriorities;
+    return locked([](const Record& record) { return record.sleeps; });
 }
 
 int SystemCalls::priorityOfThisThread() { return tPriority; }
+int32_t SystemCalls::lastThreadPriority() { return gLastThreadPriority; }
 
 }  // namespace android::qmmediaeditor
 
-using android::qmmediaeditor::runHook;
-using android::qmmediaeditor::state;
-using android::qmmediaeditor::State;
+using namespace android::qmmediaeditor;
 
 extern "C" {
 
@@ -169,80 +147,68 @@ int __real_pthread_cond_broadcast(pthread_cond_t*);
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                           void* (*entry)(void*), void* argument) {
-    auto* start = new android::qmmediaeditor::Start{entry, argument};
-    const int err =
-        __real_pthread_create(thread, attributes, android::qmmediaeditor::startReleased, start);
+    auto* start = new Start{entry, argument};
+    const int err = __real_pthread_create(thread, attributes, startReleased, start);
     if (err != 0) delete start;
     return err;
 }
 
 int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    runHook(&State::onWait, condition);
+    runHook(condition, Event::kWait);
     return __real_pthread_cond_wait(condition, mutex);
 }
 
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* end) {
-    runHook(&State::onWait, condition);
+    runHook(condition, Event::kWait);
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     const int64_t seconds = end->tv_sec - now.tv_sec;
     const int64_t boundNs = seconds * 1000000000 + end->tv_nsec - now.tv_nsec;
-    bool instant;
-    {
-        std::lock_guard<std::mutex> guard(state().lock);
-        if (state().active) {
-            state().timedWaits.emplace_back(condition, boundNs);
-            state().changed.notify_all();
-        }
-        instant = state().instant;
-    }
-    if (!instant) {
-        const int err = __real_pthread_cond_timedwait(condition, mutex, end);
-        std::lock_guard<std::mutex> guard(state().lock);
-        if (state().active && err == ETIMEDOUT && boundNs > 1000000000) ++state().timeouts;
-        return err;
-    }
-    pthread_mutex_unlock(mutex);
-    sched_yield();
-    pthread_mutex_lock(mutex);
-    return ETIMEDOUT;
+    locked([&](Record& record) {
+        if (record.active) record.timedWaits.emplace_back(condition, boundNs);
+    });
+    const int err = __real_pthread_cond_timedwait(condition, mutex, end);
+    locked([&](Record& record) {
+        if (record.active && err == ETIMEDOUT && boundNs > 1000000000) ++record.timeouts;
+    });
+    return err;
 }
 
 int __wrap_pthread_cond_signal(pthread_cond_t* condition) {
-    runHook(&State::onWakeUp, condition);
+    runHook(condition, Event::kWakeUp);
     return __real_pthread_cond_signal(condition);
 }
 
 int __wrap_pthread_cond_broadcast(pthread_cond_t* condition) {
-    runHook(&State::onWakeUp, condition);
+    runHook(condition, Event::kWakeUp);
     return __real_pthread_cond_broadcast(condition);
 }
 
 int __wrap_usleep(useconds_t us) {
-    std::lock_guard<std::mutex> guard(state().lock);
-    if (state().active) state().sleeps.push_back(us);
+    locked([&](Record& record) {
+        if (record.active) record.sleeps.push_back(us);
+    });
     return 0;
 }
 
-// android::Thread::run(), which is called through the virtual table.
-android::status_t realThreadRun(android::Thread*, const char*, int32_t,
-                                size_t) asm("__real_" QM_THREAD_RUN);
-android::status_t wrapThreadRun(android::Thread*, const char*, int32_t,
-                                size_t) asm("__wrap_" QM_THREAD_RUN);
-android::status_t wrapThreadRun(android::Thread* thread, const char* name, int32_t priority,
-                                size_t stack) {
-    {
-        std::lock_guard<std::mutex> guard(state().lock);
-        state().threadPriorities.push_back(priority);
+// Takes the place of the library's function for the platform's threads, which looks at the priority
+// on a device only.
+int androidCreateRawThreadEtc(android_thread_func_t entry, void* argument, const char*,
+                              int32_t priority, size_t, android_thread_id_t*) {
+    gLastThreadPriority = priority;
+    try {
+        std::thread([=] { entry(argument); }).detach();
+    } catch (const std::system_error&) {
+        return 0;
     }
-    return realThreadRun(thread, name, priority, stack);
+    return 1;
 }
 
 // Loopers lower a priority but never raise one, so every thread begins at the highest.
 int getpriority(__priority_which_t, id_t) noexcept { return -20; }
 int setpriority(__priority_which_t, id_t, int priority) noexcept {
-    android::qmmediaeditor::tPriority = priority;
+    tPriority = priority;
     return 0;
 }
 

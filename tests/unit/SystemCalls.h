@@ -1,5 +1,5 @@
-// System calls of the component that a test can see, hold or make return at once. The linker sends
-// the calls of the component, of the loopers and of the tests here (--wrap in CMakeLists.txt).
+// System calls of the component that a test can see or hold. The linker sends the calls of the
+// component, of the loopers and of the tests here (--wrap in CMakeLists.txt).
 #pragma once
 
 #include <pthread.h>
@@ -24,9 +24,8 @@ public:
     void onWakeUp(const Condition& condition, std::function<void()> hook);
     void forgetHooks();
 
-    // A thread that the component creates runs only after releaseThreads().
-    void holdThreads();
-    void releaseThreads();
+    // A thread that the component creates runs only when threads are no longer held.
+    void holdThreads(bool hold);
 
     // The bounds of the timed waits on `condition` so far, in nanoseconds; a little less than what
     // the caller asked for.
@@ -35,16 +34,14 @@ public:
     bool waitForTimedWait(const Condition& condition) const;
     // The timed waits of a second or more that nobody ended.
     size_t timeouts() const;
-    // Timed waits end at once from now on.
-    void setInstant();
 
     // Sleeps, which take no time here.
     std::vector<useconds_t> sleeps() const;
 
-    // The priorities with which platform threads were run.
-    std::vector<int32_t> threadPriorities() const;
     // The priority that the calling thread of a looper was given; 0 before.
     static int priorityOfThisThread();
+    // The priority of the platform's thread that was created last.
+    static int32_t lastThreadPriority();
 };
 
 }  // namespace android::qmmediaeditor
