@@ -32,6 +32,8 @@ constexpr int64_t kJitterUs = 20000;
 constexpr int64_t kGapUs = 100000;
 // A timestamp this far behind the end of the track is damaged.
 constexpr int64_t kBeyondEndUs = 10000000;
+// Two frames of AAC at 8 kHz.
+constexpr int64_t kMaxPaddingUs = 256000;
 
 // The default layout of a number of channels.
 AVChannelLayout plainLayout(int channelCount) {
@@ -278,6 +280,18 @@ void AudioDecoder::addSilence(int64_t frames) {
     }
 }
 
+// An encoder fills its last packet up; the container says where the audio ends in it.
+void AudioDecoder::dropPadding() {
+    const std::optional<int64_t> endUs =
+        mSource == nullptr ? std::nullopt : mSource->extent().endUs;
+    if (!endUs) return;
+    const int64_t excess = mNextFrame + mSilenceFrames + pcmFrames() - frameAt(*endUs);
+    // More than a packet holds is not padding: the container is wrong.
+    if (excess <= 0 || excess > av_rescale(kMaxPaddingUs, mSampleRate, 1000000)) return;
+    const int64_t kept = std::max<int64_t>(pcmFrames() - excess, 0);
+    mPcm.resize(mPcmUsed + static_cast<size_t>(kept * mChannelCount));
+}
+
 void AudioDecoder::place(int64_t startFrame) {
     const int64_t gap = startFrame - mNextFrame;
     // The first audio of a segment is put at its exact timestamp. So is the first audio after a
@@ -290,6 +304,7 @@ void AudioDecoder::place(int64_t startFrame) {
         const int64_t dropped = std::min(-gap, pcmFrames());
         mPcmUsed += static_cast<size_t>(dropped) * static_cast<size_t>(mChannelCount);
     }
+    dropPadding();
     mSilenceBudget.addAudio(av_rescale(pcmFrames(), 1000000, mSampleRate));
     mInGap = false;
     if (pcmFrames() > 0) mAtStart = false;

@@ -45,6 +45,8 @@ private:
     bool resample(const AVFrame* frame);
     // Puts the samples in mPcm at this sample frame of the segment.
     void place(int64_t startFrame);
+    // Removes from mPcm what follows the end of the track.
+    void dropPadding();
     // Adds silence to the output; sets mRefused instead when it exceeds the limit.
     void addSilence(int64_t frames);
     Step produceChunk(CodecOutput* output);

@@ -238,20 +238,26 @@ std::optional<TrackInfo::Ending> findEnding(const std::vector<IsoTrackLength>& l
         return static_cast<int64_t>(each.trackId) == stream.id;
     });
     const int entries = avformat_index_get_entries_count(&stream);
-    if (!isKind(stream, AVMEDIA_TYPE_VIDEO) || length == lengths.end() || entries < 1 ||
-        length->samples != entries) {
-        return std::nullopt;
-    }
+    if (length == lengths.end() || entries < 1 || length->samples != entries) return std::nullopt;
+    // Of the first sample in the file, which is before the first one shown if an edit list cuts the
+    // start.
+    const int64_t start = avformat_index_get_entry(&stream, 0)->timestamp;
+    const int64_t samplesEndUs =
+        demuxer.toUs(stream.index, av_sat_add64(start, length->durationTicks));
+    const auto movieUs = [&](int64_t ticks) {
+        return av_rescale(ticks, kMicroseconds.den, length->movieTicksPerSecond);
+    };
+    const int64_t editsEndUs = movieUs(length->presentationTicks);
     TrackInfo::Ending ending;
     ending.lastDts = avformat_index_get_entry(&stream, entries - 1)->timestamp;
-    // The decoding times of reordered frames do not say when the last one ends.
-    ending.endUs =
-        av_rescale(length->presentationTicks, kMicroseconds.den, length->movieTicksPerSecond);
-    if (stream.codecpar->video_delay == 0) {
-        // Of the first sample in the file, which is before the first one shown if an edit list
-        // cuts the start.
-        const int64_t start = avformat_index_get_entry(&stream, 0)->timestamp;
-        ending.endUs = demuxer.toUs(stream.index, av_sat_add64(start, length->durationTicks));
+    ending.endUs = samplesEndUs;
+    if (isKind(stream, AVMEDIA_TYPE_AUDIO)) {
+        // The edits are rounded to ticks of the movie; they count where they leave samples out.
+        const bool isCut = editsEndUs > 0 && samplesEndUs - editsEndUs > movieUs(1);
+        if (isCut) ending.endUs = editsEndUs;
+    } else if (stream.codecpar->video_delay != 0) {
+        // The decoding times of reordered frames do not say when the last one ends.
+        ending.endUs = editsEndUs;
     }
     return ending;
 }

@@ -31,7 +31,7 @@ struct TrackInfo {
     // How far before a seek's target decoding has to begin.
     int64_t prerollUs = 0;
     size_t maxSampleBytes = 0;
-    // Of video, where the container states it: when the track ends, on the file's own time line,
+    // Where the container states it: when the track ends, on the file's own time line,
     // and the decoding time of its last sample, in the stream's time base, where an index has it.
     // The duration that libavformat gives the last sample is off by what an edit list moves, means
     // little where frames are reordered, and is the default of the track in Matroska.
