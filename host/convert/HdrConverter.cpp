@@ -252,7 +252,7 @@ HdrConverter::HdrConverter(const zimg_image_format& from)
       mRowQuarters(quartersOfRow(from.chroma_location)) {
     const bool hlg = from.transfer_characteristics == ZIMG_TRANSFER_ARIB_B67;
     const int white = whiteOf(mFullRange);
-    mLight.resize(static_cast<size_t>(lastIndexOf(mFullRange) + 1));
+    mLight.resize(static_cast<size_t>(lastIndexOf(mFullRange)) + 1);
     for (size_t i = 0; i < mLight.size(); ++i) {
         const double code = static_cast<double>(i) / white;
         const double nits = hlg ? lightOfHlg(code) : lightOfPq(std::min(code, 1.0));
