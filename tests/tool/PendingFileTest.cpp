@@ -344,26 +344,6 @@ TEST_F(PendingFileTest, anotherUsersFileInAStickyDirectory_isRefused) {
     EXPECT_EQ("", own);
 }
 
-TEST_F(PendingFileTest, isSameAs_comparesFilesAndNotPaths) {
-    fs::create_directory(path("folder"));
-    write("old", "old");
-    fs::create_hard_link(path("old"), path("twin"));
-    fs::create_symlink("new", path("link"));
-    fs::create_symlink(".", path("here"));
-    const auto isSame = [this](const char* firstName, const char* secondName) {
-        PendingFile first;
-        PendingFile second;
-        EXPECT_FALSE(first.locate(path(firstName)) || second.locate(path(secondName)));
-        return first.isSameAs(second);
-    };
-    for (const char* name : {"new", "folder/../new", "here/new", "link"}) {
-        EXPECT_TRUE(isSame("new", name)) << name;
-    }
-    EXPECT_TRUE(isSame("old", "twin"));
-    EXPECT_FALSE(isSame("new", "folder/new"));
-    EXPECT_FALSE(isSame("new", "old"));
-}
-
 TEST_F(PendingFileTest, withoutCommit_onlyHiddenNamesAreRemoved) {
     write("out", "old");
     for (const int error : {0, EOPNOTSUPP}) {

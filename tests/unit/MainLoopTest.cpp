@@ -156,6 +156,11 @@ const RunEnd kRunEnds[] = {
     {"stopInTheLoop", 3, -1003, [](T& t) { t.stopAt("Transcode: Start loop"); }},
     {"stopBetweenTwoTracks", 30, -1003,
      [](T& t) { t.stopAt("Transcode: Decoded frame size : 192, [Audio]"); }},
+    {"stopWhileADecoderStalls", 30, -1003,
+     [](T& t) {
+         t.mVideoDecoder->holdOutput(true);
+         t.stopAt("Transcode: decoder output -EAGAIN:-11:[R:-11]");
+     }},
     {"stopDuringTheWaitForTheWriter", 3, -1003,
      [](T& t) {
          t.mVideoEncoder->holdInput(true);
