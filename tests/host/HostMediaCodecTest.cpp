@@ -196,15 +196,6 @@ TEST_F(HostMediaCodecTest, anInputIsFreeWhenTheBackendReleasesItAndNotBefore) {
     EXPECT_EQ(OK, waiting.get());
 }
 
-TEST_F(HostMediaCodecTest, aBackendThatStillHasInputsCanBeReleased) {
-    mScript->keepsInputs = true;
-    start();
-    ASSERT_EQ(OK, queue(5));
-    ASSERT_EQ(OK, dequeue());
-    auto released = std::async(std::launch::async, [this] { return mCodec->release(); });
-    EXPECT_EQ(OK, resultOf(&released));
-}
-
 TEST_F(HostMediaCodecTest, anEmptyInputIsFreeAtOnce) {
     start();
     for (size_t i = 0; i < 10 * kInputs; ++i) ASSERT_EQ(OK, queue(0, 0, 0));

@@ -311,25 +311,6 @@ TEST_F(PendingFileTest, links_areFollowedAlsoToAMissingTarget) {
     }
 }
 
-TEST_F(PendingFileTest, unusablePaths_areRefusedBeforeAnythingIsWritten) {
-    fs::create_symlink("loop", path("loop"));
-    fs::create_symlink("missing/out", path("dangling"));
-    fs::create_directory(path("folder"));
-    ASSERT_EQ(0, mkfifo(path("pipe").c_str(), 0600));
-    write("out", "old");
-    for (const std::string name : {"loop", "dangling", "folder", "folder/", "new/", ".", "..",
-                                   "pipe", "missing/out", "out/inner"}) {
-        EXPECT_NE("", check(path(name), true)) << name;
-    }
-    EXPECT_NE("", check("", true));
-    EXPECT_NE("", check("/dev/null", true));
-    EXPECT_EQ("the file exists; --overwrite would replace it", check(path("out"), false));
-    EXPECT_EQ("", check(path("out"), true));
-    EXPECT_EQ("", check(path(std::string(255, 'n')), false));
-    EXPECT_EQ(strerror(ENAMETOOLONG), check(path(std::string(256, 'n')), false));
-    EXPECT_EQ(5, std::distance(fs::directory_iterator(mFolder), {}));
-}
-
 TEST_F(PendingFileTest, anotherUsersFileInAStickyDirectory_isRefused) {
     if (geteuid() != 0) GTEST_SKIP() << "only root may act as other users";
     write("root's", "old");

@@ -93,14 +93,6 @@ TEST_F(RunMonitorTest, aSecondRun_startsWithoutTheFirstOnesState) {
     EXPECT_THAT(sink.lines, ElementsAre());
 }
 
-TEST(LogEvent, parseLogMessage_readsTheFirstTwoIntegers) {
-    const auto event = parseLogMessage("TVideoSource", "drop -40 > 30");
-    ASSERT_TRUE(event);
-    EXPECT_EQ(-40, event->first);
-    EXPECT_EQ(30, event->second);
-    EXPECT_FALSE(parseLogMessage("TAudioSource", "drop 40 > 30"));
-}
-
 TEST(Timer, calls_repeatUntilTheFunctionOrItsOwnerEndsThem) {
     std::promise<void> ended;
     int calls = 0;
