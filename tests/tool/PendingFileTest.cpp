@@ -257,18 +257,6 @@ TEST_F(PendingFileTest, aFileThatAppearsDuringTheRun_isReplacedOnlyWhenOverwriti
     }
 }
 
-TEST_F(PendingFileTest, aDirectoryUnderTheName_orARemovedDirectory_isAFailure) {
-    auto file = filled("out", true);
-    fs::create_directory(path("out"));
-    EXPECT_EQ(strerror(EEXIST), commit(std::move(file)));
-    EXPECT_TRUE(fs::is_directory(path("out")));
-    EXPECT_EQ(1U, contents().size());
-
-    file = filled("out/inner");
-    fs::remove_all(path("out"));
-    EXPECT_EQ(strerror(ENOENT), commit(std::move(file)));
-}
-
 TEST_F(PendingFileTest, permissions_areCopiedFromTheOlderFileOrFollowTheUmask) {
     const mode_t before = umask(027);
     EXPECT_EQ("", commit(filled("out")));

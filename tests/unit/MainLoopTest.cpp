@@ -67,14 +67,6 @@ TEST_F(MainLoopTest, trimmedPeriodsAreJoinedAndTheRestIsDropped) {
     EXPECT_TRUE(std::is_sorted(mProgress.begin(), mProgress.end()));
 }
 
-TEST_F(MainLoopTest, aTrackWithoutOutputEndsTheFileAllTheSame) {
-    // The decoders say nothing but the end: no source ever gets an encoder.
-    mAudioDecoder->clearOutput();
-    mVideoDecoder->clearOutput();
-    EXPECT_EQ(0, run());
-    expectNoHang();
-}
-
 TEST_F(MainLoopTest, aFormatChangeThatComesLateLosesNothing) {
     addSamples(0, 20);
     mVideoDecoder->clearOutput();
