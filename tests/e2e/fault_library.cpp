@@ -1,19 +1,13 @@
 // To be preloaded: makes calls fail.
 //
-// QM_FAULT is a list of faults, separated by commas:
-//   pread:7:EIO              the 7th call fails
-//   pread:7+:EIO             the 7th and every later call
-//   pread@65536-131072:EIO   every call that touches these offsets; the second one is excluded
-//   pwrite:7:WAIT            the 7th call waits until the file $QM_FAULT_UNTIL exists
+// QM_FAULT is nothing or a fault:
+//   pread:7:EIO     the 7th call fails
+//   pwrite:7:WAIT   the 7th call waits until the file $QM_FAULT_UNTIL exists
 // The operations are those of kNames. Each includes its 64-bit form, rename includes renameat2,
 // and malloc all functions that allocate.
 // A close that fails closes the descriptor all the same; any other call that fails does nothing.
 //
-// QM_FAULT_FILE restricts calls and counts to the descriptors whose link in /proc, and the names
-// for rename and linkat, which contain that text.
-//
-// QM_FAULT_COUNT names a file that is written at exit: "OPERATION CALLS FAILED" for each operation,
-// and "first OFFSET SIZE" of the first pread or pwrite that failed.
+// QM_FAULT_COUNT names a file that is written at exit: "OPERATION CALLS" for each operation.
 //
 // Calls count from main() on, those of forked children included.
 
@@ -22,7 +16,6 @@
 
 #include <dlfcn.h>
 #include <errno.h>
-#include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -36,7 +29,6 @@
 #include <regex>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace {
 
@@ -46,23 +38,21 @@ constexpr size_t kOperations = std::size(kNames);
 // The library's own calls do not count.
 thread_local bool tInside = false;
 
-// From `first` to before `end`: numbers of calls, which begin at 1, or offsets.
 struct Fault {
     std::string operation;
-    bool byOffset;
-    long long first, end;
-    int error;  // 0 waits
+    long long call;  // from 1
+    int error;       // 0 waits
 };
 
 // In memory that forked processes share.
 struct Counts {
-    std::atomic<bool> counting, hasFirst;
-    std::atomic<long long> calls[kOperations], failed[kOperations], firstOffset, firstSize;
+    std::atomic<bool> counting;
+    std::atomic<long long> calls[kOperations];
 };
 
 const pid_t gProcess = getpid();
 Counts* gCounts = nullptr;
-std::vector<Fault>* gFaults = nullptr;
+Fault* gFault = nullptr;
 
 // A fault that cannot be parsed ends the test, because a fault that never happens proves nothing.
 [[noreturn]] void refuse(const std::string& text) {
@@ -83,21 +73,14 @@ __attribute__((constructor)) void setUp() {
         mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) abort();
     gCounts = static_cast<Counts*>(memory);
-    gFaults = new std::vector<Fault>;
-    const std::regex syntax("(\\w+)(:(\\d+)(\\+?)|@(\\d+)-(\\d+)):(\\w+),?");
-    std::string text = getenv("QM_FAULT") ?: "";
-    for (std::smatch m; !text.empty(); text = m.suffix()) {
-        if (!std::regex_search(text, m, syntax, std::regex_constants::match_continuous) ||
-            std::find(std::begin(kNames), std::end(kNames), m[1].str()) == std::end(kNames)) {
-            refuse(text);
-        }
-        const bool byOffset = m[5].matched;
-        const long long first = std::stoll(byOffset ? m[5] : m[3]);
-        const long long end = byOffset            ? std::stoll(m[6])
-                              : m[4].length() > 0 ? LLONG_MAX
-                                                  : first + 1;
-        gFaults->push_back({m[1], byOffset, first, end, errorOf(m[7])});
+    const std::string text = getenv("QM_FAULT") ?: "";
+    if (text.empty()) return;
+    std::smatch m;
+    if (!std::regex_match(text, m, std::regex("(\\w+):(\\d+):(\\w+)")) ||
+        std::find(std::begin(kNames), std::end(kNames), m[1].str()) == std::end(kNames)) {
+        refuse(text);
     }
+    gFault = new Fault{m[1], std::stoll(m[2]), errorOf(m[3])};
 }
 
 __attribute__((destructor)) void report() {
@@ -108,47 +91,22 @@ __attribute__((destructor)) void report() {
     FILE* file = fopen(path, "w");
     if (file == nullptr) abort();
     for (size_t i = 0; i < kOperations; ++i) {
-        fprintf(file, "%s %lld %lld\n", kNames[i].data(), +gCounts->calls[i], +gCounts->failed[i]);
-    }
-    if (gCounts->hasFirst) {
-        fprintf(file, "first %lld %lld\n", +gCounts->firstOffset, +gCounts->firstSize);
+        fprintf(file, "%s %lld\n", kNames[i].data(), +gCounts->calls[i]);
     }
     fclose(file);
 }
 
-bool isChosen(const char* path) {
-    const char* text = getenv("QM_FAULT_FILE");
-    return text == nullptr || strstr(path, text) != nullptr;
-}
-
-bool isChosen(int fd) {
-    char path[PATH_MAX] = "";
-    char link[32];
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    return readlink(link, path, sizeof(path) - 1) >= 0 && isChosen(path);
-}
-
 // Counts a call. False, with errno set, when it is to fail.
-bool passes(std::string_view name, bool chosen, long long offset = 0, size_t size = 0) {
-    if (gCounts == nullptr || !gCounts->counting || !chosen || tInside) return true;
+bool passes(std::string_view name) {
+    if (gCounts == nullptr || !gCounts->counting || tInside) return true;
     const auto operation = std::find(kNames, std::end(kNames), name) - kNames;
     const long long number = ++gCounts->calls[operation];
-    for (const Fault& fault : *gFaults) {
-        const long long begin = fault.byOffset ? offset : number;
-        const long long end = fault.byOffset ? offset + static_cast<long long>(size) : number + 1;
-        if (fault.operation != name || begin >= fault.end || end <= fault.first) continue;
-        if (fault.error == 0) {
-            while (access(getenv("QM_FAULT_UNTIL"), F_OK) != 0) usleep(20000);
-            return true;
-        }
-        ++gCounts->failed[operation];
-        if (size > 0 && !gCounts->hasFirst.exchange(true)) {
-            gCounts->firstOffset = offset;
-            gCounts->firstSize = static_cast<long long>(size);
-        }
-        errno = fault.error;
+    if (gFault == nullptr || gFault->operation != name || gFault->call != number) return true;
+    if (gFault->error != 0) {
+        errno = gFault->error;
         return false;
     }
+    while (access(getenv("QM_FAULT_UNTIL"), F_OK) != 0) usleep(20000);
     return true;
 }
 
@@ -166,7 +124,7 @@ static void* find(const char* name) {
 
 #define TRANSFER(function, operation, Buffer, Offset)                   \
     ssize_t function(int fd, Buffer data, size_t size, Offset offset) { \
-        if (!passes(operation, isChosen(fd), offset, size)) return -1;  \
+        if (!passes(operation)) return -1;                              \
         return REAL(function)(fd, data, size, offset);                  \
     }
 
@@ -177,10 +135,10 @@ TRANSFER(pread64, "pread", void*, off64_t)
 TRANSFER(pwrite, "pwrite", const void*, off_t)
 TRANSFER(pwrite64, "pwrite", const void*, off64_t)
 
-int fsync(int fd) { return passes("fsync", isChosen(fd)) ? REAL(fsync)(fd) : -1; }
+int fsync(int fd) { return passes("fsync") ? REAL(fsync)(fd) : -1; }
 
 int close(int fd) {
-    const bool passed = passes("close", isChosen(fd));
+    const bool passed = passes("close");
     const int error = errno;
     const int result = REAL(close)(fd);
     if (passed) return result;
@@ -189,16 +147,16 @@ int close(int fd) {
 }
 
 int rename(const char* from, const char* to) noexcept {
-    return passes("rename", isChosen(from) || isChosen(to)) ? REAL(rename)(from, to) : -1;
+    return passes("rename") ? REAL(rename)(from, to) : -1;
 }
 
 int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) noexcept {
-    if (!passes("rename", isChosen(from) || isChosen(to))) return -1;
+    if (!passes("rename")) return -1;
     return REAL(renameat2)(fromDir, from, toDir, to, flags);
 }
 
 int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
-    if (!passes("linkat", isChosen(from) || isChosen(to))) return -1;
+    if (!passes("linkat")) return -1;
     return REAL(linkat)(fromDir, from, toDir, to, flags);
 }
 
@@ -208,18 +166,18 @@ void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 
 // Not by dlsym(), which allocates.
-void* malloc(size_t size) { return passes("malloc", true) ? __libc_malloc(size) : nullptr; }
+void* malloc(size_t size) { return passes("malloc") ? __libc_malloc(size) : nullptr; }
 
 void* calloc(size_t count, size_t size) {
-    return passes("malloc", true) ? __libc_calloc(count, size) : nullptr;
+    return passes("malloc") ? __libc_calloc(count, size) : nullptr;
 }
 
 void* realloc(void* memory, size_t size) {
-    return passes("malloc", true) ? __libc_realloc(memory, size) : nullptr;
+    return passes("malloc") ? __libc_realloc(memory, size) : nullptr;
 }
 
 void* memalign(size_t alignment, size_t size) {
-    return passes("malloc", true) ? __libc_memalign(alignment, size) : nullptr;
+    return passes("malloc") ? __libc_memalign(alignment, size) : nullptr;
 }
 
 void* aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
@@ -231,7 +189,7 @@ int posix_memalign(void** memory, size_t alignment, size_t size) {
 
 void* mmap64(void* address, size_t size, int protection, int flags, int fd,
              off64_t offset) noexcept {
-    if (!passes("mmap", true)) return MAP_FAILED;
+    if (!passes("mmap")) return MAP_FAILED;
     return REAL(mmap64)(address, size, protection, flags, fd, offset);
 }
 
@@ -241,7 +199,7 @@ void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t 
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                    void* argument) noexcept {
-    if (!passes("pthread_create", true)) return errno;
+    if (!passes("pthread_create")) return errno;
     return REAL(pthread_create)(thread, attributes, run, argument);
 }
 

@@ -86,21 +86,15 @@ expect_lines() {
     done
 }
 
-# with_faults FAULTS TEXT FUNCTION…: the command runs with faults in the files whose names contain the text; see
-# fault_library.cpp. WAIT lasts until $case_folder/go exists.
+# with_faults FAULT FUNCTION…: the command runs with a fault; see fault_library.cpp. WAIT lasts until $case_folder/go
+# exists.
 with_faults() {
     # LD_PRELOAD splits at spaces, so the library is loaded by a path that has none.
     [[ -e ../fault.so ]] || cp "$FAULT_LIBRARY" ../fault.so
-    local under=(env LD_PRELOAD=../fault.so QM_FAULT="$1" QM_FAULT_FILE="$2" QM_FAULT_COUNT=../calls
+    local under=(env LD_PRELOAD=../fault.so QM_FAULT="$1" QM_FAULT_COUNT=../calls
         QM_FAULT_UNTIL="$case_folder/go")
-    "${@:3}"
+    "${@:2}"
 }
-
-# calls OPERATION: the number of calls in the last command with faults.
-calls() { awk -v operation="$1" '$1 == operation { print $2 }' ../calls; }
-
-# The number of failed calls in the last command with faults.
-failed_calls() { awk 'NF == 3 && $1 != "first" { failed += $3 } END { print failed + 0 }' ../calls; }
 
 # Exactly these names are in the folder.
 expect_files() {

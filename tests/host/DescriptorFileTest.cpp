@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -95,26 +94,6 @@ TEST(DescriptorFileTest, aWrittenFileHoldsOnlyWhatWasWritten) {
         EXPECT_EQ(0, lseek(fd, 0, SEEK_CUR));
         close(fd);
     }
-}
-
-size_t openDescriptors() {
-    const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(folder), end(folder)));
-}
-
-TEST(DescriptorFileTest, noDescriptorIsLeftOpen) {
-    const int fd = memoryFile("0123456789");
-    const size_t before = openDescriptors();
-    for (const bool finishes : {false, true}) {
-        DescriptorFile::openForReading(fd, 0, 10);
-        DescriptorFile::openForReading(fd, 10, 10);
-        const auto written = DescriptorFile::openForWriting(fd).file;
-        EXPECT_TRUE(written->makeReadable());
-        EXPECT_EQ(before + 2, openDescriptors());
-        EXPECT_EQ(OK, finishes ? written->finish() : OK);
-    }
-    EXPECT_EQ(before, openDescriptors());
-    close(fd);
 }
 
 }  // namespace

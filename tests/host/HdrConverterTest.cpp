@@ -65,22 +65,17 @@ Frame<uint16_t> colourful(int width, int height) {
     return frame;
 }
 
-zimg_image_format formatOf(int width, int height, int transfer, int location) {
+std::vector<uint8_t> converted(Frame<uint16_t>& from, int transfer, int location,
+                               Instructions instructions) {
     zimg_image_format format;
     zimg_image_format_default(&format, ZIMG_API_VERSION);
-    format.width = static_cast<unsigned>(width);
-    format.height = static_cast<unsigned>(height);
+    format.width = static_cast<unsigned>(from.width);
+    format.height = static_cast<unsigned>(from.height);
     format.transfer_characteristics = static_cast<zimg_transfer_characteristics_e>(transfer);
     format.chroma_location = static_cast<zimg_chroma_location_e>(location);
     format.pixel_range = ZIMG_RANGE_LIMITED;
-    return format;
-}
-
-std::vector<uint8_t> converted(Frame<uint16_t>& from, int transfer, int location,
-                               Instructions instructions) {
     Frame<uint8_t> to(from.width, from.height);
-    HdrConverter(formatOf(from.width, from.height, transfer, location))
-        .convert(from.planes(), to.planes(), instructions);
+    HdrConverter(format).convert(from.planes(), to.planes(), instructions);
     return to.samples;
 }
 

@@ -72,7 +72,6 @@ public:
         }
         output->buffer = new ABuffer(1);
         output->timeUs = mPending.front();
-        output->segment = mSegment;
         mPending.pop_front();
         return Step::kOutput;
     }
@@ -80,7 +79,6 @@ public:
         std::lock_guard<std::mutex> guard(mScript->lock);
         mScript->accepted.emplace_back(input.data, input.data + input.size);
         if (mScript->acceptStatus != OK) return mScript->acceptStatus;
-        mSegment = input.info.segment.number;
         for (size_t i = 0; i < mScript->outputsPerInput; ++i) mPending.push_back(input.timeUs);
         if (mScript->keepsInputs) mScript->kept.push_back(std::move(input));
         return OK;
@@ -94,7 +92,6 @@ private:
     const std::shared_ptr<Script> mScript;
     sp<AMessage> mFormat;
     std::deque<int64_t> mPending;
-    uint32_t mSegment = 0;
     bool mFinished = false;
 };
 
@@ -197,15 +194,6 @@ TEST_F(HostMediaCodecTest, anInputIsFreeWhenTheBackendReleasesItAndNotBefore) {
     WaitingThread<status_t> waiting([this] { return takeInput(); });
     mScript->set([this] { mScript->kept.clear(); });
     EXPECT_EQ(OK, waiting.get());
-}
-
-TEST_F(HostMediaCodecTest, aBackendThatStillHasInputsCanBeReleased) {
-    mScript->keepsInputs = true;
-    start();
-    ASSERT_EQ(OK, queue(5));
-    ASSERT_EQ(OK, dequeue());
-    auto released = std::async(std::launch::async, [this] { return mCodec->release(); });
-    EXPECT_EQ(OK, resultOf(&released));
 }
 
 TEST_F(HostMediaCodecTest, anEmptyInputIsFreeAtOnce) {
@@ -317,58 +305,6 @@ TEST_F(HostMediaCodecTest, aRefusalEndsTheStreamAndFreesTheInputsThatAreStillQue
     EXPECT_EQ(ERROR_UNSUPPORTED, queue(6)) << "its buffer stays with the client";
     for (size_t i = 1; i < kInputs; ++i) EXPECT_EQ(OK, takeInput(0)) << i;
     EXPECT_EQ(1u, mScript->accepted.size());
-}
-
-// Two decoders of one extractor, the first with an output that waits for the second.
-class SequencedCodecsTest : public HostMediaCodecTest {
-protected:
-    void SetUp() override {
-        HostMediaCodecTest::SetUp();
-        ASSERT_EQ(OK, mAudioLooper->start());
-        mSequencer->beginSegment(0);
-        ASSERT_EQ(OK, mAudio->configure(formatOf(new TrackSource(makeParameters(), mSequencer)),
-                                        nullptr, nullptr, 0));
-        ASSERT_EQ(OK, mAudio->start());
-        start(formatOf(mVideoTrack));
-        // The reader is at 1000: earlier audio may follow.
-        mVideoTrack->announce(1000, nullptr);
-        ASSERT_EQ(OK, queue(2000));
-    }
-    void TearDown() override {
-        mAudio->release();
-        HostMediaCodecTest::TearDown();
-    }
-
-    const sp<OutputSequencer> mSequencer = new OutputSequencer;
-    const sp<TrackSource> mVideoTrack = new TrackSource(makeParameters(), mSequencer);
-    const sp<ALooper> mAudioLooper = new ALooper;
-    const sp<MediaCodec> mAudio = new HostMediaCodec(
-        mAudioLooper, std::make_unique<ScriptedBackend>(std::make_shared<Script>()));
-};
-
-TEST_F(SequencedCodecsTest, anOutputWaitsUntilTheReaderIsPastItOrTheOtherDecoderStops) {
-    WaitingThread<status_t> waiting([this] { return dequeue(); });
-    mSequencer->advancePosition(2000);
-    EXPECT_EQ(OK, waiting.get());
-    EXPECT_EQ(2000, mTimeUs);
-    ASSERT_EQ(OK, queue(3000));
-    WaitingThread<status_t> waitingAgain([this] { return dequeue(); });
-    EXPECT_EQ(OK, mAudio->stop());
-    EXPECT_EQ(OK, waitingAgain.get());
-}
-
-TEST_F(SequencedCodecsTest, aDecoderWhoseOutputWaitsCanBeUsedAndStopped) {
-    WaitingThread<status_t> waiting([this] { return dequeue(); });
-    // It holds no lock while it waits.
-    EXPECT_EQ(OK, queue(3000));
-    EXPECT_EQ(OK, mCodec->stop());
-    EXPECT_EQ(INVALID_OPERATION, waiting.get());
-}
-
-TEST_F(SequencedCodecsTest, outputsOfAnEarlierSegmentAreDropped) {
-    mSequencer->beginSegment(5000);
-    mVideoTrack->announce(7000, nullptr);
-    EXPECT_EQ(-EAGAIN, dequeue(1000)) << "2000 was queued before the seek";
 }
 
 }  // namespace

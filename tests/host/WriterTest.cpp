@@ -12,7 +12,6 @@
 #include <mutex>
 
 #include "IoSupport.h"
-#include "host/codec/SessionTimeline.h"
 #include "host/writer/FileWriter.h"
 
 namespace android::qmmediaeditor {
@@ -40,6 +39,11 @@ public:
     }
 
     status_t start(MetaData*) override { return OK; }
+    // What the next read returns when there is nothing left, as when there is no memory.
+    void fail(status_t status) {
+        mEndStatus = status;
+        stop();
+    }
     // Ends the stream behind what was pushed.
     status_t stop() override {
         std::lock_guard<std::mutex> lock(mLock);
@@ -54,7 +58,7 @@ public:
         mChanged.notify_all();
         mChanged.wait(lock, [this] { return !mEntries.empty() || mEnded; });
         mWaiting = false;
-        if (mEntries.empty()) return ERROR_END_OF_STREAM;
+        if (mEntries.empty()) return mEndStatus;
         const Entry entry = mEntries.front();
         mEntries.pop_front();
         // A writer that keeps the only buffer would hang here.
@@ -83,6 +87,7 @@ private:
     std::condition_variable mChanged;
     std::deque<Entry> mEntries;
     bool mEnded = false;
+    status_t mEndStatus = ERROR_END_OF_STREAM;
     bool mWaiting = false;
 };
 
@@ -139,18 +144,16 @@ sp<MetaData> audioFormat(const char* mime, int sampleRate) {
 class WriterTest : public ::testing::Test {
 protected:
     // A writer without tracks.
-    void create(const std::string& path, const HostOptions& options = {},
-                const std::shared_ptr<SessionTimeline>& session = nullptr) {
+    void create(const std::string& path, const HostOptions& options = {}) {
         const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        mWriter = createFileWriter(fd, options, session);
+        mWriter = createFileWriter(fd, options);
         close(fd);
         mEvents = new EventLog;
         mWriter->setListener(mEvents);
     }
     // A running writer of both tracks.
-    void start(const std::string& path, const HostOptions& options = {},
-               const std::shared_ptr<SessionTimeline>& session = nullptr) {
-        create(path, options, session);
+    void start(const std::string& path, const HostOptions& options = {}) {
+        create(path, options);
         mWriter->addSource(mVideo);
         mWriter->addSource(mAudio);
         const sp<MetaData> params = new MetaData;
@@ -159,16 +162,11 @@ protected:
         ASSERT_EQ(OK, mWriter->start(params.get()));
     }
 
-    // Returns the number of frames before `endUs`, which are all that it pushes.
-    size_t pushVideo(int64_t endUs = INT64_MAX) {
+    void pushVideo() {
         mVideo->pushConfig(mVideoConfig);
-        size_t frames = 0;
         for (const Sample& sample : ofTrack(mSamples, 0)) {
-            if (sample.presentationUs >= endUs) break;
             mVideo->push(toByteStream(sample.data), sample.presentationUs, sample.isSync);
-            ++frames;
         }
-        return frames;
     }
     void pushAudio() {
         mAudio->pushConfig(mAudioConfig);
@@ -238,21 +236,6 @@ INSTANTIATE_TEST_SUITE_P(, WriterLayouts, ::testing::Bool(), [](const auto& para
     return parameter.param ? "movieBoxFirst" : "movieBoxLast";
 });
 
-// Audio has come in up to 2 s, video up to 1 s, and no encoder has reached its end.
-TEST_F(WriterTest, theTracksOfAStoppedSessionEndTogether) {
-    const auto session = std::make_shared<SessionTimeline>(HostOptions());
-    session->encoderStarted(true);
-    session->encoderStarted(false);
-    start(scratchPath("stopped.mp4"), {}, session);
-    const size_t frames = pushVideo(1000000);
-    pushAudio();
-    stop();
-    OpenedClip output(scratchPath("stopped.mp4"));
-    EXPECT_NEAR(1000000, output.durationUs(0), 35000);
-    EXPECT_NEAR(1000000, output.durationUs(1), 35000);
-    EXPECT_EQ(frames, ofTrack(output.readFrom(), 0).size()) << "no frame before the end is lost";
-}
-
 TEST_F(WriterTest, aFileWithoutSamplesIsNoFailure) {
     start(scratchPath("nothing.mp4"));
     EXPECT_EQ(OK, mWriter->stop());
@@ -286,6 +269,15 @@ TEST_F(WriterTest, aFullDiskIsReportedOnceAndEndsEveryTrack) {
     EXPECT_EQ(1, mEvents->count());
 }
 
+TEST_F(WriterTest, aSampleThatCannotBeReadIsReported) {
+    start(scratchPath("unread.mp4"));
+    mAudio->fail(NO_MEMORY);
+    EXPECT_EQ(NO_MEMORY, mEvents->waitForError());
+    mVideo->stop();
+    mWriter->stop();
+    EXPECT_EQ(1, mEvents->count());
+}
+
 // A client takes a refused start for a mistake of its own, and formats come from the input.
 TEST_F(WriterTest, onlyTracksThatCannotBeWrittenAreReportedAsAWriteError) {
     EXPECT_NE(OK, createFileWriter(-1, HostOptions())->start(nullptr));
@@ -299,24 +291,6 @@ TEST_F(WriterTest, onlyTracksThatCannotBeWrittenAreReportedAsAWriteError) {
         EXPECT_TRUE(mWriter->reachedEOS());
         EXPECT_NE(OK, mWriter->stop());
     }
-}
-
-TEST_F(WriterTest, amrMakesA3gpFileWithoutARequest) {
-    OpenedClip input(
-        makeClip("speech.amr", " -f lavfi -i sine=r=8000:d=1 -c:a libopencore_amrnb "));
-    create(scratchPath("speech.mp4"));
-    const sp<QueueSource> source = new QueueSource(audioFormat(MEDIA_MIMETYPE_AUDIO_AMR_NB, 8000));
-    for (const Sample& sample : input.readFrom()) source->push(sample.data, sample.timeUs);
-    mWriter->addSource(source);
-    ASSERT_EQ(OK, mWriter->start(nullptr));
-    source->stop();
-    while (!mWriter->reachedEOS()) {
-    }
-    EXPECT_EQ(OK, mWriter->stop());
-    std::string head(12, 0);
-    std::ifstream(scratchPath("speech.mp4"), std::ios::binary).read(head.data(), 12);
-    EXPECT_EQ("ftyp3gp", head.substr(4, 7));
-    EXPECT_EQ("audio/3gpp", OpenedClip(scratchPath("speech.mp4")).mime(0));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <qmtranscode/monitor/RunMonitor.h>
-#include <unistd.h>
 
 #include <future>
 
@@ -92,50 +91,6 @@ TEST_F(RunMonitorTest, aSecondRun_startsWithoutTheFirstOnesState) {
     EXPECT_THAT(monitor.describe(40), testing::Each(HasSubstr("queue of")));
     EXPECT_THAT(monitor.end(50).framesDecoded, 0);
     EXPECT_THAT(sink.lines, ElementsAre());
-}
-
-TEST(LogEvent, parseLogMessage_readsTheFirstTwoIntegers) {
-    const auto event = parseLogMessage("TVideoSource", "drop -40 > 30");
-    ASSERT_TRUE(event);
-    EXPECT_EQ(-40, event->first);
-    EXPECT_EQ(30, event->second);
-    EXPECT_FALSE(parseLogMessage("TAudioSource", "drop 40 > 30"));
-}
-
-// Reads until `end` is in the text.
-std::string readUntil(int fd, const std::string& end) {
-    std::string text;
-    char byte = 0;
-    while (text.find(end) == std::string::npos && read(fd, &byte, 1) == 1) text += byte;
-    return text;
-}
-
-// A detector that repeated itself would print the first stall many times before the second one.
-TEST(StallDetector, eachStall_isDescribedOnce) {
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    const int before = dup(STDERR_FILENO);
-    dup2(ends[1], STDERR_FILENO);
-    RunMonitor monitor;
-    monitor.begin({}, nullptr);
-    std::string text;
-    {
-        monitor.onMessage({0, "TVideoSource", "waiting @ read()", nowUs(), kEncoder});
-        const StallDetector detector(&monitor, std::chrono::milliseconds(20));
-        text = readUntil(ends[0], "video written: last ");
-        monitor.onMessage({0, "AudioEncoderThread", "Call threadLoop start", nowUs(), kSession});
-        text += readUntil(ends[0], "audio encoder output");
-    }
-    fputs("END", stderr);
-    text += readUntil(ends[0], "END");
-    dup2(before, STDERR_FILENO);
-    for (int fd : {ends[0], ends[1], before}) close(fd);
-    EXPECT_THAT(text, HasSubstr("video writer            waits for encoded video"));
-    size_t headlines = 0;
-    for (size_t at = 0; (at = text.find("no progress for ", at)) != std::string::npos; ++at) {
-        ++headlines;
-    }
-    EXPECT_EQ(2U, headlines) << text;
 }
 
 TEST(Timer, calls_repeatUntilTheFunctionOrItsOwnerEndsThem) {

@@ -20,11 +20,6 @@ protected:
         session().setVideoEncoderInfo(&attribute, videoFormat(trackKeys), outputRequest, false);
         return attribute;
     }
-    int32_t fileKey(uint32_t key) {
-        int32_t value = -1;
-        session().mFileMeta->findInt32(key, &value);
-        return value;
-    }
 };
 
 TEST_F(EncoderConfigurationTest, audioFollowsTheInputUnlessARequestSaysOtherwise) {
@@ -195,27 +190,6 @@ TEST_F(EncoderConfigurationTest, profileAndLevelAreThoseOfAnAvcInput) {
         session().setVideoEncoderInfo(&v, format, row.request, false);
         EXPECT_EQ(row.profile, v.mProfile) << &row - table;
         EXPECT_EQ(row.level, v.mLevel) << &row - table;
-    }
-}
-
-TEST_F(EncoderConfigurationTest, theFileIsToldItsTypeAndRotation) {
-    for (const int32_t degrees : {90, 0}) {
-        EXPECT_EQ(degrees, video({{"rotation-degrees", degrees}}).mRotation);
-        EXPECT_EQ(degrees, fileKey(kKeyRotation));
-    }
-    video({});
-    EXPECT_EQ(-1, fileKey(kKeyRotation));
-
-    const std::pair<sp<AMessage>, int32_t> table[] = {
-        {nullptr, 2},
-        {request({}), 2},
-        {request({{"file-format", 1}}), 1},
-        {withKeys(new AMessage, {{"file-format", 1}}), 2}};
-    prepareEchoes();
-    for (const auto& [outputRequest, type] : table) {
-        mRequest.mOutputFormat = outputRequest;
-        EXPECT_EQ(0, renewSession().createModule());
-        EXPECT_EQ(type, fileKey(kKeyFileType));
     }
 }
 

@@ -202,19 +202,6 @@ TYPED_TEST(HandOffTest, everyWakeUpIsMadeUnderTheLockOfItsWaitersAfterTheFlagWas
     }
 }
 
-TYPED_TEST(HandOffTest, startsAndFailuresAreRecordedBeforeAnyThreadIsWoken) {
-    auto& s = *this->mSource;
-    bool started = false;
-    int32_t seen = 0;
-    this->mCalls.onWakeUp(s.mStartCond, [&] { started = s.mStarted; });
-    s.start();
-    EXPECT_TRUE(started);
-    this->mCalls.onWakeUp(s.mDecoderBufferReturnedCond, [&] { seen = s.failure(); });
-    s.mCore.reportFailure(-1130);
-    EXPECT_EQ(-1130, seen);
-    this->mCalls.forgetHooks();
-}
-
 TYPED_TEST(HandOffTest, onlyTheSessionsThreadPollsForAStopThatWakesNobody) {
     this->restart();
     int asked = 0;

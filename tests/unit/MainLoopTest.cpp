@@ -67,14 +67,6 @@ TEST_F(MainLoopTest, trimmedPeriodsAreJoinedAndTheRestIsDropped) {
     EXPECT_TRUE(std::is_sorted(mProgress.begin(), mProgress.end()));
 }
 
-TEST_F(MainLoopTest, aTrackWithoutOutputEndsTheFileAllTheSame) {
-    // The decoders say nothing but the end: no source ever gets an encoder.
-    mAudioDecoder->clearOutput();
-    mVideoDecoder->clearOutput();
-    EXPECT_EQ(0, run());
-    expectNoHang();
-}
-
 TEST_F(MainLoopTest, aFormatChangeThatComesLateLosesNothing) {
     addSamples(0, 20);
     mVideoDecoder->clearOutput();
@@ -156,6 +148,11 @@ const RunEnd kRunEnds[] = {
     {"stopInTheLoop", 3, -1003, [](T& t) { t.stopAt("Transcode: Start loop"); }},
     {"stopBetweenTwoTracks", 30, -1003,
      [](T& t) { t.stopAt("Transcode: Decoded frame size : 192, [Audio]"); }},
+    {"stopWhileADecoderStalls", 30, -1003,
+     [](T& t) {
+         t.mVideoDecoder->holdOutput(true);
+         t.stopAt("Transcode: decoder output -EAGAIN:-11:[R:-11]");
+     }},
     {"stopDuringTheWaitForTheWriter", 3, -1003,
      [](T& t) {
          t.mVideoEncoder->holdInput(true);
