@@ -72,6 +72,7 @@ public:
         }
         output->buffer = new ABuffer(1);
         output->timeUs = mPending.front();
+        output->segment = mSegment;
         mPending.pop_front();
         return Step::kOutput;
     }
@@ -79,6 +80,7 @@ public:
         std::lock_guard<std::mutex> guard(mScript->lock);
         mScript->accepted.emplace_back(input.data, input.data + input.size);
         if (mScript->acceptStatus != OK) return mScript->acceptStatus;
+        mSegment = input.info.segment.number;
         for (size_t i = 0; i < mScript->outputsPerInput; ++i) mPending.push_back(input.timeUs);
         if (mScript->keepsInputs) mScript->kept.push_back(std::move(input));
         return OK;
@@ -92,6 +94,7 @@ private:
     const std::shared_ptr<Script> mScript;
     sp<AMessage> mFormat;
     std::deque<int64_t> mPending;
+    uint32_t mSegment = 0;
     bool mFinished = false;
 };
 
@@ -305,6 +308,18 @@ TEST_F(HostMediaCodecTest, aRefusalEndsTheStreamAndFreesTheInputsThatAreStillQue
     EXPECT_EQ(ERROR_UNSUPPORTED, queue(6)) << "its buffer stays with the client";
     for (size_t i = 1; i < kInputs; ++i) EXPECT_EQ(OK, takeInput(0)) << i;
     EXPECT_EQ(1u, mScript->accepted.size());
+}
+
+TEST_F(HostMediaCodecTest, outputsOfAnEarlierSegmentAreDropped) {
+    const sp<OutputSequencer> sequencer = new OutputSequencer;
+    const sp<TrackSource> track = new TrackSource(makeParameters(), sequencer);
+    sequencer->beginSegment(0);
+    start(formatOf(track));
+    ASSERT_EQ(OK, queue(2000));
+    ASSERT_TRUE(mScript->waitFor([this] { return mScript->accepted.size() == 1; }));
+    sequencer->beginSegment(5000);
+    track->announce(7000, nullptr);
+    EXPECT_EQ(-EAGAIN, dequeue(1000)) << "2000 was queued before the seek";
 }
 
 }  // namespace

@@ -202,6 +202,15 @@ TYPED_TEST(HandOffTest, everyWakeUpIsMadeUnderTheLockOfItsWaitersAfterTheFlagWas
     }
 }
 
+TYPED_TEST(HandOffTest, aFailureIsRecordedBeforeAnyThreadIsWoken) {
+    auto& s = *this->mSource;
+    int32_t seen = 0;
+    this->mCalls.onWakeUp(s.mDecoderBufferReturnedCond, [&] { seen = s.failure(); });
+    s.mCore.reportFailure(-1130);
+    EXPECT_EQ(-1130, seen);
+    this->mCalls.forgetHooks();
+}
+
 TYPED_TEST(HandOffTest, onlyTheSessionsThreadPollsForAStopThatWakesNobody) {
     this->restart();
     int asked = 0;
