@@ -209,6 +209,15 @@ int64_t AudioEncoder::timeOf(int64_t samples) const {
     return mFirstTimeUs + av_rescale(samples, 1000000, mEncoder.context()->sample_rate);
 }
 
+// The AMR encoders lose the timestamp of audio that is shorter than a frame.
+int64_t AudioEncoder::packetStart() {
+    const AVCodecContext& context = *mEncoder.context();
+    int64_t start = mEncoder.packet().pts;
+    if (start == AV_NOPTS_VALUE) start = mNextPacket.value_or(-context.initial_padding);
+    mNextPacket = start + context.frame_size;
+    return start;
+}
+
 CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     if (mCodecSpecificData != nullptr) {
         output->buffer = mCodecSpecificData;
@@ -219,7 +228,7 @@ CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     for (;;) {
         switch (mEncoder.receive()) {
             case PacketEncoder::Received::kPacket:
-                mLastTimeUs = timeOf(mEncoder.packet().pts);
+                mLastTimeUs = timeOf(packetStart());
                 output->buffer = mEncoder.takePayload();
                 output->timeUs = mLastTimeUs;
                 output->flags = MediaCodec::BUFFER_FLAG_SYNCFRAME;

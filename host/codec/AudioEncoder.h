@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <memory>
+#include <optional>
 
 #include "host/Host.h"
 #include "host/codec/CodecBackend.h"
@@ -38,6 +39,8 @@ private:
     bool hasFrame() const;
     // Of a sample in the encoder's sample rate, in microseconds of the output.
     int64_t timeOf(int64_t samples) const;
+    // Of the encoder's packet, in samples.
+    int64_t packetStart();
 
     const std::shared_ptr<SessionTimeline> mSession;
     HostObserver* const mObserver;  // the session's; may be null
@@ -55,6 +58,7 @@ private:
     bool mEndSent = false;
     int64_t mFirstTimeUs = 0;
     int64_t mSentSamples = 0;
+    std::optional<int64_t> mNextPacket;  // in samples
     int64_t mLastTimeUs = 0;
 };
 

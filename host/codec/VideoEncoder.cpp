@@ -224,7 +224,9 @@ void VideoEncoder::setParameters(const Settings& settings) {
     context->thread_count = mThreads;
     context->time_base = {1, kMicroseconds};
     if (context->codec_id == AV_CODEC_ID_MPEG4 || context->codec_id == AV_CODEC_ID_H263) {
-        // These two and their rate control count in frames.
+        // These two and their rate control count in frames. MPEG-4 has 16 bits for either number.
+        av_reduce(&context->framerate.num, &context->framerate.den, context->framerate.num,
+                  context->framerate.den, UINT16_MAX);
         context->time_base = av_inv_q(context->framerate);
     }
     if (context->codec_id == AV_CODEC_ID_MPEG4) context->level = mpeg4LevelFor(demandOf(settings));

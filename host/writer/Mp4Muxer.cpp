@@ -30,6 +30,7 @@ constexpr int kMinVideoTicksPerSecond = 10000;
 constexpr int kMaxVideoTicksPerSecond = 1000000;
 // Some players round what an edit list says to milliseconds, and drop a packet where that is less.
 constexpr int kMovieTicksPerSecond = 1000;
+constexpr int64_t kSecondUs = 1000000;
 constexpr int kDefaultFrameRate = 30;
 // Samples that are held back for another track. Two tracks of a session run within a batch of each
 // other, so that only a track with a long pause reaches it.
@@ -283,7 +284,11 @@ void Mp4Muxer::endAt(size_t index, int64_t endUs) {
         // Microseconds cannot express the end of a whole frame.
         constexpr int64_t kRoundingTicks = 1;
         AVPacket& packet = *last->packet;
-        const int64_t ticks = std::max<int64_t>(track.clock->ticksAt(endUs) - packet.dts, 1);
+        // libavformat takes a track that ends less than a tick of the movie behind its priming for
+        // one that lasts for ever.
+        const int64_t minTicks = track.clock->ticksAt(2 * kSecondUs / kMovieTicksPerSecond);
+        const int64_t endTicks = std::max(track.clock->ticksAt(endUs), minTicks);
+        const int64_t ticks = std::max<int64_t>(endTicks - packet.dts, 1);
         if (isVideo(*track.parameters) || ticks + kRoundingTicks < packet.duration) {
             packet.duration = ticks;
         }
