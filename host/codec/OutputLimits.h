@@ -1,4 +1,4 @@
-// What the codecs of the output can represent: for the table of codecs, and for the command, which
+// Limits of the codecs of the output: for the table of codecs, and for the command, which
 // checks a request before it loads a media library.
 #pragma once
 

@@ -52,7 +52,7 @@ size_t inputCount(int threads) {
     return std::clamp(2 * static_cast<size_t>(threads), kMinInputCount, kMaxInputCount);
 }
 
-// What keeps a frame's memory unchanged while the encoder reads it: the input buffer, or the owner
+// Keeps a frame's memory unchanged while the encoder reads it: holds the input buffer, or the owner
 // of the frame that the buffer refers to.
 struct FrameMemory {
     std::shared_ptr<const void> lease;

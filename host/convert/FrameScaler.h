@@ -21,7 +21,7 @@ void scaleFrame(const ScaleRequest& request);
 // An encoder's input buffer; null when memory is short.
 sp<ABuffer> makeEncoderInput(size_t bytes);
 
-// What the last scaleFrame() into the memory at `target` did.
+// Result of the last scaleFrame() into some memory.
 struct Scaled {
     // Memory was short, or the request invalid. Platform::scale cannot report it.
     bool failed = false;

@@ -24,7 +24,7 @@ public:
     // Messages of other threads since the last call.
     std::vector<std::string> elsewhere();
 
-    // What a failed check comes to.
+    // The effect of a failed check.
     [[noreturn]] static void onFailure(const char* message);
 
     // The message of the check that `statement` fails, or "" when it fails none.

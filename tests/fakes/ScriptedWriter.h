@@ -35,7 +35,7 @@ public:
 
     // Of track `i`, in the order of addSource.
     std::vector<Sample> samples(size_t i) const;
-    // What start() was told of the file; null before.
+    // The argument of start(); null before.
     const sp<MetaData>& fileMeta() const { return mFileMeta; }
 
     // One sample of `source`, and what read() returned.

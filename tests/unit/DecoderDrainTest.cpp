@@ -1,4 +1,4 @@
-// What one output event of a decoder leads to.
+// The effect of one output event of a decoder.
 #include "SessionTest.h"
 
 namespace android::qmmediaeditor {

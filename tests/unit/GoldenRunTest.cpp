@@ -15,7 +15,7 @@ namespace android::qmmediaeditor {
 
 class GoldenRunTest : public SessionTest {
 protected:
-    // What differs from run to run has no place in the text.
+    // Values that differ from run to run have no place in the text.
     static std::string stable(const std::string& text) {
         static const std::regex elapsed("(Loop exit|FD\\[)( ?)-?[0-9]+");
         return std::regex_replace(text, elapsed, "$1$2#");

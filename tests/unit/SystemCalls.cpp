@@ -20,7 +20,7 @@ namespace {
 
 enum class Event { kWait, kWakeUp };
 
-// What is seen and asked for while a SystemCalls lives.
+// The calls, and the requests of the test, while a SystemCalls lives.
 struct Record {
     bool active = false;
     bool holdThreads = false;

@@ -18,7 +18,7 @@ struct Selection {
         return format;
     }
     int run() { return session.createTrack(); }
-    // What the decoder of the first track is told under that name; -1 when nothing.
+    // The value of that key in the format of the first track's decoder; -1 when there is none.
     int32_t told(const char* name) {
         int32_t value = -1;
         decoder->configuredFormat()->findInt32(name, &value);
