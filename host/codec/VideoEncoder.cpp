@@ -67,7 +67,12 @@ void releaseMemory(void* memory, uint8_t* /* data */) { delete static_cast<Frame
 sp<ABuffer> avcParameterSets(const AVCodecContext& context) {
     AVBSFContext* allocated = nullptr;
     const AVBitStreamFilter* filter = av_bsf_get_by_name("h264_metadata");
-    if (filter == nullptr || av_bsf_alloc(filter, &allocated) < 0) return nullptr;
+    if (filter == nullptr) {
+        // A build of libavcodec without it: the stream is valid without the frame rate.
+        return ABuffer::CreateAsCopy(context.extradata,
+                                     static_cast<size_t>(context.extradata_size));
+    }
+    if (av_bsf_alloc(filter, &allocated) < 0) return nullptr;
     const BitstreamFilterPtr rewriter(allocated);
     const AVRational fields = av_mul_q({2, 1}, context.framerate);
     if (avcodec_parameters_from_context(rewriter->par_in, &context) < 0 ||

@@ -39,7 +39,7 @@ public:
     }
 
     status_t start(MetaData*) override { return OK; }
-    // What the next read returns when there is nothing left, as when there is no memory.
+    // The result of a read after the last sample; another one stands for a failure.
     void fail(status_t status) {
         mEndStatus = status;
         stop();
