@@ -5,7 +5,7 @@
 #include <qmtranscode/report/ReceiptCompletion.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/Supervisor.h>
-#include <qmtranscode/sandbox/WorkerStart.h>
+#include <qmtranscode/sandbox/Worker.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>

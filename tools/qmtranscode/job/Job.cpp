@@ -2,12 +2,11 @@
 #include <fmt/format.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/job/DryRun.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
-#include <qmtranscode/monitor/Clock.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Plan.h>
 #include <qmtranscode/report/Progress.h>

@@ -9,7 +9,7 @@
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/sandbox/WorkerControl.h>
+#include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
 
 #include <memory>

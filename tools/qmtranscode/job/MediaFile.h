@@ -81,4 +81,10 @@ std::optional<std::vector<TrackSamples>> readSamples(int fd, const std::vector<s
 // The timestamp of the sample at which decoding must start to get the frame at `timeUs`.
 std::optional<int64_t> seekPointUs(int fd, const std::vector<size_t>& tracks, int64_t timeUs);
 
+// "avc" for the MIME type of an output codec; for others, the MIME type.
+std::string codecName(const std::string& mime);
+
+// SHA-256 (FIPS 180-4) in hexadecimal digits, as sha256sum prints it.
+std::string sha256(const std::string& bytes);
+
 }  // namespace android::qmmediaeditor::cli

@@ -1,6 +1,22 @@
+#include <errno.h>
+#include <fcntl.h>
 #include <qmtranscode/job/Session.h>
+#include <qmtranscode/monitor/Timer.h>
+#include <qmtranscode/report/Format.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace android::qmmediaeditor::cli {
+
+namespace {
+
+constexpr Timer::Delay kMeasurement{2000};
+constexpr Timer::Delay kNextCheck{50};
+// A track may start an hour after the other one, and the machine may be busy.
+constexpr int64_t kMaxUs = 10000000;
+
+}  // namespace
 
 Session::Session(const SessionRequest& request) : mComponent(new TranscodeComponent()) {
     mProperty.mInputFd = request.inputFd;
@@ -38,6 +54,41 @@ std::string reasonOf(int32_t result) {
         default:
             return "failed with code " + std::to_string(result);
     }
+}
+
+Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& periods,
+                      const sp<AMessage>& outputFormat, RunMonitor* monitor,
+                      RunObserver* observer) {
+    const int memory = memfd_create("qmtranscode-plan", MFD_CLOEXEC);
+    const int output = memory < 0 ? -1 : fcntl(memory, F_DUPFD_CLOEXEC, 0);
+    if (output < 0) return Failure{kExitFailed, "memory for the dry run", strerror(errno)};
+
+    const int64_t startUs = nowUs();
+    monitor->begin(periods, nullptr);
+    observer->begin(nullptr);
+    int32_t status;
+    {
+        Session session({input.fd(), output, periods, outputFormat,
+                         [monitor](int32_t percent) { monitor->onProgress(percent); }});
+        const MediaFile& media = input.media();
+        const Timer stop(kMeasurement, [&]() -> std::optional<Timer::Delay> {
+            const bool isMeasured =
+                monitor->hasEncoded(media.video.has_value(), media.audio.has_value());
+            if (!isMeasured && nowUs() - startUs < kMaxUs) return kNextCheck;
+            session.cancel();
+            return std::nullopt;
+        });
+        status = session.run();
+    }
+    DryRun result;
+    monitor->end();
+    result.video = observer->video();
+    result.audio = observer->audio();
+    result.wallSeconds = secondsOf(nowUs() - startUs);
+    result.output = readOutput(memory);
+    close(memory);
+    if (status == OK || status == kStopped) return result;
+    return Failure{kExitUnusable, input.path(), reasonOf(status)};
 }
 
 }  // namespace android::qmmediaeditor::cli

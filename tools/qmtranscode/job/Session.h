@@ -1,11 +1,17 @@
-// One session of the component, from the request to its result.
+// One session of the component, from the request to its result, and the dry run: a short session
+// into memory, which shows whether a request works, what its output looks like, and how fast it is.
 #pragma once
 
 #include <TranscodeComponent.h>
 #include <TranscodeTypes.h>
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/OutputVerifier.h>
+#include <qmtranscode/monitor/RunMonitor.h>
 #include <utils/StrongPointer.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,5 +46,18 @@ private:
 
 // Why a session ended with `result`.
 std::string reasonOf(int32_t result);
+
+struct DryRun {
+    TrackCodecs video;
+    TrackCodecs audio;
+    // Nothing when the time was too short for the first samples.
+    std::optional<OutputContents> output;
+    double wallSeconds = 0;
+};
+
+// Runs for two seconds: less when the work is done earlier, and up to ten until each track has
+// reached the writer. A failure if the request cannot be carried out.
+Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& periods,
+                      const sp<AMessage>& outputFormat, RunMonitor* monitor, RunObserver* observer);
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,7 +1,7 @@
 #include <log/logprint.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/monitor/LogOutput.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>

@@ -5,7 +5,6 @@
 // message; it is derived from messages of the other side of the queue.
 #pragma once
 
-#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/monitor/LogEvent.h>
 #include <qmtranscode/monitor/LogOutput.h>
 #include <qmtranscode/monitor/RunStatistics.h>

@@ -1,4 +1,3 @@
-#include <qmtranscode/monitor/Clock.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <utils/Timers.h>
 

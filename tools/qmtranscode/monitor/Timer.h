@@ -1,6 +1,8 @@
-// A timer that runs on the monotonic clock.
+// The monotonic clock of the command, and a timer that runs on it.
 #pragma once
 
+#include <stdint.h>
+#include <time.h>
 #include <utils/Condition.h>
 #include <utils/Mutex.h>
 
@@ -10,6 +12,13 @@
 #include <thread>
 
 namespace android::qmmediaeditor::cli {
+
+// CLOCK_MONOTONIC in microseconds. Log messages and traces have these times.
+inline int64_t nowUs() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
+}
 
 // Calls a function on a thread of its own, as often as the function asks for.
 class Timer {

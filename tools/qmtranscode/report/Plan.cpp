@@ -2,7 +2,6 @@
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/report/Format.h>
-#include <qmtranscode/report/MediaText.h>
 #include <qmtranscode/report/Plan.h>
 #include <string.h>
 #include <strings.h>

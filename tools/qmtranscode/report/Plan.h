@@ -2,8 +2,8 @@
 #pragma once
 
 #include <qmtranscode/cli/Options.h>
-#include <qmtranscode/job/DryRun.h>
 #include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/Session.h>
 
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
 #include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/monitor/Clock.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Progress.h>
 

@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/report/Format.h>
-#include <qmtranscode/report/MediaText.h>
 #include <qmtranscode/report/Receipt.h>
 #include <qmtranscode/report/ReceiptCompletion.h>
 

@@ -1,5 +1,5 @@
 #include <errno.h>
-#include <qmtranscode/monitor/Clock.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <signal.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/monitor/Clock.h>
+#include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/report/ReceiptCompletion.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <string.h>

@@ -6,7 +6,7 @@
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/sandbox/Sandbox.h>
 #include <qmtranscode/sandbox/Worker.h>
-#include <qmtranscode/sandbox/WorkerControl.h>
+#include <qmtranscode/sandbox/WorkerLink.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <time.h>

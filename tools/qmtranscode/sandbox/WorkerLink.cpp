@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
@@ -50,6 +51,41 @@ std::optional<WorkerLink::Received> WorkerLink::receive(char* buffer) const {
     } while (size < 0 && errno == EINTR);
     if (size <= 0) return std::nullopt;
     return Received{static_cast<Message>(buffer[0]), {buffer + 1, static_cast<size_t>(size - 1)}};
+}
+
+WorkerControl::WorkerControl(const WorkerLink& link, std::function<void()> printState)
+    : mLink(link), mPrintState(std::move(printState)), mThread([this] { receiveRequests(); }) {}
+
+WorkerControl::~WorkerControl() {
+    shutdown(mLink.fd(), SHUT_RD);
+    mThread.join();
+}
+
+void WorkerControl::onStop(std::function<void()> stop) {
+    Mutex::Autolock lock(mLock);
+    mStop = std::move(stop);
+    if (mStopRequested) mStop();
+}
+
+void WorkerControl::ignoreStop() {
+    Mutex::Autolock lock(mLock);
+    mStop = nullptr;
+}
+
+void WorkerControl::report(WorkerStage stage) const {
+    const char code = static_cast<char>(stage);
+    mLink.send(Message::kStage, {&code, 1});
+}
+
+void WorkerControl::receiveRequests() {
+    char buffer[WorkerLink::kBufferBytes];
+    while (const auto received = mLink.receive(buffer)) {
+        if (received->message == Message::kPrintState) mPrintState();
+        if (received->message != Message::kStop || mStopRequested) continue;
+        Mutex::Autolock lock(mLock);
+        mStopRequested = true;
+        if (mStop) mStop();
+    }
 }
 
 }  // namespace android::qmmediaeditor::cli

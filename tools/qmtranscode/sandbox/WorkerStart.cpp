@@ -1,7 +1,6 @@
 #include <dlfcn.h>
 #include <qmtranscode/sandbox/AllocationFailure.h>
 #include <qmtranscode/sandbox/Worker.h>
-#include <qmtranscode/sandbox/WorkerStart.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
