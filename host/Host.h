@@ -47,6 +47,10 @@ public:
     virtual void onFrameEncoded(int64_t /* timeUs */) {}
     // The audio encoder has accepted this number of samples per channel.
     virtual void onAudioEncoded(int64_t /* samples */, int /* sampleRate */) {}
+    // The audio that the encoder gets, before its gain: interleaved samples, `frames` for each
+    // channel, which are valid during the call.
+    virtual void onAudio(const int16_t* /* samples */, int64_t /* frames */, int /* channels */,
+                         int /* sampleRate */) {}
     // The end of the last video frame of the output. Not called when it is unknown: the frame then
     // has the duration of the one before it.
     virtual void onVideoEnd(int64_t /* timeUs */) {}
@@ -58,10 +62,29 @@ struct FrameSize {
     int height = 0;
 };
 
+// The tracks that a session uses, by leaving out others. A track that is left out is reported with
+// the unsupported MIME type and with its own one as "left-out-mime".
+struct TrackChoice {
+    bool video = true;
+    bool audio = true;
+    // Counted from 1 among the audio tracks; the others are left out. A file with fewer keeps all
+    // of them, and 0 stands for all.
+    int audioTrack = 0;
+};
+
+// The distance of HostOptions::audioGains, in microseconds.
+constexpr int64_t kAudioGainStepUs = 10000;
+
 // Choices of the host's user that the component does not know.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
     std::string avcPreset = "veryfast";
+    // Constant quality of the AVC encoder, in x264's CRF: 1 (best) to 51. Without a value, the
+    // session's bit rate is the average.
+    std::optional<int> avcQuality = std::nullopt;
+    // The bit rate that constant quality does not exceed for longer than two seconds, in bits per
+    // second. The session's bit rate is not used then.
+    std::optional<int64_t> avcMaxBitrate = std::nullopt;
     // Write the movie box in front of the samples.
     bool fastStart = false;
     // Start and end of each period of the request, in microseconds of the input, rising; empty when
@@ -78,6 +101,13 @@ struct HostOptions {
     // Size of the frames that the session encodes, where its request has one. A video decoder then
     // delivers larger frames scaled down to it.
     std::optional<FrameSize> frameSize = std::nullopt;
+    TrackChoice tracks = {};
+    // Factors for the audio of the output, one for the middle of each step of kAudioGainStepUs, and
+    // interpolated between these; the last one counts for the rest. Samples beyond full scale are
+    // clipped. Empty: the audio is not changed.
+    std::vector<float> audioGains = {};
+    // False: the audio goes to HostObserver::onAudio only, and the output has none.
+    bool encodesAudio = true;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

@@ -65,7 +65,7 @@ public:
     }
 
     sp<ExtractorBackend> createExtractor() override {
-        return createFileExtractor(mOptions.observer);
+        return createFileExtractor(mOptions.observer, mOptions.tracks);
     }
     sp<MediaWriter> createWriter(int fd) override {
         tSession = std::make_shared<SessionTimeline>(mOptions);
@@ -89,9 +89,9 @@ private:
     std::unique_ptr<CodecBackend> createEncoder(const AString& mime) const {
         if (encoderOf(mime) == nullptr) return nullptr;
         if (mime.startsWithIgnoreCase("audio/")) {
-            return std::make_unique<AudioEncoder>(session());
+            return std::make_unique<AudioEncoder>(mOptions, session());
         }
-        return std::make_unique<VideoEncoder>(mOptions.avcPreset, session(), mOptions.threads);
+        return std::make_unique<VideoEncoder>(mOptions, session());
     }
 
     // A track's codec is known only when the decoder is configured with the track's format.

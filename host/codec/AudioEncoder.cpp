@@ -5,6 +5,7 @@
 #include <media/stagefright/MediaErrors.h>
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 extern "C" {
@@ -50,9 +51,11 @@ int supportedRate(const CodecInfo& codec, int rate) {
 
 }  // namespace
 
-AudioEncoder::AudioEncoder(std::shared_ptr<SessionTimeline> session)
+AudioEncoder::AudioEncoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session)
     : mSession(std::move(session)),
       mObserver(mSession == nullptr ? nullptr : mSession->observer()),
+      mGains(options.audioGains),
+      mIsEncoding(options.encodesAudio),
       mFrame(av_frame_alloc()) {}
 
 AudioEncoder::~AudioEncoder() = default;
@@ -170,11 +173,43 @@ status_t AudioEncoder::accept(CodecInput input) {
     }
     const size_t frameBytes = sizeof(int16_t) * static_cast<size_t>(mChannelCount);
     const size_t frames = input.size / frameBytes;
-    const status_t status = convert(input.data, static_cast<int>(frames));
+    const auto* samples = static_cast<const int16_t*>(static_cast<const void*>(input.data));
+    if (mObserver != nullptr) {
+        mObserver->onAudio(samples, static_cast<int64_t>(frames), mChannelCount, mInSampleRate);
+    }
+    if (!mIsEncoding) return OK;
+    if (!mGains.empty()) samples = amplify(samples, frames);
+    const status_t status =
+        convert(reinterpret_cast<const uint8_t*>(samples), static_cast<int>(frames));
+    mTakenSamples += static_cast<int64_t>(frames);
     if (status == OK && mObserver != nullptr) {
         mObserver->onAudioEncoded(static_cast<int64_t>(frames), mInSampleRate);
     }
     return status;
+}
+
+double AudioEncoder::gainOf(int64_t sample) const {
+    const double stepSamples = static_cast<double>(mInSampleRate) * kAudioGainStepUs / 1e6;
+    const double step = std::max(static_cast<double>(sample) / stepSamples - 0.5, 0.0);
+    const size_t last = mGains.size() - 1;
+    if (step >= static_cast<double>(last)) return static_cast<double>(mGains[last]);
+    const auto before = static_cast<size_t>(step);
+    const double part = step - static_cast<double>(before);
+    return static_cast<double>(mGains[before]) * (1 - part) +
+           static_cast<double>(mGains[before + 1]) * part;
+}
+
+const int16_t* AudioEncoder::amplify(const int16_t* samples, size_t frames) {
+    const auto channels = static_cast<size_t>(mChannelCount);
+    mAmplified.resize(frames * channels);
+    for (size_t i = 0; i < frames; ++i) {
+        const double gain = gainOf(mTakenSamples + static_cast<int64_t>(i));
+        for (size_t at = i * channels; at < (i + 1) * channels; ++at) {
+            mAmplified[at] =
+                static_cast<int16_t>(std::clamp(std::lround(samples[at] * gain), -32768L, 32767L));
+        }
+    }
+    return mAmplified.data();
 }
 
 status_t AudioEncoder::finish() {

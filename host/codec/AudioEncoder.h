@@ -4,10 +4,12 @@
 // the encoder's delay: the first AAC packet of a track that begins at 0 has a negative timestamp.
 #pragma once
 
+#include <host/Host.h>
 #include <stdint.h>
 
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "host/Host.h"
 #include "host/codec/CodecBackend.h"
@@ -20,7 +22,7 @@ namespace qmmediaeditor {
 class AudioEncoder : public CodecBackend {
 public:
     // `session` may be null.
-    explicit AudioEncoder(std::shared_ptr<SessionTimeline> session);
+    AudioEncoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session);
     ~AudioEncoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -35,6 +37,10 @@ private:
     status_t openConverter();
     // Converts `frames` input frames into mFifo; null data drains the converter.
     status_t convert(const uint8_t* data, int frames);
+    // Of an input sample with this number.
+    double gainOf(int64_t sample) const;
+    // The input with its gain.
+    const int16_t* amplify(const int16_t* samples, size_t frames);
     status_t sendFrame();
     bool hasFrame() const;
     // Of a sample in the encoder's sample rate, in microseconds of the output.
@@ -44,6 +50,8 @@ private:
 
     const std::shared_ptr<SessionTimeline> mSession;
     HostObserver* const mObserver;  // the session's; may be null
+    const std::vector<float> mGains;
+    const bool mIsEncoding;
     PacketEncoder mEncoder;
     const FramePtr mFrame;
     ResamplerPtr mConverter;
@@ -57,6 +65,8 @@ private:
     bool mFinished = false;
     bool mEndSent = false;
     int64_t mFirstTimeUs = 0;
+    int64_t mTakenSamples = 0;
+    std::vector<int16_t> mAmplified;
     int64_t mSentSamples = 0;
     std::optional<int64_t> mNextPacket;  // in samples
     int64_t mLastTimeUs = 0;

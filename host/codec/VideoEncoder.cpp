@@ -131,10 +131,9 @@ struct VideoEncoder::Settings {
     int64_t bitRate = 0;   // bits a second
 };
 
-VideoEncoder::VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
-                           int threads)
-    : mAvcPreset(avcPreset),
-      mThreads(codecThreads(threads)),
+VideoEncoder::VideoEncoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session)
+    : mOptions(options),
+      mThreads(codecThreads(options.threads)),
       mSession(std::move(session)),
       mFrame(av_frame_alloc()),
       mLast{-1, -1} {}
@@ -215,15 +214,7 @@ void VideoEncoder::setParameters(const Settings& settings) {
     context->chroma_sample_location = AVCHROMA_LOC_LEFT;
     context->max_b_frames = 0;
     context->gop_size = settings.keyFrameDistance();
-    context->bit_rate = settings.bitRate;
-    context->rc_max_rate =
-        static_cast<int64_t>(static_cast<double>(settings.bitRate) * kPeakOverMean);
-    const double keyFrameBits = static_cast<double>(settings.width) * settings.height;
-    const double bufferBits =
-        std::max(static_cast<double>(settings.bitRate) * kBufferSeconds, keyFrameBits);
-    context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
-    context->rc_initial_buffer_occupancy =
-        static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
+    setBitRate(settings);
     const FrameRate rate = frameRateOf(settings);
     context->framerate = {static_cast<int>(rate.numerator), static_cast<int>(rate.denominator)};
     context->thread_count = mThreads;
@@ -235,6 +226,28 @@ void VideoEncoder::setParameters(const Settings& settings) {
         context->time_base = av_inv_q(context->framerate);
     }
     if (context->codec_id == AV_CODEC_ID_MPEG4) context->level = mpeg4LevelFor(demandOf(settings));
+}
+
+void VideoEncoder::setBitRate(const Settings& settings) {
+    AVCodecContext* context = mEncoder.context();
+    int64_t mean = settings.bitRate;
+    if (hasConstantQuality()) {
+        if (!mOptions.avcMaxBitrate) return;
+        mean = std::max(*mOptions.avcMaxBitrate, kMinBitRate);
+        context->rc_max_rate = mean;
+    } else {
+        context->bit_rate = mean;
+        context->rc_max_rate = static_cast<int64_t>(static_cast<double>(mean) * kPeakOverMean);
+    }
+    const double keyFrameBits = static_cast<double>(settings.width) * settings.height;
+    const double bufferBits = std::max(static_cast<double>(mean) * kBufferSeconds, keyFrameBits);
+    context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
+    context->rc_initial_buffer_occupancy =
+        static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
+}
+
+bool VideoEncoder::hasConstantQuality() const {
+    return mOptions.avcQuality && mEncoder.context()->codec_id == AV_CODEC_ID_H264;
 }
 
 VideoDemand VideoEncoder::demandOf(const Settings& settings) const {
@@ -252,7 +265,7 @@ FrameRate VideoEncoder::frameRateOf(const Settings& settings) const {
 
 bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** options) const {
     const AVCodecContext& context = *mEncoder.context();
-    bool set = av_dict_set(options, "preset", mAvcPreset.c_str(), 0) >= 0;
+    bool set = av_dict_set(options, "preset", mOptions.avcPreset.c_str(), 0) >= 0;
     // A requested key frame must be an IDR frame, which can be sought.
     set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
     // With a thread for each frame, the rate control looks at how far the other threads are, and
@@ -262,6 +275,9 @@ bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** option
     const std::string parameters =
         "cpu-independent=1:sliced-threads=1:threads=" + std::to_string(slices);
     set = set && av_dict_set(options, "x264-params", parameters.c_str(), 0) >= 0;
+    if (hasConstantQuality()) {
+        set = set && av_dict_set_int(options, "crf", *mOptions.avcQuality, 0) >= 0;
+    }
     const char* profile = avcProfileName(settings.profileBit);
     if (profile != nullptr) set = set && av_dict_set(options, "profile", profile, 0) >= 0;
     mEncoder.context()->level = FF_LEVEL_UNKNOWN;

@@ -4,6 +4,7 @@
 // frame with an odd width or height loses its last column or row.
 #pragma once
 
+#include <host/Host.h>
 #include <stdint.h>
 
 #include <deque>
@@ -23,9 +24,8 @@ namespace qmmediaeditor {
 
 class VideoEncoder : public CodecBackend {
 public:
-    // `avcPreset` is a preset of x264; `session` may be null.
-    VideoEncoder(const std::string& avcPreset, std::shared_ptr<SessionTimeline> session,
-                 int threads);
+    // `session` may be null.
+    VideoEncoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session);
     ~VideoEncoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -44,6 +44,8 @@ private:
     };
 
     void setParameters(const Settings& settings);
+    void setBitRate(const Settings& settings);
+    bool hasConstantQuality() const;
     FrameRate frameRateOf(const Settings& settings) const;
     VideoDemand demandOf(const Settings& settings) const;
     // False when memory is short.
@@ -53,7 +55,7 @@ private:
     bool isKeyFrameDue(int64_t timeUs);
     FramePlanes inputPlanes(uint8_t* data) const;
 
-    const std::string mAvcPreset;
+    const HostOptions mOptions;
     const int mThreads;
     const std::shared_ptr<SessionTimeline> mSession;
     PacketEncoder mEncoder;

@@ -28,6 +28,20 @@ int32_t sampleOf24Bits(const unsigned char* bytes) {
     return static_cast<int32_t>(sample);
 }
 
+// A mix for channels without known places, such as the microphones of a recorder: each output
+// channel is the mean of as many input channels as the others. A row for each output channel.
+std::vector<double> evenMix(int inChannels, int outChannels) {
+    std::vector<double> matrix(static_cast<size_t>(inChannels * outChannels));
+    for (int out = 0; out < outChannels; ++out) {
+        const int from = out % inChannels;
+        const int count = (inChannels - 1 - from) / outChannels + 1;
+        for (int in = from; in < inChannels; in += outChannels) {
+            matrix[static_cast<size_t>(out * inChannels + in)] = 1.0 / count;
+        }
+    }
+    return matrix;
+}
+
 }  // namespace
 
 int AudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth, int outChannelCount,
@@ -52,6 +66,11 @@ int AudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth, i
     const int error = swr_alloc_set_opts2(&resampler, &to, AV_SAMPLE_FMT_S16, outSampleRate, &from,
                                           format, inSampleRate, 0, nullptr);
     mResampler.reset(resampler);
+    const bool isKnown =
+        from.order != AV_CHANNEL_ORDER_UNSPEC && to.order != AV_CHANNEL_ORDER_UNSPEC;
+    if (error == 0 && !isKnown && inChannelCount != outChannelCount) {
+        swr_set_matrix(resampler, evenMix(inChannelCount, outChannelCount).data(), inChannelCount);
+    }
     if (error < 0 || swr_init(resampler) < 0) {
         mResampler.reset();
         return 0;

@@ -30,7 +30,8 @@ constexpr int64_t kUnknownUs = INT64_MIN;
 
 class FileExtractor final : public ExtractorBackend {
 public:
-    explicit FileExtractor(HostObserver* observer) : mObserver(observer) {}
+    FileExtractor(HostObserver* observer, const TrackChoice& choice)
+        : mObserver(observer), mChoice(choice) {}
 
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
     size_t countTracks() override { return mInfo.tracks.size(); }
@@ -53,6 +54,7 @@ private:
     const TrackReader& current() const { return *mReaders.at(mCurrent); }
 
     HostObserver* const mObserver;  // may be null
+    const TrackChoice mChoice;
     std::shared_ptr<const DescriptorFile> mFile;
     InputInfo mInfo;
     std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
@@ -69,7 +71,7 @@ status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
     const DescriptorFile::Opened opened =
         DescriptorFile::openForReading(fd, offset, length, mObserver);
     if (opened.file == nullptr) return opened.status;
-    const status_t result = probeInput(opened.file, &mInfo);
+    const status_t result = probeInput(opened.file, mChoice, &mInfo);
     if (result == OK) mFile = opened.file;
     return result;
 }
@@ -207,8 +209,8 @@ void FileExtractor::announceCurrent() {
 
 }  // namespace
 
-sp<ExtractorBackend> createFileExtractor(HostObserver* observer) {
-    return new FileExtractor(observer);
+sp<ExtractorBackend> createFileExtractor(HostObserver* observer, const TrackChoice& tracks) {
+    return new FileExtractor(observer, tracks);
 }
 
 }  // namespace qmmediaeditor

@@ -1,6 +1,7 @@
 #include "host/extractor/InputProbe.h"
 
 #include <android/log.h>
+#include <editorutils/MediaEditorDefs.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/ABuffer.h>
 
@@ -321,6 +322,33 @@ std::optional<TrackInfo::Ending> findMatroskaEnding(const DescriptorFile& file,
     return ending;
 }
 
+void leaveOut(TrackInfo* track) {
+    AString mime;
+    track->format->findString("mime", &mime);
+    track->format->setString("left-out-mime", mime.c_str());
+    track->format->setString("mime", track->isVideo ? MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED
+                                                    : MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED);
+    track->source = nullptr;
+}
+
+void applyChoice(const TrackChoice& choice, const AVFormatContext& context,
+                 std::vector<TrackInfo>* tracks) {
+    const auto isAudio = [&context](const TrackInfo& track) {
+        return isKind(*context.streams[track.streamIndex], AVMEDIA_TYPE_AUDIO);
+    };
+    const bool hasChosen = choice.audioTrack > 0 && std::count_if(tracks->begin(), tracks->end(),
+                                                                  isAudio) >= choice.audioTrack;
+    int audioTracks = 0;
+    for (TrackInfo& track : *tracks) {
+        bool isUsed = choice.video;
+        if (isAudio(track)) {
+            const bool isChosen = ++audioTracks == choice.audioTrack;
+            isUsed = choice.audio && (isChosen || !hasChosen);
+        }
+        if (track.source != nullptr && !isUsed) leaveOut(&track);
+    }
+}
+
 void findDelays(const std::vector<TrackInfo>& tracks) {
     int64_t originUs = INT64_MAX;
     for (const TrackInfo& track : tracks) {
@@ -363,7 +391,8 @@ status_t refuse(const DescriptorFile& file, const std::string& reason) {
 
 }  // namespace
 
-status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info) {
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const TrackChoice& choice,
+                    InputInfo* info) {
     // Before the demuxer, which makes an index entry for each sample.
     if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
     if (file->status() != OK) return ERROR_IO;
@@ -418,6 +447,7 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
     }
     // The functions above ignore read errors.
     if (file->status() != OK) return ERROR_IO;
+    applyChoice(choice, context, &found.tracks);
     findDelays(found.tracks);
     *info = std::move(found);
     return OK;

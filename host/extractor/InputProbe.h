@@ -2,6 +2,7 @@
 // extractor.
 #pragma once
 
+#include <host/Host.h>
 #include <media/stagefright/foundation/AMessage.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -20,7 +21,7 @@ namespace qmmediaeditor {
 
 struct TrackInfo {
     sp<AMessage> format;
-    // Null for a track that is neither audio nor video.
+    // Null for a track that cannot be selected.
     sp<TrackSource> source;
     bool isVideo = false;
     int streamIndex = 0;
@@ -58,7 +59,8 @@ struct InputInfo {
 
 // ERROR_UNSUPPORTED when this is not a container of audio or video, ERROR_IO when the file cannot
 // be read, NO_MEMORY when memory is short.
-status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info);
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const TrackChoice& choice,
+                    InputInfo* info);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -58,6 +58,15 @@ TEST_F(AudioConverterTest, stereoIsMixedToMonoAndMonoCopiedToStereo) {
 }
 
 // A slope in buffers of 1024, as a session passes them on.
+TEST_F(AudioConverterTest, channelsWithoutPlacesAreMixedEvenly) {
+    ASSERT_EQ(1, mConverter->init(9, 48000, 16, 2, 48000, 16));
+    const auto out =
+        convert(std::vector<int16_t>{100, 1000, 200, 2000, 300, 3000, 400, 4000, 500}, 1, 2);
+    ASSERT_EQ(2u, out.size());
+    EXPECT_NEAR(300, out[0], 1);
+    EXPECT_NEAR(2500, out[1], 1);
+}
+
 TEST_F(AudioConverterTest, aSlopeKeepsItsValuesAndLengthAtAnotherRate) {
     for (const int outRate : {24000, 44100, 96000}) {
         const double ratio = outRate / 48000.0;

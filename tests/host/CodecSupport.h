@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <host/Host.h>
 #include <media/stagefright/foundation/ALooper.h>
 #include <sched.h>
 #include <unistd.h>
@@ -18,6 +19,13 @@ extern "C" {
 }
 
 namespace android::qmmediaeditor {
+
+inline HostOptions fastOptions() {
+    HostOptions options;
+    options.avcPreset = "ultrafast";
+    options.threads = 1;
+    return options;
+}
 
 typedef CodecBackend::Step Step;
 

@@ -137,7 +137,7 @@ TEST(FrameScalerTest, anInvalidRequestIsReportedOnceForItsTarget) {
 // A frame that could not be scaled must neither be encoded with the contents of its memory nor be
 // left out: the encoder fails instead of reaching the end of stream.
 TEST_F(CodecTest, anEncoderFailsAtAFrameThatCouldNotBeScaled) {
-    mCodec = new HostMediaCodec(mLooper, std::make_unique<VideoEncoder>("ultrafast", nullptr, 1));
+    mCodec = new HostMediaCodec(mLooper, std::make_unique<VideoEncoder>(fastOptions(), nullptr));
     start(encoderFormat(MEDIA_MIMETYPE_VIDEO_AVC, 64, 64));
     Vector<sp<MediaCodecBuffer>> buffers;
     ASSERT_EQ(OK, mCodec->getInputBuffers(&buffers));

@@ -34,7 +34,7 @@ protected:
         const sp<AMessage> format = encoderFormat(mime, width, 48);
         format->setInt32("bitrate", 500000);
         format->setInt32("i-frame-interval", 2);
-        mEncoder = std::make_unique<VideoEncoder>("ultrafast", mSession, 1);
+        mEncoder = std::make_unique<VideoEncoder>(fastOptions(), mSession);
         return mEncoder->configure(format, &mBuffers);
     }
 

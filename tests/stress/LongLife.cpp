@@ -141,7 +141,9 @@ void LongLife::expect(bool holds, const std::string& clip, const std::string& wh
 }
 
 int run() {
-    const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false, {}});
+    HostOptions options;
+    options.avcPreset = "ultrafast";
+    const std::unique_ptr<Platform> platform = createHostPlatform(options);
     Platform::install(platform.get());
     const uint64_t runs = numberFromEnvironment("QM_RUNS", 300 / kSlowness);
     // A period at the end of the range of times ends as well.

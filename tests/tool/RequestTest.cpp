@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <qmtranscode/job/Request.h>
 
+#include <cmath>
 #include <sstream>
 
 namespace android::qmmediaeditor::cli {
@@ -104,19 +105,77 @@ TEST_F(RequestTest, amr_setsItsSampleRateChannelsAndContainer) {
         "audio-channels 1 audio-bitrate 23850");
 }
 
-TEST_F(RequestTest, formatsThatNoEncoderSupports_areRefusedWithOneThatWorks) {
+TEST_F(RequestTest, valuesThatNoEncoderSupports_becomeTheNearestUnlessAskedFor) {
     clip.audio->sampleRate = 192000;
-    EXPECT_THAT(refusal(), HasSubstr("--audio-rate 96000"));
+    expectValues("audio-samplerate 96000 audio-channels 2 video-width 1280 video-framerate 25");
     clip.audio->sampleRate = 48000;
     clip.audio->channels = 16;
-    EXPECT_THAT(refusal(), HasSubstr("--audio-channels 2"));
-    clip.audio->channels = 2;
+    expectValues("audio-samplerate 48000 audio-channels 8");
     options.videoCodec = VideoCodec::kH263;
+    expectValues("video-width 704 video-height 576");
+    EXPECT_THAT(shapeWarning(options, clip).value_or(""), HasSubstr("704x576 changes the shape"));
+    options.size = Size{640, 360};
     EXPECT_THAT(refusal(), HasSubstr("352x288"));
+    options.size.reset();
     options.videoCodec = VideoCodec::kMpeg4;
-    EXPECT_EQ("", refusal());
     clip.video->width = 8192;
-    EXPECT_THAT(refusal(), HasSubstr("8190"));
+    expectValues("video-width 8190 video-height 720");
+}
+
+TEST_F(RequestTest, sizesOfAnotherShape_areReportedWithTheFittingOne) {
+    options.size = Size{640, 362};
+    EXPECT_FALSE(shapeWarning(options, clip));
+    clip.video->rotation = 270;
+    EXPECT_EQ(
+        "--size 640x362 changes the shape of the 720x1280 input; --fit 640x362 would give "
+        "360x640",
+        shapeWarning(options, clip));
+}
+
+TEST_F(RequestTest, quality_hasTheInputsRateAsItsMaxUnlessEitherIsAskedFor) {
+    clip.video->mime = "video/hevc";
+    const auto expectRate = [this](std::optional<int32_t> quality, std::optional<int64_t> max) {
+        const VideoRate rate = videoRate(options, clip);
+        EXPECT_EQ(quality, rate.quality);
+        EXPECT_EQ(max, rate.maxBitrate);
+    };
+    expectRate(23, std::lround(4000000 * avcBitsFactor("video/hevc")));
+    EXPECT_GT(avcBitsFactor("video/hevc"), 1);
+    options.fit = Size{640, 360};
+    clip.video->mime = "video/avc";
+    expectRate(23, 1000000);
+    // A still image leaves enough for key frames.
+    clip.video->bitrate = 20000;
+    expectRate(23, 640 * 360 / 2);
+    options.quality = 30;
+    expectRate(30, std::nullopt);
+    options.videoBitrate = 700000;
+    expectRate(30, 700000);
+    options.quality.reset();
+    expectRate(std::nullopt, std::nullopt);
+    options.videoBitrate.reset();
+    options.videoCodec = VideoCodec::kMpeg4;
+    expectRate(std::nullopt, std::nullopt);
+}
+
+// Sides are even, and no larger one of the same shape would fit.
+TEST(FitInto, keepsTheShapeInsideTheBox) {
+    for (const Size& shape : {Size{1920, 1080}, Size{1080, 1920}, Size{161, 121}, Size{4096, 2160},
+                              Size{500, 8000}, Size{998, 1000}, Size{768, 575}}) {
+        for (const Size& box :
+             {Size{1280, 720}, Size{640, 640}, Size{333, 201}, Size{9000, 9000}}) {
+            const Size size = fitInto(box, shape);
+            const std::string what = std::to_string(size.width) + "x" + std::to_string(size.height);
+            EXPECT_TRUE(size.width % 2 == 0 && size.height % 2 == 0) << what;
+            EXPECT_LE(size.width, std::min(box.width, shape.width)) << what;
+            EXPECT_LE(size.height, std::min(box.height, shape.height)) << what;
+            EXPECT_NEAR(1, 1.0 * size.width * shape.height / shape.width / size.height, 0.01)
+                << what;
+            EXPECT_TRUE(size.width + 16 >= std::min(box.width, shape.width) ||
+                        size.height + 16 >= std::min(box.height, shape.height))
+                << what;
+        }
+    }
 }
 
 }  // namespace

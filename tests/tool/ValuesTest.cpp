@@ -31,6 +31,15 @@ TEST(Values, parsePeriod_takesTwoTimes) {
     expectRefused(parsePeriod, {"5", "5-", "-5", "1-2-3", "a-b"});
 }
 
+TEST(Values, parseLevel_takesASignAndAUnit) {
+    EXPECT_EQ(-3, parseLevel("-3dB", "dB"));
+    EXPECT_EQ(1.5, parseLevel("+1.5 db", "dB"));
+    EXPECT_EQ(-16, parseLevel("-16", "LUFS"));
+    expectRefused(
+        [](const char* text) { return parseLevel(text, "dB"); },
+        {"", "dB", "-", "--3", "+-3", "3 dBx", "3 LUFS", "1e3", "inf", "-nan", "3  dB", "3 "});
+}
+
 TEST(Values, parseBitrate_takesUnitsAndFractions) {
     EXPECT_EQ(128000, parseBitrate("128k"));
     EXPECT_EQ(1500000, parseBitrate("1.5M"));

@@ -19,7 +19,7 @@ Values that are not given follow the input.
 constexpr const char* kHelpEnd = R"(
 Examples
   qmtranscode in.mov out.mp4
-  qmtranscode in.mkv out.mp4 --size 1280x720 --video-bitrate 4M
+  qmtranscode in.mkv out.mp4 --fit 1280x720
   qmtranscode in.mp4 out.mp4 --trim 0-2.5 --trim 1:30-1:45
   qmtranscode in.mp4 out.mp4 --fps 15 --plan
 

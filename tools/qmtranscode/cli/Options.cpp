@@ -37,6 +37,14 @@ constexpr int32_t kMinSide = 2;
 constexpr int32_t kMaxFrameRate = 240;
 constexpr int32_t kMinSampleRate = 7350;
 constexpr int32_t kMaxThreads = 64;
+// At 0, x264 encodes without loss, which few players support.
+constexpr int32_t kMinQuality = 1;
+constexpr int32_t kMaxQuality = 51;
+// Many more than files have.
+constexpr int32_t kMaxAudioTrack = 64;
+constexpr double kMaxVolumeDb = 60;
+constexpr double kMinLoudness = -70;
+constexpr double kMaxLoudness = -5;
 
 const Choices<ProgressStyle> kProgressStyles = {
     {"bar", ProgressStyle::kBar}, {"json", ProgressStyle::kJson}, {"none", ProgressStyle::kNone}};
@@ -119,7 +127,7 @@ CLI::Validator bitrate() {
     });
 }
 
-CLI::Validator frameSize() {
+CLI::Validator boxSize() {
     return check([](const std::string& text) -> std::string {
         const std::optional<Size> size = parseSize(text);
         if (!size) return refusal(text, "expected WIDTHxHEIGHT, such as 1280x720");
@@ -128,6 +136,14 @@ CLI::Validator frameSize() {
             return refusal(
                 text, fmt::format("width and height must be from {} to {}", kMinSide, kMaxSide));
         }
+        return "";
+    });
+}
+
+// For values that boxSize() has accepted.
+CLI::Validator frameSize() {
+    return check([](const std::string& text) -> std::string {
+        const auto [width, height] = *parseSize(text);
         // The output is read again for verification, where this limit applies.
         if (int64_t{width} * height > kMaxPixels) {
             return refusal(text, fmt::format("a frame can have at most {} pixels", kMaxPixels));
@@ -137,6 +153,18 @@ CLI::Validator frameSize() {
                                              width & ~1, height & ~1));
         }
         return "";
+    });
+}
+
+// A number with the unit that may follow it.
+CLI::Validator level(const char* unit, double min, double max) {
+    return check([unit, min, max](std::string& text) {
+        const std::optional<double> value = parseLevel(text, unit);
+        if (!value || *value < min || *value > max) {
+            return refusal(text, fmt::format("expected {} to {} {}", min, max, unit));
+        }
+        text = fmt::format("{}", *value);
+        return std::string();
     });
 }
 
@@ -212,6 +240,7 @@ private:
     std::optional<Failure> checkCombinations();
     std::optional<Failure> checkPeriods();
     std::optional<Failure> checkName();
+    std::optional<Failure> checkTracks() const;
     std::optional<Failure> checkSize() const;
     std::optional<Failure> checkAudio() const;
     std::optional<Failure> checkFormat() const;
@@ -239,21 +268,41 @@ void CommandLine::define() {
              "Periods must not overlap. A period ends at the latest where the input ends.");
 
     mGroup = "Video";
-    app.add_option("--size", o.size)->check(frameSize());
-    describe("--size", "WxH", "frame size as displayed; width and height even",
+    app.add_option("--fit", o.fit)->check(boxSize());
+    describe("--fit", "WxH", "fit into this box; keeps the shape and never enlarges",
+             "The box is turned for an upright input.");
+    // The last one is checked first.
+    app.add_option("--size", o.size)->check(frameSize())->check(boxSize());
+    describe("--size", "WxH", "exact frame size as displayed; width and height even",
              fmt::format("Each is from {} to {}, and a frame has at most {} pixels.", kMinSide,
                          kMaxSide, kMaxPixels));
     app.add_option("--fps", o.frameRate)->transform(integer(1, kMaxFrameRate));
     describe("--fps", "N", fmt::format("max frames per second, 1 to {}", kMaxFrameRate),
              "Frames above this rate are dropped; no frame is duplicated.");
     app.add_option("--video-bitrate", o.videoBitrate)->transform(bitrate());
-    describe("--video-bitrate", "RATE", "bits per second, such as 4M");
+    describe("--video-bitrate", "RATE",
+             "average bits per second, such as 4M; with --quality the max");
+    app.add_option("--quality", o.quality)->transform(integer(kMinQuality, kMaxQuality));
+    describe("--quality", "N",
+             fmt::format("constant quality of AVC, {} (best) to {}; default {}", kMinQuality,
+                         kMaxQuality, kDefaultQuality),
+             "x264's CRF. The default applies when --video-bitrate is not given. It then has a max "
+             "bit rate: that of the input, in proportion to the number of pixels, and higher where "
+             "the input's codec needs fewer bits than AVC.");
     app.add_option("--video-codec", o.videoCodec)->transform(oneOf(videoCodecs()));
     describe("--video-codec", "NAME",
              "codec: " + listText(wordsOf(videoCodecs())) + "; default avc",
              supportedSizesText(VideoCodec::kH263) + ".", wordsOf(videoCodecs()));
 
+    app.add_flag("--no-video", o.noVideo);
+    describe("--no-video", "", "leave the video out");
+
     mGroup = "Audio";
+    app.add_option("--audio-track", o.audioTrack)->transform(integer(1, kMaxAudioTrack));
+    describe("--audio-track", "N", "take the N-th audio track; default 1",
+             "--plan lists the tracks with their languages.");
+    app.add_flag("--no-audio", o.noAudio);
+    describe("--no-audio", "", "leave the audio out");
     app.add_option("--audio-bitrate", o.audioBitrate)->transform(bitrate());
     describe("--audio-bitrate", "RATE", "bits per second, such as 128k");
     app.add_option("--audio-rate", o.audioRate)
@@ -266,6 +315,14 @@ void CommandLine::define() {
     describe("--audio-codec", "NAME",
              "codec: " + listText(wordsOf(audioCodecs())) + "; default aac",
              "AMR is mono: 8000 Hz in AMR-NB, 16000 Hz in AMR-WB.", wordsOf(audioCodecs()));
+
+    app.add_option("--volume", o.volumeDb)->transform(level("dB", -kMaxVolumeDb, kMaxVolumeDb));
+    describe("--volume", "GAIN", "make the audio louder or quieter, such as -3dB",
+             "Samples beyond full scale are clipped.");
+    app.add_option("--loudness", o.loudness)->transform(level("LUFS", kMinLoudness, kMaxLoudness));
+    describe("--loudness", "LUFS", "integrated loudness of the output, such as -16",
+             "By EBU R 128. The audio is decoded once more to measure it, and peaks are limited to "
+             "-1 dBTP.");
 
     mGroup = "Output file";
     app.add_option("--format", o.format)->transform(oneOf(fileFormats()));
@@ -387,6 +444,7 @@ std::optional<Failure> CommandLine::checkCombinations() {
     // In the order of the help.
     std::optional<Failure> failure = checkPeriods();
     if (!failure) failure = checkName();
+    if (!failure) failure = checkTracks();
     if (!failure) failure = checkSize();
     if (!failure) failure = checkAudio();
     if (!failure) failure = checkFormat();
@@ -416,6 +474,32 @@ std::optional<Failure> CommandLine::checkName() {
     return Failure{kExitUsage, mOptions.output,
                    "only MP4 and 3GP files can be written; use the extension .mp4 or .3gp, or "
                    "keep this one with --format mp4"};
+}
+
+// Two options of which one makes the other pointless.
+std::optional<Failure> CommandLine::checkTracks() const {
+    static const std::vector<std::pair<std::string, std::vector<std::string>>> kConflicts = {
+        {"--fit", {"--size"}},
+        {"--no-video",
+         {"--no-audio", "--fit", "--size", "--fps", "--video-bitrate", "--quality",
+          "--video-codec"}},
+        {"--no-audio",
+         {"--audio-track", "--audio-bitrate", "--audio-rate", "--audio-channels", "--audio-codec",
+          "--volume", "--loudness"}},
+        {"--volume", {"--loudness"}}};
+    for (const auto& [option, others] : kConflicts) {
+        if (mApp[option]->count() == 0) continue;
+        for (const std::string& other : others) {
+            if (mApp[other]->count() == 0) continue;
+            return Failure{kExitUsage, option,
+                           fmt::format("cannot be combined with {}; leave one of them out", other)};
+        }
+    }
+    if (mOptions.quality && mOptions.videoCodec.value_or(VideoCodec::kAvc) != VideoCodec::kAvc) {
+        return Failure{kExitUsage, given("--quality"),
+                       "only AVC has it; --video-bitrate works with every codec"};
+    }
+    return std::nullopt;
 }
 
 std::optional<Failure> CommandLine::checkSize() const {
@@ -466,7 +550,7 @@ std::optional<Failure> CommandLine::checkFormat() const {
 }  // namespace
 
 bool Options::specifiesOutputFormat() const {
-    return size || frameRate || videoBitrate || videoCodec || audioBitrate || audioRate ||
+    return size || fit || frameRate || videoBitrate || videoCodec || audioBitrate || audioRate ||
            audioChannels || audioCodec || format;
 }
 

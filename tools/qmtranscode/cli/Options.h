@@ -24,15 +24,27 @@ struct Options {
     // In time order, without overlap.
     std::vector<TrimPeriod> periods;
 
-    // As displayed, which means after rotation.
+    // Both as displayed, which means after rotation; at most one of them is given.
     std::optional<Size> size;
+    // The box that the output fits into.
+    std::optional<Size> fit;
     std::optional<int32_t> frameRate;
+    // Of the AVC encoder, as HostOptions::avcQuality.
+    std::optional<int32_t> quality;
+    // With a quality the max, otherwise the average.
     std::optional<int32_t> videoBitrate;
     std::optional<VideoCodec> videoCodec;
+    bool noVideo = false;
     std::optional<int32_t> audioBitrate;
     std::optional<int32_t> audioRate;
     std::optional<int32_t> audioChannels;
     std::optional<AudioCodec> audioCodec;
+    // Counted from 1 among the audio tracks.
+    std::optional<int32_t> audioTrack;
+    bool noAudio = false;
+    std::optional<double> volumeDb;
+    // EBU R 128, in LUFS.
+    std::optional<double> loudness;
     std::optional<FileFormat> format;
 
     bool fastStart = false;

@@ -31,6 +31,13 @@ struct Size {
 constexpr int32_t kMaxAacChannels = kAacMaxChannels;
 constexpr int32_t kMaxAacSampleRate = kAacSampleRates[0];
 
+// Constant quality of AVC where nothing else is asked for, in x264's CRF.
+constexpr int32_t kDefaultQuality = 23;
+
+// How many times the bits of a video codec AVC needs for the same structural similarity; 1 for
+// codecs that need no fewer bits than AVC. `mime` is the platform's type.
+double avcBitsFactor(const std::string& mime);
+
 // The nearest sample rate that AAC supports.
 int32_t nearestAacSampleRate(int32_t sampleRate);
 
@@ -42,6 +49,12 @@ int32_t amrBitrate(AudioCodec codec);
 // Whether the codec supports this frame size: one of the five of ITU-T H.263, table 5, or what the
 // 13-bit fields of ISO/IEC 14496-2 can hold.
 bool supportsSize(VideoCodec codec, const Size& size);
+// The largest frame size of the same shape inside the box, with even sides; never larger than
+// `shape`.
+Size fitInto(const Size& box, const Size& shape);
+// The largest frame size that the codec supports and that is not larger than `size`; for H.263,
+// which has only five, this changes the shape.
+Size nearestSize(VideoCodec codec, const Size& size);
 // "H.263 supports only …": the sizes for which supportsSize() is true.
 std::string supportedSizesText(VideoCodec codec);
 

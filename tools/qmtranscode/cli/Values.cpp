@@ -1,6 +1,7 @@
 #include <ctype.h>
 #include <fmt/format.h>
 #include <qmtranscode/cli/Values.h>
+#include <strings.h>
 
 #include <charconv>
 #include <cmath>
@@ -81,6 +82,22 @@ std::optional<Size> parseSize(std::string_view text) {
     const std::optional<int64_t> height = parseInteger(parts[1], 0, kMax);
     if (!width || !height) return std::nullopt;
     return Size{static_cast<int32_t>(*width), static_cast<int32_t>(*height)};
+}
+
+std::optional<double> parseLevel(std::string_view text, const std::string& unit) {
+    const bool isPositive = !text.empty() && text[0] == '+';
+    if (isPositive) text.remove_prefix(1);
+    if (!startsWithDigit(text) && (isPositive || text.empty() || text[0] != '-')) {
+        return std::nullopt;
+    }
+    double value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, value, std::chars_format::fixed);
+    std::string after(rest, end);
+    if (!after.empty() && after[0] == ' ') after.erase(0, 1);
+    const bool isUnit = rest == end || strcasecmp(after.c_str(), unit.c_str()) == 0;
+    return error == std::errc() && isUnit && std::isfinite(value) ? std::optional(value)
+                                                                  : std::nullopt;
 }
 
 std::optional<int64_t> parseTimeUs(std::string_view text) {

@@ -20,6 +20,9 @@ std::optional<int32_t> parseBitrate(std::string_view text);
 // "640x360".
 std::optional<Size> parseSize(std::string_view text);
 
+// A number with a sign, decimals and the unit all optional: "-3dB", "-3 dB", "+1.5".
+std::optional<double> parseLevel(std::string_view text, const std::string& unit);
+
 // Seconds ("90.25"), m:ss or h:mm:ss, each with up to six decimals. The result is in microseconds.
 std::optional<int64_t> parseTimeUs(std::string_view text);
 

@@ -11,6 +11,10 @@
 #include <qmtranscode/report/Plan.h>
 #include <qmtranscode/report/Progress.h>
 #include <string.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cmath>
 
 namespace android::qmmediaeditor::cli {
 
@@ -47,21 +51,95 @@ void Job::installPlatform() {
 
 std::optional<Failure> Job::prepare() {
     mHost.observer = mObserver;
+    mHost.tracks = {!mOptions.noVideo, !mOptions.noAudio, mOptions.audioTrack.value_or(0)};
     installPlatform();
     if (auto failure = mInput.probe(*mObserver)) return failure;
+    if (auto failure = checkChosenTracks()) return failure;
     auto periods = makePeriods(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
     mPeriods = std::get<std::vector<TrimPeriod>>(periods);
     auto format = makeOutputFormat(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
+    if (const auto warning = shapeWarning(mOptions, mInput.media())) {
+        console::printLine("qmtranscode: " + *warning);
+    }
     FrameSize size;
     if (mOutputFormat != nullptr && mOutputFormat->findInt32("video-width", &size.width) &&
         mOutputFormat->findInt32("video-height", &size.height)) {
         mHost.frameSize = size;
-        installPlatform();
+    }
+    const VideoRate rate = videoRate(mOptions, mInput.media());
+    mHost.avcQuality = rate.quality;
+    mHost.avcMaxBitrate = rate.maxBitrate;
+    if (auto failure = setGains()) return failure;
+    installPlatform();
+    return std::nullopt;
+}
+
+std::optional<Failure> Job::setGains() {
+    if (!mInput.media().audio) return std::nullopt;
+    if (mOptions.volumeDb) {
+        mHost.audioGains = {static_cast<float>(std::pow(10, *mOptions.volumeDb / 20))};
+    }
+    return mOptions.loudness && !mOptions.plan ? measureLoudness() : std::nullopt;
+}
+
+std::optional<Failure> Job::measureLoudness() {
+    const int memory = memfd_create("qmtranscode-loudness", MFD_CLOEXEC);
+    if (memory < 0) return Failure{kExitFailed, "memory to measure the loudness", strerror(errno)};
+    LoudnessObserver observer;
+    HostOptions host = mHost;
+    host.observer = &observer;
+    host.tracks.video = false;
+    host.encodesAudio = false;
+    const std::unique_ptr<Platform> platform = createHostPlatform(host);
+    Platform::install(platform.get());
+    mMonitor->begin(mPeriods, nullptr);
+    int32_t result;
+    {
+        Session session({mInput.fd(), memory, mPeriods, mOutputFormat,
+                         [this](int32_t percent) { mMonitor->onProgress(percent); }});
+        mControl->onStop([&session] { session.cancel(); });
+        result = session.run();
+        mControl->ignoreStop();
+    }
+    mMonitor->end();
+    installPlatform();
+    if (auto failure = mInput.checkReads(observer)) return failure;
+    if (mControl->stopRequested()) {
+        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
+    }
+    if (observer.lacksMemory()) return Failure{kExitFailed, "", "not enough memory"};
+    if (result != OK) return failureOf(result);
+    mInputLoudness = observer.meter().integrated();
+    if (mInputLoudness) {
+        mHost.audioGains = observer.meter().gainsFor(*mOptions.loudness);
+    } else {
+        console::printLine("qmtranscode: " + mInput.path() +
+                           ": --loudness has no effect, because the audio is silent or too short");
     }
     return std::nullopt;
+}
+
+std::optional<Failure> Job::checkChosenTracks() const {
+    const MediaFile& media = mInput.media();
+    const auto audioTracks = std::count_if(
+        media.tracks.begin(), media.tracks.end(),
+        [](const AnyTrack& track) { return track.mime.compare(0, 6, "audio/") == 0; });
+    if (mOptions.audioTrack && audioTracks < *mOptions.audioTrack) {
+        return Failure{kExitUnusable, mInput.path(),
+                       fmt::format("there is no audio track {}; the file has {}",
+                                   *mOptions.audioTrack, audioTracks)};
+    }
+    if (mOptions.audioTrack && !media.audio) {
+        return Failure{kExitUnusable, mInput.path(),
+                       fmt::format("audio track {} has no supported codec", *mOptions.audioTrack)};
+    }
+    if (media.video || media.audio) return std::nullopt;
+    return Failure{kExitUnusable, mInput.path(),
+                   mOptions.noVideo ? "the file has no audio, and --no-video leaves the video out"
+                                    : "the file has no video, and --no-audio leaves the audio out"};
 }
 
 std::optional<Failure> Job::plan() {
@@ -178,7 +256,12 @@ Receipt Job::makeReceipt() const {
     receipt.input = mInput.path();
     receipt.output = mOutput.path();
     receipt.asked = mOptions.periods;
+    receipt.inputVideo = mInput.media().video;
+    receipt.inputAudio = mInput.media().audio;
     receipt.inputUs = mInput.media().durationUs();
+    receipt.quality = mHost.avcQuality;
+    receipt.inputLoudness = mInputLoudness;
+    receipt.loudness = mOptions.loudness;
     receipt.statistics = mStatistics;
     receipt.video = mObserver->video();
     receipt.audio = mObserver->audio();

@@ -6,6 +6,7 @@
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/Loudness.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
@@ -55,6 +56,11 @@ private:
     void installPlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
+    // Refuses when nothing is left of the tracks that the options choose.
+    std::optional<Failure> checkChosenTracks() const;
+    // Sets the gains for --volume and --loudness; for the latter, decodes the audio.
+    std::optional<Failure> setGains();
+    std::optional<Failure> measureLoudness();
     // Writes the plan.
     std::optional<Failure> plan();
     // Runs the session. The result is its code.
@@ -88,6 +94,7 @@ private:
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
     RunStatistics mStatistics;
+    std::optional<double> mInputLoudness;  // in LUFS, with --loudness
     double mWallSeconds = 0;
 };
 

@@ -6,6 +6,8 @@
 #include <qmtranscode/monitor/RunStatistics.h>
 #include <string.h>
 
+#include <algorithm>
+
 namespace android::qmmediaeditor::cli {
 
 std::optional<Failure> JobInput::probe(const RunObserver& observer) {
@@ -17,10 +19,12 @@ std::optional<Failure> JobInput::probe(const RunObserver& observer) {
     if (!media) {
         return Failure{kExitUnusable, mPath, "not a media file, or damaged beyond reading"};
     }
-    if (!media->audio && !media->video) {
+    const bool isLeftOut = std::any_of(media->tracks.begin(), media->tracks.end(),
+                                       [](const AnyTrack& track) { return track.isLeftOut; });
+    if (!media->audio && !media->video && !isLeftOut) {
         return Failure{kExitUnusable, mPath,
-                       media->mimes.empty() ? "the file has no tracks"
-                                            : "no track of the file has a supported codec"};
+                       media->tracks.empty() ? "the file has no tracks"
+                                             : "no track of the file has a supported codec"};
     }
     mMedia = *media;
     return std::nullopt;

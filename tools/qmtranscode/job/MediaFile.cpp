@@ -46,6 +46,16 @@ VideoTrack readVideoTrack(const sp<AMessage>& format, size_t index, const AStrin
     return track;
 }
 
+AnyTrack describeTrack(const sp<AMessage>& format, const AString& mime) {
+    AString own;
+    AString language;
+    AnyTrack track;
+    track.isLeftOut = format->findString("left-out-mime", &own);
+    track.mime = track.isLeftOut ? own.c_str() : mime.c_str();
+    if (format->findString("language", &language)) track.language = language.c_str();
+    return track;
+}
+
 std::string readUuidData(const sp<QmMediaExtractorWrapper>& extractor) {
     sp<AMessage> format;
     sp<ABuffer> data;
@@ -106,7 +116,7 @@ MediaFileResult readMediaFile(int fd) {
         const status_t result = opened.extractor->getTrackFormat(i, &format);
         if (result != OK) return {std::nullopt, result};
         if (!format->findString("mime", &mime)) return {std::nullopt, ERROR_MALFORMED};
-        file.mimes.emplace_back(mime.c_str());
+        file.tracks.push_back(describeTrack(format, mime));
         if (!file.audio && mime.startsWithIgnoreCase("audio/") &&
             !mime.equalsIgnoreCase(MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED)) {
             file.audio = readAudioTrack(format, i, mime);

@@ -34,13 +34,19 @@ struct VideoTrack {
     int32_t bitrate = 0;    // bits per second
 };
 
+struct AnyTrack {
+    std::string mime;
+    std::string language;    // as the file has it, mostly by ISO 639-2; may be empty
+    bool isLeftOut = false;  // by HostOptions::tracks
+};
+
 struct MediaFile {
     int64_t sizeBytes = 0;
     // The first track of each type that can be decoded, which are those that a session uses.
     std::optional<AudioTrack> audio;
     std::optional<VideoTrack> video;
-    // The MIME types of all tracks, in the order of the file.
-    std::vector<std::string> mimes;
+    // In the order of the file.
+    std::vector<AnyTrack> tracks;
     // The payload of its uuid boxes.
     std::string uuidData;
 

@@ -10,12 +10,26 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// The frame size to encode: --size is the size as displayed, after the rotation of the file.
+Size turned(const Size& size, bool turn) { return turn ? Size{size.height, size.width} : size; }
+
+bool isSideways(const VideoTrack& video) { return video.rotation % 180 != 0; }
+
+Size displayedSize(const VideoTrack& video) {
+    return turned({video.width, video.height}, isSideways(video));
+}
+
+// The frame size to encode, which is the one before the rotation of the file.
 Size outputSize(const Options& options, const VideoTrack& video) {
     // An odd row or column is cut off, because 4:2:0 frames have even sizes.
-    if (!options.size) return {std::max(2, video.width & ~1), std::max(2, video.height & ~1)};
-    const bool isSideways = video.rotation % 180 != 0;
-    return isSideways ? Size{options.size->height, options.size->width} : *options.size;
+    Size displayed = displayedSize(video);
+    Size size{std::max(2, displayed.width & ~1), std::max(2, displayed.height & ~1)};
+    if (options.fit) {
+        const bool isUpright = displayed.height > displayed.width;
+        const bool turn = isUpright && options.fit->width > options.fit->height;
+        size = fitInto(turned(*options.fit, turn), displayed);
+    }
+    size = turned(options.size.value_or(size), isSideways(video));
+    return options.size ? size : nearestSize(options.videoCodec.value_or(VideoCodec::kAvc), size);
 }
 
 int64_t area(int32_t width, int32_t height) { return int64_t{width} * height; }
@@ -34,8 +48,9 @@ int32_t inputVideoBitrate(const MediaFile& media) {
 
 // When the frame size gets smaller, the input's bit rate is reduced in proportion to the number of
 // pixels.
-int32_t outputVideoBitrate(const Options& options, const MediaFile& media, const Size& size) {
+int32_t outputVideoBitrate(const Options& options, const MediaFile& media) {
     if (options.videoBitrate) return *options.videoBitrate;
+    const Size size = outputSize(options, *media.video);
     constexpr int64_t kMinBitrate = 64000;
     const int64_t before = area(media.video->width, media.video->height);
     const int64_t after = area(size.width, size.height);
@@ -58,13 +73,6 @@ int32_t outputAudioBitrate(const Options& options, const AudioTrack& audio, Audi
     return std::min(audio.bitrate, kMaxPerChannel * channels);
 }
 
-Failure tooManyChannels(const Options& options, int32_t channels) {
-    return {kExitUnusable, options.input,
-            fmt::format("AAC supports at most {} channels; the input has {}; --audio-channels 2 "
-                        "would work",
-                        kMaxAacChannels, channels)};
-}
-
 std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& input,
                                     const sp<AMessage>& format) {
     const Size size = outputSize(options, *input.video);
@@ -82,13 +90,12 @@ std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& inp
     format->setInt32("video-height", size.height);
     format->setInt32("video-framerate",
                      options.frameRate.value_or(std::min(inputRate, kMaxFrameRate)));
-    format->setInt32("video-bitrate", outputVideoBitrate(options, input, size));
+    format->setInt32("video-bitrate", outputVideoBitrate(options, input));
     format->setInt32("video-encoder", static_cast<int32_t>(codec));
     return std::nullopt;
 }
 
-std::optional<Failure> setAudioKeys(const Options& options, const MediaFile& input,
-                                    const sp<AMessage>& format) {
+void setAudioKeys(const Options& options, const MediaFile& input, const sp<AMessage>& format) {
     const AudioTrack& audio = *input.audio;
     const AudioCodec codec = options.audioCodec.value_or(AudioCodec::kAac);
     const bool isAac = codec == AudioCodec::kAac;
@@ -97,34 +104,21 @@ std::optional<Failure> setAudioKeys(const Options& options, const MediaFile& inp
     const int32_t inputRate = audio.sampleRate > 0 ? audio.sampleRate : kDefaultSampleRate;
     const int32_t inputChannels = audio.channels > 0 ? audio.channels : kDefaultChannels;
     const int32_t sampleRate = isAac ? nearestAacSampleRate(inputRate) : amrSampleRate(codec);
-    const int32_t channels = options.audioChannels.value_or(isAac ? inputChannels : 1);
-    if (channels > kMaxAacChannels) return tooManyChannels(options, channels);
+    const int32_t channels =
+        options.audioChannels.value_or(isAac ? std::min(inputChannels, kMaxAacChannels) : 1);
     format->setInt32("audio-encoder", static_cast<int32_t>(codec));
     format->setInt32("audio-samplerate", options.audioRate.value_or(sampleRate));
     format->setInt32("audio-channels", channels);
     format->setInt32("audio-bitspersample", 16);
     format->setInt32("audio-bitrate", outputAudioBitrate(options, audio, codec, channels));
-    return std::nullopt;
 }
 
-// Without an output-format message, the audio keeps its sample rate and channels.
-std::optional<Failure> checkUnchangedAudio(const Options& options, const MediaFile& input) {
-    if (!input.audio) return std::nullopt;
-    const int32_t inputRate = input.audio->sampleRate;
-    const int32_t nearest = nearestAacSampleRate(inputRate);
-    if (inputRate > 0 && nearest != inputRate) {
-        const std::string supported =
-            inputRate > kMaxAacSampleRate
-                ? fmt::format("AAC supports at most {} Hz; the input has {} Hz", kMaxAacSampleRate,
-                              inputRate)
-                : fmt::format("AAC does not support the input's sample rate of {} Hz", inputRate);
-        return Failure{kExitUnusable, options.input,
-                       fmt::format("{}; --audio-rate {} would work", supported, nearest)};
-    }
-    if (input.audio->channels > kMaxAacChannels) {
-        return tooManyChannels(options, input.audio->channels);
-    }
-    return std::nullopt;
+// Whether AAC can have the sample rate and the channels of the input's audio.
+bool canKeepAudio(const MediaFile& input) {
+    if (!input.audio) return true;
+    const int32_t rate = input.audio->sampleRate;
+    return (rate <= 0 || nearestAacSampleRate(rate) == rate) &&
+           input.audio->channels <= kMaxAacChannels;
 }
 
 }  // namespace
@@ -151,19 +145,56 @@ Result<std::vector<TrimPeriod>> makePeriods(const Options& options, const MediaF
 }
 
 Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input) {
-    if (!options.specifiesOutputFormat()) {
-        if (auto failure = checkUnchangedAudio(options, input)) return *failure;
-        return sp<AMessage>();
-    }
+    if (!options.specifiesOutputFormat() && canKeepAudio(input)) return sp<AMessage>();
     const sp<AMessage> format = new AMessage(kOutputFormatWhat);
     format->setInt32("file-format", static_cast<int32_t>(outputFileFormat(options)));
     if (input.video) {
         if (auto failure = setVideoKeys(options, input, format)) return *failure;
     }
-    if (input.audio) {
-        if (auto failure = setAudioKeys(options, input, format)) return *failure;
-    }
+    if (input.audio) setAudioKeys(options, input, format);
     return format;
+}
+
+VideoRate videoRate(const Options& options, const MediaFile& input) {
+    VideoRate rate;
+    const VideoCodec codec = options.videoCodec.value_or(VideoCodec::kAvc);
+    if (!input.video || codec != VideoCodec::kAvc) return rate;
+    if (!options.quality && options.videoBitrate) return rate;
+    rate.quality = options.quality.value_or(kDefaultQuality);
+    if (options.videoBitrate) rate.maxBitrate = options.videoBitrate;
+    if (options.quality) return rate;
+    // A key frame each second needs this, also where the input has fewer.
+    constexpr double kMinBitsPerPixel = 0.5;
+    const Size size = outputSize(options, *input.video);
+    const double max = outputVideoBitrate(options, input) * avcBitsFactor(input.video->mime);
+    rate.maxBitrate = std::lround(std::min(
+        std::max(max, static_cast<double>(area(size.width, size.height)) * kMinBitsPerPixel), 1e9));
+    return rate;
+}
+
+std::optional<std::string> shapeWarning(const Options& options, const MediaFile& input) {
+    // Otherwise at most a row and a column are cut off, and --fit keeps the shape.
+    const bool mayChange = options.size || options.videoCodec == VideoCodec::kH263;
+    if (!input.video || !mayChange) return std::nullopt;
+    const bool sideways = isSideways(*input.video);
+    const Size before = displayedSize(*input.video);
+    const Size after = turned(outputSize(options, *input.video), sideways);
+    const double change = static_cast<double>(after.width) * before.height /
+                          (static_cast<double>(after.height) * before.width);
+    constexpr double kMaxChange = 1.01;
+    if (std::max(change, 1 / change) <= kMaxChange) return std::nullopt;
+    const std::string changed = fmt::format("{}x{} changes the shape of the {}x{} input",
+                                            after.width, after.height, before.width, before.height);
+    const std::string asked = options.size ? "--size " : "";
+    if (options.videoCodec == VideoCodec::kH263) {
+        return fmt::format("{}{}; {}", asked, changed, supportedSizesText(VideoCodec::kH263));
+    }
+    Options fitted = options;
+    fitted.size.reset();
+    fitted.fit = options.size;
+    const Size kept = turned(outputSize(fitted, *input.video), sideways);
+    return fmt::format("{}{}; --fit {}x{} would give {}x{}", asked, changed, after.width,
+                       after.height, kept.width, kept.height);
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -8,6 +8,7 @@
 #include <qmtranscode/job/MediaFile.h>
 
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
@@ -19,6 +20,16 @@ Result<std::vector<TrimPeriod>> makePeriods(const Options& options, const MediaF
 // follows the input. Each key that belongs to a track of the input is set, because a missing key
 // means a default of the session and not the input's value.
 Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input);
+
+// How many bits the AVC encoder spends, as HostOptions has it.
+struct VideoRate {
+    std::optional<int32_t> quality;  // nothing for an average bit rate
+    std::optional<int64_t> maxBitrate;
+};
+VideoRate videoRate(const Options& options, const MediaFile& input);
+
+// One line for the user when the output's shape differs from the input's by more than 1 %.
+std::optional<std::string> shapeWarning(const Options& options, const MediaFile& input);
 
 // The container that was asked for, or that the codecs need.
 FileFormat outputFileFormat(const Options& options);

@@ -16,7 +16,12 @@ bool hasType(const std::string& mime, const char* type) {
     return strncasecmp(mime.c_str(), type, strlen(type)) == 0;
 }
 
-std::string whyNotUsed(const std::string& mime) {
+std::string whyNotUsed(const Options& options, const AnyTrack& track) {
+    const std::string& mime = track.mime;
+    if (track.isLeftOut) {
+        if (hasType(mime, "video/")) return "left out by --no-video";
+        return options.noAudio ? "left out by --no-audio" : "left out by --audio-track";
+    }
     if (strcasecmp(mime.c_str(), MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED) == 0 ||
         strcasecmp(mime.c_str(), MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED) == 0) {
         return "no decoder for its codec";
@@ -27,32 +32,40 @@ std::string whyNotUsed(const std::string& mime) {
     return "neither video nor audio";
 }
 
-Json tracksOf(const MediaFile& media) {
+Json tracksOf(const Options& options, const MediaFile& media) {
     Json tracks = Json::array();
-    for (size_t i = 0; i < media.mimes.size(); ++i) {
+    for (size_t i = 0; i < media.tracks.size(); ++i) {
         const bool video = media.video && media.video->index == i;
         const bool audio = media.audio && media.audio->index == i;
-        tracks.push_back({{"index", i},
-                          {"type", media.mimes[i]},
-                          {"chosen", video || audio},
-                          {"why", video   ? "the first video track"
-                                  : audio ? "the first audio track"
-                                          : whyNotUsed(media.mimes[i])}});
+        Json track = {{"index", i},
+                      {"type", media.tracks[i].mime},
+                      {"language", nullptr},
+                      {"chosen", video || audio},
+                      {"why", video                          ? "the first video track"
+                              : audio && !options.audioTrack ? "the first audio track"
+                              : audio                        ? "chosen by --audio-track"
+                                      : whyNotUsed(options, media.tracks[i])}};
+        if (!media.tracks[i].language.empty()) track["language"] = media.tracks[i].language;
+        tracks.push_back(std::move(track));
     }
     return tracks;
 }
 
 // A number of the output, and where it comes from. `input` is the input's value, 0 if unknown.
-template <typename T>
-Json numberOf(int64_t value, const std::optional<T>& asked, int64_t input) {
-    if (asked) return {{"value", value}, {"from", "asked"}};
-    if (input <= 0) return {{"value", value}, {"from", "default"}};
-    Json json = {{"value", value}, {"from", "input"}};
-    if (value != input) json["input_has"] = input;
+// `other` is the source of a number that was not asked for and is not the input's.
+Json numberOf(int64_t value, bool asked, int64_t input, const char* other = "input") {
+    Json json = {{"value", value}, {"from", "asked"}};
+    if (!asked) json["from"] = input <= 0 ? "default" : value == input ? "input" : other;
+    if (input > 0 && value != input) json["input_has"] = input;
     return json;
 }
 
-Json wordOf(const std::string& value, bool asked) {
+// Where the output's codec cannot have the input's value.
+constexpr const char* kNearest = "nearest";
+
+// Not a value of the input.
+template <typename T>
+Json wordOf(const T& value, bool asked) {
     return {{"value", value}, {"from", asked ? "asked" : "default"}};
 }
 
@@ -70,27 +83,47 @@ std::string codecOf(const TrackCodecs& codecs) {
     return codecName(mime.c_str());
 }
 
-Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs& codecs) {
+Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs& codecs,
+             const VideoRate& rate) {
     const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
-    // Width and height are those that are encoded; --size is the size after rotation.
-    return {{"decoder", codecs.decoder},
-            {"encoder", codecs.encoder},
-            {"codec", wordOf(codecOf(codecs), options.videoCodec.has_value())},
-            {"width", numberOf(setting("width"), options.size, input.width)},
-            {"height", numberOf(setting("height"), options.size, input.height)},
-            {"rotation", Json{{"value", input.rotation}, {"from", "input"}}},
-            {"fps", numberOf(setting("frame-rate"), options.frameRate, input.frameRate)},
-            {"bitrate", numberOf(setting("bitrate"), options.videoBitrate, input.bitrate)}};
+    const bool hasSize = options.size || options.fit;
+    // Width and height are those that are encoded; --size and --fit are the size after rotation.
+    Json json = {
+        {"decoder", codecs.decoder},
+        {"encoder", codecs.encoder},
+        {"codec", wordOf(codecOf(codecs), options.videoCodec.has_value())},
+        {"width", numberOf(setting("width"), hasSize, input.width, kNearest)},
+        {"height", numberOf(setting("height"), hasSize, input.height, kNearest)},
+        {"rotation", Json{{"value", input.rotation}, {"from", "input"}}},
+        {"fps", numberOf(setting("frame-rate"), options.frameRate.has_value(), input.frameRate)}};
+    if (!rate.quality) {
+        json["bitrate"] =
+            numberOf(setting("bitrate"), options.videoBitrate.has_value(), input.bitrate);
+        return json;
+    }
+    json["quality"] = wordOf(*rate.quality, options.quality.has_value());
+    json["max_bitrate"] = nullptr;
+    if (rate.maxBitrate) {
+        json["max_bitrate"] =
+            numberOf(*rate.maxBitrate, options.videoBitrate.has_value(), input.bitrate);
+    }
+    return json;
 }
 
 Json audioOf(const Options& options, const AudioTrack& input, const TrackCodecs& codecs) {
     const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
-    return {{"decoder", codecs.decoder},
-            {"encoder", codecs.encoder},
-            {"codec", wordOf(codecOf(codecs), options.audioCodec.has_value())},
-            {"sample_rate", numberOf(setting("sample-rate"), options.audioRate, input.sampleRate)},
-            {"channels", numberOf(setting("channel-count"), options.audioChannels, input.channels)},
-            {"bitrate", numberOf(setting("bitrate"), options.audioBitrate, input.bitrate)}};
+    Json json = {
+        {"decoder", codecs.decoder},
+        {"encoder", codecs.encoder},
+        {"codec", wordOf(codecOf(codecs), options.audioCodec.has_value())},
+        {"sample_rate", numberOf(setting("sample-rate"), options.audioRate.has_value(),
+                                 input.sampleRate, kNearest)},
+        {"channels", numberOf(setting("channel-count"), options.audioChannels.has_value(),
+                              input.channels, kNearest)},
+        {"bitrate", numberOf(setting("bitrate"), options.audioBitrate.has_value(), input.bitrate)}};
+    if (options.volumeDb) json["volume_db"] = *options.volumeDb;
+    if (options.loudness) json["loudness"] = *options.loudness;
+    return json;
 }
 
 Json periodsOf(const Options& options, const JobInput& input,
@@ -147,13 +180,14 @@ std::string planJson(const Options& options, const JobInput& input,
                    {"length", secondsOf(lengthUs)},
                    {"video", nullptr},
                    {"audio", nullptr}};
-    if (media.video) output["video"] = videoOf(options, *media.video, run.video);
+    if (media.video)
+        output["video"] = videoOf(options, *media.video, run.video, videoRate(options, media));
     if (media.audio) output["audio"] = audioOf(options, *media.audio, run.audio);
     Json json = {{"input",
                   {{"file", input.path()},
                    {"bytes", media.sizeBytes},
                    {"length", secondsOf(media.durationUs())},
-                   {"tracks", tracksOf(media)}}},
+                   {"tracks", tracksOf(options, media)}}},
                  {"output", std::move(output)},
                  {"periods", periodsOf(options, input, periods)},
                  {"uuid_data", nullptr},

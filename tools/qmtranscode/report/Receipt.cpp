@@ -95,12 +95,16 @@ Json tracksOf(const Receipt& receipt) {
                           {"encoder", receipt.video.encoder},
                           {"width", video.width},
                           {"height", video.height},
+                          {"input_width", receipt.inputVideo->width},
+                          {"input_height", receipt.inputVideo->height},
                           {"rotation", video.rotation},
+                          {"quality", nullptr},
                           {"fps", rateOf(*contents.video)},
                           {"frames", contents.video->count},
                           {"bytes", contents.video->bytes},
                           {"bitrate", bitrateOf(*contents.video)},
                           {"seconds", secondsOf(contents.video->endUs - contents.video->firstUs)}});
+        if (receipt.quality) tracks.back()["quality"] = *receipt.quality;
     }
     if (contents.audio) {
         const AudioTrack& audio = *contents.media.audio;
@@ -110,10 +114,16 @@ Json tracksOf(const Receipt& receipt) {
                           {"encoder", receipt.audio.encoder},
                           {"sample_rate", audio.sampleRate},
                           {"channels", audio.channels},
+                          {"input_sample_rate", receipt.inputAudio->sampleRate},
+                          {"input_channels", receipt.inputAudio->channels},
                           {"frames", contents.audio->count},
                           {"bytes", contents.audio->bytes},
                           {"bitrate", bitrateOf(*contents.audio)},
                           {"seconds", secondsOf(contents.audio->endUs - contents.audio->firstUs)}});
+        if (receipt.inputLoudness) {
+            tracks.back()["input_loudness"] = *receipt.inputLoudness;
+            tracks.back()["loudness"] = *receipt.loudness;
+        }
     }
     return tracks;
 }
@@ -147,18 +157,42 @@ std::string row(const char* name, fmt::format_string<Values...> format, Values&&
     return fmt::format("  {:<8} {}\n", name, fmt::format(format, std::forward<Values>(values)...));
 }
 
-std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
-    const TrackSamples& samples = *receipt.contents->video;
-    return row("video", "{} {}x{}, {:.4g} fps", codecName(video.mime), video.width, video.height,
-               rateOf(samples)) +
-           row("", "{} frames, {} dropped", samples.count, receipt.statistics.dropped()) +
-           row("", "{}", bitrateText(bitrateOf(samples)));
+// The value, and the input's where that is another one.
+std::string changed(const std::string& value, const std::string& input) {
+    return value == input ? value : value + " from " + input;
 }
 
-std::string audioRows(const AudioTrack& audio, const TrackSamples& samples) {
-    return row("audio", "{} {} Hz, {} channel{}", codecName(audio.mime), audio.sampleRate,
-               audio.channels, audio.channels == 1 ? "" : "s") +
-           row("", "{}", bitrateText(bitrateOf(samples)));
+std::string sizeText(const VideoTrack& video) {
+    const bool isSideways = video.rotation % 180 != 0;
+    return fmt::format("{}x{}", isSideways ? video.height : video.width,
+                       isSideways ? video.width : video.height);
+}
+
+std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
+    const TrackSamples& samples = *receipt.contents->video;
+    const std::string size = changed(sizeText(video), sizeText(*receipt.inputVideo));
+    const std::string bitrate = bitrateText(bitrateOf(samples));
+    return row("video", "{} {}, {:.4g} fps", codecName(video.mime), size, rateOf(samples)) +
+           row("", "{} frames, {} dropped", samples.count, receipt.statistics.dropped()) +
+           (receipt.quality ? row("", "{}, quality {}", bitrate, *receipt.quality)
+                            : row("", "{}", bitrate));
+}
+
+std::string channelsText(const AudioTrack& audio) {
+    return fmt::format("{} channel{}", audio.channels, audio.channels == 1 ? "" : "s");
+}
+
+std::string audioRows(const AudioTrack& audio, const Receipt& receipt) {
+    const auto rateText = [](const AudioTrack& track) {
+        return fmt::format("{} Hz", track.sampleRate);
+    };
+    return row("audio", "{} {}, {}", codecName(audio.mime),
+               changed(rateText(audio), rateText(*receipt.inputAudio)),
+               changed(channelsText(audio), channelsText(*receipt.inputAudio))) +
+           row("", "{}", bitrateText(bitrateOf(*receipt.contents->audio))) +
+           (receipt.inputLoudness
+                ? row("", "{:.1f} LUFS from {:.1f} LUFS", *receipt.loudness, *receipt.inputLoudness)
+                : "");
 }
 
 std::string spanText(const TrimPeriod& span) {
@@ -217,7 +251,7 @@ std::string toText(const Receipt& receipt) {
         console::printable(receipt.output) + (receipt.isComplete ? ": complete\n" : ": stopped\n");
     text += row("length", "{}, {}", secondsText(lengthUs), bytesText(contents.media.sizeBytes));
     if (contents.video) text += videoRows(*contents.media.video, receipt);
-    if (contents.audio) text += audioRows(*contents.media.audio, *contents.audio);
+    if (contents.audio) text += audioRows(*contents.media.audio, receipt);
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }

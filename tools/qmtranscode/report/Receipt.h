@@ -19,8 +19,15 @@ struct Receipt {
     bool isComplete = false;
     // The periods that the user asked for; empty for the whole input.
     std::vector<TrimPeriod> asked;
+    // The tracks of the input that were used.
+    std::optional<VideoTrack> inputVideo;
+    std::optional<AudioTrack> inputAudio;
     // The length of the input, 0 if unknown.
     int64_t inputUs = 0;
+    std::optional<int32_t> quality;  // of the AVC encoder
+    // In LUFS, where --loudness has changed it.
+    std::optional<double> inputLoudness;
+    std::optional<double> loudness;
     RunStatistics statistics;
     TrackCodecs video;
     TrackCodecs audio;
