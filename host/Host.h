@@ -89,8 +89,11 @@ int defaultThreads();
 // these libraries; so the host does not call it. To be called before the first session.
 void limitAllocations();
 
-// The argument of Platform::install; to be kept until the last session is destroyed.
-std::unique_ptr<Platform> createHostPlatform(const HostOptions& options);
+// The argument of Platform::install; to be kept until the last session is destroyed. A session does
+// not probe an input again that an extractor of this platform, or of `predecessor`, has opened
+// without reading its samples; `predecessor` is a host platform or null.
+std::unique_ptr<Platform> createHostPlatform(const HostOptions& options,
+                                             const Platform* predecessor = nullptr);
 
 }  // namespace qmmediaeditor
 }  // namespace android
