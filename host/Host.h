@@ -70,6 +70,10 @@ struct TrackChoice {
     // Counted from 1 among the audio tracks; the others are left out. A file with fewer keeps all
     // of them, and 0 stands for all.
     int audioTrack = 0;
+
+    bool operator==(const TrackChoice& other) const {
+        return video == other.video && audio == other.audio && audioTrack == other.audioTrack;
+    }
 };
 
 // The distance of HostOptions::audioGains, in microseconds.
@@ -119,8 +123,11 @@ int defaultThreads();
 // these libraries; so the host does not call it. To be called before the first session.
 void limitAllocations();
 
-// The argument of Platform::install; to be kept until the last session is destroyed.
-std::unique_ptr<Platform> createHostPlatform(const HostOptions& options);
+// The argument of Platform::install; to be kept until the last session is destroyed. A session does
+// not probe an input again that an extractor of this platform, or of `predecessor`, has opened
+// without reading its samples; `predecessor` is a host platform or null.
+std::unique_ptr<Platform> createHostPlatform(const HostOptions& options,
+                                             const Platform* predecessor = nullptr);
 
 }  // namespace qmmediaeditor
 }  // namespace android

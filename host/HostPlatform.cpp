@@ -12,6 +12,7 @@
 #include "host/convert/AudioConverter.h"
 #include "host/convert/FrameScaler.h"
 #include "host/extractor/FileExtractor.h"
+#include "host/extractor/InputProbe.h"
 #include "host/foundation/CpuCount.h"
 #include "host/writer/FileWriter.h"
 
@@ -44,7 +45,11 @@ void logFromFFmpeg(void* object, int level, const char* format, va_list argument
 
 class HostPlatform : public Platform {
 public:
-    explicit HostPlatform(const HostOptions& options) : mOptions(options) {
+    HostPlatform(const HostOptions& options, const HostPlatform* predecessor)
+        : mOptions(options),
+          mInputs(predecessor != nullptr && predecessor->mOptions.tracks == options.tracks
+                      ? predecessor->mInputs
+                      : std::make_shared<InputHandover>()) {
         av_log_set_callback(logFromFFmpeg);
     }
 
@@ -65,7 +70,7 @@ public:
     }
 
     sp<ExtractorBackend> createExtractor() override {
-        return createFileExtractor(mOptions.observer, mOptions.tracks);
+        return createFileExtractor(mOptions.observer, mOptions.tracks, mInputs);
     }
     sp<MediaWriter> createWriter(int fd) override {
         tSession = std::make_shared<SessionTimeline>(mOptions);
@@ -110,6 +115,7 @@ private:
     }
 
     const HostOptions mOptions;
+    const std::shared_ptr<InputHandover> mInputs;
     static thread_local std::shared_ptr<SessionTimeline> tSession;
 };
 
@@ -119,8 +125,9 @@ thread_local std::shared_ptr<SessionTimeline> HostPlatform::tSession;
 
 int defaultThreads() { return codecThreads(0); }
 
-std::unique_ptr<Platform> createHostPlatform(const HostOptions& options) {
-    return std::make_unique<HostPlatform>(options);
+std::unique_ptr<Platform> createHostPlatform(const HostOptions& options,
+                                             const Platform* predecessor) {
+    return std::make_unique<HostPlatform>(options, static_cast<const HostPlatform*>(predecessor));
 }
 
 }  // namespace qmmediaeditor

@@ -58,10 +58,12 @@ int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary
 Demuxer::Demuxer() = default;
 Demuxer::~Demuxer() = default;
 
-Demuxer::Opened Demuxer::open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth study) {
+Demuxer::Opened Demuxer::open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth depth) {
     std::unique_ptr<Demuxer> demuxer(new Demuxer);
     status_t status = demuxer->openInput(file);
-    if (status == OK && study == ProbeDepth::kStreams) status = demuxer->readStreams();
+    if (status == OK && (depth == ProbeDepth::kStreams || !demuxer->headerIsEnough())) {
+        status = demuxer->readStreams();
+    }
     if (status != OK) return {nullptr, status};
     return {std::move(demuxer), OK};
 }

@@ -17,8 +17,8 @@ namespace qmmediaeditor {
 class Demuxer {
 public:
     enum class ProbeDepth {
-        kHeader,   // streams as in the container's header
-        kStreams,  // and with what the first packets of each stream add
+        kStreams,        // with what the first packets of each stream add to the header
+        kHeaderIfEnough  // without that where headerIsEnough()
     };
 
     struct Opened {
@@ -27,7 +27,7 @@ public:
         // limit. ERROR_IO when the file cannot be read, NO_MEMORY when memory is short.
         status_t status;
     };
-    static Opened open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth study);
+    static Opened open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth depth);
     ~Demuxer();
 
     AVFormatContext& context() { return *mContext; }
@@ -36,7 +36,7 @@ public:
     bool isIsoFile() const;
     bool isMatroska() const;
     // The header alone names every stream and every packet has its times, so that
-    // ProbeDepth::kHeader will do.
+    // the packets need not be probed.
     bool headerIsEnough() const;
     // The container has only the number of a frame in decoding order; the timestamps that
     // libavformat derives from it are late by the codec's reorder delay.

@@ -1,8 +1,10 @@
 #include "host/extractor/FileExtractor.h"
 
+#include <errno.h>
 #include <media/stagefright/MediaErrors.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
@@ -30,8 +32,9 @@ constexpr int64_t kUnknownUs = INT64_MIN;
 
 class FileExtractor final : public ExtractorBackend {
 public:
-    FileExtractor(HostObserver* observer, const TrackChoice& choice)
-        : mObserver(observer), mChoice(choice) {}
+    FileExtractor(HostObserver* observer, const TrackChoice& choice,
+                  std::shared_ptr<InputHandover> handover)
+        : mObserver(observer), mChoice(choice), mHandover(std::move(handover)) {}
 
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
     size_t countTracks() override { return mInfo.tracks.size(); }
@@ -45,6 +48,9 @@ public:
     status_t advance() override;
     status_t seekTo(int64_t timeUs, SeekMode mode) override;
 
+protected:
+    ~FileExtractor() override;
+
 private:
     int64_t originUs() const;
     // Sets mCurrent to the selected track with the next sample. OK, ERROR_END_OF_STREAM, or why a
@@ -55,6 +61,8 @@ private:
 
     HostObserver* const mObserver;  // may be null
     const TrackChoice mChoice;
+    const std::shared_ptr<InputHandover> mHandover;  // may be null
+    InputHandover::File mIdentity;
     std::shared_ptr<const DescriptorFile> mFile;
     InputInfo mInfo;
     std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
@@ -66,11 +74,28 @@ private:
     int64_t mDamageUs = 0;
 };
 
+FileExtractor::~FileExtractor() {
+    // Readers change the state of the tracks' sources.
+    if (mHandover == nullptr || mFile == nullptr || !mReaders.empty() || !mInfo.isUnshared())
+        return;
+    mHandover->put(mIdentity, std::move(mInfo));
+}
+
 status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
     if (mFile != nullptr) return INVALID_OPERATION;
     const DescriptorFile::Opened opened =
         DescriptorFile::openForReading(fd, offset, length, mObserver);
     if (opened.file == nullptr) return opened.status;
+    struct stat status {};
+    if (fstat(fd, &status) != 0) return -errno;
+    mIdentity = InputHandover::File(status, offset, length);
+    if (mHandover != nullptr) {
+        if (std::optional<InputInfo> known = mHandover->take(mIdentity)) {
+            mInfo = std::move(*known);
+            mFile = opened.file;
+            return OK;
+        }
+    }
     const status_t result = probeInput(opened.file, mChoice, &mInfo);
     if (result == OK) mFile = opened.file;
     return result;
@@ -209,8 +234,9 @@ void FileExtractor::announceCurrent() {
 
 }  // namespace
 
-sp<ExtractorBackend> createFileExtractor(HostObserver* observer, const TrackChoice& tracks) {
-    return new FileExtractor(observer, tracks);
+sp<ExtractorBackend> createFileExtractor(HostObserver* observer, const TrackChoice& tracks,
+                                          std::shared_ptr<InputHandover> handover) {
+    return new FileExtractor(observer, tracks, std::move(handover));
 }
 
 }  // namespace qmmediaeditor

@@ -391,6 +391,41 @@ status_t refuse(const DescriptorFile& file, const std::string& reason) {
 
 }  // namespace
 
+bool InputInfo::isUnshared() const {
+    return format->getStrongCount() == 1 &&
+           std::all_of(tracks.begin(), tracks.end(), [](const TrackInfo& track) {
+               // A format refers to its source, too.
+               return track.format->getStrongCount() == 1 &&
+                      (track.source == nullptr || track.source->getStrongCount() == 2);
+           });
+}
+
+InputHandover::File::File(const struct stat& status, int64_t offset, int64_t length)
+    : mStatus(status), mOffset(offset), mLength(length) {}
+
+bool InputHandover::File::operator==(const File& other) const {
+    const auto sameTime = [](const timespec& a, const timespec& b) {
+        return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+    };
+    return mStatus.st_dev == other.mStatus.st_dev && mStatus.st_ino == other.mStatus.st_ino &&
+           mStatus.st_size == other.mStatus.st_size &&
+           sameTime(mStatus.st_mtim, other.mStatus.st_mtim) &&
+           sameTime(mStatus.st_ctim, other.mStatus.st_ctim) && mOffset == other.mOffset &&
+           mLength == other.mLength;
+}
+
+void InputHandover::put(const File& file, InputInfo info) {
+    Mutex::Autolock lock(mLock);
+    mFile = file;
+    mInfo = std::move(info);
+}
+
+std::optional<InputInfo> InputHandover::take(const File& file) {
+    Mutex::Autolock lock(mLock);
+    if (!mInfo || !(mFile == file)) return std::nullopt;
+    return std::exchange(mInfo, std::nullopt);
+}
+
 status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const TrackChoice& choice,
                     InputInfo* info) {
     // Before the demuxer, which makes an index entry for each sample.

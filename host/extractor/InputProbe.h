@@ -6,7 +6,9 @@
 #include <media/stagefright/foundation/AMessage.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/stat.h>
 #include <utils/Errors.h>
+#include <utils/Mutex.h>
 
 #include <memory>
 #include <optional>
@@ -55,6 +57,37 @@ struct InputInfo {
     std::vector<TrackInfo> tracks;
     // Timestamp 0 is set by an edit list; earlier frames are not shown.
     bool zeroIsFixed = false;
+
+    // True if nobody else refers to the formats and the sources, which have the state of a reader.
+    bool isUnshared() const;
+};
+
+// Passes what was found in a file from an extractor that read no sample to the next extractor of
+// the same file, because probing decodes frames. Any thread.
+class InputHandover {
+public:
+    // The window of a file, in a certain state.
+    class File {
+    public:
+        File() = default;
+        File(const struct stat& status, int64_t offset, int64_t length);
+        bool operator==(const File& other) const;
+
+    private:
+        struct stat mStatus {};
+        int64_t mOffset = 0;
+        int64_t mLength = 0;
+    };
+
+    // Replaces what was put before.
+    void put(const File& file, InputInfo info);
+    // Nothing unless the latest put() was for this file in this state, and not taken yet.
+    std::optional<InputInfo> take(const File& file);
+
+private:
+    Mutex mLock;
+    File mFile GUARDED_BY(mLock);
+    std::optional<InputInfo> mInfo GUARDED_BY(mLock);
 };
 
 // ERROR_UNSUPPORTED when this is not a container of audio or video, ERROR_IO when the file cannot

@@ -43,10 +43,7 @@ status_t TrackReader::reopen() {
     forgetPosition();
     mAtStart = true;
     mEnded = true;
-    Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kHeader);
-    if (opened.demuxer != nullptr && !opened.demuxer->headerIsEnough()) {
-        opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kStreams);
-    }
+    Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kHeaderIfEnough);
     mStatus = opened.status;
     mDemuxer = std::move(opened.demuxer);
     if (mDemuxer == nullptr) return mStatus;

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "IoSupport.h"
+#include "host/extractor/InputProbe.h"
 
 namespace android::qmmediaeditor {
 namespace {
@@ -197,6 +198,45 @@ TEST(ExtractorTest, aFileThatBecomesShorterIsAReadErrorAndNotTheEnd) {
         EXPECT_EQ(ERROR_IO, status);
         EXPECT_EQ(ERROR_IO, shrinking.extractor().getSampleTrackIndex(&track)) << "it lasts";
     }
+}
+
+TEST(ExtractorTest, anUnreadFileIsProbedOnceForTwoExtractors) {
+    const std::string path = scratchPath("handed-over.mp4");
+    std::filesystem::copy_file(clip({"plain.mp4"}), path,
+                               std::filesystem::copy_options::overwrite_existing);
+    const auto handover = std::make_shared<InputHandover>();
+    sp<ExtractorBackend> extractor;
+    const auto openNext = [&] {
+        extractor.clear();
+        extractor = createFileExtractor(nullptr, {}, handover);
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(OK, extractor->setDataSource(fd, 0, 1 << 30));
+        close(fd);
+    };
+    const auto format = [&] {
+        sp<AMessage> result;
+        EXPECT_EQ(OK, extractor->getTrackFormat(0, &result));
+        return result;
+    };
+    openNext();
+    // A source that was handed over keeps its mark.
+    const auto isProbedAgain = [&] {
+        constexpr int64_t kMarkUs = 123456789;
+        TrackSource::find(format())->setDelayUs(kMarkUs);
+        openNext();
+        return TrackSource::find(format())->delayUs() != kMarkUs;
+    };
+    EXPECT_FALSE(isProbedAgain());
+
+    {
+        const sp<AMessage> held = format();
+        EXPECT_TRUE(isProbedAgain()) << "somebody may use the source";
+    }
+    std::ofstream(path, std::ios::app) << "more";
+    EXPECT_TRUE(isProbedAgain()) << "the file has changed";
+
+    EXPECT_EQ(OK, extractor->selectTrack(0));
+    EXPECT_TRUE(isProbedAgain()) << "samples may have been read";
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ Outcome Job::conclude(int32_t result, Progress* progress) {
 
 // A new one, because the size of the output's frames is known only after the input was read.
 void Job::installPlatform() {
-    std::unique_ptr<Platform> platform = createHostPlatform(mHost);
+    std::unique_ptr<Platform> platform = createHostPlatform(mHost, mPlatform.get());
     Platform::install(platform.get());
     mPlatform = std::move(platform);
 }
@@ -173,8 +173,10 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
         mControl->report(WorkerStage::kVerifying);
     }
     mStatistics = mMonitor->end();
-    // Verification needs as much memory for the tables of long tracks again.
-    malloc_trim(0);
+    // Verification needs as much memory for the tables of long tracks again. For a short run,
+    // giving it back takes longer than it is worth.
+    constexpr int64_t kLongUs = 300000000;
+    if (outputLengthUs() > kLongUs) malloc_trim(0);
     mWallSeconds = secondsOf(nowUs() - startUs);
     return result;
 }
