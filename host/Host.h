@@ -58,6 +58,14 @@ struct FrameSize {
     int height = 0;
 };
 
+// What an output takes over from its input beside the media: creation time, date, title, maker,
+// model, software, location and the languages of the tracks.
+enum class MetadataPolicy {
+    kNone,
+    kWithoutLocation,
+    kAll,
+};
+
 // Choices of the host's user that the component does not know.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
@@ -78,6 +86,8 @@ struct HostOptions {
     // Size of the frames that the session encodes, where its request has one. A video decoder then
     // delivers larger frames scaled down to it.
     std::optional<FrameSize> frameSize = std::nullopt;
+    // Except with kAll, the extractor does not report uuid boxes whose XMP has a location either.
+    MetadataPolicy metadata = MetadataPolicy::kWithoutLocation;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

@@ -65,7 +65,7 @@ public:
     }
 
     sp<ExtractorBackend> createExtractor() override {
-        return createFileExtractor(mOptions.observer);
+        return createFileExtractor(mOptions.observer, mOptions.metadata, session());
     }
     sp<MediaWriter> createWriter(int fd) override {
         tSession = std::make_shared<SessionTimeline>(mOptions);

@@ -30,7 +30,9 @@ constexpr int64_t kUnknownUs = INT64_MIN;
 
 class FileExtractor final : public ExtractorBackend {
 public:
-    explicit FileExtractor(HostObserver* observer) : mObserver(observer) {}
+    FileExtractor(HostObserver* observer, MetadataPolicy policy,
+                  std::shared_ptr<SessionTimeline> session)
+        : mObserver(observer), mPolicy(policy), mSession(std::move(session)) {}
 
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
     size_t countTracks() override { return mInfo.tracks.size(); }
@@ -53,6 +55,8 @@ private:
     const TrackReader& current() const { return *mReaders.at(mCurrent); }
 
     HostObserver* const mObserver;  // may be null
+    const MetadataPolicy mPolicy;
+    const std::shared_ptr<SessionTimeline> mSession;  // may be null
     std::shared_ptr<const DescriptorFile> mFile;
     InputInfo mInfo;
     std::map<size_t, std::unique_ptr<TrackReader>> mReaders;  // by track
@@ -69,9 +73,13 @@ status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
     const DescriptorFile::Opened opened =
         DescriptorFile::openForReading(fd, offset, length, mObserver);
     if (opened.file == nullptr) return opened.status;
-    const status_t result = probeInput(opened.file, &mInfo);
-    if (result == OK) mFile = opened.file;
-    return result;
+    const status_t result = probeInput(
+        opened.file, &mInfo,
+        mPolicy == MetadataPolicy::kAll ? XmpLocations::kReport : XmpLocations::kLeaveOut);
+    if (result != OK) return result;
+    mFile = opened.file;
+    if (mSession != nullptr) mSession->metadata().set(mInfo.metadata);
+    return OK;
 }
 
 status_t FileExtractor::getTrackFormat(size_t index, sp<AMessage>* format) {
@@ -91,7 +99,11 @@ status_t FileExtractor::selectTrack(size_t index) {
     if (mReaders.count(index) != 0) return OK;
     if (mInfo.tracks[index].source == nullptr) return ERROR_UNSUPPORTED;
     TrackReader::Opened opened = TrackReader::open(mFile, mInfo.tracks[index]);
-    if (opened.reader != nullptr) mReaders[index] = std::move(opened.reader);
+    if (opened.reader == nullptr) return opened.status;
+    mReaders[index] = std::move(opened.reader);
+    if (mSession != nullptr) {
+        mSession->metadata().setLanguage(mInfo.tracks[index].isVideo, mInfo.tracks[index].language);
+    }
     return opened.status;
 }
 
@@ -207,8 +219,9 @@ void FileExtractor::announceCurrent() {
 
 }  // namespace
 
-sp<ExtractorBackend> createFileExtractor(HostObserver* observer) {
-    return new FileExtractor(observer);
+sp<ExtractorBackend> createFileExtractor(HostObserver* observer, MetadataPolicy policy,
+                                         const std::shared_ptr<SessionTimeline>& session) {
+    return new FileExtractor(observer, policy, session);
 }
 
 }  // namespace qmmediaeditor

@@ -12,6 +12,7 @@
 #include "host/codec/InputLimits.h"
 #include "host/codec/OutputSequencer.h"
 #include "host/extractor/Demuxer.h"
+#include "host/extractor/MetadataReader.h"
 #include "host/extractor/TrackFormat.h"
 #include "host/io/IsoBoxes.h"
 
@@ -181,9 +182,13 @@ sp<TrackSource> makeSource(const AVCodecParameters& parameters,
 }
 
 // Null when memory is short.
-sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData) {
+sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData,
+                            const RecordingMetadata& metadata) {
     sp<AMessage> format = new AMessage;
     format->setString("mime", mimeOfContainer(context));
+    const sp<MetadataMessage> message = new MetadataMessage;
+    message->content = metadata;
+    format->setObject(MetadataMessage::kKey, message);
     if (!uuidData.empty()) {
         const sp<ABuffer> copy = ABuffer::CreateAsCopy(uuidData.data(), uuidData.size());
         if (copy == nullptr) return nullptr;
@@ -227,6 +232,8 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     }
     track.format = makeTrackFormat(context, stream, properties);
     if (track.format == nullptr) return track;
+    track.language = readLanguage(stream);
+    if (!track.language.empty()) track.format->setString("language", track.language.c_str());
     if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
     return track;
 }
@@ -363,7 +370,8 @@ status_t refuse(const DescriptorFile& file, const std::string& reason) {
 
 }  // namespace
 
-status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info) {
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info,
+                    XmpLocations xmpLocations) {
     // Before the demuxer, which makes an index entry for each sample.
     if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
     if (file->status() != OK) return ERROR_IO;
@@ -372,7 +380,7 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
     Demuxer* const demuxer = opened.demuxer.get();
     TopLevelBoxes boxes;
     if (demuxer->isIsoFile()) {
-        boxes = readTopLevelBoxes(*file);
+        boxes = readTopLevelBoxes(*file, xmpLocations);
         if (file->status() != OK) return ERROR_IO;
         if (boxes.movieBytes == 0) return ERROR_UNSUPPORTED;
     }
@@ -393,7 +401,8 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
 
     InputInfo found;
     found.zeroIsFixed = demuxer->isIsoFile();
-    found.format = makeFileFormat(context, boxes.uuidData);
+    found.metadata = readMetadata(*file, demuxer, boxes);
+    found.format = makeFileFormat(context, boxes.uuidData, found.metadata);
     if (found.format == nullptr) return NO_MEMORY;
     const sp<OutputSequencer> sequencer = new OutputSequencer;
     std::shared_ptr<TimestampDiscontinuities> discontinuities;

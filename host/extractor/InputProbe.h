@@ -9,11 +9,14 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
+#include "host/codec/RecordingMetadata.h"
 #include "host/codec/TrackSource.h"
 #include "host/extractor/TimestampRepair.h"
 #include "host/io/DescriptorFile.h"
+#include "host/io/IsoBoxes.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -24,6 +27,8 @@ struct TrackInfo {
     sp<TrackSource> source;
     bool isVideo = false;
     int streamIndex = 0;
+    // As languageCode() returns it.
+    std::string language;
     // The stream whose index is used to find this track's samples.
     int seekStreamIndex = 0;
     // Timestamp at which the track begins in the file.
@@ -51,6 +56,7 @@ struct TrackInfo {
 
 struct InputInfo {
     sp<AMessage> format;
+    RecordingMetadata metadata;
     std::vector<TrackInfo> tracks;
     // Timestamp 0 is set by an edit list; earlier frames are not shown.
     bool zeroIsFixed = false;
@@ -58,7 +64,8 @@ struct InputInfo {
 
 // ERROR_UNSUPPORTED when this is not a container of audio or video, ERROR_IO when the file cannot
 // be read, NO_MEMORY when memory is short.
-status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info);
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo* info,
+                    XmpLocations xmpLocations = XmpLocations::kLeaveOut);
 
 }  // namespace qmmediaeditor
 }  // namespace android
