@@ -34,12 +34,13 @@ protected:
     }
 
     std::string fault() const {
-        return OutputVerifier(input, statistics, observer).verify(output).value_or("");
+        return OutputVerifier(input, statistics, observer, policy).verify(output).value_or("");
     }
 
     JobInput input;
     RunStatistics statistics;
     RunObserver observer;
+    MetadataPolicy policy = MetadataPolicy::kWithoutLocation;
     OutputContents output;
 };
 
