@@ -189,22 +189,20 @@ std::string quickTimeText(const UserDataBox& box) {
 }
 
 // A number of 16.16 bits with its sign, at least `digits` before the point, and as many behind it
-// as it takes to get the same bits again: four in most files, five hold any of them. It does not
-// depend on the locale.
-std::string decimal(int32_t fixed, int digits) {
+// as it takes to get the same bits again: at least `decimals`, and at most five. It does not depend
+// on the locale.
+std::string decimal(int32_t fixed, int digits, int decimals) {
     const int64_t size = llabs(int64_t{fixed});
-    int64_t scale = 10000;
-    int decimals = 4;
+    int64_t scale = 1;
+    for (int i = 0; i < decimals; ++i) scale *= 10;
     const auto scaled = [&] { return (size * scale + (1 << 15)) >> 16; };
     // Recorders round, or drop what is behind the last bit.
     const auto isExact = [&] {
         const int64_t bits = scaled() * 65536;
         return bits / scale == size || (bits + scale / 2) / scale == size;
     };
-    if (!isExact()) {
-        scale *= 10;
-        ++decimals;
-    }
+    constexpr int kMaxDecimals = 5;
+    for (; decimals < kMaxDecimals && !isExact(); ++decimals) scale *= 10;
     char text[32];
     snprintf(text, sizeof(text), "%c%0*lld.%0*lld", fixed < 0 ? '-' : '+', digits,
              static_cast<long long>(scaled() / scale), decimals,
@@ -218,6 +216,8 @@ std::string locationAt(const std::vector<uint8_t>& payload, size_t offset) {
     constexpr size_t kNumbersBytes = 12;
     constexpr int kLatitudeDigits = 2;
     constexpr int kLongitudeDigits = 3;
+    constexpr int kDegreeDecimals = 4;
+    constexpr int kMetreDecimals = 3;
     if (offset + 1 + kNumbersBytes > payload.size()) return "";
     const uint8_t* const numbers = payload.data() + offset + 1;
     const std::string rest(numbers + kNumbersBytes, payload.data() + payload.size());
@@ -226,8 +226,9 @@ std::string locationAt(const std::vector<uint8_t>& payload, size_t offset) {
     const auto number = [numbers](int index) {
         return static_cast<int32_t>(AV_RB32(numbers + 4 * index));
     };
-    std::string text = decimal(number(1), kLatitudeDigits) + decimal(number(0), kLongitudeDigits);
-    if (number(2) != 0) text += decimal(number(2), kLongitudeDigits);
+    std::string text = decimal(number(1), kLatitudeDigits, kDegreeDecimals) +
+                       decimal(number(0), kLongitudeDigits, kDegreeDecimals);
+    if (number(2) != 0) text += decimal(number(2), kLongitudeDigits, kMetreDecimals);
     return text + '/';
 }
 
