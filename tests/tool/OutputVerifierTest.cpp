@@ -81,5 +81,13 @@ TEST_F(OutputVerifierTest, otherUuidData_isAFault) {
     EXPECT_THAT(fault(), testing::HasSubstr("uuid"));
 }
 
+TEST_F(OutputVerifierTest, metadataThatTheInputDoesNotHave_isAFault) {
+    output.media.metadata.fields[MetadataField::kLocation] = "+48.8789+002.3376/";
+    EXPECT_EQ("its metadata differs from the input's in: location", fault());
+    output.media.metadata.fields.clear();
+    output.media.metadata.fields[MetadataField::kTitle] = "title";
+    EXPECT_EQ("its metadata differs from the input's in: title", fault());
+}
+
 }  // namespace
 }  // namespace android::qmmediaeditor::cli
