@@ -79,6 +79,14 @@ struct TrackChoice {
 // The distance of HostOptions::audioGains, in microseconds.
 constexpr int64_t kAudioGainStepUs = 10000;
 
+// What an output takes over from its input beside the media: creation time, date, title, maker,
+// model, software, location and the languages of the tracks.
+enum class MetadataPolicy {
+    kNone,
+    kWithoutLocation,
+    kAll,
+};
+
 // Choices of the host's user that the component does not know.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
@@ -112,6 +120,8 @@ struct HostOptions {
     std::vector<float> audioGains = {};
     // False: the audio goes to HostObserver::onAudio only, and the output has none.
     bool encodesAudio = true;
+    // Except with kAll, the extractor does not report uuid boxes whose XMP has a location either.
+    MetadataPolicy metadata = MetadataPolicy::kWithoutLocation;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

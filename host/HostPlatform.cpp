@@ -47,7 +47,8 @@ class HostPlatform : public Platform {
 public:
     HostPlatform(const HostOptions& options, const HostPlatform* predecessor)
         : mOptions(options),
-          mInputs(predecessor != nullptr && predecessor->mOptions.tracks == options.tracks
+          mInputs(predecessor != nullptr && predecessor->mOptions.tracks == options.tracks &&
+                          predecessor->mOptions.metadata == options.metadata
                       ? predecessor->mInputs
                       : std::make_shared<InputHandover>()) {
         av_log_set_callback(logFromFFmpeg);
@@ -70,7 +71,7 @@ public:
     }
 
     sp<ExtractorBackend> createExtractor() override {
-        return createFileExtractor(mOptions.observer, mOptions.tracks, mInputs);
+        return createFileExtractor(mOptions, session(), mInputs);
     }
     sp<MediaWriter> createWriter(int fd) override {
         tSession = std::make_shared<SessionTimeline>(mOptions);

@@ -6,7 +6,8 @@
 namespace android {
 namespace qmmediaeditor {
 
-SessionTimeline::SessionTimeline(const HostOptions& options) : mObserver(options.observer) {
+SessionTimeline::SessionTimeline(const HostOptions& options)
+    : mObserver(options.observer), mMetadata(options.metadata) {
     if (!options.cutTimesUs) return;
     const std::vector<int64_t>& cutsUs = *options.cutTimesUs;
     int64_t outputUs = 0;

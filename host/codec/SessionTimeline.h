@@ -13,6 +13,7 @@
 
 #include "host/Host.h"
 #include "host/codec/FrameRate.h"
+#include "host/codec/RecordingMetadata.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -22,6 +23,9 @@ public:
     explicit SessionTimeline(const HostOptions& options);
 
     HostObserver* observer() const { return mObserver; }
+
+    // Locked by itself.
+    SessionMetadata& metadata() { return mMetadata; }
 
     // For the video decoder: the input's frame rate, where it is constant.
     void setFrameRate(const FrameRate& rate);
@@ -69,6 +73,7 @@ private:
     enum class Encoder { kNone, kStarted, kEnded };
 
     HostObserver* const mObserver;
+    SessionMetadata mMetadata;
     mutable Mutex mLock;
     std::vector<Period> mPeriods GUARDED_BY(mLock);  // empty when they are not known
     bool mHasLoss GUARDED_BY(mLock) = false;

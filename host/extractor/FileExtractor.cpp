@@ -32,9 +32,9 @@ constexpr int64_t kUnknownUs = INT64_MIN;
 
 class FileExtractor final : public ExtractorBackend {
 public:
-    FileExtractor(HostObserver* observer, const TrackChoice& choice,
+    FileExtractor(const HostOptions& options, std::shared_ptr<SessionTimeline> session,
                   std::shared_ptr<InputHandover> handover)
-        : mObserver(observer), mChoice(choice), mHandover(std::move(handover)) {}
+        : mOptions(options), mSession(std::move(session)), mHandover(std::move(handover)) {}
 
     status_t setDataSource(int fd, int64_t offset, int64_t length) override;
     size_t countTracks() override { return mInfo.tracks.size(); }
@@ -59,9 +59,9 @@ private:
     void announceCurrent();
     const TrackReader& current() const { return *mReaders.at(mCurrent); }
 
-    HostObserver* const mObserver;  // may be null
-    const TrackChoice mChoice;
-    const std::shared_ptr<InputHandover> mHandover;  // may be null
+    const HostOptions mOptions;
+    const std::shared_ptr<SessionTimeline> mSession;  // may be null
+    const std::shared_ptr<InputHandover> mHandover;   // may be null
     InputHandover::File mIdentity;
     std::shared_ptr<const DescriptorFile> mFile;
     InputInfo mInfo;
@@ -84,21 +84,21 @@ FileExtractor::~FileExtractor() {
 status_t FileExtractor::setDataSource(int fd, int64_t offset, int64_t length) {
     if (mFile != nullptr) return INVALID_OPERATION;
     const DescriptorFile::Opened opened =
-        DescriptorFile::openForReading(fd, offset, length, mObserver);
+        DescriptorFile::openForReading(fd, offset, length, mOptions.observer);
     if (opened.file == nullptr) return opened.status;
     struct stat status {};
     if (fstat(fd, &status) != 0) return -errno;
     mIdentity = InputHandover::File(status, offset, length);
-    if (mHandover != nullptr) {
-        if (std::optional<InputInfo> known = mHandover->take(mIdentity)) {
-            mInfo = std::move(*known);
-            mFile = opened.file;
-            return OK;
-        }
+    std::optional<InputInfo> known =
+        mHandover == nullptr ? std::nullopt : mHandover->take(mIdentity);
+    if (known) {
+        mInfo = std::move(*known);
+    } else if (const status_t result = probeInput(opened.file, mOptions, &mInfo); result != OK) {
+        return result;
     }
-    const status_t result = probeInput(opened.file, mChoice, &mInfo);
-    if (result == OK) mFile = opened.file;
-    return result;
+    mFile = opened.file;
+    if (mSession != nullptr) mSession->metadata().set(mInfo.metadata);
+    return OK;
 }
 
 status_t FileExtractor::getTrackFormat(size_t index, sp<AMessage>* format) {
@@ -118,7 +118,11 @@ status_t FileExtractor::selectTrack(size_t index) {
     if (mReaders.count(index) != 0) return OK;
     if (mInfo.tracks[index].source == nullptr) return ERROR_UNSUPPORTED;
     TrackReader::Opened opened = TrackReader::open(mFile, mInfo.tracks[index]);
-    if (opened.reader != nullptr) mReaders[index] = std::move(opened.reader);
+    if (opened.reader == nullptr) return opened.status;
+    mReaders[index] = std::move(opened.reader);
+    if (mSession != nullptr) {
+        mSession->metadata().setLanguage(mInfo.tracks[index].isVideo, mInfo.tracks[index].language);
+    }
     return opened.status;
 }
 
@@ -234,9 +238,10 @@ void FileExtractor::announceCurrent() {
 
 }  // namespace
 
-sp<ExtractorBackend> createFileExtractor(HostObserver* observer, const TrackChoice& tracks,
-                                          std::shared_ptr<InputHandover> handover) {
-    return new FileExtractor(observer, tracks, std::move(handover));
+sp<ExtractorBackend> createFileExtractor(const HostOptions& options,
+                                         const std::shared_ptr<SessionTimeline>& session,
+                                         const std::shared_ptr<InputHandover>& handover) {
+    return new FileExtractor(options, session, handover);
 }
 
 }  // namespace qmmediaeditor

@@ -13,6 +13,7 @@
 #include "host/codec/InputLimits.h"
 #include "host/codec/OutputSequencer.h"
 #include "host/extractor/Demuxer.h"
+#include "host/extractor/MetadataReader.h"
 #include "host/extractor/TrackFormat.h"
 #include "host/io/IsoBoxes.h"
 
@@ -182,9 +183,13 @@ sp<TrackSource> makeSource(const AVCodecParameters& parameters,
 }
 
 // Null when memory is short.
-sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData) {
+sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<uint8_t>& uuidData,
+                            const RecordingMetadata& metadata) {
     sp<AMessage> format = new AMessage;
     format->setString("mime", mimeOfContainer(context));
+    const sp<MetadataMessage> message = new MetadataMessage;
+    message->content = metadata;
+    format->setObject(MetadataMessage::kKey, message);
     if (!uuidData.empty()) {
         const sp<ABuffer> copy = ABuffer::CreateAsCopy(uuidData.data(), uuidData.size());
         if (copy == nullptr) return nullptr;
@@ -228,6 +233,8 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
     }
     track.format = makeTrackFormat(context, stream, properties);
     if (track.format == nullptr) return track;
+    track.language = readLanguage(stream);
+    if (!track.language.empty()) track.format->setString("language", track.language.c_str());
     if (track.source != nullptr) track.format->setObject(TrackSource::kKey, track.source);
     return track;
 }
@@ -426,7 +433,7 @@ std::optional<InputInfo> InputHandover::take(const File& file) {
     return std::exchange(mInfo, std::nullopt);
 }
 
-status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const TrackChoice& choice,
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const HostOptions& options,
                     InputInfo* info) {
     // Before the demuxer, which makes an index entry for each sample.
     if (const auto reason = checkSampleTables(*file)) return refuse(*file, *reason);
@@ -436,7 +443,9 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Tra
     Demuxer* const demuxer = opened.demuxer.get();
     TopLevelBoxes boxes;
     if (demuxer->isIsoFile()) {
-        boxes = readTopLevelBoxes(*file);
+        boxes = readTopLevelBoxes(*file, options.metadata == MetadataPolicy::kAll
+                                             ? XmpLocations::kReport
+                                             : XmpLocations::kLeaveOut);
         if (file->status() != OK) return ERROR_IO;
         if (boxes.movieBytes == 0) return ERROR_UNSUPPORTED;
     }
@@ -457,7 +466,8 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Tra
 
     InputInfo found;
     found.zeroIsFixed = demuxer->isIsoFile();
-    found.format = makeFileFormat(context, boxes.uuidData);
+    found.metadata = readMetadata(*file, demuxer, boxes);
+    found.format = makeFileFormat(context, boxes.uuidData, found.metadata);
     if (found.format == nullptr) return NO_MEMORY;
     const sp<OutputSequencer> sequencer = new OutputSequencer;
     std::shared_ptr<TimestampDiscontinuities> discontinuities;
@@ -482,7 +492,7 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Tra
     }
     // The functions above ignore read errors.
     if (file->status() != OK) return ERROR_IO;
-    applyChoice(choice, context, &found.tracks);
+    applyChoice(options.tracks, context, &found.tracks);
     findDelays(found.tracks);
     *info = std::move(found);
     return OK;

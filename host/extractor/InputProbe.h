@@ -12,11 +12,14 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
+#include "host/codec/RecordingMetadata.h"
 #include "host/codec/TrackSource.h"
 #include "host/extractor/TimestampRepair.h"
 #include "host/io/DescriptorFile.h"
+#include "host/io/IsoBoxes.h"
 
 namespace android {
 namespace qmmediaeditor {
@@ -27,6 +30,8 @@ struct TrackInfo {
     sp<TrackSource> source;
     bool isVideo = false;
     int streamIndex = 0;
+    // As languageCode() returns it.
+    std::string language;
     // The stream whose index is used to find this track's samples.
     int seekStreamIndex = 0;
     // Timestamp at which the track begins in the file.
@@ -54,6 +59,7 @@ struct TrackInfo {
 
 struct InputInfo {
     sp<AMessage> format;
+    RecordingMetadata metadata;
     std::vector<TrackInfo> tracks;
     // Timestamp 0 is set by an edit list; earlier frames are not shown.
     bool zeroIsFixed = false;
@@ -92,7 +98,8 @@ private:
 
 // ERROR_UNSUPPORTED when this is not a container of audio or video, ERROR_IO when the file cannot
 // be read, NO_MEMORY when memory is short.
-status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const TrackChoice& choice,
+// The choice of tracks and the metadata policy of `options` count.
+status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const HostOptions& options,
                     InputInfo* info);
 
 }  // namespace qmmediaeditor

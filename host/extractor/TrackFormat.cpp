@@ -227,10 +227,6 @@ sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream,
     sp<AMessage> format = new AMessage;
     format->setString("mime", mimeOfStream(stream));
     format->setInt64("durationUs", properties.durationUs);
-    const AVDictionaryEntry* language = av_dict_get(stream.metadata, "language", nullptr, 0);
-    if (language != nullptr && strcmp(language->value, "und") != 0) {
-        format->setString("language", language->value);
-    }
     if (!isDecodable(stream)) return format;
 
     format->setInt32("max-input-size", properties.maxSampleBytes);

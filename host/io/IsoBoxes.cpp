@@ -1,7 +1,10 @@
 #include "host/io/IsoBoxes.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <initializer_list>
+#include <iterator>
 
 namespace android {
 namespace qmmediaeditor {
@@ -288,6 +291,52 @@ constexpr int kMaxBoxes = 100000;
 
 constexpr uint32_t kUuid = fourCc('u', 'u', 'i', 'd');
 constexpr uint32_t kMovie = fourCc('m', 'o', 'o', 'v');
+constexpr uint32_t kUserData = fourCc('u', 'd', 't', 'a');
+constexpr int64_t kMaxUserDataBytes = 4096;
+
+// The type of uuid boxes that hold XMP (ISO 16684-3).
+constexpr uint8_t kXmpType[kUuidTypeBytes] = {0xbe, 0x7a, 0xcf, 0xcb, 0x97, 0xa9, 0x42, 0xe8,
+                                              0x9c, 0x71, 0x99, 0x94, 0x91, 0xe3, 0xaf, 0xac};
+
+bool hasName(const std::string& text, const char* name, const char* precedingCharacters) {
+    for (size_t at = 0; (at = text.find(name, at)) != std::string::npos; ++at) {
+        if (at > 0 && strchr(precedingCharacters, text[at - 1]) != nullptr) return true;
+    }
+    return false;
+}
+
+// A file may bind the namespace of EXIF to any prefix, or to none, so that in a box for XMP the
+// local name decides as well. Boxes of other types may be binary.
+bool hasXmpLocation(const std::vector<uint8_t>& content) {
+    constexpr size_t kStepBytes = 64 * 1024;
+    constexpr size_t kOverlapBytes = 32;
+    const bool isXmp = memcmp(content.data(), kXmpType, kUuidTypeBytes) == 0;
+    std::string text;
+    for (size_t at = kUuidTypeBytes; at < content.size(); at += kStepBytes) {
+        text.erase(0, text.size() - std::min(text.size(), kOverlapBytes));
+        const auto begin = content.begin() + static_cast<ptrdiff_t>(at);
+        const auto size = std::min(kStepBytes, content.size() - at);
+        // Without zeros, UTF-16 and UTF-32 look like UTF-8 here.
+        std::copy_if(begin, begin + static_cast<ptrdiff_t>(size), std::back_inserter(text),
+                     [](uint8_t byte) { return byte != 0; });
+        if (text.find("exif:GPS") != std::string::npos) return true;
+        if (!isXmp) continue;
+        for (const char* name : {"GPSLatitude", "GPSLongitude", "GPSDestL"}) {
+            if (hasName(text, name, ":< \t\r\n")) return true;
+        }
+    }
+    return false;
+}
+
+std::string hexOf(const uint8_t* data, size_t size) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        text += kDigits[data[i] >> 4];
+        text += kDigits[data[i] & 15];
+    }
+    return text;
+}
 
 void put32(uint32_t value, std::vector<uint8_t>* out) {
     for (int shift = 24; shift >= 0; shift -= 8) {
@@ -347,7 +396,7 @@ std::vector<IsoTrackLength> readTrackLengths(const DescriptorFile& file, int64_t
     return lengths;
 }
 
-TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file) {
+TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file, XmpLocations locations) {
     TopLevelBoxes result;
     std::vector<std::vector<uint8_t>> contents;
     size_t totalBytes = 0;
@@ -365,6 +414,10 @@ TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file) {
             continue;
         std::vector<uint8_t> content(static_cast<size_t>(size));
         if (!file.readFully(box->payloadOffset, content.data(), content.size())) break;
+        if (locations == XmpLocations::kLeaveOut && hasXmpLocation(content)) {
+            result.locatedTypes.push_back(hexOf(content.data(), kUuidTypeBytes));
+            continue;
+        }
         totalBytes += content.size();
         contents.push_back(std::move(content));
     }
@@ -423,6 +476,42 @@ std::vector<uint8_t> makeUuidBoxes(const uint8_t* data, size_t size) {
         appendBox(data, size, &boxes);
     }
     return boxes;
+}
+
+std::vector<UserDataBox> readUserData(const DescriptorFile& file, int64_t movieOffset) {
+    std::vector<UserDataBox> boxes;
+    const std::optional<IsoBox> movie = readBox(file, movieOffset, file.sizeBytes());
+    const std::optional<IsoBox> data = movie ? findChild(file, *movie, kUserData) : std::nullopt;
+    if (!data) return boxes;
+    int64_t offset = data->payloadOffset;
+    for (int i = 0; i < kMaxChildren; ++i) {
+        const std::optional<IsoBox> box = readBox(file, offset, data->endOffset);
+        if (!box) break;
+        offset = box->endOffset;
+        const int64_t size = box->endOffset - box->payloadOffset;
+        if (size > kMaxUserDataBytes) continue;
+        UserDataBox entry = {box->type, std::vector<uint8_t>(static_cast<size_t>(size))};
+        if (!file.readFully(box->payloadOffset, entry.payload.data(), entry.payload.size())) break;
+        boxes.push_back(std::move(entry));
+    }
+    return boxes;
+}
+
+status_t replaceUserData(DescriptorFile* file, const std::vector<uint8_t>& boxes) {
+    const int64_t movieOffset = readTopLevelBoxes(*file).movieOffset;
+    const std::optional<IsoBox> movie = readBox(*file, movieOffset, file->sizeBytes());
+    const std::optional<IsoBox> place =
+        movie && movie->type == kMovie ? findChild(*file, *movie, kUserData) : std::nullopt;
+    if (!place || place->endOffset != movie->endOffset) return BAD_VALUE;
+    const int64_t rest = place->endOffset - place->offset - static_cast<int64_t>(boxes.size());
+    if (rest < 0 || (rest > 0 && rest < kHeaderBytes)) return BAD_VALUE;
+    std::vector<uint8_t> content = boxes;
+    if (rest > 0) {
+        put32(static_cast<uint32_t>(rest), &content);
+        put32(fourCc('f', 'r', 'e', 'e'), &content);
+        content.resize(boxes.size() + static_cast<size_t>(rest), 0);
+    }
+    return file->writeAt(place->offset, content.data(), content.size());
 }
 
 }  // namespace qmmediaeditor

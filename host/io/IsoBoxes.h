@@ -1,5 +1,5 @@
 // The boxes of ISO base media files (ISO/IEC 14496-12) that are read or written beside libavformat:
-// the lengths of tracks, the sizes of sample tables, and the uuid boxes. Any thread.
+// the lengths of tracks, the sizes of sample tables, user data, and the uuid boxes. Any thread.
 #pragma once
 
 #include <stddef.h>
@@ -52,15 +52,35 @@ struct TopLevelBoxes {
     int64_t movieBytes = 0;
     // As described above; empty when there is no uuid box.
     std::vector<uint8_t> uuidData;
+    // The types, in hexadecimal digits, of the boxes that were left out for their location.
+    std::vector<std::string> locatedTypes;
 };
+
+// What to do with uuid boxes whose XMP says where the recording was made ("exif:GPSLatitude").
+enum class XmpLocations { kReport, kLeaveOut };
 
 // Goes from box to box by their sizes and reads only the uuid boxes. Ends at the first box that
 // does not fit the file, and leaves out uuid boxes beyond 64 MiB in total.
-TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file);
+TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file,
+                                XmpLocations locations = XmpLocations::kReport);
 
 // The box or boxes that `size` bytes of uuid data stand for, as they go into a file. Empty when
 // they are less than a type.
 std::vector<uint8_t> makeUuidBoxes(const uint8_t* data, size_t size);
+
+// A box of the movie's user data ('udta', 8.10.1).
+struct UserDataBox {
+    uint32_t type;
+    std::vector<uint8_t> payload;
+};
+
+// Those with a payload of at most 4 KiB, in the order of the file.
+std::vector<UserDataBox> readUserData(const DescriptorFile& file, int64_t movieOffset);
+
+// Replaces the movie's user data by `boxes` and fills the rest of its place with a free box. The
+// user data must be the movie's last box, and have room for `boxes` and 8 bytes, or for exactly
+// `boxes`; otherwise BAD_VALUE. The file is open for writing and readable.
+status_t replaceUserData(DescriptorFile* file, const std::vector<uint8_t>& boxes);
 
 }  // namespace qmmediaeditor
 }  // namespace android

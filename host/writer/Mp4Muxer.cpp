@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "host/io/IsoBoxes.h"
+#include "host/writer/MetadataBoxes.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -159,7 +161,8 @@ bool Mp4Muxer::needs3gp() const {
 
 status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
     Mutex::Autolock lock(mLock);
-    const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
+    const bool is3gp = fileType == k3gpFileType || needs3gp();
+    const char* name = is3gp ? "3gp" : "mp4";
     AVFormatContext* context = nullptr;
     if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
     mContext.reset(context);
@@ -179,6 +182,7 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
         const status_t result = addStream(&track, rotationDegrees, videoTicks);
         if (result != OK) return result;
     }
+    if (const status_t result = addMetadata(is3gp); result != OK) return result;
     AVDictionary* options = nullptr;
     const bool isFirst = movieBoxFirst && mOutput->makeReadable();
     if (av_dict_set_int(&options, "video_track_timescale", videoTicks, 0) < 0 ||
@@ -210,6 +214,35 @@ status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees, int videoTic
     stream->sample_aspect_ratio = stream->codecpar->sample_aspect_ratio;
     if (rotationDegrees % 360 != 0 && !setRotation(stream, rotationDegrees)) return NO_MEMORY;
     return OK;
+}
+
+// libavformat writes creation time and languages, but neither keys nor QuickTime's texts into MP4
+// files. It gets a text of that size instead, which makes room for their boxes in the movie box,
+// wherever that one is. The boxes are put there when the file is finished.
+status_t Mp4Muxer::addMetadata(bool is3gp) {
+    if (mSession == nullptr) return OK;
+    const RecordingMetadata metadata = mSession->metadata().selected();
+    const auto set = [](AVDictionary** tags, const char* name, const std::string& value) {
+        return value.empty() || av_dict_set(tags, name, value.c_str(), 0) >= 0;
+    };
+    for (const Track& track : mTracks) {
+        const std::string language = mSession->metadata().language(isVideo(*track.parameters));
+        if (!set(&track.stream->metadata, "language", language)) return NO_MEMORY;
+    }
+    const auto time = metadata.fields.find(MetadataField::kCreationTime);
+    if (time != metadata.fields.end() && !set(&mContext->metadata, "creation_time", time->second)) {
+        return NO_MEMORY;
+    }
+    // The boxes are found by reading the file again.
+    if (!mOutput->makeReadable()) return OK;
+    mMetadataBoxes = makeMetadataBoxes(metadata, is3gp, kEncoderName);
+    const std::string room(mMetadataBoxes.size(), '.');
+    return set(&mContext->metadata, "comment", room) ? OK : NO_MEMORY;
+}
+
+status_t Mp4Muxer::completeMetadata() {
+    if (mMetadataBoxes.empty()) return OK;
+    return replaceUserData(mOutput.get(), mMetadataBoxes);
 }
 
 void Mp4Muxer::startTimestamps(Track* track) {
@@ -319,6 +352,7 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
         cutStoppedTracks();
         writeSettled();
     }
+    const bool hasHeader = mHasHeader;
     if (mHasHeader) {
         keep(av_write_trailer(mContext.get()));
         mHasHeader = false;
@@ -329,6 +363,7 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
     }
     avio_flush(mIo->context());
     if (mError == OK) keep(completeEntries());
+    if (mError == OK && hasHeader) keep(completeMetadata());
     keep(mOutput->finish());
     // The session has no other way to hear of a decoder that failed after it took its last input.
     if (mError == OK && mSession != nullptr && mSession->hasLoss()) return ERROR_MALFORMED;

@@ -68,6 +68,7 @@ private:
 
     bool needs3gp() const REQUIRES(mLock);
     status_t addStream(Track* track, int32_t rotationDegrees, int videoTicks) REQUIRES(mLock);
+    status_t addMetadata(bool is3gp) REQUIRES(mLock);
     void startTimestamps(Track* track);
     HostObserver* observer() const { return mSession == nullptr ? nullptr : mSession->observer(); }
     bool hasAllSamples(const Track& track) const;
@@ -76,6 +77,7 @@ private:
     status_t writeSettled() REQUIRES(mLock);
     // Writes what libavformat leaves out of the sample entries of 3GP files.
     status_t completeEntries() REQUIRES(mLock);
+    status_t completeMetadata() REQUIRES(mLock);
     status_t keep(int result) REQUIRES(mLock);
 
     // libavformat's callbacks, during the calls to it.
@@ -91,6 +93,8 @@ private:
     std::vector<Track> mTracks GUARDED_BY(mLock);
     OutputFormatPtr mContext GUARDED_BY(mLock);
     std::unique_ptr<PacketInterleaver> mInterleaver GUARDED_BY(mLock);
+    // Written when the file is finished, into the place of a text that is as long.
+    std::vector<uint8_t> mMetadataBoxes GUARDED_BY(mLock);
     bool mHasHeader GUARDED_BY(mLock) = false;
     status_t mError GUARDED_BY(mLock) = OK;
 };

@@ -208,7 +208,7 @@ TEST(ExtractorTest, anUnreadFileIsProbedOnceForTwoExtractors) {
     sp<ExtractorBackend> extractor;
     const auto openNext = [&] {
         extractor.clear();
-        extractor = createFileExtractor(nullptr, {}, handover);
+        extractor = createFileExtractor({}, nullptr, handover);
         const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         EXPECT_EQ(OK, extractor->setDataSource(fd, 0, 1 << 30));
         close(fd);

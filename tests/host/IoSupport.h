@@ -43,6 +43,23 @@ inline int memoryFile(const std::string& content) {
     return fd;
 }
 
+// A big-endian number, and boxes of an ISO file.
+inline std::string number(uint64_t value, int bytes = 4) {
+    std::string result;
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) {
+        result.push_back(static_cast<char>(value >> shift));
+    }
+    return result;
+}
+
+inline std::string boxOfSize(uint64_t size, const std::string& type, const std::string& content) {
+    return number(size) + type + content;
+}
+
+inline std::string box(const std::string& type, const std::string& content) {
+    return boxOfSize(content.size() + 8, type, content);
+}
+
 // A clip of that name, made once in a run by ffmpeg with these arguments in front of the name.
 inline std::string makeClip(const std::string& name, const std::string& arguments) {
     const std::string path = scratchPath(name);

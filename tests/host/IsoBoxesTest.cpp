@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "IoSupport.h"
 #include "host/io/IsoBoxes.h"
@@ -12,22 +14,6 @@ namespace {
 
 constexpr uint32_t kMany = 85000000;
 const std::string kType = "0123456789abcdef";
-
-std::string number(uint64_t value, int bytes = 4) {
-    std::string result;
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) {
-        result.push_back(static_cast<char>(value >> shift));
-    }
-    return result;
-}
-
-std::string boxOfSize(uint64_t size, const std::string& type, const std::string& content) {
-    return number(size) + type + content;
-}
-
-std::string box(const std::string& type, const std::string& content) {
-    return boxOfSize(content.size() + 8, type, content);
-}
 
 std::string largeBox(const std::string& type, const std::string& content) {
     return boxOfSize(1, type, number(content.size() + 16, 8) + content);
@@ -127,6 +113,90 @@ TEST(UuidBoxTest, boxesAreCopiedAndOneBoxIsPassedOnAsTypeAndPayload) {
     EXPECT_EQ(uuid, copied(start + largeBox("uuid", kType + "payload")));
     EXPECT_EQ(uuid, copied(start + boxOfSize(0, "uuid", kType + "payload")));
     EXPECT_EQ("", copied(box("uuid", "too short") + start));
+}
+
+const std::string kXmpType = "\xbe\x7a\xcf\xcb\x97\xa9\x42\xe8\x9c\x71\x99\x94\x91\xe3\xaf\xac";
+
+std::string utf16(const std::string& text) {
+    std::string wide;
+    for (const char c : text) wide += std::string(1, '\0') + c;
+    return wide;
+}
+
+// Of the file with this uuid box and another one, with XMP that has a location left out.
+TopLevelBoxes withoutLocations(const std::string& content) {
+    return readTopLevelBoxes(*opened(box("uuid", content) + box("uuid", kType + "other")),
+                             XmpLocations::kLeaveOut);
+}
+
+TEST(UuidBoxTest, xmpWithALocationIsLeftOutWhereThatIsAskedFor) {
+    const std::string filler(64 * 1024 - 4, ' ');
+    for (const std::string& content :
+         {kXmpType + "<x exif:GPSAltitude='1'/>", kType + "<x exif:GPSLatitude='1'/>",
+          kXmpType + utf16("<x exif:GPSLatitude='1'/>"), kXmpType + "<e:GPSLongitude>",
+          kXmpType + "<GPSLatitude>", kXmpType + "<x\nGPSDestLatitude='1'/>",
+          kXmpType + filler + "exif:GPSLatitude"}) {
+        const TopLevelBoxes boxes = withoutLocations(content);
+        EXPECT_EQ(1u, boxes.locatedTypes.size()) << content;
+        EXPECT_EQ(kType + "other", textOf(boxes.uuidData)) << content;
+        const std::string both = box("uuid", content) + box("uuid", kType + "other");
+        EXPECT_EQ(both, copied(both));
+    }
+    EXPECT_EQ("be7acfcb97a942e89c71999491e3afac",
+              withoutLocations(kXmpType + "exif:GPSx").locatedTypes.front());
+    for (const std::string& content :
+         {kXmpType + "<x>the GPS</x>", kXmpType + "<x exif:Flash='1'/>", kXmpType,
+          kType + "<GPSLatitude>"}) {
+        EXPECT_TRUE(withoutLocations(content).locatedTypes.empty()) << content;
+    }
+}
+
+TEST(UserDataTest, theBoxesOfTheMovieAreReadUnlessTheyAreLarge) {
+    const std::string file =
+        box("ftyp", "isom") +
+        box("moov", box("mvhd", "") +
+                        box("udta", box("titl", "a title") + box("thmb", std::string(5000, 'x')) +
+                                        box("none", "") + boxOfSize(99, "lie!", "")));
+    const std::vector<UserDataBox> boxes = readUserData(*opened(file), 12);
+    ASSERT_EQ(2u, boxes.size());
+    EXPECT_EQ("a title", textOf(boxes[0].payload));
+    EXPECT_EQ(0u, boxes[1].payload.size());
+    EXPECT_TRUE(readUserData(*opened(box("moov", "")), 0).empty());
+}
+
+// What replaceUserData() makes of a file.
+std::pair<status_t, std::string> replaced(const std::string& file, const std::string& boxes) {
+    const int fd = memoryFile(file);
+    const auto output = DescriptorFile::openForWriting(fd).file;
+    EXPECT_TRUE(output->makeReadable());
+    output->writeAt(0, file.data(), file.size());
+    const status_t status =
+        replaceUserData(output.get(), std::vector<uint8_t>(boxes.begin(), boxes.end()));
+    std::string content(file.size(), 0);
+    EXPECT_EQ(static_cast<ssize_t>(file.size()), pread(fd, content.data(), content.size(), 0));
+    close(fd);
+    return {status, content};
+}
+
+TEST(UserDataTest, theRestOfTheReplacedBoxIsFree) {
+    const auto inMovie = [](const std::string& boxes) {
+        return box("moov", box("mvhd", "x") + boxes) + box("uuid", kType);
+    };
+    const std::string place = box("udta", std::string(22, '.'));
+    const std::string smaller = box("udta", "ab") + box("meta", "");
+    const std::string filled = inMovie(smaller + box("free", std::string(4, 0)));
+    EXPECT_EQ(std::make_pair(status_t{OK}, filled), replaced(inMovie(place), smaller));
+    const std::string same = box("udta", std::string(22, 's'));
+    EXPECT_EQ(std::make_pair(status_t{OK}, inMovie(same)), replaced(inMovie(place), same));
+
+    for (const std::string& boxes :
+         {box("udta", std::string(23, 'x')), box("udta", std::string(15, 'x'))}) {
+        EXPECT_EQ(std::make_pair(status_t{BAD_VALUE}, inMovie(place)),
+                  replaced(inMovie(place), boxes));
+    }
+    const std::string notLast = inMovie(place + box("trak", ""));
+    EXPECT_EQ(std::make_pair(status_t{BAD_VALUE}, notLast), replaced(notLast, smaller));
+    EXPECT_EQ(BAD_VALUE, replaced(box("mdat", place), smaller).first);
 }
 
 TEST(UuidBoxTest, wrongSizesEndTheWalk) {

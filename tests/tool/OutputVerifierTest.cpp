@@ -34,12 +34,13 @@ protected:
     }
 
     std::string fault() const {
-        return OutputVerifier(input, statistics, observer).verify(output).value_or("");
+        return OutputVerifier(input, statistics, observer, policy).verify(output).value_or("");
     }
 
     JobInput input;
     RunStatistics statistics;
     RunObserver observer;
+    MetadataPolicy policy = MetadataPolicy::kWithoutLocation;
     OutputContents output;
 };
 
@@ -78,6 +79,14 @@ TEST_F(OutputVerifierTest, missingAudio_isMeasured) {
 TEST_F(OutputVerifierTest, otherUuidData_isAFault) {
     output.media.uuidData = "other";
     EXPECT_THAT(fault(), testing::HasSubstr("uuid"));
+}
+
+TEST_F(OutputVerifierTest, metadataThatTheInputDoesNotHave_isAFault) {
+    output.media.metadata.fields[MetadataField::kLocation] = "+48.8789+002.3376/";
+    EXPECT_EQ("its metadata differs from the input's in: location", fault());
+    output.media.metadata.fields.clear();
+    output.media.metadata.fields[MetadataField::kTitle] = "title";
+    EXPECT_EQ("its metadata differs from the input's in: title", fault());
 }
 
 }  // namespace

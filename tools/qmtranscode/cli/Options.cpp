@@ -331,12 +331,18 @@ void CommandLine::define() {
              "otherwise mp4.",
              wordsOf(fileFormats()));
     app.add_flag("--faststart", o.fastStart);
-    describe("--faststart", "", "write the index first, for players that read from the start");
+    describe("--faststart", "", "write the index first, for playback while it loads");
+    CLI::Option* const keepLocation = app.add_flag("--keep-location", o.keepLocation);
+    describe("--keep-location", "", "also keep the place of the recording",
+             "Without this option, uuid boxes whose XMP has a GPS position are dropped as well.");
+    app.add_flag("--no-metadata", o.noMetadata)->excludes(keepLocation);
+    describe("--no-metadata", "", "drop date, title, language, maker, model and software",
+             "Without this option, they are those of the input.");
     app.add_option("--preset", o.preset)->check(oneOf(kPresets));
-    describe("--preset", "NAME",
-             fmt::format("AVC encoder speed, {} to {}; default {}", kPresets.front(),
-                         kPresets.back(), o.preset),
-             "The values are " + listText(kPresets) + ".", kPresets);
+    describe(
+        "--preset", "NAME",
+        fmt::format("AVC speed, {} to {}; default {}", kPresets.front(), kPresets.back(), o.preset),
+        "The values are " + listText(kPresets) + ".", kPresets);
     app.add_option("--threads", o.threads)->transform(integer(1, kMaxThreads));
     describe("--threads", "N",
              fmt::format("threads per video codec, 1 to {}; default: one per available CPU, at "
@@ -552,6 +558,11 @@ std::optional<Failure> CommandLine::checkFormat() const {
 bool Options::specifiesOutputFormat() const {
     return size || fit || frameRate || videoBitrate || videoCodec || audioBitrate || audioRate ||
            audioChannels || audioCodec || format;
+}
+
+MetadataPolicy Options::metadataPolicy() const {
+    if (noMetadata) return MetadataPolicy::kNone;
+    return keepLocation ? MetadataPolicy::kAll : MetadataPolicy::kWithoutLocation;
 }
 
 std::vector<int64_t> Options::cutTimesUs() const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <TranscodeTypes.h>
+#include <host/Host.h>
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/cli/OutputCodecs.h>
 #include <stdint.h>
@@ -48,6 +49,9 @@ struct Options {
     std::optional<FileFormat> format;
 
     bool fastStart = false;
+    // Metadata of the recording: its location is dropped unless asked for.
+    bool keepLocation = false;
+    bool noMetadata = false;
     std::string preset = "veryfast";
     // Of each video codec; by default, as many as there are available CPUs.
     std::optional<int32_t> threads;
@@ -68,6 +72,7 @@ struct Options {
 
     // Whether any property of the output's tracks or its container was asked for.
     bool specifiesOutputFormat() const;
+    MetadataPolicy metadataPolicy() const;
     // Start and end of each period, in microseconds, rising.
     std::vector<int64_t> cutTimesUs() const;
 };

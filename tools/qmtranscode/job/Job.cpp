@@ -184,7 +184,7 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
 Outcome Job::concludeComplete(Progress* progress) {
     Receipt receipt = makeReceipt();
     if (!receipt.contents) return {noSamples()};
-    const OutputVerifier verifier(mInput, mStatistics, *mObserver);
+    const OutputVerifier verifier(mInput, mStatistics, *mObserver, mHost.metadata);
     if (auto reason = verifier.verify(*receipt.contents)) {
         return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
     }
@@ -270,6 +270,10 @@ Receipt Job::makeReceipt() const {
     receipt.threads = mHost.threads;
     receipt.wallSeconds = mWallSeconds;
     receipt.contents = readOutput(mOutput.fd());
+    if (receipt.contents) {
+        receipt.metadata =
+            describeMetadata(mInput.media(), mHost.metadata, receipt.contents->media);
+    }
     return receipt;
 }
 

@@ -14,6 +14,11 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
+std::string readLanguage(const sp<AMessage>& format) {
+    AString language;
+    return format->findString("language", &language) ? language.c_str() : "";
+}
+
 AudioTrack readAudioTrack(const sp<AMessage>& format, size_t index, const AString& mime) {
     AudioTrack track;
     track.index = index;
@@ -22,6 +27,7 @@ AudioTrack readAudioTrack(const sp<AMessage>& format, size_t index, const AStrin
     format->findInt32("sample-rate", &track.sampleRate);
     format->findInt32("channel-count", &track.channels);
     format->findInt32("bitrate", &track.bitrate);
+    track.language = readLanguage(format);
     return track;
 }
 
@@ -43,6 +49,7 @@ VideoTrack readVideoTrack(const sp<AMessage>& format, size_t index, const AStrin
     format->findInt32("rotation-degrees", &track.rotation);
     format->findInt32("frame-rate", &track.frameRate);
     format->findInt32("bitrate", &track.bitrate);
+    track.language = readLanguage(format);
     return track;
 }
 
@@ -54,6 +61,16 @@ AnyTrack describeTrack(const sp<AMessage>& format, const AString& mime) {
     track.mime = track.isLeftOut ? own.c_str() : mime.c_str();
     if (format->findString("language", &language)) track.language = language.c_str();
     return track;
+}
+
+RecordingMetadata readMetadata(const sp<QmMediaExtractorWrapper>& extractor) {
+    sp<AMessage> format;
+    sp<RefBase> found;
+    if (extractor->getFileFormat(&format) != OK ||
+        !format->findObject(MetadataMessage::kKey, &found)) {
+        return {};
+    }
+    return static_cast<MetadataMessage*>(found.get())->content;
 }
 
 std::string readUuidData(const sp<QmMediaExtractorWrapper>& extractor) {
@@ -110,6 +127,7 @@ MediaFileResult readMediaFile(int fd) {
     MediaFile file;
     file.sizeBytes = opened.sizeBytes;
     file.uuidData = readUuidData(opened.extractor);
+    file.metadata = readMetadata(opened.extractor);
     for (size_t i = 0; i < opened.extractor->countTracks(); ++i) {
         sp<AMessage> format;
         AString mime;

@@ -3,6 +3,7 @@
 
 #include <TranscodeTypes.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
+#include <host/codec/RecordingMetadata.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <utils/Errors.h>
@@ -20,7 +21,8 @@ struct AudioTrack {
     int64_t durationUs = 0;
     int32_t sampleRate = 0;  // Hz
     int32_t channels = 0;
-    int32_t bitrate = 0;  // bits per second
+    int32_t bitrate = 0;   // bits per second
+    std::string language;  // ISO 639-2/T; empty if unknown
 };
 
 struct VideoTrack {
@@ -32,6 +34,7 @@ struct VideoTrack {
     int32_t rotation = 0;   // degrees clockwise
     int32_t frameRate = 0;  // frames per second
     int32_t bitrate = 0;    // bits per second
+    std::string language;   // ISO 639-2/T; empty if unknown
 };
 
 struct AnyTrack {
@@ -49,6 +52,7 @@ struct MediaFile {
     std::vector<AnyTrack> tracks;
     // The payload of its uuid boxes.
     std::string uuidData;
+    RecordingMetadata metadata;
 
     // Of the longer track.
     int64_t durationUs() const;

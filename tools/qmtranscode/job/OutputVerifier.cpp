@@ -42,7 +42,7 @@ std::optional<std::string> OutputVerifier::verify(const OutputContents& output) 
     if (mInput.media().uuidData != output.media.uuidData) {
         return "the uuid data differs from the input's";
     }
-    return std::nullopt;
+    return verifyMetadata(output.media);
 }
 
 std::optional<std::string> OutputVerifier::verifyVideo(const OutputContents& output) const {
@@ -85,6 +85,31 @@ std::optional<std::string> OutputVerifier::verifyAudio(const OutputContents& out
     if (std::llabs(writtenUs - encodedUs) <= 3 * frameUs) return std::nullopt;
     return fmt::format("the audio lasts {} instead of {}", secondsText(writtenUs),
                        secondsText(encodedUs));
+}
+
+// Also finds what must not be there, the location above all.
+std::optional<std::string> OutputVerifier::verifyMetadata(const MediaFile& output) const {
+    const auto expected = selectMetadata(mInput.media().metadata, mPolicy).fields;
+    if (output.metadata.fields != expected) {
+        const auto& longer =
+            output.metadata.fields.size() > expected.size() ? output.metadata.fields : expected;
+        const auto& other = &longer == &expected ? output.metadata.fields : expected;
+        const auto differing = std::find_if(longer.begin(), longer.end(), [&](const auto& each) {
+            const auto found = other.find(each.first);
+            return found == other.end() || found->second != each.second;
+        });
+        return fmt::format("its metadata differs from the input's in: {}",
+                           nameOf(differing->first));
+    }
+    const MediaFile& input = mInput.media();
+    const bool keepsLanguages = mPolicy != MetadataPolicy::kNone;
+    const auto hasLanguageOf = [keepsLanguages](const auto& written, const auto& read) {
+        return !written || !read || written->language == (keepsLanguages ? read->language : "");
+    };
+    if (hasLanguageOf(output.video, input.video) && hasLanguageOf(output.audio, input.audio)) {
+        return std::nullopt;
+    }
+    return "the language of a track differs from the input's";
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -25,13 +25,13 @@ struct OutputContents {
 std::optional<OutputContents> readOutput(int fd);
 
 // Compares the output with what the session took from the input: the timestamp of every frame, the
-// length of the last frame, the length of the audio, and the uuid data.
+// length of the last frame, the length of the audio, the uuid data and the metadata.
 class OutputVerifier {
 public:
     // All outlive the object.
     OutputVerifier(const JobInput& input, const RunStatistics& statistics,
-                   const RunObserver& observer)
-        : mInput(input), mStatistics(statistics), mObserver(observer) {}
+                   const RunObserver& observer, MetadataPolicy policy)
+        : mInput(input), mStatistics(statistics), mObserver(observer), mPolicy(policy) {}
 
     // The fault of the output; nothing if it is complete.
     std::optional<std::string> verify(const OutputContents& output) const;
@@ -39,10 +39,12 @@ public:
 private:
     std::optional<std::string> verifyVideo(const OutputContents& output) const;
     std::optional<std::string> verifyAudio(const OutputContents& output) const;
+    std::optional<std::string> verifyMetadata(const MediaFile& output) const;
 
     const JobInput& mInput;
     const RunStatistics& mStatistics;
     const RunObserver& mObserver;
+    const MetadataPolicy mPolicy;
 };
 
 }  // namespace android::qmmediaeditor::cli

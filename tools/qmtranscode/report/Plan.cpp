@@ -2,6 +2,7 @@
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/report/Format.h>
+#include <qmtranscode/report/MetadataReport.h>
 #include <qmtranscode/report/Plan.h>
 #include <string.h>
 #include <strings.h>
@@ -190,6 +191,7 @@ std::string planJson(const Options& options, const JobInput& input,
                    {"tracks", tracksOf(options, media)}}},
                  {"output", std::move(output)},
                  {"periods", periodsOf(options, input, periods)},
+                 {"metadata", toJson(describeMetadata(media, options.metadataPolicy()))},
                  {"uuid_data", nullptr},
                  {"estimate", estimateOf(lengthUs, run)}};
     if (!media.uuidData.empty()) {

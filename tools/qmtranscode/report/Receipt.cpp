@@ -195,6 +195,21 @@ std::string audioRows(const AudioTrack& audio, const Receipt& receipt) {
                 : "");
 }
 
+std::string metadataRows(const MetadataReport& metadata) {
+    std::string rows;
+    const char* name = "metadata";
+    for (const auto& [field, value] : metadata.kept) {
+        rows += row(name, "{} {}", field, console::printable(value));
+        name = "";
+    }
+    name = "dropped";
+    for (const auto& [field, reason] : metadata.dropped) {
+        rows += row(name, "{}: {}", console::printable(field), reason);
+        name = "";
+    }
+    return rows;
+}
+
 std::string spanText(const TrimPeriod& span) {
     return fmt::format("{:.3f}-{:.3f} s", secondsOf(span.mStartUs), secondsOf(span.mEndUs));
 }
@@ -229,6 +244,7 @@ std::string toJson(const Receipt& receipt) {
                  {"periods", periodsOf(receipt)},
                  {"threads", receipt.threads},
                  {"damaged_samples", skippedPackets(receipt)},
+                 {"metadata", toJson(receipt.metadata)},
                  {"uuid_data", nullptr}};
     if (!contents.media.uuidData.empty()) {
         json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
@@ -262,6 +278,7 @@ std::string toText(const Receipt& receipt) {
         text += row("uuid", "{} bytes", contents.media.uuidData.size()) +
                 row("", "sha256 {}", sha256(contents.media.uuidData));
     }
+    text += metadataRows(receipt.metadata);
     return text +
            row("took", "{:.2f} s, {:.1f} x real time", receipt.wallSeconds,
                secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +

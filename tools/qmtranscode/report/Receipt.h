@@ -4,6 +4,7 @@
 #include <TranscodeTypes.h>
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/monitor/RunStatistics.h>
+#include <qmtranscode/report/MetadataReport.h>
 #include <stdint.h>
 
 #include <optional>
@@ -34,6 +35,7 @@ struct Receipt {
     int threads = 0;  // of each video codec
     // Of the output; nothing when nothing was written.
     std::optional<OutputContents> contents;
+    MetadataReport metadata;
     double wallSeconds = 0;
 };
 

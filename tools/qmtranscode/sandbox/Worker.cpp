@@ -84,6 +84,7 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     host.fastStart = options.fastStart;
     host.cutTimesUs = options.cutTimesUs();
     host.threads = threads;
+    host.metadata = options.metadataPolicy();
     return Job(options, host, files, trace, &control, monitor, observer).run();
 }
 
