@@ -65,8 +65,9 @@ constexpr size_t kMaxUnusedMetadata = 32;
 // has at most `maxBytes`. Empty when it is not UTF-8.
 std::string cleanMetadata(std::string_view text, size_t maxBytes = kMaxMetadataBytes);
 
-// Whether the text is a date: "2013", "2013-11" or "2013-11-29", which a time such as "13:19",
-// "13:19:09" or "13:19:09.5" may follow, and then "Z" or an offset from UTC such as "+0100".
+// Whether the text is a date: "2013", "2013-11", "2013-11-29" or "2013:11:29". A time such as
+// "13:19", "13:19:09" or "13:19:09.5" may follow, and then "Z" or an offset from UTC such as
+// "+0100".
 bool isDate(const std::string& text);
 // The moment that a date with time and offset stands for, as a creation time. Nothing for other
 // dates, and for moments that a file cannot hold.

@@ -246,7 +246,7 @@ std::string locationText(const UserDataBox& box) {
                (payload[end] != 0 || payload[end + step - 1] != 0)) {
             end += step;
         }
-        if (const std::string text = locationAt(payload, end + step); !text.empty()) return text;
+        if (std::string text = locationAt(payload, end + step); !text.empty()) return text;
     }
     return "";
 }
@@ -301,6 +301,12 @@ RecordingMetadata readMetadata(const DescriptorFile& file, Demuxer* demuxer,
     // Before the values that libavformat makes of the same boxes.
     if (boxes.movieBytes > 0) addUserData(readUserData(file, boxes.movieOffset), &collector);
     addTags(context.metadata, "", &collector);
+    // Ogg has no tags of the file; elsewhere, those of a track describe the track.
+    const bool hasTrackTags = av_match_name("ogg", context.iformat->name) != 0;
+    for (unsigned i = 0; hasTrackTags && i < context.nb_streams; ++i) {
+        addTags(context.streams[i]->metadata, "", &collector);
+        addUnusedTags(context.streams[i]->metadata, &collector);
+    }
     // Some recorders state the time in the tracks alone.
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         const AVDictionaryEntry* time =
