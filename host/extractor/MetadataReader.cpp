@@ -325,5 +325,34 @@ std::string readLanguage(const AVStream& stream) {
     return language == nullptr ? "" : languageCode(language->value);
 }
 
+std::vector<Chapter> readChapters(const AVFormatContext& context, int64_t originUs) {
+    constexpr AVRational kMicroseconds = {1, 1000000};
+    std::vector<Chapter> chapters;
+    const size_t count = std::min<size_t>(context.nb_chapters, kMaxChapters);
+    for (size_t i = 0; i < count; ++i) {
+        const AVChapter& found = *context.chapters[i];
+        if (found.start == AV_NOPTS_VALUE || found.time_base.num <= 0 || found.time_base.den <= 0) {
+            continue;
+        }
+        const auto timeUs = [&](int64_t time) {
+            const int64_t us = av_rescale_q(time, found.time_base, kMicroseconds);
+            return std::max<int64_t>(av_sat_sub64(us, originUs), 0);
+        };
+        const AVDictionaryEntry* title = av_dict_get(found.metadata, "title", nullptr, 0);
+        chapters.push_back({timeUs(found.start),
+                            found.end == AV_NOPTS_VALUE ? INT64_MAX : timeUs(found.end),
+                            title == nullptr ? "" : cleanMetadata(title->value)});
+    }
+    std::stable_sort(chapters.begin(), chapters.end(),
+                     [](const Chapter& a, const Chapter& b) { return a.startUs < b.startUs; });
+    for (size_t i = 0; i + 1 < chapters.size(); ++i) {
+        chapters[i].endUs = std::min(chapters[i].endUs, chapters[i + 1].startUs);
+    }
+    chapters.erase(std::remove_if(chapters.begin(), chapters.end(),
+                                  [](const Chapter& each) { return each.endUs <= each.startUs; }),
+                   chapters.end());
+    return chapters;
+}
+
 }  // namespace qmmediaeditor
 }  // namespace android
