@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "host/io/IsoBoxes.h"
+#include "host/writer/MovieCompletion.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -24,6 +24,9 @@ namespace {
 
 constexpr char kLogTag[] = "Writer";
 constexpr int32_t k3gpFileType = 1;
+// libavformat writes "3gp6" for AVC, which Firefox does not play; nor does it play "3gp5" or
+// "3gp7".
+constexpr char k3gpBrand[] = "3gp4";
 // For a variable frame rate: a multiple of most frame rates.
 constexpr int kVideoTicksPerSecond = 90000;
 constexpr int kMinVideoTicksPerSecond = 10000;
@@ -159,7 +162,8 @@ bool Mp4Muxer::needs3gp() const {
 
 status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
     Mutex::Autolock lock(mLock);
-    const char* name = fileType == k3gpFileType || needs3gp() ? "3gp" : "mp4";
+    mIs3gp = fileType == k3gpFileType || needs3gp();
+    const char* name = mIs3gp ? "3gp" : "mp4";
     AVFormatContext* context = nullptr;
     if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
     mContext.reset(context);
@@ -183,7 +187,8 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     const bool isFirst = movieBoxFirst && mOutput->makeReadable();
     if (av_dict_set_int(&options, "video_track_timescale", videoTicks, 0) < 0 ||
         av_dict_set_int(&options, "movie_timescale", kMovieTicksPerSecond, 0) < 0 ||
-        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
+        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0) ||
+        (mIs3gp && av_dict_set(&options, "brand", k3gpBrand, 0) < 0)) {
         av_dict_free(&options);
         return NO_MEMORY;
     }
@@ -322,28 +327,28 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
     if (mHasHeader) {
         keep(av_write_trailer(mContext.get()));
         mHasHeader = false;
-        // When the movie box was put first, the position is behind that one.
         AVIOContext* const io = mIo->context();
+        avio_flush(io);
+        if (mError == OK && mIs3gp) keep(completeMovieBox());
+        // When the movie box was put first, the position is behind that one.
         avio_seek(io, avio_size(io), SEEK_SET);
         avio_write(io, boxes.data(), static_cast<int>(boxes.size()));
     }
     avio_flush(mIo->context());
-    if (mError == OK) keep(completeEntries());
     keep(mOutput->finish());
     // The session has no other way to hear of a decoder that failed after it took its last input.
     if (mError == OK && mSession != nullptr && mSession->hasLoss()) return ERROR_MALFORMED;
     return mError;
 }
 
-status_t Mp4Muxer::completeEntries() {
+status_t Mp4Muxer::completeMovieBox() {
     VideoDemand demand;
     for (const Track& track : mTracks) {
         if (!isVideo(*track.parameters)) continue;
         demand = {track.parameters->width, track.parameters->height,
                   static_cast<double>(track.frameRate), track.parameters->bit_rate};
     }
-    if (!needs3gp() || !mOutput->makeReadable()) return OK;
-    return completeSampleEntries(mOutput.get(), h263LevelFor(demand));
+    return mOutput->makeReadable() ? completeMovie(mOutput.get(), h263LevelFor(demand)) : OK;
 }
 
 // libavformat reads the samples back to put the movie box in front of them.

@@ -74,8 +74,8 @@ private:
     void endAt(size_t index, int64_t endUs) REQUIRES(mLock);
     void cutStoppedTracks() REQUIRES(mLock);
     status_t writeSettled() REQUIRES(mLock);
-    // Writes what libavformat leaves out of the sample entries of 3GP files.
-    status_t completeEntries() REQUIRES(mLock);
+    // Writes what libavformat leaves out of 3GP files.
+    status_t completeMovieBox() REQUIRES(mLock);
     status_t keep(int result) REQUIRES(mLock);
 
     // libavformat's callbacks, during the calls to it.
@@ -91,6 +91,7 @@ private:
     std::vector<Track> mTracks GUARDED_BY(mLock);
     OutputFormatPtr mContext GUARDED_BY(mLock);
     std::unique_ptr<PacketInterleaver> mInterleaver GUARDED_BY(mLock);
+    bool mIs3gp GUARDED_BY(mLock) = false;
     bool mHasHeader GUARDED_BY(mLock) = false;
     status_t mError GUARDED_BY(mLock) = OK;
 };
