@@ -147,6 +147,9 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
                             context->pix_fmt);
         return ERROR_UNSUPPORTED;
     }
+    if (context->codec_id == AV_CODEC_ID_GIF || context->codec_id == AV_CODEC_ID_APNG) {
+        mConverter.blendAlpha();
+    }
     context->opaque = this;
     context->get_buffer2 = getBuffer;
     allowThreads(context, mThreads);

@@ -139,6 +139,14 @@ bool Demuxer::hasOnlyFrameNumbers() const {
     return av_match_name("avi", mContext->iformat->name) != 0;
 }
 
+bool Demuxer::isRawVideo() const {
+    return av_match_name(mContext->iformat->name, "h264,hevc,mpegvideo,m4v") != 0;
+}
+
+bool Demuxer::isAnimation() const {
+    return av_match_name(mContext->iformat->name, "gif,apng") != 0;
+}
+
 bool Demuxer::mayHaveDiscontinuities() const {
     return (mContext->iformat->flags & AVFMT_TS_DISCONT) != 0;
 }

@@ -41,6 +41,10 @@ public:
     // The container has only the number of a frame in decoding order; the timestamps that
     // libavformat derives from it are late by the codec's reorder delay.
     bool hasOnlyFrameNumbers() const;
+    // A stream of AVC, HEVC or MPEG video without a container.
+    bool isRawVideo() const;
+    // A format that also holds single images.
+    bool isAnimation() const;
     // Timestamps may have discontinuities.
     bool mayHaveDiscontinuities() const;
     // The container's index lists the video frames, and is used for audio as well.

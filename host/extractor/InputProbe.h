@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/codec/TrackSource.h"
+#include "host/extractor/RawVideo.h"
 #include "host/extractor/TimestampRepair.h"
 #include "host/io/DescriptorFile.h"
 
@@ -47,6 +48,8 @@ struct TrackInfo {
     std::optional<ConstantFrameRate> constantRate;
     // One for all tracks of the file. Null for containers without discontinuities.
     std::shared_ptr<TimestampDiscontinuities> discontinuities;
+    // Null for a track in a container.
+    std::shared_ptr<const RawVideoIndex> rawIndex;
 };
 
 struct InputInfo {
