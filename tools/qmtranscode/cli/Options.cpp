@@ -40,6 +40,7 @@ constexpr int32_t kMaxThreads = 64;
 
 const Choices<ProgressStyle> kProgressStyles = {
     {"bar", ProgressStyle::kBar}, {"json", ProgressStyle::kJson}, {"none", ProgressStyle::kNone}};
+const Choices<bool> kDeinterlaceChoices = {{"auto", true}, {"off", false}};
 const Choices<bool> kPartialChoices = {{"keep", true}, {"discard", false}};
 const std::vector<std::string> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
                                            "fast",      "medium",    "slow",     "slower",
@@ -252,6 +253,12 @@ void CommandLine::define() {
     describe("--video-codec", "NAME",
              "codec: " + listText(wordsOf(videoCodecs())) + "; default avc",
              supportedSizesText(VideoCodec::kH263) + ".", wordsOf(videoCodecs()));
+    app.add_option("--deinterlace", o.deinterlace)->transform(oneOf(kDeinterlaceChoices));
+    describe("--deinterlace", "CHOICE",
+             "deinterlace marked frames: auto (the default) or off",
+             "One frame is made of the two fields of each, by libavfilter's bwdif. Without "
+             "libavfilter, frames keep their fields, with a warning.",
+             wordsOf(kDeinterlaceChoices));
 
     mGroup = "Audio";
     app.add_option("--audio-bitrate", o.audioBitrate)->transform(bitrate());
@@ -274,7 +281,7 @@ void CommandLine::define() {
              "otherwise mp4.",
              wordsOf(fileFormats()));
     app.add_flag("--faststart", o.fastStart);
-    describe("--faststart", "", "write the index first, for players that read from the start");
+    describe("--faststart", "", "write the index first, for playback while loading");
     app.add_option("--preset", o.preset)->check(oneOf(kPresets));
     describe("--preset", "NAME",
              fmt::format("AVC encoder speed, {} to {}; default {}", kPresets.front(),

@@ -35,6 +35,9 @@ struct Options {
     std::optional<AudioCodec> audioCodec;
     std::optional<FileFormat> format;
 
+    // By default, frames that are marked as interlaced are deinterlaced.
+    std::optional<bool> deinterlace;
+
     bool fastStart = false;
     std::string preset = "veryfast";
     // Of each video codec; by default, as many as there are available CPUs.

@@ -70,6 +70,15 @@ std::string codecOf(const TrackCodecs& codecs) {
     return codecName(mime.c_str());
 }
 
+// The numbers are those of the dry run.
+Json deinterlacingOf(const Options& options, const TrackCodecs& codecs) {
+    Json json = wordOf(options.deinterlace.value_or(true) ? "auto" : "off",
+                       options.deinterlace.has_value());
+    json["interlaced_frames"] = codecs.interlacedFrames;
+    json["deinterlaced_frames"] = codecs.deinterlacedFrames;
+    return json;
+}
+
 Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs& codecs) {
     const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
     // Width and height are those that are encoded; --size is the size after rotation.
@@ -80,7 +89,8 @@ Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs&
             {"height", numberOf(setting("height"), options.size, input.height)},
             {"rotation", Json{{"value", input.rotation}, {"from", "input"}}},
             {"fps", numberOf(setting("frame-rate"), options.frameRate, input.frameRate)},
-            {"bitrate", numberOf(setting("bitrate"), options.videoBitrate, input.bitrate)}};
+            {"bitrate", numberOf(setting("bitrate"), options.videoBitrate, input.bitrate)},
+            {"deinterlace", deinterlacingOf(options, codecs)}};
 }
 
 Json audioOf(const Options& options, const AudioTrack& input, const TrackCodecs& codecs) {

@@ -98,6 +98,8 @@ Json tracksOf(const Receipt& receipt) {
                           {"rotation", video.rotation},
                           {"fps", rateOf(*contents.video)},
                           {"frames", contents.video->count},
+                          {"interlaced_frames", receipt.video.interlacedFrames},
+                          {"deinterlaced_frames", receipt.video.deinterlacedFrames},
                           {"bytes", contents.video->bytes},
                           {"bitrate", bitrateOf(*contents.video)},
                           {"seconds", secondsOf(contents.video->endUs - contents.video->firstUs)}});
@@ -147,12 +149,20 @@ std::string row(const char* name, fmt::format_string<Values...> format, Values&&
     return fmt::format("  {:<8} {}\n", name, fmt::format(format, std::forward<Values>(values)...));
 }
 
+std::string interlacingRows(const TrackCodecs& video) {
+    const int64_t kept = video.interlacedFrames - video.deinterlacedFrames;
+    std::string rows;
+    if (video.deinterlacedFrames > 0) rows += row("", "{} deinterlaced", video.deinterlacedFrames);
+    if (kept > 0) rows += row("", "{} interlaced, not deinterlaced", kept);
+    return rows;
+}
+
 std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
     const TrackSamples& samples = *receipt.contents->video;
     return row("video", "{} {}x{}, {:.4g} fps", codecName(video.mime), video.width, video.height,
                rateOf(samples)) +
            row("", "{} frames, {} dropped", samples.count, receipt.statistics.dropped()) +
-           row("", "{}", bitrateText(bitrateOf(samples)));
+           interlacingRows(receipt.video) + row("", "{}", bitrateText(bitrateOf(samples)));
 }
 
 std::string audioRows(const AudioTrack& audio, const TrackSamples& samples) {
