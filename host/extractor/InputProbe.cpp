@@ -421,6 +421,13 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
         durationsUs = measureDurationsUs(file, durationsUs.size());
     }
 
+    std::vector<AviGap> gaps;
+    if (demuxer->hasOnlyFrameNumbers()) {
+        const AviTimestamps::Gaps search = AviTimestamps::findGaps(file);
+        if (search.status != OK) return search.status;
+        gaps = search.gaps;
+    }
+
     InputInfo found;
     found.zeroIsFixed = demuxer->isIsoFile();
     found.format = makeFileFormat(context, boxes.uuidData);
@@ -442,6 +449,7 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, InputInfo
         }
         TrackInfo& track = found.tracks.back();
         track.discontinuities = discontinuities;
+        track.gaps = gaps;
         track.ending = findEnding(lengths, *demuxer, stream);
         if (!track.ending) track.ending = findMatroskaEnding(*file, *demuxer, stream, track);
         if (track.isVideo && isDecodable(stream)) estimateRate = false;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/codec/TrackSource.h"
+#include "host/extractor/AviTimestamps.h"
 #include "host/extractor/RawVideo.h"
 #include "host/extractor/TimestampRepair.h"
 #include "host/io/DescriptorFile.h"
@@ -50,6 +51,8 @@ struct TrackInfo {
     std::shared_ptr<TimestampDiscontinuities> discontinuities;
     // Null for a track in a container.
     std::shared_ptr<const RawVideoIndex> rawIndex;
+    // Of a container with frame numbers only.
+    std::vector<AviGap> gaps;
 };
 
 struct InputInfo {

@@ -61,6 +61,7 @@ status_t TrackReader::reopen() {
         return mStatus = ERROR_MALFORMED;
     }
     mDemuxer->keepOnly(mTrack.streamIndex);
+    if (mDemuxer->hasOnlyFrameNumbers() && !mAviTimestamps) mAviTimestamps.emplace(mTrack.gaps);
     mEnded = false;
     return OK;
 }
@@ -129,6 +130,10 @@ bool TrackReader::readHead() {
     mAtStart = false;
     while ((mStatus = mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) == OK) {
         if (mRawClock) mRawClock->stamp(mPacket.get());
+        if (mAviTimestamps) {
+            mAviTimestamps->correct(*mDemuxer->context().streams[mTrack.streamIndex],
+                                    mPacket.get());
+        }
         // The buffers have the size that the track's format announced.
         if (static_cast<size_t>(mPacket->size) <= mTrack.maxSampleBytes) return mHasHead = true;
         __android_log_print(ANDROID_LOG_WARN, kLogTag,
@@ -198,6 +203,7 @@ void TrackReader::forgetPosition() {
     mNextTimeUs = mTrack.startUs;
     mLatestTimesUs.clear();
     mPocTimestamps.restart();
+    if (mAviTimestamps) mAviTimestamps->restart();
 }
 
 void TrackReader::seek(int64_t timeUs) {

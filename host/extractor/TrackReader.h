@@ -94,6 +94,8 @@ private:
     std::vector<int64_t> mLatestTimesUs;
     // For video without a container.
     std::optional<RawVideoClock> mRawClock;
+    // For a container with frame numbers only.
+    std::optional<AviTimestamps> mAviTimestamps;
     // For video in a container that states decoding times alone.
     PocTimestamps mPocTimestamps;
 };
