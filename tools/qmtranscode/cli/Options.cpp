@@ -254,8 +254,7 @@ void CommandLine::define() {
              "codec: " + listText(wordsOf(videoCodecs())) + "; default avc",
              supportedSizesText(VideoCodec::kH263) + ".", wordsOf(videoCodecs()));
     app.add_option("--deinterlace", o.deinterlace)->transform(oneOf(kDeinterlaceChoices));
-    describe("--deinterlace", "CHOICE",
-             "deinterlace marked frames: auto (the default) or off",
+    describe("--deinterlace", "CHOICE", "deinterlace marked frames: auto (the default) or off",
              "One frame is made of the two fields of each, by libavfilter's bwdif. Without "
              "libavfilter, frames keep their fields, with a warning.",
              wordsOf(kDeinterlaceChoices));
