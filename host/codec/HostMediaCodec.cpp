@@ -35,7 +35,8 @@ status_t HostMediaCodec::configure(const sp<AMessage>& format,
     if (mState != State::kCreated) return INVALID_OPERATION;
     if (format == nullptr) return BAD_VALUE;
     if (crypto != nullptr) return ERROR_UNSUPPORTED;
-    // The looper's thread could not be created, and the client need not have noticed.
+    // The looper does not run when its thread could not be created, and ALooper::start() may not
+    // have been checked.
     if (!mLooper->isRunning()) return -EAGAIN;
     const status_t status = mBackend->configure(format, &mBuffers);
     if (status != OK) return status;
@@ -283,7 +284,8 @@ status_t HostMediaCodec::getOutputBuffers(Vector<sp<MediaCodecBuffer>>* buffers)
 
 void HostMediaCodec::schedule() {
     if (mWorkPosted || mState != State::kStarted) return;
-    // The client will release more outputs while it has some to take.
+    // While outputs are ready, the client takes and releases them. The looper is posted when half
+    // of all outputs are free, so that one switch of threads serves several.
     if (mLacksOutputs && !mReady.empty() && mFreeOutputs.size() * 2 < mOutputs.size()) return;
     mWorkPosted = true;
     mLacksOutputs = false;
@@ -299,7 +301,7 @@ void HostMediaCodec::work() {
     while (mState == State::kStarted && workStep()) {
     }
     mWorkPosted = false;
-    // Buffers not yet announced to the client because fewer than half were ready.
+    // Wakes the client for buffers of which fewer than half were ready.
     mInputFree.broadcast();
     mOutputReady.broadcast();
     const bool owesSilence = publish();
@@ -377,8 +379,9 @@ bool HostMediaCodec::feed() {
     return true;
 }
 
-// The reader's position is read before the queue: samples read before that position are queued by
-// then.
+// The position is taken before the queue is checked. The reader queues each sample before it
+// advances the position, so an empty queue then means that no sample before the position is
+// missing.
 bool HostMediaCodec::workWithoutInput() {
     if (!mInSequence || mEndQueued) return false;
     const InputSegment segment = mSource->sequencer()->segment();
@@ -408,8 +411,8 @@ bool HostMediaCodec::takeFailure() {
     return false;
 }
 
-// The client is told when it queues its next sample, because a failing output would end the
-// process; without another sample it gets the end of stream.
+// The client learns of it from its next queueInputBuffer(), because it aborts the process when
+// dequeueOutputBuffer() fails. A client that has no further sample gets the end of stream.
 void HostMediaCodec::refuseInput() {
     if (mOnLoss) mOnLoss();
     mRefusesInput = true;

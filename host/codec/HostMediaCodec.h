@@ -3,9 +3,9 @@
 // Buffers cycle: an input is free, with the client, queued, in the backend, and free again; an
 // output is free, ready, with the client, and free again. The loop is posted to the looper whenever
 // there may be something to do, and ends when input or free outputs run out; it never waits. A side
-// is woken when half of its buffers are ready, because a switch of threads takes longer than many a
-// sample. Any thread may call any operation; stop and release wait only for the backend's current
-// step.
+// is woken when half of its buffers are ready, because a switch of threads can take longer than the
+// work on a sample. Any thread may call any operation; stop and release wait only for the backend's
+// current step.
 #pragma once
 
 #include <media/stagefright/MediaCodec.h>
@@ -28,9 +28,9 @@ public:
     // `onEnd`, which may be empty, is called when the client dequeues the end of stream, on its
     // thread.
     //
-    // `onLoss` makes the codec a decoder of untrusted input, whose client takes a failed dequeue
-    // for a broken invariant: where it cannot go on, it calls `onLoss` on the looper's thread,
-    // refuses further input and ends its output.
+    // `onLoss` is for decoders of untrusted input, because their client aborts when a dequeue
+    // fails. A decoder that cannot go on then calls `onLoss` on the looper's thread, refuses
+    // further input and ends its output.
     HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
                    std::function<void()> onEnd = nullptr, std::function<void()> onLoss = nullptr);
 

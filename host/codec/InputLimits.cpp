@@ -58,7 +58,7 @@ std::optional<std::string> checkAllocation() {
     const bool isShort = memory == nullptr;
     free(memory);
     if (isShort) return std::nullopt;
-    return "an allocation beyond the limit of " + std::to_string(kMaxAllocationBytes >> 20) +
+    return "an allocation exceeds the limit of " + std::to_string(kMaxAllocationBytes >> 20) +
            " MiB";
 }
 
@@ -73,7 +73,7 @@ std::optional<std::string> SilenceBudget::addSilence(int64_t startUs, int64_t en
     const int64_t gapStartUs = std::max(*mGapStartUs, videoUs);
     if (endUs - gapStartUs > kMaxGapUs) {
         return "a gap of " + secondsText(endUs - gapStartUs) +
-               " in its audio exceeds the limit of " + secondsText(kMaxGapUs);
+               " in the audio exceeds the limit of " + secondsText(kMaxGapUs);
     }
     const bool hasVideo = videoUs != INT64_MIN;
     const int64_t uncoveredUs =
@@ -81,8 +81,8 @@ std::optional<std::string> SilenceBudget::addSilence(int64_t startUs, int64_t en
     mSilenceUs += std::max<int64_t>(endUs - uncoveredUs, 0);
     const int64_t maxSilenceUs = 2 * mAudioUs + kMaxGapUs;
     if (mSilenceUs <= maxSilenceUs) return std::nullopt;
-    return "gaps of " + secondsText(mSilenceUs) + " in its audio exceed the limit of " +
-           secondsText(maxSilenceUs) + ", twice the audio that it has plus " +
+    return "gaps of " + secondsText(mSilenceUs) + " in the audio exceed the limit of " +
+           secondsText(maxSilenceUs) + ", which is twice the audio's duration plus " +
            secondsText(kMaxGapUs);
 }
 

@@ -102,7 +102,7 @@ bool OutputSequencer::mayWaitFor(const MemberState& mine, const MemberState& oth
     return (earlierInside || readerBehind) && !mine.inputFull;
 }
 
-// kTimedOut stands for: not yet known.
+// Returns kTimedOut while the answer is not known; waitForTurn() then waits for a change.
 OutputSequencer::Turn OutputSequencer::turnOf(size_t member) const {
     const auto found = mMembers.find(member);
     if (found == mMembers.end() || !found->second.state.hasHead) return Turn::kHeadGone;

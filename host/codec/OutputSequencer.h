@@ -4,12 +4,12 @@
 // advances it. So decoded frames must be delivered in timestamp order across the tracks: a decoder
 // delivers its head, the earliest frame it has, only when no other decoder can still deliver an
 // earlier one. Another decoder can do so when it has an earlier head (the caller must dequeue that
-// first), when it is busy, or when the reader has not yet reached the head's timestamp. The last
-// wait could last for ever, since the reader queues a sample before it goes on: a decoder whose
-// input is full does not wait for a decoder that needs new input.
+// first), when it is busy, or when the reader has not yet reached the head's timestamp. A wait for
+// the reader could last for ever, because the reader may be waiting for an input buffer of the very
+// decoder that waits. So a decoder whose input is full does not wait for the reader.
 //
-// Any thread may call any operation. A decoder may hold its own lock, because the sequencer calls
-// only the wake functions, and these only post work.
+// Any thread may call any operation. A decoder may hold its own lock while it calls: the sequencer
+// calls nothing but the wake functions, and these only post work.
 #pragma once
 
 #include <stddef.h>
@@ -66,8 +66,8 @@ public:
         // The timestamp of the head, or the earliest that its input can result in; kNever when it
         // has none.
         int64_t earliestUs = kNever;
-        // When the reader has passed the first, the decoder fills in silence, at most up to the
-        // second. kNever for video.
+        // When the reader has passed silenceDueUs, the decoder outputs silence, at most up to
+        // silenceUntilUs. kNever for video.
         int64_t silenceDueUs = kNever;
         int64_t silenceUntilUs = kNever;
     };

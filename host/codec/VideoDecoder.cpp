@@ -38,7 +38,7 @@ constexpr size_t kMinOutputCount = 4;
 constexpr size_t kMaxOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
 constexpr int64_t kSecondUs = 1000000;
-constexpr int kUsualFrameRate = 30;
+constexpr int kDefaultFrameRate = 30;
 // Half of it, the stride of a chroma row, still suits every vector instruction.
 constexpr int kStrideAlignment = 128;
 // More frames than any decoder delays; older timestamps belong to lost frames.
@@ -380,7 +380,8 @@ void VideoDecoder::reportInterlaced() {
 // them.
 int64_t VideoDecoder::timeOf(const AVFrame& frame) const {
     if (frame.pts != AV_NOPTS_VALUE) return frame.pts;
-    if (mHasTime) return mLastTimeUs + kSecondUs / (mFrameRate > 0 ? mFrameRate : kUsualFrameRate);
+    if (mHasTime)
+        return mLastTimeUs + kSecondUs / (mFrameRate > 0 ? mFrameRate : kDefaultFrameRate);
     return mInside.empty() ? mLastTimeUs : *mInside.begin();
 }
 

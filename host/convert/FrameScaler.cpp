@@ -18,7 +18,8 @@ namespace qmmediaeditor {
 
 namespace {
 
-// Encoder inputs, and other memory into which scaling has failed.
+// Memory that frames are scaled into: an encoder input, or other memory into which scaling has
+// failed.
 struct Target {
     bool isEncoderInput = false;
     Scaled scaled;
@@ -131,7 +132,8 @@ Scaled referenceTo(const ScaleRequest& request) {
     return reference;
 }
 
-// False when the target is not an encoder's, or the frame is to be scaled.
+// Stores the source's frame for takeScaled(), instead of a copy. False when a copy is needed: the
+// target is not an encoder input, or the frame is to be scaled or not in SharedFrames.
 bool passReference(const ScaleRequest& request) {
     Scaled reference = referenceTo(request);
     Scaled before;

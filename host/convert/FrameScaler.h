@@ -14,8 +14,8 @@ namespace qmmediaeditor {
 // Implements Platform::scale. An invalid request is logged. Any thread; each keeps the filters of
 // the sizes that it scaled last.
 //
-// Where a frame from SharedFrames would only be copied into a buffer of makeEncoderInput, the
-// buffer stays as it is, and takeScaled() has the frame.
+// A frame from SharedFrames that would only be copied into a buffer of makeEncoderInput() is not
+// copied: the buffer stays as it is, and takeScaled() returns the frame.
 void scaleFrame(const ScaleRequest& request);
 
 // An encoder's input buffer; null when memory is short.
@@ -29,7 +29,7 @@ struct Scaled {
     sp<RefBase> owner;
     FramePlanes planes;
 };
-// The answer is then forgotten. Any thread.
+// Returns the result for `target` once; later calls return an empty one. Any thread.
 Scaled takeScaled(const unsigned char* target);
 
 }  // namespace qmmediaeditor

@@ -131,9 +131,9 @@ QM_INLINED void interleave(const int16_t* even, const int16_t* odd, int count,
     }
 }
 
-QM_INLINED int16_t bounded(int16_t value, int16_t least, int16_t most) {
-    const int16_t raised = value < least ? least : value;
-    return raised > most ? most : raised;
+QM_INLINED int16_t bounded(int16_t value, int16_t min, int16_t max) {
+    const int16_t raised = value < min ? min : value;
+    return raised > max ? max : raised;
 }
 
 // Indexes in the table of light for R', G', B' that are 1.0 at the code 1023 or, in limited range,

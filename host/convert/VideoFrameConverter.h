@@ -51,7 +51,7 @@ private:
     int mHeight = 0;
     std::unique_ptr<ZimgGraph> mGraph;
 
-    // For HDR: of the usual format and of others.
+    // For HDR: mHdr for the formats that HdrConverter takes, the members below for the others.
     std::unique_ptr<HdrConverter> mHdr;
     std::unique_ptr<ZimgGraph> mToLinear;
     std::unique_ptr<ToneMapper> mToneMapper;

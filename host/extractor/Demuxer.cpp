@@ -101,8 +101,8 @@ status_t Demuxer::reasonOf(int error) const {
     const std::optional<std::string> reason = checkAllocation();
     if (!reason) return NO_MEMORY;
     // libavformat also reports too many streams as a lack of memory.
-    mIo->file().refuse("more than " + std::to_string(kMaxOpenedStreams) + " streams, or " +
-                       *reason);
+    mIo->file().refuse("the file has more than " + std::to_string(kMaxOpenedStreams) +
+                       " streams, or " + *reason);
     return ERROR_UNSUPPORTED;
 }
 

@@ -36,8 +36,8 @@ public:
     // The family of ISO base media files: MP4, MOV, 3GP.
     bool isIsoFile() const;
     bool isMatroska() const;
-    // The header alone names every stream and every packet has its times, so that
-    // the packets need not be probed.
+    // The header alone names every stream, and every packet has its timestamps, so that the first
+    // packets need not be probed.
     bool headerIsEnough() const;
     // The container has only the number of a frame in decoding order; the timestamps that
     // libavformat derives from it are late by the codec's reorder delay.

@@ -85,10 +85,11 @@ PacketPtr TrackReader::headProperties(int64_t originUs) const {
     properties->time_base = kMicroseconds;
     properties->duration = durationUs();
     properties->pts = mIsTimeStated ? mPresentationTimeUs - originUs : AV_NOPTS_VALUE;
-    // A frame without a timestamp is shown when the packet that outputs it is decoded.
-    const bool states =
-        mDemuxer->headerIsEnough() || !mTrack.isVideo || mPacket->dts == AV_NOPTS_VALUE;
-    properties->dts = states ? AV_NOPTS_VALUE : toUs(mPacket->dts - reorderTicks()) - originUs;
+    // Where packets may lack a presentation timestamp, libavcodec derives it from the decoding
+    // timestamp of the packet that makes the decoder output the frame.
+    const bool needsDts =
+        mTrack.isVideo && !mDemuxer->headerIsEnough() && mPacket->dts != AV_NOPTS_VALUE;
+    properties->dts = needsDts ? toUs(mPacket->dts - reorderTicks()) - originUs : AV_NOPTS_VALUE;
     return properties;
 }
 
@@ -131,11 +132,11 @@ bool TrackReader::readHead() {
             mAviTimestamps->correct(*mDemuxer->context().streams[mTrack.streamIndex],
                                     mPacket.get());
         }
-        // The buffers have the size that the track's format announced.
+        // A larger packet does not fit the clients' buffers, which have the size that the track's
+        // format announced.
         if (static_cast<size_t>(mPacket->size) <= mTrack.maxSampleBytes) return mHasHead = true;
-        __android_log_print(ANDROID_LOG_WARN, kLogTag,
-                            "track %d: a sample of %d bytes is passed over", mTrack.streamIndex,
-                            mPacket->size);
+        __android_log_print(ANDROID_LOG_WARN, kLogTag, "track %d: a sample of %d bytes is skipped",
+                            mTrack.streamIndex, mPacket->size);
     }
     mEnded = true;
     if (mStatus == ERROR_END_OF_STREAM) mStatus = OK;
@@ -166,7 +167,8 @@ int64_t TrackReader::statedTimestamp() {
     return mTrack.isVideo ? mPocTimestamps.presentationTime(*mPacket) : mPacket->dts;
 }
 
-// The distance from a frame to the packet that makes the decoder output it.
+// The distance in ticks from a frame's packet to the packet that makes the decoder output the
+// frame.
 int64_t TrackReader::reorderTicks() const {
     const int64_t delay = mTrack.source->parameters().video_delay;
     if (mTrack.rawIndex != nullptr) return delay * mTrack.rawIndex->frameTicks();
@@ -174,9 +176,9 @@ int64_t TrackReader::reorderTicks() const {
 }
 
 // At most reorderDepth frames precede a frame in decoding order and follow it in presentation
-// order. So when reorderDepth + 1 later timestamps are known, no earlier one than their minimum
-// follows. Leading frames of the first one are not shown, because they refer to frames that were
-// not read.
+// order. So no timestamp that follows is earlier than the minimum of the reorderDepth + 1 latest
+// ones. Leading frames of the first frame after a seek do not count, because they refer to frames
+// that were not read and are therefore not shown.
 void TrackReader::updateOrderTime() {
     if (mLatestTimesUs.empty()) {
         mFirstTimeUs = mOrderTimeUs = mPresentationTimeUs;
@@ -207,7 +209,7 @@ void TrackReader::seek(int64_t timeUs) {
     if (mTrack.rawIndex != nullptr) return seekRawVideo(timeUs);
     const int64_t targetUs = timeUs - mTrack.prerollUs;
     int64_t stepUs = kFirstStepBackUs;
-    // Indexes are inexact or missing: the position that the demuxer reaches is what counts.
+    // Indexes are inexact or missing, so each try checks the position that the demuxer has reached.
     for (int64_t soughtUs = targetUs; soughtUs > mTrack.startUs; soughtUs -= stepUs, stepUs *= 2) {
         if (!seekDemuxer(soughtUs)) break;
         if (!landsBy(targetUs)) continue;
@@ -248,7 +250,8 @@ bool TrackReader::seekDemuxer(int64_t timeUs) {
     return av_seek_frame(&context, mTrack.seekStreamIndex, time, AVSEEK_FLAG_BACKWARD) >= 0;
 }
 
-// Continues to the first sample that can be decoded by itself.
+// Reads on to the first sample that can be decoded by itself. True when it is at or before
+// `timeUs`.
 bool TrackReader::landsBy(int64_t timeUs) {
     while (readHead()) {
         if (!mTrack.isVideo || (mPacket->flags & AV_PKT_FLAG_KEY) != 0) {

@@ -30,11 +30,11 @@ public:
 
     // The next sample; null at the end and after a failure.
     const AVPacket* head();
-    // OK, ERROR_IO when the file cannot be read, or NO_MEMORY. Lasts until the next seek, a read
-    // error for ever.
+    // OK, ERROR_IO when the file cannot be read, or NO_MEMORY. NO_MEMORY lasts until the next seek,
+    // ERROR_IO for ever.
     status_t status() const { return mStatus; }
-    // Of the head. No sample from it on is shown before orderTimeUs; for audio it is the
-    // presentation timestamp.
+    // No sample from the head on is shown before this timestamp. For audio, it is the presentation
+    // timestamp of the head.
     int64_t orderTimeUs() const { return mOrderTimeUs; }
     // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
     // Null when memory is short.
@@ -45,9 +45,9 @@ public:
     bool isLast() const;
     void advance();
 
-    // To the last sync sample that the file's index names at or before `timeUs`, or an earlier one;
-    // for audio to the sample at that timestamp minus the decoder's preroll. To the very first
-    // sample when there is none.
+    // Makes the head the last sync sample that the file's index has at or before `timeUs`, or an
+    // earlier one; for audio, the sample at `timeUs` minus the decoder's preroll. Where there is
+    // none, the first sample of the track.
     void seek(int64_t timeUs);
 
 private:
@@ -76,7 +76,7 @@ private:
     bool mAtStart = true;  // nothing has been read since the file was opened
     bool mEnded = false;   // no sample follows until the next seek
     status_t mStatus = OK;
-    // A lower bound when it is not stated.
+    // Of the head; a lower bound when the container does not state it.
     int64_t mPresentationTimeUs = 0;
     bool mIsTimeStated = false;
     int64_t mOrderTimeUs = 0;

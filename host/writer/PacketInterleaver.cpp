@@ -20,7 +20,7 @@ size_t bytesOf(const PacketInterleaver::Held& held) {
 }
 
 constexpr int64_t kSecondUs = 1000000;
-// Timestamps in microseconds are wrong by a few of them; a real gap is longer.
+// Timestamps that were rounded to microseconds deviate by a few of them; a real gap is longer.
 constexpr int64_t kToleranceUs = 500;
 
 int64_t toTicks(int64_t timeUs, int64_t ticksPerSecond) {
@@ -107,11 +107,11 @@ void PacketInterleaver::cutAt(int64_t timeUs) {
     }
 }
 
-TrackTimestamps::TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks)
+TrackTimestamps::TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t defaultTicks)
     : mTicksPerSecond(ticksPerSecond),
       mFrameTicks(frameTicks),
       mToleranceTicks(toTicks(kToleranceUs, ticksPerSecond)),
-      mDurationTicks(std::max<int64_t>(frameTicks > 0 ? frameTicks : usualTicks, 1)) {}
+      mDurationTicks(std::max<int64_t>(frameTicks > 0 ? frameTicks : defaultTicks, 1)) {}
 
 int64_t TrackTimestamps::ticksAt(int64_t timeUs) const { return toTicks(timeUs, mTicksPerSecond); }
 

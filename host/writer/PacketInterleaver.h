@@ -71,8 +71,8 @@ private:
 class TrackTimestamps {
 public:
     // `ticksPerSecond` is positive. `frameTicks` is the length of each sample, or 0 when they
-    // differ; `usualTicks` is the duration of the only sample of a track.
-    TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t usualTicks);
+    // differ; `defaultTicks` is the duration of the only sample of a track.
+    TrackTimestamps(int64_t ticksPerSecond, int64_t frameTicks, int64_t defaultTicks);
 
     struct Stamp {
         int64_t ticks = 0;

@@ -1,5 +1,5 @@
-// HDR of the usual format, 10-bit 4:2:0, which does not take the general way through zimg. The same
-// frame in 12 bits does.
+// PQ and HLG of 10-bit 4:2:0, which HdrConverter converts without zimg. The same frame in 12 bits
+// is converted with zimg, for comparison.
 #include <gtest/gtest.h>
 #include <math.h>
 #include <stdlib.h>

@@ -113,7 +113,8 @@ TEST_F(RequestTest, valuesThatNoEncoderSupports_becomeTheNearestUnlessAskedFor) 
     expectValues("audio-samplerate 48000 audio-channels 8");
     options.videoCodec = VideoCodec::kH263;
     expectValues("video-width 704 video-height 576");
-    EXPECT_THAT(shapeWarning(options, clip).value_or(""), HasSubstr("704x576 changes the shape"));
+    EXPECT_THAT(aspectRatioWarning(options, clip).value_or(""),
+                HasSubstr("704x576 changes the aspect ratio"));
     options.size = Size{640, 360};
     EXPECT_THAT(refusal(), HasSubstr("352x288"));
     options.size.reset();
@@ -124,12 +125,12 @@ TEST_F(RequestTest, valuesThatNoEncoderSupports_becomeTheNearestUnlessAskedFor) 
 
 TEST_F(RequestTest, sizesOfAnotherShape_areReportedWithTheFittingOne) {
     options.size = Size{640, 362};
-    EXPECT_FALSE(shapeWarning(options, clip));
+    EXPECT_FALSE(aspectRatioWarning(options, clip));
     clip.video->rotation = 270;
     EXPECT_EQ(
-        "--size 640x362 changes the shape of the 720x1280 input; --fit 640x362 would give "
+        "--size 640x362 changes the aspect ratio of the 720x1280 input; --fit 640x362 would give "
         "360x640",
-        shapeWarning(options, clip));
+        aspectRatioWarning(options, clip));
 }
 
 TEST_F(RequestTest, quality_hasTheInputsRateAsItsMaxUnlessEitherIsAskedFor) {

@@ -12,7 +12,7 @@ namespace {
 constexpr const char* kHelpBegin = R"(Usage: qmtranscode [OPTIONS] INPUT OUTPUT
 
 Decodes the first video track and the first audio track of INPUT and encodes
-them into OUTPUT, an MP4 or 3GP file: all of it, or only the periods to keep.
+them into OUTPUT, an MP4 or 3GP file: the whole input, or only periods of it.
 Values that are not given follow the input.
 
 )";
@@ -24,7 +24,7 @@ Examples
   qmtranscode in.mp4 out.mp4 --fps 15 --plan
 
 Exit status: 0 complete; 1 failed, another try may succeed; 2 wrong usage;
-3 the input cannot be transcoded, or not like this; 130 stopped by a signal.
+3 the input cannot be used, or not with these options; 130 stopped by a signal.
 )";
 
 // "--size WxH".

@@ -277,7 +277,7 @@ void CommandLine::define() {
 
     mGroup = "Video";
     app.add_option("--fit", o.fit)->check(boxSize());
-    describe("--fit", "WxH", "fit into this box; keeps the shape and never enlarges",
+    describe("--fit", "WxH", "fit into this box; keeps the aspect ratio and never enlarges",
              "The box is turned for an upright input.");
     // The last one is checked first.
     app.add_option("--size", o.size)->check(frameSize())->check(boxSize());
@@ -294,9 +294,9 @@ void CommandLine::define() {
     describe("--quality", "N",
              fmt::format("constant quality of AVC, {} (best) to {}; default {}", kMinQuality,
                          kMaxQuality, kDefaultQuality),
-             "x264's CRF. The default applies when --video-bitrate is not given. It then has a max "
-             "bit rate: that of the input, in proportion to the number of pixels, and higher where "
-             "the input's codec needs fewer bits than AVC.");
+             "x264's CRF. The default applies when --video-bitrate is not given. With the default, "
+             "there is a max bit rate: that of the input, in proportion to the number of pixels, "
+             "and higher where the input's codec needs fewer bits than AVC.");
     app.add_option("--video-codec", o.videoCodec)->transform(oneOf(videoCodecs()));
     describe("--video-codec", "NAME",
              "codec: " + listText(wordsOf(videoCodecs())) + "; default avc",
@@ -330,12 +330,12 @@ void CommandLine::define() {
              "AMR is mono: 8000 Hz in AMR-NB, 16000 Hz in AMR-WB.", wordsOf(audioCodecs()));
 
     app.add_option("--volume", o.volumeDb)->transform(level("dB", -kMaxVolumeDb, kMaxVolumeDb));
-    describe("--volume", "GAIN", "make the audio louder or quieter, such as -3dB",
+    describe("--volume", "GAIN", "change the volume by this gain, such as -3dB",
              "Samples beyond full scale are clipped.");
     app.add_option("--loudness", o.loudness)->transform(level("LUFS", kMinLoudness, kMaxLoudness));
     describe("--loudness", "LUFS", "integrated loudness of the output, such as -16",
-             "By EBU R 128. The audio is decoded once more to measure it, and peaks are limited to "
-             "-1 dBTP.");
+             "As EBU R 128 defines it. The input's audio is decoded once more to measure it, and "
+             "peaks of the output are limited to -1 dBTP.");
 
     mGroup = "Output file";
     app.add_option("--format", o.format)->transform(oneOf(fileFormats()));
@@ -344,18 +344,18 @@ void CommandLine::define() {
              "otherwise mp4.",
              wordsOf(fileFormats()));
     app.add_flag("--faststart", o.fastStart);
-    describe("--faststart", "", "write the index first, for playback while it loads");
+    describe("--faststart", "", "write the index first, for playback while the file loads");
     CLI::Option* const keepLocation = app.add_flag("--keep-location", o.keepLocation);
-    describe("--keep-location", "", "also keep the place of the recording",
+    describe("--keep-location", "", "also keep the location of the recording",
              "Without this option, uuid boxes whose XMP has a GPS position are dropped as well.");
     app.add_flag("--no-metadata", o.noMetadata)->excludes(keepLocation);
     describe("--no-metadata", "", "drop date, title, language, maker, model and software",
              "Without this option, they are those of the input.");
     app.add_option("--preset", o.preset)->check(oneOf(kPresets));
-    describe(
-        "--preset", "NAME",
-        fmt::format("AVC speed, {} to {}; default {}", kPresets.front(), kPresets.back(), o.preset),
-        "The values are " + listText(kPresets) + ".", kPresets);
+    describe("--preset", "NAME",
+             fmt::format("speed of the AVC encoder, {} to {}; default {}", kPresets.front(),
+                         kPresets.back(), o.preset),
+             "The values are " + listText(kPresets) + ".", kPresets);
     app.add_option("--threads", o.threads)->transform(integer(1, kMaxThreads));
     describe("--threads", "N",
              fmt::format("threads per video codec, 1 to {}; default: one per available CPU, at "
@@ -366,9 +366,8 @@ void CommandLine::define() {
     app.add_flag("--overwrite", o.overwrite);
     describe("--overwrite", "", "replace OUTPUT if it exists");
     app.add_option("--partial", o.keepPartial)->transform(oneOf(kPartialChoices));
-    describe("--partial", "CHOICE",
-             "after a stop, keep the shorter file (keep, the default) or not (discard)", "",
-             wordsOf(kPartialChoices));
+    describe("--partial", "CHOICE", "keep or discard the shorter file after a stop; default keep",
+             "", wordsOf(kPartialChoices));
 
     mGroup = "Reports";
     app.add_flag("--plan", o.plan);
@@ -529,7 +528,7 @@ std::optional<Failure> CommandLine::checkConflicts() const {
     }
     if (mOptions.quality && mOptions.videoCodec.value_or(VideoCodec::kAvc) != VideoCodec::kAvc) {
         return Failure{kExitUsage, given("--quality"),
-                       "only AVC has it; --video-bitrate works with every codec"};
+                       "only AVC has constant quality; --video-bitrate works with every codec"};
     }
     return std::nullopt;
 }

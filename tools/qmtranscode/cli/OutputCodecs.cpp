@@ -82,7 +82,7 @@ Size fitInto(const Size& box, const Size& shape) {
                                    static_cast<double>(box.height) / shape.height});
     // Without scaling, an odd row or column is cut off.
     if (scale == 1) return {std::max(2, shape.width & ~1), std::max(2, shape.height & ~1)};
-    // Rounding the shorter side changes the shape, more for some sizes than for others.
+    // Rounding the shorter side changes the aspect ratio, more for some sizes than for others.
     constexpr double kMaxDeviation = 0.005;
     constexpr int32_t kMaxLoss = 16;  // pixels of the longer side
     const bool isWide = shape.width >= shape.height;

@@ -49,11 +49,11 @@ int32_t amrBitrate(AudioCodec codec);
 // Whether the codec supports this frame size: one of the five of ITU-T H.263, table 5, or what the
 // 13-bit fields of ISO/IEC 14496-2 can hold.
 bool supportsSize(VideoCodec codec, const Size& size);
-// The largest frame size of the same shape inside the box, with even sides; never larger than
-// `shape`.
+// The largest frame size of the same aspect ratio inside the box, with even sides; never larger
+// than `shape`.
 Size fitInto(const Size& box, const Size& shape);
 // The largest frame size that the codec supports and that is not larger than `size`; for H.263,
-// which has only five, this changes the shape.
+// which has only five, this changes the aspect ratio.
 Size nearestSize(VideoCodec codec, const Size& size);
 // "H.263 supports only …": the sizes for which supportsSize() is true.
 std::string supportedSizesText(VideoCodec codec);

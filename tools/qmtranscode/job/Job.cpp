@@ -66,7 +66,7 @@ std::optional<Failure> Job::prepare() {
     auto format = makeOutputFormat(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
-    if (const auto warning = shapeWarning(mOptions, mInput.media())) {
+    if (const auto warning = aspectRatioWarning(mOptions, mInput.media())) {
         console::printLine("qmtranscode: " + *warning);
     }
     FrameSize size;
@@ -250,10 +250,10 @@ std::optional<Failure> Job::checkTracks(const OutputContents& output) const {
     const bool lacksVideo = mInput.media().video && !output.video;
     const bool lacksAudio = mInput.media().audio && !output.audio;
     if (lacksVideo && mObserver->video().skippedPackets > 0) {
-        return Failure{kExitUnusable, mInput.path(), "no frame of its video could be decoded"};
+        return Failure{kExitUnusable, mInput.path(), "no frame of the video could be decoded"};
     }
     if (lacksAudio && mObserver->audio().skippedPackets > 0) {
-        return Failure{kExitUnusable, mInput.path(), "nothing of its audio could be decoded"};
+        return Failure{kExitUnusable, mInput.path(), "no packet of the audio could be decoded"};
     }
     if (lacksVideo) {
         printMissing("video", mPeriods.empty() ? "the input's video track has no samples"

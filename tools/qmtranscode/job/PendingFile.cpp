@@ -121,7 +121,8 @@ std::optional<Failure> PendingFile::locate(const std::string& path) {
     }
     // Links below /proc lead to files that no path leads to, such as a pipe on standard output.
     if (stat(path.c_str(), &status) == 0 && !(mOlder && isSameFile(*mOlder, status))) {
-        return Failure{kExitUsage, path, "this is not a file in a directory"};
+        return Failure{kExitUsage, path,
+                       "this names an open file that is in no directory, such as a pipe"};
     }
     return std::nullopt;
 }

@@ -211,8 +211,8 @@ VideoRate videoRate(const Options& options, const MediaFile& input) {
     return rate;
 }
 
-std::optional<std::string> shapeWarning(const Options& options, const MediaFile& input) {
-    // Otherwise at most a row and a column are cut off, and --fit keeps the shape.
+std::optional<std::string> aspectRatioWarning(const Options& options, const MediaFile& input) {
+    // Otherwise at most a row and a column are cut off, and --fit keeps the aspect ratio.
     const bool mayChange = options.size || options.videoCodec == VideoCodec::kH263;
     if (!input.video || !mayChange) return std::nullopt;
     const bool sideways = isSideways(*input.video);
@@ -222,7 +222,7 @@ std::optional<std::string> shapeWarning(const Options& options, const MediaFile&
                           (static_cast<double>(after.height) * before.width);
     constexpr double kMaxChange = 1.01;
     if (std::max(change, 1 / change) <= kMaxChange) return std::nullopt;
-    const std::string changed = fmt::format("{}x{} changes the shape of the {}x{} input",
+    const std::string changed = fmt::format("{}x{} changes the aspect ratio of the {}x{} input",
                                             after.width, after.height, before.width, before.height);
     const std::string asked = options.size ? "--size " : "";
     if (options.videoCodec == VideoCodec::kH263) {

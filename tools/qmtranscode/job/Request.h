@@ -33,8 +33,8 @@ struct VideoRate {
 };
 VideoRate videoRate(const Options& options, const MediaFile& input);
 
-// One line for the user when the output's shape differs from the input's by more than 1 %.
-std::optional<std::string> shapeWarning(const Options& options, const MediaFile& input);
+// One line for the user when the output's aspect ratio differs from the input's by more than 1 %.
+std::optional<std::string> aspectRatioWarning(const Options& options, const MediaFile& input);
 
 // The container that was asked for, or that the codecs need.
 FileFormat outputFileFormat(const Options& options);

@@ -38,7 +38,7 @@ void Session::cancel() { mComponent->cancel(); }
 std::string reasonOf(int32_t result) {
     switch (result) {
         case kInvalidRequest:
-            return "no decoder could be set up for its tracks";
+            return "no decoder could be set up for the tracks of the input";
         case kNoThread:
             return "a thread could not be created";
         case kReadError:
@@ -48,7 +48,7 @@ std::string reasonOf(int32_t result) {
         case kStopped:
             return "the output could not be written";
         case kSessionFailed:
-            return "an encoder could not be created, or the output could not be finalized";
+            return "an encoder could not be created, or the output could not be finished";
         case kEncoderError:
             return "an encoder failed";
         default:

@@ -1,4 +1,4 @@
-// Turns the input's formats and the request into what the encoders are to make.
+// Derives the attributes of the encoders from the input's formats and the request.
 #include <Log.h>
 #include <SaturatingMath.h>
 #include <Transcode.h>
@@ -99,7 +99,7 @@ void applyVideoRequest(VideoAttribute* attribute, const AMessage& request) {
     request.findInt32("video-width", &attribute->mOutputWidth);
     request.findInt32("video-height", &attribute->mOutputHeight);
     const int32_t rate = int32Or(request, "video-framerate", 0);
-    // With a request, an unspecified rate does not mean the input's.
+    // A request without a rate means 15 frames per second, not the input's rate.
     attribute->mOutputFrameRate = rate > 0 ? rate : 15;
     request.findInt32("video-bitrate", &attribute->mBitrate);
     int32_t encoder;
@@ -177,7 +177,8 @@ int Transcode::setAudioEncoderInfo(AudioAttribute* attribute, sp<AMessage> forma
     return OK;
 }
 
-// Takes the decoder's channels and sample rate over; one that the format lacks keeps its value.
+// Sets the input's channel count and sample rate from the format. A value that the format lacks
+// stays as it was.
 void Transcode::readAudioInput(AudioAttribute* attribute, const AMessage& format) const {
     if (!format.findInt32("channel-count", &attribute->mInputChannelCount)) {
         QM_LOGW(kTag, "can not find channel-count");
@@ -238,7 +239,7 @@ void Transcode::readVideoInput(VideoAttribute* attribute, const AMessage& format
         attribute->mStride != attribute->mWidth || attribute->mSliceHeight != attribute->mHeight;
 }
 
-// Frames are held back only for an output that is long enough to fill batches.
+// Frames are handed over in batches only when the output is long enough to fill one.
 void Transcode::chooseFrameBufferSize(VideoAttribute* attribute) const {
     attribute->mFrameBufferSize = 0;
     if (isLongEnough(mFileAttribute.mDurationUs, attribute->mFrameRate, 10)) {
@@ -272,7 +273,8 @@ void Transcode::chooseVideoBitrate(VideoAttribute* attribute, const AMessage& fo
     }
 }
 
-// AVC stays at its profile and level unless the request changes the frame.
+// Without a request, the output has the profile and level of an AVC input. Else the encoder
+// chooses.
 void Transcode::chooseProfileAndLevel(VideoAttribute* attribute, const AMessage& format,
                                       bool requested) const {
     attribute->mProfile = 0;
@@ -297,7 +299,8 @@ int Transcode::findAVCVideoProfile(unsigned char* csd, int* profile, int* level)
     return OK;
 }
 
-// Turns the policy off for every input. The input reader still has the code that it would need.
+// Switches trimming by presentation times (mPTrimEnabled) off for every input. The input reader
+// still has the code for it.
 int Transcode::checkPTrimPolicy(sp<AMessage> fileFormat, sp<AMessage> /* videoFormat */,
                                 AudioAttribute* /* audio */, VideoAttribute* video) {
     if (mProperty->mPeriodCount < 2) {

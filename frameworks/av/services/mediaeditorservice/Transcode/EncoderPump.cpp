@@ -77,7 +77,7 @@ bool EncoderPump::startDetached(pthread_t* thread, void* (*entry)(void*), void* 
 void* EncoderPump::runDetached(void* (EncoderPump::*port)()) {
     const std::shared_ptr<WaitGroup> ports = mPorts;
     (this->*port)();
-    // The reference is dropped first, so that no port holds one after a wait for the group.
+    // The reference is dropped before leave(), so that no port holds one once waitIdle() returned.
     mOwner.thread.decStrong(this);
     ports->leave();
     return nullptr;
@@ -120,9 +120,9 @@ Next EncoderPump::fillInput(const sp<MediaCodec>& encoder, size_t index, TDecode
     }
     if (m.mExitRequested) return Next::kEnd;
     if (result == ERROR_END_OF_STREAM) return queueEOS(encoder, index);
-    // A sample that cannot be converted, or does not fit, would be missing in a file that looks
-    // whole. After an empty wake-up the record still holds the size and time of the sample before,
-    // and is queued.
+    // Without a sample that cannot be converted or does not fit, an incomplete file would be
+    // reported as complete. After kNoDecodedData the record still has the size and timestamp of the
+    // previous sample; it is queued with these.
     const bool fits = record->mSize <= record->mBuffer->capacity();
     if ((result != OK && result != kNoDecodedData) || !fits) return fail();
 
@@ -144,8 +144,8 @@ Next EncoderPump::signalInputEOS(const sp<MediaCodec>& encoder) {
     return Next::kEnd;
 }
 
-// The input port's last act. An encoder that refuses the end fails, because it would never deliver
-// the end of its output.
+// Queues the end of stream, which ends the input port. An encoder that refuses it has failed,
+// because it would never deliver the end of its output.
 Next EncoderPump::queueEOS(const sp<MediaCodec>& encoder, size_t index) {
     const status_t err =
         encoder->queueInputBuffer(index, 0, 0, 0, MediaCodec::BUFFER_FLAG_EOS, nullptr);
@@ -227,12 +227,13 @@ void EncoderPump::stopEncoder() {
         encoder->release();
         m.mLooper->stop();
     }
-    // The input port may wait for samples.
+    // The input port may be waiting for samples, and must see mExitRequested.
     mSource.decoded.wakeBoth();
     QM_LOGV(mKind.tag, "call stopEncoder end");
 }
 
-// The platform's thread may hold the encoder thread a moment longer than the ports run.
+// Waits for the ports only: the platform's Thread may hold a reference to the encoder thread for a
+// moment after both ports have ended.
 bool EncoderPump::retire() {
     mOwner.thread.requestExit();
     return m.mExitRequested && mPorts->waitIdle(kPortEndBoundNs);
@@ -279,7 +280,8 @@ void EncoderPump::wake() {
     m.mPauseCond.signal();
 }
 
-// The output-port thread exists in the interface; the output loop is the thread object itself.
+// A separate output-port thread is part of the interface only. It has nothing to do, because the
+// encoder thread itself runs the output loop.
 void* EncoderPump::outputThreadEntry() {
     QM_LOGV(mKind.tag, "outputThreadEntry start");
     QM_LOGV(mKind.tag, "outputThreadEntry end");

@@ -98,7 +98,7 @@ public:
     EncoderPump(const Kind& kind, const Owner& owner, SourceCore& source, const Steps& steps);
 
     // Set-up, on the session's thread. `prepare` runs between the encoder's configuration and its
-    // start. False, with the reason in the log and the encoder released, when it cannot be had.
+    // start. False, with the reason in the log and the encoder released, when it cannot be used.
     bool setUp(const sp<AMessage>& format, const std::function<bool()>& prepare);
     void startInputPort(void* (*entry)(void*), void* argument);
     // Runs the output loop of a thread that is `valid`. 0, or kSourceNotEnabled.

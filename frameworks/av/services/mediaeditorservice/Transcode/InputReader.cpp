@@ -1,4 +1,5 @@
-// The producer of compressed data: its own thread, from the extractor into the decoders.
+// The input reader, a thread that moves encoded samples from the extractor to the decoders and
+// reports the progress. Also the arithmetic of the periods, which the main loop shares.
 #include <Log.h>
 #include <SaturatingMath.h>
 #include <Transcode.h>
@@ -49,7 +50,7 @@ int Transcode::inputThreadEntry() {
             QM_LOGV(kTag, "Force stop : so sawInputEOS is changed as ture.");
             break;
         }
-        // Once the output has ended nobody takes what would be read.
+        // Once the main loop has ended, nobody takes the decoders' outputs.
         if (mOutputStopped) break;
         state = state == ReaderState::kFeeding ? feedDecoder() : signalInputEOS();
     }
@@ -58,7 +59,7 @@ int Transcode::inputThreadEntry() {
     return 0;
 }
 
-// One try at every decoder that has not been told the end yet.
+// Tries once to queue the end of stream at each decoder that has not got it yet.
 Transcode::ReaderState Transcode::signalInputEOS() {
     bool allEnded = true;
     for (int32_t i = 0; i < mTrackCount; ++i) {
@@ -88,8 +89,8 @@ Transcode::ReaderState Transcode::signalInputEOS() {
     return ReaderState::kEnded;
 }
 
-// Moves one sample on, or finds that there is none. A sample for which its decoder has no input
-// buffer yet stays in mSampleBuffer, and the next pass only queues it.
+// Moves one sample to its decoder, or finds that the input has ended. A sample for which its
+// decoder has no input buffer yet stays in mSampleBuffer, and the next pass only queues it.
 Transcode::ReaderState Transcode::feedDecoder() {
     PendingSample sample;
     status_t err = seekIfNeeded();
@@ -97,9 +98,10 @@ Transcode::ReaderState Transcode::feedDecoder() {
     if (err == OK) err = nextSample(&sample);
     if (err != OK) {
         QM_LOGV(kTag, "saw input eos");
-        // When every track has ended, which includes that none is selected, nothing is missing.
+        // A failure after every selected track has ended (or when none is selected) leaves nothing
+        // out.
         if (err == ERROR_END_OF_STREAM || allTracksEnded()) return ReaderState::kSignallingEnd;
-        // Taken for the end, a read error would make a part of the input look like a whole file.
+        // If a read error counted as the end, an incomplete output would be reported as complete.
         QM_LOGE(kTag, "the input could not be read: %d", err);
         fail(kReadError);
         return ReaderState::kEnded;
@@ -176,7 +178,7 @@ Transcode::ReaderState Transcode::queueSample(const PendingSample& sample) {
 
     const sp<MediaCodecBuffer>& buffer = bufferAt(kTag, state.mInBuffers, index);
     if (mSampleBuffer->size() > buffer->capacity()) {
-        // Without the sample a part of the input would look like a whole file.
+        // If the sample were skipped, an incomplete output would be reported as complete.
         QM_LOGE(kTag, "sample of %zu bytes does not fit the decoder's %zu", mSampleBuffer->size(),
                 buffer->capacity());
         fail(kEncoderError);
@@ -192,7 +194,7 @@ Transcode::ReaderState Transcode::queueSample(const PendingSample& sample) {
     }
     if (err != OK) {
         QM_LOGV(kTag, "input abort by invalid state");
-        // The decoder would wait for an end that nobody signals any more.
+        // This thread ends here, so the decoder never gets an end of stream: the run must end.
         fail(kDecoderError);
         return ReaderState::kEnded;
     }
@@ -215,7 +217,8 @@ void Transcode::printProgress(int64_t timeUs) {
     if (isTrimming()) {
         const int64_t firstStartUs = mProperty->mPeriods[0].mStartUs;
         const int64_t lastEndUs = mProperty->mPeriods[mProperty->mPeriodCount - 1].mEndUs;
-        // The margins let the last samples of the last period reach the end.
+        // The margins of 1 ms and 2 ms keep the value below 100 % up to the end of the last period;
+        // a sample 1 ms after it reaches 100 %.
         done = saturatingSub(saturatingAdd(timeUs, 1000), firstStartUs);
         whole = saturatingSub(saturatingAdd(lastEndUs, 2000), firstStartUs);
     }
@@ -227,8 +230,8 @@ void Transcode::printProgress(int64_t timeUs) {
     reportProgress(progress);
 }
 
-// On both threads that report, an exception would leave the session's other threads running without
-// an owner.
+// Called on the session's thread and on the input reader. On either one, an exception would leave
+// the session's other threads running without an owner.
 void Transcode::reportProgress(int32_t percent) const {
     try {
         mProperty->mProgressCallback(percent);
@@ -294,7 +297,7 @@ int Transcode::makeSampleList(sp<QmMediaExtractorWrapper> extractor, List<Sample
         const status_t err = extractor->getSampleTrackIndex(&trackIndex);
         if (trackIndex >= static_cast<size_t>(mTrackCount)) break;
         const Track& track = mpTrack[trackIndex];
-        // The sample counts before it is known whether there is one.
+        // Counted before `err` is checked, so that a failed call counts as a sample, too.
         if (track.mSelected) ++(track.mCodecStatus->mIsAudio ? audioCount : videoCount);
         if (err != OK) break;
         if (!track.mSelected) {

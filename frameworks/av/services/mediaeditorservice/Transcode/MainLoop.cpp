@@ -139,7 +139,7 @@ int32_t Transcode::runLoop() {
             if (!mpTrack[i].mSelected) continue;
             result = runDecoder(&decodedList, i, kDecoderOutputTimeoutUs);
             // A source records that its encoder failed in the middle of the run, or that a thread
-            // could not be created. runDecoder() sees only that an encoder could not be had.
+            // could not be created. runDecoder() sees only that an encoder could not be created.
             int32_t failure = sourceFailure();
             if (failure == OK && result == kEncoderError) failure = kEncoderError;
             if (failure != OK) {

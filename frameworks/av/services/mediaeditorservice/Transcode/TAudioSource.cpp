@@ -141,7 +141,8 @@ status_t TAudioSource::pushDecodedBuffer(TDecodedSample& sample, bool inputEnded
     return err;
 }
 
-// The decoder's time is only logged: output time is the running sum of PCM bytes. True.
+// Sets the timestamp to the duration of all PCM before the sample; the decoder's timestamp is only
+// logged. Returns true, because no audio is dropped.
 bool TAudioSource::stampTime(TDecodedSample* sample) {
     QM_LOGV(kTag, "In Sample info : size[%zu]:TimeUs[%lld]", sample->mSize,
             wide(sample->mPresentationTimeUs));
@@ -164,7 +165,7 @@ bool TAudioSource::stampTime(TDecodedSample* sample) {
     sample->mPresentationTimeUs = mNextTimeUs;
     const int64_t bytesPerSecond =
         saturatingMul(static_cast<int64_t>(channels) * sampleRate, bitDepth) / 8;
-    // Time stands still in a format that has no bytes a second.
+    // Timestamps do not advance in a format without a byte rate, such as one with 0 channels.
     if (bytesPerSecond != 0) {
         const int64_t stepUs =
             saturatingMul(static_cast<int64_t>(sample->mSize), 1000000) / bytesPerSecond;
@@ -214,7 +215,7 @@ TAudioSource::MediaEncoderThread::~MediaEncoderThread() {
     QM_LOGV(kTag, "Decontructor MediaEncoderThread");
 }
 
-// Makes a converter when the encoder's PCM is not the decoder's.
+// Makes a converter when the encoder takes another PCM format than the decoder delivers.
 bool TAudioSource::MediaEncoderThread::setUpConversion(const AMessage& format) {
     format.findInt32("input-channel-count", &mInChannelCount);
     format.findInt32("input-sample-rate", &mInSampleRate);
@@ -313,8 +314,8 @@ void TAudioSource::MediaEncoderThread::copyPcm(const TDecodedSample& head, TDeco
             head.mBuffer->size(), input->mBuffer->capacity());
     memcpy(input->mBuffer->base(), head.mBuffer->data(),
            std::min(head.mBuffer->size(), input->mBuffer->capacity()));
-    // The full size even when less was copied: the encoder refuses it, and the run ends with an
-    // error.
+    // The full size even when less was copied: EncoderPump::fillInput() finds that it exceeds the
+    // buffer, and the run ends with an error.
     input->mSize = head.mSize;
 }
 
@@ -337,7 +338,8 @@ Next TAudioSource::MediaEncoderThread::drainEncoder(const sp<MediaCodec>& codec)
     return err == -EAGAIN ? Next::kGoOn : mPump.fail();
 }
 
-// The last output is forwarded only with data after time 0.
+// The output with the end-of-stream flag is forwarded only when it has data and a timestamp after
+// 0.
 Next TAudioSource::MediaEncoderThread::forwardOutput(const sp<MediaCodec>& codec) {
     QM_LOGV(kTag, "draining output buffer %zu, time = %lld us, size = %zu", mOutput.mIndex,
             wide(mOutput.mTimeUs), mOutput.mSize);

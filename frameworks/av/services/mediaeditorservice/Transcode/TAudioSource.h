@@ -27,7 +27,7 @@ public:
     void setStopTest(std::function<bool()> test) { mCore.setStopTest(std::move(test)); }
 
     // Makes the pool for the writer and the encoder with its threads; again when the format
-    // changes. 0, or -1100 when the encoder cannot be had.
+    // changes. 0, or -1100 when the encoder cannot be created.
     status_t enable(const AudioAttribute& attribute, sp<AMessage> decoderOutputFormat);
 
     status_t start(MetaData* = nullptr) override { return mCore.start(); }

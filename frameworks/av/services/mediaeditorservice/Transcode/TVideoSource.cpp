@@ -13,7 +13,7 @@ namespace {
 constexpr int32_t kDefaultFrameBufferSize = 10;
 constexpr uint32_t kFlagEOS = MediaCodec::BUFFER_FLAG_EOS;
 
-// In TEncodedSample::mSpare2: the duration follows from the frame rate.
+// A value of TEncodedSample::mSpare2: the sample lasts for the interval of the output's frame rate.
 constexpr int64_t kDurationFromFrameRate = -1;
 
 }  // namespace
@@ -80,7 +80,8 @@ void TVideoSource::fillFormat(AMessage* format) const {
     format->setInt32("slice-height", mAttribute.mOutputHeight);
 }
 
-// Bytes of one 4:2:0 frame of the output, 0 for a size that cannot be.
+// Bytes of one 4:2:0 frame of the output. 0 for a side below 1, and when the bytes exceed an
+// int32_t.
 int32_t TVideoSource::outputFrameBytes() const {
     if (mAttribute.mOutputWidth < 1 || mAttribute.mOutputHeight < 1) return 0;
     const int64_t bytes =
@@ -161,7 +162,8 @@ status_t TVideoSource::read(MediaBufferBase** buffer, const ReadOptions*) {
             meta.setInt32(kKeyIsSyncFrame, 1);
         }
         meta.setInt64(kKeyTime, sample.mTimeUs);
-        // The encoder does not reorder: frames are decoded in the order in which they are shown.
+        // The encoder does not reorder, so the presentation time is the decoding time as well. The
+        // sample's own mDecodingTimeUs does not reach the writer.
         meta.setInt64(kKeyDecodingTime, sample.mTimeUs);
     });
 }
@@ -179,8 +181,8 @@ status_t TVideoSource::pushEncodedBuffer(TEncodedSample* sample) {
         [this](TEncodedSample* copy) REQUIRES(mEncodedLock) { stampDecodingTime(copy); });
 }
 
-// Decoding times go up by the sample's duration, never beyond a presentation time that lies before
-// them.
+// A sample's decoding time is the one of the sample before plus the sample's duration, but never
+// later than the sample's presentation time.
 void TVideoSource::stampDecodingTime(TEncodedSample* sample) {
     int64_t timeUs = sample->mDecodingTimeUs;
     if (mLastTimeUs <= 0) {
@@ -232,7 +234,7 @@ void TVideoSource::cropFrame(TDecodedSample& in, TDecodedSample& out,
         mAttribute.mOutputHeight, mAttribute.mColorFormat, out.mBuffer->data(), mColorUtils);
 }
 
-// The visible frame lies inside its planes, and both frames inside their buffers.
+// True when the visible frame lies inside its planes, and both frames fit their buffers.
 bool TVideoSource::frameFits(const TDecodedSample& in, const TDecodedSample& out,
                              size_t outBytes) const {
     const VideoAttribute& a = mAttribute;
@@ -252,7 +254,7 @@ int TVideoSource::getCurrentEffect(int64_t timeUs) {
     QM_LOGV(kTag, "getCurrentEffect(%lld) : start", wide(timeUs));
     Mutex::Autolock guard(mDecodedLock);
     if (!mAttribute.mUseSurface) return 0;
-    // The host's parameter begins with an address; as wide as one is on this machine.
+    // mSurfaceParam1 begins with an address, which is as wide as this machine's addresses.
     static_assert(sizeof(const int32_t*) <= sizeof(OpaqueParam), "the parameter holds an address");
     const int32_t* effect;
     memcpy(&effect, &mAttribute.mSurfaceParam1, sizeof(effect));
@@ -316,8 +318,7 @@ status_t TVideoSource::MediaEncoderThread::readDecodedData(TDecodedSample& out) 
     if (err != OK) return err;
 
     TDecodedSample head = core.decoded.pop();
-    // Only the end-of-stream marker has no buffer; one with further flags must end the track as
-    // well.
+    // Only an end-of-stream marker has no buffer. A marker with further flags ends the track, too.
     if (head.mFlags == kFlagEOS || head.mBuffer == nullptr) {
         QM_LOGV(kTag, "inputSample EOS");
         core.decoded.wakeProducer();
@@ -331,7 +332,8 @@ status_t TVideoSource::MediaEncoderThread::readDecodedData(TDecodedSample& out) 
     return OK;
 }
 
-// Takes output until there is none, an end, or a stop; the result that ended it.
+// Forwards the encoder's outputs until none is left, the last one was taken or the source is
+// stopped. Returns the result of the dequeue that ended the loop, or OK.
 status_t TVideoSource::MediaEncoderThread::drainOutput(const sp<MediaCodec>& codec) {
     while (!mOutputEOS) {
         TEncodedSample output;
@@ -356,7 +358,7 @@ status_t TVideoSource::MediaEncoderThread::drainOutput(const sp<MediaCodec>& cod
     return OK;
 }
 
-// The last output carries no frame.
+// The output with the end-of-stream flag has no frame, so it is not forwarded.
 void TVideoSource::MediaEncoderThread::forwardOutput(const sp<MediaCodec>& codec,
                                                      TEncodedSample* output) {
     mPump.takeOutput(output);

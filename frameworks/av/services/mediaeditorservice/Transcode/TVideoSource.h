@@ -31,7 +31,7 @@ public:
     void setSampleBufferNumber(int count);
 
     // Rebuilds the formats, the pool for the writer and the encoder with its threads; again when
-    // the format changes. 0, or -1100 when the encoder cannot be had.
+    // the format changes. 0, or -1100 when the encoder cannot be created.
     status_t enable(const VideoAttribute& attribute, sp<AMessage> decoderOutputFormat);
 
     // For HDR input: tells the colour converter the layout to produce. 0.

@@ -19,7 +19,7 @@ enum : int32_t {
     kReadError = -1004,      // the input could not be read
     kDecoderError = -1007,   // a decoder refused an input
     kSessionFailed = -1010,  // extractor, source or writer failed
-    kEncoderError = -1130,   // an encoder could not be had or failed, or a sample could not be
+    kEncoderError = -1130,   // an encoder could not be created or failed, or a sample could not be
                              // copied or converted
 
     // Between the operations of the component; process() returns none of them.

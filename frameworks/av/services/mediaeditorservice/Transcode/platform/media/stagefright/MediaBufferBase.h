@@ -23,7 +23,7 @@ private:
 
 class MediaBufferBase {
 public:
-    // Null when `size` bytes cannot be had.
+    // Null when `size` bytes cannot be allocated.
     static MediaBufferBase* Create(size_t size);
 
     // Gives the buffer back: to its observer when it has one, else it is deleted with its last

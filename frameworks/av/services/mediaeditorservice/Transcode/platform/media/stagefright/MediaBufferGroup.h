@@ -20,7 +20,7 @@ public:
 
     // Hands out a free buffer of at least `requestedSize` bytes with one reference; a free one that
     // is too small is replaced by a larger one. Without a free buffer it waits, or returns
-    // WOULD_BLOCK when `nonBlocking` is set. NO_MEMORY when the larger one cannot be had.
+    // WOULD_BLOCK when `nonBlocking` is set. NO_MEMORY when the larger one cannot be allocated.
     status_t acquire_buffer(MediaBufferBase** buffer, bool nonBlocking = false,
                             size_t requestedSize = 0);
 
