@@ -8,6 +8,7 @@
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "host/convert/ColorTags.h"
@@ -54,6 +55,14 @@ size_t inputBytesOf(const AMessage& format, int width, int height) {
 
 size_t outputCount(int threads) {
     return std::clamp(2 * static_cast<size_t>(threads), kMinOutputCount, kMaxOutputCount);
+}
+
+// Measured with AVC on both sides. Slower presets do more, and then the decoder needs no more
+// threads than with this one.
+double encodingWork(const std::string& preset) {
+    if (preset == "ultrafast") return 0.6;
+    if (preset == "superfast") return 1;
+    return 2.4;
 }
 
 void allowThreads(AVCodecContext* context, int threads) {
@@ -122,10 +131,12 @@ private:
 }  // namespace
 
 VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads,
-                           const std::optional<FrameSize>& outputSize)
+                           const std::optional<FrameSize>& outputSize,
+                           const std::string& encoderPreset)
     : mSession(std::move(session)),
       mThreads(codecThreads(threads)),
       mRequestedSize(outputSize),
+      mEncodingWork(encodingWork(encoderPreset)),
       mFrame(av_frame_alloc()),
       mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
 
@@ -149,7 +160,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     }
     context->opaque = this;
     context->get_buffer2 = getBuffer;
-    allowThreads(context, mThreads);
+    allowThreads(context, threadsFor(*context));
     // Opening the decoder may change the size.
     const int codedWidth = context->width;
     const int codedHeight = context->height;
@@ -176,6 +187,23 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     buffers->outputCount = outputCount(mThreads);
     buffers->announcesFormat = true;
     return OK;
+}
+
+// Decoder and encoder share the cores, and each thread of the decoder holds frames. So it gets its
+// share of the work in threads, and where there are more than two one more, because frames differ.
+// Decoders other than AVC's take longer, and frames in other formats are converted as well.
+int VideoDecoder::threadsFor(const AVCodecContext& context) const {
+    if (context.codec_id != AV_CODEC_ID_H264 || context.pix_fmt != AV_PIX_FMT_YUV420P) {
+        return mThreads;
+    }
+    const auto pixels = static_cast<double>(pixelsOf({context.width, context.height}));
+    double encodedPixels = pixels;
+    if (mRequestedSize) {
+        encodedPixels = std::min(encodedPixels, static_cast<double>(pixelsOf(*mRequestedSize)));
+    }
+    const double share = pixels / (pixels + encodedPixels * mEncodingWork);
+    const int threads = static_cast<int>(std::ceil(share * mThreads)) + (mThreads > 2 ? 1 : 0);
+    return std::clamp(threads, 1, mThreads);
 }
 
 // Decoders write whole blocks, which need more room than the visible frame.

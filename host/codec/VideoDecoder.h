@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 
 #include "host/codec/CodecBackend.h"
 #include "host/codec/PacketCodecs.h"
@@ -65,9 +66,10 @@ private:
 
 class VideoDecoder : public CodecBackend {
 public:
-    // `session` may be null; `threads` and `outputSize` as in HostOptions.
+    // `session` may be null; the others are HostOptions' threads, frameSize and avcPreset.
     explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0,
-                          const std::optional<FrameSize>& outputSize = std::nullopt);
+                          const std::optional<FrameSize>& outputSize = std::nullopt,
+                          const std::string& encoderPreset = "ultrafast");
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -78,6 +80,7 @@ public:
     OutputSequencer::MemberState memberState() const override;
 
 private:
+    int threadsFor(const AVCodecContext& context) const;
     FrameLayout layoutOf(const FrameSize& size);
     // Sets the layout of all outputs.
     void setLayout(const FrameSize& decoded);
@@ -94,6 +97,7 @@ private:
     const std::shared_ptr<SessionTimeline> mSession;
     const int mThreads;
     const std::optional<FrameSize> mRequestedSize;
+    const double mEncodingWork;  // for a pixel, where decoding one takes 1
     const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;
     VideoFrameConverter mConverter;
