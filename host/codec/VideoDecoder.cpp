@@ -362,6 +362,14 @@ bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
     const std::shared_ptr<FramePool> pool = this->pool();
     const FrameLayout& layout = pool->layout();
     const bool asItIs = VideoFrameConverter::isWorkingFrame(*mFrame, layout.width, layout.height);
+    if (mSession != nullptr && mSession->isCut(mLastTimeUs) &&
+        VideoFrameConverter::canConvert(mFrame->format)) {
+        const FramePool& outputs = mScaledPool == nullptr ? *pool : *mScaledPool;
+        FramePtr unused(av_frame_alloc());
+        if (unused == nullptr || !outputs.attach(unused.get())) return false;
+        *buffer = outputs.wrap(unused.get());
+        return *buffer != nullptr;
+    }
     if (asItIs && mScaledPool != nullptr) return scaledFrame(*mFrame, buffer);
     if (asItIs && pool->fits(*mFrame)) {
         *buffer = pool->wrap(mFrame.get());

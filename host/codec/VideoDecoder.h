@@ -90,7 +90,9 @@ private:
     static bool decodesInto(const FramePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<FramePool> pool();
     int64_t timeOf(const AVFrame& frame) const;
-    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
+    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short. What a
+    // frame outside of the session's periods shows is not defined: it was decoded because others
+    // refer to it.
     bool workingFrame(sp<ABuffer>* buffer);
     bool scaledFrame(const AVFrame& frame, sp<ABuffer>* buffer);
 
