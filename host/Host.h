@@ -113,8 +113,9 @@ struct HostOptions {
     std::optional<std::vector<int64_t>> cutTimesUs;
     // May be null; outlives the platform.
     HostObserver* observer = nullptr;
-    // Threads of each video codec. 0: the number of CPUs that this process may use, by its affinity
-    // mask and the quota of its control group, but at most 16.
+    // Threads of each video codec; a decoder that has less to do than the encoder gets fewer. 0:
+    // the number of CPUs that this process may use, by its affinity mask and the quota of its
+    // control group, but at most 16.
     int threads = 0;
     // Size of the frames that the session encodes, where its request has one. A video decoder then
     // delivers larger frames scaled down to it.

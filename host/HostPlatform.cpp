@@ -110,8 +110,7 @@ private:
             return std::make_unique<AudioDecoder>(mOptions.cutTimesUs, mOptions.observer);
         }
         if (mime.startsWithIgnoreCase("video/")) {
-            return std::make_unique<VideoDecoder>(session(), mOptions.threads, mOptions.frameSize,
-                                                  mOptions.deinterlace);
+            return std::make_unique<VideoDecoder>(mOptions, session());
         }
         return nullptr;
     }

@@ -38,6 +38,14 @@ double SessionTimeline::averageFrameRate() const {
     return mAverageFrameRate;
 }
 
+bool SessionTimeline::isCut(int64_t timeUs) const {
+    Mutex::Autolock lock(mLock);
+    return !mPeriods.empty() &&
+           std::none_of(mPeriods.begin(), mPeriods.end(), [timeUs](const Period& period) {
+               return period.startUs <= timeUs && timeUs < period.endUs;
+           });
+}
+
 void SessionTimeline::addFrame(int64_t timeUs, int64_t durationUs) {
     Mutex::Autolock lock(mLock);
     for (Period& period : mPeriods) {

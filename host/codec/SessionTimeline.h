@@ -35,6 +35,9 @@ public:
     void setAverageFrameRate(double rate);
     double averageFrameRate() const;
 
+    // For the video decoder: a frame with this time of the input lies outside of the periods, so
+    // that the session drops it. False when they are not known.
+    bool isCut(int64_t timeUs) const;
     // For the video decoder: a frame of the input is shown at `timeUs` for `durationUs`, or for an
     // unknown time when that is 0.
     void addFrame(int64_t timeUs, int64_t durationUs);

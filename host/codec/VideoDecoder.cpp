@@ -8,6 +8,7 @@
 #include <media/stagefright/foundation/MediaDefs.h>
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "host/codec/InputLimits.h"
@@ -55,6 +56,14 @@ size_t inputBytesOf(const AMessage& format, int width, int height) {
 
 size_t outputCount(int threads) {
     return std::clamp(2 * static_cast<size_t>(threads), kMinOutputCount, kMaxOutputCount);
+}
+
+// Measured with AVC on both sides. Slower presets do more, and then the decoder needs no more
+// threads than with this one.
+double encodingWork(const std::string& preset) {
+    if (preset == "ultrafast") return 0.6;
+    if (preset == "superfast") return 1;
+    return 2.4;
 }
 
 void allowThreads(AVCodecContext* context, int threads) {
@@ -122,12 +131,12 @@ private:
 
 }  // namespace
 
-VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads,
-                           const std::optional<FrameSize>& outputSize, bool deinterlaces)
+VideoDecoder::VideoDecoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session)
     : mSession(std::move(session)),
-      mThreads(codecThreads(threads)),
-      mRequestedSize(outputSize),
-      mDeinterlaces(deinterlaces),
+      mThreads(codecThreads(options.threads)),
+      mRequestedSize(options.frameSize),
+      mEncodingWork(encodingWork(options.avcPreset)),
+      mDeinterlaces(options.deinterlace),
       mFrame(av_frame_alloc()),
       mDeinterlacer(mThreads),
       mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
@@ -155,7 +164,7 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     }
     context->opaque = this;
     context->get_buffer2 = getBuffer;
-    allowThreads(context, mThreads);
+    allowThreads(context, threadsFor(*context));
     // Opening the decoder may change the size.
     const int codedWidth = context->width;
     const int codedHeight = context->height;
@@ -182,6 +191,23 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     buffers->outputCount = outputCount(mThreads);
     buffers->announcesFormat = true;
     return OK;
+}
+
+// Decoder and encoder share the cores, and each thread of the decoder holds frames. So it gets its
+// share of the work in threads, and where there are more than two one more, because frames differ.
+// Decoders other than AVC's take longer, and frames in other formats are converted as well.
+int VideoDecoder::threadsFor(const AVCodecContext& context) const {
+    if (context.codec_id != AV_CODEC_ID_H264 || context.pix_fmt != AV_PIX_FMT_YUV420P) {
+        return mThreads;
+    }
+    const auto pixels = static_cast<double>(pixelsOf({context.width, context.height}));
+    double encodedPixels = pixels;
+    if (mRequestedSize) {
+        encodedPixels = std::min(encodedPixels, static_cast<double>(pixelsOf(*mRequestedSize)));
+    }
+    const double share = pixels / (pixels + encodedPixels * mEncodingWork);
+    const int threads = static_cast<int>(std::ceil(share * mThreads)) + (mThreads > 2 ? 1 : 0);
+    return std::clamp(threads, 1, mThreads);
 }
 
 // Decoders write whole blocks, which need more room than the visible frame.
@@ -389,6 +415,14 @@ bool VideoDecoder::workingFrame(sp<ABuffer>* buffer) {
     const std::shared_ptr<FramePool> pool = this->pool();
     const FrameLayout& layout = pool->layout();
     const bool asItIs = VideoFrameConverter::isWorkingFrame(*mFrame, layout.width, layout.height);
+    if (mSession != nullptr && mSession->isCut(mLastTimeUs) &&
+        VideoFrameConverter::canConvert(mFrame->format)) {
+        const FramePool& outputs = mScaledPool == nullptr ? *pool : *mScaledPool;
+        FramePtr unused(av_frame_alloc());
+        if (unused == nullptr || !outputs.attach(unused.get())) return false;
+        *buffer = outputs.wrap(unused.get());
+        return *buffer != nullptr;
+    }
     if (asItIs && mScaledPool != nullptr) return scaledFrame(*mFrame, buffer);
     if (asItIs && pool->fits(*mFrame)) {
         *buffer = pool->wrap(mFrame.get());

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 
 #include "host/codec/CodecBackend.h"
 #include "host/codec/PacketCodecs.h"
@@ -66,10 +67,9 @@ private:
 
 class VideoDecoder : public CodecBackend {
 public:
-    // `session` may be null; `threads`, `outputSize` and `deinterlaces` as in HostOptions.
-    explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0,
-                          const std::optional<FrameSize>& outputSize = std::nullopt,
-                          bool deinterlaces = true);
+    // Of the options, threads, frameSize, avcPreset and deinterlace count. `session` may be null.
+    explicit VideoDecoder(const HostOptions& options = {},
+                          std::shared_ptr<SessionTimeline> session = nullptr);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -80,6 +80,7 @@ public:
     OutputSequencer::MemberState memberState() const override;
 
 private:
+    int threadsFor(const AVCodecContext& context) const;
     FrameLayout layoutOf(const FrameSize& size);
     // Sets the layout of all outputs.
     void setLayout(const FrameSize& decoded);
@@ -93,13 +94,16 @@ private:
     PacketDecoder::Received deinterlacingFailed(status_t status);
     void reportInterlaced();
     int64_t timeOf(const AVFrame& frame) const;
-    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
+    // Leaves `buffer` null for a frame that cannot be converted. False when memory is short. What a
+    // frame outside of the session's periods shows is not defined: it was decoded because others
+    // refer to it.
     bool workingFrame(sp<ABuffer>* buffer);
     bool scaledFrame(const AVFrame& frame, sp<ABuffer>* buffer);
 
     const std::shared_ptr<SessionTimeline> mSession;
     const int mThreads;
     const std::optional<FrameSize> mRequestedSize;
+    const double mEncodingWork;  // for a pixel, where decoding one takes 1
     const bool mDeinterlaces;
     const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;

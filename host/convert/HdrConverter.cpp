@@ -275,7 +275,12 @@ HdrConverter::HdrConverter(const zimg_image_format& from)
 void HdrConverter::convert(const FramePlanes& from, const FramePlanes& to,
                            Instructions instructions) {
     mInstructions = instructions;
+    if (shouldUseAvx512(instructions)) return convertWithAvx512(from, to);
     if (shouldUseAvx2(instructions)) return convertWithAvx2(from, to);
+    convertRows(from, to);
+}
+
+void HdrConverter::convertWithAvx512(const FramePlanes& from, const FramePlanes& to) {
     convertRows(from, to);
 }
 

@@ -37,6 +37,7 @@ private:
     typedef std::vector<int16_t> Offsets;  // in 1/32 of a code
     typedef std::vector<uint16_t> Row;
 
+    QM_AVX512 void convertWithAvx512(const FramePlanes& from, const FramePlanes& to);
     QM_AVX2 void convertWithAvx2(const FramePlanes& from, const FramePlanes& to);
     void convertRows(const FramePlanes& from, const FramePlanes& to);
     // Sets `to` to a row of chroma, less its neutral code, at the positions of luma.

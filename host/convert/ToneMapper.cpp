@@ -53,7 +53,13 @@ ToneMapper::ToneMapper() {
 
 void ToneMapper::mapRow(const float* const linear[3], int width, uint16_t* const coded[3],
                         Instructions instructions) const {
+    if (shouldUseAvx512(instructions)) return mapRowWithAvx512(linear, width, coded);
     if (shouldUseAvx2(instructions)) return mapRowWithAvx2(linear, width, coded);
+    mapBlocks(linear, width, coded);
+}
+
+void ToneMapper::mapRowWithAvx512(const float* const linear[3], int width,
+                                  uint16_t* const coded[3]) const {
     mapBlocks(linear, width, coded);
 }
 

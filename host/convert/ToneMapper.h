@@ -49,6 +49,8 @@ private:
     // The middle of the light that has this index.
     static double lightAt(size_t index);
 
+    QM_AVX512 void mapRowWithAvx512(const float* const linear[3], int width,
+                                    uint16_t* const coded[3]) const;
     QM_AVX2 void mapRowWithAvx2(const float* const linear[3], int width,
                                 uint16_t* const coded[3]) const;
     void mapBlocks(const float* const linear[3], int width, uint16_t* const coded[3]) const;

@@ -94,7 +94,7 @@ private:
     }
 
     Region* addRegion(size_t blockBytes, size_t blocks) REQUIRES(mLock) {
-        // Large pages begin at multiples of their size.
+        // Large pages begin at multiples of their size. Their rest has room for more small blocks.
         const size_t bytes = roundUp(blockBytes * blocks, kLargePage);
         void* mapped = mmap(nullptr, bytes + kLargePage, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -106,7 +106,7 @@ private:
         if (before < kLargePage) munmap(start + before + bytes, kLargePage - before);
         // Where there are none, small pages do.
         madvise(start + before, bytes, MADV_HUGEPAGE);
-        mRegions.push_back({start + before, bytes, blockBytes, blocks});
+        mRegions.push_back({start + before, bytes, blockBytes, bytes / blockBytes});
         return &mRegions.back();
     }
 

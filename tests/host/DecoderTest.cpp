@@ -230,7 +230,7 @@ protected:
     }
 
     const sp<OutputSequencer> mSequencer = new OutputSequencer;
-    std::optional<VideoDecoder> mDecoder{std::in_place, nullptr, 1};
+    std::optional<VideoDecoder> mDecoder{std::in_place, fastOptions()};
     sp<ABuffer> mBuffer;  // of the last output
     std::vector<int64_t> mTimesUs;
 };
@@ -299,13 +299,26 @@ TEST_F(VideoDecoderTest, aFrameLargerThanTheOutputIsScaledAsTheEncodersInputWoul
                 COLOR_FormatYUV420Planar, mBuffer->data(), kSmall.width, kSmall.height,
                 COLOR_FormatYUV420Planar, expected.data(), nullptr});
 
-    mDecoder.emplace(nullptr, 1, kSmall);
+    // What frames outside of the period show does not matter, but the session counts them.
+    HostOptions options;
+    options.cutTimesUs = {40000, 80000};
+    options.threads = 1;
+    options.frameSize = kSmall;
+    mDecoder.emplace(options, std::make_shared<SessionTimeline>(options));
     configure();
-    feed(packet(), 0);
-    drain();
+    mTimesUs.clear();
+    const std::vector<uint8_t> black(packet().size(), 16);
+    sp<ABuffer> kept;
+    for (const int64_t timeUs : {0, 40000, 80000}) {
+        feed(timeUs == 40000 ? packet() : black, timeUs);
+        drain();
+        if (timeUs == 40000) kept = mBuffer;
+        EXPECT_EQ(kept == nullptr ? mBuffer->size() : kept->size(), mBuffer->size());
+    }
+    EXPECT_EQ((std::vector<int64_t>{0, 40000, 80000}), mTimesUs);
     const int stride = valueOf("stride");
     for (int y = 0; y < kSmall.height; ++y) {
-        ASSERT_EQ(0, memcmp(expected.data() + y * kSmall.width, mBuffer->data() + y * stride,
+        ASSERT_EQ(0, memcmp(expected.data() + y * kSmall.width, kept->data() + y * stride,
                             size_t{kSmall.width}))
             << y;
     }

@@ -130,6 +130,7 @@ TEST_P(HdrConverterTest, givesTheSameFrameWithoutVectorInstructions) {
     }
     for (int location = ZIMG_CHROMA_LEFT; location <= ZIMG_CHROMA_BOTTOM; ++location) {
         const auto best = converted(frame, GetParam(), location, Instructions::kBest);
+        EXPECT_EQ(converted(frame, GetParam(), location, Instructions::kUpToAvx2), best);
         EXPECT_EQ(converted(frame, GetParam(), location, Instructions::kPortable), best);
         EXPECT_GE(*std::min_element(best.begin(), best.end()), 16);
         EXPECT_LE(*std::max_element(best.begin(), best.end()), 240);
