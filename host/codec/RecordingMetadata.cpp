@@ -49,7 +49,7 @@ struct Moment {
 
 std::optional<Moment> parseDate(const std::string& text) {
     static const std::regex kPattern(
-        R"((\d{4})(?:-(\d\d)(?:-(\d\d)(?:[T ](\d\d):(\d\d)(?::(\d\d)(?:[.,]\d{1,9})?)?)"
+        R"((\d{4})(?:[-:](\d\d)(?:[-:](\d\d)(?:[T ](\d\d):(\d\d)(?::(\d\d)(?:[.,]\d{1,9})?)?)"
         R"((Z|[+-]\d\d(?::?\d\d)?)?)?)?)?)");
     constexpr size_t kMaxDateBytes = 40;
     std::smatch parts;

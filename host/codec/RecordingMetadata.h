@@ -45,6 +45,13 @@ struct UnusedMetadata {
     Reason reason;
 };
 
+// In microseconds of the extractor's timestamps.
+struct Chapter {
+    int64_t startUs;
+    int64_t endUs;
+    std::string title;  // as cleanMetadata() returns it
+};
+
 struct RecordingMetadata {
     // Each value is the result of cleanMetadata() and not empty.
     std::map<MetadataField, std::string> fields;
@@ -52,6 +59,8 @@ struct RecordingMetadata {
     bool isAndroid = false;
     // At most kMaxUnusedMetadata.
     std::vector<UnusedMetadata> unused;
+    // In time order, without overlap; at most kMaxChapters. No output has them.
+    std::vector<Chapter> chapters;
 };
 
 // The part of the metadata that an output gets.
@@ -60,13 +69,15 @@ RecordingMetadata selectMetadata(const RecordingMetadata& found, MetadataPolicy 
 // Values are limited, because inputs are untrusted.
 constexpr size_t kMaxMetadataBytes = 1024;
 constexpr size_t kMaxUnusedMetadata = 32;
+constexpr size_t kMaxChapters = 10000;
 
 // The text up to a NUL, without control characters and outer spaces, cut at a character so that it
 // has at most `maxBytes`. Empty when it is not UTF-8.
 std::string cleanMetadata(std::string_view text, size_t maxBytes = kMaxMetadataBytes);
 
-// Whether the text is a date: "2013", "2013-11" or "2013-11-29", which a time such as "13:19",
-// "13:19:09" or "13:19:09.5" may follow, and then "Z" or an offset from UTC such as "+0100".
+// Whether the text is a date: "2013", "2013-11", "2013-11-29" or "2013:11:29". A time such as
+// "13:19", "13:19:09" or "13:19:09.5" may follow, and then "Z" or an offset from UTC such as
+// "+0100".
 bool isDate(const std::string& text);
 // The moment that a date with time and offset stands for, as a creation time. Nothing for other
 // dates, and for moments that a file cannot hold.

@@ -254,11 +254,14 @@ VideoDemand VideoEncoder::demandOf(const Settings& settings) const {
     return {settings.width, settings.height, settings.frameRate, mEncoder.context()->rc_max_rate};
 }
 
-// The exact rate of the input, unless frames are to be left out.
-FrameRate VideoEncoder::frameRateOf(const Settings& settings) const {
+std::optional<FrameRate> VideoEncoder::inputRate(const Settings& settings) const {
     const std::optional<FrameRate> input =
         mSession == nullptr ? std::nullopt : mSession->frameRate();
-    if (input && input->value() <= settings.frameRate) return *input;
+    return input && input->value() <= settings.frameRate ? input : std::nullopt;
+}
+
+FrameRate VideoEncoder::frameRateOf(const Settings& settings) const {
+    if (const std::optional<FrameRate> input = inputRate(settings)) return *input;
     const AVRational requested = av_d2q(settings.frameRate, 100000);
     return {requested.num, requested.den};
 }
@@ -272,8 +275,9 @@ bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** option
     // the output is different each time. Some of x264's functions for newer processors round
     // differently.
     const int slices = std::clamp(context.height / kMinSliceHeight, 1, mThreads);
-    const std::string parameters =
-        "cpu-independent=1:sliced-threads=1:threads=" + std::to_string(slices);
+    std::string parameters = "cpu-independent=1:sliced-threads=1:threads=" + std::to_string(slices);
+    // The stream then says that its frame rate is constant.
+    if (inputRate(settings)) parameters += ":force-cfr=1";
     set = set && av_dict_set(options, "x264-params", parameters.c_str(), 0) >= 0;
     if (hasConstantQuality()) {
         set = set && av_dict_set_int(options, "crf", *mOptions.avcQuality, 0) >= 0;

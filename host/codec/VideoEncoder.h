@@ -46,6 +46,8 @@ private:
     void setParameters(const Settings& settings);
     void setBitRate(const Settings& settings);
     bool hasConstantQuality() const;
+    // The constant rate of the input, unless frames are to be left out.
+    std::optional<FrameRate> inputRate(const Settings& settings) const;
     FrameRate frameRateOf(const Settings& settings) const;
     VideoDemand demandOf(const Settings& settings) const;
     // False when memory is short.

@@ -356,6 +356,11 @@ void applyChoice(const TrackChoice& choice, const AVFormatContext& context,
     }
 }
 
+// Of the first sample.
+int64_t startUs(const AVFormatContext& context) {
+    return context.start_time == AV_NOPTS_VALUE ? 0 : context.start_time;
+}
+
 void findDelays(const std::vector<TrackInfo>& tracks) {
     int64_t originUs = INT64_MAX;
     for (const TrackInfo& track : tracks) {
@@ -467,6 +472,7 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Hos
     InputInfo found;
     found.zeroIsFixed = demuxer->isIsoFile();
     found.metadata = readMetadata(*file, demuxer, boxes);
+    found.metadata.chapters = readChapters(context, std::max<int64_t>(startUs(context), 0));
     found.format = makeFileFormat(context, boxes.uuidData, found.metadata);
     if (found.format == nullptr) return NO_MEMORY;
     const sp<OutputSequencer> sequencer = new OutputSequencer;

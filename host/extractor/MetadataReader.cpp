@@ -246,7 +246,7 @@ std::string locationText(const UserDataBox& box) {
                (payload[end] != 0 || payload[end + step - 1] != 0)) {
             end += step;
         }
-        if (const std::string text = locationAt(payload, end + step); !text.empty()) return text;
+        if (std::string text = locationAt(payload, end + step); !text.empty()) return text;
     }
     return "";
 }
@@ -301,6 +301,12 @@ RecordingMetadata readMetadata(const DescriptorFile& file, Demuxer* demuxer,
     // Before the values that libavformat makes of the same boxes.
     if (boxes.movieBytes > 0) addUserData(readUserData(file, boxes.movieOffset), &collector);
     addTags(context.metadata, "", &collector);
+    // Ogg has no tags of the file; elsewhere, those of a track describe the track.
+    const bool hasTrackTags = av_match_name("ogg", context.iformat->name) != 0;
+    for (unsigned i = 0; hasTrackTags && i < context.nb_streams; ++i) {
+        addTags(context.streams[i]->metadata, "", &collector);
+        addUnusedTags(context.streams[i]->metadata, &collector);
+    }
     // Some recorders state the time in the tracks alone.
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         const AVDictionaryEntry* time =
@@ -317,6 +323,35 @@ RecordingMetadata readMetadata(const DescriptorFile& file, Demuxer* demuxer,
 std::string readLanguage(const AVStream& stream) {
     const AVDictionaryEntry* language = av_dict_get(stream.metadata, "language", nullptr, 0);
     return language == nullptr ? "" : languageCode(language->value);
+}
+
+std::vector<Chapter> readChapters(const AVFormatContext& context, int64_t originUs) {
+    constexpr AVRational kMicroseconds = {1, 1000000};
+    std::vector<Chapter> chapters;
+    const size_t count = std::min<size_t>(context.nb_chapters, kMaxChapters);
+    for (size_t i = 0; i < count; ++i) {
+        const AVChapter& found = *context.chapters[i];
+        if (found.start == AV_NOPTS_VALUE || found.time_base.num <= 0 || found.time_base.den <= 0) {
+            continue;
+        }
+        const auto timeUs = [&](int64_t time) {
+            const int64_t us = av_rescale_q(time, found.time_base, kMicroseconds);
+            return std::max<int64_t>(av_sat_sub64(us, originUs), 0);
+        };
+        const AVDictionaryEntry* title = av_dict_get(found.metadata, "title", nullptr, 0);
+        chapters.push_back({timeUs(found.start),
+                            found.end == AV_NOPTS_VALUE ? INT64_MAX : timeUs(found.end),
+                            title == nullptr ? "" : cleanMetadata(title->value)});
+    }
+    std::stable_sort(chapters.begin(), chapters.end(),
+                     [](const Chapter& a, const Chapter& b) { return a.startUs < b.startUs; });
+    for (size_t i = 0; i + 1 < chapters.size(); ++i) {
+        chapters[i].endUs = std::min(chapters[i].endUs, chapters[i + 1].startUs);
+    }
+    chapters.erase(std::remove_if(chapters.begin(), chapters.end(),
+                                  [](const Chapter& each) { return each.endUs <= each.startUs; }),
+                   chapters.end());
+    return chapters;
 }
 
 }  // namespace qmmediaeditor

@@ -19,5 +19,8 @@ RecordingMetadata readMetadata(const DescriptorFile& file, Demuxer* demuxer,
 // As languageCode() returns it.
 std::string readLanguage(const AVStream& stream);
 
+// In times from `originUs`, the first sample's.
+std::vector<Chapter> readChapters(const AVFormatContext& context, int64_t originUs);
+
 }  // namespace qmmediaeditor
 }  // namespace android

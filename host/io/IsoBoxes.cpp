@@ -11,23 +11,15 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr uint32_t fourCc(char a, char b, char c, char d) {
-    return static_cast<uint32_t>(a) << 24 | static_cast<uint32_t>(b) << 16 |
-           static_cast<uint32_t>(c) << 8 | static_cast<uint32_t>(d);
-}
-
-constexpr uint32_t kMovieHeader = fourCc('m', 'v', 'h', 'd');
-constexpr uint32_t kCompressedMovie = fourCc('c', 'm', 'o', 'v');
-constexpr uint32_t kTrackHeader = fourCc('t', 'k', 'h', 'd');
+constexpr uint32_t kMovieHeader = fourCc("mvhd");
+constexpr uint32_t kCompressedMovie = fourCc("cmov");
+constexpr uint32_t kTrackHeader = fourCc("tkhd");
 constexpr int64_t kHeaderBytes = 8;
 constexpr int64_t kLargeHeaderBytes = 16;
 // Bounds the walk over a box that consists of tiny boxes.
 constexpr int kMaxChildren = 1000;
 constexpr int64_t kTableHeaderBytes = 8;
 constexpr int64_t kTimeEntryBytes = 8;
-// Fields of a sample entry in front of its boxes.
-constexpr int64_t kAudioEntryBytes = 28;
-constexpr int64_t kVisualEntryBytes = 78;
 // A variable-rate track has an entry for each frame: ten days at 30 frames per second.
 constexpr int64_t kMaxTimeEntries = INT64_C(1) << 24;
 
@@ -215,41 +207,41 @@ private:
 
     void visit(uint32_t type, int64_t payload, int64_t end, int depth) {
         switch (type) {
-            case fourCc('f', 'r', 'e', 'e'):
-            case fourCc('h', 'o', 'o', 'v'): {
+            case fourCc("free"):
+            case fourCc("hoov"): {
                 // Some programs reserve the place of a movie box under these names.
                 const uint8_t* child = mReader.at(payload, kHeaderBytes);
                 const uint32_t inside = child == nullptr ? 0 : get32(child + 4);
                 if (inside != kMovieHeader && inside != kCompressedMovie) return;
                 [[fallthrough]];
             }
-            case fourCc('m', 'o', 'o', 'v'):
-            case fourCc('m', 'o', 'o', 'f'):
-            case fourCc('t', 'r', 'a', 'k'):
-            case fourCc('t', 'r', 'a', 'f'):
-            case fourCc('m', 'd', 'i', 'a'):
-            case fourCc('m', 'i', 'n', 'f'):
-            case fourCc('s', 't', 'b', 'l'):
-            case fourCc('e', 'd', 't', 's'):
-            case fourCc('m', 'v', 'e', 'x'):
-            case fourCc('u', 'd', 't', 'a'):
-            case fourCc('w', 'a', 'v', 'e'):
+            case fourCc("moov"):
+            case fourCc("moof"):
+            case fourCc("trak"):
+            case fourCc("traf"):
+            case fourCc("mdia"):
+            case fourCc("minf"):
+            case fourCc("stbl"):
+            case fourCc("edts"):
+            case fourCc("mvex"):
+            case fourCc("udta"):
+            case fourCc("wave"):
                 if (depth < kMaxDepth) walk(payload, end, depth + 1);
                 return;
             case kCompressedMovie:
                 mIsCompressed = true;
                 return;
-            case fourCc('s', 't', 's', 'z'):
-            case fourCc('s', 't', 'z', '2'):
+            case fourCc("stsz"):
+            case fourCc("stz2"):
                 mTables[kSizes].samples += numberAt(payload + 8);
                 return;
-            case fourCc('t', 'r', 'u', 'n'):
+            case fourCc("trun"):
                 mTables[kRuns].samples += numberAt(payload + 4);
                 return;
-            case fourCc('s', 't', 't', 's'):
+            case fourCc("stts"):
                 mTables[kTimes].samples += sumOfEntries(payload, end);
                 return;
-            case fourCc('c', 't', 't', 's'):
+            case fourCc("ctts"):
                 mTables[kOffsets].samples += sumOfEntries(payload, end);
                 return;
             default:
@@ -289,9 +281,9 @@ constexpr size_t kMaxUuidBytes = 64 << 20;
 // Bounds the walk over a file that consists of tiny boxes.
 constexpr int kMaxBoxes = 100000;
 
-constexpr uint32_t kUuid = fourCc('u', 'u', 'i', 'd');
-constexpr uint32_t kMovie = fourCc('m', 'o', 'o', 'v');
-constexpr uint32_t kUserData = fourCc('u', 'd', 't', 'a');
+constexpr uint32_t kUuid = fourCc("uuid");
+constexpr uint32_t kMovie = fourCc("moov");
+constexpr uint32_t kUserData = fourCc("udta");
 constexpr int64_t kMaxUserDataBytes = 4096;
 
 // The type of uuid boxes that hold XMP (ISO 16684-3).
@@ -380,11 +372,10 @@ std::vector<IsoTrackLength> readTrackLengths(const DescriptorFile& file, int64_t
         const std::optional<IsoBox> box = readBox(file, offset, movie->endOffset);
         if (!box) break;
         offset = box->endOffset;
-        if (box->type != fourCc('t', 'r', 'a', 'k')) continue;
+        if (box->type != fourCc("trak")) continue;
         const auto header = readHeader(file, findChild(file, *box, kTrackHeader));
-        const auto times = findPath(file, *box,
-                                    {fourCc('m', 'd', 'i', 'a'), fourCc('m', 'i', 'n', 'f'),
-                                     fourCc('s', 't', 'b', 'l'), fourCc('s', 't', 't', 's')});
+        const auto times =
+            findPath(file, *box, {fourCc("mdia"), fourCc("minf"), fourCc("stbl"), fourCc("stts")});
         if (!header || !times) continue;
         std::optional<IsoTrackLength> length = readTimes(file, *times);
         if (!length) continue;
@@ -433,38 +424,6 @@ TopLevelBoxes readTopLevelBoxes(const DescriptorFile& file, XmpLocations locatio
     return result;
 }
 
-status_t completeSampleEntries(DescriptorFile* file, int h263Level) {
-    const int64_t movieOffset = readTopLevelBoxes(*file).movieOffset;
-    const std::optional<IsoBox> movie = readBox(*file, movieOffset, file->sizeBytes());
-    if (!movie) return OK;
-    int64_t offset = movie->payloadOffset;
-    while (const std::optional<IsoBox> track = readBox(*file, offset, movie->endOffset)) {
-        offset = track->endOffset;
-        const std::optional<IsoBox> descriptions =
-            findPath(*file, *track,
-                     {fourCc('m', 'd', 'i', 'a'), fourCc('m', 'i', 'n', 'f'),
-                      fourCc('s', 't', 'b', 'l'), fourCc('s', 't', 's', 'd')});
-        if (!descriptions) continue;
-        std::optional<IsoBox> entry = readBox(
-            *file, descriptions->payloadOffset + kTableHeaderBytes, descriptions->endOffset);
-        if (!entry) continue;
-        status_t result = OK;
-        if (entry->type == fourCc('s', 'a', 'w', 'b')) {
-            entry->payloadOffset += kAudioEntryBytes;
-            const auto specific = findChild(*file, *entry, fourCc('g', 'l', 'b', 'l'));
-            if (specific) result = file->writeAt(specific->offset + 4, "damr", 4);
-        } else if (entry->type == fourCc('s', '2', '6', '3')) {
-            entry->payloadOffset += kVisualEntryBytes;
-            const auto specific = findChild(*file, *entry, fourCc('d', '2', '6', '3'));
-            const auto level = static_cast<uint8_t>(h263Level);
-            // Behind the vendor and the version of the decoder.
-            if (specific) result = file->writeAt(specific->payloadOffset + 5, &level, 1);
-        }
-        if (result != OK) return result;
-    }
-    return OK;
-}
-
 std::vector<uint8_t> makeUuidBoxes(const uint8_t* data, size_t size) {
     std::vector<uint8_t> boxes;
     if (data == nullptr || size < kUuidTypeBytes ||
@@ -508,7 +467,7 @@ status_t replaceUserData(DescriptorFile* file, const std::vector<uint8_t>& boxes
     std::vector<uint8_t> content = boxes;
     if (rest > 0) {
         put32(static_cast<uint32_t>(rest), &content);
-        put32(fourCc('f', 'r', 'e', 'e'), &content);
+        put32(fourCc("free"), &content);
         content.resize(boxes.size() + static_cast<size_t>(rest), 0);
     }
     return file->writeAt(place->offset, content.data(), content.size());

@@ -20,6 +20,11 @@ inline uint32_t get32(const uint8_t* data) {
            static_cast<uint32_t>(data[2]) << 8 | data[3];
 }
 
+constexpr uint32_t fourCc(const char (&type)[5]) {
+    return static_cast<uint32_t>(type[0]) << 24 | static_cast<uint32_t>(type[1]) << 16 |
+           static_cast<uint32_t>(type[2]) << 8 | static_cast<uint32_t>(type[3]);
+}
+
 // Length of a track, by its decoding time table ('stts') and by its header.
 struct IsoTrackLength {
     uint32_t trackId = 0;
@@ -36,11 +41,6 @@ std::vector<IsoTrackLength> readTrackLengths(const DescriptorFile& file, int64_t
 // samples than the file has bytes, because a demuxer makes an index entry for each: a few bytes
 // could take any amount of memory. Nothing for a file that is no ISO file, or that cannot be read.
 std::optional<std::string> checkSampleTables(const DescriptorFile& file);
-
-// Completes the sample entries that libavformat leaves incomplete, in a finished file that is open
-// for writing and readable: the box of AMR-WB gets its type 'damr', and that of H.263 its level
-// (3GPP TS 26.244, 6.5 and 6.8). OK also when there is nothing to do.
-status_t completeSampleEntries(DescriptorFile* file, int h263Level);
 
 // The uuid boxes at the top level (4.2 and 11.1) travel as one buffer, "uuid-data", from the
 // extractor to the writer. For one box that is its 16-byte type followed by its payload. For

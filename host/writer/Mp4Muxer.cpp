@@ -11,6 +11,7 @@
 
 #include "host/io/IsoBoxes.h"
 #include "host/writer/MetadataBoxes.h"
+#include "host/writer/MovieCompletion.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -26,6 +27,9 @@ namespace {
 
 constexpr char kLogTag[] = "Writer";
 constexpr int32_t k3gpFileType = 1;
+// libavformat writes "3gp6" for AVC, which Firefox does not play; nor does it play "3gp5" or
+// "3gp7".
+constexpr char k3gpBrand[] = "3gp4";
 // For a variable frame rate: a multiple of most frame rates.
 constexpr int kVideoTicksPerSecond = 90000;
 constexpr int kMinVideoTicksPerSecond = 10000;
@@ -161,8 +165,8 @@ bool Mp4Muxer::needs3gp() const {
 
 status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBoxFirst) {
     Mutex::Autolock lock(mLock);
-    const bool is3gp = fileType == k3gpFileType || needs3gp();
-    const char* name = is3gp ? "3gp" : "mp4";
+    mIs3gp = fileType == k3gpFileType || needs3gp();
+    const char* name = mIs3gp ? "3gp" : "mp4";
     AVFormatContext* context = nullptr;
     if (avformat_alloc_output_context2(&context, nullptr, name, nullptr) < 0) return NO_MEMORY;
     mContext.reset(context);
@@ -182,12 +186,13 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
         const status_t result = addStream(&track, rotationDegrees, videoTicks);
         if (result != OK) return result;
     }
-    if (const status_t result = addMetadata(is3gp); result != OK) return result;
+    if (const status_t result = addMetadata(); result != OK) return result;
     AVDictionary* options = nullptr;
     const bool isFirst = movieBoxFirst && mOutput->makeReadable();
     if (av_dict_set_int(&options, "video_track_timescale", videoTicks, 0) < 0 ||
         av_dict_set_int(&options, "movie_timescale", kMovieTicksPerSecond, 0) < 0 ||
-        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0)) {
+        (isFirst && av_dict_set(&options, "movflags", "+faststart", 0) < 0) ||
+        (mIs3gp && av_dict_set(&options, "brand", k3gpBrand, 0) < 0)) {
         av_dict_free(&options);
         return NO_MEMORY;
     }
@@ -219,7 +224,7 @@ status_t Mp4Muxer::addStream(Track* track, int32_t rotationDegrees, int videoTic
 // libavformat writes creation time and languages, but neither keys nor QuickTime's texts into MP4
 // files. It gets a text of that size instead, which makes room for their boxes in the movie box,
 // wherever that one is. The boxes are put there when the file is finished.
-status_t Mp4Muxer::addMetadata(bool is3gp) {
+status_t Mp4Muxer::addMetadata() {
     if (mSession == nullptr) return OK;
     const RecordingMetadata metadata = mSession->metadata().selected();
     const auto set = [](AVDictionary** tags, const char* name, const std::string& value) {
@@ -235,7 +240,7 @@ status_t Mp4Muxer::addMetadata(bool is3gp) {
     }
     // The boxes are found by reading the file again.
     if (!mOutput->makeReadable()) return OK;
-    mMetadataBoxes = makeMetadataBoxes(metadata, is3gp, kEncoderName);
+    mMetadataBoxes = makeMetadataBoxes(metadata, mIs3gp, kEncoderName);
     const std::string room(mMetadataBoxes.size(), '.');
     return set(&mContext->metadata, "comment", room) ? OK : NO_MEMORY;
 }
@@ -352,33 +357,32 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
         cutStoppedTracks();
         writeSettled();
     }
-    const bool hasHeader = mHasHeader;
     if (mHasHeader) {
         keep(av_write_trailer(mContext.get()));
         mHasHeader = false;
-        // When the movie box was put first, the position is behind that one.
         AVIOContext* const io = mIo->context();
+        avio_flush(io);
+        if (mError == OK && mIs3gp) keep(completeMovieBox());
+        if (mError == OK) keep(completeMetadata());
+        // When the movie box was put first, the position is behind that one.
         avio_seek(io, avio_size(io), SEEK_SET);
         avio_write(io, boxes.data(), static_cast<int>(boxes.size()));
     }
     avio_flush(mIo->context());
-    if (mError == OK) keep(completeEntries());
-    if (mError == OK && hasHeader) keep(completeMetadata());
     keep(mOutput->finish());
     // The session has no other way to hear of a decoder that failed after it took its last input.
     if (mError == OK && mSession != nullptr && mSession->hasLoss()) return ERROR_MALFORMED;
     return mError;
 }
 
-status_t Mp4Muxer::completeEntries() {
+status_t Mp4Muxer::completeMovieBox() {
     VideoDemand demand;
     for (const Track& track : mTracks) {
         if (!isVideo(*track.parameters)) continue;
         demand = {track.parameters->width, track.parameters->height,
                   static_cast<double>(track.frameRate), track.parameters->bit_rate};
     }
-    if (!needs3gp() || !mOutput->makeReadable()) return OK;
-    return completeSampleEntries(mOutput.get(), h263LevelFor(demand));
+    return mOutput->makeReadable() ? completeMovie(mOutput.get(), h263LevelFor(demand)) : OK;
 }
 
 // libavformat reads the samples back to put the movie box in front of them.

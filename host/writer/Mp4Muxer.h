@@ -68,15 +68,15 @@ private:
 
     bool needs3gp() const REQUIRES(mLock);
     status_t addStream(Track* track, int32_t rotationDegrees, int videoTicks) REQUIRES(mLock);
-    status_t addMetadata(bool is3gp) REQUIRES(mLock);
+    status_t addMetadata() REQUIRES(mLock);
     void startTimestamps(Track* track);
     HostObserver* observer() const { return mSession == nullptr ? nullptr : mSession->observer(); }
     bool hasAllSamples(const Track& track) const;
     void endAt(size_t index, int64_t endUs) REQUIRES(mLock);
     void cutStoppedTracks() REQUIRES(mLock);
     status_t writeSettled() REQUIRES(mLock);
-    // Writes what libavformat leaves out of the sample entries of 3GP files.
-    status_t completeEntries() REQUIRES(mLock);
+    // Writes what libavformat leaves out of 3GP files.
+    status_t completeMovieBox() REQUIRES(mLock);
     status_t completeMetadata() REQUIRES(mLock);
     status_t keep(int result) REQUIRES(mLock);
 
@@ -95,6 +95,7 @@ private:
     std::unique_ptr<PacketInterleaver> mInterleaver GUARDED_BY(mLock);
     // Written when the file is finished, into the place of a text that is as long.
     std::vector<uint8_t> mMetadataBoxes GUARDED_BY(mLock);
+    bool mIs3gp GUARDED_BY(mLock) = false;
     bool mHasHeader GUARDED_BY(mLock) = false;
     status_t mError GUARDED_BY(mLock) = OK;
 };

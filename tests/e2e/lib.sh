@@ -5,6 +5,7 @@ set -euo pipefail
 # Independent of the caller's: ls, wc and numbers follow the locale, and script(1) runs $SHELL.
 export LC_ALL=C.UTF-8 SHELL=/bin/bash
 case_script=$(realpath "$0")
+check_boxes=$(dirname "$(realpath "${BASH_SOURCE[0]}")")/check_boxes
 # The command and its options under which the next command runs.
 under=()
 
@@ -63,6 +64,7 @@ attempt() {
 transcode() {
     attempt "$@"
     [[ $status == 0 && -z $said ]] || fail "status $status of: $* ($said)"
+    [[ ! -s $2 ]] || "$check_boxes" "$2" || fail "boxes of the output of: $*"
 }
 
 # expect_failure STATUS SUBJECT: the last command ended with that status and one line that names the subject.

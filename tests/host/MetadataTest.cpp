@@ -32,6 +32,7 @@ TEST(MetadataTest, datesAreCheckedAndConvertedToUtc) {
     EXPECT_EQ("2013-11-29T12:19:09Z", creationTimeOf("2013-11-29T13:19:09+0100"));
     EXPECT_EQ("2013-11-29T12:19:09Z", creationTimeOf("2013-11-29T12:19:09.123456Z"));
     EXPECT_EQ("2020-02-29T00:30:00Z", creationTimeOf("2020-02-28 20:00-04:30"));
+    EXPECT_EQ("2013-11-29T12:19:09Z", creationTimeOf("2013:11:29 13:19:09+01:00"));
     EXPECT_EQ("2039-12-31T23:59:59Z", creationTimeOf("2039-12-31T23:59:59Z"));
     for (const char* date :
          {"2009", "2009-05", "2009-05-06", "2009-05-06T07:08:09", "1904-01-01T00:00:00Z",

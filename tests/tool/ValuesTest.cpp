@@ -28,7 +28,8 @@ TEST(Values, parsePeriod_takesTwoTimes) {
     ASSERT_TRUE(period);
     EXPECT_EQ(90000000, period->mStartUs);
     EXPECT_EQ(105500000, period->mEndUs);
-    expectRefused(parsePeriod, {"5", "5-", "-5", "1-2-3", "a-b"});
+    EXPECT_EQ(kEndOfInputUs, parsePeriod("5-")->mEndUs);
+    expectRefused(parsePeriod, {"5", "-5", "1-2-3", "a-b"});
 }
 
 TEST(Values, parseLevel_takesASignAndAUnit) {

@@ -3,6 +3,7 @@
 #include <log/logprint.h>
 #include <qmtranscode/cli/OptionTable.h>
 #include <qmtranscode/cli/Options.h>
+#include <qmtranscode/cli/PeriodList.h>
 #include <qmtranscode/cli/Values.h>
 
 #include <CLI/CLI.hpp>
@@ -172,10 +173,8 @@ CLI::Validator period() {
     return check([](const std::string& text) -> std::string {
         const std::optional<TrimPeriod> parsed = parsePeriod(text);
         if (!parsed) return refusal(text, "expected START-END, such as 0-2.5 or 1:30-1:45");
-        if (parsed->mEndUs <= parsed->mStartUs) {
-            return refusal(text, "the end must be after the start");
-        }
-        return "";
+        const std::string reason = checkOrder({*parsed}, 0);
+        return reason.empty() ? reason : refusal(text, reason);
     });
 }
 
@@ -240,7 +239,7 @@ private:
     std::optional<Failure> checkCombinations();
     std::optional<Failure> checkPeriods();
     std::optional<Failure> checkName();
-    std::optional<Failure> checkTracks() const;
+    std::optional<Failure> checkConflicts() const;
     std::optional<Failure> checkSize() const;
     std::optional<Failure> checkAudio() const;
     std::optional<Failure> checkFormat() const;
@@ -265,7 +264,15 @@ void CommandLine::define() {
     app.add_option("--trim", o.periods)->check(period())->type_size(1)->allow_extra_args(false);
     describe("--trim", "START-END",
              "keep this period; seconds or h:mm:ss.mmm; repeatable, in time order",
-             "Periods must not overlap. A period ends at the latest where the input ends.");
+             "Periods must not overlap. A period ends at the latest where the input ends, and "
+             "START- stands for all that follows.");
+    app.add_option("--cut", o.cuts)->check(period())->type_size(1)->allow_extra_args(false);
+    describe("--cut", "START-END", "remove this period and keep the rest; repeatable");
+    app.add_option("--list", o.list);
+    describe("--list", "FILE", "periods from a CSV or EDL file, or the input's: chapters",
+             "Lines of a CSV are START,END or START,END,NAME and keep the period; lines of an EDL "
+             "are START END 0 and remove it. The word chapters stands for the chapters of the "
+             "input; ./chapters is a file of that name.");
 
     mGroup = "Video";
     app.add_option("--fit", o.fit)->check(boxSize());
@@ -447,9 +454,9 @@ Failure CommandLine::usageError(const CLI::Error& error) const {
 
 std::optional<Failure> CommandLine::checkCombinations() {
     // In the order of the help.
-    std::optional<Failure> failure = checkPeriods();
+    std::optional<Failure> failure = checkConflicts();
+    if (!failure) failure = checkPeriods();
     if (!failure) failure = checkName();
-    if (!failure) failure = checkTracks();
     if (!failure) failure = checkSize();
     if (!failure) failure = checkAudio();
     if (!failure) failure = checkFormat();
@@ -457,12 +464,23 @@ std::optional<Failure> CommandLine::checkCombinations() {
 }
 
 std::optional<Failure> CommandLine::checkPeriods() {
-    const std::vector<TrimPeriod>& periods = mOptions.periods;
-    for (size_t i = 1; i < periods.size(); ++i) {
-        if (periods[i].mStartUs >= periods[i - 1].mEndUs) continue;
-        return Failure{kExitUsage, given("--trim", i),
-                       "periods must be in time order and must not overlap"};
+    for (const char* option : {"--trim", "--cut"}) {
+        const std::vector<TrimPeriod>& periods =
+            option == std::string("--trim") ? mOptions.periods : mOptions.cuts;
+        for (size_t i = 0; i < periods.size(); ++i) {
+            const std::string reason = checkOrder(periods, i);
+            if (!reason.empty()) return Failure{kExitUsage, given(option, i), reason};
+        }
     }
+    if (!mOptions.list) return std::nullopt;
+    mOptions.keepChapters = *mOptions.list == "chapters";
+    if (mOptions.keepChapters) return std::nullopt;
+    Result<PeriodList> list = readPeriodList(*mOptions.list);
+    if (const auto* failure = std::get_if<Failure>(&list)) return *failure;
+    auto& found = std::get<PeriodList>(list);
+    mOptions.periods = std::move(found.kept);
+    mOptions.cuts = std::move(found.removed);
+    mOptions.periodNames = std::move(found.names);
     return std::nullopt;
 }
 
@@ -482,8 +500,10 @@ std::optional<Failure> CommandLine::checkName() {
 }
 
 // Two options of which one makes the other pointless.
-std::optional<Failure> CommandLine::checkTracks() const {
+std::optional<Failure> CommandLine::checkConflicts() const {
     static const std::vector<std::pair<std::string, std::vector<std::string>>> kConflicts = {
+        {"--trim", {"--cut", "--list"}},
+        {"--cut", {"--list"}},
         {"--fit", {"--size"}},
         {"--no-video",
          {"--no-audio", "--fit", "--size", "--fps", "--video-bitrate", "--quality",
@@ -562,14 +582,6 @@ bool Options::specifiesOutputFormat() const {
 MetadataPolicy Options::metadataPolicy() const {
     if (noMetadata) return MetadataPolicy::kNone;
     return keepLocation ? MetadataPolicy::kAll : MetadataPolicy::kWithoutLocation;
-}
-
-std::vector<int64_t> Options::cutTimesUs() const {
-    std::vector<int64_t> timesUs;
-    for (const TrimPeriod& period : periods) {
-        timesUs.insert(timesUs.end(), {period.mStartUs, period.mEndUs});
-    }
-    return timesUs;
 }
 
 std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv) {

@@ -22,8 +22,16 @@ struct Options {
     std::string output;
     bool overwrite = false;
 
-    // In time order, without overlap.
+    // To keep or to remove, in time order, without overlap; at most one of them has any. The last
+    // one may end at kEndOfInputUs.
     std::vector<TrimPeriod> periods;
+    std::vector<TrimPeriod> cuts;
+    // Of the periods to keep, where a list has names.
+    std::vector<std::string> periodNames;
+    // The list that these come from.
+    std::optional<std::string> list;
+    // Keep the chapters of the input.
+    bool keepChapters = false;
 
     // Both as displayed, which means after rotation; at most one of them is given.
     std::optional<Size> size;
@@ -73,8 +81,6 @@ struct Options {
     // Whether any property of the output's tracks or its container was asked for.
     bool specifiesOutputFormat() const;
     MetadataPolicy metadataPolicy() const;
-    // Start and end of each period, in microseconds, rising.
-    std::vector<int64_t> cutTimesUs() const;
 };
 
 // Text to print on standard output: the help or the version.

@@ -120,7 +120,7 @@ std::optional<TrimPeriod> parsePeriod(std::string_view text) {
     const std::vector<std::string_view> parts = split(text, '-');
     if (parts.size() != 2) return std::nullopt;
     const std::optional<int64_t> startUs = parseTimeUs(parts[0]);
-    const std::optional<int64_t> endUs = parseTimeUs(parts[1]);
+    const std::optional<int64_t> endUs = parts[1].empty() ? kEndOfInputUs : parseTimeUs(parts[1]);
     if (!startUs || !endUs) return std::nullopt;
     TrimPeriod period{};
     period.mStartUs = *startUs;
@@ -128,7 +128,16 @@ std::optional<TrimPeriod> parsePeriod(std::string_view text) {
     return period;
 }
 
+std::string checkOrder(const std::vector<TrimPeriod>& periods, size_t index) {
+    if (periods[index].mEndUs <= periods[index].mStartUs) return "the end must be after the start";
+    if (index == 0 || periods[index].mStartUs >= periods[index - 1].mEndUs) return "";
+    return "periods must be in time order and must not overlap";
+}
+
 std::string periodText(const TrimPeriod& period) {
+    if (period.mEndUs >= kEndOfInputUs) {
+        return fmt::format("{:g}-", static_cast<double>(period.mStartUs) / kSecondUs);
+    }
     return fmt::format("{:g}-{:g}", static_cast<double>(period.mStartUs) / kSecondUs,
                        static_cast<double>(period.mEndUs) / kSecondUs);
 }

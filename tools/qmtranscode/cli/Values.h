@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace android::qmmediaeditor::cli {
 
@@ -26,8 +27,15 @@ std::optional<double> parseLevel(std::string_view text, const std::string& unit)
 // Seconds ("90.25"), m:ss or h:mm:ss, each with up to six decimals. The result is in microseconds.
 std::optional<int64_t> parseTimeUs(std::string_view text);
 
-// "START-END". Whether the end is after the start is not checked.
+// Stands for the end of the input; later than any time that can be parsed.
+constexpr int64_t kEndOfInputUs = INT64_C(40000000000000);
+
+// "START-END", or "START-" up to the end of the input. Whether the end is after the start is not
+// checked.
 std::optional<TrimPeriod> parsePeriod(std::string_view text);
+
+// Why the period with this index does not follow those before it; empty if it does.
+std::string checkOrder(const std::vector<TrimPeriod>& periods, size_t index);
 
 // "START-END", as parsePeriod takes it.
 std::string periodText(const TrimPeriod& period);

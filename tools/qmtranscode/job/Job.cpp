@@ -57,7 +57,12 @@ std::optional<Failure> Job::prepare() {
     if (auto failure = checkChosenTracks()) return failure;
     auto periods = makePeriods(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
-    mPeriods = std::get<std::vector<TrimPeriod>>(periods);
+    mKept = std::get<KeptPeriods>(periods);
+    mPeriods = mKept.actual;
+    mHost.cutTimesUs.emplace();
+    for (const TrimPeriod& period : mKept.asked) {
+        mHost.cutTimesUs->insert(mHost.cutTimesUs->end(), {period.mStartUs, period.mEndUs});
+    }
     auto format = makeOutputFormat(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
@@ -145,7 +150,7 @@ std::optional<Failure> Job::checkChosenTracks() const {
 std::optional<Failure> Job::plan() {
     const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor, mObserver);
     if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
-    return writeReceipt(planJson(mOptions, mInput, mPeriods, std::get<DryRun>(result)));
+    return writeReceipt(planJson(mOptions, mInput, mKept, std::get<DryRun>(result)));
 }
 
 int64_t Job::outputLengthUs() const {
@@ -257,7 +262,8 @@ Receipt Job::makeReceipt() const {
     Receipt receipt;
     receipt.input = mInput.path();
     receipt.output = mOutput.path();
-    receipt.asked = mOptions.periods;
+    receipt.asked = mKept.asked;
+    receipt.names = mKept.names;
     receipt.inputVideo = mInput.media().video;
     receipt.inputAudio = mInput.media().audio;
     receipt.inputUs = mInput.media().durationUs();

@@ -7,6 +7,7 @@
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/Loudness.h>
+#include <qmtranscode/job/Request.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
@@ -91,6 +92,8 @@ private:
     WorkerControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
+    KeptPeriods mKept;
+    // The actual periods of these.
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
     RunStatistics mStatistics;

@@ -121,6 +121,25 @@ bool canKeepAudio(const MediaFile& input) {
            input.audio->channels <= kMaxAacChannels;
 }
 
+TrimPeriod makePeriod(int64_t startUs, int64_t endUs) {
+    TrimPeriod period{};
+    period.mStartUs = startUs;
+    period.mEndUs = endUs;
+    return period;
+}
+
+// What is left between the cuts.
+std::vector<TrimPeriod> complementOf(const std::vector<TrimPeriod>& cuts, int64_t durationUs) {
+    std::vector<TrimPeriod> kept;
+    int64_t fromUs = 0;
+    for (const TrimPeriod& cut : cuts) {
+        if (cut.mStartUs > fromUs) kept.push_back(makePeriod(fromUs, cut.mStartUs));
+        fromUs = cut.mEndUs;
+    }
+    if (fromUs < durationUs) kept.push_back(makePeriod(fromUs, kEndOfInputUs));
+    return kept;
+}
+
 }  // namespace
 
 FileFormat outputFileFormat(const Options& options) {
@@ -129,19 +148,39 @@ FileFormat outputFileFormat(const Options& options) {
     return options.format.value_or(needs3gp ? FileFormat::k3gp : FileFormat::kMp4);
 }
 
-Result<std::vector<TrimPeriod>> makePeriods(const Options& options, const MediaFile& input) {
-    const int64_t durationUs = input.durationUs();
-    std::vector<TrimPeriod> periods;
-    for (TrimPeriod period : options.periods) {
-        if (durationUs > 0 && period.mStartUs >= durationUs) {
+Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input) {
+    const int64_t durationUs = input.durationUs() > 0 ? input.durationUs() : kEndOfInputUs;
+    for (const auto& [option, periods] :
+         {std::pair("--trim", &options.periods), std::pair("--cut", &options.cuts)}) {
+        for (const TrimPeriod& period : *periods) {
+            if (period.mStartUs < durationUs) continue;
             return Failure{kExitUnusable, options.input,
-                           fmt::format("--trim {} starts after the end of the input at {}",
-                                       periodText(period), secondsText(durationUs))};
+                           fmt::format("{} {} starts after the end of the input at {}",
+                                       options.list.value_or(option), periodText(period),
+                                       secondsText(durationUs))};
         }
-        if (durationUs > 0) period.mEndUs = std::min(period.mEndUs, durationUs);
-        periods.push_back(period);
     }
-    return periods;
+    KeptPeriods kept;
+    kept.asked = options.cuts.empty() ? options.periods : complementOf(options.cuts, durationUs);
+    kept.names = options.periodNames;
+    if (options.keepChapters) {
+        for (const Chapter& chapter : input.metadata.chapters) {
+            if (chapter.startUs >= durationUs) break;
+            kept.asked.push_back(makePeriod(chapter.startUs, chapter.endUs));
+            kept.names.push_back(chapter.title);
+        }
+        if (kept.asked.empty()) {
+            return Failure{kExitUnusable, options.input, "the file has no chapters"};
+        }
+    }
+    if (!options.cuts.empty() && kept.asked.empty()) {
+        return Failure{kExitUnusable, options.input,
+                       options.list.value_or("--cut") + " removes all of it"};
+    }
+    for (const TrimPeriod& period : kept.asked) {
+        kept.actual.push_back(makePeriod(period.mStartUs, std::min(period.mEndUs, durationUs)));
+    }
+    return kept;
 }
 
 Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input) {

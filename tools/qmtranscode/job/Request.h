@@ -13,8 +13,13 @@
 
 namespace android::qmmediaeditor::cli {
 
-// The periods to keep, cut off at the end of the input.
-Result<std::vector<TrimPeriod>> makePeriods(const Options& options, const MediaFile& input);
+// What is kept of the input; empty for all of it.
+struct KeptPeriods {
+    std::vector<TrimPeriod> asked;
+    std::vector<TrimPeriod> actual;  // cut off at the end of the input
+    std::vector<std::string> names;  // of each, or none; a name may be empty
+};
+Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input);
 
 // The output-format message; null if no option specifies the output format, so that the session
 // follows the input. Each key that belongs to a track of the input is set, because a missing key

@@ -1,4 +1,5 @@
 #include <editorutils/MediaEditorDefs.h>
+#include <qmtranscode/cli/Values.h>
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/report/Format.h>
@@ -127,25 +128,26 @@ Json audioOf(const Options& options, const AudioTrack& input, const TrackCodecs&
     return json;
 }
 
-Json periodsOf(const Options& options, const JobInput& input,
-               const std::vector<TrimPeriod>& periods) {
+Json periodsOf(const JobInput& input, const KeptPeriods& kept) {
     const MediaFile& media = input.media();
     std::vector<size_t> tracks;
     if (media.video) tracks.push_back(media.video->index);
     if (media.audio) tracks.push_back(media.audio->index);
     Json list = Json::array();
     int64_t startUs = 0;
-    for (size_t i = 0; i < periods.size(); ++i) {
-        const TrimPeriod& period = periods[i];
+    for (size_t i = 0; i < kept.actual.size(); ++i) {
+        const TrimPeriod& period = kept.actual[i];
         Json entry = {{"start", secondsOf(period.mStartUs)},
                       {"end", secondsOf(period.mEndUs)},
                       {"in_output_at", secondsOf(startUs)},
                       {"seek_point", nullptr}};
         const std::optional<int64_t> pointUs = seekPointUs(input.fd(), tracks, period.mStartUs);
         if (pointUs) entry["seek_point"] = secondsOf(*pointUs);
-        if (period.mEndUs != options.periods[i].mEndUs) {
-            entry["asked_end"] = secondsOf(options.periods[i].mEndUs);
+        const int64_t askedEndUs = kept.asked[i].mEndUs;
+        if (askedEndUs != period.mEndUs && askedEndUs < kEndOfInputUs) {
+            entry["asked_end"] = secondsOf(askedEndUs);
         }
+        if (i < kept.names.size()) entry["name"] = kept.names[i];
         startUs += period.mEndUs - period.mStartUs;
         list.push_back(std::move(entry));
     }
@@ -170,11 +172,11 @@ std::string containerName(const Options& options) {
 
 }  // namespace
 
-std::string planJson(const Options& options, const JobInput& input,
-                     const std::vector<TrimPeriod>& periods, const DryRun& run) {
+std::string planJson(const Options& options, const JobInput& input, const KeptPeriods& kept,
+                     const DryRun& run) {
     const MediaFile& media = input.media();
-    int64_t lengthUs = periods.empty() ? media.durationUs() : 0;
-    for (const TrimPeriod& period : periods) lengthUs += period.mEndUs - period.mStartUs;
+    int64_t lengthUs = kept.actual.empty() ? media.durationUs() : 0;
+    for (const TrimPeriod& period : kept.actual) lengthUs += period.mEndUs - period.mStartUs;
 
     Json output = {{"file", options.output},
                    {"format", wordOf(containerName(options), options.format.has_value())},
@@ -190,7 +192,7 @@ std::string planJson(const Options& options, const JobInput& input,
                    {"length", secondsOf(media.durationUs())},
                    {"tracks", tracksOf(options, media)}}},
                  {"output", std::move(output)},
-                 {"periods", periodsOf(options, input, periods)},
+                 {"periods", periodsOf(input, kept)},
                  {"metadata", toJson(describeMetadata(media, options.metadataPolicy()))},
                  {"uuid_data", nullptr},
                  {"estimate", estimateOf(lengthUs, run)}};

@@ -3,6 +3,7 @@
 
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
 
 #include <string>
@@ -11,7 +12,7 @@
 namespace android::qmmediaeditor::cli {
 
 // A JSON object. `run` used these options and periods.
-std::string planJson(const Options& options, const JobInput& input,
-                     const std::vector<TrimPeriod>& periods, const DryRun& run);
+std::string planJson(const Options& options, const JobInput& input, const KeptPeriods& kept,
+                     const DryRun& run);
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
+#include <qmtranscode/cli/Values.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Receipt.h>
 #include <qmtranscode/report/ReceiptCompletion.h>
@@ -14,6 +15,7 @@ namespace {
 // The output of a period, in times of the input.
 struct PeriodResult {
     TrimPeriod asked;
+    std::string name;
     // The end of the input, if the period reaches beyond it.
     std::optional<int64_t> inputEndUs;
     int64_t framesOut = 0;
@@ -56,7 +58,10 @@ PeriodResult resultOf(const Receipt& receipt, size_t index) {
     const bool isWholeInput = receipt.asked.empty();
     PeriodResult result;
     result.asked = isWholeInput ? TrimPeriod{0, contents.media.durationUs()} : receipt.asked[index];
-    if (!isWholeInput && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
+    if (index < receipt.names.size()) result.name = receipt.names[index];
+    if (result.asked.mEndUs >= kEndOfInputUs) {
+        result.asked.mEndUs = receipt.inputUs;
+    } else if (!isWholeInput && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
         result.inputEndUs = receipt.inputUs;
     }
     result.dropped = statistics.dropped;
@@ -144,6 +149,7 @@ Json periodsOf(const Receipt& receipt) {
                        {"frames_out", result.framesOut},
                        {"frames_dropped", result.dropped},
                        {"audio_skew_ms", nullptr}};
+        if (!result.name.empty()) period["name"] = result.name;
         if (result.inputEndUs) period["input_ends"] = secondsOf(*result.inputEndUs);
         if (result.skewUs) period["audio_skew_ms"] = static_cast<double>(*result.skewUs) / 1e3;
         periods.push_back(std::move(period));
@@ -216,6 +222,7 @@ std::string spanText(const TrimPeriod& span) {
 
 std::string periodRows(const PeriodResult& result) {
     std::string rows = row("period", "{} asked", spanText(result.asked));
+    if (!result.name.empty()) rows += row("", "{}", console::printable(result.name));
     if (result.inputEndUs) {
         rows += row("", "the input ends at {:.3f} s", secondsOf(*result.inputEndUs));
     }

@@ -20,6 +20,7 @@ struct Receipt {
     bool isComplete = false;
     // The periods that the user asked for; empty for the whole input.
     std::vector<TrimPeriod> asked;
+    std::vector<std::string> names;  // of these, or none
     // The tracks of the input that were used.
     std::optional<VideoTrack> inputVideo;
     std::optional<AudioTrack> inputAudio;

@@ -82,7 +82,6 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     HostOptions host;
     host.avcPreset = options.preset;
     host.fastStart = options.fastStart;
-    host.cutTimesUs = options.cutTimesUs();
     host.threads = threads;
     host.metadata = options.metadataPolicy();
     return Job(options, host, files, trace, &control, monitor, observer).run();
