@@ -67,8 +67,9 @@ set(CPACK_COMPONENT_DEV_DEPENDS tool)
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME qmtranscode)
 set(CPACK_COMPONENT_TOOL_DESCRIPTION "turns a media file into an MPEG-4 file, whole or in parts")
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
-# The AMR encoders.
-set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS libavcodec-extra)
+# The AMR encoders. libavfilter deinterlaces; it is loaded on demand, so no dependency on it is found.
+string(REGEX MATCH "^[0-9]+" QM_AVFILTER_MAJOR "${AVFILTER_VERSION}")
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "libavcodec-extra, libavfilter${QM_AVFILTER_MAJOR}")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME qmtranscode-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)

@@ -41,6 +41,12 @@ public:
     // A decoder has skipped a packet that it could not decode.
     virtual void onPacketSkipped(bool /* isVideo */) {}
 
+    // The decoder has output an interlaced frame of the kept periods. It is passed on as it is when
+    // it could not be deinterlaced, or was not to be.
+    virtual void onInterlacedFrame(bool /* wasDeinterlaced */) {}
+    // Why interlaced frames are passed on as they are, although HostOptions::deinterlace is true.
+    virtual void onDeinterlacingFailed(const std::string& /* reason */) {}
+
     // The writer has got the first sample of the output.
     virtual void onFirstSample() {}
     // The video encoder has accepted the frame with this timestamp of the output.
@@ -122,6 +128,10 @@ struct HostOptions {
     bool encodesAudio = true;
     // Except with kAll, the extractor does not report uuid boxes whose XMP has a location either.
     MetadataPolicy metadata = MetadataPolicy::kWithoutLocation;
+    // Turns frames that are marked as interlaced into progressive ones, one for the two fields of
+    // each. libavfilter, which does this, is loaded from the system's library folders when the
+    // first interlaced frame arrives.
+    bool deinterlace = true;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

@@ -110,7 +110,8 @@ private:
             return std::make_unique<AudioDecoder>(mOptions.cutTimesUs, mOptions.observer);
         }
         if (mime.startsWithIgnoreCase("video/")) {
-            return std::make_unique<VideoDecoder>(session(), mOptions.threads, mOptions.frameSize);
+            return std::make_unique<VideoDecoder>(session(), mOptions.threads, mOptions.frameSize,
+                                                  mOptions.deinterlace);
         }
         return nullptr;
     }

@@ -50,6 +50,14 @@ void SessionTimeline::addFrame(int64_t timeUs, int64_t durationUs) {
     }
 }
 
+bool SessionTimeline::keeps(int64_t timeUs) const {
+    Mutex::Autolock lock(mLock);
+    return mPeriods.empty() ||
+           std::any_of(mPeriods.begin(), mPeriods.end(), [timeUs](const Period& period) {
+               return timeUs >= period.startUs && timeUs < period.endUs;
+           });
+}
+
 void SessionTimeline::endVideo(int64_t continuesAtUs, std::optional<int64_t> endUs) {
     Mutex::Autolock lock(mLock);
     mContinuesAtUs = continuesAtUs;

@@ -38,6 +38,8 @@ public:
     // For the video decoder: a frame of the input is shown at `timeUs` for `durationUs`, or for an
     // unknown time when that is 0.
     void addFrame(int64_t timeUs, int64_t durationUs);
+    // The frame at `timeUs` is in a period. True when the periods are not known.
+    bool keeps(int64_t timeUs) const;
     // For the video decoder at the end of stream: frames of the track follow at `continuesAtUs` or
     // later, and it ends at `endUs`, if that is known.
     void endVideo(int64_t continuesAtUs, std::optional<int64_t> endUs);

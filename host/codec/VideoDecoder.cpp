@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/codec/InputLimits.h"
 #include "host/convert/ColorTags.h"
 #include "host/foundation/CpuCount.h"
 #include "host/foundation/FrameAllocator.h"
@@ -122,11 +123,13 @@ private:
 }  // namespace
 
 VideoDecoder::VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads,
-                           const std::optional<FrameSize>& outputSize)
+                           const std::optional<FrameSize>& outputSize, bool deinterlaces)
     : mSession(std::move(session)),
       mThreads(codecThreads(threads)),
       mRequestedSize(outputSize),
+      mDeinterlaces(deinterlaces),
       mFrame(av_frame_alloc()),
+      mDeinterlacer(mThreads),
       mDecoder(mSession == nullptr ? nullptr : mSession->observer()) {}
 
 VideoDecoder::~VideoDecoder() {
@@ -146,6 +149,9 @@ status_t VideoDecoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "pixel format %d cannot be converted",
                             context->pix_fmt);
         return ERROR_UNSUPPORTED;
+    }
+    if (context->codec_id == AV_CODEC_ID_GIF || context->codec_id == AV_CODEC_ID_APNG) {
+        mConverter.blendAlpha();
     }
     context->opaque = this;
     context->get_buffer2 = getBuffer;
@@ -250,6 +256,7 @@ bool VideoDecoder::decodesInto(const FramePool& pool, AVCodecContext* context,
 status_t VideoDecoder::accept(CodecInput input) {
     if (input.info.segment.number != mSegment) {
         mDecoder.flush();
+        mDeinterlacer.restart();
         mInside.clear();
         mHasTime = false;
         mSegment = input.info.segment.number;
@@ -272,11 +279,8 @@ OutputSequencer::MemberState VideoDecoder::memberState() const {
 CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
     for (;;) {
         if (mFrame->buf[0] == nullptr) {
-            const PacketDecoder::Received received = mDecoder.receive(mFrame.get());
-            if (mLacksMemory) return Step::kFailed;
-            switch (received) {
+            switch (nextFrame()) {
                 case PacketDecoder::Received::kFrame:
-                    replaceUnknownTags(mFrame.get());
                     break;
                 case PacketDecoder::Received::kNeedsInput:
                     return Step::kNeedsInput;
@@ -316,10 +320,60 @@ CodecBackend::Step VideoDecoder::produce(CodecOutput* output) {
         if (!taken) return Step::kFailed;
         if (output->buffer != nullptr) {
             if (mSession != nullptr) mSession->addFrame(mLastTimeUs, durationUs);
+            reportInterlaced();
             return Step::kOutput;
         }
         mUnconverted++;
     }
+}
+
+PacketDecoder::Received VideoDecoder::nextFrame() {
+    for (;;) {
+        if (Deinterlacer::Output ready = mDeinterlacer.take(); ready.frame != nullptr) {
+            av_frame_move_ref(mFrame.get(), ready.frame.get());
+            mWasDeinterlaced = ready.wasDeinterlaced;
+            mWasInterlaced = ready.wasDeinterlaced || isInterlaced(*mFrame);
+            return PacketDecoder::Received::kFrame;
+        }
+        const PacketDecoder::Received received = mDecoder.receive(mFrame.get());
+        if (mLacksMemory) return PacketDecoder::Received::kFailed;
+        if (received == PacketDecoder::Received::kEnd && mDeinterlacer.hasFrames()) {
+            const status_t status = mDeinterlacer.finish();
+            if (status != OK) return deinterlacingFailed(status);
+            continue;
+        }
+        if (received != PacketDecoder::Received::kFrame) return received;
+        replaceUnknownTags(mFrame.get());
+        // libavcodec's HEVC decoder marks single fields, each of which is a frame of its own.
+        const bool marksFields = mDecoder.context()->codec_id == AV_CODEC_ID_HEVC;
+        mWasInterlaced = !marksFields && isInterlaced(*mFrame);
+        mWasDeinterlaced = false;
+        if (!mDeinterlaces || marksFields || !mDeinterlacer.needs(*mFrame)) return received;
+        if (const status_t status = mDeinterlacer.add(mFrame.get()); status != OK) {
+            return deinterlacingFailed(status);
+        }
+    }
+}
+
+PacketDecoder::Received VideoDecoder::deinterlacingFailed(status_t status) {
+    const auto reason = status == NO_MEMORY ? checkAllocation() : std::nullopt;
+    if (!reason) return PacketDecoder::Received::kFailed;
+    if (mSession != nullptr && mSession->observer() != nullptr) {
+        mSession->observer()->onRefused(*reason);
+    }
+    return PacketDecoder::Received::kRefused;
+}
+
+void VideoDecoder::reportInterlaced() {
+    HostObserver* const observer = mSession == nullptr ? nullptr : mSession->observer();
+    if (mDeinterlacer.failure() && !mReportedFailure) {
+        mReportedFailure = true;
+        __android_log_print(ANDROID_LOG_WARN, kLogTag, "interlaced frames are not changed: %s",
+                            mDeinterlacer.failure()->c_str());
+        if (observer != nullptr) observer->onDeinterlacingFailed(*mDeinterlacer.failure());
+    }
+    if (!mWasInterlaced || observer == nullptr || !mSession->keeps(mLastTimeUs)) return;
+    observer->onInterlacedFrame(mWasDeinterlaced);
 }
 
 // The last frames of a stream may have no timestamp, because no packet follows that would output

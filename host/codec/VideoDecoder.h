@@ -18,6 +18,7 @@
 #include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/codec/TrackSource.h"
+#include "host/convert/Deinterlacer.h"
 #include "host/convert/FFmpegPointers.h"
 #include "host/convert/PlaneScaler.h"
 #include "host/convert/VideoFrameConverter.h"
@@ -65,9 +66,10 @@ private:
 
 class VideoDecoder : public CodecBackend {
 public:
-    // `session` may be null; `threads` and `outputSize` as in HostOptions.
+    // `session` may be null; `threads`, `outputSize` and `deinterlaces` as in HostOptions.
     explicit VideoDecoder(std::shared_ptr<SessionTimeline> session, int threads = 0,
-                          const std::optional<FrameSize>& outputSize = std::nullopt);
+                          const std::optional<FrameSize>& outputSize = std::nullopt,
+                          bool deinterlaces = true);
     ~VideoDecoder() override;
 
     status_t configure(const sp<AMessage>& format, CodecBuffers* buffers) override;
@@ -86,6 +88,10 @@ private:
     int allocate(AVCodecContext* context, AVFrame* frame, int flags);
     static bool decodesInto(const FramePool& pool, AVCodecContext* context, const AVFrame& frame);
     std::shared_ptr<FramePool> pool();
+    // Sets mFrame to the next frame, deinterlaced where that is needed.
+    PacketDecoder::Received nextFrame();
+    PacketDecoder::Received deinterlacingFailed(status_t status);
+    void reportInterlaced();
     int64_t timeOf(const AVFrame& frame) const;
     // Leaves `buffer` null for a frame that cannot be converted. False when memory is short.
     bool workingFrame(sp<ABuffer>* buffer);
@@ -94,8 +100,14 @@ private:
     const std::shared_ptr<SessionTimeline> mSession;
     const int mThreads;
     const std::optional<FrameSize> mRequestedSize;
+    const bool mDeinterlaces;
     const FrameAllocator::Keep mKeepMemory;
     const FramePtr mFrame;
+    Deinterlacer mDeinterlacer;
+    // Of mFrame.
+    bool mWasInterlaced = false;
+    bool mWasDeinterlaced = false;
+    bool mReportedFailure = false;
     VideoFrameConverter mConverter;
     PlaneScaler mScaler;
 

@@ -87,8 +87,11 @@ zimg_chroma_location_e chromaLocationOf(const AVFrame& frame) {
 // Reads the rows of one frame; the last row or column is repeated where the size is odd.
 class FrameRows {
 public:
-    FrameRows(const AVFrame& frame, const AVPixFmtDescriptor& format)
-        : mFrame(frame), mFormat(format), mPlanar(isPlanar(format)) {}
+    FrameRows(const AVFrame& frame, const AVPixFmtDescriptor& format, bool blendsAlpha)
+        : mFrame(frame),
+          mFormat(format),
+          mPlanar(isPlanar(format)),
+          mBlendsAlpha(blendsAlpha && (format.flags & AV_PIX_FMT_FLAG_ALPHA) != 0) {}
 
     void read(int component, int row, int left, int right, uint8_t* line) {
         const bool chroma = component > 0 && !isRgb(mFormat);
@@ -122,13 +125,29 @@ private:
         if ((mFormat.flags & AV_PIX_FMT_FLAG_PAL) != 0) {
             return readPalette(component, row, left, right, line);
         }
-        mSamples.resize(static_cast<size_t>(right - left));
-        av_read_image_line2(mSamples.data(), const_cast<const uint8_t**>(mFrame.data),
-                            mFrame.linesize, &mFormat, left, row, component, right - left, 0,
-                            sizeof(uint16_t));
+        readSamples(component, row, left, right, &mSamples);
+        if (mBlendsAlpha) blend(row, left, right);
         const int depth = mFormat.comp[component].depth;
         for (size_t x = 0; x < mSamples.size(); ++x) {
             store(widen(mSamples[x], depth), static_cast<int>(x), bytes, line);
+        }
+    }
+
+    void readSamples(int component, int row, int left, int right,
+                     std::vector<uint16_t>* samples) const {
+        samples->resize(static_cast<size_t>(right - left));
+        av_read_image_line2(samples->data(), const_cast<const uint8_t**>(mFrame.data),
+                            mFrame.linesize, &mFormat, left, row, component, right - left, 0,
+                            sizeof(uint16_t));
+    }
+
+    // Alpha is the last component.
+    void blend(int row, int left, int right) {
+        const int component = mFormat.nb_components - 1;
+        readSamples(component, row, left, right, &mAlpha);
+        const uint32_t opaque = (1U << mFormat.comp[component].depth) - 1;
+        for (size_t x = 0; x < mSamples.size(); ++x) {
+            mSamples[x] = static_cast<uint16_t>(mSamples[x] * uint32_t{mAlpha[x]} / opaque);
         }
     }
 
@@ -138,7 +157,9 @@ private:
         for (int x = left; x < right; ++x) {
             uint32_t color = 0;
             memcpy(&color, mFrame.data[1] + size_t{4} * indexes[x], sizeof(color));
-            line[x - left] = static_cast<uint8_t>(color >> (16 - 8 * component));
+            const uint32_t value = (color >> (16 - 8 * component)) & 0xFF;
+            const uint32_t alpha = mBlendsAlpha ? color >> 24 : 0xFF;
+            line[x - left] = static_cast<uint8_t>(value * alpha / 0xFF);
         }
     }
 
@@ -159,7 +180,9 @@ private:
     const AVFrame& mFrame;
     const AVPixFmtDescriptor& mFormat;
     const bool mPlanar;
+    const bool mBlendsAlpha;
     std::vector<uint16_t> mSamples;
+    std::vector<uint16_t> mAlpha;
 };
 
 }  // namespace
@@ -231,7 +254,7 @@ bool VideoFrameConverter::read(const AVFrame& frame, ZimgGraph* graph, const Fra
     if (even && isPlanar(format) && !isGrey(format)) {
         return graph->process(planesOf(frame, format), to);
     }
-    FrameRows rows(frame, format);
+    FrameRows rows(frame, format, mBlendsAlpha);
     return graph->process([&rows](int component, int row, int left, int right,
                                   uint8_t* line) { rows.read(component, row, left, right, line); },
                           to);

@@ -1,6 +1,6 @@
 // Converts decoded frames of any format to the working frame: 8-bit 4:2:0 planar, BT.709, limited
-// range, in a given size. Alpha is dropped; interlaced frames keep their fields. One thread at a
-// time.
+// range, in a given size. Alpha is dropped, unless it is blended; interlaced frames keep their
+// fields. One thread at a time.
 #pragma once
 
 #include <stdint.h>
@@ -27,6 +27,10 @@ public:
     // True when the frame needs no conversion beyond the choice of planes.
     static bool isWorkingFrame(const AVFrame& frame, int width, int height);
 
+    // Frames of packed RGB or grey with alpha, and of a palette, are shown on black, as animated
+    // images are. In video, their alpha is often undefined.
+    void blendAlpha() { mBlendsAlpha = true; }
+
     // `to` has room for a frame of `width` x `height`, rounded up to even numbers. False when the
     // frame cannot be converted.
     bool convert(const AVFrame& frame, const FramePlanes& to, int width, int height);
@@ -40,6 +44,7 @@ private:
     bool read(const AVFrame& frame, ZimgGraph* graph, const FramePlanes& to);
     bool mapTones(const FramePlanes& to);
 
+    bool mBlendsAlpha = false;
     // The input and output that the graphs were built for.
     std::unique_ptr<Source> mSource;
     int mWidth = 0;

@@ -61,7 +61,10 @@ Demuxer::~Demuxer() = default;
 Demuxer::Opened Demuxer::open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth depth) {
     std::unique_ptr<Demuxer> demuxer(new Demuxer);
     status_t status = demuxer->openInput(file);
-    if (status == OK && (depth == ProbeDepth::kStreams || !demuxer->headerIsEnough())) {
+    const bool isEnough =
+        depth == ProbeDepth::kHeader ||
+        (depth == ProbeDepth::kHeaderIfEnough && status == OK && demuxer->headerIsEnough());
+    if (status == OK && !isEnough) {
         status = demuxer->readStreams();
     }
     if (status != OK) return {nullptr, status};
@@ -139,6 +142,14 @@ bool Demuxer::headerIsEnough() const { return isIsoFile() || isMatroska(); }
 
 bool Demuxer::hasOnlyFrameNumbers() const {
     return av_match_name("avi", mContext->iformat->name) != 0;
+}
+
+bool Demuxer::isRawVideo() const {
+    return av_match_name(mContext->iformat->name, "h264,hevc,mpegvideo,m4v") != 0;
+}
+
+bool Demuxer::isAnimation() const {
+    return av_match_name(mContext->iformat->name, "gif,apng") != 0;
 }
 
 bool Demuxer::mayHaveDiscontinuities() const {

@@ -17,6 +17,7 @@ namespace qmmediaeditor {
 class Demuxer {
 public:
     enum class ProbeDepth {
+        kHeader,
         kStreams,        // with what the first packets of each stream add to the header
         kHeaderIfEnough  // without that where headerIsEnough()
     };
@@ -41,6 +42,10 @@ public:
     // The container has only the number of a frame in decoding order; the timestamps that
     // libavformat derives from it are late by the codec's reorder delay.
     bool hasOnlyFrameNumbers() const;
+    // A stream of AVC, HEVC or MPEG video without a container.
+    bool isRawVideo() const;
+    // A format that also holds single images.
+    bool isAnimation() const;
     // Timestamps may have discontinuities.
     bool mayHaveDiscontinuities() const;
     // The container's index lists the video frames, and is used for audio as well.

@@ -115,9 +115,15 @@ int64_t maxSampleBytes(AVStream& stream, int64_t fileBytes) {
 // An ISO file's index has the decoding times of all samples. Without reordering they are the
 // presentation times; with it, they have the same distances where the rate is constant. Elsewhere
 // the first packets are read.
-FrameTimestamps frameTimestamps(Demuxer* demuxer, AVStream& stream) {
+FrameTimestamps frameTimestamps(Demuxer* demuxer, AVStream& stream, const RawVideoIndex* rawIndex) {
     FrameTimestamps times;
     std::vector<int64_t>& timesUs = times.timesUs;
+    if (rawIndex != nullptr) {
+        for (const int64_t time : rawIndex->firstTimes()) {
+            timesUs.push_back(demuxer->toUs(stream.index, time));
+        }
+        return times;
+    }
     const int entries = avformat_index_get_entries_count(&stream);
     if (demuxer->isIsoFile() && entries > 1) {
         for (int i = 0; i < entries; ++i) {
@@ -200,19 +206,22 @@ sp<AMessage> makeFileFormat(const AVFormatContext& context, const std::vector<ui
 
 // Without a format when memory is short.
 TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, bool estimateRate,
+                        const std::shared_ptr<const RawVideoIndex>& rawIndex,
                         const sp<OutputSequencer>& sequencer) {
     AVFormatContext& context = demuxer->context();
     const AVCodecParameters& parameters = *stream.codecpar;
     TrackInfo track;
     track.streamIndex = stream.index;
     track.isVideo = isKind(stream, AVMEDIA_TYPE_VIDEO);
+    track.rawIndex = rawIndex;
     TrackProperties properties;
     properties.durationUs = durationUs;
     if (isDecodable(stream)) {
         track.maxSampleBytes = static_cast<size_t>(maxSampleBytes(stream, avio_size(context.pb)));
         properties.maxSampleBytes = static_cast<int32_t>(track.maxSampleBytes);
         track.seekStreamIndex = seekStreamIndex(*demuxer, context, stream);
-        if (stream.start_time != AV_NOPTS_VALUE && !demuxer->hasOnlyFrameNumbers()) {
+        if (stream.start_time != AV_NOPTS_VALUE && !demuxer->hasOnlyFrameNumbers() &&
+            rawIndex == nullptr) {
             track.startUs = demuxer->toUs(stream.index, stream.start_time);
         }
         track.source = makeSource(parameters, sequencer);
@@ -222,7 +231,8 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
             track.reorderDepth =
                 static_cast<size_t>(std::max(parameters.video_delay, 0)) * samplesPerFrame;
             const FrameRateEstimate timing = frameRateEstimate(
-                stream, estimateRate ? frameTimestamps(demuxer, stream) : FrameTimestamps());
+                stream, estimateRate ? frameTimestamps(demuxer, stream, rawIndex.get())
+                                     : FrameTimestamps());
             properties.frameRate = timing.rate;
             if (!timing.constantRate) properties.averageFrameRate = av_q2d(stream.avg_frame_rate);
             track.constantRate = timing.constantRate;
@@ -401,6 +411,14 @@ status_t refuse(const DescriptorFile& file, const std::string& reason) {
     return ERROR_UNSUPPORTED;
 }
 
+bool hasSecondFrame(const std::shared_ptr<const DescriptorFile>& file) {
+    const auto demuxer = Demuxer::open(file, Demuxer::ProbeDepth::kHeader).demuxer;
+    PacketPtr packet(av_packet_alloc());
+    if (demuxer == nullptr || packet == nullptr) return false;
+    return demuxer->readPacket(Demuxer::kAnyStream, packet.get()) == OK &&
+           demuxer->readPacket(Demuxer::kAnyStream, packet.get()) == OK;
+}
+
 }  // namespace
 
 bool InputInfo::isUnshared() const {
@@ -466,8 +484,27 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Hos
         complete = complete && (durationsUs[i] > 0 || !isDecodable(stream));
     }
     if (!hasMedia) return ERROR_UNSUPPORTED;
+    if (demuxer->isAnimation() && !hasSecondFrame(file)) {
+        if (file->status() != OK) return ERROR_IO;
+        return refuse(*file, "a still image, not an animation");
+    }
     if (const auto reason = findUnreadable(context)) return refuse(*file, *reason);
-    if (!complete) durationsUs = measureDurationsUs(file, durationsUs.size());
+    std::shared_ptr<const RawVideoIndex> rawIndex;
+    if (demuxer->isRawVideo()) {
+        const RawVideoIndex::Made made = RawVideoIndex::make(file);
+        if (made.index == nullptr) return made.status;
+        rawIndex = made.index;
+        durationsUs[0] = demuxer->toUs(0, rawIndex->durationTicks());
+    } else if (!complete) {
+        durationsUs = measureDurationsUs(file, durationsUs.size());
+    }
+
+    std::vector<AviGap> gaps;
+    if (demuxer->hasOnlyFrameNumbers()) {
+        const AviTimestamps::Gaps search = AviTimestamps::findGaps(file);
+        if (search.status != OK) return search.status;
+        gaps = search.gaps;
+    }
 
     InputInfo found;
     found.zeroIsFixed = demuxer->isIsoFile();
@@ -485,13 +522,14 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Hos
     for (unsigned i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
         found.tracks.push_back(
-            describeTrack(demuxer, stream, durationsUs[i], estimateRate, sequencer));
+            describeTrack(demuxer, stream, durationsUs[i], estimateRate, rawIndex, sequencer));
         if (found.tracks.back().format == nullptr) return NO_MEMORY;
         if (const auto reason = checkDisplaySize(found.tracks.back())) {
             return refuse(*file, *reason);
         }
         TrackInfo& track = found.tracks.back();
         track.discontinuities = discontinuities;
+        track.gaps = gaps;
         track.ending = findEnding(lengths, *demuxer, stream);
         if (!track.ending) track.ending = findMatroskaEnding(*file, *demuxer, stream, track);
         if (track.isVideo && isDecodable(stream)) estimateRate = false;

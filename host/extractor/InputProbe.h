@@ -17,6 +17,8 @@
 
 #include "host/codec/RecordingMetadata.h"
 #include "host/codec/TrackSource.h"
+#include "host/extractor/AviTimestamps.h"
+#include "host/extractor/RawVideo.h"
 #include "host/extractor/TimestampRepair.h"
 #include "host/io/DescriptorFile.h"
 #include "host/io/IsoBoxes.h"
@@ -55,6 +57,10 @@ struct TrackInfo {
     std::optional<ConstantFrameRate> constantRate;
     // One for all tracks of the file. Null for containers without discontinuities.
     std::shared_ptr<TimestampDiscontinuities> discontinuities;
+    // Null for a track in a container.
+    std::shared_ptr<const RawVideoIndex> rawIndex;
+    // Of a container with frame numbers only.
+    std::vector<AviGap> gaps;
 };
 
 struct InputInfo {

@@ -149,8 +149,11 @@ void PocTimestamps::ParserDeleter::operator()(AVCodecParserContext* parser) cons
     av_parser_close(parser);
 }
 
-PocTimestamps::PocTimestamps(const AVCodecParameters& parameters)
-    : mLastDecodingTime(AV_NOPTS_VALUE), mSequenceStart(AV_NOPTS_VALUE) {
+PocTimestamps::PocTimestamps(const AVCodecParameters& parameters, int64_t frameTicks)
+    : mMeasuresInterval(frameTicks == 0),
+      mInterval(frameTicks),
+      mLastDecodingTime(AV_NOPTS_VALUE),
+      mSequenceStart(AV_NOPTS_VALUE) {
     const bool isAvc = parameters.codec_id == AV_CODEC_ID_H264;
     if (!isAvc && parameters.codec_id != AV_CODEC_ID_HEVC) return;
     mCodec.reset(avcodec_alloc_context3(nullptr));
@@ -167,7 +170,8 @@ int64_t PocTimestamps::presentationTime(const AVPacket& packet) {
     if (mParser == nullptr || packet.dts == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
     const int64_t distance =
         mLastDecodingTime == AV_NOPTS_VALUE ? 0 : packet.dts - mLastDecodingTime;
-    if (distance > 0 && (mInterval == 0 || distance < mInterval)) mInterval = distance;
+    const bool isShorter = distance > 0 && (mInterval == 0 || distance < mInterval);
+    if (mMeasuresInterval && isShorter) mInterval = distance;
     mLastDecodingTime = packet.dts;
 
     uint8_t* unit = nullptr;
@@ -179,6 +183,15 @@ int64_t PocTimestamps::presentationTime(const AVPacket& packet) {
     if (count == 0 && (packet.flags & AV_PKT_FLAG_KEY) != 0) mSequenceStart = packet.dts;
     if (mSequenceStart == AV_NOPTS_VALUE) return AV_NOPTS_VALUE;
     return mSequenceStart + count / mStep * mInterval;
+}
+
+bool PocTimestamps::isField() const {
+    return mParser != nullptr && (mParser->picture_structure == AV_PICTURE_STRUCTURE_TOP_FIELD ||
+                                  mParser->picture_structure == AV_PICTURE_STRUCTURE_BOTTOM_FIELD);
+}
+
+bool PocTimestamps::isAtSequenceStart(const AVPacket& packet) const {
+    return packet.dts != AV_NOPTS_VALUE && packet.dts == mSequenceStart;
 }
 
 void PocTimestamps::restart() { mLastDecodingTime = mSequenceStart = AV_NOPTS_VALUE; }

@@ -48,7 +48,9 @@ private:
 // its coded video sequence.
 class PocTimestamps {
 public:
-    explicit PocTimestamps(const AVCodecParameters& parameters);
+    // `frameTicks` is the duration of a frame in the packets' time base; 0 where packets are frames
+    // and their timestamps show it.
+    explicit PocTimestamps(const AVCodecParameters& parameters, int64_t frameTicks = 0);
     ~PocTimestamps();
 
     // The presentation timestamp of the next packet in decoding order, in the packet's time base.
@@ -57,6 +59,12 @@ public:
 
     // The next packet follows a seek.
     void restart();
+
+    bool isForThisCodec() const { return mParser != nullptr; }
+    // The last packet was one of two fields of a frame.
+    bool isField() const;
+    // The packet was the last one, and all frames behind it are shown after it.
+    bool isAtSequenceStart(const AVPacket& packet) const;
 
 private:
     struct ParserDeleter {
@@ -67,8 +75,10 @@ private:
     CodecContextPtr mCodec;
     // Difference of the order counts of two successive frames.
     int mStep = 1;
-    // The shortest distance of decoding timestamps, which is one frame; 0 before it is known.
-    int64_t mInterval = 0;
+    const bool mMeasuresInterval;
+    // Duration of a frame; where it is measured, the shortest distance of decoding timestamps, and
+    // 0 before it is known.
+    int64_t mInterval;
     int64_t mLastDecodingTime;
     // Decoding timestamp of the frame with order count 0; AV_NOPTS_VALUE before the first one.
     int64_t mSequenceStart;

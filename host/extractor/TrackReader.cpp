@@ -35,12 +35,16 @@ TrackReader::TrackReader(const std::shared_ptr<const DescriptorFile>& file, cons
     : mFile(file),
       mTrack(track),
       mPacket(av_packet_alloc()),
-      mPocTimestamps(track.source->parameters()) {}
+      mPocTimestamps(track.source->parameters(),
+                     track.rawIndex == nullptr ? 0 : track.rawIndex->frameTicks()) {
+    if (track.rawIndex != nullptr) mRawClock.emplace(track.rawIndex->frameTicks());
+}
 
 TrackReader::~TrackReader() = default;
 
 status_t TrackReader::reopen() {
     forgetPosition();
+    if (mRawClock) mRawClock->restart(0);
     mAtStart = true;
     mEnded = true;
     Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kHeaderIfEnough);
@@ -54,6 +58,7 @@ status_t TrackReader::reopen() {
         return mStatus = ERROR_MALFORMED;
     }
     mDemuxer->keepOnly(mTrack.streamIndex);
+    if (mDemuxer->hasOnlyFrameNumbers() && !mAviTimestamps) mAviTimestamps.emplace(mTrack.gaps);
     mEnded = false;
     return OK;
 }
@@ -122,6 +127,11 @@ bool TrackReader::readHead() {
     if (mEnded) return false;
     mAtStart = false;
     while ((mStatus = mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) == OK) {
+        if (mRawClock) mRawClock->stamp(mPacket.get());
+        if (mAviTimestamps) {
+            mAviTimestamps->correct(*mDemuxer->context().streams[mTrack.streamIndex],
+                                    mPacket.get());
+        }
         // A larger packet does not fit the clients' buffers, which have the size that the track's
         // format announced.
         if (static_cast<size_t>(mPacket->size) <= mTrack.maxSampleBytes) return mHasHead = true;
@@ -160,8 +170,9 @@ int64_t TrackReader::statedTimestamp() {
 // The distance in ticks from a frame's packet to the packet that makes the decoder output the
 // frame.
 int64_t TrackReader::reorderTicks() const {
-    if (!mTrack.isVideo || !mDemuxer->hasOnlyFrameNumbers()) return 0;
-    return mTrack.source->parameters().video_delay;
+    const int64_t delay = mTrack.source->parameters().video_delay;
+    if (mTrack.rawIndex != nullptr) return delay * mTrack.rawIndex->frameTicks();
+    return mTrack.isVideo && mDemuxer->hasOnlyFrameNumbers() ? delay : 0;
 }
 
 // At most reorderDepth frames precede a frame in decoding order and follow it in presentation
@@ -191,9 +202,11 @@ void TrackReader::forgetPosition() {
     mNextTimeUs = mTrack.startUs;
     mLatestTimesUs.clear();
     mPocTimestamps.restart();
+    if (mAviTimestamps) mAviTimestamps->restart();
 }
 
 void TrackReader::seek(int64_t timeUs) {
+    if (mTrack.rawIndex != nullptr) return seekRawVideo(timeUs);
     const int64_t targetUs = timeUs - mTrack.prerollUs;
     int64_t stepUs = kFirstStepBackUs;
     // Indexes are inexact or missing, so each try checks the position that the demuxer has reached.
@@ -206,6 +219,24 @@ void TrackReader::seek(int64_t timeUs) {
     // The beginning has samples that are not in the index, such as a codec's priming.
     if (!mAtStart) reopen();
     if (targetUs > mTrack.startUs) skipAudioBefore(targetUs);
+}
+
+void TrackReader::seekRawVideo(int64_t timeUs) {
+    if (mDemuxer != nullptr) {
+        AVFormatContext& context = mDemuxer->context();
+        const AVStream& stream = *context.streams[mTrack.streamIndex];
+        const auto point =
+            mTrack.rawIndex->seekPointBefore(av_rescale_q(timeUs, kMicroseconds, stream.time_base));
+        forgetPosition();
+        if (point &&
+            av_seek_frame(&context, stream.index, point->position, AVSEEK_FLAG_BYTE) >= 0) {
+            mRawClock->restart(point->dts);
+            mAtStart = mEnded = false;
+            mStatus = OK;
+            return;
+        }
+    }
+    if (!mAtStart) reopen();
 }
 
 bool TrackReader::seekDemuxer(int64_t timeUs) {

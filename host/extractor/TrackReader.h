@@ -63,6 +63,7 @@ private:
     void updateOrderTime();
     void forgetPosition();
 
+    void seekRawVideo(int64_t timeUs);
     bool seekDemuxer(int64_t timeUs);
     bool landsBy(int64_t timeUs);
     void skipAudioBefore(int64_t timeUs);
@@ -91,6 +92,10 @@ private:
     int64_t mNextTimeUs = 0;   // end of the last sample, for one without a timestamp
     // The latest presentation timestamps that were read, rising: mTrack.reorderDepth + 1 of them.
     std::vector<int64_t> mLatestTimesUs;
+    // For video without a container.
+    std::optional<RawVideoClock> mRawClock;
+    // For a container with frame numbers only.
+    std::optional<AviTimestamps> mAviTimestamps;
     // For video in a container that states decoding times alone.
     PocTimestamps mPocTimestamps;
 };

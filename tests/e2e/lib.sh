@@ -167,6 +167,12 @@ audio_seconds() {
     quiet_ffmpeg -i "$1" -map a:0 -f s16le -ac 1 -ar 8000 - | wc -c | awk '{ printf "%.3f", $1 / 16000 }'
 }
 
+# The average brightness of each frame, rounded, one per line.
+brightness() {
+    quiet_ffmpeg -i "$1" -map v:0 -vf signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=- -f null - |
+        sed -n 's/.*YAVG=//p' | awk '{ printf "%d\n", $1 + 0.5 }'
+}
+
 # A checksum of each decoded frame and audio buffer.
 frame_sums() { quiet_ffmpeg -i "$1" -f framemd5 - | grep -v '^#'; }
 

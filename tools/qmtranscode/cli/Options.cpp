@@ -49,6 +49,7 @@ constexpr double kMaxLoudness = -5;
 
 const Choices<ProgressStyle> kProgressStyles = {
     {"bar", ProgressStyle::kBar}, {"json", ProgressStyle::kJson}, {"none", ProgressStyle::kNone}};
+const Choices<bool> kDeinterlaceChoices = {{"auto", true}, {"off", false}};
 const Choices<bool> kPartialChoices = {{"keep", true}, {"discard", false}};
 const std::vector<std::string> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
                                            "fast",      "medium",    "slow",     "slower",
@@ -302,6 +303,11 @@ void CommandLine::define() {
     describe("--video-codec", "NAME",
              "codec: " + listText(wordsOf(videoCodecs())) + "; default avc",
              supportedSizesText(VideoCodec::kH263) + ".", wordsOf(videoCodecs()));
+    app.add_option("--deinterlace", o.deinterlace)->transform(oneOf(kDeinterlaceChoices));
+    describe("--deinterlace", "CHOICE", "deinterlace marked frames: auto (the default) or off",
+             "One frame is made of the two fields of each, by libavfilter's bwdif. Without "
+             "libavfilter, frames keep their fields, with a warning.",
+             wordsOf(kDeinterlaceChoices));
 
     app.add_flag("--no-video", o.noVideo);
     describe("--no-video", "", "leave the video out");

@@ -56,6 +56,9 @@ struct Options {
     std::optional<double> loudness;
     std::optional<FileFormat> format;
 
+    // By default, frames that are marked as interlaced are deinterlaced.
+    std::optional<bool> deinterlace;
+
     bool fastStart = false;
     // Metadata of the recording: its location is dropped unless asked for.
     bool keepLocation = false;

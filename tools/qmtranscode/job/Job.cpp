@@ -194,6 +194,7 @@ Outcome Job::concludeComplete(Progress* progress) {
         return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
     }
     if (auto failure = checkTracks(*receipt.contents)) return {failure};
+    printInterlaced();
     receipt.isComplete = true;
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
@@ -231,6 +232,13 @@ Failure Job::noSamples() const {
     return {kExitUnusable, mInput.path(),
             std::string("no frame and no audio starts in ") +
                 (mPeriods.size() > 1 ? "these periods" : "this period")};
+}
+
+void Job::printInterlaced() const {
+    const TrackCodecs video = mObserver->video();
+    if (!video.deinterlacingFailure) return;
+    console::printLine(fmt::format("qmtranscode: {}: not deinterlaced, because {}", mOutput.path(),
+                                   *video.deinterlacingFailure));
 }
 
 void Job::printMissing(const char* type, const char* reason) const {

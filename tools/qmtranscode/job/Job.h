@@ -76,6 +76,7 @@ private:
     // A failure if a track could not be decoded at all; a line if the input has no samples of it.
     std::optional<Failure> checkTracks(const OutputContents& output) const;
     // Prints that the output has no track of this type.
+    void printInterlaced() const;
     void printMissing(const char* type, const char* reason) const;
     Receipt makeReceipt() const;
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;

@@ -115,6 +115,17 @@ void RunObserver::onPacketSkipped(bool isVideo) {
     ++(isVideo ? mVideo : mAudio).skippedPackets;
 }
 
+void RunObserver::onInterlacedFrame(bool wasDeinterlaced) {
+    Mutex::Autolock lock(mLock);
+    ++mVideo.interlacedFrames;
+    if (wasDeinterlaced) ++mVideo.deinterlacedFrames;
+}
+
+void RunObserver::onDeinterlacingFailed(const std::string& reason) {
+    Mutex::Autolock lock(mLock);
+    mVideo.deinterlacingFailure = reason;
+}
+
 void RunObserver::onFirstSample() {
     Mutex::Autolock lock(mLock);
     if (mOnFirstSample) mOnFirstSample();

@@ -62,6 +62,11 @@ struct TrackCodecs {
     sp<AMessage> format;
     // Packets that could not be decoded.
     int64_t skippedPackets = 0;
+    // Of the input's frames in the periods.
+    int64_t interlacedFrames = 0;
+    int64_t deinterlacedFrames = 0;
+    // Why interlaced frames could not be deinterlaced, if so.
+    std::optional<std::string> deinterlacingFailure;
 };
 
 struct ReadError {
@@ -79,6 +84,8 @@ public:
     void onEncoderOpened(bool isVideo, const std::string& name,
                          const sp<AMessage>& format) override;
     void onPacketSkipped(bool isVideo) override;
+    void onInterlacedFrame(bool wasDeinterlaced) override;
+    void onDeinterlacingFailed(const std::string& reason) override;
     void onFirstSample() override;
     void onFrameEncoded(int64_t timeUs) override;
     void onAudioEncoded(int64_t samples, int sampleRate) override;

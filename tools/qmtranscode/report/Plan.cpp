@@ -85,6 +85,15 @@ std::string codecOf(const TrackCodecs& codecs) {
     return codecName(mime.c_str());
 }
 
+// The numbers are those of the dry run.
+Json deinterlacingOf(const Options& options, const TrackCodecs& codecs) {
+    Json json = wordOf(options.deinterlace.value_or(true) ? "auto" : "off",
+                       options.deinterlace.has_value());
+    json["interlaced_frames"] = codecs.interlacedFrames;
+    json["deinterlaced_frames"] = codecs.deinterlacedFrames;
+    return json;
+}
+
 Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs& codecs,
              const VideoRate& rate) {
     const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
@@ -98,6 +107,7 @@ Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs&
         {"height", numberOf(setting("height"), hasSize, input.height, kNearest)},
         {"rotation", Json{{"value", input.rotation}, {"from", "input"}}},
         {"fps", numberOf(setting("frame-rate"), options.frameRate.has_value(), input.frameRate)}};
+    json["deinterlace"] = deinterlacingOf(options, codecs);
     if (!rate.quality) {
         json["bitrate"] =
             numberOf(setting("bitrate"), options.videoBitrate.has_value(), input.bitrate);

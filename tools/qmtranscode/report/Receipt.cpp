@@ -106,6 +106,8 @@ Json tracksOf(const Receipt& receipt) {
                           {"quality", nullptr},
                           {"fps", rateOf(*contents.video)},
                           {"frames", contents.video->count},
+                          {"interlaced_frames", receipt.video.interlacedFrames},
+                          {"deinterlaced_frames", receipt.video.deinterlacedFrames},
                           {"bytes", contents.video->bytes},
                           {"bitrate", bitrateOf(*contents.video)},
                           {"seconds", secondsOf(contents.video->endUs - contents.video->firstUs)}});
@@ -163,6 +165,14 @@ std::string row(const char* name, fmt::format_string<Values...> format, Values&&
     return fmt::format("  {:<8} {}\n", name, fmt::format(format, std::forward<Values>(values)...));
 }
 
+std::string interlacingRows(const TrackCodecs& video) {
+    const int64_t kept = video.interlacedFrames - video.deinterlacedFrames;
+    std::string rows;
+    if (video.deinterlacedFrames > 0) rows += row("", "{} deinterlaced", video.deinterlacedFrames);
+    if (kept > 0) rows += row("", "{} interlaced, not deinterlaced", kept);
+    return rows;
+}
+
 // The value, and the input's where that is another one.
 std::string changed(const std::string& value, const std::string& input) {
     return value == input ? value : value + " from " + input;
@@ -180,6 +190,7 @@ std::string videoRows(const VideoTrack& video, const Receipt& receipt) {
     const std::string bitrate = bitrateText(bitrateOf(samples));
     return row("video", "{} {}, {:.4g} fps", codecName(video.mime), size, rateOf(samples)) +
            row("", "{} frames, {} dropped", samples.count, receipt.statistics.dropped()) +
+           interlacingRows(receipt.video) +
            (receipt.quality ? row("", "{}, quality {}", bitrate, *receipt.quality)
                             : row("", "{}", bitrate));
 }

@@ -81,6 +81,7 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
     HostOptions host;
     host.avcPreset = options.preset;
+    host.deinterlace = options.deinterlace.value_or(true);
     host.fastStart = options.fastStart;
     host.threads = threads;
     host.metadata = options.metadataPolicy();
