@@ -263,17 +263,19 @@ void CommandLine::define() {
 
     mGroup = "";
     app.add_option("--trim", o.periods)->check(period())->type_size(1)->allow_extra_args(false);
-    describe("--trim", "START-END",
-             "keep this period; seconds or h:mm:ss.mmm; repeatable, in time order",
-             "Periods must not overlap. A period ends at the latest where the input ends, and "
-             "START- stands for all that follows.");
+    describe(
+        "--trim", "START-END",
+        "keep this period; seconds or h:mm:ss.mmm; repeatable, in time order",
+        "Periods must not overlap. A period ends at the latest where the input ends; START- means "
+        "up to the end.");
     app.add_option("--cut", o.cuts)->check(period())->type_size(1)->allow_extra_args(false);
     describe("--cut", "START-END", "remove this period and keep the rest; repeatable");
     app.add_option("--list", o.list);
-    describe("--list", "FILE", "periods from a CSV or EDL file, or the input's: chapters",
-             "Lines of a CSV are START,END or START,END,NAME and keep the period; lines of an EDL "
-             "are START END 0 and remove it. The word chapters stands for the chapters of the "
-             "input; ./chapters is a file of that name.");
+    describe(
+        "--list", "FILE",
+        "take the periods from a CSV or EDL file or, with the value chapters, from the input's chapters",
+        "A line START,END or START,END,NAME of a CSV keeps a period. A line START END 0 of an "
+        "EDL removes one. To read a file that is named chapters, write ./chapters.");
 
     mGroup = "Video";
     app.add_option("--fit", o.fit)->check(boxSize());
