@@ -152,6 +152,12 @@ CodecBackend::Step AudioDecoder::produce(CodecOutput* output) {
             case PacketDecoder::Received::kRefused:
                 return Step::kRefused;
             case PacketDecoder::Received::kEnd:
+                if (const int64_t missing = framesMissingAtEnd(); missing > 0) {
+                    addSilence(missing);
+                    if (mRefused) return Step::kRefused;
+                    mInGap = true;
+                    continue;
+                }
                 output->timeUs = mSampleRate > 0 ? timeAt(mNextFrame) : 0;
                 output->segment = mSegment.number;
                 return Step::kEnd;
@@ -166,14 +172,24 @@ CodecBackend::Step AudioDecoder::produce(CodecOutput* output) {
     }
 }
 
+int64_t AudioDecoder::framesMissing(int64_t positionUs) const {
+    if (mFormat == nullptr) return 0;
+    const int64_t untilUs = std::min(positionUs, mTrackEndUs);
+    // Before the first sample of a segment, the position is not yet known.
+    return silenceDueUs() >= untilUs ? 0 : frameAt(untilUs) - mNextFrame;
+}
+
+// The end of stream may overtake the last silence: a decoder with input is not asked for it.
+int64_t AudioDecoder::framesMissingAtEnd() const {
+    if (mSource == nullptr) return 0;
+    const OutputSequencer& sequencer = *mSource->sequencer();
+    return sequencer.segment().number == mSegment.number ? framesMissing(sequencer.position()) : 0;
+}
+
 CodecBackend::Step AudioDecoder::produceWithoutInput(const InputSegment& segment,
                                                      int64_t positionUs, CodecOutput* output) {
     if (segment.number != mSegment.number) enter(segment);
-    if (mFormat == nullptr) return Step::kNeedsInput;
-    const int64_t untilUs = std::min(positionUs, mTrackEndUs);
-    // Before the first sample of a segment, the position is not yet known.
-    if (silenceDueUs() >= untilUs) return Step::kNeedsInput;
-    const int64_t missing = frameAt(untilUs) - mNextFrame;
+    const int64_t missing = framesMissing(positionUs);
     if (missing <= 0) return Step::kNeedsInput;
     addSilence(missing);
     if (mRefused) return Step::kRefused;

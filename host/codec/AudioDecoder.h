@@ -48,6 +48,9 @@ private:
     // Removes from mPcm what follows the end of the track.
     void dropPadding();
     // Adds silence to the output; sets mRefused instead when it exceeds the limit.
+    // Of silence, when the reader has reached `positionUs`.
+    int64_t framesMissing(int64_t positionUs) const;
+    int64_t framesMissingAtEnd() const;
     void addSilence(int64_t frames);
     Step produceChunk(CodecOutput* output);
 

@@ -272,12 +272,14 @@ bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** option
     // A requested key frame must be an IDR frame, which can be sought.
     set = set && av_dict_set(options, "forced-idr", "1", 0) >= 0;
     // With a thread for each frame, the rate control looks at how far the other threads are, and
-    // the output is different each time. Some of x264's functions for newer processors round
-    // differently.
+    // the output is different each time. Slices do so only where a single frame would exceed the
+    // buffer of the max bit rate. Some of x264's functions for newer processors round differently.
     const int slices = std::clamp(context.height / kMinSliceHeight, 1, mThreads);
     std::string parameters = "cpu-independent=1:sliced-threads=1:threads=" + std::to_string(slices);
     // The stream then says that its frame rate is constant.
     if (inputRate(settings)) parameters += ":force-cfr=1";
+    // The quality decides, so that no slice has to correct the plan of its frame before that.
+    if (hasConstantQuality()) parameters += ":ratetol=1000";
     set = set && av_dict_set(options, "x264-params", parameters.c_str(), 0) >= 0;
     if (hasConstantQuality()) {
         set = set && av_dict_set_int(options, "crf", *mOptions.avcQuality, 0) >= 0;
