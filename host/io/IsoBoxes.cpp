@@ -461,6 +461,7 @@ status_t replaceUserData(DescriptorFile* file, const std::vector<uint8_t>& boxes
     const std::optional<IsoBox> movie = readBox(*file, movieOffset, file->sizeBytes());
     const std::optional<IsoBox> place =
         movie && movie->type == kMovie ? findChild(*file, *movie, kUserData) : std::nullopt;
+    if (file->status() != OK) return file->status();
     if (!place || place->endOffset != movie->endOffset) return BAD_VALUE;
     const int64_t rest = place->endOffset - place->offset - static_cast<int64_t>(boxes.size());
     if (rest < 0 || (rest > 0 && rest < kHeaderBytes)) return BAD_VALUE;

@@ -154,6 +154,10 @@ private:
     Bytes mOut;
 };
 
+status_t readError(const DescriptorFile& file) {
+    return file.status() == OK ? status_t{ERROR_MALFORMED} : file.status();
+}
+
 // From the end, so that nothing is overwritten before it has moved.
 status_t moveTail(DescriptorFile* file, int64_t from, int64_t byBytes) {
     Bytes block(kMovedAtOnceBytes);
@@ -161,7 +165,7 @@ status_t moveTail(DescriptorFile* file, int64_t from, int64_t byBytes) {
         const auto size =
             static_cast<size_t>(std::min(end - from, static_cast<int64_t>(block.size())));
         end -= static_cast<int64_t>(size);
-        if (!file->readFully(end, block.data(), size)) return ERROR_IO;
+        if (!file->readFully(end, block.data(), size)) return readError(*file);
         const status_t result = file->writeAt(end + byBytes, block.data(), size);
         if (result != OK) return result;
     }
@@ -173,8 +177,8 @@ status_t moveTail(DescriptorFile* file, int64_t from, int64_t byBytes) {
 status_t completeMovie(DescriptorFile* file, int h263Level) {
     const TopLevelBoxes boxes = readTopLevelBoxes(*file);
     Bytes movie(static_cast<size_t>(boxes.movieBytes));
-    if (movie.empty()) return OK;
-    if (!file->readFully(boxes.movieOffset, movie.data(), movie.size())) return ERROR_IO;
+    if (movie.empty()) return file->status();
+    if (!file->readFully(boxes.movieOffset, movie.data(), movie.size())) return readError(*file);
     Bytes rewritten = MovieRewriter(h263Level, 0).rewrite(movie);
     if (rewritten.empty()) return OK;
     const int64_t behind = boxes.movieOffset + boxes.movieBytes;
