@@ -85,7 +85,7 @@ struct TrackChoice {
 // The distance of HostOptions::audioGains, in microseconds.
 constexpr int64_t kAudioGainStepUs = 10000;
 
-// What an output takes over from its input beside the media: creation time, date, title, maker,
+// The metadata that an output takes over from its input: creation time, date, title, maker,
 // model, software, location and the languages of the tracks.
 enum class MetadataPolicy {
     kNone,

@@ -97,7 +97,7 @@ struct MetadataMessage : public RefBase {
     RecordingMetadata content;
 };
 
-// What the extractor of a session hands to its writer. Any thread may call any operation.
+// Passes metadata from the extractor of a session to its writer. Any thread may call any operation.
 class SessionMetadata {
 public:
     explicit SessionMetadata(MetadataPolicy policy) : mPolicy(policy) {}

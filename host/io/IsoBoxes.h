@@ -56,7 +56,7 @@ struct TopLevelBoxes {
     std::vector<std::string> locatedTypes;
 };
 
-// What to do with uuid boxes whose XMP says where the recording was made ("exif:GPSLatitude").
+// The treatment of uuid boxes whose XMP says where the recording was made ("exif:GPSLatitude").
 enum class XmpLocations { kReport, kLeaveOut };
 
 // Goes from box to box by their sizes and reads only the uuid boxes. Ends at the first box that

@@ -299,7 +299,7 @@ TEST_F(VideoDecoderTest, aFrameLargerThanTheOutputIsScaledAsTheEncodersInputWoul
                 COLOR_FormatYUV420Planar, mBuffer->data(), kSmall.width, kSmall.height,
                 COLOR_FormatYUV420Planar, expected.data(), nullptr});
 
-    // What frames outside of the period show does not matter, but the session counts them.
+    // Frames outside of the period may show anything, but the session counts them.
     HostOptions options;
     options.cutTimesUs = {40000, 80000};
     options.threads = 1;

@@ -164,7 +164,7 @@ TEST(UserDataTest, theBoxesOfTheMovieAreReadUnlessTheyAreLarge) {
     EXPECT_TRUE(readUserData(*opened(box("moov", "")), 0).empty());
 }
 
-// What replaceUserData() makes of a file.
+// The file after replaceUserData().
 std::pair<status_t, std::string> replaced(const std::string& file, const std::string& boxes) {
     const int fd = memoryFile(file);
     const auto output = DescriptorFile::openForWriting(fd).file;

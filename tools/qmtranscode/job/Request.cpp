@@ -128,7 +128,7 @@ TrimPeriod makePeriod(int64_t startUs, int64_t endUs) {
     return period;
 }
 
-// What is left between the cuts.
+// The periods between the cuts.
 std::vector<TrimPeriod> complementOf(const std::vector<TrimPeriod>& cuts, int64_t durationUs) {
     std::vector<TrimPeriod> kept;
     int64_t fromUs = 0;

@@ -13,7 +13,7 @@
 
 namespace android::qmmediaeditor::cli {
 
-// What is kept of the input; empty for all of it.
+// The periods of the input that are kept; empty for all of it.
 struct KeptPeriods {
     std::vector<TrimPeriod> asked;
     std::vector<TrimPeriod> actual;  // cut off at the end of the input

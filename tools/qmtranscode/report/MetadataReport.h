@@ -1,4 +1,4 @@
-// What of the input's metadata is in the output, and what is not, with the reason.
+// The metadata of the input that the output has, and the rest with the reason.
 #pragma once
 
 #include <host/Host.h>
