@@ -11,7 +11,6 @@
 #include <optional>
 #include <vector>
 
-#include "host/Host.h"
 #include "host/codec/CodecBackend.h"
 #include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"

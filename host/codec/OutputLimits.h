@@ -14,6 +14,8 @@ constexpr int kAmrNbSampleRate = 8000;
 constexpr int kAmrWbSampleRate = 16000;
 // ISO/IEC 14496-2 has 13 bits for the width and for the height.
 constexpr int kMpeg4MaxSide = (1 << 13) - 1;
+// libavcodec's encoder allocates 12.2 bytes for each pixel at once, of the 256 MiB that it may.
+constexpr int kMpeg4MaxPixels = 21000000;
 
 }  // namespace qmmediaeditor
 }  // namespace android

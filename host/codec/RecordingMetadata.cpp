@@ -155,7 +155,7 @@ std::optional<std::string> creationTimeOf(const std::string& date) {
     const time_t seconds = timegm(&parts);
     // Readers take numbers below 1970 for seconds since then, and the 32 bits of a header end in
     // February 2040.
-    constexpr time_t kEnd = 2208988800;  // 2040-01-01
+    constexpr int64_t kEnd = 2208988800;  // 2040-01-01
     if (seconds <= 0 || seconds >= kEnd || gmtime_r(&seconds, &parts) == nullptr) {
         return std::nullopt;
     }

@@ -31,12 +31,14 @@ int32_t sampleOf24Bits(const unsigned char* bytes) {
 // A mix for channels without known places, such as the microphones of a recorder: each output
 // channel is the mean of as many input channels as the others. A row for each output channel.
 std::vector<double> evenMix(int inChannels, int outChannels) {
-    std::vector<double> matrix(static_cast<size_t>(inChannels * outChannels));
-    for (int out = 0; out < outChannels; ++out) {
-        const int from = out % inChannels;
-        const int count = (inChannels - 1 - from) / outChannels + 1;
-        for (int in = from; in < inChannels; in += outChannels) {
-            matrix[static_cast<size_t>(out * inChannels + in)] = 1.0 / count;
+    const auto columns = static_cast<size_t>(inChannels);
+    const auto rows = static_cast<size_t>(outChannels);
+    std::vector<double> matrix(columns * rows);
+    for (size_t row = 0; row < rows; ++row) {
+        const size_t first = row % columns;
+        const size_t count = (columns - 1 - first) / rows + 1;
+        for (size_t in = first; in < columns; in += rows) {
+            matrix[row * columns + in] = 1 / static_cast<double>(count);
         }
     }
     return matrix;
@@ -66,8 +68,10 @@ int AudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth, i
     const int error = swr_alloc_set_opts2(&resampler, &to, AV_SAMPLE_FMT_S16, outSampleRate, &from,
                                           format, inSampleRate, 0, nullptr);
     mResampler.reset(resampler);
-    const bool isKnown =
-        from.order != AV_CHANNEL_ORDER_UNSPEC && to.order != AV_CHANNEL_ORDER_UNSPEC;
+    // libswresample leaves out most channels of layouts with more.
+    constexpr int kMaxMixedChannels = 8;
+    const bool isKnown = from.order != AV_CHANNEL_ORDER_UNSPEC &&
+                         to.order != AV_CHANNEL_ORDER_UNSPEC && inChannelCount <= kMaxMixedChannels;
     if (error == 0 && !isKnown && inChannelCount != outChannelCount) {
         swr_set_matrix(resampler, evenMix(inChannelCount, outChannelCount).data(), inChannelCount);
     }

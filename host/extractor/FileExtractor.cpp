@@ -182,13 +182,16 @@ status_t FileExtractor::seekTo(int64_t timeUs, SeekMode mode) {
 }
 
 // Recordings rarely begin at 0. The earliest selected track is moved to 0; the offset between the
-// tracks is kept.
+// tracks is kept. Tracks that are left out count, so that times do not depend on the choice.
 int64_t FileExtractor::originUs() const {
     int64_t originUs = INT64_MAX;
     for (const auto& entry : mReaders) {
         originUs = std::min(originUs, mInfo.tracks[entry.first].startUs);
     }
     if (originUs == INT64_MAX) return 0;
+    for (const TrackInfo& track : mInfo.tracks) {
+        if (track.isLeftOut) originUs = std::min(originUs, track.startUs);
+    }
     return mInfo.zeroIsFixed ? std::max<int64_t>(originUs, 0) : originUs;
 }
 

@@ -346,6 +346,7 @@ void leaveOut(TrackInfo* track) {
     track->format->setString("mime", track->isVideo ? MEDIAEDITOR_MIMETYPE_VIDEO_NOTSUPPORTED
                                                     : MEDIAEDITOR_MIMETYPE_AUDIO_NOTSUPPORTED);
     track->source = nullptr;
+    track->isLeftOut = true;
 }
 
 void applyChoice(const TrackChoice& choice, const AVFormatContext& context,
@@ -374,7 +375,9 @@ int64_t startUs(const AVFormatContext& context) {
 void findDelays(const std::vector<TrackInfo>& tracks) {
     int64_t originUs = INT64_MAX;
     for (const TrackInfo& track : tracks) {
-        if (track.source != nullptr) originUs = std::min(originUs, track.startUs);
+        if (track.source != nullptr || track.isLeftOut) {
+            originUs = std::min(originUs, track.startUs);
+        }
     }
     for (const TrackInfo& track : tracks) {
         if (track.source != nullptr) track.source->setDelayUs(track.startUs - originUs);
@@ -512,6 +515,12 @@ status_t probeInput(const std::shared_ptr<const DescriptorFile>& file, const Hos
     found.metadata.chapters = readChapters(context, std::max<int64_t>(startUs(context), 0));
     found.format = makeFileFormat(context, boxes.uuidData, found.metadata);
     if (found.format == nullptr) return NO_MEMORY;
+    // From the bit rate of the beginning, or from timestamps that may begin again.
+    const bool isFromBitRate =
+        complete && context.duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
+    if (isFromBitRate || demuxer->mayHaveDiscontinuities()) {
+        found.format->setInt32("duration-is-estimated", 1);
+    }
     const sp<OutputSequencer> sequencer = new OutputSequencer;
     std::shared_ptr<TimestampDiscontinuities> discontinuities;
     if (demuxer->mayHaveDiscontinuities())

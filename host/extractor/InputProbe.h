@@ -31,6 +31,7 @@ struct TrackInfo {
     // Null for a track that cannot be selected.
     sp<TrackSource> source;
     bool isVideo = false;
+    bool isLeftOut = false;  // by HostOptions::tracks
     int streamIndex = 0;
     // As languageCode() returns it.
     std::string language;

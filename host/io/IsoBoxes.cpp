@@ -1,5 +1,6 @@
 #include "host/io/IsoBoxes.h"
 
+#include <ctype.h>
 #include <string.h>
 
 #include <algorithm>
@@ -298,7 +299,8 @@ bool hasName(const std::string& text, const char* name, const char* precedingCha
 }
 
 // A file may bind the namespace of EXIF to any prefix, or to none, so that in a box for XMP the
-// local name decides as well. Boxes of other types may be binary.
+// local name decides as well; some recorders write it in other cases, and one misspells it. Boxes
+// of other types may be binary.
 bool hasXmpLocation(const std::vector<uint8_t>& content) {
     constexpr size_t kStepBytes = 64 * 1024;
     constexpr size_t kOverlapBytes = 32;
@@ -309,11 +311,12 @@ bool hasXmpLocation(const std::vector<uint8_t>& content) {
         const auto begin = content.begin() + static_cast<ptrdiff_t>(at);
         const auto size = std::min(kStepBytes, content.size() - at);
         // Without zeros, UTF-16 and UTF-32 look like UTF-8 here.
-        std::copy_if(begin, begin + static_cast<ptrdiff_t>(size), std::back_inserter(text),
-                     [](uint8_t byte) { return byte != 0; });
-        if (text.find("exif:GPS") != std::string::npos) return true;
+        std::for_each(begin, begin + static_cast<ptrdiff_t>(size), [&text](uint8_t byte) {
+            if (byte != 0) text += static_cast<char>(tolower(byte));
+        });
+        if (text.find("exif:gps") != std::string::npos) return true;
         if (!isXmp) continue;
-        for (const char* name : {"GPSLatitude", "GPSLongitude", "GPSDestL"}) {
+        for (const char* name : {"gpslatitude", "gpslongitude", "gpslongtitude", "gpsdestl"}) {
             if (hasName(text, name, ":< \t\r\n")) return true;
         }
     }

@@ -24,7 +24,9 @@ bool isSmall(const cli::MediaFile& media) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    static const std::unique_ptr<Platform> platform = createHostPlatform({"ultrafast", false, {}});
+    HostOptions options;
+    options.avcPreset = "ultrafast";
+    static const std::unique_ptr<Platform> platform = createHostPlatform(options);
     Platform::install(platform.get());
     __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
     return 0;

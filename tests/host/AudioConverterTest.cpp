@@ -59,6 +59,10 @@ TEST_F(AudioConverterTest, stereoIsMixedToMonoAndMonoCopiedToStereo) {
 
 // A slope in buffers of 1024, as a session passes them on.
 TEST_F(AudioConverterTest, channelsWithoutPlacesAreMixedEvenly) {
+    ASSERT_EQ(1, mConverter->init(16, 48000, 16, 8, 48000, 16));
+    std::vector<int16_t> last(16);
+    last[15] = 1000;
+    EXPECT_NEAR(500, convert(last, 1, 8).at(7), 1);
     ASSERT_EQ(1, mConverter->init(9, 48000, 16, 2, 48000, 16));
     const auto out =
         convert(std::vector<int16_t>{100, 1000, 200, 2000, 300, 3000, 400, 4000, 500}, 1, 2);

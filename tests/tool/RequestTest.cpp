@@ -118,6 +118,10 @@ TEST_F(RequestTest, valuesThatNoEncoderSupports_becomeTheNearestUnlessAskedFor) 
     options.size = Size{640, 360};
     EXPECT_THAT(refusal(), HasSubstr("352x288"));
     options.size.reset();
+    options.fit = Size{100, 100};
+    EXPECT_THAT(refusal(), HasSubstr("no frame of the output fits into 100x100"));
+    options.fit.reset();
+    options.size.reset();
     options.videoCodec = VideoCodec::kMpeg4;
     clip.video->width = 8192;
     expectValues("video-width 8190 video-height 720");

@@ -337,7 +337,7 @@ void CommandLine::define() {
     app.add_option("--loudness", o.loudness)->transform(level("LUFS", kMinLoudness, kMaxLoudness));
     describe("--loudness", "LUFS", "integrated loudness of the output, such as -16",
              "As EBU R 128 defines it. The input's audio is decoded once more to measure it, and "
-             "peaks of the output are limited to -1 dBTP.");
+             "peaks are limited to -1 dBTP before the audio is encoded.");
 
     mGroup = "Output file";
     app.add_option("--format", o.format)->transform(oneOf(fileFormats()));

@@ -60,7 +60,10 @@ double avcBitsFactor(const std::string& mime) {
 }
 
 bool supportsSize(VideoCodec codec, const Size& size) {
-    if (codec == VideoCodec::kMpeg4) return std::max(size.width, size.height) <= kMaxMpeg4Side;
+    if (codec == VideoCodec::kMpeg4) {
+        return std::max(size.width, size.height) <= kMaxMpeg4Side &&
+               int64_t{size.width} * size.height <= kMpeg4MaxPixels;
+    }
     if (codec != VideoCodec::kH263) return true;
     return std::any_of(std::begin(kH263Sizes), std::end(kH263Sizes), [&size](const Size& known) {
         return size.width == known.width && size.height == known.height;
@@ -69,7 +72,14 @@ bool supportsSize(VideoCodec codec, const Size& size) {
 
 Size nearestSize(VideoCodec codec, const Size& size) {
     if (supportsSize(codec, size)) return size;
-    if (codec == VideoCodec::kMpeg4) return fitInto({kMaxMpeg4Side, kMaxMpeg4Side}, size);
+    if (codec == VideoCodec::kMpeg4) {
+        const double pixels = static_cast<double>(size.width) * size.height;
+        const double scale = std::min(1.0, std::sqrt(kMpeg4MaxPixels / pixels));
+        const auto limit = [scale](int32_t side) {
+            return std::min(kMaxMpeg4Side, static_cast<int32_t>(side * scale));
+        };
+        return fitInto({limit(size.width), limit(size.height)}, size);
+    }
     Size nearest = kH263Sizes[0];
     for (const Size& known : kH263Sizes) {
         if (known.width <= size.width && known.height <= size.height) nearest = known;
@@ -89,7 +99,9 @@ Size fitInto(const Size& box, const Size& shape) {
     const int32_t from = isWide ? shape.width : shape.height;
     const double ratio = static_cast<double>(isWide ? shape.height : shape.width) / from;
     const int32_t maxShort = (isWide ? box.height : box.width) & ~1;
-    const int32_t longest = static_cast<int32_t>(from * scale + 1e-6) & ~1;
+    const int32_t maxLong = std::min(from, isWide ? box.width : box.height) & ~1;
+    const int32_t longest =
+        std::min(2 * static_cast<int32_t>(std::lround(from * scale / 2)), maxLong);
     Size best{2, 2};
     double bestDeviation = std::numeric_limits<double>::max();
     for (int32_t side = longest; side >= std::max(2, longest - kMaxLoss); side -= 2) {
@@ -107,7 +119,8 @@ Size fitInto(const Size& box, const Size& shape) {
 
 std::string supportedSizesText(VideoCodec codec) {
     if (codec == VideoCodec::kMpeg4) {
-        return fmt::format("MPEG-4 supports at most {0}x{0}", kMaxMpeg4Side);
+        return fmt::format("MPEG-4 supports at most {0}x{0} and {1} pixels", kMaxMpeg4Side,
+                           kMpeg4MaxPixels);
     }
     return "H.263 supports only 128x96, 176x144, 352x288, 704x576 and 1408x1152";
 }

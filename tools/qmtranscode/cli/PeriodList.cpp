@@ -8,6 +8,7 @@
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
 namespace android::qmmediaeditor::cli {
 
@@ -41,6 +42,7 @@ std::vector<std::string> columnsOf(const std::string& line) {
 
 // Adds the period of a line to the list; the reason why it cannot.
 std::string addCsvLine(const std::string& line, PeriodList* list) {
+    if (std::count(line.begin(), line.end(), '"') % 2 != 0) return "a quotation mark is missing";
     const std::vector<std::string> columns = columnsOf(line);
     const bool hasName = columns.size() == 3;
     if (columns.size() != 2 && !hasName) return "expected START,END or START,END,NAME";
@@ -71,7 +73,10 @@ std::string addEdlLine(const std::string& line, PeriodList* list) {
 Result<PeriodList> parsePeriodList(const std::string& name, const std::string& text) {
     PeriodList list;
     std::optional<bool> isCsv;
-    std::istringstream lines(text);
+    // Spreadsheets begin their files with it.
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    const bool hasMark = text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0;
+    std::istringstream lines(hasMark ? text.substr(kByteOrderMark.size()) : text);
     std::string line;
     for (int number = 1; std::getline(lines, line); ++number) {
         if (!line.empty() && line.back() == '\r') line.pop_back();

@@ -26,7 +26,7 @@ Outcome Job::run() {
     const int outputFd = mOutput.duplicate();
     if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
-                      outputLengthUs());
+                      outputLengthUs(mKept, mInput.media()));
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
     const int32_t result = transcode(outputFd, &progress);
@@ -119,7 +119,16 @@ std::optional<Failure> Job::measureLoudness() {
     if (result != OK) return failureOf(result);
     mInputLoudness = observer.meter().integrated();
     if (mInputLoudness) {
-        mHost.audioGains = observer.meter().gainsFor(*mOptions.loudness);
+        LoudnessMeter::Gains gains = observer.meter().gainsFor(*mOptions.loudness);
+        mHost.audioGains = std::move(gains.factors);
+        mLoudness = gains.loudness;
+        constexpr double kToleranceLu = 0.5;
+        if (std::abs(gains.loudness - *mOptions.loudness) > kToleranceLu) {
+            console::printLine(fmt::format(
+                "qmtranscode: {}: --loudness {:g} cannot be reached without peaks above -1 dBTP; "
+                "the output has {:.1f} LUFS",
+                mInput.path(), *mOptions.loudness, gains.loudness));
+        }
     } else {
         console::printLine("qmtranscode: " + mInput.path() +
                            ": --loudness has no effect, because the audio is silent or too short");
@@ -153,13 +162,6 @@ std::optional<Failure> Job::plan() {
     return writeReceipt(planJson(mOptions, mInput, mKept, std::get<DryRun>(result)));
 }
 
-int64_t Job::outputLengthUs() const {
-    if (mPeriods.empty()) return mInput.media().durationUs();
-    int64_t lengthUs = 0;
-    for (const TrimPeriod& period : mPeriods) lengthUs += period.mEndUs - period.mStartUs;
-    return lengthUs;
-}
-
 int32_t Job::transcode(int outputFd, Progress* progress) {
     const int64_t startUs = nowUs();
     mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
@@ -181,7 +183,7 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
     // Verification needs as much memory for the tables of long tracks again. For a short run,
     // giving it back takes longer than it is worth.
     constexpr int64_t kLongUs = 300000000;
-    if (outputLengthUs() > kLongUs) malloc_trim(0);
+    if (outputLengthUs(mKept, mInput.media()) > kLongUs) malloc_trim(0);
     mWallSeconds = secondsOf(nowUs() - startUs);
     return result;
 }
@@ -274,10 +276,10 @@ Receipt Job::makeReceipt() const {
     receipt.names = mKept.names;
     receipt.inputVideo = mInput.media().video;
     receipt.inputAudio = mInput.media().audio;
-    receipt.inputUs = mInput.media().durationUs();
+    if (!mInput.media().isDurationEstimated) receipt.inputUs = mInput.media().durationUs();
     receipt.quality = mHost.avcQuality;
     receipt.inputLoudness = mInputLoudness;
-    receipt.loudness = mOptions.loudness;
+    receipt.loudness = mLoudness;
     receipt.statistics = mStatistics;
     receipt.video = mObserver->video();
     receipt.audio = mObserver->audio();

@@ -81,7 +81,6 @@ private:
     Receipt makeReceipt() const;
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;
     std::optional<Failure> writeReceipt(const std::string& text) const;
-    int64_t outputLengthUs() const;
 
     const Options& mOptions;
     HostOptions mHost;
@@ -98,7 +97,9 @@ private:
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
     RunStatistics mStatistics;
-    std::optional<double> mInputLoudness;  // in LUFS, with --loudness
+    // Before and after the gains of --loudness, in LUFS.
+    std::optional<double> mInputLoudness;
+    std::optional<double> mLoudness;
     double mWallSeconds = 0;
 };
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
@@ -125,7 +126,7 @@ std::optional<double> LoudnessMeter::integratedWith(const std::vector<float>& ga
     return integratedLoudness(windows);
 }
 
-std::vector<float> LoudnessMeter::gainsFor(double target) const {
+LoudnessMeter::Gains LoudnessMeter::gainsFor(double target) const {
     // Limited peaks lower the loudness, which a higher gain makes up for.
     constexpr int kMaxRounds = 10;
     constexpr double kToleranceDb = 0.05;
@@ -137,7 +138,8 @@ std::vector<float> LoudnessMeter::gainsFor(double target) const {
         gainDb += missingDb;
         gains = limitedGains(factorOf(gainDb));
     }
-    return gains;
+    const double loudness = integratedWith(gains).value_or(target);
+    return {std::move(gains), loudness};
 }
 
 void LoudnessObserver::onAudio(const int16_t* samples, int64_t frames, int channels,

@@ -22,9 +22,13 @@ public:
     // In LUFS. Nothing for silence, and for less audio than the 0.4 s that a measurement needs.
     std::optional<double> integrated() const;
 
-    // HostOptions::audioGains for a loudness of `target` LUFS, with peaks of at most -1 dBTP. Only
-    // when integrated() has a value.
-    std::vector<float> gainsFor(double target) const;
+    struct Gains {
+        std::vector<float> factors;  // HostOptions::audioGains
+        double loudness;             // that they lead to, in LUFS
+    };
+    // For a loudness of `target` LUFS, with peaks of at most -1 dBTP. Only when integrated() has a
+    // value.
+    Gains gainsFor(double target) const;
 
 private:
     struct StateDeleter {

@@ -73,6 +73,13 @@ RecordingMetadata readMetadata(const sp<QmMediaExtractorWrapper>& extractor) {
     return static_cast<MetadataMessage*>(found.get())->content;
 }
 
+bool hasEstimatedDuration(const sp<QmMediaExtractorWrapper>& extractor) {
+    sp<AMessage> format;
+    int32_t isEstimated = 0;
+    return extractor->getFileFormat(&format) == OK &&
+           format->findInt32("duration-is-estimated", &isEstimated) && isEstimated != 0;
+}
+
 std::string readUuidData(const sp<QmMediaExtractorWrapper>& extractor) {
     sp<AMessage> format;
     sp<ABuffer> data;
@@ -128,6 +135,7 @@ MediaFileResult readMediaFile(int fd) {
     file.sizeBytes = opened.sizeBytes;
     file.uuidData = readUuidData(opened.extractor);
     file.metadata = readMetadata(opened.extractor);
+    file.isDurationEstimated = hasEstimatedDuration(opened.extractor);
     for (size_t i = 0; i < opened.extractor->countTracks(); ++i) {
         sp<AMessage> format;
         AString mime;

@@ -54,6 +54,8 @@ struct MediaFile {
     std::string uuidData;
     RecordingMetadata metadata;
 
+    // The durations do not follow from the whole file, which may be longer.
+    bool isDurationEstimated = false;
     // Of the longer track.
     int64_t durationUs() const;
 };

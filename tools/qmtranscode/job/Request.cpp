@@ -18,15 +18,25 @@ Size displayedSize(const VideoTrack& video) {
     return turned({video.width, video.height}, isSideways(video));
 }
 
+// Of --fit; turned for an upright input.
+Size boxOf(const Options& options, const VideoTrack& video) {
+    const Size displayed = displayedSize(video);
+    const bool isUpright = displayed.height > displayed.width;
+    return turned(*options.fit, isUpright && options.fit->width > options.fit->height);
+}
+
 // The frame size to encode, which is the one before the rotation of the file.
 Size outputSize(const Options& options, const VideoTrack& video) {
     // An odd row or column is cut off, because 4:2:0 frames have even sizes.
     Size displayed = displayedSize(video);
     Size size{std::max(2, displayed.width & ~1), std::max(2, displayed.height & ~1)};
     if (options.fit) {
-        const bool isUpright = displayed.height > displayed.width;
-        const bool turn = isUpright && options.fit->width > options.fit->height;
-        size = fitInto(turned(*options.fit, turn), displayed);
+        const Size box = boxOf(options, video);
+        size = fitInto(box, displayed);
+        // H.263 changes the shape in any case, so that the box alone counts.
+        if (options.videoCodec == VideoCodec::kH263) {
+            size = {std::min(box.width, displayed.width), std::min(box.height, displayed.height)};
+        }
     }
     size = turned(options.size.value_or(size), isSideways(video));
     return options.size ? size : nearestSize(options.videoCodec.value_or(VideoCodec::kAvc), size);
@@ -82,6 +92,13 @@ std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& inp
                        fmt::format("{}; the output would be {}x{}; choose another size with --size",
                                    supportedSizesText(codec), size.width, size.height)};
     }
+    const Size shown = turned(size, isSideways(*input.video));
+    if (options.fit && (shown.width > boxOf(options, *input.video).width ||
+                        shown.height > boxOf(options, *input.video).height)) {
+        return Failure{kExitUnusable, options.input,
+                       fmt::format("no frame of the output fits into {}x{}; {}", options.fit->width,
+                                   options.fit->height, supportedSizesText(codec))};
+    }
     constexpr int32_t kDefaultFrameRate = 30;
     constexpr int32_t kMaxFrameRate = 240;
     const int32_t inputRate =
@@ -113,8 +130,11 @@ void setAudioKeys(const Options& options, const MediaFile& input, const sp<AMess
     format->setInt32("audio-bitrate", outputAudioBitrate(options, audio, codec, channels));
 }
 
-// Whether AAC can have the sample rate and the channels of the input's audio.
-bool canKeepAudio(const MediaFile& input) {
+// Whether the default codecs can have the frame size of the input's video, and the sample rate and
+// the channels of its audio.
+bool canKeepFormat(const MediaFile& input) {
+    constexpr int32_t kMinSide = 2;
+    if (input.video && std::min(input.video->width, input.video->height) < kMinSide) return false;
     if (!input.audio) return true;
     const int32_t rate = input.audio->sampleRate;
     return (rate <= 0 || nearestAacSampleRate(rate) == rate) &&
@@ -149,7 +169,9 @@ FileFormat outputFileFormat(const Options& options) {
 }
 
 Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input) {
-    const int64_t durationUs = input.durationUs() > 0 ? input.durationUs() : kEndOfInputUs;
+    // An estimate may be too short, and what is behind it must not be lost.
+    const bool isKnown = input.durationUs() > 0 && !input.isDurationEstimated;
+    const int64_t durationUs = isKnown ? input.durationUs() : kEndOfInputUs;
     for (const auto& [option, periods] :
          {std::pair("--trim", &options.periods), std::pair("--cut", &options.cuts)}) {
         for (const TrimPeriod& period : *periods) {
@@ -183,8 +205,19 @@ Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input) 
     return kept;
 }
 
+int64_t outputLengthUs(const KeptPeriods& kept, const MediaFile& input) {
+    const int64_t durationUs = input.durationUs();
+    if (kept.actual.empty()) return durationUs;
+    int64_t lengthUs = 0;
+    for (const TrimPeriod& period : kept.actual) {
+        const bool isOpen = period.mEndUs >= kEndOfInputUs;
+        lengthUs += std::max<int64_t>((isOpen ? durationUs : period.mEndUs) - period.mStartUs, 0);
+    }
+    return lengthUs;
+}
+
 Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input) {
-    if (!options.specifiesOutputFormat() && canKeepAudio(input)) return sp<AMessage>();
+    if (!options.specifiesOutputFormat() && canKeepFormat(input)) return sp<AMessage>();
     const sp<AMessage> format = new AMessage(kOutputFormatWhat);
     format->setInt32("file-format", static_cast<int32_t>(outputFileFormat(options)));
     if (input.video) {

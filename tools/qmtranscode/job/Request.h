@@ -20,6 +20,8 @@ struct KeptPeriods {
     std::vector<std::string> names;  // of each, or none; a name may be empty
 };
 Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input);
+// The length of the output, as far as the duration of the input is known.
+int64_t outputLengthUs(const KeptPeriods& kept, const MediaFile& input);
 
 // The output-format message; null if no option specifies the output format, so that the session
 // follows the input. Each key that belongs to a track of the input is set, because a missing key

@@ -148,10 +148,11 @@ Json periodsOf(const JobInput& input, const KeptPeriods& kept) {
     for (size_t i = 0; i < kept.actual.size(); ++i) {
         const TrimPeriod& period = kept.actual[i];
         Json entry = {{"start", secondsOf(period.mStartUs)},
-                      {"end", secondsOf(period.mEndUs)},
+                      {"end", nullptr},
                       {"in_output_at", secondsOf(startUs)},
                       {"seek_point", nullptr}};
         const std::optional<int64_t> pointUs = seekPointUs(input.fd(), tracks, period.mStartUs);
+        if (period.mEndUs < kEndOfInputUs) entry["end"] = secondsOf(period.mEndUs);
         if (pointUs) entry["seek_point"] = secondsOf(*pointUs);
         const int64_t askedEndUs = kept.asked[i].mEndUs;
         if (askedEndUs != period.mEndUs && askedEndUs < kEndOfInputUs) {
@@ -185,8 +186,7 @@ std::string containerName(const Options& options) {
 std::string planJson(const Options& options, const JobInput& input, const KeptPeriods& kept,
                      const DryRun& run) {
     const MediaFile& media = input.media();
-    int64_t lengthUs = kept.actual.empty() ? media.durationUs() : 0;
-    for (const TrimPeriod& period : kept.actual) lengthUs += period.mEndUs - period.mStartUs;
+    const int64_t lengthUs = outputLengthUs(kept, media);
 
     Json output = {{"file", options.output},
                    {"format", wordOf(containerName(options), options.format.has_value())},

@@ -59,7 +59,8 @@ PeriodResult resultOf(const Receipt& receipt, size_t index) {
     PeriodResult result;
     result.asked = isWholeInput ? TrimPeriod{0, contents.media.durationUs()} : receipt.asked[index];
     if (index < receipt.names.size()) result.name = receipt.names[index];
-    if (result.asked.mEndUs >= kEndOfInputUs) {
+    const bool isOpen = result.asked.mEndUs >= kEndOfInputUs;
+    if (isOpen) {
         result.asked.mEndUs = receipt.inputUs;
     } else if (!isWholeInput && receipt.inputUs > 0 && result.asked.mEndUs > receipt.inputUs) {
         result.inputEndUs = receipt.inputUs;
@@ -77,6 +78,13 @@ PeriodResult resultOf(const Receipt& receipt, size_t index) {
     if (statistics.audioStartUs) {
         result.audio = {*statistics.audioStartUs + offsetUs, statistics.audioEndUs + offsetUs};
         if (result.video) result.skewUs = statistics.skewUs;
+    }
+    // The end of an input whose duration is not known.
+    if (isOpen && receipt.inputUs == 0) {
+        if (result.video) result.asked.mEndUs = result.video->mEndUs;
+        if (result.audio) {
+            result.asked.mEndUs = std::max(result.asked.mEndUs, result.audio->mEndUs);
+        }
     }
     return result;
 }

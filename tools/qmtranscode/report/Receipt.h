@@ -24,10 +24,10 @@ struct Receipt {
     // The tracks of the input that were used.
     std::optional<VideoTrack> inputVideo;
     std::optional<AudioTrack> inputAudio;
-    // The length of the input, 0 if unknown.
+    // The length of the input, 0 if it is not known exactly.
     int64_t inputUs = 0;
     std::optional<int32_t> quality;  // of the AVC encoder
-    // In LUFS, where --loudness has changed it.
+    // In LUFS, where --loudness has changed it: before the gains, and after them.
     std::optional<double> inputLoudness;
     std::optional<double> loudness;
     RunStatistics statistics;
