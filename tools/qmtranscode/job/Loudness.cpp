@@ -1,5 +1,6 @@
 #include <host/Host.h>
 #include <qmtranscode/job/Loudness.h>
+#include <stddef.h>
 
 #include <algorithm>
 #include <cmath>
@@ -15,7 +16,7 @@ constexpr int64_t kStepsPerSecond = 1000000 / kAudioGainStepUs;
 constexpr size_t kStepsPerHop = kStepsPerSecond / 10;
 constexpr size_t kStepsPerWindow = kStepsPerSecond * 4 / 10;
 // How long the gain takes to fall before a peak and to rise after it.
-constexpr int64_t kRampSteps = 5;
+constexpr ptrdiff_t kRampSteps = 5;
 constexpr double kMaxPeakDb = -1;
 constexpr double kMaxGainDb = 60;
 constexpr double kAbsoluteGate = -70;
@@ -46,12 +47,12 @@ std::optional<double> integratedLoudness(const std::vector<double>& energies) {
 
 // Each value becomes `combine` of the values at most `distance` away.
 template <typename Combine>
-std::vector<float> overNeighbours(const std::vector<float>& values, int64_t distance,
+std::vector<float> overNeighbours(const std::vector<float>& values, ptrdiff_t distance,
                                   const Combine& combine) {
     std::vector<float> result;
-    const auto size = static_cast<int64_t>(values.size());
-    for (int64_t i = 0; i < size; ++i) {
-        result.push_back(combine(values.begin() + std::max<int64_t>(i - distance, 0),
+    const auto size = static_cast<ptrdiff_t>(values.size());
+    for (ptrdiff_t i = 0; i < size; ++i) {
+        result.push_back(combine(values.begin() + std::max<ptrdiff_t>(i - distance, 0),
                                  values.begin() + std::min(i + distance + 1, size)));
     }
     return result;
