@@ -38,6 +38,8 @@ constexpr size_t kInputCount = 6;
 constexpr size_t kMinOutputCount = 4;
 constexpr size_t kMaxOutputCount = 16;
 constexpr size_t kMinInputBytes = 1024 * 1024;
+// With one, the encoder waits for it where decoding takes half of the time.
+constexpr int kMinDecoderThreads = 2;
 constexpr int64_t kSecondUs = 1000000;
 constexpr int kDefaultFrameRate = 30;
 // Half of it, the stride of a chroma row, still suits every vector instruction.
@@ -207,7 +209,7 @@ int VideoDecoder::threadsFor(const AVCodecContext& context) const {
     }
     const double share = pixels / (pixels + encodedPixels * mEncodingWork);
     const int threads = static_cast<int>(std::ceil(share * mThreads)) + (mThreads > 2 ? 1 : 0);
-    return std::clamp(threads, 1, mThreads);
+    return std::clamp(threads, std::min(kMinDecoderThreads, mThreads), mThreads);
 }
 
 // Decoders write whole blocks, which need more room than the visible frame.
