@@ -31,8 +31,8 @@ std::string usageText(const Usage& usage, char mark);
 
 // How a run ends.
 struct RunEnd {
-    // "complete", "stopped" with a shorter file, "nothing written" after a stop, "failed" or
-    // "planned".
+    // "complete", "already" and "kept" for --if-missing and --if-needed, "stopped" with a shorter
+    // file, "nothing written" after a stop, "failed" or "planned".
     std::string_view status;
     int exitStatus = kExitComplete;
     // What the command was doing: "options", "opening", "transcoding", "verifying" or "publishing".

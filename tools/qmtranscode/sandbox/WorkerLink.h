@@ -16,10 +16,9 @@ namespace android::qmmediaeditor::cli {
 
 enum class Message : char {
     // From the worker.
-    kLine = 'l',  // text for standard error, without the last line break
-    kWarning =
-        'w',     // the same; without its first word, also for the JSON object of the run
-    kBar = 'b',  // the progress bar; text between kGreenBegin and kGreenEnd is green
+    kLine = 'l',     // text for standard error, without the last line break
+    kWarning = 'w',  // the same; without its first word, also for the JSON object of the run
+    kBar = 'b',      // the progress bar; text between kGreenBegin and kGreenEnd is green
     kRemoveBar = 'n',
     kStage = 's',     // one WorkerStage
     kCpuLimit = 'x',  // the kernel has sent SIGXCPU
@@ -39,10 +38,17 @@ enum class WorkerStage : char {
     kVerifying,
 };
 
+enum class Ending : char {
+    kTranscoded,
+    kAlready,  // the output exists
+    kCopied,   // the input is what was asked for
+};
+
 struct WorkerResult {
     int status = 0;           // an ExitStatus
     bool keepOutput = false;  // the output gets its name
     int traceError = 0;       // errno of the first failed write of the trace
+    Ending ending = Ending::kTranscoded;
     // Of the failure; its reason is the rest of the message.
     uint16_t codeBytes = 0;
     uint16_t subjectBytes = 0;
