@@ -54,7 +54,7 @@ private:
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;
 
-    void installPlatform();
+    void makePlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
     // Refuses when nothing is left of the tracks that the options choose.
@@ -84,7 +84,9 @@ private:
 
     const Options& mOptions;
     HostOptions mHost;
-    std::unique_ptr<Platform> mPlatform;
+    std::shared_ptr<Platform> mPlatform;
+    // Of the thread of run().
+    std::optional<Platform::Scope> mScope;
     JobInput& mInput;
     const PendingFile& mOutput;
     TraceFile* const mTrace;
