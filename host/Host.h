@@ -14,6 +14,26 @@
 namespace android {
 namespace qmmediaeditor {
 
+// Results of HostOptions::checksEncoding; times are those of the output.
+struct FrameCheck {
+    int64_t timeUs = 0;
+    // The structural similarity of the decoded frame and the encoder's input; nothing when the
+    // frame could not be decoded.
+    std::optional<double> ssim;
+    // The encoder cannot have made it of this input: it is damaged, or another frame.
+    bool isWrong = false;
+};
+struct AudioCheck {
+    int64_t timeUs = 0;
+    int64_t durationUs = 0;
+    // Mean squares, 1 for full scale.
+    double inputPower = 0;
+    double outputPower = 0;
+    // How much later than the input the output is; nothing for silence, and for audio that has no
+    // resemblance to its input.
+    std::optional<int64_t> offsetUs;
+};
+
 // Receives facts about a session beside its result code. Called on the threads of the session and
 // of its codecs, several at a time; an operation must not block and must not call the session.
 class HostObserver {
@@ -63,6 +83,14 @@ public:
     // channel, which are valid during the call.
     virtual void onAudio(const int16_t* /* samples */, int64_t /* frames */, int /* channels */,
                          int /* sampleRate */) {}
+    // An encoder has output a packet with this timestamp; packetChecksum() tells its data.
+    virtual void onPacketEncoded(bool /* isVideo */, int64_t /* timeUs */,
+                                 uint64_t /* checksum */) {}
+    // In the order of time. The audio is checked in pieces of a second.
+    virtual void onFrameChecked(const FrameCheck& /* frame */) {}
+    virtual void onAudioChecked(const AudioCheck& /* audio */) {}
+    // Why the output of an encoder cannot be checked. Other checks of this encoder do not follow.
+    virtual void onCheckFailed(const std::string& /* reason */) {}
     // The end of the last video frame of the output. Not called when it is unknown: the frame then
     // has the duration of the one before it.
     virtual void onVideoEnd(int64_t /* timeUs */) {}
@@ -140,6 +168,9 @@ struct HostOptions {
     // each. libavfilter, which does this, is loaded from the system's library folders when the
     // first interlaced frame arrives.
     bool deinterlace = true;
+    // Decodes what the encoders make and compares it with their input; the observer gets the
+    // results. Needs libavfilter, and the memory for the frames inside the encoder.
+    bool checksEncoding = false;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

@@ -401,6 +401,14 @@ void CommandLine::define() {
     describe("--partial", "CHOICE", "keep or discard the shorter file after a stop; default keep",
              "", wordsOf(kPartialChoices));
 
+    app.add_flag("--verify", o.verify);
+    describe("--verify", "", "decode the output and compare it with the source",
+             "The receipt then has the mean and the worst structural similarity (SSIM) of the "
+             "frames, and the level and the offset of the audio. An output with a wrong frame, or "
+             "with audio that is more than 20 ms early or late, is not kept.");
+    app.add_option("--min-ssim", o.minSsim)->transform(level("", 0, 1));
+    describe("--min-ssim", "N", "also --verify; fail if a frame's SSIM is below N, 0 to 1");
+
     mGroup = "Reports";
     app.add_flag("--plan{full}", o.planKind)->check(oneOf(kPlanKinds));
     describe(
@@ -455,6 +463,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
     mOptions.request = request();
     mOptions.plan = mApp["--plan"]->count() > 0;
     if (auto failure = checkCombinations()) return *failure;
+    mOptions.verify = mOptions.verify || mOptions.minSsim;
     return mOptions;
 }
 
@@ -574,8 +583,8 @@ std::optional<Failure> CommandLine::checkConflicts() const {
         {"--cut", {"--list"}},
         {"--fit", {"--size"}},
         {"--no-video",
-         {"--no-audio", "--fit", "--size", "--fps", "--video-bitrate", "--quality",
-          "--video-codec"}},
+         {"--no-audio", "--fit", "--size", "--fps", "--video-bitrate", "--quality", "--video-codec",
+          "--min-ssim"}},
         {"--no-audio",
          {"--audio-track", "--audio-bitrate", "--audio-rate", "--audio-channels", "--audio-codec",
           "--volume", "--loudness"}},

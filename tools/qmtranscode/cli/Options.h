@@ -79,6 +79,11 @@ struct Options {
     // After a stop: keep the shorter file, or remove it.
     bool keepPartial = true;
 
+    // Decode the output and compare it with what was encoded.
+    bool verify = false;
+    // The lowest structural similarity that a frame may have; also verifies.
+    std::optional<double> minSsim;
+
     // Print what would be done, and write nothing.
     bool plan = false;
     // "full", or "quick": without a dry run.

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/EncodingVerifier.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/job/Request.h>
@@ -302,11 +303,30 @@ Outcome Job::concludeComplete(Progress* progress) {
                                     *mOptions.maxBytes, receipt.contents->media.sizeBytes),
                         "max-bytes-not-met"}};
     }
+    if (auto failure = verifyEncoding(&receipt)) return {failure};
     printInterlaced();
     receipt.isComplete = true;
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
     return {std::nullopt, true};
+}
+
+std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
+    if (!mHost.checksEncoding) return std::nullopt;
+    auto result = cli::verifyEncoding(mObserver->checks(), mStatistics, *receipt->contents);
+    if (const auto* fault = std::get_if<std::string>(&result)) {
+        return Failure{kExitFailed, mOutput.path(), "output verification failed: " + *fault,
+                       kVerificationCode};
+    }
+    receipt->verification = std::move(std::get<Verification>(result));
+    const auto& ssim = receipt->verification->whole.ssim;
+    if (!mOptions.minSsim || !ssim || ssim->worst >= *mOptions.minSsim) return std::nullopt;
+    return Failure{
+        kExitFailed, mOutput.path(),
+        fmt::format("the frame at {:.3f} s has an SSIM of {:.4f}, below --min-ssim {:g}; "
+                    "more bits or a lower --quality would raise it",
+                    secondsOf(ssim->worstAtUs), ssim->worst, *mOptions.minSsim),
+                   "below-min-ssim"};
 }
 
 Outcome Job::concludeStopped() {

@@ -84,6 +84,8 @@ private:
     Outcome conclude(int32_t result, Progress* progress);
     Outcome concludeComplete(Progress* progress);
     Outcome concludeStopped();
+    // For --verify and --min-ssim.
+    std::optional<Failure> verifyEncoding(Receipt* receipt) const;
     Failure failureOf(int32_t result) const;
     // Why the output has no samples.
     Failure noSamples() const;

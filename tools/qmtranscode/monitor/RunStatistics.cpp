@@ -147,6 +147,26 @@ void RunObserver::onAudioEncoded(int64_t samples, int sampleRate) {
     mAudioRate = sampleRate;
 }
 
+void RunObserver::onPacketEncoded(bool isVideo, int64_t timeUs, uint64_t checksum) {
+    Mutex::Autolock lock(mLock);
+    (isVideo ? mChecks.videoPackets : mChecks.audioPackets).push_back({timeUs, checksum});
+}
+
+void RunObserver::onFrameChecked(const FrameCheck& frame) {
+    Mutex::Autolock lock(mLock);
+    mChecks.frames.push_back(frame);
+}
+
+void RunObserver::onAudioChecked(const AudioCheck& audio) {
+    Mutex::Autolock lock(mLock);
+    mChecks.audio.push_back(audio);
+}
+
+void RunObserver::onCheckFailed(const std::string& reason) {
+    Mutex::Autolock lock(mLock);
+    mChecks.failure = reason;
+}
+
 void RunObserver::onVideoEnd(int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     mVideoEndUs = timeUs;
@@ -178,6 +198,7 @@ void RunObserver::begin(const std::vector<TrimPeriod>& periods,
     mFramesUs.clear();
     mAudioSamples = 0;
     mVideoEndUs.reset();
+    mChecks = {};
 }
 
 RunStatistics RunObserver::statistics() const {
@@ -223,6 +244,11 @@ int64_t RunObserver::audioUsLocked() const {
 std::optional<int64_t> RunObserver::videoEndUs() const {
     Mutex::Autolock lock(mLock);
     return mVideoEndUs;
+}
+
+EncodingChecks RunObserver::checks() const {
+    Mutex::Autolock lock(mLock);
+    return mChecks;
 }
 
 }  // namespace android::qmmediaeditor::cli

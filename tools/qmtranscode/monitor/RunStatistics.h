@@ -85,6 +85,21 @@ struct ReadError {
     int64_t offsetBytes = 0;
 };
 
+// What HostOptions::checksEncoding has found; in the order of the output.
+struct EncodingChecks {
+    struct Packet {
+        int64_t timeUs = 0;
+        uint64_t checksum = 0;
+    };
+
+    std::vector<FrameCheck> frames;
+    std::vector<AudioCheck> audio;
+    std::vector<Packet> videoPackets;
+    std::vector<Packet> audioPackets;
+    // Why something could not be checked.
+    std::optional<std::string> failure;
+};
+
 // Collects what the host reports beside the session's result. Any thread may call any operation.
 class RunObserver : public HostObserver {
 public:
@@ -102,6 +117,10 @@ public:
     void onFirstSample() override;
     void onFrameEncoded(int64_t timeUs) override;
     void onAudioEncoded(int64_t samples, int sampleRate) override;
+    void onPacketEncoded(bool isVideo, int64_t timeUs, uint64_t checksum) override;
+    void onFrameChecked(const FrameCheck& frame) override;
+    void onAudioChecked(const AudioCheck& audio) override;
+    void onCheckFailed(const std::string& reason) override;
     void onVideoEnd(int64_t timeUs) override;
 
     // The first one since the command began.
@@ -133,6 +152,7 @@ public:
     int64_t audioUs() const;
     // The end of the last video frame of the output.
     std::optional<int64_t> videoEndUs() const;
+    EncodingChecks checks() const;
 
 private:
     int64_t audioUsLocked() const REQUIRES(mLock);
@@ -149,6 +169,7 @@ private:
     int64_t mAudioSamples GUARDED_BY(mLock) = 0;
     int mAudioRate GUARDED_BY(mLock) = 0;
     std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);
+    EncodingChecks mChecks GUARDED_BY(mLock);
 };
 
 }  // namespace android::qmmediaeditor::cli
