@@ -326,7 +326,7 @@ std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
         fmt::format("the frame at {:.3f} s has an SSIM of {:.4f}, below --min-ssim {:g}; "
                     "more bits or a lower --quality would raise it",
                     secondsOf(ssim->worstAtUs), ssim->worst, *mOptions.minSsim),
-                   "below-min-ssim"};
+                   kBelowMinSsimCode};
 }
 
 Outcome Job::concludeStopped() {
