@@ -57,6 +57,8 @@ public:
     // channel, which are valid during the call.
     virtual void onAudio(const int16_t* /* samples */, int64_t /* frames */, int /* channels */,
                          int /* sampleRate */) {}
+    // The writer has got the first sample of a track, with this timestamp of the output.
+    virtual void onTrackStart(bool /* isVideo */, int64_t /* timeUs */) {}
     // The end of the last video frame of the output. Not called when it is unknown: the frame then
     // has the duration of the one before it.
     virtual void onVideoEnd(int64_t /* timeUs */) {}
@@ -133,6 +135,11 @@ struct HostOptions {
     // each. libavfilter, which does this, is loaded from the system's library folders when the
     // first interlaced frame arrives.
     bool deinterlace = true;
+    // The first video frame at or after this time of the output is a key frame, from which the next
+    // ones are counted.
+    std::optional<int64_t> keyFrameUs = std::nullopt;
+    // The output's video has timestamps in microseconds, as a part that is joined later.
+    bool isPart = false;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

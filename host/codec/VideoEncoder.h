@@ -72,6 +72,8 @@ private:
     Timestamp mLast;
     int64_t mKeyFrameIntervalUs = 0;  // 0 for no interval
     std::optional<int64_t> mKeyFrameUs;
+    // HostOptions::keyFrameUs, until that frame has come.
+    std::optional<int64_t> mAskedKeyFrameUs;
 };
 
 }  // namespace qmmediaeditor

@@ -37,7 +37,7 @@ protected:
         return OutputVerifier(input, statistics, observer, policy).verify(output).value_or("");
     }
 
-    JobInput input;
+    MediaFile input;
     RunStatistics statistics;
     RunObserver observer;
     MetadataPolicy policy = MetadataPolicy::kWithoutLocation;

@@ -3,6 +3,7 @@
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/report/ReceiptCompletion.h>
+#include <qmtranscode/sandbox/SectionWorkers.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <qmtranscode/sandbox/Worker.h>
@@ -76,9 +77,18 @@ int run(int argc, char** argv) {
     }
     shared->columns = cli::console::terminalColumns();
     const pid_t parent = getpid();
+    cli::SectionWorkers sections;
+    // startWorker() does not throw.
+    const auto start = [](const cli::Options& own, cli::JobFiles* ofAll,
+                          const cli::WorkerLink& link, cli::SharedState* state, int output,
+                          pid_t pid) { cli::startWorker(own, ofAll, link, state, output, pid); };
+    if (options.jobs > 1 && !sections.start(options, &files, shared, parent, +start)) {
+        return cannotStart();
+    }
     const pid_t worker = fork();
     if (worker < 0) return cannotStart();
     if (worker == 0) {
+        sections.closeLinks();
         close(links[0]);
         close(libraryOutput[0]);
         const cli::WorkerLink link(links[1]);
@@ -95,7 +105,8 @@ int run(int argc, char** argv) {
     job.receipt = files.receipt;
     job.libraryOutput = libraryOutput[0];
     job.showsLibraryOutput = options.logFilter.has_value();
-    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr;
+    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr && !options.section;
+    if (options.jobs > 1) job.sections = &sections;
     if (options.json) job.emptyReceipt = cli::emptyReceipt(options.input, options.output);
     return cli::Supervisor(job, worker, link, shared).run();
 }

@@ -12,6 +12,7 @@
 #include <qmtranscode/report/Progress.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -22,11 +23,15 @@ Outcome Job::run() {
     limitAllocations();
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
+    if (mOptions.section && !mInput.media().video && !mInput.media().audio) {
+        return concludeEmptyPart();
+    }
     // The session closes it.
     const int outputFd = mOutput.duplicate();
     if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
                       outputLengthUs(mKept, mInput.media()));
+    progress.reportTo([this](int32_t percent) { mControl->reportPercent(percent); });
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
     const int32_t result = transcode(outputFd, &progress);
@@ -77,9 +82,111 @@ std::optional<Failure> Job::prepare() {
     const VideoRate rate = videoRate(mOptions, mInput.media());
     mHost.avcQuality = rate.quality;
     mHost.avcMaxBitrate = rate.maxBitrate;
+    if (mOptions.section) {
+        if (auto failure = prepareSection()) return failure;
+    }
     if (auto failure = setGains()) return failure;
     installPlatform();
     return std::nullopt;
+}
+
+std::optional<Failure> Job::prepareSection() {
+    const bool isAudio = mOptions.section->index == 0;
+    mRequest = sha256(requestText());
+    mHost.isPart = true;
+    mHost.fastStart = false;
+    const auto plan = planSection(mOptions, mKept, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&plan)) return *failure;
+    mSection = std::get<SectionPlan>(plan);
+    mHost.tracks.video = mHost.tracks.video && !isAudio && !mSection.isEmpty();
+    mHost.tracks.audio = mHost.tracks.audio && isAudio;
+    installPlatform();
+    if (auto failure = mInput.probe(*mObserver)) return failure;
+    if (isAudio || mSection.isEmpty()) return std::nullopt;
+    mKept = mSection.periods;
+    mPeriods = mKept.actual;
+    mHost.cutTimesUs.emplace();
+    for (const TrimPeriod& period : mKept.asked) {
+        mHost.cutTimesUs->insert(mHost.cutTimesUs->end(), {period.mStartUs, period.mEndUs});
+    }
+    mHost.keyFrameUs = mSection.startUs - mSection.encodedFromUs;
+    return std::nullopt;
+}
+
+std::string Job::requestText() const {
+    std::string text =
+        fmt::format("{} {} {} {} {} {} {} {} {} {} {}", inputFingerprint(mInput.fd()),
+                    mOptions.section->count, mHost.avcPreset, mHost.avcQuality.value_or(0),
+                    mHost.avcMaxBitrate.value_or(0), mHost.deinterlace, mHost.fastStart,
+                    static_cast<int>(mHost.metadata), mOptions.audioTrack.value_or(0),
+                    mOptions.volumeDb.value_or(0), mOptions.loudness.value_or(0));
+    text += fmt::format(" {} {}", mOptions.noVideo, mOptions.noAudio);
+    for (const TrimPeriod& period : mPeriods) {
+        text += fmt::format(" {}-{}", period.mStartUs, period.mEndUs);
+    }
+    if (mOutputFormat != nullptr) text += mOutputFormat->debugString().c_str();
+    return text;
+}
+
+PartDescription Job::describePart(bool isComplete) const {
+    const MediaFile& media = mInput.media();
+    PartDescription part;
+    part.section = *mOptions.section;
+    part.request = mRequest;
+    part.input = mInput.path();
+    part.isComplete = isComplete;
+    struct stat file {};
+    const bool hasSamples = fstat(mOutput.fd(), &file) == 0 && file.st_size > 0;
+    part.isVideo = hasSamples && !mObserver->framesUs().empty();
+    part.isAudio = hasSamples && mObserver->audioUs() > 0;
+    const TrackCodecs codecs = part.isVideo ? mObserver->video() : mObserver->audio();
+    part.startUs = mSection.startUs;
+    part.endUs = mSection.endUs;
+    part.firstUs = mSection.encodedFromUs + mObserver->trackStartUs(part.isVideo);
+    for (const int64_t timeUs : mObserver->framesUs()) {
+        if (mSection.encodedFromUs + timeUs >= mSection.startUs) ++part.frames;
+    }
+    part.fileType = static_cast<int32_t>(outputFileFormat(mOptions));
+    part.fastStart = mOptions.fastStart;
+    part.decoder = codecs.decoder;
+    part.encoder = codecs.encoder;
+    if (media.video) {
+        part.inputWidth = media.video->width;
+        part.inputHeight = media.video->height;
+        part.frameRate = media.video->constantRate;
+        part.quality = mHost.avcQuality;
+    }
+    if (media.audio) {
+        part.inputSampleRate = media.audio->sampleRate;
+        part.inputChannels = media.audio->channels;
+    }
+    part.damagedPackets = codecs.skippedPackets;
+    part.interlacedFrames = codecs.interlacedFrames;
+    part.deinterlacedFrames = codecs.deinterlacedFrames;
+    part.threads = mHost.threads;
+    return part;
+}
+
+std::optional<Failure> Job::finishPart(bool isComplete) const {
+    if (!mOptions.section) return std::nullopt;
+    const int error = writeDescription(mOutput.fd(), describePart(isComplete));
+    if (error == 0) return std::nullopt;
+    return Failure{kExitFailed, mOutput.path(), strerror(error)};
+}
+
+Outcome Job::concludeEmptyPart() {
+    if (ftruncate(mOutput.fd(), 0) != 0) {
+        return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+    }
+    if (auto failure = finishPart(true)) return {failure};
+    const std::string text =
+        mOptions.json ? dumpJson({{"status", "complete"},
+                                  {"input", mInput.path()},
+                                  {"output", mOutput.path()},
+                                  {"tracks", Json::array()}})
+                      : console::printable(mOutput.path()) + ": complete, without samples\n";
+    if (auto failure = writeReceipt(text)) return {failure};
+    return {std::nullopt, true};
 }
 
 std::optional<Failure> Job::setGains() {
@@ -190,14 +297,17 @@ int32_t Job::transcode(int outputFd, Progress* progress) {
 
 Outcome Job::concludeComplete(Progress* progress) {
     Receipt receipt = makeReceipt();
+    const bool isEmpty = mObserver->framesUs().empty() && mObserver->audioUs() == 0;
+    if (mOptions.section && isEmpty) return concludeEmptyPart();
     if (!receipt.contents) return {noSamples()};
-    const OutputVerifier verifier(mInput, mStatistics, *mObserver, mHost.metadata);
+    const OutputVerifier verifier(mInput.media(), mStatistics, *mObserver, mHost.metadata);
     if (auto reason = verifier.verify(*receipt.contents)) {
         return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
     }
     if (auto failure = checkTracks(*receipt.contents)) return {failure};
     printInterlaced();
     receipt.isComplete = true;
+    if (auto failure = finishPart(true)) return {failure};
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
     return {std::nullopt, true};
@@ -206,6 +316,12 @@ Outcome Job::concludeComplete(Progress* progress) {
 Outcome Job::concludeStopped() {
     const Receipt receipt = makeReceipt();
     if (auto failure = writeReceipt(receipt)) return {failure};
+    if (mOptions.section) {
+        if (!receipt.contents && ftruncate(mOutput.fd(), 0) != 0) {
+            return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+        }
+        if (auto failure = finishPart(false)) return {failure};
+    }
     if (!receipt.contents) {
         return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written"}};
     }

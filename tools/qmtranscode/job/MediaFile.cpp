@@ -48,6 +48,8 @@ VideoTrack readVideoTrack(const sp<AMessage>& format, size_t index, const AStrin
     }
     format->findInt32("rotation-degrees", &track.rotation);
     format->findInt32("frame-rate", &track.frameRate);
+    format->findInt64("frame-rate-numerator", &track.constantRate.numerator);
+    format->findInt64("frame-rate-denominator", &track.constantRate.denominator);
     format->findInt32("bitrate", &track.bitrate);
     track.language = readLanguage(format);
     return track;

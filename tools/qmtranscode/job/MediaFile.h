@@ -3,6 +3,7 @@
 
 #include <TranscodeTypes.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
+#include <host/codec/FrameRate.h>
 #include <host/codec/RecordingMetadata.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -31,10 +32,11 @@ struct VideoTrack {
     int64_t durationUs = 0;
     int32_t width = 0;  // pixels, before rotation
     int32_t height = 0;
-    int32_t rotation = 0;   // degrees clockwise
-    int32_t frameRate = 0;  // frames per second
-    int32_t bitrate = 0;    // bits per second
-    std::string language;   // ISO 639-2/T; empty if unknown
+    int32_t rotation = 0;    // degrees clockwise
+    int32_t frameRate = 0;   // frames per second
+    FrameRate constantRate;  // 0 unless it is constant
+    int32_t bitrate = 0;     // bits per second
+    std::string language;    // ISO 639-2/T; empty if unknown
 };
 
 struct AnyTrack {

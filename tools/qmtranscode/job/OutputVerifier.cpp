@@ -39,7 +39,7 @@ std::optional<OutputContents> readOutput(int fd) {
 std::optional<std::string> OutputVerifier::verify(const OutputContents& output) const {
     if (auto reason = verifyVideo(output)) return reason;
     if (auto reason = verifyAudio(output)) return reason;
-    if (mInput.media().uuidData != output.media.uuidData) {
+    if (mInput.uuidData != output.media.uuidData) {
         return "the uuid data differs from the input's";
     }
     return verifyMetadata(output.media);
@@ -89,7 +89,7 @@ std::optional<std::string> OutputVerifier::verifyAudio(const OutputContents& out
 
 // Also finds what must not be there, the location above all.
 std::optional<std::string> OutputVerifier::verifyMetadata(const MediaFile& output) const {
-    const auto expected = selectMetadata(mInput.media().metadata, mPolicy).fields;
+    const auto expected = selectMetadata(mInput.metadata, mPolicy).fields;
     if (output.metadata.fields != expected) {
         const auto& longer =
             output.metadata.fields.size() > expected.size() ? output.metadata.fields : expected;
@@ -101,12 +101,11 @@ std::optional<std::string> OutputVerifier::verifyMetadata(const MediaFile& outpu
         return fmt::format("its metadata differs from the input's in: {}",
                            nameOf(differing->first));
     }
-    const MediaFile& input = mInput.media();
     const bool keepsLanguages = mPolicy != MetadataPolicy::kNone;
     const auto hasLanguageOf = [keepsLanguages](const auto& written, const auto& read) {
         return !written || !read || written->language == (keepsLanguages ? read->language : "");
     };
-    if (hasLanguageOf(output.video, input.video) && hasLanguageOf(output.audio, input.audio)) {
+    if (hasLanguageOf(output.video, mInput.video) && hasLanguageOf(output.audio, mInput.audio)) {
         return std::nullopt;
     }
     return "the language of a track differs from the input's";

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
-#include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/monitor/RunStatistics.h>
 
@@ -29,7 +28,7 @@ std::optional<OutputContents> readOutput(int fd);
 class OutputVerifier {
 public:
     // All outlive the object.
-    OutputVerifier(const JobInput& input, const RunStatistics& statistics,
+    OutputVerifier(const MediaFile& input, const RunStatistics& statistics,
                    const RunObserver& observer, MetadataPolicy policy)
         : mInput(input), mStatistics(statistics), mObserver(observer), mPolicy(policy) {}
 
@@ -41,7 +40,7 @@ private:
     std::optional<std::string> verifyAudio(const OutputContents& output) const;
     std::optional<std::string> verifyMetadata(const MediaFile& output) const;
 
-    const JobInput& mInput;
+    const MediaFile& mInput;
     const RunStatistics& mStatistics;
     const RunObserver& mObserver;
     const MetadataPolicy mPolicy;

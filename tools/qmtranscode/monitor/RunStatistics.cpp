@@ -142,6 +142,16 @@ void RunObserver::onAudioEncoded(int64_t samples, int sampleRate) {
     mAudioRate = sampleRate;
 }
 
+void RunObserver::onTrackStart(bool isVideo, int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    mTrackStartsUs[isVideo ? 1 : 0] = timeUs;
+}
+
+int64_t RunObserver::trackStartUs(bool isVideo) const {
+    Mutex::Autolock lock(mLock);
+    return mTrackStartsUs[isVideo ? 1 : 0];
+}
+
 void RunObserver::onVideoEnd(int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     mVideoEndUs = timeUs;

@@ -5,7 +5,9 @@
 #include <stdint.h>
 #include <utils/Mutex.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
@@ -16,6 +18,8 @@ public:
     // Removes the bar.
     ~Progress();
 
+    // Also called with each value that is above the previous one.
+    void reportTo(std::function<void(int32_t)> listener) { mListener = std::move(listener); }
     // In percent. Values that are not above the previous one are ignored. 100 is left to finish(),
     // because only a verified file is complete.
     void report(int32_t percent);
@@ -31,6 +35,7 @@ private:
     const std::string mName;
     const double mLengthSeconds;
     const int64_t mStartUs;
+    std::function<void(int32_t)> mListener;
     Mutex mLock;
     int32_t mLast GUARDED_BY(mLock) = -1;
 };

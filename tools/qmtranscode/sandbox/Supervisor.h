@@ -6,6 +6,7 @@
 // memory.
 #pragma once
 
+#include <poll.h>
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/job/PendingFile.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
@@ -27,6 +28,8 @@ struct SharedState {
     std::atomic<int> columns{0};  // of the terminal; written by the parent
 };
 
+class SectionWorkers;
+
 class Supervisor {
 public:
     struct Job {
@@ -38,6 +41,8 @@ public:
         bool showsLibraryOutput;
         bool mayKeepPartial;       // a stop keeps what has been written
         std::string emptyReceipt;  // for standard output if nothing is kept
+        // Their outputs are joined by the worker; null without --jobs.
+        SectionWorkers* sections = nullptr;
     };
     // All outlive the object.
     Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared);
@@ -70,6 +75,7 @@ private:
     void step();
     void handleSignal(SignalAction action);
     void handleMessage();
+    void handleSections(const pollfd* fds);
     void handleLibraryOutput();
     void stop();
     bool reapWorker();
@@ -100,6 +106,9 @@ private:
     WorkerResult mResult;
     char mFailure[2048];
     size_t mFailureSize = 0;
+
+    int mSectionsPercent = 0;
+    bool mHaveSectionsEnded = false;
 
     bool mStopRequested = false;
     bool mStopNow = false;
