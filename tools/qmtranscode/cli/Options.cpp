@@ -5,10 +5,12 @@
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/cli/PeriodList.h>
 #include <qmtranscode/cli/Values.h>
+#include <qmtranscode/report/Format.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <numeric>
 #include <utility>
 
@@ -61,6 +63,7 @@ const Choices<bool> kPartialChoices = {{"keep", true}, {"discard", false}};
 const std::vector<std::string> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
                                            "fast",      "medium",    "slow",     "slower",
                                            "veryslow",  "placebo"};
+const std::vector<std::string> kPlanKinds = {"full", "quick"};
 const std::vector<std::string> kLogFormats = {"brief", "process", "tag",        "thread",
                                               "raw",   "time",    "threadtime", "long"};
 // Names that belong to other containers.
@@ -131,6 +134,15 @@ CLI::Validator bitrate() {
         if (!value) {
             return refusal(text, "expected bits per second from 1k to 2147M, such as 128k or 4M");
         }
+        text = std::to_string(*value);
+        return std::string();
+    });
+}
+
+CLI::Validator bytes() {
+    return check([](std::string& text) {
+        const std::optional<int64_t> value = parseBytes(text);
+        if (!value) return refusal(text, "expected bytes from 1k to 9000G, such as 500k or 25M");
         text = std::to_string(*value);
         return std::string();
     });
@@ -236,7 +248,13 @@ public:
         });
         for (CLI::Option* option : mApp.get_options()) {
             const bool takesText = option->get_items_expected_max() > 0;
-            if (takesText) option->check(notEmpty());
+            if (!takesText) continue;
+            option->check(notEmpty());
+            // Before the transformations, which replace words by numbers.
+            option->transform([this, option](const std::string& text) {
+                mGiven[option].push_back(text);
+                return text;
+            });
         }
     }
 
@@ -250,6 +268,8 @@ private:
         mTexts.push_back({mGroup, name, value, summary, details, choices});
     }
 
+    // The options as they were given.
+    std::string request() const;
     Failure unknownArgument() const;
     Failure usageError(const CLI::Error& error) const;
     // These refuse combinations of options.
@@ -270,6 +290,7 @@ private:
     Options mOptions;
     bool mJoin = false;
     CLI::App mApp;
+    std::map<const CLI::Option*, std::vector<std::string>> mGiven;
     std::string mGroup;
     std::vector<OptionText> mTexts;
 };
@@ -386,6 +407,15 @@ void CommandLine::define() {
              "allow it.");
     app.add_flag("--overwrite", o.overwrite);
     describe("--overwrite", "", "replace OUTPUT if it exists");
+    app.add_flag("--if-missing", o.ifMissing);
+    describe("--if-missing", "", "do nothing if OUTPUT is complete; replace it if it is shorter",
+             "An OUTPUT that this request would not make is refused.");
+    app.add_flag("--if-needed", o.ifNeeded);
+    describe("--if-needed", "", "copy INPUT if it already is what is asked for",
+             "The reasons for which it is encoded are in the JSON object.");
+    app.add_option("--max-bytes", o.maxBytes)->transform(bytes());
+    describe("--max-bytes", "SIZE", "max size of OUTPUT, such as 25M; sets the bit rate",
+             "The run is repeated at most twice when the size is exceeded.");
     app.add_option("--partial", o.keepPartial)->transform(oneOf(kPartialChoices));
     describe("--partial", "CHOICE", "keep or discard the shorter file after a stop; default keep",
              "", wordsOf(kPartialChoices));
@@ -405,13 +435,15 @@ void CommandLine::define() {
              "All parts of 0 to N are needed, in any order. Nothing is encoded.");
 
     mGroup = "Reports";
-    app.add_flag("--plan", o.plan);
-    describe("--plan", "", "print what would be done, as JSON, and write nothing",
-             "The plan names the tracks and why each is used or not, the decoders and encoders, "
-             "each value of the output and where it comes from, the seek points of the periods, "
-             "and an estimate of size and time from a dry run of two seconds.");
+    app.add_flag("--plan{full}", o.planKind)->check(oneOf(kPlanKinds));
+    describe(
+        "--plan", "", "print what would be done, as JSON; --plan=quick without a dry run",
+        "Nothing is written. The plan names the tracks and why each is used or not, the decoders and encoders, "
+        "each value of the output and where it comes from, the seek points of the periods, "
+        "and an estimate of size and time from a dry run of two seconds.");
     app.add_flag("--json", o.json);
-    describe("--json", "", "print the receipt as JSON");
+    describe("--json", "", "print one JSON object: how the run ended, and the receipt",
+             "Its schema is in share/qmtranscode/run.schema.json.");
     app.add_option("--progress", o.progress)->transform(oneOf(kProgressStyles));
     describe("--progress", "STYLE",
              "display: " + listText(wordsOf(kProgressStyles)) +
@@ -456,8 +488,11 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
     if (mOptions.output.empty()) {
         return Failure{kExitUsage, "",
                        fmt::format("{} missing (see qmtranscode --help)",
-                                   mOptions.input.empty() ? "INPUT and OUTPUT are" : "OUTPUT is")};
+                                   mOptions.input.empty() ? "INPUT and OUTPUT are" : "OUTPUT is"),
+                       "missing-argument"};
     }
+    mOptions.request = request();
+    mOptions.plan = mApp["--plan"]->count() > 0;
     if (auto failure = checkCombinations()) return *failure;
     return mOptions;
 }
@@ -470,6 +505,25 @@ void CommandLine::takeParts() {
     mOptions.parts.pop_back();
 }
 
+std::string CommandLine::request() const {
+    Json request = Json::object();
+    for (const CLI::Option* option : mApp.get_options()) {
+        if (option->count() == 0) continue;
+        const auto given = mGiven.find(option);
+        std::string name = option->get_name();
+        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+        Json& value = request[name.substr(name.find_first_not_of('-'))];
+        if (given == mGiven.end()) {
+            value = option->results().back() != "quick" ? Json(true) : Json("quick");
+        } else if (option->get_items_expected_max() > 1) {
+            value = given->second;
+        } else {
+            value = given->second.back();
+        }
+    }
+    return dumpJsonLine(request);
+}
+
 Failure CommandLine::unknownArgument() const {
     std::vector<std::string> words = mApp.remaining();
     // `--` is not counted as a positional argument.
@@ -478,7 +532,8 @@ Failure CommandLine::unknownArgument() const {
                                      [](const std::string& word) { return word[0] == '-'; });
     if (option == words.end()) {
         return {kExitUsage, words.empty() ? "--" : words.front(),
-                "unexpected argument, because INPUT and OUTPUT are already given"};
+                "unexpected argument, because INPUT and OUTPUT are already given",
+                "unexpected-argument"};
     }
     const std::string name = option->substr(0, option->find('='));
     const auto nearest =
@@ -490,7 +545,8 @@ Failure CommandLine::unknownArgument() const {
         name.size() > 2 * kMaxTypos && editDistance(name, nearest->name) <= kMaxTypos;
     return {kExitUsage, name,
             isTypo ? fmt::format("unknown option; did you mean {}?", nearest->name)
-                   : "unknown option; see qmtranscode --help"};
+                   : "unknown option; see qmtranscode --help",
+            "unknown-option"};
 }
 
 Failure CommandLine::usageError(const CLI::Error& error) const {
@@ -498,13 +554,15 @@ Failure CommandLine::usageError(const CLI::Error& error) const {
     std::string text = error.what();
     const size_t nameEnd = text.find(':');
     if (nameEnd == std::string::npos) {
-        return {kExitUsage, "", text + " (see qmtranscode --help)"};
+        return {kExitUsage, "", text + " (see qmtranscode --help)", "bad-value"};
     }
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
-        return {kExitUsage, text.substr(0, nameEnd), "the value is missing"};
+        return {kExitUsage, text.substr(0, nameEnd), "the value is missing", "missing-value"};
     }
     if (text.compare(nameEnd, 3, ":  ") == 0) text.erase(nameEnd, 2);
-    return {kExitUsage, "", text};
+    const size_t subjectEnd = std::min(text.find(": "), text.size());
+    const size_t reasonBegin = std::min(subjectEnd + 2, text.size());
+    return {kExitUsage, text.substr(0, subjectEnd), text.substr(reasonBegin), "bad-value"};
 }
 
 std::optional<Failure> CommandLine::checkCombinations() {
@@ -525,7 +583,8 @@ std::optional<Failure> CommandLine::checkPeriods() {
             option == std::string("--trim") ? mOptions.periods : mOptions.cuts;
         for (size_t i = 0; i < periods.size(); ++i) {
             const std::string reason = checkOrder(periods, i);
-            if (!reason.empty()) return Failure{kExitUsage, given(option, i), reason};
+            if (!reason.empty())
+                return Failure{kExitUsage, given(option, i), reason, "bad-periods"};
         }
     }
     if (!mOptions.list) return std::nullopt;
@@ -552,7 +611,8 @@ std::optional<Failure> CommandLine::checkName() {
     }
     return Failure{kExitUsage, mOptions.output,
                    "only MP4 and 3GP files can be written; use the extension .mp4 or .3gp, or "
-                   "keep this one with --format mp4"};
+                   "keep this one with --format mp4",
+                   "unsupported-container"};
 }
 
 // Two options of which one makes the other pointless.
@@ -568,19 +628,25 @@ std::optional<Failure> CommandLine::checkConflicts() const {
          {"--audio-track", "--audio-bitrate", "--audio-rate", "--audio-channels", "--audio-codec",
           "--volume", "--loudness"}},
         {"--volume", {"--loudness"}},
-        {"--section", {"--jobs", "--join", "--plan"}},
-        {"--jobs", {"--join", "--plan", "--trace"}}};
+        {"--section", {"--jobs", "--join", "--plan", "--if-missing", "--if-needed", "--max-bytes"}},
+        {"--jobs", {"--join", "--plan", "--trace", "--if-missing", "--if-needed", "--max-bytes"}},
+        {"--max-bytes",
+         {"--video-bitrate", "--audio-bitrate", "--quality", "--if-needed", "--no-video"}},
+        {"--if-needed", {"--if-missing"}},
+        {"--plan", {"--if-missing", "--if-needed"}}};
     for (const auto& [option, others] : kConflicts) {
         if (mApp[option]->count() == 0) continue;
         for (const std::string& other : others) {
             if (mApp[other]->count() == 0) continue;
             return Failure{kExitUsage, option,
-                           fmt::format("cannot be combined with {}; leave one of them out", other)};
+                           fmt::format("cannot be combined with {}; leave one of them out", other),
+                           "conflict"};
         }
     }
     if (mOptions.quality && mOptions.videoCodec.value_or(VideoCodec::kAvc) != VideoCodec::kAvc) {
         return Failure{kExitUsage, given("--quality"),
-                       "only AVC has constant quality; --video-bitrate works with every codec"};
+                       "only AVC has constant quality; --video-bitrate works with every codec",
+                       "quality-needs-avc"};
     }
     return std::nullopt;
 }
@@ -592,14 +658,15 @@ std::optional<Failure> CommandLine::checkSections() const {
         const std::string name = option->get_name();
         if (!mJoin || option->count() == 0 || name[0] != '-') continue;
         if (std::find(kOfJoin.begin(), kOfJoin.end(), name) != kOfJoin.end()) continue;
-        return Failure{kExitUsage, name, "cannot be combined with --join; it belongs to --section"};
+        return Failure{kExitUsage, name, "cannot be combined with --join; it belongs to --section",
+                       "conflict"};
     }
     const bool hasSections = mOptions.section || mOptions.jobs > 1;
     if (!hasSections || mOptions.videoCodec.value_or(VideoCodec::kAvc) == VideoCodec::kAvc) {
         return std::nullopt;
     }
     return Failure{kExitUsage, mOptions.section ? "--section" : "--jobs",
-                   "sections need AVC; leave --video-codec out"};
+                   "sections need AVC; leave --video-codec out", "conflict"};
 }
 
 std::optional<Failure> CommandLine::checkSize() const {
@@ -610,7 +677,8 @@ std::optional<Failure> CommandLine::checkSize() const {
         supportsSize(*mOptions.videoCodec, rotated)) {
         return std::nullopt;
     }
-    return Failure{kExitUsage, given("--size"), supportedSizesText(*mOptions.videoCodec)};
+    return Failure{kExitUsage, given("--size"), supportedSizesText(*mOptions.videoCodec),
+                   "unsupported-size"};
 }
 
 std::optional<Failure> CommandLine::checkAudio() const {
@@ -619,19 +687,19 @@ std::optional<Failure> CommandLine::checkAudio() const {
         if (!mOptions.audioRate) return std::nullopt;
         const int32_t nearest = nearestAacSampleRate(*mOptions.audioRate);
         if (nearest == *mOptions.audioRate) return std::nullopt;
-        return Failure{
-            kExitUsage, given("--audio-rate"),
-            fmt::format("AAC does not support this sample rate; {} would work", nearest)};
+        return Failure{kExitUsage, given("--audio-rate"),
+                       fmt::format("AAC does not support this sample rate; {} would work", nearest),
+                       "unsupported-audio"};
     }
     const int32_t rate = amrSampleRate(codec);
     const std::string supported =
         fmt::format("{} supports only {} Hz and one channel",
                     codec == AudioCodec::kAmrNb ? "AMR-NB" : "AMR-WB", rate);
     if (mOptions.audioRate.value_or(rate) != rate) {
-        return Failure{kExitUsage, given("--audio-rate"), supported};
+        return Failure{kExitUsage, given("--audio-rate"), supported, "unsupported-audio"};
     }
     if (mOptions.audioChannels.value_or(1) != 1) {
-        return Failure{kExitUsage, given("--audio-channels"), supported};
+        return Failure{kExitUsage, given("--audio-channels"), supported, "unsupported-audio"};
     }
     return std::nullopt;
 }
@@ -644,7 +712,8 @@ std::optional<Failure> CommandLine::checkFormat() const {
     }
     return Failure{kExitUsage, "--format mp4",
                    fmt::format("{} is written to 3GP files only; --format 3gp would work",
-                               isH263 ? "H.263" : "AMR")};
+                               isH263 ? "H.263" : "AMR"),
+                   "unsupported-container"};
 }
 
 }  // namespace
@@ -661,6 +730,11 @@ MetadataPolicy Options::metadataPolicy() const {
 
 std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv) {
     return CommandLine().parse(argc, argv);
+}
+
+bool asksForJson(int argc, const char* const* argv) {
+    const auto* const end = std::find(argv, argv + argc, std::string("--"));
+    return std::find(argv, end, std::string("--json")) != end;
 }
 
 std::vector<OptionText> optionTexts() { return CommandLine().texts(); }

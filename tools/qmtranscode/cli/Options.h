@@ -19,6 +19,9 @@ enum class ProgressStyle : int32_t { kNone, kBar, kJson };
 
 // Without a value, an option follows the input.
 struct Options {
+    // All that was given, as a JSON object: the names of the options without hyphens in front, with
+    // a text, the texts of a repeatable option, or true.
+    std::string request;
     std::string input;
     std::string output;
     bool overwrite = false;
@@ -74,11 +77,20 @@ struct Options {
     std::string preset = "veryfast";
     // Of each video codec; by default, as many as there are available CPUs.
     std::optional<int32_t> threads;
+    // An OUTPUT that is the complete output of this request is left as it is, and a shorter one is
+    // replaced.
+    bool ifMissing = false;
+    // An input that is what the request asks for is copied.
+    bool ifNeeded = false;
+    // The max size of the output in bytes.
+    std::optional<int64_t> maxBytes;
     // After a stop: keep the shorter file, or remove it.
     bool keepPartial = true;
 
     // Print what would be done, and write nothing.
     bool plan = false;
+    // "full", or "quick": without a dry run.
+    std::string planKind;
     // The receipt as JSON.
     bool json = false;
     // By default, a bar on a terminal.
@@ -100,6 +112,9 @@ struct Information {
 };
 
 std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv);
+
+// Whether the arguments ask for the JSON object of the run, also when they cannot be parsed.
+bool asksForJson(int argc, const char* const* argv);
 
 // One option, or a group of them, as the help, the manual page, the completion and the README
 // describe it.

@@ -12,6 +12,7 @@
 #include <qmtranscode/report/Progress.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,15 +27,13 @@ Outcome Job::run() {
     if (mOptions.section && !mInput.media().video && !mInput.media().audio) {
         return concludeEmptyPart();
     }
-    // The session closes it.
-    const int outputFd = mOutput.duplicate();
-    if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+    if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
-                      outputLengthUs(mKept, mInput.media()));
+                      outputLengthUs(mKept, mInput.media()), *mObserver);
     progress.reportTo([this](int32_t percent) { mControl->reportPercent(percent); });
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
-    const int32_t result = transcode(outputFd, &progress);
+    const int32_t result = transcodeToFit(&progress);
     Outcome outcome = conclude(result, &progress);
     if (hasTrace) outcome.traceError = mTrace->end();
     return outcome;
@@ -72,13 +71,14 @@ std::optional<Failure> Job::prepare() {
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
     if (const auto warning = aspectRatioWarning(mOptions, mInput.media())) {
-        console::printLine("qmtranscode: " + *warning);
+        console::printWarning(*warning);
     }
     FrameSize size;
     if (mOutputFormat != nullptr && mOutputFormat->findInt32("video-width", &size.width) &&
         mOutputFormat->findInt32("video-height", &size.height)) {
         mHost.frameSize = size;
     }
+    if (auto failure = setSizeLimit()) return failure;
     const VideoRate rate = videoRate(mOptions, mInput.media());
     mHost.avcQuality = rate.quality;
     mHost.avcMaxBitrate = rate.maxBitrate;
@@ -171,22 +171,35 @@ std::optional<Failure> Job::finishPart(bool isComplete) const {
     if (!mOptions.section) return std::nullopt;
     const int error = writeDescription(mOutput.fd(), describePart(isComplete));
     if (error == 0) return std::nullopt;
-    return Failure{kExitFailed, mOutput.path(), strerror(error)};
+    return systemFailure(kExitFailed, mOutput.path(), error);
 }
 
 Outcome Job::concludeEmptyPart() {
     if (ftruncate(mOutput.fd(), 0) != 0) {
-        return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+        return {systemFailure(kExitFailed, mOutput.path(), errno)};
     }
     if (auto failure = finishPart(true)) return {failure};
-    const std::string text =
-        mOptions.json ? dumpJson({{"status", "complete"},
-                                  {"input", mInput.path()},
-                                  {"output", mOutput.path()},
-                                  {"tracks", Json::array()}})
-                      : console::printable(mOutput.path()) + ": complete, without samples\n";
-    if (auto failure = writeReceipt(text)) return {failure};
+    if (auto failure = reportFile(mOutput.fd(), "complete, without samples")) return {failure};
     return {std::nullopt, true};
+}
+
+std::optional<Failure> Job::setSizeLimit() {
+    if (!mOptions.maxBytes) return std::nullopt;
+    const MediaFile& media = mInput.media();
+    const auto format = describeOutput(mOptions, media);
+    if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+    mSizeLimit.emplace(mOptions, media, outputLengthUs(mKept, media),
+                       std::get<sp<AMessage>>(format));
+    if (auto failure = mSizeLimit->check()) return failure;
+    return applyRates();
+}
+
+std::optional<Failure> Job::applyRates() {
+    mSizeLimit->apply(&mOptions);
+    const auto format = makeOutputFormat(mOptions, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+    mOutputFormat = std::get<sp<AMessage>>(format);
+    return std::nullopt;
 }
 
 std::optional<Failure> Job::setGains() {
@@ -199,7 +212,7 @@ std::optional<Failure> Job::setGains() {
 
 std::optional<Failure> Job::measureLoudness() {
     const int memory = memfd_create("qmtranscode-loudness", MFD_CLOEXEC);
-    if (memory < 0) return Failure{kExitFailed, "memory to measure the loudness", strerror(errno)};
+    if (memory < 0) return systemFailure(kExitFailed, "memory to measure the loudness", errno);
     LoudnessObserver observer;
     HostOptions host = mHost;
     host.observer = &observer;
@@ -220,9 +233,10 @@ std::optional<Failure> Job::measureLoudness() {
     installPlatform();
     if (auto failure = mInput.checkReads(observer)) return failure;
     if (mControl->stopRequested()) {
-        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
+        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
+                       kStoppedCode};
     }
-    if (observer.lacksMemory()) return Failure{kExitFailed, "", "not enough memory"};
+    if (observer.lacksMemory()) return Failure{kExitFailed, "", "not enough memory", kMemoryCode};
     if (result != OK) return failureOf(result);
     mInputLoudness = observer.meter().integrated();
     if (mInputLoudness) {
@@ -231,14 +245,14 @@ std::optional<Failure> Job::measureLoudness() {
         mLoudness = gains.loudness;
         constexpr double kToleranceLu = 0.5;
         if (std::abs(gains.loudness - *mOptions.loudness) > kToleranceLu) {
-            console::printLine(fmt::format(
-                "qmtranscode: {}: --loudness {:g} cannot be reached without peaks above -1 dBTP; "
-                "the output has {:.1f} LUFS",
-                mInput.path(), *mOptions.loudness, gains.loudness));
+            console::printWarning(
+                fmt::format("{}: --loudness {:g} cannot be reached without peaks above -1 dBTP; "
+                            "the output has {:.1f} LUFS",
+                            mInput.path(), *mOptions.loudness, gains.loudness));
         }
     } else {
-        console::printLine("qmtranscode: " + mInput.path() +
-                           ": --loudness has no effect, because the audio is silent or too short");
+        console::printWarning(
+            mInput.path() + ": --loudness has no effect, because the audio is silent or too short");
     }
     return std::nullopt;
 }
@@ -251,25 +265,101 @@ std::optional<Failure> Job::checkChosenTracks() const {
     if (mOptions.audioTrack && audioTracks < *mOptions.audioTrack) {
         return Failure{kExitUnusable, mInput.path(),
                        fmt::format("there is no audio track {}; the file has {}",
-                                   *mOptions.audioTrack, audioTracks)};
+                                   *mOptions.audioTrack, audioTracks),
+                       "no-such-track"};
     }
     if (mOptions.audioTrack && !media.audio) {
         return Failure{kExitUnusable, mInput.path(),
-                       fmt::format("audio track {} has no supported codec", *mOptions.audioTrack)};
+                       fmt::format("audio track {} has no supported codec", *mOptions.audioTrack),
+                       "unsupported-codec"};
     }
     if (media.video || media.audio) return std::nullopt;
     return Failure{kExitUnusable, mInput.path(),
                    mOptions.noVideo ? "the file has no audio, and --no-video leaves the video out"
-                                    : "the file has no video, and --no-audio leaves the audio out"};
+                                    : "the file has no video, and --no-audio leaves the audio out",
+                   "no-track-left"};
 }
 
 std::optional<Failure> Job::plan() {
+    if (mOptions.planKind == "quick") {
+        const auto format = describeOutput(mOptions, mInput.media());
+        if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+        return writeReceipt(
+            planJson(mOptions, mInput, mKept, plannedRun(std::get<sp<AMessage>>(format))));
+    }
     const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor, mObserver);
     if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
     return writeReceipt(planJson(mOptions, mInput, mKept, std::get<DryRun>(result)));
 }
 
-int32_t Job::transcode(int outputFd, Progress* progress) {
+std::optional<Outcome> Job::endEarly() {
+    if (mExisting >= 0 && mOptions.ifMissing) {
+        OutputComparison comparison = compareOutput(mOptions, mInput, mKept, mExisting);
+        if (auto failure = mInput.checkReads(*mObserver)) return Outcome{failure};
+        if (comparison.others.empty() && comparison.missing.empty()) {
+            return Outcome{reportFile(mExisting, "already complete"), false, 0, Ending::kAlready};
+        }
+        if (!comparison.others.empty() && !mOptions.overwrite) {
+            return Outcome{
+                Failure{kExitUsage, mOutput.path(),
+                        fmt::format("the file exists and is no output of this request, because {}; "
+                                    "--overwrite would replace it",
+                                    comparison.others.front()),
+                        "output-differs"}};
+        }
+        mBecause = comparison.others.empty() ? comparison.missing : comparison.others;
+    }
+    if (!mOptions.ifNeeded) return std::nullopt;
+    mBecause = whyNeeded(mOptions, mInput, mKept);
+    if (auto failure = mInput.checkReads(*mObserver)) return Outcome{failure};
+    return mBecause.empty() ? std::optional(copyInput()) : std::nullopt;
+}
+
+Outcome Job::copyInput() {
+    mControl->report(WorkerStage::kStarting);
+    if (copyFile(mInput.fd(), mOutput.fd()) != 0) {
+        return {systemFailure(kExitFailed, mOutput.path(), errno)};
+    }
+    mControl->report(WorkerStage::kVerifying);
+    if (auto failure = mInput.checkReads(*mObserver)) return {failure};
+    if (auto failure = reportFile(mOutput.fd(), "a copy of the input")) return {failure};
+    return {std::nullopt, true, 0, Ending::kCopied};
+}
+
+std::optional<Failure> Job::reportFile(int fd, const char* what) const {
+    struct stat file {};
+    if (fstat(fd, &file) != 0) return systemFailure(kExitFailed, mOutput.path(), errno);
+    if (!mOptions.json) {
+        return writeReceipt(fmt::format("{}: {}\n", console::printable(mOutput.path()), what));
+    }
+    return writeReceipt(
+        dumpJson({{"input", mInput.path()}, {"output", mOutput.path()}, {"bytes", file.st_size}}));
+}
+
+int32_t Job::transcodeToFit(Progress* progress) {
+    int32_t result = transcode(progress);
+    constexpr int kMaxRuns = 3;
+    while (mSizeLimit && result == OK && mRuns < kMaxRuns) {
+        struct stat file {};
+        if (fstat(mOutput.fd(), &file) != 0) break;
+        if (!mSizeLimit->correct(file.st_size, mObserver->position().timeUs)) break;
+        applyRates();
+        installPlatform();
+        progress->restart();
+        result = transcode(progress);
+    }
+    return result;
+}
+
+int32_t Job::transcode(Progress* progress) {
+    ++mRuns;
+    // The session closes it.
+    const int outputFd = mOutput.duplicate();
+    if (outputFd < 0 || ftruncate(outputFd, 0) != 0 || lseek(outputFd, 0, SEEK_SET) != 0) {
+        mObserver->onWriteError(errno);
+        if (outputFd >= 0) close(outputFd);
+        return kSessionFailed;
+    }
     const int64_t startUs = nowUs();
     mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
     int32_t result;
@@ -302,9 +392,18 @@ Outcome Job::concludeComplete(Progress* progress) {
     if (!receipt.contents) return {noSamples()};
     const OutputVerifier verifier(mInput.media(), mStatistics, *mObserver, mHost.metadata);
     if (auto reason = verifier.verify(*receipt.contents)) {
-        return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
+        return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason,
+                        kVerificationCode}};
     }
     if (auto failure = checkTracks(*receipt.contents)) return {failure};
+    if (mOptions.maxBytes && receipt.contents->media.sizeBytes > *mOptions.maxBytes) {
+        return {Failure{kExitUnusable, mInput.path(),
+                        fmt::format("--max-bytes {} cannot be met: at the lowest bit rate that was "
+                                    "tried, the output has {} bytes; a smaller frame size (--fit) "
+                                    "would help",
+                                    *mOptions.maxBytes, receipt.contents->media.sizeBytes),
+                        "max-bytes-not-met"}};
+    }
     printInterlaced();
     receipt.isComplete = true;
     if (auto failure = finishPart(true)) return {failure};
@@ -318,60 +417,68 @@ Outcome Job::concludeStopped() {
     if (auto failure = writeReceipt(receipt)) return {failure};
     if (mOptions.section) {
         if (!receipt.contents && ftruncate(mOutput.fd(), 0) != 0) {
-            return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+            return {systemFailure(kExitFailed, mOutput.path(), errno)};
         }
         if (auto failure = finishPart(false)) return {failure};
     }
     if (!receipt.contents) {
-        return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written"}};
+        return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
+                        kStoppedCode}};
     }
     return {
         Failure{kExitStopped, mOutput.path(),
-                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs())},
+                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs()),
+                kStoppedCode},
         true};
 }
 
 Failure Job::failureOf(int32_t result) const {
     if (const std::optional<int> error = mObserver->writeError()) {
-        return {kExitFailed, mOutput.path(), strerror(*error)};
+        return systemFailure(kExitFailed, mOutput.path(), *error);
     }
     const bool isInputs =
         result == kInvalidRequest || result == kReadError || result == kDecoderError;
-    return {kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+    const SessionError error = errorOf(result);
+    return {kExitFailed, isInputs ? mInput.path() : mOutput.path(), error.reason, error.code};
 }
 
 Failure Job::noSamples() const {
     if (!mObserver->framesUs().empty() || mObserver->audioUs() > 0) {
-        return {kExitFailed, mOutput.path(), "output verification failed: the file cannot be read"};
+        return {kExitFailed, mOutput.path(), "output verification failed: the file cannot be read",
+                kVerificationCode};
     }
     if (mPeriods.empty()) {
-        return {kExitUnusable, mInput.path(), "no frame and no audio could be decoded"};
+        return {kExitUnusable, mInput.path(), "no frame and no audio could be decoded",
+                "nothing-decoded"};
     }
     return {kExitUnusable, mInput.path(),
             std::string("no frame and no audio starts in ") +
-                (mPeriods.size() > 1 ? "these periods" : "this period")};
+                (mPeriods.size() > 1 ? "these periods" : "this period"),
+            "nothing-in-periods"};
 }
 
 void Job::printInterlaced() const {
     const TrackCodecs video = mObserver->video();
     if (!video.deinterlacingFailure) return;
-    console::printLine(fmt::format("qmtranscode: {}: not deinterlaced, because {}", mOutput.path(),
-                                   *video.deinterlacingFailure));
+    console::printWarning(fmt::format("{}: not deinterlaced, because {}", mOutput.path(),
+                                      *video.deinterlacingFailure));
 }
 
 void Job::printMissing(const char* type, const char* reason) const {
-    console::printLine(fmt::format("qmtranscode: {}: written without {}, because {}",
-                                   mOutput.path(), type, reason));
+    console::printWarning(
+        fmt::format("{}: written without {}, because {}", mOutput.path(), type, reason));
 }
 
 std::optional<Failure> Job::checkTracks(const OutputContents& output) const {
     const bool lacksVideo = mInput.media().video && !output.video;
     const bool lacksAudio = mInput.media().audio && !output.audio;
     if (lacksVideo && mObserver->video().skippedPackets > 0) {
-        return Failure{kExitUnusable, mInput.path(), "no frame of the video could be decoded"};
+        return Failure{kExitUnusable, mInput.path(), "no frame of the video could be decoded",
+                       "no-frame-decoded"};
     }
     if (lacksAudio && mObserver->audio().skippedPackets > 0) {
-        return Failure{kExitUnusable, mInput.path(), "no packet of the audio could be decoded"};
+        return Failure{kExitUnusable, mInput.path(), "no packet of the audio could be decoded",
+                       "no-audio-decoded"};
     }
     if (lacksVideo) {
         printMissing("video", mPeriods.empty() ? "the input's video track has no samples"
@@ -396,6 +503,8 @@ Receipt Job::makeReceipt() const {
     receipt.quality = mHost.avcQuality;
     receipt.inputLoudness = mInputLoudness;
     receipt.loudness = mLoudness;
+    receipt.because = mBecause;
+    if (mOptions.maxBytes) receipt.runs = mRuns;
     receipt.statistics = mStatistics;
     receipt.video = mObserver->video();
     receipt.audio = mObserver->audio();
@@ -410,13 +519,13 @@ Receipt Job::makeReceipt() const {
 }
 
 std::optional<Failure> Job::writeReceipt(const Receipt& receipt) const {
-    if (mOptions.json) return writeReceipt(toJson(receipt));
-    return receipt.contents ? writeReceipt(toText(receipt)) : std::nullopt;
+    if (!receipt.contents) return std::nullopt;
+    return writeReceipt(mOptions.json ? toJson(receipt) : toText(receipt));
 }
 
 std::optional<Failure> Job::writeReceipt(const std::string& text) const {
     if (writeAll(mReceipt, text) == 0) return std::nullopt;
-    return Failure{kExitFailed, "the receipt", strerror(errno)};
+    return systemFailure(kExitFailed, "the receipt", errno);
 }
 
 }  // namespace android::qmmediaeditor::cli

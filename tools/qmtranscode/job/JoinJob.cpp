@@ -37,13 +37,14 @@ Outcome JoinJob::run() {
             }
         }
     }
-    Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output, lengthUs);
+    Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output, lengthUs,
+                      *mObserver);
     if (mOptions.jobs > 1) {
         const auto report = [&progress](int32_t percent) {
             progress.report(percent * kSectionsShare / 100);
         };
         if (!mControl->awaitSections(report)) {
-            return {Failure{kExitFailed, "", "the parent process has ended"}};
+            return {Failure{kExitFailed, "", "the parent process has ended", "no-parent"}};
         }
     }
     if (auto failure = readParts()) return {failure};
@@ -59,14 +60,15 @@ std::optional<Failure> JoinJob::readParts() {
         const std::optional<PartDescription> description = readDescription(fd);
         if (!description) {
             return Failure{kExitUnusable, path,
-                           "this is not a part; --join takes files that --section has written"};
+                           "this is not a part; --join takes files that --section has written",
+                           "not-a-part"};
         }
         Part part{path, fd, *description, {}, 0};
         if (description->isVideo || description->isAudio) {
             const auto media = readMediaFile(fd).media;
             if (!media || (!media->video && !media->audio)) {
-                return Failure{kExitUnusable, path,
-                               "the part is damaged; encode its section again"};
+                return Failure{kExitUnusable, path, "the part is damaged; encode its section again",
+                               "part-damaged"};
             }
             part.media = *media;
             part.endUs = std::max<int64_t>(description->firstUs, 0) + media->durationUs();
@@ -90,12 +92,14 @@ std::optional<Failure> JoinJob::checkSet() const {
         if (section.count != first.section.count || part.description.request != first.request) {
             return Failure{kExitUnusable, part.path,
                            "this part was made from another input or with other options than " +
-                               mParts.front().path};
+                               mParts.front().path,
+                           "part-differs"};
         }
         if (!part.description.isComplete && mOptions.jobs == 1) {
             return Failure{
                 kExitUnusable, part.path,
-                fmt::format("the part was stopped; encode section {} again", section.index)};
+                fmt::format("the part was stopped; encode section {} again", section.index),
+                "part-stopped"};
         }
     }
     for (int32_t i = 0; i <= first.section.count; ++i) {
@@ -105,7 +109,8 @@ std::optional<Failure> JoinJob::checkSet() const {
         if (count == 1) continue;
         return Failure{kExitUnusable, mOptions.output,
                        fmt::format("section {} of {} is {}", i, first.section.count,
-                                   count == 0 ? "missing" : "there twice")};
+                                   count == 0 ? "missing" : "there twice"),
+                       "part-missing"};
     }
     return std::nullopt;
 }
@@ -142,7 +147,7 @@ std::optional<Failure> JoinJob::join(Progress* progress) {
     }
     if (request.video.empty() && !request.audio) {
         return Failure{kExitUnusable, mParts.front().description.input,
-                       "no frame and no audio is in the parts"};
+                       "no frame and no audio is in the parts", "nothing-decoded"};
     }
     request.onProgress = [&](int64_t timeUs) {
         const int64_t percent = std::clamp<int64_t>(timeUs * 100 / lengthUs, 0, 99);
@@ -152,22 +157,24 @@ std::optional<Failure> JoinJob::join(Progress* progress) {
     const std::optional<std::string> reason = joinParts(request, mFiles.output.fd());
     if (!reason) return std::nullopt;
     if (const auto error = mObserver->writeError()) {
-        return Failure{kExitFailed, mOptions.output, strerror(*error)};
+        return systemFailure(kExitFailed, mOptions.output, *error);
     }
     if (const auto error = mObserver->readError()) {
-        return Failure{kExitFailed, mParts.front().path, strerror(error->error)};
+        return systemFailure(kExitFailed, mParts.front().path, error->error);
     }
     if (reason->empty() && mControl->stopRequested()) {
-        return Failure{kExitStopped, mOptions.output, "stopped before the parts were joined"};
+        return Failure{kExitStopped, mOptions.output, "stopped before the parts were joined",
+                       kStoppedCode};
     }
     return Failure{kExitUnusable, mOptions.output,
-                   reason->empty() ? "the file could not be finished" : *reason};
+                   reason->empty() ? "the file could not be finished" : *reason, "part-damaged"};
 }
 
 // Against what the parts say that they have.
 std::optional<Failure> JoinJob::verify(const OutputContents& contents) const {
     const auto failed = [this](const std::string& reason) {
-        return Failure{kExitFailed, mOptions.output, "output verification failed: " + reason};
+        return Failure{kExitFailed, mOptions.output, "output verification failed: " + reason,
+                       kVerificationCode};
     };
     int64_t frames = 0;
     MediaFile expected;
@@ -190,22 +197,24 @@ Outcome JoinJob::conclude(Progress* progress) {
     Receipt receipt = makeReceipt();
     if (!receipt.contents) {
         if (mIsStopped) {
-            return {Failure{kExitStopped, mOptions.output, "stopped before anything was written"}};
+            return {Failure{kExitStopped, mOptions.output, "stopped before anything was written",
+                            kStoppedCode}};
         }
         return {Failure{kExitFailed, mOptions.output,
-                        "output verification failed: the file cannot be read"}};
+                        "output verification failed: the file cannot be read", kVerificationCode}};
     }
     if (auto failure = verify(*receipt.contents)) return {failure};
     receipt.isComplete = !mIsStopped;
     if (receipt.isComplete) progress->finish();
     const std::string text = mOptions.json ? toJson(receipt) : toText(receipt);
     if (writeAll(mFiles.receipt, text) != 0) {
-        return {Failure{kExitFailed, "the receipt", strerror(errno)}};
+        return {systemFailure(kExitFailed, "the receipt", errno)};
     }
     if (!mIsStopped) return {std::nullopt, true};
     return {
         Failure{kExitStopped, mOptions.output,
-                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs())},
+                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs()),
+                kStoppedCode},
         true};
 }
 

@@ -164,7 +164,8 @@ Result<SectionPlan> planSection(const Options& options, const KeptPeriods& kept,
     const double distanceUs = keyFrameDistanceUs(options, kept, *input.video);
     if (distanceUs == 0) {
         return Failure{kExitUnusable, options.input,
-                       "with --fps, sections need a constant frame rate and a single period"};
+                       "with --fps, sections need a constant frame rate and a single period",
+                       "sections-need-constant-rate"};
     }
     const auto lengthUs = static_cast<double>(outputLengthUs(kept, input));
     // Times of frames are rounded to microseconds.

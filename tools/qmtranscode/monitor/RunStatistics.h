@@ -108,6 +108,12 @@ public:
 
     // Timestamps of the frames that the video encoder has accepted, in microseconds of the output.
     std::vector<int64_t> framesUs() const;
+    struct Position {
+        int64_t frames;
+        int64_t timeUs;  // of the last frame; without video, the length of the audio
+    };
+    // How far the encoders are.
+    Position position() const;
     // Length of the audio that the audio encoder has accepted.
     int64_t audioUs() const;
     // When the output's first sample of the video or the audio begins; negative for the priming of
@@ -117,6 +123,8 @@ public:
     std::optional<int64_t> videoEndUs() const;
 
 private:
+    int64_t audioUsLocked() const REQUIRES(mLock);
+
     mutable Mutex mLock;
     std::function<void()> mOnFirstSample GUARDED_BY(mLock);
     std::optional<ReadError> mReadError GUARDED_BY(mLock);

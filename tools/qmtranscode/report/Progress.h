@@ -2,6 +2,7 @@
 #pragma once
 
 #include <qmtranscode/cli/Options.h>
+#include <qmtranscode/monitor/RunStatistics.h>
 #include <stdint.h>
 #include <utils/Mutex.h>
 
@@ -13,13 +14,17 @@ namespace android::qmmediaeditor::cli {
 
 class Progress {
 public:
-    // `name` is in front of the bar. `lengthUs` is the length of the output.
-    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs);
+    // `name` is the output's, and `lengthUs` its length. `observer`, which outlives the object,
+    // counts its frames.
+    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs,
+             const RunObserver& observer);
     // Removes the bar.
     ~Progress();
 
     // Also called with each value that is above the previous one.
     void reportTo(std::function<void(int32_t)> listener) { mListener = std::move(listener); }
+    // Begins again with 0 %, for a run that is repeated.
+    void restart();
     // In percent. Values that are not above the previous one are ignored. 100 is left to finish(),
     // because only a verified file is complete.
     void report(int32_t percent);
@@ -29,14 +34,15 @@ private:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    void show(int32_t percent);
+    void show(int32_t percent) REQUIRES(mLock);
 
     const ProgressStyle mStyle;
     const std::string mName;
     const double mLengthSeconds;
-    const int64_t mStartUs;
     std::function<void(int32_t)> mListener;
+    const RunObserver& mObserver;
     Mutex mLock;
+    int64_t mStartUs GUARDED_BY(mLock);
     int32_t mLast GUARDED_BY(mLock) = -1;
 };
 

@@ -3,7 +3,7 @@
 #include <qmtranscode/cli/Values.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/report/ReceiptCompletion.h>
+#include <qmtranscode/report/RunObject.h>
 
 #include <algorithm>
 #include <utility>
@@ -257,12 +257,10 @@ std::string periodRows(const PeriodResult& result) {
 }  // namespace
 
 std::string toJson(const Receipt& receipt) {
-    if (!receipt.contents) return emptyReceipt(receipt.input, receipt.output);
     const OutputContents& contents = *receipt.contents;
     const int64_t lengthUs = contents.media.durationUs();
     const int64_t validUs = receipt.isComplete ? lengthUs : contents.commonEndUs();
-    Json json = {{"status", receipt.isComplete ? "complete" : "stopped"},
-                 {"valid_up_to", secondsOf(validUs)},
+    Json json = {{"valid_up_to", secondsOf(validUs)},
                  {"input", receipt.input},
                  {"output", receipt.output},
                  {"bytes", contents.media.sizeBytes},
@@ -272,6 +270,8 @@ std::string toJson(const Receipt& receipt) {
                  {"damaged_samples", skippedPackets(receipt)},
                  {"metadata", toJson(receipt.metadata)},
                  {"uuid_data", nullptr}};
+    if (!receipt.because.empty()) json["because"] = receipt.because;
+    if (receipt.runs) json["runs"] = *receipt.runs;
     if (!contents.media.uuidData.empty()) {
         json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
                              {"sha256", sha256(contents.media.uuidData)}};
@@ -298,6 +298,12 @@ std::string toText(const Receipt& receipt) {
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }
+    const char* name = "because";
+    for (const std::string& reason : receipt.because) {
+        text += row(name, "{}", reason);
+        name = "";
+    }
+    if (receipt.runs) text += row("runs", "{}", *receipt.runs);
     if (skippedPackets(receipt) > 0) {
         text += row("damaged", "{} packets were skipped", skippedPackets(receipt));
     }

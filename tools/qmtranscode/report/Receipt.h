@@ -30,6 +30,8 @@ struct Receipt {
     // In LUFS, where --loudness has changed it: before the gains, and after them.
     std::optional<double> inputLoudness;
     std::optional<double> loudness;
+    std::vector<std::string> because;  // why it was encoded, where that depends on a file
+    std::optional<int> runs;           // where it was repeated to meet a size
     RunStatistics statistics;
     TrackCodecs video;
     TrackCodecs audio;
@@ -41,7 +43,7 @@ struct Receipt {
     double wallSeconds = 0;
 };
 
-// A JSON object, in several lines.
+// What follows the head of the run's JSON object: an object of several lines.
 std::string toJson(const Receipt& receipt);
 
 // The same for people, in aligned lines.

@@ -95,6 +95,7 @@ void SectionWorkers::handleMessage(Worker* worker, const Listener& listener) {
     const auto first = payload.empty() ? 0 : static_cast<unsigned char>(payload[0]);
     switch (received->message) {
         case Message::kLine:
+        case Message::kWarning:
             return listener.onLine(payload);
         case Message::kCpuLimit:
             return listener.onCpuLimit();
@@ -151,26 +152,29 @@ std::optional<int> SectionWorkers::failed() const {
     return static_cast<int>(found - mWorkers.begin());
 }
 
-size_t SectionWorkers::describeFailure(int section, std::string_view input, char* line,
-                                       size_t room) const {
+RunEnd SectionWorkers::endOf(int section, std::string_view input, char* reason, size_t room) const {
     const Worker& worker = mWorkers[static_cast<size_t>(section)];
     if (worker.hasResult) {
-        const auto end = fmt::format_to_n(line, room, "qmtranscode: {}",
-                                          std::string_view(worker.failure, worker.failureSize));
-        return std::min(end.size, room);
+        std::string_view texts(worker.failure, worker.failureSize);
+        const auto take = [&texts](size_t size) {
+            const std::string_view text = texts.substr(0, size);
+            texts.remove_prefix(text.size());
+            return text;
+        };
+        RunEnd end{"failed", worker.result.status, "transcoding", "", "", ""};
+        end.code = take(worker.result.codeBytes);
+        end.subject = take(worker.result.subjectBytes);
+        end.reason = texts;
+        return end;
     }
     const bool isSignal = WIFSIGNALED(worker.waitStatus);
     const char* const name = isSignal ? sigabbrev_np(WTERMSIG(worker.waitStatus)) : nullptr;
-    const auto end = fmt::format_to_n(
-        line, room, "qmtranscode: {:.300}: the worker process of section {} {}{}; nothing was kept",
-        input, section, isSignal ? "was terminated by SIG" : "ended without a result",
-        isSignal ? (name == nullptr ? "?" : name) : "");
-    return std::min(end.size, room);
-}
-
-int SectionWorkers::statusOf(int section) const {
-    const Worker& worker = mWorkers[static_cast<size_t>(section)];
-    return worker.hasResult ? worker.result.status : static_cast<int>(kExitFailed);
+    const auto text =
+        fmt::format_to_n(reason, room, "the worker process of section {} {}{}; nothing was kept",
+                         section, isSignal ? "was terminated by SIG" : "ended without a result",
+                         isSignal ? (name == nullptr ? "?" : name) : "");
+    return {"failed",         kExitFailed,          "transcoding",
+            "worker-crashed", input.substr(0, 300), {reason, std::min(text.size, room)}};
 }
 
 // The audio takes less time than any section, unless there is no video.

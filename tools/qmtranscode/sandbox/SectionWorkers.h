@@ -47,9 +47,8 @@ public:
     bool areDone() const;
     // The number of the section whose worker failed or crashed; nothing if none did.
     std::optional<int> failed() const;
-    // The failure of that worker as a line; `line` has room for it.
-    size_t describeFailure(int section, std::string_view input, char* line, size_t room) const;
-    int statusOf(int section) const;
+    // How that worker ends the run. The texts are in this object and in `reason`, which has `room`.
+    RunEnd endOf(int section, std::string_view input, char* reason, size_t room) const;
 
     int percent() const;
     // A stop now leaves parts that can be joined.
