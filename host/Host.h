@@ -91,6 +91,8 @@ public:
     virtual void onAudioChecked(const AudioCheck& /* audio */) {}
     // Why the output of an encoder cannot be checked. Other checks of this encoder do not follow.
     virtual void onCheckFailed(const std::string& /* reason */) {}
+    // The writer has got the first sample of a track, with this timestamp of the output.
+    virtual void onTrackStart(bool /* isVideo */, int64_t /* timeUs */) {}
     // The end of the last video frame of the output. Not called when it is unknown: the frame then
     // has the duration of the one before it.
     virtual void onVideoEnd(int64_t /* timeUs */) {}
@@ -171,6 +173,11 @@ struct HostOptions {
     // Decodes what the encoders make and compares it with their input; the observer gets the
     // results. Needs libavfilter, and the memory for the frames inside the encoder.
     bool checksEncoding = false;
+    // The first video frame at or after this time of the output is a key frame, from which the next
+    // ones are counted.
+    std::optional<int64_t> keyFrameUs = std::nullopt;
+    // The output's video has timestamps in microseconds, as a part that is joined later.
+    bool isPart = false;
 };
 
 // The number of threads of a codec when HostOptions::threads is 0. It depends on files of /proc and

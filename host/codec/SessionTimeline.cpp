@@ -7,7 +7,7 @@ namespace android {
 namespace qmmediaeditor {
 
 SessionTimeline::SessionTimeline(const HostOptions& options)
-    : mObserver(options.observer), mMetadata(options.metadata) {
+    : mObserver(options.observer), mIsPart(options.isPart), mMetadata(options.metadata) {
     if (!options.cutTimesUs) return;
     const std::vector<int64_t>& cutsUs = *options.cutTimesUs;
     int64_t outputUs = 0;

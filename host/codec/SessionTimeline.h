@@ -24,6 +24,9 @@ public:
 
     HostObserver* observer() const { return mObserver; }
 
+    // The video's timestamps are written in microseconds.
+    bool isPart() const { return mIsPart; }
+
     // Locked by itself.
     SessionMetadata& metadata() { return mMetadata; }
 
@@ -78,6 +81,7 @@ private:
     enum class Encoder { kNone, kStarted, kEnded };
 
     HostObserver* const mObserver;
+    const bool mIsPart;
     SessionMetadata mMetadata;
     mutable Mutex mLock;
     std::vector<Period> mPeriods GUARDED_BY(mLock);  // empty when they are not known

@@ -138,7 +138,8 @@ VideoEncoder::VideoEncoder(const HostOptions& options, std::shared_ptr<SessionTi
       mThreads(codecThreads(options.threads)),
       mSession(std::move(session)),
       mFrame(av_frame_alloc()),
-      mLast{-1, -1} {}
+      mLast{-1, -1},
+      mAskedKeyFrameUs(options.keyFrameUs) {}
 
 VideoEncoder::~VideoEncoder() = default;
 
@@ -322,8 +323,11 @@ int64_t VideoEncoder::timeOf(int64_t pts) {
 bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
     // Timestamps are rounded to microseconds.
     constexpr int64_t kRoundingUs = 2;
-    if (mKeyFrameIntervalUs == 0) return false;
-    if (mKeyFrameUs && timeUs + kRoundingUs < *mKeyFrameUs + mKeyFrameIntervalUs) return false;
+    const bool isAsked = mAskedKeyFrameUs && timeUs >= *mAskedKeyFrameUs;
+    if (isAsked) mAskedKeyFrameUs.reset();
+    if (mKeyFrameIntervalUs == 0) return isAsked;
+    if (!isAsked && mKeyFrameUs && timeUs + kRoundingUs < *mKeyFrameUs + mKeyFrameIntervalUs)
+        return false;
     mKeyFrameUs = timeUs;
     return true;
 }

@@ -78,6 +78,8 @@ private:
     std::optional<int64_t> mKeyFrameUs;
     // Null unless the options ask for it.
     std::unique_ptr<EncodedVideoCheck> mCheck;
+    // HostOptions::keyFrameUs, until that frame has come.
+    std::optional<int64_t> mAskedKeyFrameUs;
 };
 
 }  // namespace qmmediaeditor

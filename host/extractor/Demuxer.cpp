@@ -60,9 +60,9 @@ Demuxer::~Demuxer() = default;
 
 Demuxer::Opened Demuxer::open(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth depth) {
     std::unique_ptr<Demuxer> demuxer(new Demuxer);
-    status_t status = demuxer->openInput(file);
+    status_t status = demuxer->openInput(file, depth);
     const bool isEnough =
-        depth == ProbeDepth::kHeader ||
+        depth == ProbeDepth::kHeader || depth == ProbeDepth::kSamples ||
         (depth == ProbeDepth::kHeaderIfEnough && status == OK && demuxer->headerIsEnough());
     if (status == OK && !isEnough) {
         status = demuxer->readStreams();
@@ -106,7 +106,7 @@ status_t Demuxer::reasonOf(int error) const {
     return ERROR_UNSUPPORTED;
 }
 
-status_t Demuxer::openInput(const std::shared_ptr<const DescriptorFile>& file) {
+status_t Demuxer::openInput(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth depth) {
     mIo = AvioFile::forReading(file, kIoBufferBytes);
     AVFormatContext* context = avformat_alloc_context();
     if (mIo == nullptr || context == nullptr) {
@@ -119,7 +119,8 @@ status_t Demuxer::openInput(const std::shared_ptr<const DescriptorFile>& file) {
     context->format_probesize = static_cast<int>(probeSizeBytes(*file));
     AVDictionary* options = nullptr;
     if (av_dict_set(&options, "format_whitelist", demuxerNames().c_str(), 0) < 0 ||
-        av_dict_set(&options, "codec_whitelist", decoderNames().c_str(), 0) < 0) {
+        av_dict_set(&options, "codec_whitelist", decoderNames().c_str(), 0) < 0 ||
+        (depth == ProbeDepth::kSamples && av_dict_set(&options, "ignore_editlist", "1", 0) < 0)) {
         av_dict_free(&options);
         avformat_free_context(context);
         return NO_MEMORY;

@@ -18,6 +18,7 @@ class Demuxer {
 public:
     enum class ProbeDepth {
         kHeader,
+        kSamples,        // only the header; timestamps are those of the samples, without edit lists
         kStreams,        // with what the first packets of each stream add to the header
         kHeaderIfEnough  // without that where headerIsEnough()
     };
@@ -64,7 +65,7 @@ public:
 
 private:
     Demuxer();
-    status_t openInput(const std::shared_ptr<const DescriptorFile>& file);
+    status_t openInput(const std::shared_ptr<const DescriptorFile>& file, ProbeDepth depth);
     status_t readStreams();
     status_t checkLimits() const;
     // The status for libavformat's `error`.

@@ -236,7 +236,10 @@ TrackInfo describeTrack(Demuxer* demuxer, AVStream& stream, int64_t durationUs, 
             properties.frameRate = timing.rate;
             if (!timing.constantRate) properties.averageFrameRate = av_q2d(stream.avg_frame_rate);
             track.constantRate = timing.constantRate;
-            if (timing.constantRate) track.source->setFrameRate(timing.constantRate->rate());
+            if (timing.constantRate) {
+                properties.constantRate = timing.constantRate->rate();
+                track.source->setFrameRate(properties.constantRate);
+            }
         } else {
             track.prerollUs = prerollUs(parameters);
         }

@@ -204,6 +204,10 @@ void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackPropert
     format->setInt32("width", size.width);
     format->setInt32("height", size.height);
     format->setInt32("frame-rate", properties.frameRate);
+    if (properties.constantRate.numerator > 0) {
+        format->setInt64("frame-rate-numerator", properties.constantRate.numerator);
+        format->setInt64("frame-rate-denominator", properties.constantRate.denominator);
+    }
     if (properties.averageFrameRate > 0) {
         format->setFloat("average-frame-rate", static_cast<float>(properties.averageFrameRate));
     }

@@ -4,6 +4,8 @@
 #include <media/stagefright/foundation/AMessage.h>
 #include <stdint.h>
 
+#include "host/codec/FrameRate.h"
+
 struct AVFormatContext;
 struct AVStream;
 
@@ -16,6 +18,7 @@ struct TrackProperties {
     int32_t maxSampleBytes = 0;
     // Video: frames per second, rounded up; for a variable rate that of the closest frames.
     int frameRate = 0;
+    FrameRate constantRate;  // 0 unless it is constant
     // Video of a variable rate: frames per second on average, 0 when not known.
     double averageFrameRate = 0;
 };
@@ -23,7 +26,8 @@ struct TrackProperties {
 // "mime", "durationUs", "max-input-size", and of what is known: "bitrate", the codec-specific data,
 // and
 //   video: "width" and "height" with square pixels, "frame-rate", "average-frame-rate" (float;
-//   where the rate varies), "rotation-degrees" (clockwise, when not 0),
+//   where the rate varies), "frame-rate-numerator" and "frame-rate-denominator" (int64; where it is
+//   constant), "rotation-degrees" (clockwise, when not 0),
 //          "android._is-hdr" (1 for PQ and HLG);
 //   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded audio: 16).
 // Null when memory is short.

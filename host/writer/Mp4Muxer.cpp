@@ -178,8 +178,9 @@ status_t Mp4Muxer::begin(int32_t fileType, int32_t rotationDegrees, bool movieBo
     context->flush_packets = 0;
     // The encoders deliver samples in the form that the file needs.
     context->flags &= ~AVFMT_FLAG_AUTO_BSF;
-    const int videoTicks =
+    int videoTicks =
         videoTicksPerSecond(mSession == nullptr ? std::nullopt : mSession->frameRate());
+    if (mSession != nullptr && mSession->isPart()) videoTicks = kMaxVideoTicksPerSecond;
     // Without it libavformat writes an empty list of properties, which some checkers reject.
     if (av_dict_set(&context->metadata, "encoding_tool", kEncoderName, 0) < 0) return NO_MEMORY;
     for (Track& track : mTracks) {
@@ -274,6 +275,9 @@ status_t Mp4Muxer::writeSample(size_t index, const uint8_t* data, size_t size, i
                                       [](const Track& each) { return each.hasSamples; });
     if (isFirst && observer() != nullptr) observer()->onFirstSample();
     Track& track = mTracks.at(index);
+    if (!track.hasSamples && observer() != nullptr) {
+        observer()->onTrackStart(isVideo(*track.parameters), timeUs);
+    }
     const TrackTimestamps::Stamp stamp = track.clock->stamp(timeUs);
     PacketPtr packet(av_packet_alloc());
     if (packet == nullptr || av_new_packet(packet.get(), static_cast<int>(size)) < 0) {

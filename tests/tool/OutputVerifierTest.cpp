@@ -34,7 +34,7 @@ protected:
         return OutputVerifier(input, statistics, observer, policy).verify(output).value_or("");
     }
 
-    JobInput input;
+    MediaFile input;
     RunObserver observer;
     MetadataPolicy policy = MetadataPolicy::kWithoutLocation;
     OutputContents output;

@@ -4,6 +4,7 @@
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/report/RunObject.h>
+#include <qmtranscode/sandbox/SectionWorkers.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <qmtranscode/sandbox/Worker.h>
@@ -117,9 +118,18 @@ int run(int argc, char** argv) {
     }
     shared->columns = cli::console::terminalColumns();
     const pid_t parent = getpid();
+    cli::SectionWorkers sections;
+    // startWorker() does not throw.
+    const auto start = [](const cli::Options& own, cli::JobFiles* ofAll,
+                          const cli::WorkerLink& link, cli::SharedState* state, int output,
+                          pid_t pid) { cli::startWorker(own, ofAll, link, state, output, pid); };
+    if (options.jobs > 1 && !sections.start(options, &files, shared, parent, +start)) {
+        return cannotStart(options);
+    }
     const pid_t worker = fork();
     if (worker < 0) return cannotStart(options);
     if (worker == 0) {
+        sections.closeLinks();
         close(links[0]);
         close(libraryOutput[0]);
         const cli::WorkerLink link(links[1]);
@@ -136,7 +146,8 @@ int run(int argc, char** argv) {
     job.receipt = files.receipt;
     job.libraryOutput = libraryOutput[0];
     job.showsLibraryOutput = options.logFilter.has_value();
-    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr;
+    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr && !options.section;
+    if (options.jobs > 1) job.sections = &sections;
     job.printsObject = options.json;
     job.request = options.request;
     job.names = cli::namesOf(options);

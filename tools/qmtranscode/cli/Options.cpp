@@ -29,6 +29,12 @@ bool lexical_cast(const std::string& text, android::qmmediaeditor::TrimPeriod& p
     return true;
 }
 
+template <>
+bool lexical_cast(const std::string& text, android::qmmediaeditor::cli::Section& section) {
+    section = *android::qmmediaeditor::cli::parseSection(text);
+    return true;
+}
+
 }  // namespace CLI::detail
 
 namespace android::qmmediaeditor::cli {
@@ -40,6 +46,7 @@ constexpr int32_t kMinSide = 2;
 constexpr int32_t kMaxFrameRate = 240;
 constexpr int32_t kMinSampleRate = 7350;
 constexpr int32_t kMaxThreads = 64;
+constexpr int32_t kMaxJobs = 64;
 // At 0, x264 encodes without loss, which few players support.
 constexpr int32_t kMinQuality = 1;
 constexpr int32_t kMaxQuality = 51;
@@ -191,6 +198,15 @@ CLI::Validator period() {
     });
 }
 
+CLI::Validator section() {
+    return check([](const std::string& text) -> std::string {
+        if (parseSection(text)) return "";
+        return refusal(text, fmt::format("expected K/N, such as 2/4; N is at most {}, and K from "
+                                         "0 (the audio) to N",
+                                         kMaxSections));
+    });
+}
+
 CLI::Validator logFilter() {
     return check([](const std::string& text) -> std::string {
         AndroidLogFormat* const format = android_log_format_new();
@@ -261,6 +277,8 @@ private:
     std::optional<Failure> checkPeriods();
     std::optional<Failure> checkName();
     std::optional<Failure> checkConflicts() const;
+    std::optional<Failure> checkSections() const;
+    void takeParts();
     std::optional<Failure> checkSize() const;
     std::optional<Failure> checkAudio() const;
     std::optional<Failure> checkFormat() const;
@@ -270,6 +288,7 @@ private:
     }
 
     Options mOptions;
+    bool mJoin = false;
     CLI::App mApp;
     std::map<const CLI::Option*, std::vector<std::string>> mGiven;
     std::string mGroup;
@@ -409,6 +428,20 @@ void CommandLine::define() {
     app.add_option("--min-ssim", o.minSsim)->transform(level("", 0, 1));
     describe("--min-ssim", "N", "also --verify; fail if a frame's SSIM is below N, 0 to 1");
 
+    mGroup = "Long inputs";
+    app.add_option("--jobs", o.jobs)->transform(integer(1, kMaxJobs));
+    describe("--jobs", "N", fmt::format("encode N sections at the same time, 1 to {}", kMaxJobs),
+             "The video is cut at key frames, and the sections are joined without loss. Each codec "
+             "gets its share of the threads.");
+    app.add_option("--section", o.section)->check(section());
+    describe(
+        "--section", "K/N", "encode section K of N only; 0 is the audio; see --join",
+        "Sections 1 to N have the video. Each can be encoded on another machine, with the same "
+        "input and options. OUTPUT is then a part for --join.");
+    app.add_flag("--join", mJoin);
+    describe("--join", "", "join the sections: qmtranscode --join PART... OUTPUT",
+             "All parts of 0 to N are needed, in any order. Nothing is encoded.");
+
     mGroup = "Reports";
     app.add_flag("--plan{full}", o.planKind)->check(oneOf(kPlanKinds));
     describe(
@@ -442,13 +475,19 @@ void CommandLine::define() {
 
 std::variant<Options, Information, Failure> CommandLine::parse(int argc, const char* const* argv) {
     try {
+        // The parts of --join.
+        mApp.allow_extras();
         mApp.parse(argc, argv);
+        const std::vector<std::string> more = mApp.remaining();
+        const bool areParts = mJoin && std::none_of(more.begin(), more.end(), [](const auto& word) {
+                                  return word[0] == '-' && word != "-";
+                              });
+        if (!more.empty() && !areParts) return unknownArgument();
+        if (mJoin) takeParts();
     } catch (const CLI::Success& success) {
         std::ostringstream text;
         mApp.exit(success, text, text);
         return Information{text.str()};
-    } catch (const CLI::ExtrasError&) {
-        return unknownArgument();
     } catch (const CLI::Error& error) {
         // Values are checked before the help flag is handled.
         if (mApp.get_help_ptr()->count() > 0) return Information{helpText(mTexts)};
@@ -465,6 +504,14 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
     if (auto failure = checkCombinations()) return *failure;
     mOptions.verify = mOptions.verify || mOptions.minSsim;
     return mOptions;
+}
+
+// The last name is OUTPUT.
+void CommandLine::takeParts() {
+    mOptions.parts = {mOptions.input, mOptions.output};
+    for (const std::string& word : mApp.remaining()) mOptions.parts.push_back(word);
+    mOptions.output = mOptions.parts.back();
+    mOptions.parts.pop_back();
 }
 
 std::string CommandLine::request() const {
@@ -530,6 +577,7 @@ Failure CommandLine::usageError(const CLI::Error& error) const {
 std::optional<Failure> CommandLine::checkCombinations() {
     // In the order of the help.
     std::optional<Failure> failure = checkConflicts();
+    if (!failure) failure = checkSections();
     if (!failure) failure = checkPeriods();
     if (!failure) failure = checkName();
     if (!failure) failure = checkSize();
@@ -589,6 +637,8 @@ std::optional<Failure> CommandLine::checkConflicts() const {
          {"--audio-track", "--audio-bitrate", "--audio-rate", "--audio-channels", "--audio-codec",
           "--volume", "--loudness"}},
         {"--volume", {"--loudness"}},
+        {"--section", {"--jobs", "--join", "--plan", "--if-missing", "--if-needed", "--max-bytes"}},
+        {"--jobs", {"--join", "--plan", "--trace", "--if-missing", "--if-needed", "--max-bytes"}},
         {"--max-bytes",
          {"--video-bitrate", "--audio-bitrate", "--quality", "--if-needed", "--no-video"}},
         {"--if-needed", {"--if-missing"}},
@@ -608,6 +658,24 @@ std::optional<Failure> CommandLine::checkConflicts() const {
                        "quality-needs-avc"};
     }
     return std::nullopt;
+}
+
+std::optional<Failure> CommandLine::checkSections() const {
+    for (const CLI::Option* option : mApp.get_options()) {
+        static const std::vector<std::string> kOfJoin = {
+            "--join", "--overwrite", "--json", "--progress", "--log", "--log-format", "--partial"};
+        const std::string name = option->get_name();
+        if (!mJoin || option->count() == 0 || name[0] != '-') continue;
+        if (std::find(kOfJoin.begin(), kOfJoin.end(), name) != kOfJoin.end()) continue;
+        return Failure{kExitUsage, name, "cannot be combined with --join; it belongs to --section",
+                       "conflict"};
+    }
+    const bool hasSections = mOptions.section || mOptions.jobs > 1;
+    if (!hasSections || mOptions.videoCodec.value_or(VideoCodec::kAvc) == VideoCodec::kAvc) {
+        return std::nullopt;
+    }
+    return Failure{kExitUsage, mOptions.section ? "--section" : "--jobs",
+                   "sections need AVC; leave --video-codec out", "conflict"};
 }
 
 std::optional<Failure> CommandLine::checkSize() const {

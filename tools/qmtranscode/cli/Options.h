@@ -5,6 +5,7 @@
 #include <host/Host.h>
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/cli/OutputCodecs.h>
+#include <qmtranscode/cli/Values.h>
 #include <stdint.h>
 
 #include <optional>
@@ -24,6 +25,13 @@ struct Options {
     std::string input;
     std::string output;
     bool overwrite = false;
+
+    // Encode this part of the output only.
+    std::optional<Section> section;
+    // Encode this number of sections at the same time, and join them.
+    int32_t jobs = 1;
+    // Join these files, which are outputs with `section`; `input` is the first one.
+    std::vector<std::string> parts;
 
     // To keep or to remove, in time order, without overlap; at most one of them has any. The last
     // one may end at kEndOfInputUs.

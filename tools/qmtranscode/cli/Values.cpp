@@ -141,6 +141,15 @@ std::optional<TrimPeriod> parsePeriod(std::string_view text) {
     return period;
 }
 
+std::optional<Section> parseSection(std::string_view text) {
+    const std::vector<std::string_view> parts = split(text, '/');
+    if (parts.size() != 2) return std::nullopt;
+    const std::optional<int64_t> count = parseInteger(parts[1], 1, kMaxSections);
+    const std::optional<int64_t> index = parseInteger(parts[0], 0, count.value_or(0));
+    if (!count || !index) return std::nullopt;
+    return Section{static_cast<int32_t>(*index), static_cast<int32_t>(*count)};
+}
+
 std::string checkOrder(const std::vector<TrimPeriod>& periods, size_t index) {
     if (periods[index].mEndUs <= periods[index].mStartUs) return "the end must be after the start";
     if (index == 0 || periods[index].mStartUs >= periods[index - 1].mEndUs) return "";

@@ -40,6 +40,16 @@ std::optional<TrimPeriod> parsePeriod(std::string_view text);
 // Why the period with this index does not follow those before it; empty if it does.
 std::string checkOrder(const std::vector<TrimPeriod>& periods, size_t index);
 
+// One of the parts of an output that are encoded apart: part 0 has the audio, and parts 1 to
+// `count` have the video in the order of time.
+struct Section {
+    int32_t index = 0;
+    int32_t count = 0;
+};
+constexpr int32_t kMaxSections = 1000;
+// "2/4".
+std::optional<Section> parseSection(std::string_view text);
+
 // "START-END", as parsePeriod takes it.
 std::string periodText(const TrimPeriod& period);
 

@@ -24,9 +24,13 @@ namespace android::qmmediaeditor::cli {
 Outcome Job::run() {
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
+    if (mOptions.section && !mInput.media().video && !mInput.media().audio) {
+        return concludeEmptyPart();
+    }
     if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
                       outputLengthUs(mKept, mInput.media()), *mObserver);
+    progress.reportTo([this](int32_t percent) { mControl->reportPercent(percent); });
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
     const int32_t result = transcodeToFit(&progress);
@@ -79,9 +83,105 @@ std::optional<Failure> Job::prepare() {
     const VideoRate rate = videoRate(mOptions, mInput.media());
     mHost.avcQuality = rate.quality;
     mHost.avcMaxBitrate = rate.maxBitrate;
+    if (mOptions.section) {
+        if (auto failure = prepareSection()) return failure;
+    }
     if (auto failure = setGains()) return failure;
     makePlatform();
     return std::nullopt;
+}
+
+std::optional<Failure> Job::prepareSection() {
+    const bool isAudio = mOptions.section->index == 0;
+    mRequest = sha256(requestText());
+    mHost.isPart = true;
+    mHost.fastStart = false;
+    const auto plan = planSection(mOptions, mKept, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&plan)) return *failure;
+    mSection = std::get<SectionPlan>(plan);
+    mHost.tracks.video = mHost.tracks.video && !isAudio && !mSection.isEmpty();
+    mHost.tracks.audio = mHost.tracks.audio && isAudio;
+    makePlatform();
+    if (auto failure = mInput.probe(*mObserver)) return failure;
+    if (isAudio || mSection.isEmpty()) return std::nullopt;
+    mKept = mSection.periods;
+    mPeriods = mKept.actual;
+    mHost.cutTimesUs.emplace();
+    for (const TrimPeriod& period : mKept.asked) {
+        mHost.cutTimesUs->insert(mHost.cutTimesUs->end(), {period.mStartUs, period.mEndUs});
+    }
+    mHost.keyFrameUs = mSection.startUs - mSection.encodedFromUs;
+    return std::nullopt;
+}
+
+std::string Job::requestText() const {
+    std::string text =
+        fmt::format("{} {} {} {} {} {} {} {} {} {} {}", inputFingerprint(mInput.fd()),
+                    mOptions.section->count, mHost.avcPreset, mHost.avcQuality.value_or(0),
+                    mHost.avcMaxBitrate.value_or(0), mHost.deinterlace, mHost.fastStart,
+                    static_cast<int>(mHost.metadata), mOptions.audioTrack.value_or(0),
+                    mOptions.volumeDb.value_or(0), mOptions.loudness.value_or(0));
+    text += fmt::format(" {} {}", mOptions.noVideo, mOptions.noAudio);
+    for (const TrimPeriod& period : mPeriods) {
+        text += fmt::format(" {}-{}", period.mStartUs, period.mEndUs);
+    }
+    if (mOutputFormat != nullptr) text += mOutputFormat->debugString().c_str();
+    return text;
+}
+
+PartDescription Job::describePart(bool isComplete) const {
+    const MediaFile& media = mInput.media();
+    PartDescription part;
+    part.section = *mOptions.section;
+    part.request = mRequest;
+    part.input = mInput.path();
+    part.isComplete = isComplete;
+    struct stat file {};
+    const bool hasSamples = fstat(mOutput.fd(), &file) == 0 && file.st_size > 0;
+    part.isVideo = hasSamples && !mObserver->framesUs().empty();
+    part.isAudio = hasSamples && mObserver->audioUs() > 0;
+    const TrackCodecs codecs = part.isVideo ? mObserver->video() : mObserver->audio();
+    part.startUs = mSection.startUs;
+    part.endUs = mSection.endUs;
+    part.firstUs = mSection.encodedFromUs + mObserver->trackStartUs(part.isVideo);
+    for (const int64_t timeUs : mObserver->framesUs()) {
+        if (mSection.encodedFromUs + timeUs >= mSection.startUs) ++part.frames;
+    }
+    part.fileType = static_cast<int32_t>(outputFileFormat(mOptions));
+    part.fastStart = mOptions.fastStart;
+    part.decoder = codecs.decoder;
+    part.encoder = codecs.encoder;
+    if (media.video) {
+        part.inputWidth = media.video->width;
+        part.inputHeight = media.video->height;
+        part.frameRate = media.video->constantRate;
+        part.quality = mHost.avcQuality;
+    }
+    if (media.audio) {
+        part.inputSampleRate = media.audio->sampleRate;
+        part.inputChannels = media.audio->channels;
+    }
+    part.damagedPackets = codecs.skippedPackets;
+    part.interlacedFrames = codecs.interlacedFrames;
+    part.deinterlacedFrames = codecs.deinterlacedFrames;
+    part.threads = mHost.threads;
+    return part;
+}
+
+std::optional<Failure> Job::finishPart(bool isComplete) const {
+    if (!mOptions.section) return std::nullopt;
+    const int error = writeDescription(mOutput.fd(), describePart(isComplete));
+    if (error == 0) return std::nullopt;
+    return systemFailure(kExitFailed, mOutput.path(), error);
+}
+
+Outcome Job::concludeEmptyPart() {
+    if (ftruncate(mOutput.fd(), 0) != 0) {
+        return {systemFailure(kExitFailed, mOutput.path(), errno)};
+    }
+    if (auto failure = finishPart(true)) return {failure};
+    if (auto failure = reportFile(mOutput.fd(), "complete, without samples")) return {failure};
+    return {std::nullopt, true};
 }
 
 std::optional<Failure> Job::setSizeLimit() {
@@ -288,8 +388,10 @@ int32_t Job::transcode(Progress* progress) {
 
 Outcome Job::concludeComplete(Progress* progress) {
     Receipt receipt = makeReceipt();
+    const bool isEmpty = mObserver->framesUs().empty() && mObserver->audioUs() == 0;
+    if (mOptions.section && isEmpty) return concludeEmptyPart();
     if (!receipt.contents) return {noSamples()};
-    const OutputVerifier verifier(mInput, mStatistics, *mObserver, mHost.metadata);
+    const OutputVerifier verifier(mInput.media(), mStatistics, *mObserver, mHost.metadata);
     if (auto reason = verifier.verify(*receipt.contents)) {
         return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason,
                         kVerificationCode}};
@@ -306,6 +408,7 @@ Outcome Job::concludeComplete(Progress* progress) {
     if (auto failure = verifyEncoding(&receipt)) return {failure};
     printInterlaced();
     receipt.isComplete = true;
+    if (auto failure = finishPart(true)) return {failure};
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
     return {std::nullopt, true};
@@ -332,6 +435,12 @@ std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
 Outcome Job::concludeStopped() {
     const Receipt receipt = makeReceipt();
     if (auto failure = writeReceipt(receipt)) return {failure};
+    if (mOptions.section) {
+        if (!receipt.contents && ftruncate(mOutput.fd(), 0) != 0) {
+            return {systemFailure(kExitFailed, mOutput.path(), errno)};
+        }
+        if (auto failure = finishPart(false)) return {failure};
+    }
     if (!receipt.contents) {
         return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
                         kStoppedCode}};

@@ -9,6 +9,7 @@
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/Loudness.h>
 #include <qmtranscode/job/Request.h>
+#include <qmtranscode/job/Section.h>
 #include <qmtranscode/job/SizeLimit.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
@@ -44,7 +45,7 @@ public:
         : mOptions(options),
           mHost(host),
           mInput(files->input),
-          mOutput(files->output),
+          mOutput(files->outputOf(options)),
           mExisting(files->existing),
           mTrace(trace),
           mReceipt(files->receipt),
@@ -61,6 +62,15 @@ private:
     void makePlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
+    // Restricts the request to one part of the output.
+    std::optional<Failure> prepareSection();
+    // The text that is equal for the parts of one output.
+    std::string requestText() const;
+    PartDescription describePart(bool isComplete) const;
+    // Adds the part's description to the output.
+    std::optional<Failure> finishPart(bool isComplete) const;
+    // For a part that gets no sample.
+    Outcome concludeEmptyPart();
     // Refuses when nothing is left of the tracks that the options choose.
     std::optional<Failure> checkChosenTracks() const;
     // Sets the gains for --volume and --loudness; for the latter, decodes the audio.
@@ -116,6 +126,8 @@ private:
     // The actual periods of these.
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;
+    SectionPlan mSection;
+    std::string mRequest;  // requestText(), before it was restricted to a section
     RunStatistics mStatistics;
     // Before and after the gains of --loudness, in LUFS.
     std::optional<double> mInputLoudness;

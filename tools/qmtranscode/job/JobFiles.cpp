@@ -79,7 +79,38 @@ std::optional<Failure> JobFiles::open(const Options& options) {
         if (existing < 0) return systemFailure(exitStatusOf(errno), options.output, errno);
     }
     if (auto failure = openTrace(options)) return failure;
+    if (auto failure = openParts(options)) return failure;
     return output.create(overwrite);
+}
+
+std::optional<Failure> JobFiles::openParts(const Options& options) {
+    for (size_t i = 1; i < options.parts.size(); ++i) {
+        if (auto failure = otherParts.emplace_back().open(options.parts[i])) return failure;
+        if (!otherParts.back().isSameFile(output.older())) continue;
+        return Failure{kExitUsage, options.output, "this is one of the parts", "same-file"};
+    }
+    if (options.jobs == 1) return std::nullopt;
+    for (int32_t i = 0; i <= options.jobs; ++i) {
+        PendingFile& section = sections.emplace_back();
+        if (auto failure = section.locate(options.output)) return failure;
+        // As private as an older output.
+        if (auto failure = section.create(true)) return failure;
+    }
+    return std::nullopt;
+}
+
+const PendingFile& JobFiles::outputOf(const Options& options) const {
+    if (sections.empty() || !options.section) return output;
+    return sections[static_cast<size_t>(options.section->index)];
+}
+
+std::vector<std::pair<std::string, int>> JobFiles::parts() const {
+    std::vector<std::pair<std::string, int>> result;
+    for (const PendingFile& section : sections) result.emplace_back(section.path(), section.fd());
+    if (!result.empty()) return result;
+    result.emplace_back(input.path(), input.fd());
+    for (const JobInput& part : otherParts) result.emplace_back(part.path(), part.fd());
+    return result;
 }
 
 std::optional<Failure> JobFiles::openTrace(const Options& options) {

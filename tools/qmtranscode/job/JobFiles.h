@@ -7,8 +7,11 @@
 #include <qmtranscode/job/PendingFile.h>
 #include <sys/stat.h>
 
+#include <deque>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace android::qmmediaeditor::cli {
 
@@ -46,6 +49,10 @@ private:
 
 struct JobFiles {
     JobInput input;
+    // The other parts of an output to be joined.
+    std::deque<JobInput> otherParts;
+    // The sections of --jobs, which never get names.
+    std::deque<PendingFile> sections;
     // Both get their names at the end.
     PendingFile output;
     PendingFile trace;
@@ -59,10 +66,17 @@ struct JobFiles {
     // command. Creates nothing for a plan.
     std::optional<Failure> open(const Options& options);
 
+    // What a worker with these options writes.
+    const PendingFile& outputOf(const Options& options) const;
+
+    // The parts to be joined: the name for messages, and the descriptor.
+    std::vector<std::pair<std::string, int>> parts() const;
+
 private:
     JobFiles(const JobFiles&) = delete;
     JobFiles& operator=(const JobFiles&) = delete;
 
+    std::optional<Failure> openParts(const Options& options);
     std::optional<Failure> openTrace(const Options& options);
 };
 

@@ -49,6 +49,8 @@ VideoTrack readVideoTrack(const sp<AMessage>& format, size_t index, const AStrin
     }
     format->findInt32("rotation-degrees", &track.rotation);
     format->findInt32("frame-rate", &track.frameRate);
+    format->findInt64("frame-rate-numerator", &track.constantRate.numerator);
+    format->findInt64("frame-rate-denominator", &track.constantRate.denominator);
     float average = 0;
     format->findFloat("average-frame-rate", &average);
     track.averageFrameRate = average > 0 ? double{average} : static_cast<double>(track.frameRate);

@@ -3,6 +3,7 @@
 
 #include <TranscodeTypes.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
+#include <host/codec/FrameRate.h>
 #include <host/codec/RecordingMetadata.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -33,9 +34,10 @@ struct VideoTrack {
     int32_t height = 0;
     int32_t rotation = 0;         // degrees clockwise
     int32_t frameRate = 0;        // frames per second
-    double averageFrameRate = 0;  // frames per second
+    FrameRate constantRate;       // 0 unless it is constant
     int32_t bitrate = 0;          // bits per second
     std::string language;         // ISO 639-2/T; empty if unknown
+    double averageFrameRate = 0;  // frames per second
     bool isInterlaced = false;
     // 8 bit, 4:2:0, of standard dynamic range, with square samples.
     bool hasOutputFrames = false;

@@ -39,10 +39,10 @@ std::optional<OutputContents> readOutput(int fd) {
 std::optional<std::string> OutputVerifier::verify(const OutputContents& output) const {
     if (auto reason = verifyVideo(output)) return reason;
     if (auto reason = verifyAudio(output)) return reason;
-    if (mInput.media().uuidData != output.media.uuidData) {
+    if (mInput.uuidData != output.media.uuidData) {
         return "the uuid data differs from the input's";
     }
-    return metadataFault(mInput.media(), mPolicy, output.media);
+    return metadataFault(mInput, mPolicy, output.media);
 }
 
 std::optional<std::string> OutputVerifier::verifyVideo(const OutputContents& output) const {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
-#include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/monitor/RunStatistics.h>
 
@@ -34,7 +33,7 @@ std::optional<std::string> metadataFault(const MediaFile& input, MetadataPolicy 
 class OutputVerifier {
 public:
     // All outlive the object.
-    OutputVerifier(const JobInput& input, const RunStatistics& statistics,
+    OutputVerifier(const MediaFile& input, const RunStatistics& statistics,
                    const RunObserver& observer, MetadataPolicy policy)
         : mInput(input), mStatistics(statistics), mObserver(observer), mPolicy(policy) {}
 
@@ -45,7 +44,7 @@ private:
     std::optional<std::string> verifyVideo(const OutputContents& output) const;
     std::optional<std::string> verifyAudio(const OutputContents& output) const;
 
-    const JobInput& mInput;
+    const MediaFile& mInput;
     const RunStatistics& mStatistics;
     const RunObserver& mObserver;
     const MetadataPolicy mPolicy;

@@ -19,7 +19,8 @@ namespace {
 namespace fs = std::filesystem;
 
 // One for the output and one for the trace, and as many again for tests.
-constexpr size_t kMaxHiddenNames = 4;
+// Output and trace, and the parts of an output with --jobs.
+constexpr size_t kMaxHiddenNames = 72;
 
 // The path that symbolic links lead to, whether there is a file or not. Nothing for a loop.
 std::optional<fs::path> followLinks(fs::path path) {

@@ -167,6 +167,16 @@ void RunObserver::onCheckFailed(const std::string& reason) {
     mChecks.failure = reason;
 }
 
+void RunObserver::onTrackStart(bool isVideo, int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    mTrackStartsUs[isVideo ? 1 : 0] = timeUs;
+}
+
+int64_t RunObserver::trackStartUs(bool isVideo) const {
+    Mutex::Autolock lock(mLock);
+    return mTrackStartsUs[isVideo ? 1 : 0];
+}
+
 void RunObserver::onVideoEnd(int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     mVideoEndUs = timeUs;

@@ -121,6 +121,7 @@ public:
     void onFrameChecked(const FrameCheck& frame) override;
     void onAudioChecked(const AudioCheck& audio) override;
     void onCheckFailed(const std::string& reason) override;
+    void onTrackStart(bool isVideo, int64_t timeUs) override;
     void onVideoEnd(int64_t timeUs) override;
 
     // The first one since the command began.
@@ -150,6 +151,9 @@ public:
     Position position() const;
     // Length of the audio that the audio encoder has accepted.
     int64_t audioUs() const;
+    // When the output's first sample of the video or the audio begins; negative for the priming of
+    // an encoder.
+    int64_t trackStartUs(bool isVideo) const;
     // The end of the last video frame of the output.
     std::optional<int64_t> videoEndUs() const;
     EncodingChecks checks() const;
@@ -168,6 +172,7 @@ private:
     std::vector<int64_t> mFramesUs GUARDED_BY(mLock);
     int64_t mAudioSamples GUARDED_BY(mLock) = 0;
     int mAudioRate GUARDED_BY(mLock) = 0;
+    int64_t mTrackStartsUs[2] GUARDED_BY(mLock) = {0, 0};  // audio, video
     std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);
     EncodingChecks mChecks GUARDED_BY(mLock);
 };

@@ -6,7 +6,9 @@
 #include <stdint.h>
 #include <utils/Mutex.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
@@ -19,6 +21,8 @@ public:
     // Removes the bar.
     ~Progress();
 
+    // Also called with each value that is above the previous one.
+    void reportTo(std::function<void(int32_t)> listener) { mListener = std::move(listener); }
     // Begins again with 0 %, for a run that is repeated.
     void restart();
     // In percent. Values that are not above the previous one are ignored. 100 is left to finish(),
@@ -35,6 +39,7 @@ private:
     const ProgressStyle mStyle;
     const std::string mName;
     const double mLengthSeconds;
+    std::function<void(int32_t)> mListener;
     const RunObserver& mObserver;
     Mutex mLock;
     int64_t mStartUs GUARDED_BY(mLock);

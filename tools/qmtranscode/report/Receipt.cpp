@@ -314,6 +314,7 @@ std::string toJson(const Receipt& receipt) {
         json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
                              {"sha256", sha256(contents.media.uuidData)}};
     }
+    if (receipt.sections > 0) json["sections"] = receipt.sections;
     json["seconds"] = receipt.wallSeconds;
     json["speed"] = secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6);
     json["cpu_seconds"] = nullptr;

@@ -36,7 +36,8 @@ struct Receipt {
     RunStatistics statistics;
     TrackCodecs video;
     TrackCodecs audio;
-    int threads = 0;  // of each video codec
+    int threads = 0;       // of each video codec
+    int32_t sections = 0;  // that were encoded apart and joined
     // Of the output; nothing when nothing was written.
     std::optional<OutputContents> contents;
     MetadataReport metadata;

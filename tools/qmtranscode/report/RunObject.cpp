@@ -74,6 +74,11 @@ bool isRetryable(const RunEnd& end) {
     return end.exitStatus == kExitFailed || end.exitStatus == kExitStopped;
 }
 
+std::string namesOf(const Options& options) {
+    const std::string object = dumpJson({{"input", options.input}, {"output", options.output}});
+    return std::string(membersOf(object));
+}
+
 std::string_view membersOf(std::string_view text) {
     constexpr std::string_view kBegin = "{\n";
     constexpr std::string_view kEnd = "\n}\n";

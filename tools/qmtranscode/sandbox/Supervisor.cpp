@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/monitor/Timer.h>
+#include <qmtranscode/sandbox/SectionWorkers.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -129,18 +130,21 @@ void Supervisor::step() {
     // Messages are read while there is room for their text; after a stop, in any case.
     if (mStopRequested && !mErrors.hasRoom()) mErrors.discard();
     const bool canRead = mErrors.hasRoom();
-    pollfd fds[] = {
+    constexpr size_t kOwn = 4;
+    pollfd fds[kOwn + SectionWorkers::kMaxPolled] = {
         {mSignals.fd(), POLLIN, 0},
         {mIsLinkOpen && canRead ? mLink.fd() : -1, POLLIN, 0},
         {mIsLibraryOutputOpen && canRead ? mJob.libraryOutput : -1, POLLIN, 0},
         {mErrors.isEmpty() ? -1 : STDERR_FILENO, POLLOUT, 0},
     };
+    SectionWorkers* const sections = canRead ? mJob.sections : nullptr;
+    const size_t polled = kOwn + (sections == nullptr ? 0 : sections->fill(fds + kOwn));
     int timeoutMs = -1;
     if (mStateDueUs != 0) {
         const int64_t leftUs = std::max<int64_t>(mStateDueUs - nowUs(), 0);
         timeoutMs = static_cast<int>(leftUs / 1000 + 1);
     }
-    if (poll(fds, std::size(fds), timeoutMs) < 0) {
+    if (poll(fds, polled, timeoutMs) < 0) {
         if (errno != EINTR) mWaitError = errno;
         return;
     }
@@ -148,10 +152,32 @@ void Supervisor::step() {
     if (fds[0].revents != 0) handleSignal(mSignals.read());
     if (fds[1].revents != 0) handleMessage();
     if (fds[2].revents != 0) handleLibraryOutput();
+    if (sections != nullptr) handleSections(fds + kOwn);
     if (mStateDueUs != 0 && nowUs() >= mStateDueUs) {
         mStateDueUs = 0;
         mErrors.line("qmtranscode: the worker process does not answer");
     }
+}
+
+void Supervisor::handleSections(const pollfd* fds) {
+    SectionWorkers& sections = *mJob.sections;
+    const auto onLine = [this](std::string_view text) {
+        mStateDueUs = 0;
+        if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+        mErrors.line(text);
+    };
+    const auto onCpuLimit = [this] { handleSignal(mSignals.onCpuLimit()); };
+    sections.handle(fds, {onLine, onCpuLimit, mJob.showsLibraryOutput});
+    if (sections.failed()) mStopNow = true;
+    const int percent = sections.percent();
+    if (percent != mSectionsPercent) {
+        mSectionsPercent = percent;
+        const char code = static_cast<char>(percent);
+        mLink.send(Message::kSectionsPercent, {&code, 1});
+    }
+    if (mHaveSectionsEnded || !sections.areDone()) return;
+    mHaveSectionsEnded = true;
+    if (!mLink.send(Message::kSectionsEnded)) mStopNow = true;
 }
 
 void Supervisor::handleSignal(SignalAction action) {
@@ -160,12 +186,14 @@ void Supervisor::handleSignal(SignalAction action) {
             return;
         case SignalAction::kChildEnded:
             reapWorker();
+            if (mJob.sections != nullptr) mJob.sections->reap();
             return;
         case SignalAction::kTerminalResized:
             mShared->columns = console::terminalColumns();
             return;
         case SignalAction::kPrintState:
             mLink.send(Message::kPrintState);
+            if (mJob.sections != nullptr) mJob.sections->printState();
             mStateDueUs = nowUs() + kPrintStateUs;
             return;
         case SignalAction::kStop:
@@ -180,6 +208,12 @@ void Supervisor::handleSignal(SignalAction action) {
 
 void Supervisor::stop() {
     mStopRequested = true;
+    if (mJob.sections != nullptr && !mHaveSectionsEnded) {
+        // The parts are joined as far as they go.
+        mStopNow = !mJob.mayKeepPartial || !mJob.sections->canStop();
+        if (!mStopNow) mJob.sections->stop();
+        return;
+    }
     const bool isKeepable = mStage == WorkerStage::kTranscoding && mJob.mayKeepPartial;
     if (!isKeepable || !mLink.send(Message::kStop)) mStopNow = true;
 }
@@ -285,16 +319,21 @@ void Supervisor::warn(std::string_view text) {
 
 int Supervisor::endNow() {
     kill(mWorker, SIGKILL);
+    if (mJob.sections != nullptr) mJob.sections->killAll();
     PendingFile::removeNow();
     mErrors.removeBar();
     if (!mErrors.hasRoom()) mErrors.discard();
     mStopRequested = true;
     const StageTexts stage = textsOf(mStage);
+    const std::optional<int> section =
+        mJob.sections == nullptr ? std::nullopt : mJob.sections->failed();
+    char reason[256];
     const int status =
-        mWaitError == 0 ? fail({"nothing written", kExitStopped, stage.name, kStoppedCode, "",
-                                "stopped; nothing was kept"})
-                        : fail({"failed", kExitFailed, stage.name, "no-supervision",
-                                "the worker process cannot be supervised", strerror(mWaitError)});
+        section           ? fail(mJob.sections->endOf(*section, mJob.input, reason, sizeof(reason)))
+        : mWaitError == 0 ? fail({"nothing written", kExitStopped, stage.name, kStoppedCode, "",
+                                  "stopped; nothing was kept"})
+                          : fail({"failed", kExitFailed, stage.name, "no-supervision",
+                                  "the worker process cannot be supervised", strerror(mWaitError)});
     flush(kLastLineMs);
     reapWorker();
     return status;
@@ -442,6 +481,7 @@ bool Supervisor::readReceipt(std::string* text) {
     const ssize_t size = pread(mJob.receipt, raw.data(), raw.size(), 0);
     if (size < 0) return false;
     raw.resize(static_cast<size_t>(size));
+    if (mJob.sections != nullptr) mJob.sections->addUsage(&mUsage);
     const Usage usage = usageOf(mUsage);
     size_t begin = 0;
     while (begin < raw.size()) {

@@ -6,6 +6,7 @@
 // memory.
 #pragma once
 
+#include <poll.h>
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/job/PendingFile.h>
 #include <qmtranscode/report/RunObject.h>
@@ -28,6 +29,8 @@ struct SharedState {
     std::atomic<int> columns{0};  // of the terminal; written by the parent
 };
 
+class SectionWorkers;
+
 class Supervisor {
 public:
     struct Job {
@@ -42,6 +45,8 @@ public:
         bool printsObject;
         std::string request;  // a JSON value
         std::string names;    // as namesOf()
+        // Their outputs are joined by the worker; null without --jobs.
+        SectionWorkers* sections = nullptr;
     };
     // All outlive the object.
     Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared);
@@ -74,6 +79,7 @@ private:
     void step();
     void handleSignal(SignalAction action);
     void handleMessage();
+    void handleSections(const pollfd* fds);
     void handleLibraryOutput();
     void stop();
     bool reapWorker();
@@ -112,6 +118,9 @@ private:
     // Both get their memory at the beginning.
     std::string mWarnings;  // lines
     std::string mObject;
+
+    int mSectionsPercent = 0;
+    bool mHaveSectionsEnded = false;
 
     bool mStopRequested = false;
     bool mStopNow = false;

@@ -2,6 +2,7 @@
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/Job.h>
+#include <qmtranscode/job/JoinJob.h>
 #include <qmtranscode/monitor/LogOutput.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/sandbox/Sandbox.h>
@@ -13,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -93,6 +95,9 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     host.fastStart = options.fastStart;
     host.threads = threads;
     host.metadata = options.metadataPolicy();
+    if (!options.parts.empty() || (options.jobs > 1 && !options.section)) {
+        return JoinJob(options, files, &control, observer).run();
+    }
     return Job(options, host, files, trace, &control, monitor, observer).run();
 }
 
@@ -116,7 +121,7 @@ void qmtranscodeRunWorker(const Options& options, JobFiles* files, const WorkerL
     console::useLink(&link, &shared->columns);
     // Before the sandbox, because it reads a file that the log's times need.
     tzset();
-    const int threads = options.threads.value_or(defaultThreads());
+    const int threads = options.threads.value_or(std::max(defaultThreads() / options.jobs, 1));
     if (!enterSandbox()) endWithoutMemory();
     Outcome outcome;
     try {

@@ -80,15 +80,41 @@ void WorkerControl::report(WorkerStage stage) const {
     mLink.send(Message::kStage, {&code, 1});
 }
 
+void WorkerControl::reportPercent(int32_t percent) const {
+    const char code = static_cast<char>(percent);
+    mLink.send(Message::kPercent, {&code, 1});
+}
+
+bool WorkerControl::awaitSections(const std::function<void(int32_t)>& onPercent) {
+    Mutex::Autolock lock(mLock);
+    while (!mHaveSectionsEnded && !mIsParentGone) {
+        onPercent(mSectionsPercent);
+        mSectionsChanged.wait(mLock);
+    }
+    return mHaveSectionsEnded;
+}
+
 void WorkerControl::receiveRequests() {
     char buffer[WorkerLink::kBufferBytes];
     while (const auto received = mLink.receive(buffer)) {
+        if (received->message == Message::kSectionsPercent ||
+            received->message == Message::kSectionsEnded) {
+            Mutex::Autolock lock(mLock);
+            if (received->message == Message::kSectionsEnded) mHaveSectionsEnded = true;
+            if (!received->payload.empty()) {
+                mSectionsPercent = static_cast<unsigned char>(received->payload[0]);
+            }
+            mSectionsChanged.signal();
+        }
         if (received->message == Message::kPrintState) mPrintState();
         if (received->message != Message::kStop || mStopRequested) continue;
         Mutex::Autolock lock(mLock);
         mStopRequested = true;
         if (mStop) mStop();
     }
+    Mutex::Autolock lock(mLock);
+    mIsParentGone = true;
+    mSectionsChanged.signal();
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -4,6 +4,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <utils/Condition.h>
 #include <utils/Mutex.h>
 
 #include <atomic>
@@ -21,11 +22,15 @@ enum class Message : char {
     kBar = 'b',      // the progress bar; text between kGreenBegin and kGreenEnd is green
     kRemoveBar = 'n',
     kStage = 's',     // one WorkerStage
+    kPercent = 'p',   // the progress: one number from 0 to 100
     kCpuLimit = 'x',  // the kernel has sent SIGXCPU
     kResult = 'r',    // a WorkerResult, followed by the texts of the failure; the last message
     // To the worker.
     kStop = 't',
     kPrintState = 'e',
+    // To the worker that joins sections.
+    kSectionsPercent = 'q',  // their progress, as kPercent
+    kSectionsEnded = 'd',    // they are complete, or as far as a stop let them come
 };
 
 constexpr char kGreenBegin = 1;
@@ -100,6 +105,11 @@ public:
     bool stopRequested() const { return mStopRequested; }
 
     void report(WorkerStage stage) const;
+    void reportPercent(int32_t percent) const;
+
+    // Until the parent has told that the sections have ended; their progress is reported to
+    // `onPercent`. False when the parent is gone.
+    bool awaitSections(const std::function<void(int32_t)>& onPercent);
 
 private:
     WorkerControl(const WorkerControl&) = delete;
@@ -113,6 +123,10 @@ private:
     std::atomic<bool> mStopRequested{false};
     Mutex mLock;
     std::function<void()> mStop GUARDED_BY(mLock);
+    Condition mSectionsChanged;
+    int32_t mSectionsPercent GUARDED_BY(mLock) = 0;
+    bool mHaveSectionsEnded GUARDED_BY(mLock) = false;
+    bool mIsParentGone GUARDED_BY(mLock) = false;
     std::thread mThread;
 };
 
