@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <host/codec/InputLimits.h>
 #include <log/logprint.h>
+#include <qmtranscode/cli/NumberedName.h>
 #include <qmtranscode/cli/OptionTable.h>
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/cli/PeriodList.h>
@@ -191,6 +192,13 @@ CLI::Validator period() {
     });
 }
 
+CLI::Validator namePattern() {
+    return check([](const std::string& text) -> std::string {
+        const std::string reason = checkNamePattern(text);
+        return reason.empty() ? reason : refusal(text, reason);
+    });
+}
+
 CLI::Validator logFilter() {
     return check([](const std::string& text) -> std::string {
         AndroidLogFormat* const format = android_log_format_new();
@@ -297,6 +305,11 @@ void CommandLine::define() {
         "take the periods from a CSV or EDL file or, with the value chapters, from the input's chapters",
         "A line START,END or START,END,NAME of a CSV keeps a period. A line START END 0 of an "
         "EDL removes one. To read a file that is named chapters, write ./chapters.");
+
+    app.add_option("--split", o.split)->check(namePattern());
+    describe("--split", "PATTERN", "not OUTPUT, but a file per period, as part-%02d.mp4",
+             "The files are numbered from 1 and made one after the other. Each is complete or "
+             "absent; a failure or a stop leaves those that are complete.");
 
     mGroup = "Video";
     app.add_option("--fit", o.fit)->check(boxSize());
@@ -407,7 +420,7 @@ void CommandLine::define() {
              "frames, and the level and the offset of the audio. An output with a wrong frame, or "
              "with audio that is more than 20 ms early or late, is not kept.");
     app.add_option("--min-ssim", o.minSsim)->transform(level("", 0, 1));
-    describe("--min-ssim", "N", "also --verify; fail if a frame's SSIM is below N, 0 to 1");
+    describe("--min-ssim", "N", "verify, and fail if the SSIM of a frame is below N");
 
     mGroup = "Reports";
     app.add_flag("--plan{full}", o.planKind)->check(oneOf(kPlanKinds));
@@ -454,6 +467,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
         if (mApp.get_help_ptr()->count() > 0) return Information{helpText(mTexts)};
         return usageError(error);
     }
+    if (mOptions.split && mOptions.output.empty()) mOptions.output = *mOptions.split;
     if (mOptions.output.empty()) {
         return Failure{kExitUsage, "",
                        fmt::format("{} missing (see qmtranscode --help)",
@@ -539,6 +553,10 @@ std::optional<Failure> CommandLine::checkCombinations() {
 }
 
 std::optional<Failure> CommandLine::checkPeriods() {
+    if (mOptions.split && !mOptions.list && mOptions.periods.empty() && mOptions.cuts.empty()) {
+        return Failure{kExitUsage, given("--split"),
+                       "there are no periods; --trim, --cut or --list gives them", "no-periods"};
+    }
     for (const char* option : {"--trim", "--cut"}) {
         const std::vector<TrimPeriod>& periods =
             option == std::string("--trim") ? mOptions.periods : mOptions.cuts;
@@ -580,6 +598,7 @@ std::optional<Failure> CommandLine::checkName() {
 std::optional<Failure> CommandLine::checkConflicts() const {
     static const std::vector<std::pair<std::string, std::vector<std::string>>> kConflicts = {
         {"--trim", {"--cut", "--list"}},
+        {"--split", {"OUTPUT", "--plan", "--trace"}},
         {"--cut", {"--list"}},
         {"--fit", {"--size"}},
         {"--no-video",

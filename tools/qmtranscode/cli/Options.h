@@ -24,6 +24,10 @@ struct Options {
     std::string input;
     std::string output;
     bool overwrite = false;
+    // The pattern for the names of the outputs, one for each period, in place of `output`.
+    std::optional<std::string> split;
+    // For the run of one of them, counted from 0; `output` is its name then.
+    std::optional<size_t> part;
 
     // To keep or to remove, in time order, without overlap; at most one of them has any. The last
     // one may end at kEndOfInputUs.

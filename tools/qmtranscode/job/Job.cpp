@@ -27,7 +27,7 @@ Outcome Job::run() {
     if (mOptions.plan) return {plan()};
     if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
-                      outputLengthUs(mKept, mInput.media()), *mObserver);
+                      outputLengthUs(mKept, mInput.media()), mSpan, *mObserver);
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
     const int32_t result = transcodeToFit(&progress);
@@ -59,6 +59,7 @@ std::optional<Failure> Job::prepare() {
     auto periods = makePeriods(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
     mKept = std::get<KeptPeriods>(periods);
+    if (auto failure = choosePart()) return failure;
     mPeriods = mKept.actual;
     mHost.cutTimesUs.emplace();
     for (const TrimPeriod& period : mKept.asked) {
@@ -100,6 +101,22 @@ std::optional<Failure> Job::applyRates() {
     const auto format = makeOutputFormat(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
+    return std::nullopt;
+}
+
+std::optional<Failure> Job::choosePart() {
+    if (!mOptions.part) return std::nullopt;
+    const size_t count = mKept.asked.size();
+    mControl->reportParts(count);
+    if (*mOptions.part >= count) {
+        return Failure{kExitUnusable, mInput.path(), fmt::format("there are {} periods", count),
+                       "no-such-period"};
+    }
+    mSpan.totalUs = outputLengthUs(mKept, mInput.media());
+    for (size_t i = 0; i < *mOptions.part; ++i) {
+        mSpan.beforeUs += outputLengthUs(partOf(mKept, i), mInput.media());
+    }
+    mKept = partOf(mKept, *mOptions.part);
     return std::nullopt;
 }
 
@@ -326,7 +343,7 @@ std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
         fmt::format("the frame at {:.3f} s has an SSIM of {:.4f}, below --min-ssim {:g}; "
                     "more bits or a lower --quality would raise it",
                     secondsOf(ssim->worstAtUs), ssim->worst, *mOptions.minSsim),
-                   "below-min-ssim"};
+        "below-min-ssim"};
 }
 
 Outcome Job::concludeStopped() {

@@ -59,6 +59,9 @@ struct JobFiles {
     // command. Creates nothing for a plan.
     std::optional<Failure> open(const Options& options);
 
+    // Refuses places for the outputs of --split from this number to the last one. Creates nothing.
+    static std::optional<Failure> checkParts(const Options& options, size_t first, size_t last);
+
 private:
     JobFiles(const JobFiles&) = delete;
     JobFiles& operator=(const JobFiles&) = delete;

@@ -80,6 +80,10 @@ void WorkerControl::report(WorkerStage stage) const {
     mLink.send(Message::kStage, {&code, 1});
 }
 
+void WorkerControl::reportParts(size_t count) const {
+    mLink.send(Message::kParts, {reinterpret_cast<const char*>(&count), sizeof(count)});
+}
+
 void WorkerControl::receiveRequests() {
     char buffer[WorkerLink::kBufferBytes];
     while (const auto received = mLink.receive(buffer)) {

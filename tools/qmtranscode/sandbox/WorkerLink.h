@@ -21,6 +21,7 @@ enum class Message : char {
     kBar = 'b',      // the progress bar; text between kGreenBegin and kGreenEnd is green
     kRemoveBar = 'n',
     kStage = 's',     // one WorkerStage
+    kParts = 'p',     // how many outputs --split makes: a size_t
     kCpuLimit = 'x',  // the kernel has sent SIGXCPU
     kResult = 'r',    // a WorkerResult, followed by the texts of the failure; the last message
     // To the worker.
@@ -100,6 +101,8 @@ public:
     bool stopRequested() const { return mStopRequested; }
 
     void report(WorkerStage stage) const;
+    // How many outputs --split makes.
+    void reportParts(size_t count) const;
 
 private:
     WorkerControl(const WorkerControl&) = delete;
