@@ -25,6 +25,10 @@ struct Options {
     std::string input;
     std::string output;
     bool overwrite = false;
+    // The pattern for the names of the outputs, one for each period, in place of `output`.
+    std::optional<std::string> split;
+    // For the run of one of them, counted from 0; `output` is its name then.
+    std::optional<size_t> part;
 
     // Encode this part of the output only.
     std::optional<Section> section;

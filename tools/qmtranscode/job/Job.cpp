@@ -29,7 +29,7 @@ Outcome Job::run() {
     }
     if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
-                      outputLengthUs(mKept, mInput.media()), *mObserver);
+                      outputLengthUs(mKept, mInput.media()), mSpan, *mObserver);
     progress.reportTo([this](int32_t percent) { mControl->reportPercent(percent); });
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
@@ -63,6 +63,7 @@ std::optional<Failure> Job::prepare() {
     auto periods = makePeriods(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
     mKept = std::get<KeptPeriods>(periods);
+    if (auto failure = choosePart()) return failure;
     mPeriods = mKept.actual;
     mHost.cutTimesUs.emplace();
     for (const TrimPeriod& period : mKept.asked) {
@@ -200,6 +201,22 @@ std::optional<Failure> Job::applyRates() {
     const auto format = makeOutputFormat(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
+    return std::nullopt;
+}
+
+std::optional<Failure> Job::choosePart() {
+    if (!mOptions.part) return std::nullopt;
+    const size_t count = mKept.asked.size();
+    mControl->reportParts(count);
+    if (*mOptions.part >= count) {
+        return Failure{kExitUnusable, mInput.path(), fmt::format("there are {} periods", count),
+                       "no-such-period"};
+    }
+    mSpan.totalUs = outputLengthUs(mKept, mInput.media());
+    for (size_t i = 0; i < *mOptions.part; ++i) {
+        mSpan.beforeUs += outputLengthUs(partOf(mKept, i), mInput.media());
+    }
+    mKept = partOf(mKept, *mOptions.part);
     return std::nullopt;
 }
 
@@ -429,7 +446,7 @@ std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
         fmt::format("the frame at {:.3f} s has an SSIM of {:.4f}, below --min-ssim {:g}; "
                     "more bits or a lower --quality would raise it",
                     secondsOf(ssim->worstAtUs), ssim->worst, *mOptions.minSsim),
-                   kBelowMinSsimCode};
+        kBelowMinSsimCode};
 }
 
 Outcome Job::concludeStopped() {

@@ -13,6 +13,7 @@
 #include <qmtranscode/job/SizeLimit.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
+#include <qmtranscode/report/Progress.h>
 #include <qmtranscode/report/Receipt.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
@@ -23,8 +24,6 @@
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
-
-class Progress;
 
 // How a job ends. The receipt or the plan is written by then.
 struct Outcome {
@@ -122,7 +121,11 @@ private:
     WorkerControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
+    // For Options::part: chooses it, and tells the parent process how many there are.
+    std::optional<Failure> choosePart();
+
     KeptPeriods mKept;
+    Progress::Span mSpan;
     // The actual periods of these.
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;

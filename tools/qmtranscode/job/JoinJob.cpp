@@ -37,7 +37,7 @@ Outcome JoinJob::run() {
         }
     }
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output, lengthUs,
-                      *mObserver);
+                      {}, *mObserver);
     if (mOptions.jobs > 1) {
         const auto report = [&progress](int32_t percent) {
             progress.report(percent * kSectionsShare / 100);

@@ -39,8 +39,8 @@ void addError(const RunEnd& end, std::string* object) {
     addQuoted(end.subject, object);
     *object += ",\n    \"text\": ";
     addQuoted(end.reason, object);
-    *object += isRetryable(end) ? ",\n    \"retryable\": true\n  }"
-                                           : ",\n    \"retryable\": false\n  }";
+    *object +=
+        isRetryable(end) ? ",\n    \"retryable\": true\n  }" : ",\n    \"retryable\": false\n  }";
 }
 
 }  // namespace
