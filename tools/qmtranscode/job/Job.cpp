@@ -22,7 +22,6 @@
 namespace android::qmmediaeditor::cli {
 
 Outcome Job::run() {
-    limitAllocations();
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
     if (auto outcome = endEarly()) return *outcome;
@@ -43,17 +42,18 @@ Outcome Job::conclude(int32_t result, Progress* progress) {
     return {failureOf(result)};
 }
 
-// A new one, because the size of the output's frames is known only after the input was read.
-void Job::installPlatform() {
-    std::unique_ptr<Platform> platform = createHostPlatform(mHost, mPlatform.get());
-    Platform::install(platform.get());
-    mPlatform = std::move(platform);
+// A new one, because the size of the output's frames is known only after the input was read. The
+// job's own extractors use it as well.
+void Job::makePlatform() {
+    mScope.reset();
+    mPlatform = createHostPlatform(mHost, mPlatform.get());
+    mScope.emplace(mPlatform);
 }
 
 std::optional<Failure> Job::prepare() {
     mHost.observer = mObserver;
     mHost.tracks = {!mOptions.noVideo, !mOptions.noAudio, mOptions.audioTrack.value_or(0)};
-    installPlatform();
+    makePlatform();
     if (auto failure = mInput.probe(*mObserver)) return failure;
     if (auto failure = checkChosenTracks()) return failure;
     auto periods = makePeriods(mOptions, mInput.media());
@@ -81,7 +81,7 @@ std::optional<Failure> Job::prepare() {
     mHost.avcQuality = rate.quality;
     mHost.avcMaxBitrate = rate.maxBitrate;
     if (auto failure = setGains()) return failure;
-    installPlatform();
+    makePlatform();
     return std::nullopt;
 }
 
@@ -136,19 +136,17 @@ std::optional<Failure> Job::measureLoudness() {
     host.observer = &observer;
     host.tracks.video = false;
     host.encodesAudio = false;
-    const std::unique_ptr<Platform> platform = createHostPlatform(host);
-    Platform::install(platform.get());
     mMonitor->begin(mPeriods, nullptr);
     int32_t result;
     {
         Session session({mInput.fd(), memory, mPeriods, mOutputFormat,
-                         [this](int32_t percent) { mMonitor->onProgress(percent); }});
+                         [this](int32_t percent) { mMonitor->onProgress(percent); },
+                         createHostPlatform(host)});
         mControl->onStop([&session] { session.cancel(); });
         result = session.run();
         mControl->ignoreStop();
     }
     mMonitor->end();
-    installPlatform();
     if (auto failure = mInput.checkReads(observer)) return failure;
     if (mControl->stopRequested()) {
         return Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
@@ -262,7 +260,7 @@ int32_t Job::transcodeToFit(Progress* progress) {
         if (fstat(mOutput.fd(), &file) != 0) break;
         if (!mSizeLimit->correct(file.st_size, mObserver->position().timeUs)) break;
         applyRates();
-        installPlatform();
+        makePlatform();
         progress->restart();
         result = transcode(progress);
     }
@@ -282,19 +280,21 @@ int32_t Job::transcode(Progress* progress) {
     mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
     int32_t result;
     {
-        Session session(
-            {mInput.fd(), outputFd, mPeriods, mOutputFormat, [this, progress](int32_t percent) {
-                 mMonitor->onProgress(percent);
-                 progress->report(percent);
-             }});
+        Session session({mInput.fd(), outputFd, mPeriods, mOutputFormat,
+                         [this, progress](int32_t percent) {
+                             mMonitor->onProgress(percent);
+                             progress->report(percent);
+                         },
+                         mPlatform});
         mControl->onStop([&session] { session.cancel(); });
         mControl->report(WorkerStage::kStarting);
-        mObserver->begin([this] { mControl->report(WorkerStage::kTranscoding); });
+        mObserver->begin(mPeriods, [this] { mControl->report(WorkerStage::kTranscoding); });
         result = session.run();
         mControl->ignoreStop();
         mControl->report(WorkerStage::kVerifying);
     }
-    mStatistics = mMonitor->end();
+    mMonitor->end();
+    mStatistics = mObserver->statistics();
     // Verification needs as much memory for the tables of long tracks again. For a short run,
     // giving it back takes longer than it is worth.
     constexpr int64_t kLongUs = 300000000;
@@ -343,7 +343,7 @@ std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
         fmt::format("the frame at {:.3f} s has an SSIM of {:.4f}, below --min-ssim {:g}; "
                     "more bits or a lower --quality would raise it",
                     secondsOf(ssim->worstAtUs), ssim->worst, *mOptions.minSsim),
-        "below-min-ssim"};
+        kBelowMinSsimCode};
 }
 
 Outcome Job::concludeStopped() {

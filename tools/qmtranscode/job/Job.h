@@ -57,7 +57,7 @@ private:
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;
 
-    void installPlatform();
+    void makePlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
     // Refuses when nothing is left of the tracks that the options choose.
@@ -100,7 +100,9 @@ private:
     // What the options leave open, such as the rates for --max-bytes, is added.
     Options mOptions;
     HostOptions mHost;
-    std::unique_ptr<Platform> mPlatform;
+    std::shared_ptr<Platform> mPlatform;
+    // Of the thread of run().
+    std::optional<Platform::Scope> mScope;
     JobInput& mInput;
     const PendingFile& mOutput;
     const int mExisting;  // as JobFiles::existing
