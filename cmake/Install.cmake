@@ -3,7 +3,6 @@
 include(CMakePackageConfigHelpers)
 
 set(QM_PACKAGE QmMediaEditTranscode)
-set(QM_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/${QM_PACKAGE})
 set(QM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/${QM_PACKAGE})
 
 set_target_properties(QmMediaEdit_Transcode QmMediaEdit_Host PROPERTIES
@@ -13,8 +12,7 @@ set_target_properties(QmMediaEdit_Transcode QmMediaEdit_Host PROPERTIES
 set_target_properties(QmMediaEdit_Transcode PROPERTIES EXPORT_NAME Transcode)
 set_target_properties(QmMediaEdit_Host PROPERTIES EXPORT_NAME Host)
 target_include_directories(qm_platform INTERFACE
-    $<INSTALL_INTERFACE:${QM_INCLUDE_DIR}>
-    $<INSTALL_INTERFACE:${QM_INCLUDE_DIR}/platform>)
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 install(TARGETS qmtranscode
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
@@ -29,11 +27,8 @@ install(FILES ${CMAKE_BINARY_DIR}/docs/completion.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME qmtranscode COMPONENT tool)
 
-install(DIRECTORY ${QM_COMPONENT_DIR}/
-    DESTINATION ${QM_INCLUDE_DIR} COMPONENT dev
-    FILES_MATCHING PATTERN *.h)
-install(FILES host/Host.h
-    DESTINATION ${QM_INCLUDE_DIR}/host COMPONENT dev)
+install(DIRECTORY ${QM_PUBLIC_INCLUDE_DIR}/qmtranscode
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(EXPORT targets
     DESTINATION ${QM_CMAKE_DIR}
     FILE ${QM_PACKAGE}Targets.cmake
