@@ -21,6 +21,8 @@ install(TARGETS qmtranscode_worker
 install(TARGETS QmMediaEdit_Transcode QmMediaEdit_Host qm_platform qm_android EXPORT targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT tool NAMELINK_COMPONENT dev)
+install(FILES tools/qmtranscode/report/run.schema.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/qmtranscode COMPONENT tool)
 install(FILES ${CMAKE_BINARY_DIR}/docs/qmtranscode.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES ${CMAKE_BINARY_DIR}/docs/completion.bash

@@ -5,7 +5,8 @@ set -euo pipefail
 # Independent of the caller's: ls, wc and numbers follow the locale, and script(1) runs $SHELL.
 export LC_ALL=C.UTF-8 SHELL=/bin/bash
 case_script=$(realpath "$0")
-check_boxes=$(dirname "$(realpath "${BASH_SOURCE[0]}")")/check_boxes
+tests_folder=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
+check_boxes=$tests_folder/check_boxes
 # The command and its options under which the next command runs.
 under=()
 
@@ -29,7 +30,11 @@ run_case() {
     stderr=$case_folder/stderr
     mkdir "$case_folder/work"
     cd "$case_folder/work"
+    objects=$case_folder/objects
+    : >"$objects"
     "case_$1"
+    "$tests_folder/check_objects" "$tests_folder/../../tools/qmtranscode/report/run.schema.json" "$objects" ||
+        fail "an object of --json does not follow its schema"
 }
 
 # as_ordinary_user CASE: runs another case without root's right to write everywhere.
@@ -58,6 +63,7 @@ attempt() {
     status=0
     timeout 60 "${under[@]}" "$QMTRANSCODE" "$@" >"$stdout" 2>"$stderr" </dev/null || status=$?
     said=$(<"$stderr")
+    [[ " $* " != *" --json "* ]] || cat "$stdout" >>"$objects"
 }
 
 # transcode INPUT OUTPUT [OPTIONS]: must succeed and print nothing on standard error.
@@ -71,13 +77,17 @@ transcode() {
 expect_failure() {
     [[ $status == "$1" ]] || fail "status $status instead of $1 ($said)"
     [[ $said != *$'\n'* && $said == "qmtranscode: "*"$2"?* ]] || fail "not one line with '$2' and a reason: $said"
-    [[ ! -s $stdout ]] || fail "unexpected on standard output: $(<"$stdout")"
+    [[ ! -s $stdout ]] || expect_equal "standard output" "$(field "$as_line")" "$status $said"
 }
 
-# expect_refused STATUS SUBJECT ARGUMENTS…
+# The exit status and the message that the object of a run has.
+as_line='"\(.exit) qmtranscode: \(.error | [.subject, .text] | map(select(. != "")) | join(": "))"'
+
+# expect_refused "STATUS CODE" SUBJECT ARGUMENTS…
 expect_refused() {
-    attempt "${@:3}"
-    expect_failure "$1" "$2"
+    attempt --json "${@:3}"
+    expect_failure "${1% *}" "$2"
+    expect_equal "code of: ${*:3}" "$(field .error.code)" "${1#* }"
 }
 
 # expect_lines FILE PATTERN…: some line of the file matches each pattern.

@@ -1,8 +1,9 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/JobFiles.h>
-#include <qmtranscode/report/ReceiptCompletion.h>
+#include <qmtranscode/report/RunObject.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <qmtranscode/sandbox/Worker.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <new>
+#include <string_view>
 #include <variant>
 
 using namespace android::qmmediaeditor;
@@ -32,12 +34,47 @@ int failed(const cli::Failure& failure) {
     return failure.status;
 }
 
-int print(const std::string& text) {
-    if (cli::console::printOutput(text) == 0) return cli::kExitComplete;
-    return failed({cli::kExitFailed, "standard output", strerror(errno)});
+// The same before there is a worker, with the object of the run. `request` is JSON.
+int failedEarly(const cli::Failure& failure, const char* stage, bool printsObject,
+                const std::string& request) {
+    if (printsObject) {
+        std::string object;
+        cli::makeObject(
+            {"failed", failure.status, stage, failure.code, failure.subject, failure.reason}, "",
+            request, "", &object);
+        if (cli::console::printOutput(object) != 0) {
+            cli::Failure both = failure;
+            both.reason += fmt::format("; standard output: {}", strerror(errno));
+            return failed(both);
+        }
+    }
+    return failed(failure);
 }
 
-int cannotStart() { return failed({cli::kExitFailed, "the worker process", strerror(errno)}); }
+// The same without allocating.
+int failedWithoutMemory(bool printsObject) {
+    constexpr std::string_view kObject =
+        "{\n  \"status\": \"failed\",\n  \"exit\": 1,\n  \"error\": {\n    \"code\": \"ENOMEM\",\n"
+        "    \"stage\": \"opening\",\n    \"subject\": \"\",\n    \"text\": \"not enough memory\",\n"
+        "    \"retryable\": true\n  },\n  \"warnings\": [],\n  \"version\": \"" QMTRANSCODE_VERSION
+        "\",\n  \"request\": null\n}\n";
+    constexpr std::string_view kLine = "qmtranscode: not enough memory\n";
+    ssize_t written = 0;
+    if (printsObject) written = write(STDOUT_FILENO, kObject.data(), kObject.size());
+    written = write(STDERR_FILENO, kLine.data(), kLine.size());
+    static_cast<void>(written);
+    return cli::kExitFailed;
+}
+
+int print(const std::string& text) {
+    if (cli::console::printOutput(text) == 0) return cli::kExitComplete;
+    return failed(cli::systemFailure(cli::kExitFailed, "standard output", errno));
+}
+
+int cannotStart(const cli::Options& options) {
+    return failedEarly(cli::systemFailure(cli::kExitFailed, "the worker process", errno), "opening",
+                       options.json, options.request);
+}
 
 cli::SharedState* makeSharedState() {
     void* const memory = mmap(nullptr, sizeof(cli::SharedState), PROT_READ | PROT_WRITE,
@@ -53,7 +90,9 @@ int run(int argc, char** argv) {
     signal(SIGXFSZ, SIG_IGN);
 
     auto parsed = cli::parseOptions(argc, argv);
-    if (const auto* failure = std::get_if<cli::Failure>(&parsed)) return failed(*failure);
+    if (const auto* failure = std::get_if<cli::Failure>(&parsed)) {
+        return failedEarly(*failure, "options", cli::asksForJson(argc, argv), "null");
+    }
     if (const auto* information = std::get_if<cli::Information>(&parsed)) {
         return print(information->text);
     }
@@ -65,19 +104,21 @@ int run(int argc, char** argv) {
 
     cli::SignalHandler::block();
     cli::JobFiles files;
-    if (const std::optional<cli::Failure> failure = files.open(options)) return failed(*failure);
+    if (const std::optional<cli::Failure> failure = files.open(options)) {
+        return failedEarly(*failure, "opening", options.json, options.request);
+    }
 
     int links[2];
     int libraryOutput[2];
     cli::SharedState* const shared = makeSharedState();
     if (shared == nullptr || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, links) != 0 ||
         pipe2(libraryOutput, O_CLOEXEC) != 0) {
-        return cannotStart();
+        return cannotStart(options);
     }
     shared->columns = cli::console::terminalColumns();
     const pid_t parent = getpid();
     const pid_t worker = fork();
-    if (worker < 0) return cannotStart();
+    if (worker < 0) return cannotStart(options);
     if (worker == 0) {
         close(links[0]);
         close(libraryOutput[0]);
@@ -96,7 +137,9 @@ int run(int argc, char** argv) {
     job.libraryOutput = libraryOutput[0];
     job.showsLibraryOutput = options.logFilter.has_value();
     job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr;
-    if (options.json) job.emptyReceipt = cli::emptyReceipt(options.input, options.output);
+    job.printsObject = options.json;
+    job.request = options.request;
+    job.names = cli::namesOf(options);
     return cli::Supervisor(job, worker, link, shared).run();
 }
 
@@ -106,9 +149,6 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
-        constexpr char kLine[] = "qmtranscode: not enough memory\n";
-        const ssize_t written = write(STDERR_FILENO, kLine, sizeof(kLine) - 1);
-        static_cast<void>(written);
-        return cli::kExitFailed;
+        return failedWithoutMemory(cli::asksForJson(argc, argv));
     }
 }

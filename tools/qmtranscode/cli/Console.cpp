@@ -65,6 +65,10 @@ void printLine(const std::string& text) {
     }
 }
 
+void printWarning(const std::string& text) {
+    gLink->send(Message::kWarning, "qmtranscode: " + text);
+}
+
 int printOutput(const std::string& text) {
     if (writeAll(STDOUT_FILENO, printable(text, LineBreaks::kKeep)) != 0) return -1;
     return checkByClosing(STDOUT_FILENO);

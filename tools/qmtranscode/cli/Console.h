@@ -21,6 +21,8 @@ void useLink(const WorkerLink* link, const std::atomic<int>* columns);
 
 // Prints one or more lines on standard error. `text` ends without a line break.
 void printLine(const std::string& text);
+// One line, which the JSON object of the run contains, too. In the worker only.
+void printWarning(const std::string& text);
 // One line.
 void printFailure(const Failure& failure);
 

@@ -1,11 +1,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <qmtranscode/cli/Failure.h>
+#include <string.h>
 #include <unistd.h>
 
 namespace android::qmmediaeditor::cli {
 
 std::string Failure::text() const { return subject.empty() ? reason : subject + ": " + reason; }
+
+Failure systemFailure(ExitStatus status, const std::string& subject, int error) {
+    const char* const name = strerrorname_np(error);
+    return {status, subject, strerror(error), name == nullptr ? "unknown-error" : name};
+}
 
 ExitStatus exitStatusOf(int error) {
     switch (error) {

@@ -23,14 +23,26 @@ struct Failure {
     std::string subject;
     // No full stop, no line break.
     std::string reason;
+    // For programs; it stays the same from version to version. A system error has its POSIX name,
+    // such as "ENOSPC"; the others are words with hyphens.
+    std::string code;
 
     // "<subject>: <reason>", or the reason alone.
     std::string text() const;
 };
 
+// Codes that several places use.
+constexpr const char* kMemoryCode = "ENOMEM";
+constexpr const char* kThreadCode = "no-thread";
+constexpr const char* kStoppedCode = "stopped";
+constexpr const char* kVerificationCode = "verification-failed";
+
 // The result of an operation, or the reason why there is none.
 template <typename T>
 using Result = std::variant<T, Failure>;
+
+// For a system call that failed with this errno.
+Failure systemFailure(ExitStatus status, const std::string& subject, int error);
 
 // The status for a system call that failed with this errno: kExitFailed where another try may
 // succeed (I/O errors and exhausted resources), else kExitUnusable.

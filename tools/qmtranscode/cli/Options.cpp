@@ -5,10 +5,12 @@
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/cli/PeriodList.h>
 #include <qmtranscode/cli/Values.h>
+#include <qmtranscode/report/Format.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <numeric>
 #include <utility>
 
@@ -220,7 +222,13 @@ public:
         });
         for (CLI::Option* option : mApp.get_options()) {
             const bool takesText = option->get_items_expected_max() > 0;
-            if (takesText) option->check(notEmpty());
+            if (!takesText) continue;
+            option->check(notEmpty());
+            // Before the transformations, which replace words by numbers.
+            option->transform([this, option](const std::string& text) {
+                mGiven[option].push_back(text);
+                return text;
+            });
         }
     }
 
@@ -234,6 +242,8 @@ private:
         mTexts.push_back({mGroup, name, value, summary, details, choices});
     }
 
+    // The options as they were given.
+    std::string request() const;
     Failure unknownArgument() const;
     Failure usageError(const CLI::Error& error) const;
     // These refuse combinations of options.
@@ -251,6 +261,7 @@ private:
 
     Options mOptions;
     CLI::App mApp;
+    std::map<const CLI::Option*, std::vector<std::string>> mGiven;
     std::string mGroup;
     std::vector<OptionText> mTexts;
 };
@@ -378,7 +389,8 @@ void CommandLine::define() {
              "each value of the output and where it comes from, the seek points of the periods, "
              "and an estimate of size and time from a dry run of two seconds.");
     app.add_flag("--json", o.json);
-    describe("--json", "", "print the receipt as JSON");
+    describe("--json", "", "print one JSON object: how the run ended, and the receipt",
+             "Its schema is in share/qmtranscode/run.schema.json.");
     app.add_option("--progress", o.progress)->transform(oneOf(kProgressStyles));
     describe("--progress", "STYLE",
              "display: " + listText(wordsOf(kProgressStyles)) +
@@ -417,10 +429,31 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
     if (mOptions.output.empty()) {
         return Failure{kExitUsage, "",
                        fmt::format("{} missing (see qmtranscode --help)",
-                                   mOptions.input.empty() ? "INPUT and OUTPUT are" : "OUTPUT is")};
+                                   mOptions.input.empty() ? "INPUT and OUTPUT are" : "OUTPUT is"),
+                       "missing-argument"};
     }
+    mOptions.request = request();
     if (auto failure = checkCombinations()) return *failure;
     return mOptions;
+}
+
+std::string CommandLine::request() const {
+    Json request = Json::object();
+    for (const CLI::Option* option : mApp.get_options()) {
+        if (option->count() == 0) continue;
+        const auto given = mGiven.find(option);
+        std::string name = option->get_name();
+        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+        Json& value = request[name.substr(name.find_first_not_of('-'))];
+        if (given == mGiven.end()) {
+            value = true;
+        } else if (option->get_items_expected_max() > 1) {
+            value = given->second;
+        } else {
+            value = given->second.back();
+        }
+    }
+    return dumpJsonLine(request);
 }
 
 Failure CommandLine::unknownArgument() const {
@@ -431,7 +464,8 @@ Failure CommandLine::unknownArgument() const {
                                      [](const std::string& word) { return word[0] == '-'; });
     if (option == words.end()) {
         return {kExitUsage, words.empty() ? "--" : words.front(),
-                "unexpected argument, because INPUT and OUTPUT are already given"};
+                "unexpected argument, because INPUT and OUTPUT are already given",
+                "unexpected-argument"};
     }
     const std::string name = option->substr(0, option->find('='));
     const auto nearest =
@@ -443,7 +477,8 @@ Failure CommandLine::unknownArgument() const {
         name.size() > 2 * kMaxTypos && editDistance(name, nearest->name) <= kMaxTypos;
     return {kExitUsage, name,
             isTypo ? fmt::format("unknown option; did you mean {}?", nearest->name)
-                   : "unknown option; see qmtranscode --help"};
+                   : "unknown option; see qmtranscode --help",
+            "unknown-option"};
 }
 
 Failure CommandLine::usageError(const CLI::Error& error) const {
@@ -451,13 +486,15 @@ Failure CommandLine::usageError(const CLI::Error& error) const {
     std::string text = error.what();
     const size_t nameEnd = text.find(':');
     if (nameEnd == std::string::npos) {
-        return {kExitUsage, "", text + " (see qmtranscode --help)"};
+        return {kExitUsage, "", text + " (see qmtranscode --help)", "bad-value"};
     }
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
-        return {kExitUsage, text.substr(0, nameEnd), "the value is missing"};
+        return {kExitUsage, text.substr(0, nameEnd), "the value is missing", "missing-value"};
     }
     if (text.compare(nameEnd, 3, ":  ") == 0) text.erase(nameEnd, 2);
-    return {kExitUsage, "", text};
+    const size_t subjectEnd = std::min(text.find(": "), text.size());
+    const size_t reasonBegin = std::min(subjectEnd + 2, text.size());
+    return {kExitUsage, text.substr(0, subjectEnd), text.substr(reasonBegin), "bad-value"};
 }
 
 std::optional<Failure> CommandLine::checkCombinations() {
@@ -477,7 +514,8 @@ std::optional<Failure> CommandLine::checkPeriods() {
             option == std::string("--trim") ? mOptions.periods : mOptions.cuts;
         for (size_t i = 0; i < periods.size(); ++i) {
             const std::string reason = checkOrder(periods, i);
-            if (!reason.empty()) return Failure{kExitUsage, given(option, i), reason};
+            if (!reason.empty())
+                return Failure{kExitUsage, given(option, i), reason, "bad-periods"};
         }
     }
     if (!mOptions.list) return std::nullopt;
@@ -504,7 +542,8 @@ std::optional<Failure> CommandLine::checkName() {
     }
     return Failure{kExitUsage, mOptions.output,
                    "only MP4 and 3GP files can be written; use the extension .mp4 or .3gp, or "
-                   "keep this one with --format mp4"};
+                   "keep this one with --format mp4",
+                   "unsupported-container"};
 }
 
 // Two options of which one makes the other pointless.
@@ -525,12 +564,14 @@ std::optional<Failure> CommandLine::checkConflicts() const {
         for (const std::string& other : others) {
             if (mApp[other]->count() == 0) continue;
             return Failure{kExitUsage, option,
-                           fmt::format("cannot be combined with {}; leave one of them out", other)};
+                           fmt::format("cannot be combined with {}; leave one of them out", other),
+                           "conflict"};
         }
     }
     if (mOptions.quality && mOptions.videoCodec.value_or(VideoCodec::kAvc) != VideoCodec::kAvc) {
         return Failure{kExitUsage, given("--quality"),
-                       "only AVC has constant quality; --video-bitrate works with every codec"};
+                       "only AVC has constant quality; --video-bitrate works with every codec",
+                       "quality-needs-avc"};
     }
     return std::nullopt;
 }
@@ -543,7 +584,8 @@ std::optional<Failure> CommandLine::checkSize() const {
         supportsSize(*mOptions.videoCodec, rotated)) {
         return std::nullopt;
     }
-    return Failure{kExitUsage, given("--size"), supportedSizesText(*mOptions.videoCodec)};
+    return Failure{kExitUsage, given("--size"), supportedSizesText(*mOptions.videoCodec),
+                   "unsupported-size"};
 }
 
 std::optional<Failure> CommandLine::checkAudio() const {
@@ -552,19 +594,19 @@ std::optional<Failure> CommandLine::checkAudio() const {
         if (!mOptions.audioRate) return std::nullopt;
         const int32_t nearest = nearestAacSampleRate(*mOptions.audioRate);
         if (nearest == *mOptions.audioRate) return std::nullopt;
-        return Failure{
-            kExitUsage, given("--audio-rate"),
-            fmt::format("AAC does not support this sample rate; {} would work", nearest)};
+        return Failure{kExitUsage, given("--audio-rate"),
+                       fmt::format("AAC does not support this sample rate; {} would work", nearest),
+                       "unsupported-audio"};
     }
     const int32_t rate = amrSampleRate(codec);
     const std::string supported =
         fmt::format("{} supports only {} Hz and one channel",
                     codec == AudioCodec::kAmrNb ? "AMR-NB" : "AMR-WB", rate);
     if (mOptions.audioRate.value_or(rate) != rate) {
-        return Failure{kExitUsage, given("--audio-rate"), supported};
+        return Failure{kExitUsage, given("--audio-rate"), supported, "unsupported-audio"};
     }
     if (mOptions.audioChannels.value_or(1) != 1) {
-        return Failure{kExitUsage, given("--audio-channels"), supported};
+        return Failure{kExitUsage, given("--audio-channels"), supported, "unsupported-audio"};
     }
     return std::nullopt;
 }
@@ -577,7 +619,8 @@ std::optional<Failure> CommandLine::checkFormat() const {
     }
     return Failure{kExitUsage, "--format mp4",
                    fmt::format("{} is written to 3GP files only; --format 3gp would work",
-                               isH263 ? "H.263" : "AMR")};
+                               isH263 ? "H.263" : "AMR"),
+                   "unsupported-container"};
 }
 
 }  // namespace
@@ -594,6 +637,11 @@ MetadataPolicy Options::metadataPolicy() const {
 
 std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv) {
     return CommandLine().parse(argc, argv);
+}
+
+bool asksForJson(int argc, const char* const* argv) {
+    const auto* const end = std::find(argv, argv + argc, std::string("--"));
+    return std::find(argv, end, std::string("--json")) != end;
 }
 
 std::vector<OptionText> optionTexts() { return CommandLine().texts(); }

@@ -18,6 +18,9 @@ enum class ProgressStyle : int32_t { kNone, kBar, kJson };
 
 // Without a value, an option follows the input.
 struct Options {
+    // All that was given, as a JSON object: the names of the options without hyphens in front, with
+    // a text, the texts of a repeatable option, or true.
+    std::string request;
     std::string input;
     std::string output;
     bool overwrite = false;
@@ -92,6 +95,9 @@ struct Information {
 };
 
 std::variant<Options, Information, Failure> parseOptions(int argc, const char* const* argv);
+
+// Whether the arguments ask for the JSON object of the run, also when they cannot be parsed.
+bool asksForJson(int argc, const char* const* argv);
 
 // One option, or a group of them, as the help, the manual page, the completion and the README
 // describe it.

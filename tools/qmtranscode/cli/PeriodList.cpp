@@ -91,11 +91,11 @@ Result<PeriodList> parsePeriodList(const std::string& name, const std::string& t
             reason = checkOrder(periods, periods.size() - 1);
         }
         if (!reason.empty()) {
-            return Failure{kExitUsage, fmt::format("{}:{}", name, number), reason};
+            return Failure{kExitUsage, fmt::format("{}:{}", name, number), reason, "bad-list"};
         }
     }
     if (list.kept.empty() && list.removed.empty()) {
-        return Failure{kExitUsage, name, "the list has no period"};
+        return Failure{kExitUsage, name, "the list has no period", "empty-list"};
     }
     return list;
 }
@@ -106,11 +106,11 @@ Result<PeriodList> readPeriodList(const std::string& path) {
     std::string text(kMaxBytes + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     if (file.bad() || !file.is_open()) {
-        return Failure{kExitUsage, path, strerror(errno == 0 ? EIO : errno)};
+        return systemFailure(kExitUsage, path, errno == 0 ? EIO : errno);
     }
     text.resize(static_cast<size_t>(file.gcount()));
     if (text.size() > kMaxBytes) {
-        return Failure{kExitUsage, path, "a list of periods has at most 1 MiB"};
+        return Failure{kExitUsage, path, "a list of periods has at most 1 MiB", "list-too-large"};
     }
     return parsePeriodList(path, text);
 }

@@ -23,9 +23,9 @@ Outcome Job::run() {
     if (mOptions.plan) return {plan()};
     // The session closes it.
     const int outputFd = mOutput.duplicate();
-    if (outputFd < 0) return {Failure{kExitFailed, mOutput.path(), strerror(errno)}};
+    if (outputFd < 0) return {systemFailure(kExitFailed, mOutput.path(), errno)};
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
-                      outputLengthUs(mKept, mInput.media()));
+                      outputLengthUs(mKept, mInput.media()), *mObserver);
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
     const int32_t result = transcode(outputFd, &progress);
@@ -67,7 +67,7 @@ std::optional<Failure> Job::prepare() {
     if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
     mOutputFormat = std::get<sp<AMessage>>(format);
     if (const auto warning = aspectRatioWarning(mOptions, mInput.media())) {
-        console::printLine("qmtranscode: " + *warning);
+        console::printWarning(*warning);
     }
     FrameSize size;
     if (mOutputFormat != nullptr && mOutputFormat->findInt32("video-width", &size.width) &&
@@ -92,7 +92,7 @@ std::optional<Failure> Job::setGains() {
 
 std::optional<Failure> Job::measureLoudness() {
     const int memory = memfd_create("qmtranscode-loudness", MFD_CLOEXEC);
-    if (memory < 0) return Failure{kExitFailed, "memory to measure the loudness", strerror(errno)};
+    if (memory < 0) return systemFailure(kExitFailed, "memory to measure the loudness", errno);
     LoudnessObserver observer;
     HostOptions host = mHost;
     host.observer = &observer;
@@ -111,9 +111,10 @@ std::optional<Failure> Job::measureLoudness() {
     mMonitor->end();
     if (auto failure = mInput.checkReads(observer)) return failure;
     if (mControl->stopRequested()) {
-        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written"};
+        return Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
+                       kStoppedCode};
     }
-    if (observer.lacksMemory()) return Failure{kExitFailed, "", "not enough memory"};
+    if (observer.lacksMemory()) return Failure{kExitFailed, "", "not enough memory", kMemoryCode};
     if (result != OK) return failureOf(result);
     mInputLoudness = observer.meter().integrated();
     if (mInputLoudness) {
@@ -122,14 +123,14 @@ std::optional<Failure> Job::measureLoudness() {
         mLoudness = gains.loudness;
         constexpr double kToleranceLu = 0.5;
         if (std::abs(gains.loudness - *mOptions.loudness) > kToleranceLu) {
-            console::printLine(fmt::format(
-                "qmtranscode: {}: --loudness {:g} cannot be reached without peaks above -1 dBTP; "
-                "the output has {:.1f} LUFS",
-                mInput.path(), *mOptions.loudness, gains.loudness));
+            console::printWarning(
+                fmt::format("{}: --loudness {:g} cannot be reached without peaks above -1 dBTP; "
+                            "the output has {:.1f} LUFS",
+                            mInput.path(), *mOptions.loudness, gains.loudness));
         }
     } else {
-        console::printLine("qmtranscode: " + mInput.path() +
-                           ": --loudness has no effect, because the audio is silent or too short");
+        console::printWarning(
+            mInput.path() + ": --loudness has no effect, because the audio is silent or too short");
     }
     return std::nullopt;
 }
@@ -142,16 +143,19 @@ std::optional<Failure> Job::checkChosenTracks() const {
     if (mOptions.audioTrack && audioTracks < *mOptions.audioTrack) {
         return Failure{kExitUnusable, mInput.path(),
                        fmt::format("there is no audio track {}; the file has {}",
-                                   *mOptions.audioTrack, audioTracks)};
+                                   *mOptions.audioTrack, audioTracks),
+                       "no-such-track"};
     }
     if (mOptions.audioTrack && !media.audio) {
         return Failure{kExitUnusable, mInput.path(),
-                       fmt::format("audio track {} has no supported codec", *mOptions.audioTrack)};
+                       fmt::format("audio track {} has no supported codec", *mOptions.audioTrack),
+                       "unsupported-codec"};
     }
     if (media.video || media.audio) return std::nullopt;
     return Failure{kExitUnusable, mInput.path(),
                    mOptions.noVideo ? "the file has no audio, and --no-video leaves the video out"
-                                    : "the file has no video, and --no-audio leaves the audio out"};
+                                    : "the file has no video, and --no-audio leaves the audio out",
+                   "no-track-left"};
 }
 
 std::optional<Failure> Job::plan() {
@@ -193,7 +197,8 @@ Outcome Job::concludeComplete(Progress* progress) {
     if (!receipt.contents) return {noSamples()};
     const OutputVerifier verifier(mInput, mStatistics, *mObserver, mHost.metadata);
     if (auto reason = verifier.verify(*receipt.contents)) {
-        return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason}};
+        return {Failure{kExitFailed, mOutput.path(), "output verification failed: " + *reason,
+                        kVerificationCode}};
     }
     if (auto failure = checkTracks(*receipt.contents)) return {failure};
     printInterlaced();
@@ -207,55 +212,63 @@ Outcome Job::concludeStopped() {
     const Receipt receipt = makeReceipt();
     if (auto failure = writeReceipt(receipt)) return {failure};
     if (!receipt.contents) {
-        return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written"}};
+        return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
+                        kStoppedCode}};
     }
     return {
         Failure{kExitStopped, mOutput.path(),
-                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs())},
+                "stopped; the file is valid up to " + secondsText(receipt.contents->commonEndUs()),
+                kStoppedCode},
         true};
 }
 
 Failure Job::failureOf(int32_t result) const {
     if (const std::optional<int> error = mObserver->writeError()) {
-        return {kExitFailed, mOutput.path(), strerror(*error)};
+        return systemFailure(kExitFailed, mOutput.path(), *error);
     }
     const bool isInputs =
         result == kInvalidRequest || result == kReadError || result == kDecoderError;
-    return {kExitFailed, isInputs ? mInput.path() : mOutput.path(), reasonOf(result)};
+    const SessionError error = errorOf(result);
+    return {kExitFailed, isInputs ? mInput.path() : mOutput.path(), error.reason, error.code};
 }
 
 Failure Job::noSamples() const {
     if (!mObserver->framesUs().empty() || mObserver->audioUs() > 0) {
-        return {kExitFailed, mOutput.path(), "output verification failed: the file cannot be read"};
+        return {kExitFailed, mOutput.path(), "output verification failed: the file cannot be read",
+                kVerificationCode};
     }
     if (mPeriods.empty()) {
-        return {kExitUnusable, mInput.path(), "no frame and no audio could be decoded"};
+        return {kExitUnusable, mInput.path(), "no frame and no audio could be decoded",
+                "nothing-decoded"};
     }
     return {kExitUnusable, mInput.path(),
             std::string("no frame and no audio starts in ") +
-                (mPeriods.size() > 1 ? "these periods" : "this period")};
+                (mPeriods.size() > 1 ? "these periods" : "this period"),
+            "nothing-in-periods"};
 }
 
 void Job::printInterlaced() const {
     const TrackCodecs video = mObserver->video();
     if (!video.deinterlacingFailure) return;
-    console::printLine(fmt::format("qmtranscode: {}: not deinterlaced, because {}", mOutput.path(),
-                                   *video.deinterlacingFailure));
+    console::printWarning(fmt::format("{}: not deinterlaced, because {}", mOutput.path(),
+                                      *video.deinterlacingFailure));
 }
 
 void Job::printMissing(const char* type, const char* reason) const {
-    console::printLine(fmt::format("qmtranscode: {}: written without {}, because {}",
-                                   mOutput.path(), type, reason));
+    console::printWarning(
+        fmt::format("{}: written without {}, because {}", mOutput.path(), type, reason));
 }
 
 std::optional<Failure> Job::checkTracks(const OutputContents& output) const {
     const bool lacksVideo = mInput.media().video && !output.video;
     const bool lacksAudio = mInput.media().audio && !output.audio;
     if (lacksVideo && mObserver->video().skippedPackets > 0) {
-        return Failure{kExitUnusable, mInput.path(), "no frame of the video could be decoded"};
+        return Failure{kExitUnusable, mInput.path(), "no frame of the video could be decoded",
+                       "no-frame-decoded"};
     }
     if (lacksAudio && mObserver->audio().skippedPackets > 0) {
-        return Failure{kExitUnusable, mInput.path(), "no packet of the audio could be decoded"};
+        return Failure{kExitUnusable, mInput.path(), "no packet of the audio could be decoded",
+                       "no-audio-decoded"};
     }
     if (lacksVideo) {
         printMissing("video", mPeriods.empty() ? "the input's video track has no samples"
@@ -294,13 +307,13 @@ Receipt Job::makeReceipt() const {
 }
 
 std::optional<Failure> Job::writeReceipt(const Receipt& receipt) const {
-    if (mOptions.json) return writeReceipt(toJson(receipt));
-    return receipt.contents ? writeReceipt(toText(receipt)) : std::nullopt;
+    if (!receipt.contents) return std::nullopt;
+    return writeReceipt(mOptions.json ? toJson(receipt) : toText(receipt));
 }
 
 std::optional<Failure> Job::writeReceipt(const std::string& text) const {
     if (writeAll(mReceipt, text) == 0) return std::nullopt;
-    return Failure{kExitFailed, "the receipt", strerror(errno)};
+    return systemFailure(kExitFailed, "the receipt", errno);
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -26,22 +26,25 @@ std::optional<Failure> JobInput::open(const std::string& path) {
     mPath = path;
     if (path == "-") {
         return Failure{kExitUnusable, path,
-                       "standard input is not seekable; INPUT must be a regular file"};
+                       "standard input is not seekable; INPUT must be a regular file",
+                       "input-not-seekable"};
     }
     // stat() first, because open() of a pipe would wait for its writer.
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
-        return Failure{exitStatusOf(errno), path, strerror(errno)};
+        return systemFailure(exitStatusOf(errno), path, errno);
     }
     if (!S_ISREG(status.st_mode)) {
         return Failure{
             kExitUnusable, path,
-            fmt::format("this is {}; INPUT must be a regular file", fileTypeName(status.st_mode))};
+            fmt::format("this is {}; INPUT must be a regular file", fileTypeName(status.st_mode)),
+            "input-not-a-file"};
     }
-    if (status.st_size == 0) return Failure{kExitUnusable, path, "the file is empty"};
+    if (status.st_size == 0)
+        return Failure{kExitUnusable, path, "the file is empty", "input-empty"};
     mFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (mFd < 0) return Failure{exitStatusOf(errno), path, strerror(errno)};
-    if (fstat(mFd, &mStatus) != 0) return Failure{kExitFailed, path, strerror(errno)};
+    if (mFd < 0) return systemFailure(exitStatusOf(errno), path, errno);
+    if (fstat(mFd, &mStatus) != 0) return systemFailure(kExitFailed, path, errno);
     return std::nullopt;
 }
 
@@ -55,15 +58,16 @@ JobFiles::~JobFiles() {
 
 std::optional<Failure> JobFiles::open(const Options& options) {
     receipt = memfd_create("qmtranscode-receipt", MFD_CLOEXEC);
-    if (receipt < 0) return Failure{kExitFailed, "memory for the receipt", strerror(errno)};
+    if (receipt < 0) return systemFailure(kExitFailed, "memory for the receipt", errno);
     if (auto failure = input.open(options.input)) return failure;
     if (options.output == "-") {
         return Failure{kExitUsage, options.output,
-                       "standard output is not seekable; OUTPUT must be a regular file"};
+                       "standard output is not seekable; OUTPUT must be a regular file",
+                       "output-not-seekable"};
     }
     if (auto failure = output.locate(options.output)) return failure;
     if (input.isSameFile(output.older())) {
-        return Failure{kExitUsage, options.output, "this is the input file"};
+        return Failure{kExitUsage, options.output, "this is the input file", "same-file"};
     }
     if (auto failure = output.checkPlace(options.overwrite)) return failure;
     if (options.plan) return std::nullopt;
@@ -75,10 +79,10 @@ std::optional<Failure> JobFiles::openTrace(const Options& options) {
     if (!options.trace) return std::nullopt;
     if (auto failure = trace.locate(*options.trace)) return failure;
     if (input.isSameFile(trace.older())) {
-        return Failure{kExitUsage, *options.trace, "this is the input file"};
+        return Failure{kExitUsage, *options.trace, "this is the input file", "same-file"};
     }
     if (trace.isSameAs(output)) {
-        return Failure{kExitUsage, *options.trace, "this is the output file"};
+        return Failure{kExitUsage, *options.trace, "this is the output file", "same-file"};
     }
     if (auto failure = trace.checkPlace(options.overwrite)) return failure;
     return trace.create(options.overwrite);

@@ -102,27 +102,29 @@ PendingFile::~PendingFile() {
 std::optional<Failure> PendingFile::locate(const std::string& path) {
     mPath = path;
     const std::optional<fs::path> target = followLinks(path);
-    if (!target) return Failure{kExitUsage, path, strerror(ELOOP)};
+    if (!target) return systemFailure(kExitUsage, path, ELOOP);
     mName = target->filename();
-    if (mName.empty()) return Failure{kExitUsage, path, "the file name is missing"};
+    if (mName.empty()) return Failure{kExitUsage, path, "the file name is missing", "no-file-name"};
     mDirectory = openDirectory(target->has_parent_path() ? target->parent_path() : ".");
     if (mDirectory < 0) {
         // Another try may succeed when descriptors or memory are exhausted.
         const bool isExhausted =
             errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EIO;
-        return Failure{isExhausted ? kExitFailed : kExitUsage, path,
-                       fmt::format("cannot open its directory: {}", strerror(errno))};
+        Failure failure = systemFailure(isExhausted ? kExitFailed : kExitUsage, path, errno);
+        failure.reason = "cannot open its directory: " + failure.reason;
+        return failure;
     }
     struct stat status {};
     if (fstatat(mDirectory, mName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         mOlder = status;
     } else if (errno != ENOENT) {
-        return Failure{kExitUsage, path, strerror(errno)};
+        return systemFailure(kExitUsage, path, errno);
     }
     // Links below /proc lead to files that no path leads to, such as a pipe on standard output.
     if (stat(path.c_str(), &status) == 0 && !(mOlder && isSameFile(*mOlder, status))) {
         return Failure{kExitUsage, path,
-                       "this names an open file that is in no directory, such as a pipe"};
+                       "this names an open file that is in no directory, such as a pipe",
+                       "output-not-a-file"};
     }
     return std::nullopt;
 }
@@ -130,19 +132,22 @@ std::optional<Failure> PendingFile::locate(const std::string& path) {
 std::optional<Failure> PendingFile::checkPlace(bool overwrite) const {
     if (mOlder) {
         if (!S_ISREG(mOlder->st_mode)) {
-            return Failure{kExitUsage, mPath, "this is not a regular file"};
+            return Failure{kExitUsage, mPath, "this is not a regular file", "output-not-a-file"};
         }
         if (!overwrite) {
-            return Failure{kExitUsage, mPath, "the file exists; --overwrite would replace it"};
+            return Failure{kExitUsage, mPath, "the file exists; --overwrite would replace it",
+                           "output-exists"};
         }
         const std::string reason = whyNotReplaceable(mDirectory, mName);
         if (!reason.empty()) {
-            return Failure{kExitUsage, mPath, "the file cannot be replaced: " + reason};
+            return Failure{kExitUsage, mPath, "the file cannot be replaced: " + reason,
+                           "output-not-replaceable"};
         }
     }
     if (faccessat(mDirectory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
-        return Failure{kExitUsage, mPath,
-                       fmt::format("cannot write to its directory: {}", strerror(errno))};
+        Failure failure = systemFailure(kExitUsage, mPath, errno);
+        failure.reason = "cannot write to its directory: " + failure.reason;
+        return failure;
     }
     return std::nullopt;
 }
@@ -322,7 +327,7 @@ bool PendingFile::isSameAs(const PendingFile& other) const {
            fstat(other.mDirectory, &others) == 0 && isSameFile(directory, others);
 }
 
-Failure PendingFile::failed() const { return {kExitFailed, mPath, strerror(errno)}; }
+Failure PendingFile::failed() const { return systemFailure(kExitFailed, mPath, errno); }
 
 void PendingFile::removeNow() {
     for (HiddenName& hidden : sHiddenNames) {

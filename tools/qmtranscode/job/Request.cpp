@@ -90,14 +90,16 @@ std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& inp
     if (!supportsSize(codec, size)) {
         return Failure{kExitUnusable, options.input,
                        fmt::format("{}; the output would be {}x{}; choose another size with --size",
-                                   supportedSizesText(codec), size.width, size.height)};
+                                   supportedSizesText(codec), size.width, size.height),
+                       "unsupported-size"};
     }
     const Size shown = turned(size, isSideways(*input.video));
     if (options.fit && (shown.width > boxOf(options, *input.video).width ||
                         shown.height > boxOf(options, *input.video).height)) {
         return Failure{kExitUnusable, options.input,
                        fmt::format("no frame of the output fits into {}x{}; {}", options.fit->width,
-                                   options.fit->height, supportedSizesText(codec))};
+                                   options.fit->height, supportedSizesText(codec)),
+                       "unsupported-size"};
     }
     constexpr int32_t kDefaultFrameRate = 30;
     constexpr int32_t kMaxFrameRate = 240;
@@ -179,7 +181,8 @@ Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input) 
             return Failure{kExitUnusable, options.input,
                            fmt::format("{} {} starts after the end of the input at {}",
                                        options.list.value_or(option), periodText(period),
-                                       secondsText(durationUs))};
+                                       secondsText(durationUs)),
+                           "period-after-end"};
         }
     }
     KeptPeriods kept;
@@ -192,12 +195,12 @@ Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input) 
             kept.names.push_back(chapter.title);
         }
         if (kept.asked.empty()) {
-            return Failure{kExitUnusable, options.input, "the file has no chapters"};
+            return Failure{kExitUnusable, options.input, "the file has no chapters", "no-chapters"};
         }
     }
     if (!options.cuts.empty() && kept.asked.empty()) {
         return Failure{kExitUnusable, options.input,
-                       options.list.value_or("--cut") + " removes all of it"};
+                       options.list.value_or("--cut") + " removes all of it", "nothing-kept"};
     }
     for (const TrimPeriod& period : kept.asked) {
         kept.actual.push_back(makePeriod(period.mStartUs, std::min(period.mEndUs, durationUs)));

@@ -35,24 +35,25 @@ int32_t Session::run() { return mComponent->process(); }
 
 void Session::cancel() { mComponent->cancel(); }
 
-std::string reasonOf(int32_t result) {
+SessionError errorOf(int32_t result) {
     switch (result) {
         case kInvalidRequest:
-            return "no decoder could be set up for the tracks of the input";
+            return {"no decoder could be set up for the tracks of the input", "no-decoder"};
         case kNoThread:
-            return "a thread could not be created";
+            return {"a thread could not be created", kThreadCode};
         case kReadError:
-            return "the input could not be read";
+            return {"the input could not be read", "read-failed"};
         case kDecoderError:
-            return "a decoder failed";
+            return {"a decoder failed", "decoder-failed"};
         case kStopped:
-            return "the output could not be written";
+            return {"the output could not be written", "write-failed"};
         case kSessionFailed:
-            return "an encoder could not be created, or the output could not be finished";
+            return {"an encoder could not be created, or the output could not be finished",
+                    "session-failed"};
         case kEncoderError:
-            return "an encoder failed";
+            return {"an encoder failed", "encoder-failed"};
         default:
-            return "failed with code " + std::to_string(result);
+            return {"failed with code " + std::to_string(result), "session-failed"};
     }
 }
 
@@ -61,7 +62,7 @@ Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& peri
                       RunObserver* observer) {
     const int memory = memfd_create("qmtranscode-plan", MFD_CLOEXEC);
     const int output = memory < 0 ? -1 : fcntl(memory, F_DUPFD_CLOEXEC, 0);
-    if (output < 0) return Failure{kExitFailed, "memory for the dry run", strerror(errno)};
+    if (output < 0) return systemFailure(kExitFailed, "memory for the dry run", errno);
 
     const int64_t startUs = nowUs();
     monitor->begin(periods, nullptr);
@@ -89,7 +90,8 @@ Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& peri
     result.output = readOutput(memory);
     close(memory);
     if (status == OK || status == kStopped) return result;
-    return Failure{kExitUnusable, input.path(), reasonOf(status)};
+    const SessionError error = errorOf(status);
+    return Failure{kExitUnusable, input.path(), error.reason, error.code};
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -48,7 +48,11 @@ private:
 };
 
 // Why a session ended with `result`.
-std::string reasonOf(int32_t result);
+struct SessionError {
+    std::string reason;  // as Failure's
+    const char* code;
+};
+SessionError errorOf(int32_t result);
 
 struct DryRun {
     TrackCodecs video;

@@ -204,8 +204,18 @@ std::vector<int64_t> RunObserver::framesUs() const {
     return mFramesUs;
 }
 
+RunObserver::Position RunObserver::position() const {
+    Mutex::Autolock lock(mLock);
+    if (mFramesUs.empty()) return {0, audioUsLocked()};
+    return {static_cast<int64_t>(mFramesUs.size()), mFramesUs.back()};
+}
+
 int64_t RunObserver::audioUs() const {
     Mutex::Autolock lock(mLock);
+    return audioUsLocked();
+}
+
+int64_t RunObserver::audioUsLocked() const {
     if (mAudioRate <= 0) return 0;
     return static_cast<int64_t>(static_cast<double>(mAudioSamples) * 1e6 / mAudioRate);
 }

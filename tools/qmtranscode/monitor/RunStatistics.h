@@ -123,12 +123,20 @@ public:
 
     // Timestamps of the frames that the video encoder has accepted, in microseconds of the output.
     std::vector<int64_t> framesUs() const;
+    struct Position {
+        int64_t frames;
+        int64_t timeUs;  // of the last frame; without video, the length of the audio
+    };
+    // How far the encoders are.
+    Position position() const;
     // Length of the audio that the audio encoder has accepted.
     int64_t audioUs() const;
     // The end of the last video frame of the output.
     std::optional<int64_t> videoEndUs() const;
 
 private:
+    int64_t audioUsLocked() const REQUIRES(mLock);
+
     mutable Mutex mLock;
     std::function<void()> mOnFirstSample GUARDED_BY(mLock);
     std::optional<ReadError> mReadError GUARDED_BY(mLock);

@@ -49,11 +49,13 @@ std::string barText(const std::string& name, int32_t percent, const std::string&
 
 }  // namespace
 
-Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthUs)
+Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthUs,
+                   const RunObserver& observer)
     : mStyle(style),
       mName(name),
       mLengthSeconds(static_cast<double>(lengthUs) / 1e6),
-      mStartUs(nowUs()) {}
+      mStartUs(nowUs()),
+      mObserver(observer) {}
 
 Progress::~Progress() { console::removeBar(); }
 
@@ -81,7 +83,11 @@ void Progress::show(int32_t percent) {
         console::drawBar(barText(mName, percent, numbers, console::width()));
     }
     if (mStyle == ProgressStyle::kJson) {
+        const RunObserver::Position position = mObserver.position();
         console::printLine(dumpJsonLine({{"progress", percent},
+                                         {"file", mName},
+                                         {"time", secondsOf(position.timeUs)},
+                                         {"frames", position.frames},
                                          {"speed", std::round(speed * 100) / 100},
                                          {"seconds_left", std::round(left * 10) / 10}}));
     }

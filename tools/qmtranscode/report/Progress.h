@@ -2,6 +2,7 @@
 #pragma once
 
 #include <qmtranscode/cli/Options.h>
+#include <qmtranscode/monitor/RunStatistics.h>
 #include <stdint.h>
 #include <utils/Mutex.h>
 
@@ -11,8 +12,10 @@ namespace android::qmmediaeditor::cli {
 
 class Progress {
 public:
-    // `name` is in front of the bar. `lengthUs` is the length of the output.
-    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs);
+    // `name` is the output's, and `lengthUs` its length. `observer`, which outlives the object,
+    // counts its frames.
+    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs,
+             const RunObserver& observer);
     // Removes the bar.
     ~Progress();
 
@@ -31,6 +34,7 @@ private:
     const std::string mName;
     const double mLengthSeconds;
     const int64_t mStartUs;
+    const RunObserver& mObserver;
     Mutex mLock;
     int32_t mLast GUARDED_BY(mLock) = -1;
 };

@@ -3,7 +3,7 @@
 #include <qmtranscode/cli/Values.h>
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/report/ReceiptCompletion.h>
+#include <qmtranscode/report/RunObject.h>
 
 #include <algorithm>
 #include <utility>
@@ -257,12 +257,10 @@ std::string periodRows(const PeriodResult& result) {
 }  // namespace
 
 std::string toJson(const Receipt& receipt) {
-    if (!receipt.contents) return emptyReceipt(receipt.input, receipt.output);
     const OutputContents& contents = *receipt.contents;
     const int64_t lengthUs = contents.media.durationUs();
     const int64_t validUs = receipt.isComplete ? lengthUs : contents.commonEndUs();
-    Json json = {{"status", receipt.isComplete ? "complete" : "stopped"},
-                 {"valid_up_to", secondsOf(validUs)},
+    Json json = {{"valid_up_to", secondsOf(validUs)},
                  {"input", receipt.input},
                  {"output", receipt.output},
                  {"bytes", contents.media.sizeBytes},

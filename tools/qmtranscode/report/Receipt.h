@@ -40,7 +40,7 @@ struct Receipt {
     double wallSeconds = 0;
 };
 
-// A JSON object, in several lines.
+// What follows the head of the run's JSON object: an object of several lines.
 std::string toJson(const Receipt& receipt);
 
 // The same for people, in aligned lines.

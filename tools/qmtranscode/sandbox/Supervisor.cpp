@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/monitor/Timer.h>
-#include <qmtranscode/report/ReceiptCompletion.h>
 #include <qmtranscode/sandbox/Supervisor.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -22,18 +21,27 @@ constexpr int64_t kPrintStateUs = 1000000;
 // How long the last line of a stopped command waits for a blocked terminal.
 constexpr int kLastLineMs = 100;
 
-const char* textOf(WorkerStage stage) {
+struct StageTexts {
+    const char* name;    // as RunEnd's
+    const char* object;  // of that verb
+};
+
+StageTexts textsOf(WorkerStage stage) {
     switch (stage) {
         case WorkerStage::kOpening:
-            return "opening the input";
+            return {"opening", " the input"};
         case WorkerStage::kStarting:
         case WorkerStage::kTranscoding:
-            return "transcoding";
+            return {"transcoding", ""};
         case WorkerStage::kVerifying:
-            return "verifying the output";
+            return {"verifying", " the output"};
     }
-    return "";
+    return {"", ""};
 }
+
+constexpr const char* kPublishing = "publishing";
+constexpr std::string_view kLineBegin = "qmtranscode: ";
+constexpr size_t kMaxWarningBytes = 8 * 1024;
 
 ExitStatus exitStatus(int value) {
     for (const ExitStatus known : {kExitComplete, kExitUsage, kExitUnusable, kExitStopped}) {
@@ -103,7 +111,12 @@ void Supervisor::ErrorOutput::writeSome() {
 }
 
 Supervisor::Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared)
-    : mJob(job), mWorker(worker), mLink(link), mShared(shared) {}
+    : mJob(job), mWorker(worker), mLink(link), mShared(shared) {
+    mWarnings.reserve(kMaxWarningBytes);
+    // A quoted text may become twice as long.
+    mObject.reserve(mJob.request.size() + mJob.names.size() +
+                    2 * (kMaxWarningBytes + sizeof(mFailure)) + 4096);
+}
 
 int Supervisor::run() {
     if (mSignals.fd() < 0) mWaitError = mSignals.error();
@@ -184,6 +197,10 @@ void Supervisor::handleMessage() {
             mStateDueUs = 0;
             mErrors.line(payload);
             return;
+        case Message::kWarning:
+            mStateDueUs = 0;
+            warn(payload);
+            return;
         case Message::kBar:
             mErrors.bar(payload);
             return;
@@ -257,29 +274,30 @@ void Supervisor::flush(int timeoutMs) {
     }
 }
 
+// Prints a line that begins with the command's name, and keeps it for the object of the run.
+void Supervisor::warn(std::string_view text) {
+    mErrors.line(text);
+    text.remove_prefix(std::min(kLineBegin.size(), text.size()));
+    if (mWarnings.size() + text.size() + 1 > kMaxWarningBytes) return;
+    if (!mWarnings.empty()) mWarnings += '\n';
+    mWarnings += text;
+}
+
 int Supervisor::endNow() {
     kill(mWorker, SIGKILL);
     PendingFile::removeNow();
     mErrors.removeBar();
-    pollfd out{STDOUT_FILENO, POLLOUT, 0};
-    if (!mJob.emptyReceipt.empty() && poll(&out, 1, kLastLineMs) == 1) {
-        const ssize_t written =
-            write(STDOUT_FILENO, mJob.emptyReceipt.data(), mJob.emptyReceipt.size());
-        static_cast<void>(written);
-    }
     if (!mErrors.hasRoom()) mErrors.discard();
-    if (mWaitError == 0) {
-        mErrors.line("qmtranscode: stopped; nothing was kept");
-    } else {
-        char line[256];
-        const auto end = fmt::format_to_n(
-            line, sizeof(line), "qmtranscode: the worker process cannot be supervised: {}",
-            strerror(mWaitError));
-        mErrors.line({line, std::min(end.size, sizeof(line))});
-    }
+    mStopRequested = true;
+    const StageTexts stage = textsOf(mStage);
+    const int status =
+        mWaitError == 0 ? fail({"nothing written", kExitStopped, stage.name, kStoppedCode, "",
+                                "stopped; nothing was kept"})
+                        : fail({"failed", kExitFailed, stage.name, "no-supervision",
+                                "the worker process cannot be supervised", strerror(mWaitError)});
     flush(kLastLineMs);
     reapWorker();
-    return mWaitError == 0 ? kExitStopped : kExitFailed;
+    return status;
 }
 
 int Supervisor::conclude() {
@@ -295,74 +313,117 @@ int Supervisor::conclude() {
 }
 
 int Supervisor::workerCrashed() {
-    char reason[64] = "ended without a result";
+    char cause[64] = "ended without a result";
     if (WIFSIGNALED(mWorkerStatus)) {
         const char* const name = sigabbrev_np(WTERMSIG(mWorkerStatus));
-        *fmt::format_to_n(reason, sizeof(reason) - 1, "was terminated by SIG{}",
+        *fmt::format_to_n(cause, sizeof(cause) - 1, "was terminated by SIG{}",
                           name == nullptr ? "?" : name)
              .out = '\0';
     }
-    char line[512];
-    const auto end = fmt::format_to_n(line, sizeof(line),
-                                      "qmtranscode: {:.300}: the worker process {} while {}; {}",
-                                      mJob.input, reason, textOf(mStage), "nothing was kept");
-    mErrors.line({line, std::min(end.size, sizeof(line))});
-    return kExitFailed;
+    char reason[256];
+    const StageTexts stage = textsOf(mStage);
+    const auto end = fmt::format_to_n(reason, sizeof(reason),
+                                      "the worker process {} while {}{}; nothing was kept", cause,
+                                      stage.name, stage.object);
+    return fail({"failed",
+                 kExitFailed,
+                 stage.name,
+                 "worker-crashed",
+                 std::string_view(mJob.input).substr(0, 300),
+                 {reason, end.size}});
+}
+
+// Without allocating, because the worker may have used up the memory.
+int Supervisor::fail(const RunEnd& end) {
+    if (mJob.printsObject) static_cast<void>(printReport(end, ""));
+    char line[640];
+    const auto text = fmt::format_to_n(line, sizeof(line), "{}{}{}{}", kLineBegin, end.subject,
+                                       end.subject.empty() ? "" : ": ", end.reason);
+    mErrors.line({line, std::min(text.size, sizeof(line))});
+    return end.exitStatus;
 }
 
 int Supervisor::publish() {
-    ExitStatus status = exitStatus(mResult.status);
-    std::string failure(mFailure, mFailureSize);
-    bool isComplete = status == kExitComplete;
-    bool isKept = true;
-    const auto fail = [&](const Failure& reason) {
-        status = reason.status;
-        failure = reason.text();
-        isComplete = false;
-    };
-    if (mResult.keepOutput && mJob.output != nullptr) {
+    const bool isPlan = mJob.output == nullptr;
+    const char* stage = textsOf(mStage).name;
+    std::optional<Failure> failure = receivedFailure();
+    const bool isWell = !failure;
+    bool isKept = mResult.keepOutput && !isPlan;
+    if (isKept) {
         if (auto reason = mJob.output->commit()) {
-            fail(*reason);
+            failure = reason;
+            stage = kPublishing;
             isKept = false;
         }
     }
-    const std::string output = mJob.output == nullptr ? "" : mJob.output->path();
+    const std::string complete = isPlan ? "" : mJob.output->path() + " is complete; ";
+    if (mJob.trace != nullptr) {
+        if (auto reason = commitTrace()) {
+            if (failure) {
+                warn(std::string(kLineBegin) + reason->text());
+            } else {
+                reason->subject = complete + reason->subject;
+                failure = reason;
+                stage = kPublishing;
+            }
+        }
+    }
+    RunEnd end;
+    end.status = isKept ? (isWell ? "complete" : "stopped") : isPlan ? "planned" : "failed";
+    if (failure) {
+        end.exitStatus = failure->status;
+        if (!isKept) end.status = end.exitStatus == kExitStopped ? "nothing written" : "failed";
+        end.stage = stage;
+        end.code = failure->code;
+        end.subject = failure->subject;
+        end.reason = failure->reason;
+    }
+    std::string receipt;
     bool isPrinted = true;
     try {
-        if (isKept) isPrinted = printReceipt();
+        if (isKept || (isPlan && isWell)) isPrinted = readReceipt(&receipt);
+        if (isPrinted) isPrinted = printReport(end, receipt);
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
         isPrinted = false;
     }
     if (!isPrinted) {
-        const std::string lost =
-            "; the receipt could not be written: " + std::string(strerror(errno));
-        if (mJob.output == nullptr) {
-            fail({kExitFailed, "standard output", strerror(errno)});
-        } else if (isComplete) {
-            fail({kExitFailed, "", output + " is complete" + lost});
+        Failure lost = systemFailure(kExitFailed, isPlan ? "standard output" : "", errno);
+        if (!isPlan) lost.reason = "the receipt could not be written: " + lost.reason;
+        if (failure) {
+            failure->reason += "; " + lost.reason;
         } else {
-            failure += lost;
+            if (!isPlan) lost.reason = complete + lost.reason;
+            failure = lost;
         }
     }
-    if (mJob.trace != nullptr) {
-        if (auto reason = commitTrace()) {
-            if (isComplete) {
-                fail({kExitFailed, output + " is complete; " + reason->subject, reason->reason});
-            } else {
-                mErrors.line("qmtranscode: " + reason->text());
-            }
-        }
-    }
-    if (status != kExitComplete) mErrors.line("qmtranscode: " + failure);
-    return status;
+    if (!failure) return kExitComplete;
+    mErrors.line(std::string(kLineBegin) + failure->text());
+    return failure->status;
+}
+
+// The failure that the worker has reported; nothing for a success.
+std::optional<Failure> Supervisor::receivedFailure() const {
+    const ExitStatus status = exitStatus(mResult.status);
+    if (status == kExitComplete) return std::nullopt;
+    std::string_view texts(mFailure, mFailureSize);
+    const auto take = [&texts](size_t size) {
+        const std::string_view text = texts.substr(0, size);
+        texts.remove_prefix(text.size());
+        return std::string(text);
+    };
+    Failure failure{status, "", "", take(mResult.codeBytes)};
+    if (failure.code.empty()) failure.code = "unknown-error";
+    failure.subject = take(mResult.subjectBytes);
+    failure.reason = texts;
+    return failure;
 }
 
 // Writes the trace to disk and gives it its name, unless the worker could not write all of it.
 std::optional<Failure> Supervisor::commitTrace() {
     std::optional<Failure> failure;
     if (mResult.traceError != 0) {
-        failure = Failure{kExitFailed, mJob.trace->path(), strerror(mResult.traceError)};
+        failure = systemFailure(kExitFailed, mJob.trace->path(), mResult.traceError);
     } else {
         failure = mJob.trace->commit();
     }
@@ -370,29 +431,42 @@ std::optional<Failure> Supervisor::commitTrace() {
     return failure;
 }
 
-// Replaces the receipt's marks for CPU time and memory, which are known only now.
-bool Supervisor::printReceipt() {
+// The worker's receipt or plan, with CPU time and memory, which are known only now. False with
+// errno on error.
+bool Supervisor::readReceipt(std::string* text) {
     struct stat file {};
     if (fstat(mJob.receipt, &file) != 0) return false;
     std::string raw(static_cast<size_t>(file.st_size), '\0');
     const ssize_t size = pread(mJob.receipt, raw.data(), raw.size(), 0);
     if (size < 0) return false;
     raw.resize(static_cast<size_t>(size));
-    if (raw.empty()) return true;
     const Usage usage = usageOf(mUsage);
-    std::string text;
     size_t begin = 0;
-    while (begin <= raw.size()) {
+    while (begin < raw.size()) {
         const size_t mark = std::min(raw.find_first_of(kUsageMarks, begin), raw.size());
-        text += console::printable(raw.substr(begin, mark - begin), console::LineBreaks::kKeep);
-        if (mark < raw.size()) text += usageText(usage, raw[mark]);
+        text->append(raw, begin, mark - begin);
+        if (mark < raw.size()) *text += usageText(usage, raw[mark]);
         begin = mark + 1;
     }
-    return printAndCheck(text);
+    return true;
+}
+
+// Prints the receipt, or the object of the run with it. False as printAndCheck().
+bool Supervisor::printReport(const RunEnd& end, std::string_view receipt) {
+    const std::string_view members = membersOf(receipt);
+    if (mJob.printsObject || !members.empty()) {
+        makeObject(end, mWarnings, mJob.request, members.empty() ? mJob.names : members, &mObject);
+    } else {
+        mObject = receipt;
+    }
+    mObject.resize(
+        console::makePrintable(mObject.data(), mObject.size(), console::LineBreaks::kKeep));
+    return printAndCheck(mObject);
 }
 
 // False, with errno, if not all of it could be written or a signal ended the wait.
 bool Supervisor::printAndCheck(std::string_view text) {
+    if (text.empty()) return true;
     constexpr size_t kMaxWriteBytes = 4096;
     while (!text.empty()) {
         pollfd fds[] = {{STDOUT_FILENO, POLLOUT, 0}, {mSignals.fd(), POLLIN, 0}};

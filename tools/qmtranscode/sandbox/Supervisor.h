@@ -8,6 +8,7 @@
 
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/job/PendingFile.h>
+#include <qmtranscode/report/RunObject.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
 #include <stddef.h>
@@ -36,8 +37,11 @@ public:
         int receipt;          // the worker writes it there
         int libraryOutput;    // the read end of the worker's standard output and error
         bool showsLibraryOutput;
-        bool mayKeepPartial;       // a stop keeps what has been written
-        std::string emptyReceipt;  // for standard output if nothing is kept
+        bool mayKeepPartial;  // a stop keeps what has been written
+        // Print the run's JSON object, also of a run that writes nothing.
+        bool printsObject;
+        std::string request;  // a JSON value
+        std::string names;    // as namesOf()
     };
     // All outlive the object.
     Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared);
@@ -78,7 +82,12 @@ private:
     int workerCrashed();
     int publish();
     std::optional<Failure> commitTrace();
-    bool printReceipt();
+    std::optional<Failure> receivedFailure() const;
+    void warn(std::string_view text);
+    // The end of a run that leaves no output.
+    int fail(const RunEnd& end);
+    bool printReport(const RunEnd& end, std::string_view receipt);
+    bool readReceipt(std::string* text);
     bool printAndCheck(std::string_view text);
     bool readStopSignal();
     void flush(int timeoutMs);
@@ -98,8 +107,11 @@ private:
     WorkerStage mStage = WorkerStage::kOpening;
     bool mHasResult = false;
     WorkerResult mResult;
-    char mFailure[2048];
+    char mFailure[8 * 1024];
     size_t mFailureSize = 0;
+    // Both get their memory at the beginning.
+    std::string mWarnings;  // lines
+    std::string mObject;
 
     bool mStopRequested = false;
     bool mStopNow = false;

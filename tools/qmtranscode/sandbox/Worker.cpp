@@ -25,9 +25,12 @@ namespace {
 // For signal handlers and the log's aborter.
 const WorkerLink* gLink = nullptr;
 
-void sendResult(const WorkerResult& result, const std::string& failure) {
-    std::string payload(reinterpret_cast<const char*>(&result), sizeof(result));
-    gLink->send(Message::kResult, payload + failure);
+void sendResult(WorkerResult result, const Failure& failure) {
+    const std::string subject = failure.subject.substr(0, UINT16_MAX);
+    result.codeBytes = static_cast<uint16_t>(failure.code.size());
+    result.subjectBytes = static_cast<uint16_t>(subject.size());
+    const std::string payload(reinterpret_cast<const char*>(&result), sizeof(result));
+    gLink->send(Message::kResult, payload + failure.code + subject + failure.reason);
 }
 
 void reportCpuLimit(int /* signal */) { gLink->send(Message::kCpuLimit); }
@@ -48,12 +51,13 @@ void ignoreSignals() {
 }
 
 // Does not allocate, because there may be no memory left.
-[[noreturn]] void endWith(std::string_view reason, std::string_view more = {}) {
-    gLink->sendFailure(reason, more);
+[[noreturn]] void endWith(std::string_view code, std::string_view reason,
+                          std::string_view more = {}) {
+    gLink->sendFailure(code, reason, more);
     _exit(kExitFailed);
 }
 
-[[noreturn]] void endWithoutMemory() { endWith("not enough memory"); }
+[[noreturn]] void endWithoutMemory() { endWith(kMemoryCode, "not enough memory"); }
 
 // When an exception is being handled: the standard library reports a lack of memory or threads so.
 [[noreturn]] void endOnException() {
@@ -63,13 +67,15 @@ void ignoreSignals() {
         endWithoutMemory();
     } catch (const std::system_error& error) {
         if (error.code() == std::errc::resource_unavailable_try_again) {
-            endWith("a thread could not be created");
+            endWith(kThreadCode, "a thread could not be created");
         }
         throw;
     }
 }
 
-void endOnFailedCheck(const std::string& text) { endWith("internal check failed: ", text); }
+void endOnFailedCheck(const std::string& text) {
+    endWith("internal-check", "internal check failed: ", text);
+}
 
 Outcome runJob(const Options& options, int threads, JobFiles* files, const WorkerLink& link) {
     // Never destroyed, because threads of the host may log until the process ends.
@@ -113,10 +119,11 @@ void qmtranscodeRunWorker(const Options& options, JobFiles* files, const WorkerL
         endOnException();
     }
     WorkerResult result;
-    result.status = outcome.failure ? outcome.failure->status : kExitComplete;
+    const Failure failure = outcome.failure.value_or(Failure{kExitComplete, "", "", ""});
+    result.status = failure.status;
     result.keepOutput = outcome.keepOutput;
     result.traceError = outcome.traceError;
-    sendResult(result, outcome.failure ? outcome.failure->text() : "");
+    sendResult(result, failure);
     // Without destroying `files`, whose names belong to the parent.
     exit(result.status);
 }

@@ -28,9 +28,11 @@ bool WorkerLink::send(Message message, std::string_view payload) const {
     return sent > 0;
 }
 
-void WorkerLink::sendFailure(std::string_view reason, std::string_view more) const {
+void WorkerLink::sendFailure(std::string_view code, std::string_view reason,
+                             std::string_view more) const {
     WorkerResult result;
     result.status = kExitFailed;
+    result.codeBytes = static_cast<uint16_t>(code.size());
     char payload[sizeof(result) + 512];
     size_t size = 0;
     const auto add = [&payload, &size](std::string_view part) {
@@ -39,6 +41,7 @@ void WorkerLink::sendFailure(std::string_view reason, std::string_view more) con
         size += part.size();
     };
     add({reinterpret_cast<const char*>(&result), sizeof(result)});
+    add(code);
     add(reason);
     add(more);
     send(Message::kResult, {payload, size});

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 #include <utils/Mutex.h>
 
 #include <atomic>
@@ -16,11 +17,13 @@ namespace android::qmmediaeditor::cli {
 enum class Message : char {
     // From the worker.
     kLine = 'l',  // text for standard error, without the last line break
-    kBar = 'b',   // the progress bar; text between kGreenBegin and kGreenEnd is green
+    kWarning =
+        'w',     // the same; without its first word, also for the JSON object of the run
+    kBar = 'b',  // the progress bar; text between kGreenBegin and kGreenEnd is green
     kRemoveBar = 'n',
     kStage = 's',     // one WorkerStage
     kCpuLimit = 'x',  // the kernel has sent SIGXCPU
-    kResult = 'r',    // a WorkerResult, followed by the text of the failure; the last message
+    kResult = 'r',    // a WorkerResult, followed by the texts of the failure; the last message
     // To the worker.
     kStop = 't',
     kPrintState = 'e',
@@ -40,6 +43,9 @@ struct WorkerResult {
     int status = 0;           // an ExitStatus
     bool keepOutput = false;  // the output gets its name
     int traceError = 0;       // errno of the first failed write of the trace
+    // Of the failure; its reason is the rest of the message.
+    uint16_t codeBytes = 0;
+    uint16_t subjectBytes = 0;
 };
 
 class WorkerLink {
@@ -56,7 +62,8 @@ public:
 
     // Sends the result of a worker that ends with status 1; the reason is both texts. Does not
     // allocate.
-    void sendFailure(std::string_view reason, std::string_view more = {}) const;
+    void sendFailure(std::string_view code, std::string_view reason,
+                     std::string_view more = {}) const;
 
     struct Received {
         Message message;

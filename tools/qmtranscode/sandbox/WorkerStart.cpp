@@ -13,12 +13,12 @@ namespace {
 const WorkerLink* gLink = nullptr;
 
 [[noreturn]] void endWithoutMemory() {
-    gLink->sendFailure("not enough memory");
+    gLink->sendFailure(kMemoryCode, "not enough memory");
     _exit(kExitFailed);
 }
 
 [[noreturn]] void endWithoutLibrary(const WorkerLink& link) {
-    link.sendFailure("the worker process cannot start: ", dlerror());
+    link.sendFailure("no-worker", "the worker process cannot start: ", dlerror());
     _exit(kExitFailed);
 }
 
