@@ -8,10 +8,10 @@
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/Loudness.h>
 #include <qmtranscode/job/Request.h>
+#include <qmtranscode/job/RunControl.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
 
 #include <memory>
@@ -22,6 +22,9 @@
 namespace android::qmmediaeditor::cli {
 
 class Progress;
+
+// What the options give, without what follows from the input.
+HostOptions hostOptions(const Options& options, int threads);
 
 // How a job ends. The receipt or the plan is written by then.
 struct Outcome {
@@ -34,10 +37,11 @@ struct Outcome {
 
 class Job {
 public:
-    // All pointers outlive the job, and the log must go to `monitor`. `host` is what the options
-    // give; the job adds its observer and what follows from the input.
+    // All pointers outlive the job. The log must go to `monitor`; without one, which is null then,
+    // there are no plan and no trace. `host` is what the options give; the job adds its observer
+    // and what follows from the input.
     Job(const Options& options, const HostOptions& host, JobFiles* files, TraceFile* trace,
-        WorkerControl* control, RunMonitor* monitor, RunObserver* observer)
+        RunControl* control, RunMonitor* monitor, RunObserver* observer)
         : mOptions(options),
           mHost(host),
           mInput(files->input),
@@ -64,6 +68,7 @@ private:
     std::optional<Failure> measureLoudness();
     // Writes the plan.
     std::optional<Failure> plan();
+    void showProgress(int32_t percent, Progress* progress);
     // Runs the session. The result is its code.
     int32_t transcode(int outputFd, Progress* progress);
     // From the session's code to the receipt.
@@ -91,7 +96,7 @@ private:
     const PendingFile& mOutput;
     TraceFile* const mTrace;
     const int mReceipt;
-    WorkerControl* const mControl;
+    RunControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
     KeptPeriods mKept;

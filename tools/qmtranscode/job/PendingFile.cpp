@@ -18,8 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// One for the output and one for the trace, and as many again for tests.
-constexpr size_t kMaxHiddenNames = 4;
+// Of all jobs of a process that replace a file at the same moment.
+constexpr size_t kMaxHiddenNames = 64;
 
 // The path that symbolic links lead to, whether there is a file or not. Nothing for a loop.
 std::optional<fs::path> followLinks(fs::path path) {

@@ -86,13 +86,8 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
-    HostOptions host;
-    host.avcPreset = options.preset;
-    host.deinterlace = options.deinterlace.value_or(true);
-    host.fastStart = options.fastStart;
-    host.threads = threads;
-    host.metadata = options.metadataPolicy();
-    return Job(options, host, files, trace, &control, monitor, observer).run();
+    return Job(options, hostOptions(options, threads), files, trace, &control, monitor, observer)
+        .run();
 }
 
 }  // namespace

@@ -64,18 +64,7 @@ WorkerControl::~WorkerControl() {
     mThread.join();
 }
 
-void WorkerControl::onStop(std::function<void()> stop) {
-    Mutex::Autolock lock(mLock);
-    mStop = std::move(stop);
-    if (mStopRequested) mStop();
-}
-
-void WorkerControl::ignoreStop() {
-    Mutex::Autolock lock(mLock);
-    mStop = nullptr;
-}
-
-void WorkerControl::report(WorkerStage stage) const {
+void WorkerControl::report(WorkerStage stage) {
     const char code = static_cast<char>(stage);
     mLink.send(Message::kStage, {&code, 1});
 }
@@ -84,10 +73,7 @@ void WorkerControl::receiveRequests() {
     char buffer[WorkerLink::kBufferBytes];
     while (const auto received = mLink.receive(buffer)) {
         if (received->message == Message::kPrintState) mPrintState();
-        if (received->message != Message::kStop || mStopRequested) continue;
-        Mutex::Autolock lock(mLock);
-        mStopRequested = true;
-        if (mStop) mStop();
+        if (received->message == Message::kStop) requestStop();
     }
 }
 

@@ -2,6 +2,7 @@
 // sent and received as a unit.
 #pragma once
 
+#include <qmtranscode/job/RunControl.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <utils/Mutex.h>
@@ -16,10 +17,9 @@ namespace android::qmmediaeditor::cli {
 
 enum class Message : char {
     // From the worker.
-    kLine = 'l',  // text for standard error, without the last line break
-    kWarning =
-        'w',     // the same; without its first word, also for the JSON object of the run
-    kBar = 'b',  // the progress bar; text between kGreenBegin and kGreenEnd is green
+    kLine = 'l',     // text for standard error, without the last line break
+    kWarning = 'w',  // the same; without its first word, also for the JSON object of the run
+    kBar = 'b',      // the progress bar; text between kGreenBegin and kGreenEnd is green
     kRemoveBar = 'n',
     kStage = 's',     // one WorkerStage
     kCpuLimit = 'x',  // the kernel has sent SIGXCPU
@@ -31,13 +31,6 @@ enum class Message : char {
 
 constexpr char kGreenBegin = 1;
 constexpr char kGreenEnd = 2;
-
-enum class WorkerStage : char {
-    kOpening,
-    kStarting,     // the run goes on, and nothing has been written that could be kept
-    kTranscoding,  // a stop keeps what has been written
-    kVerifying,
-};
 
 struct WorkerResult {
     int status = 0;           // an ExitStatus
@@ -80,33 +73,20 @@ private:
 
 // The worker's end of the connection: receives the requests of the parent on a thread of its own,
 // and reports stages to it.
-class WorkerControl {
+class WorkerControl : public RunControl {
 public:
     // `link` outlives the object; `printState` is called on the thread.
     WorkerControl(const WorkerLink& link, std::function<void()> printState);
     // Shuts the link down for reading.
-    ~WorkerControl();
+    ~WorkerControl() override;
 
-    // `stop` is called once, on the thread: at the first request to stop, or immediately if there
-    // was one. After `ignoreStop` has returned, it is not called any more.
-    void onStop(std::function<void()> stop);
-    void ignoreStop();
-    bool stopRequested() const { return mStopRequested; }
-
-    void report(WorkerStage stage) const;
+    void report(WorkerStage stage) override;
 
 private:
-    WorkerControl(const WorkerControl&) = delete;
-    WorkerControl& operator=(const WorkerControl&) = delete;
-
     void receiveRequests();
 
     const WorkerLink& mLink;
     const std::function<void()> mPrintState;
-    // Written by the thread, read by any.
-    std::atomic<bool> mStopRequested{false};
-    Mutex mLock;
-    std::function<void()> mStop GUARDED_BY(mLock);
     std::thread mThread;
 };
 
