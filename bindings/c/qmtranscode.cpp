@@ -1,3 +1,4 @@
+#include <host/Host.h>
 #include <qmtranscode/qmtranscode.h>
 #include <utils/Mutex.h>
 
@@ -187,6 +188,19 @@ qmt_status newJob(const char* text, qmt_job* handle) {
 using namespace android::qmmediaeditor;
 
 const char* qmt_version(void) { return QMTRANSCODE_VERSION; }
+
+qmt_status qmt_configure_process(uint32_t settings) {
+    return api::guarded([settings]() -> qmt_status {
+        if ((settings & ~static_cast<uint32_t>(QMT_LIMIT_ALLOCATIONS | QMT_QUIET)) != 0) {
+            return api::failed(QMT_INVALID_ARGUMENT, "invalid-argument", "unknown setting");
+        }
+        ProcessOptions options;
+        options.limitsAllocations = (settings & QMT_LIMIT_ALLOCATIONS) != 0;
+        options.isQuiet = (settings & QMT_QUIET) != 0;
+        configureProcess(options);
+        return QMT_OK;
+    });
+}
 
 qmt_status qmt_job_new(const char* request, qmt_job* job) {
     return api::guarded([&]() -> qmt_status {

@@ -14,7 +14,8 @@
  * @endcode
  *
  * Everything here is inline, on top of the C API of qmtranscode.h: link with libqmtranscode only.
- * What qmtranscode.h says of threads and of the process applies here as well.
+ * What qmtranscode.h says of threads and of the process applies here as well, and its
+ * qmt_configure_process() is for both.
  */
 #pragma once
 

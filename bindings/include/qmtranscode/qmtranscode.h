@@ -38,10 +38,10 @@
  * Threads: any thread may call any function. Several jobs may run at once.
  *
  * The process: without "isolate" a job changes nothing of the process: no signal handlers, no
- * locale, no log, no allocator settings. FFmpeg's libraries print warnings on damaged files on
- * standard error, unless av_log_set_level() or av_log_set_callback() of this process says
- * otherwise. A broken invariant of the library aborts the process with one line that begins with
- * the name of a source file; with "isolate" it is an error of the job.
+ * locale, no log, no allocator settings. What can be set for the process only is
+ * qmt_configure_process(). Without it, FFmpeg's libraries and liblog print warnings on standard
+ * error. A broken invariant of the library aborts the process with one line on standard error that
+ * begins with a date or the name of a source file; with "isolate" it is an error of the job.
  *
  * Mistakes: each function checks its handle and its pointers for null, and returns an error. No
  * mistake with these functions aborts the process, except a pointer that does not lead to text, and
@@ -81,6 +81,17 @@ typedef enum qmt_status {
     QMT_NO_MEMORY = -6
 } qmt_status;
 
+/** What qmt_configure_process() does; to be combined with |. */
+enum {
+    /**
+     * Limits each allocation of FFmpeg's libraries in this process to 256 MiB, because a few bytes
+     * of a file can ask for any amount. Cannot be undone. "isolate" does it in its program.
+     */
+    QMT_LIMIT_ALLOCATIONS = 1,
+    /** FFmpeg's libraries and liblog print nothing on standard error, except a failed check. */
+    QMT_QUIET = 2
+};
+
 /** A job. 0 is never one, and a number is never used again. */
 typedef uint64_t qmt_job;
 
@@ -97,6 +108,15 @@ typedef void (*qmt_progress)(void* context, int32_t percent);
 
 /** The version of the library, such as "0.1.0". Static. */
 const char* qmt_version(void);
+
+/**
+ * Settings of other libraries that they have for the process only, and so for its other users of
+ * these libraries as well. Optional; before the first job.
+ *
+ * @param settings QMT_LIMIT_ALLOCATIONS, QMT_QUIET or both.
+ * @return QMT_OK, or QMT_INVALID_ARGUMENT for another value.
+ */
+qmt_status qmt_configure_process(uint32_t settings);
 
 /**
  * Makes a job. Reads no file but the list of a request with "list".

@@ -82,7 +82,7 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     static auto* const monitor = new RunMonitor;
     static auto* const observer = new RunObserver;
     static auto* const trace = new TraceFile(files->trace);
-    configureProcess({true, true});
+    configureProcess({true, true, false});
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
