@@ -95,7 +95,8 @@ class Job:
                 raised.append(error)
                 self.cancel()
 
-        status = library.qmt_job_run(self._handle, PROGRESS() if progress is None else PROGRESS(call), None)
+        function = ctypes.cast(0, PROGRESS) if progress is None else PROGRESS(call)
+        status = library.qmt_job_run(self._handle, function, None)
         receipt = self._receipt() if status >= 0 else None
         if raised:
             raise raised[0]
@@ -107,19 +108,20 @@ class Job:
     def run(self, progress: Optional[Progress] = None) -> Receipt:
         """Runs the job in a thread of its own, and waits for its end. Ctrl-C cancels the job."""
         outcome: Dict[str, Any] = {}
+        ended = threading.Event()
 
         def work() -> None:
             try:
                 outcome["receipt"] = self.run_here(progress)
             except BaseException as error:  # pylint: disable=broad-except
                 outcome["error"] = error
+            ended.set()
 
-        thread = threading.Thread(target=work, name="qmtranscode", daemon=True)
-        thread.start()
+        threading.Thread(target=work, name="qmtranscode", daemon=True).start()
         interrupt: Optional[BaseException] = None
-        while thread.is_alive():
+        while not ended.is_set():
             try:
-                thread.join()
+                ended.wait()
             except BaseException as error:  # pylint: disable=broad-except
                 # KeyboardInterrupt, or what another signal handler raises.
                 interrupt = interrupt or error
