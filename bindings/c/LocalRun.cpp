@@ -138,11 +138,14 @@ JobEnd LocalRun::conclude(const cli::Options& options, const cli::Outcome& outco
     cli::Usage usage = processUsage();
     usage.cpuSeconds -= mCpuSecondsBefore;
     std::string receipt;
-    if (isKept && !cli::readReceipt(files->receipt, usage, &receipt)) receipt.clear();
+    const bool isReported = isKept || (!failure && !outcome.keepOutput);
+    if (isReported && !cli::readReceipt(files->receipt, usage, &receipt)) receipt.clear();
 
     JobEnd end;
     cli::RunEnd head;
-    head.status = isKept ? (failure ? "stopped" : "complete") : "failed";
+    head.status = failure ? (isKept ? "stopped" : "failed") : "complete";
+    if (outcome.ending == cli::Ending::kAlready && !failure) head.status = "already";
+    if (outcome.ending == cli::Ending::kCopied && !failure) head.status = "kept";
     if (failure) {
         if (!isKept && failure->status == cli::kExitStopped) head.status = "nothing written";
         end.status = head.exitStatus = failure->status;

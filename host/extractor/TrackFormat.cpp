@@ -189,6 +189,15 @@ bool setCodecConfig(const AVCodecParameters& parameters, const sp<AMessage>& for
     }
 }
 
+// Whether decoded frames are what encoders get: 8 bit, 4:2:0, of standard dynamic range, and with
+// square samples.
+bool hasOutputFrames(AVFormatContext& context, AVStream& stream) {
+    const AVCodecParameters& parameters = *stream.codecpar;
+    const AVRational aspect = av_guess_sample_aspect_ratio(&context, &stream, nullptr);
+    return parameters.format == AV_PIX_FMT_YUV420P && !isHdr(tagValue(parameters.color_trc)) &&
+           (aspect.num == 0 || aspect.num == aspect.den);
+}
+
 void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackProperties& properties,
                   const sp<AMessage>& format) {
     const Size size = displaySize(context, stream);
@@ -201,7 +210,10 @@ void setVideoKeys(AVFormatContext& context, AVStream& stream, const TrackPropert
     if (const int degrees = rotationDegrees(stream); degrees != 0) {
         format->setInt32("rotation-degrees", degrees);
     }
-    if (isHdr(tagValue(stream.codecpar->color_trc))) format->setInt32("android._is-hdr", 1);
+    const AVCodecParameters& parameters = *stream.codecpar;
+    if (isHdr(tagValue(parameters.color_trc))) format->setInt32("android._is-hdr", 1);
+    if (parameters.field_order > AV_FIELD_PROGRESSIVE) format->setInt32("is-interlaced", 1);
+    if (hasOutputFrames(context, stream)) format->setInt32("has-output-frames", 1);
 }
 
 bool isEncrypted(const AVStream& stream) {

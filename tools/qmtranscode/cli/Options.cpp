@@ -56,6 +56,7 @@ const Choices<bool> kPartialChoices = {{"keep", true}, {"discard", false}};
 const std::vector<std::string> kPresets = {"ultrafast", "superfast", "veryfast", "faster",
                                            "fast",      "medium",    "slow",     "slower",
                                            "veryslow",  "placebo"};
+const std::vector<std::string> kPlanKinds = {"full", "quick"};
 const std::vector<std::string> kLogFormats = {"brief", "process", "tag",        "thread",
                                               "raw",   "time",    "threadtime", "long"};
 // Names that belong to other containers.
@@ -126,6 +127,15 @@ CLI::Validator bitrate() {
         if (!value) {
             return refusal(text, "expected bits per second from 1k to 2147M, such as 128k or 4M");
         }
+        text = std::to_string(*value);
+        return std::string();
+    });
+}
+
+CLI::Validator bytes() {
+    return check([](std::string& text) {
+        const std::optional<int64_t> value = parseBytes(text);
+        if (!value) return refusal(text, "expected bytes from 1k to 9000G, such as 500k or 25M");
         text = std::to_string(*value);
         return std::string();
     });
@@ -378,16 +388,26 @@ void CommandLine::define() {
              "allow it.");
     app.add_flag("--overwrite", o.overwrite);
     describe("--overwrite", "", "replace OUTPUT if it exists");
+    app.add_flag("--if-missing", o.ifMissing);
+    describe("--if-missing", "", "do nothing if OUTPUT is complete; replace it if it is shorter",
+             "An OUTPUT that this request would not make is refused.");
+    app.add_flag("--if-needed", o.ifNeeded);
+    describe("--if-needed", "", "copy INPUT if it already is what is asked for",
+             "The reasons for which it is encoded are in the JSON object.");
+    app.add_option("--max-bytes", o.maxBytes)->transform(bytes());
+    describe("--max-bytes", "SIZE", "max size of OUTPUT, such as 25M; sets the bit rate",
+             "The run is repeated at most twice when the size is exceeded.");
     app.add_option("--partial", o.keepPartial)->transform(oneOf(kPartialChoices));
     describe("--partial", "CHOICE", "keep or discard the shorter file after a stop; default keep",
              "", wordsOf(kPartialChoices));
 
     mGroup = "Reports";
-    app.add_flag("--plan", o.plan);
-    describe("--plan", "", "print what would be done, as JSON, and write nothing",
-             "The plan names the tracks and why each is used or not, the decoders and encoders, "
-             "each value of the output and where it comes from, the seek points of the periods, "
-             "and an estimate of size and time from a dry run of two seconds.");
+    app.add_flag("--plan{full}", o.planKind)->check(oneOf(kPlanKinds));
+    describe(
+        "--plan", "", "print what would be done, as JSON; --plan=quick without a dry run",
+        "Nothing is written. The plan names the tracks and why each is used or not, the decoders and encoders, "
+        "each value of the output and where it comes from, the seek points of the periods, "
+        "and an estimate of size and time from a dry run of two seconds.");
     app.add_flag("--json", o.json);
     describe("--json", "", "print one JSON object: how the run ended, and the receipt",
              "Its schema is in share/qmtranscode/run.schema.json.");
@@ -433,6 +453,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
                        "missing-argument"};
     }
     mOptions.request = request();
+    mOptions.plan = mApp["--plan"]->count() > 0;
     if (auto failure = checkCombinations()) return *failure;
     return mOptions;
 }
@@ -446,7 +467,7 @@ std::string CommandLine::request() const {
         std::transform(name.begin(), name.end(), name.begin(), ::tolower);
         Json& value = request[name.substr(name.find_first_not_of('-'))];
         if (given == mGiven.end()) {
-            value = true;
+            value = option->results().back() != "quick" ? Json(true) : Json("quick");
         } else if (option->get_items_expected_max() > 1) {
             value = given->second;
         } else {
@@ -558,7 +579,11 @@ std::optional<Failure> CommandLine::checkConflicts() const {
         {"--no-audio",
          {"--audio-track", "--audio-bitrate", "--audio-rate", "--audio-channels", "--audio-codec",
           "--volume", "--loudness"}},
-        {"--volume", {"--loudness"}}};
+        {"--volume", {"--loudness"}},
+        {"--max-bytes",
+         {"--video-bitrate", "--audio-bitrate", "--quality", "--if-needed", "--no-video"}},
+        {"--if-needed", {"--if-missing"}},
+        {"--plan", {"--if-missing", "--if-needed"}}};
     for (const auto& [option, others] : kConflicts) {
         if (mApp[option]->count() == 0) continue;
         for (const std::string& other : others) {

@@ -69,11 +69,20 @@ struct Options {
     std::string preset = "veryfast";
     // Of each video codec; by default, as many as there are available CPUs.
     std::optional<int32_t> threads;
+    // An OUTPUT that is the complete output of this request is left as it is, and a shorter one is
+    // replaced.
+    bool ifMissing = false;
+    // An input that is what the request asks for is copied.
+    bool ifNeeded = false;
+    // The max size of the output in bytes.
+    std::optional<int64_t> maxBytes;
     // After a stop: keep the shorter file, or remove it.
     bool keepPartial = true;
 
     // Print what would be done, and write nothing.
     bool plan = false;
+    // "full", or "quick": without a dry run.
+    std::string planKind;
     // The receipt as JSON.
     bool json = false;
     // By default, a bar on a terminal.

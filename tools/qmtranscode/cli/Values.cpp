@@ -55,23 +55,36 @@ std::optional<int64_t> parseInteger(std::string_view text, int64_t min, int64_t 
     return isWhole && value >= min && value <= max ? std::optional(value) : std::nullopt;
 }
 
-std::optional<int32_t> parseBitrate(std::string_view text) {
+namespace {
+
+// A number with a decimal unit, from 1000: less is more likely a forgotten unit.
+std::optional<int64_t> parseScaled(std::string_view text, int64_t max) {
     if (!startsWithDigit(text)) return std::nullopt;
     double unit = 1;
-    if (text.back() == 'k' || text.back() == 'K') unit = 1000;
-    if (text.back() == 'M') unit = 1000000;
+    if (text.back() == 'k' || text.back() == 'K') unit = 1e3;
+    if (text.back() == 'M') unit = 1e6;
+    if (text.back() == 'G') unit = 1e9;
     if (unit > 1) text.remove_suffix(1);
     double number = 0;
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number, std::chars_format::fixed);
     if (error != std::errc() || rest != end) return std::nullopt;
-    const double bitrate = std::round(number * unit);
-    // Below the minimum, no video or audio is left; more likely, the unit was forgotten.
-    constexpr int32_t kMinBitrate = 1000;
-    if (bitrate < kMinBitrate || bitrate > std::numeric_limits<int32_t>::max()) {
-        return std::nullopt;
-    }
-    return static_cast<int32_t>(bitrate);
+    const double value = std::round(number * unit);
+    constexpr double kMin = 1000;
+    if (value < kMin || value > static_cast<double>(max)) return std::nullopt;
+    return static_cast<int64_t>(value);
+}
+
+}  // namespace
+
+std::optional<int32_t> parseBitrate(std::string_view text) {
+    const std::optional<int64_t> value = parseScaled(text, std::numeric_limits<int32_t>::max());
+    return value ? std::optional(static_cast<int32_t>(*value)) : std::nullopt;
+}
+
+std::optional<int64_t> parseBytes(std::string_view text) {
+    constexpr int64_t kMaxBytes = 9000000000000;
+    return parseScaled(text, kMaxBytes);
 }
 
 std::optional<Size> parseSize(std::string_view text) {

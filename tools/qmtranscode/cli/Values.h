@@ -18,6 +18,9 @@ std::optional<int64_t> parseInteger(std::string_view text, int64_t min, int64_t 
 // Bits per second, from 1000: "64000", "128k" or "1.5M".
 std::optional<int32_t> parseBitrate(std::string_view text);
 
+// Bytes, from 1000: "25000000", "25M" or "1.5G".
+std::optional<int64_t> parseBytes(std::string_view text);
+
 // "640x360".
 std::optional<Size> parseSize(std::string_view text);
 

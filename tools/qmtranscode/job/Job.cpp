@@ -12,6 +12,8 @@
 #include <qmtranscode/report/Progress.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -31,14 +33,12 @@ HostOptions hostOptions(const Options& options, int threads) {
 Outcome Job::run() {
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
-    // The session closes it.
-    const int outputFd = mOutput.duplicate();
-    if (outputFd < 0) return {systemFailure(kExitFailed, mOutput.path(), errno)};
+    if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
                       outputLengthUs(mKept, mInput.media()), *mObserver);
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
-    const int32_t result = transcode(outputFd, &progress);
+    const int32_t result = transcodeToFit(&progress);
     Outcome outcome = conclude(result, &progress);
     if (hasTrace) outcome.traceError = mTrace->end();
     return outcome;
@@ -84,11 +84,31 @@ std::optional<Failure> Job::prepare() {
         mOutputFormat->findInt32("video-height", &size.height)) {
         mHost.frameSize = size;
     }
+    if (auto failure = setSizeLimit()) return failure;
     const VideoRate rate = videoRate(mOptions, mInput.media());
     mHost.avcQuality = rate.quality;
     mHost.avcMaxBitrate = rate.maxBitrate;
     if (auto failure = setGains()) return failure;
     makePlatform();
+    return std::nullopt;
+}
+
+std::optional<Failure> Job::setSizeLimit() {
+    if (!mOptions.maxBytes) return std::nullopt;
+    const MediaFile& media = mInput.media();
+    const auto format = describeOutput(mOptions, media);
+    if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+    mSizeLimit.emplace(mOptions, media, outputLengthUs(mKept, media),
+                       std::get<sp<AMessage>>(format));
+    if (auto failure = mSizeLimit->check()) return failure;
+    return applyRates();
+}
+
+std::optional<Failure> Job::applyRates() {
+    mSizeLimit->apply(&mOptions);
+    const auto format = makeOutputFormat(mOptions, mInput.media());
+    if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+    mOutputFormat = std::get<sp<AMessage>>(format);
     return std::nullopt;
 }
 
@@ -169,6 +189,12 @@ std::optional<Failure> Job::checkChosenTracks() const {
 }
 
 std::optional<Failure> Job::plan() {
+    if (mOptions.planKind == "quick") {
+        const auto format = describeOutput(mOptions, mInput.media());
+        if (const auto* failure = std::get_if<Failure>(&format)) return *failure;
+        return writeReceipt(
+            planJson(mOptions, mInput, mKept, plannedRun(std::get<sp<AMessage>>(format))));
+    }
     const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor, mObserver);
     if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
     return writeReceipt(planJson(mOptions, mInput, mKept, std::get<DryRun>(result)));
@@ -182,7 +208,74 @@ void Job::showProgress(int32_t percent, Progress* progress) {
     mControl->reportProgress(percent);
 }
 
-int32_t Job::transcode(int outputFd, Progress* progress) {
+std::optional<Outcome> Job::endEarly() {
+    if (mExisting >= 0 && mOptions.ifMissing) {
+        OutputComparison comparison = compareOutput(mOptions, mInput, mKept, mExisting);
+        if (auto failure = mInput.checkReads(*mObserver)) return Outcome{failure};
+        if (comparison.others.empty() && comparison.missing.empty()) {
+            return Outcome{reportFile(mExisting, "already complete"), false, 0, Ending::kAlready};
+        }
+        if (!comparison.others.empty() && !mOptions.overwrite) {
+            return Outcome{
+                Failure{kExitUsage, mOutput.path(),
+                        fmt::format("the file exists and is no output of this request, because {}; "
+                                    "--overwrite would replace it",
+                                    comparison.others.front()),
+                        "output-differs"}};
+        }
+        mBecause = comparison.others.empty() ? comparison.missing : comparison.others;
+    }
+    if (!mOptions.ifNeeded) return std::nullopt;
+    mBecause = whyNeeded(mOptions, mInput, mKept);
+    if (auto failure = mInput.checkReads(*mObserver)) return Outcome{failure};
+    return mBecause.empty() ? std::optional(copyInput()) : std::nullopt;
+}
+
+Outcome Job::copyInput() {
+    mControl->report(WorkerStage::kStarting);
+    if (copyFile(mInput.fd(), mOutput.fd()) != 0) {
+        return {systemFailure(kExitFailed, mOutput.path(), errno)};
+    }
+    mControl->report(WorkerStage::kVerifying);
+    if (auto failure = mInput.checkReads(*mObserver)) return {failure};
+    if (auto failure = reportFile(mOutput.fd(), "a copy of the input")) return {failure};
+    return {std::nullopt, true, 0, Ending::kCopied};
+}
+
+std::optional<Failure> Job::reportFile(int fd, const char* what) const {
+    struct stat file {};
+    if (fstat(fd, &file) != 0) return systemFailure(kExitFailed, mOutput.path(), errno);
+    if (!mOptions.json) {
+        return writeReceipt(fmt::format("{}: {}\n", console::printable(mOutput.path()), what));
+    }
+    return writeReceipt(
+        dumpJson({{"input", mInput.path()}, {"output", mOutput.path()}, {"bytes", file.st_size}}));
+}
+
+int32_t Job::transcodeToFit(Progress* progress) {
+    int32_t result = transcode(progress);
+    constexpr int kMaxRuns = 3;
+    while (mSizeLimit && result == OK && mRuns < kMaxRuns) {
+        struct stat file {};
+        if (fstat(mOutput.fd(), &file) != 0) break;
+        if (!mSizeLimit->correct(file.st_size, mObserver->position().timeUs)) break;
+        applyRates();
+        makePlatform();
+        progress->restart();
+        result = transcode(progress);
+    }
+    return result;
+}
+
+int32_t Job::transcode(Progress* progress) {
+    ++mRuns;
+    // The session closes it.
+    const int outputFd = mOutput.duplicate();
+    if (outputFd < 0 || ftruncate(outputFd, 0) != 0 || lseek(outputFd, 0, SEEK_SET) != 0) {
+        mObserver->onWriteError(errno);
+        if (outputFd >= 0) close(outputFd);
+        return kSessionFailed;
+    }
     const int64_t startUs = nowUs();
     if (mMonitor != nullptr) mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
     int32_t result;
@@ -216,6 +309,14 @@ Outcome Job::concludeComplete(Progress* progress) {
                         kVerificationCode}};
     }
     if (auto failure = checkTracks(*receipt.contents)) return {failure};
+    if (mOptions.maxBytes && receipt.contents->media.sizeBytes > *mOptions.maxBytes) {
+        return {Failure{kExitUnusable, mInput.path(),
+                        fmt::format("--max-bytes {} cannot be met: at the lowest bit rate that was "
+                                    "tried, the output has {} bytes; a smaller frame size (--fit) "
+                                    "would help",
+                                    *mOptions.maxBytes, receipt.contents->media.sizeBytes),
+                        "max-bytes-not-met"}};
+    }
     printInterlaced();
     receipt.isComplete = true;
     progress->finish();
@@ -308,6 +409,8 @@ Receipt Job::makeReceipt() const {
     receipt.quality = mHost.avcQuality;
     receipt.inputLoudness = mInputLoudness;
     receipt.loudness = mLoudness;
+    receipt.because = mBecause;
+    if (mOptions.maxBytes) receipt.runs = mRuns;
     receipt.statistics = mStatistics;
     receipt.video = mObserver->video();
     receipt.audio = mObserver->audio();

@@ -5,10 +5,12 @@
 #include <host/Host.h>
 #include <qmtranscode/cli/Failure.h>
 #include <qmtranscode/cli/Options.h>
+#include <qmtranscode/job/Comparison.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/Loudness.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/RunControl.h>
+#include <qmtranscode/job/SizeLimit.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Receipt.h>
@@ -33,6 +35,7 @@ struct Outcome {
     // The output is to get its name: it is complete, or valid up to the time of a stop.
     bool keepOutput = false;
     int traceError = 0;  // errno of the first failed write of the trace
+    Ending ending = Ending::kTranscoded;
 };
 
 class Job {
@@ -46,6 +49,7 @@ public:
           mHost(host),
           mInput(files->input),
           mOutput(files->output),
+          mExisting(files->existing),
           mTrace(trace),
           mReceipt(files->receipt),
           mControl(control),
@@ -69,8 +73,18 @@ private:
     // Writes the plan.
     std::optional<Failure> plan();
     void showProgress(int32_t percent, Progress* progress);
+    // For --if-missing and --if-needed: how the run ends without encoding; nothing if it is needed.
+    std::optional<Outcome> endEarly();
+    Outcome copyInput();
+    // Repeats the run with lower rates while the output is larger than --max-bytes allows.
+    int32_t transcodeToFit(Progress* progress);
+    // Sets the bit rates for --max-bytes.
+    std::optional<Failure> setSizeLimit();
+    std::optional<Failure> applyRates();
+    // Writes the receipt of a file that was not encoded.
+    std::optional<Failure> reportFile(int fd, const char* what) const;
     // Runs the session. The result is its code.
-    int32_t transcode(int outputFd, Progress* progress);
+    int32_t transcode(Progress* progress);
     // From the session's code to the receipt.
     Outcome conclude(int32_t result, Progress* progress);
     Outcome concludeComplete(Progress* progress);
@@ -87,13 +101,15 @@ private:
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;
     std::optional<Failure> writeReceipt(const std::string& text) const;
 
-    const Options& mOptions;
+    // What the options leave open, such as the rates for --max-bytes, is added.
+    Options mOptions;
     HostOptions mHost;
     std::shared_ptr<Platform> mPlatform;
     // Of the thread of run().
     std::optional<Platform::Scope> mScope;
     JobInput& mInput;
     const PendingFile& mOutput;
+    const int mExisting;  // as JobFiles::existing
     TraceFile* const mTrace;
     const int mReceipt;
     RunControl* const mControl;
@@ -107,6 +123,10 @@ private:
     // Before and after the gains of --loudness, in LUFS.
     std::optional<double> mInputLoudness;
     std::optional<double> mLoudness;
+    // Why the input is encoded although --if-missing or --if-needed is given.
+    Differences mBecause;
+    std::optional<SizeLimit> mSizeLimit;
+    int mRuns = 0;
     double mWallSeconds = 0;
 };
 

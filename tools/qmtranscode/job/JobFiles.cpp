@@ -53,7 +53,9 @@ bool JobInput::isSameFile(const struct stat* file) const {
 }
 
 JobFiles::~JobFiles() {
-    if (receipt >= 0) close(receipt);
+    for (const int fd : {receipt, existing}) {
+        if (fd >= 0) close(fd);
+    }
 }
 
 std::optional<Failure> JobFiles::open(const Options& options) {
@@ -69,10 +71,15 @@ std::optional<Failure> JobFiles::open(const Options& options) {
     if (input.isSameFile(output.older())) {
         return Failure{kExitUsage, options.output, "this is the input file", "same-file"};
     }
-    if (auto failure = output.checkPlace(options.overwrite)) return failure;
+    const bool overwrite = options.overwrite || options.ifMissing;
+    if (auto failure = output.checkPlace(overwrite)) return failure;
     if (options.plan) return std::nullopt;
+    if (options.ifMissing && output.older() != nullptr && output.older()->st_size > 0) {
+        existing = ::open(options.output.c_str(), O_RDONLY | O_CLOEXEC);
+        if (existing < 0) return systemFailure(exitStatusOf(errno), options.output, errno);
+    }
     if (auto failure = openTrace(options)) return failure;
-    return output.create(options.overwrite);
+    return output.create(overwrite);
 }
 
 std::optional<Failure> JobFiles::openTrace(const Options& options) {

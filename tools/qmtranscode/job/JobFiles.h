@@ -50,6 +50,8 @@ struct JobFiles {
     PendingFile output;
     PendingFile trace;
     int receipt = -1;  // memory shared by both processes
+    // The older file under the output's name, for --if-missing; -1 if there is none with content.
+    int existing = -1;
 
     JobFiles() = default;
     ~JobFiles();

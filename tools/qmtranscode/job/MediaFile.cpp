@@ -48,8 +48,14 @@ VideoTrack readVideoTrack(const sp<AMessage>& format, size_t index, const AStrin
     }
     format->findInt32("rotation-degrees", &track.rotation);
     format->findInt32("frame-rate", &track.frameRate);
+    float average = 0;
+    format->findFloat("average-frame-rate", &average);
+    track.averageFrameRate = average > 0 ? double{average} : static_cast<double>(track.frameRate);
     format->findInt32("bitrate", &track.bitrate);
     track.language = readLanguage(format);
+    int32_t flag = 0;
+    track.isInterlaced = format->findInt32("is-interlaced", &flag);
+    track.hasOutputFrames = format->findInt32("has-output-frames", &flag);
     return track;
 }
 

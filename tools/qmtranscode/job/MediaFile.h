@@ -31,10 +31,14 @@ struct VideoTrack {
     int64_t durationUs = 0;
     int32_t width = 0;  // pixels, before rotation
     int32_t height = 0;
-    int32_t rotation = 0;   // degrees clockwise
-    int32_t frameRate = 0;  // frames per second
-    int32_t bitrate = 0;    // bits per second
-    std::string language;   // ISO 639-2/T; empty if unknown
+    int32_t rotation = 0;         // degrees clockwise
+    int32_t frameRate = 0;        // frames per second
+    double averageFrameRate = 0;  // frames per second
+    int32_t bitrate = 0;          // bits per second
+    std::string language;         // ISO 639-2/T; empty if unknown
+    bool isInterlaced = false;
+    // 8 bit, 4:2:0, of standard dynamic range, with square samples.
+    bool hasOutputFrames = false;
 };
 
 struct AnyTrack {

@@ -42,7 +42,7 @@ std::optional<std::string> OutputVerifier::verify(const OutputContents& output) 
     if (mInput.media().uuidData != output.media.uuidData) {
         return "the uuid data differs from the input's";
     }
-    return verifyMetadata(output.media);
+    return metadataFault(mInput.media(), mPolicy, output.media);
 }
 
 std::optional<std::string> OutputVerifier::verifyVideo(const OutputContents& output) const {
@@ -87,9 +87,9 @@ std::optional<std::string> OutputVerifier::verifyAudio(const OutputContents& out
                        secondsText(encodedUs));
 }
 
-// Also finds what must not be there, the location above all.
-std::optional<std::string> OutputVerifier::verifyMetadata(const MediaFile& output) const {
-    const auto expected = selectMetadata(mInput.media().metadata, mPolicy).fields;
+std::optional<std::string> metadataFault(const MediaFile& input, MetadataPolicy policy,
+                                         const MediaFile& output) {
+    const auto expected = selectMetadata(input.metadata, policy).fields;
     if (output.metadata.fields != expected) {
         const auto& longer =
             output.metadata.fields.size() > expected.size() ? output.metadata.fields : expected;
@@ -101,8 +101,7 @@ std::optional<std::string> OutputVerifier::verifyMetadata(const MediaFile& outpu
         return fmt::format("its metadata differs from the input's in: {}",
                            nameOf(differing->first));
     }
-    const MediaFile& input = mInput.media();
-    const bool keepsLanguages = mPolicy != MetadataPolicy::kNone;
+    const bool keepsLanguages = policy != MetadataPolicy::kNone;
     const auto hasLanguageOf = [keepsLanguages](const auto& written, const auto& read) {
         return !written || !read || written->language == (keepsLanguages ? read->language : "");
     };

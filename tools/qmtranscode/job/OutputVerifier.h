@@ -24,6 +24,11 @@ struct OutputContents {
 // Nothing if the file cannot be read to its end or has no samples.
 std::optional<OutputContents> readOutput(int fd);
 
+// How the metadata of an output differs from what `policy` keeps of the input's. Also finds what
+// must not be there, the location above all.
+std::optional<std::string> metadataFault(const MediaFile& input, MetadataPolicy policy,
+                                         const MediaFile& output);
+
 // Compares the output with what the session took from the input: the timestamp of every frame, the
 // length of the last frame, the length of the audio, the uuid data and the metadata.
 class OutputVerifier {
@@ -39,7 +44,6 @@ public:
 private:
     std::optional<std::string> verifyVideo(const OutputContents& output) const;
     std::optional<std::string> verifyAudio(const OutputContents& output) const;
-    std::optional<std::string> verifyMetadata(const MediaFile& output) const;
 
     const JobInput& mInput;
     const RunStatistics& mStatistics;

@@ -221,6 +221,10 @@ int64_t outputLengthUs(const KeptPeriods& kept, const MediaFile& input) {
 
 Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input) {
     if (!options.specifiesOutputFormat() && canKeepFormat(input)) return sp<AMessage>();
+    return describeOutput(options, input);
+}
+
+Result<sp<AMessage>> describeOutput(const Options& options, const MediaFile& input) {
     const sp<AMessage> format = new AMessage(kOutputFormatWhat);
     format->setInt32("file-format", static_cast<int32_t>(outputFileFormat(options)));
     if (input.video) {

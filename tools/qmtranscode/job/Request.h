@@ -27,6 +27,8 @@ int64_t outputLengthUs(const KeptPeriods& kept, const MediaFile& input);
 // follows the input. Each key that belongs to a track of the input is set, because a missing key
 // means a default of the session and not the input's value.
 Result<sp<AMessage>> makeOutputFormat(const Options& options, const MediaFile& input);
+// The same, never null: the format of the output where it follows the input, too.
+Result<sp<AMessage>> describeOutput(const Options& options, const MediaFile& input);
 
 // How many bits the AVC encoder spends, as HostOptions has it.
 struct VideoRate {

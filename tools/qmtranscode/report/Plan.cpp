@@ -1,4 +1,5 @@
 #include <editorutils/MediaEditorDefs.h>
+#include <media/stagefright/foundation/MediaDefs.h>
 #include <qmtranscode/cli/Values.h>
 #include <qmtranscode/job/MediaFile.h>
 #include <qmtranscode/job/Request.h>
@@ -71,6 +72,33 @@ Json wordOf(const T& value, bool asked) {
     return {{"value", value}, {"from", asked ? "asked" : "default"}};
 }
 
+// The name of a codec, null if it is not known.
+Json nameOrNull(const std::string& name) { return name.empty() ? Json() : Json(name); }
+
+const char* mimeOf(VideoCodec codec) {
+    switch (codec) {
+        case VideoCodec::kH263:
+            return MEDIA_MIMETYPE_VIDEO_H263;
+        case VideoCodec::kMpeg4:
+            return MEDIA_MIMETYPE_VIDEO_MPEG4;
+        case VideoCodec::kAvc:
+            break;
+    }
+    return MEDIA_MIMETYPE_VIDEO_AVC;
+}
+
+const char* mimeOf(AudioCodec codec) {
+    switch (codec) {
+        case AudioCodec::kAmrNb:
+            return MEDIA_MIMETYPE_AUDIO_AMR_NB;
+        case AudioCodec::kAmrWb:
+            return MEDIA_MIMETYPE_AUDIO_AMR_WB;
+        case AudioCodec::kAac:
+            break;
+    }
+    return MEDIA_MIMETYPE_AUDIO_AAC;
+}
+
 // The encoder's setting, 0 without an encoder.
 int64_t settingOf(const TrackCodecs& codecs, const char* key) {
     int32_t number = 0;
@@ -100,8 +128,8 @@ Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs&
     const bool hasSize = options.size || options.fit;
     // Width and height are those that are encoded; --size and --fit are the size after rotation.
     Json json = {
-        {"decoder", codecs.decoder},
-        {"encoder", codecs.encoder},
+        {"decoder", nameOrNull(codecs.decoder)},
+        {"encoder", nameOrNull(codecs.encoder)},
         {"codec", wordOf(codecOf(codecs), options.videoCodec.has_value())},
         {"width", numberOf(setting("width"), hasSize, input.width, kNearest)},
         {"height", numberOf(setting("height"), hasSize, input.height, kNearest)},
@@ -125,8 +153,8 @@ Json videoOf(const Options& options, const VideoTrack& input, const TrackCodecs&
 Json audioOf(const Options& options, const AudioTrack& input, const TrackCodecs& codecs) {
     const auto setting = [&codecs](const char* key) { return settingOf(codecs, key); };
     Json json = {
-        {"decoder", codecs.decoder},
-        {"encoder", codecs.encoder},
+        {"decoder", nameOrNull(codecs.decoder)},
+        {"encoder", nameOrNull(codecs.encoder)},
         {"codec", wordOf(codecOf(codecs), options.audioCodec.has_value())},
         {"sample_rate", numberOf(setting("sample-rate"), options.audioRate.has_value(),
                                  input.sampleRate, kNearest)},
@@ -168,7 +196,7 @@ Json periodsOf(const JobInput& input, const KeptPeriods& kept) {
 // Scales the results of the dry run to the length of the output.
 Json estimateOf(int64_t lengthUs, const DryRun& run) {
     Json json = {{"bytes", nullptr}, {"seconds", nullptr}, {"measured_seconds", run.wallSeconds}};
-    if (!run.output) return json;
+    if (!run.output) return nullptr;
     const int64_t measuredUs = run.output->media.durationUs();
     if (measuredUs <= 0) return json;
     const double factor = std::max(1.0, secondsOf(lengthUs) / secondsOf(measuredUs));
@@ -182,6 +210,27 @@ std::string containerName(const Options& options) {
 }
 
 }  // namespace
+
+DryRun plannedRun(const sp<AMessage>& format) {
+    const auto number = [&format](const char* key) {
+        int32_t value = 0;
+        format->findInt32(key, &value);
+        return value;
+    };
+    DryRun run;
+    run.video.format = new AMessage;
+    run.video.format->setString("mime", mimeOf(static_cast<VideoCodec>(number("video-encoder"))));
+    run.video.format->setInt32("width", number("video-width"));
+    run.video.format->setInt32("height", number("video-height"));
+    run.video.format->setInt32("frame-rate", number("video-framerate"));
+    run.video.format->setInt32("bitrate", number("video-bitrate"));
+    run.audio.format = new AMessage;
+    run.audio.format->setString("mime", mimeOf(static_cast<AudioCodec>(number("audio-encoder"))));
+    run.audio.format->setInt32("sample-rate", number("audio-samplerate"));
+    run.audio.format->setInt32("channel-count", number("audio-channels"));
+    run.audio.format->setInt32("bitrate", number("audio-bitrate"));
+    return run;
+}
 
 std::string planJson(const Options& options, const JobInput& input, const KeptPeriods& kept,
                      const DryRun& run) {

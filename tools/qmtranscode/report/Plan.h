@@ -11,6 +11,9 @@
 
 namespace android::qmmediaeditor::cli {
 
+// What is known without a dry run; `format` is that of describeOutput().
+DryRun plannedRun(const sp<AMessage>& format);
+
 // A JSON object. `run` used these options and periods.
 std::string planJson(const Options& options, const JobInput& input, const KeptPeriods& kept,
                      const DryRun& run);

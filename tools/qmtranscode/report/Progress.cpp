@@ -54,10 +54,16 @@ Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthU
     : mStyle(style),
       mName(name),
       mLengthSeconds(static_cast<double>(lengthUs) / 1e6),
-      mStartUs(nowUs()),
-      mObserver(observer) {}
+      mObserver(observer),
+      mStartUs(nowUs()) {}
 
 Progress::~Progress() { console::removeBar(); }
+
+void Progress::restart() {
+    Mutex::Autolock lock(mLock);
+    mStartUs = nowUs();
+    mLast = -1;
+}
 
 void Progress::report(int32_t percent) {
     Mutex::Autolock lock(mLock);

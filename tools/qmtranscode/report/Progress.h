@@ -19,6 +19,8 @@ public:
     // Removes the bar.
     ~Progress();
 
+    // Begins again with 0 %, for a run that is repeated.
+    void restart();
     // In percent. Values that are not above the previous one are ignored. 100 is left to finish(),
     // because only a verified file is complete.
     void report(int32_t percent);
@@ -28,14 +30,14 @@ private:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    void show(int32_t percent);
+    void show(int32_t percent) REQUIRES(mLock);
 
     const ProgressStyle mStyle;
     const std::string mName;
     const double mLengthSeconds;
-    const int64_t mStartUs;
     const RunObserver& mObserver;
     Mutex mLock;
+    int64_t mStartUs GUARDED_BY(mLock);
     int32_t mLast GUARDED_BY(mLock) = -1;
 };
 

@@ -270,6 +270,8 @@ std::string toJson(const Receipt& receipt) {
                  {"damaged_samples", skippedPackets(receipt)},
                  {"metadata", toJson(receipt.metadata)},
                  {"uuid_data", nullptr}};
+    if (!receipt.because.empty()) json["because"] = receipt.because;
+    if (receipt.runs) json["runs"] = *receipt.runs;
     if (!contents.media.uuidData.empty()) {
         json["uuid_data"] = {{"bytes", contents.media.uuidData.size()},
                              {"sha256", sha256(contents.media.uuidData)}};
@@ -295,6 +297,12 @@ std::string toText(const Receipt& receipt) {
     if (!receipt.asked.empty()) {
         for (const PeriodResult& result : resultsOf(receipt)) text += periodRows(result);
     }
+    const char* name = "because";
+    for (const std::string& reason : receipt.because) {
+        text += row(name, "{}", reason);
+        name = "";
+    }
+    if (receipt.runs) text += row("runs", "{}", *receipt.runs);
     if (skippedPackets(receipt) > 0) {
         text += row("damaged", "{} packets were skipped", skippedPackets(receipt));
     }

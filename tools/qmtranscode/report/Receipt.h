@@ -30,6 +30,8 @@ struct Receipt {
     // In LUFS, where --loudness has changed it: before the gains, and after them.
     std::optional<double> inputLoudness;
     std::optional<double> loudness;
+    std::vector<std::string> because;  // why it was encoded, where that depends on a file
+    std::optional<int> runs;           // where it was repeated to meet a size
     RunStatistics statistics;
     TrackCodecs video;
     TrackCodecs audio;

@@ -35,8 +35,8 @@ bool readReceipt(int fd, const Usage& usage, std::string* text);
 
 // How a run ends.
 struct RunEnd {
-    // "complete", "stopped" with a shorter file, "nothing written" after a stop, "failed" or
-    // "planned".
+    // "complete", "already" and "kept" for --if-missing and --if-needed, "stopped" with a shorter
+    // file, "nothing written" after a stop, "failed" or "planned".
     std::string_view status;
     int exitStatus = kExitComplete;
     // What the command was doing: "options", "opening", "transcoding", "verifying" or "publishing".

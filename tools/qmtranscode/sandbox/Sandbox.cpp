@@ -91,6 +91,7 @@ constexpr int kAllowed[] = {
     SCMP_SYS(clock_gettime),
     SCMP_SYS(clock_nanosleep),
     SCMP_SYS(close),
+    SCMP_SYS(copy_file_range),
     SCMP_SYS(dup),
     SCMP_SYS(dup2),
     SCMP_SYS(dup3),

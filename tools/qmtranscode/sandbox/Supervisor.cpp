@@ -369,7 +369,9 @@ int Supervisor::publish() {
         }
     }
     RunEnd end;
-    end.status = isKept ? (isWell ? "complete" : "stopped") : isPlan ? "planned" : "failed";
+    end.status = isPlan ? "planned" : isWell ? "complete" : "stopped";
+    if (mResult.ending == Ending::kAlready) end.status = "already";
+    if (mResult.ending == Ending::kCopied) end.status = "kept";
     if (failure) {
         end.exitStatus = failure->status;
         if (!isKept) end.status = end.exitStatus == kExitStopped ? "nothing written" : "failed";
@@ -381,7 +383,7 @@ int Supervisor::publish() {
     std::string receipt;
     bool isPrinted = true;
     try {
-        if (isKept || (isPlan && isWell)) isPrinted = readReceipt(&receipt);
+        if (isKept || (isWell && !mResult.keepOutput)) isPrinted = readReceipt(&receipt);
         if (isPrinted) isPrinted = printReport(end, receipt);
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;

@@ -118,6 +118,7 @@ void qmtranscodeRunWorker(const Options& options, JobFiles* files, const WorkerL
     result.status = failure.status;
     result.keepOutput = outcome.keepOutput;
     result.traceError = outcome.traceError;
+    result.ending = outcome.ending;
     sendResult(result, failure);
     // Without destroying `files`, whose names belong to the parent.
     exit(result.status);

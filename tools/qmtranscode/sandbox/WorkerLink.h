@@ -32,10 +32,17 @@ enum class Message : char {
 constexpr char kGreenBegin = 1;
 constexpr char kGreenEnd = 2;
 
+enum class Ending : char {
+    kTranscoded,
+    kAlready,  // the output exists
+    kCopied,   // the input is what was asked for
+};
+
 struct WorkerResult {
     int status = 0;           // an ExitStatus
     bool keepOutput = false;  // the output gets its name
     int traceError = 0;       // errno of the first failed write of the trace
+    Ending ending = Ending::kTranscoded;
     // Of the failure; its reason is the rest of the message.
     uint16_t codeBytes = 0;
     uint16_t subjectBytes = 0;
