@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <qmtranscode/Transcoder.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -280,6 +281,32 @@ TEST_F(ApiTest, aProgramThatCrashesOrIsMissing_isAnErrorOfTheJob) {
         qmt_job_free(handle);
     }
     EXPECT_EQ(before, openDescriptors());
+}
+
+// QM_RUNS says how many; the first ones fill caches.
+TEST_F(ApiTest, manyJobs_leaveMemoryAndDescriptorsAsTheyWere) {
+    const char* const runs = getenv("QM_RUNS");
+    const int count = runs == nullptr ? 60 : atoi(runs);
+    constexpr int kWarmUp = 20;
+    constexpr size_t kToleranceBytes = 1 << 20;
+    Request each = request();
+    each.overwrite = true;
+    each.keep = {{0s, 200ms}};
+    each.preset = "ultrafast";
+    size_t descriptors = 0;
+    size_t heapBytes = 0;
+    for (int i = 0; i < kWarmUp + count; ++i) {
+        if (i == kWarmUp) {
+            descriptors = openDescriptors();
+            heapBytes = mallinfo2().uordblks;
+        }
+        each.fit = i % 2 == 0 ? Size{160, 160} : Size{96, 96};
+        Transcoder transcoder(each);
+        if (i % 5 == 0) transcoder.cancel();
+        ASSERT_EQ(i % 5 == 0 ? QMT_STOPPED : QMT_OK, transcoder.run().status);
+    }
+    EXPECT_EQ(descriptors, openDescriptors());
+    EXPECT_LT(mallinfo2().uordblks, heapBytes + kToleranceBytes);
 }
 
 TEST_F(ApiTest, theProcess_staysAsItWas) {

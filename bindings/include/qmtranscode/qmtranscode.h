@@ -130,6 +130,7 @@ qmt_status qmt_job_new(const char* request, qmt_job* job);
 /**
  * Runs the job on the calling thread, and blocks until its output is complete or it has failed.
  *
+ * @param job a job that has not run.
  * @param progress may be null.
  * @param context for `progress`.
  * @return QMT_OK when the output is whole, verified and on disk. QMT_FAILED, QMT_UNUSABLE,
@@ -147,6 +148,9 @@ qmt_status qmt_job_run(qmt_job job, qmt_progress progress, void* context);
 qmt_status qmt_job_cancel(qmt_job job);
 
 /**
+ * The receipt of a job that has run.
+ *
+ * @param job the job.
  * @param receipt set to the receipt of the job's run, which the job owns until it is freed; to null
  * on error.
  * @return QMT_OK; QMT_NOT_RUN before the end of the run, QMT_INVALID_ARGUMENT or
