@@ -28,8 +28,25 @@ install(TARGETS qmtranscode_c EXPORT qmtranscode
         COMPONENT tool NAMELINK_COMPONENT dev)
 install(FILES tools/qmtranscode/report/run.schema.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/qmtranscode COMPONENT tool)
-install(FILES ${CMAKE_BINARY_DIR}/docs/qmtranscode.1
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+# install_compressed(FILE DIRECTORY NAME COMPONENT): as NAME.gz, the same whenever it is made.
+find_program(GZIP gzip REQUIRED)
+function(install_compressed file directory name component)
+    set(compressed ${CMAKE_CURRENT_BINARY_DIR}/compressed/${component}/${name}.gz)
+    install(CODE "file(MAKE_DIRECTORY \"${CMAKE_CURRENT_BINARY_DIR}/compressed/${component}\")
+        execute_process(COMMAND \"${GZIP}\" -9nc
+            INPUT_FILE \"${file}\" OUTPUT_FILE \"${compressed}\" COMMAND_ERROR_IS_FATAL ANY)"
+        COMPONENT ${component})
+    install(FILES ${compressed} DESTINATION ${directory} COMPONENT ${component})
+endfunction()
+install_compressed(${CMAKE_BINARY_DIR}/docs/qmtranscode.1
+    ${CMAKE_INSTALL_MANDIR}/man1 qmtranscode.1 tool)
+foreach(package_component qmtranscode,tool qmtranscode-dev,dev python3-qmtranscode,python)
+    string(REPLACE "," ";" package_component "${package_component}")
+    list(GET package_component 0 package)
+    list(GET package_component 1 component)
+    install_compressed(${CMAKE_SOURCE_DIR}/CHANGELOG.md
+        ${CMAKE_INSTALL_DATADIR}/doc/${package} changelog ${component})
+endforeach()
 install(FILES ${CMAKE_BINARY_DIR}/docs/completion.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME qmtranscode COMPONENT tool)
@@ -42,7 +59,7 @@ install(DIRECTORY examples
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qmtranscode-dev COMPONENT dev)
 install(FILES README.md docs/library.md docs/messages.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qmtranscode-dev COMPONENT dev)
-install(FILES README.md CHANGELOG.md
+install(FILES README.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qmtranscode COMPONENT tool)
 # Where Debian's interpreter looks.
 install(DIRECTORY bindings/python/qmtranscode
@@ -93,19 +110,28 @@ set(CPACK_COMPONENT_DEV_DEPENDS tool)
 set(CPACK_COMPONENT_PYTHON_DEPENDS tool)
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME qmtranscode)
-set(CPACK_COMPONENT_TOOL_DESCRIPTION "turns a media file into an MPEG-4 file, whole or in parts")
+set(CPACK_COMPONENT_TOOL_DESCRIPTION "turns a media file into an MPEG-4 file, whole or in parts
+The command qmtranscode, and the shared libraries that it and other
+programs use. It reads what FFmpeg's libraries read, writes AVC and AAC,
+and verifies each output.")
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOL_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/cmake/triggers)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # The AMR encoders. libavfilter deinterlaces; it is loaded on demand, so no dependency on it is found.
 string(REGEX MATCH "^[0-9]+" QM_AVFILTER_MAJOR "${AVFILTER_VERSION}")
 set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "libavcodec-extra, libavfilter${QM_AVFILTER_MAJOR}")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME qmtranscode-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_COMPONENT_DEV_DESCRIPTION "transcoding library of qmtranscode, to build with")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "transcoding libraries of qmtranscode, to build with
+Headers for C and C++, pkg-config and CMake files, and examples.")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "android-libutils-dev, android-liblog-dev")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-qmtranscode)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
-set(CPACK_COMPONENT_PYTHON_DESCRIPTION "transcoding library of qmtranscode, for Python")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "transcoding library of qmtranscode, for Python
+A package with types, for programs and for asyncio, on the C library.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11)")
 include(CPack)
