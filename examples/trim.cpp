@@ -1,7 +1,7 @@
 // Keeps one period of a media file: trim INPUT OUTPUT START END, in seconds. Enter stops it.
-#include <TranscodeComponent.h>
 #include <fcntl.h>
-#include <host/Host.h>
+#include <qmtranscode/Host.h>
+#include <qmtranscode/TranscodeComponent.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -184,8 +184,8 @@ struct HostOptions {
 // /sys: a process that gives up the right to open files calls it before that.
 int defaultThreads();
 
-// Settings of FFmpeg's libraries that they have for the process only, and so for its other users of
-// these libraries as well.
+// Settings of FFmpeg's libraries and of liblog that they have for the process only, and so for its
+// other users of these libraries as well.
 struct ProcessOptions {
     // Limits each allocation of these libraries to 256 MiB, because a few bytes of input can ask
     // for any amount. This cannot be undone.
@@ -193,6 +193,9 @@ struct ProcessOptions {
     // Passes the messages of these libraries on to the log of liblog, with the tag "FFmpeg".
     // Otherwise they go where the process has them go: by default, to standard error.
     bool forwardsLibraryLog = false;
+    // Prints nothing on standard error, neither messages of these libraries nor those of liblog
+    // below a failed check.
+    bool isQuiet = false;
 };
 
 // Nothing else that the library does changes the process: not its signals, its locale, its log or

@@ -154,6 +154,10 @@ int defaultThreads() { return codecThreads(0); }
 void configureProcess(const ProcessOptions& options) {
     if (options.forwardsLibraryLog) av_log_set_callback(logFromFFmpeg);
     if (options.limitsAllocations) limitAllocations();
+    if (options.isQuiet) {
+        av_log_set_level(AV_LOG_QUIET);
+        __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
+    }
 }
 
 std::shared_ptr<Platform> createHostPlatform(const HostOptions& options,

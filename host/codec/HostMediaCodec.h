@@ -11,6 +11,7 @@
 #include <media/stagefright/MediaCodec.h>
 #include <utils/Condition.h>
 #include <utils/Mutex.h>
+#include <utils/Vector.h>
 
 #include <deque>
 #include <memory>

@@ -41,10 +41,10 @@ void convertMessageToMetaData(const sp<AMessage>& format, sp<MetaData>& meta) {
 
     sp<ABuffer> csd;
     if (format->findBuffer("csd-0", &csd) && csd != nullptr) {
-        meta->setData('csd0', 0, csd->data(), csd->size());
+        meta->setData(fourCharCode("csd0"), 0, csd->data(), csd->size());
     }
     if (format->findBuffer("csd-1", &csd) && csd != nullptr) {
-        meta->setData('csd1', 0, csd->data(), csd->size());
+        meta->setData(fourCharCode("csd1"), 0, csd->data(), csd->size());
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include <fakes/Journal.h>
 #include <media/stagefright/MediaCodec.h>
+#include <utils/Vector.h>
 
 #include <condition_variable>
 #include <deque>

@@ -3,6 +3,7 @@
 //
 // A run that does not end is found by libFuzzer's -timeout.
 #include <TranscodeComponent.h>
+#include <android/log.h>
 #include <fuzz/MemoryFile.h>
 #include <host/Host.h>
 #include <qmtranscode/job/MediaFile.h>

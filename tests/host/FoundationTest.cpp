@@ -91,7 +91,7 @@ TEST(LooperTest, aThreadMayLowerItsPriorityButNotRaiseIt) {
         const int inherited = niceOfThread() + 5;
         ASSERT_EQ(0, setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), inherited));
         EXPECT_EQ(inherited, niceOfLooper(-16));
-        EXPECT_EQ(inherited, niceOfLooper(PRIORITY_DEFAULT));
+        EXPECT_EQ(inherited, niceOfLooper(0));
         EXPECT_EQ(inherited + 2, niceOfLooper(inherited + 2));
     }).join();
 }

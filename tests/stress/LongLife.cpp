@@ -3,6 +3,7 @@
 // memory come back.
 //
 // QM_RUNS says how many runs there are of each, and QM_SEED with which random numbers.
+#include <android/log.h>
 #include <host/Host.h>
 #include <malloc.h>
 #include <stdio.h>

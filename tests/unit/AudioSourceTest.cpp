@@ -41,7 +41,7 @@ TEST_F(AudioSourceTest, codecDataAndAacProfileAreToldOnlyWhenThereAreAny) {
         uint32_t type;
         const void* data;
         size_t size = 0;
-        EXPECT_EQ(told, mSource->getFormat()->findData('csd0', &type, &data, &size));
+        EXPECT_EQ(told, mSource->getFormat()->findData(fourCharCode("csd0"), &type, &data, &size));
         EXPECT_EQ(told ? 5u : 0u, size);
     }
 }

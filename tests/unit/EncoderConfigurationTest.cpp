@@ -23,7 +23,7 @@ protected:
 };
 
 TEST_F(EncoderConfigurationTest, audioFollowsTheInputUnlessARequestSaysOtherwise) {
-    const sp<AMessage> other = withKeys(new AMessage('none'), {{"audio-bitrate", 1}});
+    const sp<AMessage> other = withKeys(new AMessage(1), {{"audio-bitrate", 1}});
     const sp<AMessage> whole = request({{"audio-bitrate", 64000},
                                         {"audio-samplerate", 44100},
                                         {"audio-channels", 6},

@@ -17,6 +17,16 @@ namespace {
 const WorkerLink* gLink = nullptr;
 const std::atomic<int>* gColumns = nullptr;
 
+thread_local std::string* tCaptured = nullptr;
+
+// True when a Capture has taken the text.
+bool capture(const std::string& text) {
+    if (tCaptured == nullptr) return false;
+    if (!tCaptured->empty()) *tCaptured += '\n';
+    *tCaptured += text;
+    return true;
+}
+
 struct Character {
     char32_t code;
     size_t bytes;
@@ -56,7 +66,12 @@ void useLink(const WorkerLink* link, const std::atomic<int>* columns) {
     gColumns = columns;
 }
 
+Capture::Capture(std::string* text) { tCaptured = text; }
+
+Capture::~Capture() { tCaptured = nullptr; }
+
 void printLine(const std::string& text) {
+    if (capture(text)) return;
     if (gLink != nullptr) {
         gLink->send(Message::kLine, text);
     } else {
@@ -66,6 +81,7 @@ void printLine(const std::string& text) {
 }
 
 void printWarning(const std::string& text) {
+    if (capture(text)) return;
     gLink->send(Message::kWarning, "qmtranscode: " + text);
 }
 
@@ -80,7 +96,9 @@ void printFailure(const Failure& failure) {
 
 void drawBar(const std::string& bar) { gLink->send(Message::kBar, bar); }
 
-void removeBar() { gLink->send(Message::kRemoveBar); }
+void removeBar() {
+    if (gLink != nullptr) gLink->send(Message::kRemoveBar);
+}
 
 int terminalColumns() {
     winsize size{};

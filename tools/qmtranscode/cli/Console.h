@@ -26,6 +26,18 @@ void printWarning(const std::string& text);
 // One line.
 void printFailure(const Failure& failure);
 
+// While it exists, the lines and warnings of its thread are added to `text`, with line breaks
+// between them, and nothing is printed.
+class Capture {
+public:
+    explicit Capture(std::string* text);
+    ~Capture();
+
+private:
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+};
+
 // Prints on standard output. Returns -1 with errno on error.
 int printOutput(const std::string& text);
 

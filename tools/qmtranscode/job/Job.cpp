@@ -21,6 +21,17 @@
 
 namespace android::qmmediaeditor::cli {
 
+HostOptions hostOptions(const Options& options, int threads) {
+    HostOptions host;
+    host.avcPreset = options.preset;
+    host.deinterlace = options.deinterlace.value_or(true);
+    host.checksEncoding = options.verify && !options.plan;
+    host.fastStart = options.fastStart;
+    host.threads = threads;
+    host.metadata = options.metadataPolicy();
+    return host;
+}
+
 Outcome Job::run() {
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
@@ -30,7 +41,6 @@ Outcome Job::run() {
     if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
                       outputLengthUs(mKept, mInput.media()), mSpan, *mObserver);
-    progress.reportTo([this](int32_t percent) { mControl->reportPercent(percent); });
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
     const int32_t result = transcodeToFit(&progress);
@@ -236,17 +246,17 @@ std::optional<Failure> Job::measureLoudness() {
     host.observer = &observer;
     host.tracks.video = false;
     host.encodesAudio = false;
-    mMonitor->begin(mPeriods, nullptr);
+    if (mMonitor != nullptr) mMonitor->begin(mPeriods, nullptr);
     int32_t result;
     {
         Session session({mInput.fd(), memory, mPeriods, mOutputFormat,
-                         [this](int32_t percent) { mMonitor->onProgress(percent); },
+                         [this](int32_t percent) { showProgress(percent, nullptr); },
                          createHostPlatform(host)});
         mControl->onStop([&session] { session.cancel(); });
         result = session.run();
         mControl->ignoreStop();
     }
-    mMonitor->end();
+    if (mMonitor != nullptr) mMonitor->end();
     if (auto failure = mInput.checkReads(observer)) return failure;
     if (mControl->stopRequested()) {
         return Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
@@ -306,6 +316,14 @@ std::optional<Failure> Job::plan() {
     const Result<DryRun> result = dryRun(mInput, mPeriods, mOutputFormat, mMonitor, mObserver);
     if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
     return writeReceipt(planJson(mOptions, mInput, mKept, std::get<DryRun>(result)));
+}
+
+// Without a bar, the time goes into measuring.
+void Job::showProgress(int32_t percent, Progress* progress) {
+    if (mMonitor != nullptr) mMonitor->onProgress(percent);
+    if (progress == nullptr) return;
+    progress->report(percent);
+    mControl->reportProgress(percent);
 }
 
 std::optional<Outcome> Job::endEarly() {
@@ -377,14 +395,11 @@ int32_t Job::transcode(Progress* progress) {
         return kSessionFailed;
     }
     const int64_t startUs = nowUs();
-    mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
+    if (mMonitor != nullptr) mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
     int32_t result;
     {
         Session session({mInput.fd(), outputFd, mPeriods, mOutputFormat,
-                         [this, progress](int32_t percent) {
-                             mMonitor->onProgress(percent);
-                             progress->report(percent);
-                         },
+                         [this, progress](int32_t percent) { showProgress(percent, progress); },
                          mPlatform});
         mControl->onStop([&session] { session.cancel(); });
         mControl->report(WorkerStage::kStarting);
@@ -393,7 +408,7 @@ int32_t Job::transcode(Progress* progress) {
         mControl->ignoreStop();
         mControl->report(WorkerStage::kVerifying);
     }
-    mMonitor->end();
+    if (mMonitor != nullptr) mMonitor->end();
     mStatistics = mObserver->statistics();
     // Verification needs as much memory for the tables of long tracks again. For a short run,
     // giving it back takes longer than it is worth.

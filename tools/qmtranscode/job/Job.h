@@ -9,13 +9,13 @@
 #include <qmtranscode/job/JobFiles.h>
 #include <qmtranscode/job/Loudness.h>
 #include <qmtranscode/job/Request.h>
+#include <qmtranscode/job/RunControl.h>
 #include <qmtranscode/job/Section.h>
 #include <qmtranscode/job/SizeLimit.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
 #include <qmtranscode/report/Progress.h>
 #include <qmtranscode/report/Receipt.h>
-#include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
 
 #include <memory>
@@ -24,6 +24,9 @@
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
+
+// What the options give, without what follows from the input.
+HostOptions hostOptions(const Options& options, int threads);
 
 // How a job ends. The receipt or the plan is written by then.
 struct Outcome {
@@ -37,10 +40,11 @@ struct Outcome {
 
 class Job {
 public:
-    // All pointers outlive the job, and the log must go to `monitor`. `host` is what the options
-    // give; the job adds its observer and what follows from the input.
+    // All pointers outlive the job. The log must go to `monitor`; without one, which is null then,
+    // there are no plan and no trace. `host` is what the options give; the job adds its observer
+    // and what follows from the input.
     Job(const Options& options, const HostOptions& host, JobFiles* files, TraceFile* trace,
-        WorkerControl* control, RunMonitor* monitor, RunObserver* observer)
+        RunControl* control, RunMonitor* monitor, RunObserver* observer)
         : mOptions(options),
           mHost(host),
           mInput(files->input),
@@ -77,6 +81,7 @@ private:
     std::optional<Failure> measureLoudness();
     // Writes the plan.
     std::optional<Failure> plan();
+    void showProgress(int32_t percent, Progress* progress);
     // For --if-missing and --if-needed: how the run ends without encoding; nothing if it is needed.
     std::optional<Outcome> endEarly();
     Outcome copyInput();
@@ -118,7 +123,7 @@ private:
     const int mExisting;  // as JobFiles::existing
     TraceFile* const mTrace;
     const int mReceipt;
-    WorkerControl* const mControl;
+    RunControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
     // For Options::part: chooses it, and tells the parent process how many there are.

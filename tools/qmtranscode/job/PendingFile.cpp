@@ -18,9 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// One for the output and one for the trace, and as many again for tests.
-// Output and trace, and the parts of an output with --jobs.
-constexpr size_t kMaxHiddenNames = 72;
+// Of all jobs of a process that replace a file at the same moment, and the parts of an output with
+// --jobs.
+constexpr size_t kMaxHiddenNames = 136;
 
 // The path that symbolic links lead to, whether there is a file or not. Nothing for a loop.
 std::optional<fs::path> followLinks(fs::path path) {

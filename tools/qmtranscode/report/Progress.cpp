@@ -81,7 +81,6 @@ void Progress::finish() {
 }
 
 void Progress::show(int32_t percent) {
-    if (mListener) mListener(percent);
     const double spent = static_cast<double>(nowUs() - mStartUs) / 1e6;
     const double share = static_cast<double>(percent) / kComplete;
     const double speed = spent > 0 ? share * mLengthSeconds / spent : 0;

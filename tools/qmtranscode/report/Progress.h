@@ -6,9 +6,7 @@
 #include <stdint.h>
 #include <utils/Mutex.h>
 
-#include <functional>
 #include <string>
-#include <utility>
 
 namespace android::qmmediaeditor::cli {
 
@@ -27,8 +25,6 @@ public:
     // Removes the bar.
     ~Progress();
 
-    // Also called with each value that is above the previous one.
-    void reportTo(std::function<void(int32_t)> listener) { mListener = std::move(listener); }
     // Begins again with 0 %, for a run that is repeated.
     void restart();
     // In percent. Values that are not above the previous one are ignored. 100 is left to finish(),
@@ -45,7 +41,6 @@ private:
     const ProgressStyle mStyle;
     const std::string mName;
     const double mLengthSeconds;
-    std::function<void(int32_t)> mListener;
     const Span mSpan;
     const RunObserver& mObserver;
     Mutex mLock;

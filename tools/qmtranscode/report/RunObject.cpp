@@ -2,6 +2,8 @@
 #include <qmtranscode/report/Format.h>
 #include <qmtranscode/report/RunObject.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -66,6 +68,23 @@ std::string usageText(const Usage& usage, char mark) {
         default:
             return "";
     }
+}
+
+bool readReceipt(int fd, const Usage& usage, std::string* text) {
+    struct stat file {};
+    if (fstat(fd, &file) != 0) return false;
+    std::string raw(static_cast<size_t>(file.st_size), '\0');
+    const ssize_t size = pread(fd, raw.data(), raw.size(), 0);
+    if (size < 0) return false;
+    raw.resize(static_cast<size_t>(size));
+    size_t begin = 0;
+    while (begin < raw.size()) {
+        const size_t mark = std::min(raw.find_first_of(kUsageMarks, begin), raw.size());
+        text->append(raw, begin, mark - begin);
+        if (mark < raw.size()) *text += usageText(usage, raw[mark]);
+        begin = mark + 1;
+    }
+    return true;
 }
 
 bool isRetryable(const RunEnd& end) {

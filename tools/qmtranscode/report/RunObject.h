@@ -29,6 +29,10 @@ constexpr const char* kUsageMarks = "\x01\x02\x03\x04";
 // The text that replaces a mark.
 std::string usageText(const Usage& usage, char mark);
 
+// Appends the text of a receipt, with the usage in its places. False, with errno, when it cannot be
+// read from `fd`.
+bool readReceipt(int fd, const Usage& usage, std::string* text);
+
 // How a run ends.
 struct RunEnd {
     // "complete", "already" and "kept" for --if-missing and --if-needed, "stopped" with a shorter

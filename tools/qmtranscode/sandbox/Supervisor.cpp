@@ -30,12 +30,12 @@ struct StageTexts {
 StageTexts textsOf(WorkerStage stage) {
     switch (stage) {
         case WorkerStage::kOpening:
-            return {"opening", " the input"};
+            return {nameOf(stage), " the input"};
         case WorkerStage::kStarting:
         case WorkerStage::kTranscoding:
-            return {"transcoding", ""};
+            return {nameOf(stage), ""};
         case WorkerStage::kVerifying:
-            return {"verifying", " the output"};
+            return {nameOf(stage), " the output"};
     }
     return {"", ""};
 }
@@ -479,22 +479,8 @@ std::optional<Failure> Supervisor::commitTrace() {
 // The worker's receipt or plan, with CPU time and memory, which are known only now. False with
 // errno on error.
 bool Supervisor::readReceipt(std::string* text) {
-    struct stat file {};
-    if (fstat(mJob.receipt, &file) != 0) return false;
-    std::string raw(static_cast<size_t>(file.st_size), '\0');
-    const ssize_t size = pread(mJob.receipt, raw.data(), raw.size(), 0);
-    if (size < 0) return false;
-    raw.resize(static_cast<size_t>(size));
     if (mJob.sections != nullptr) mJob.sections->addUsage(&mUsage);
-    const Usage usage = usageOf(mUsage);
-    size_t begin = 0;
-    while (begin < raw.size()) {
-        const size_t mark = std::min(raw.find_first_of(kUsageMarks, begin), raw.size());
-        text->append(raw, begin, mark - begin);
-        if (mark < raw.size()) *text += usageText(usage, raw[mark]);
-        begin = mark + 1;
-    }
-    return true;
+    return cli::readReceipt(mJob.receipt, usageOf(mUsage), text);
 }
 
 // Prints the receipt, or the object of the run with it. False as printAndCheck().

@@ -84,21 +84,15 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     static auto* const monitor = new RunMonitor;
     static auto* const observer = new RunObserver;
     static auto* const trace = new TraceFile(files->trace);
-    configureProcess({true, true});
+    configureProcess({true, true, false});
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
-    HostOptions host;
-    host.avcPreset = options.preset;
-    host.deinterlace = options.deinterlace.value_or(true);
-    host.checksEncoding = options.verify && !options.plan;
-    host.fastStart = options.fastStart;
-    host.threads = threads;
-    host.metadata = options.metadataPolicy();
     if (!options.parts.empty() || (options.jobs > 1 && !options.section)) {
         return JoinJob(options, files, &control, observer).run();
     }
-    return Job(options, host, files, trace, &control, monitor, observer).run();
+    return Job(options, hostOptions(options, threads), files, trace, &control, monitor, observer)
+        .run();
 }
 
 }  // namespace

@@ -64,23 +64,14 @@ WorkerControl::~WorkerControl() {
     mThread.join();
 }
 
-void WorkerControl::onStop(std::function<void()> stop) {
-    Mutex::Autolock lock(mLock);
-    mStop = std::move(stop);
-    if (mStopRequested) mStop();
-}
-
-void WorkerControl::ignoreStop() {
-    Mutex::Autolock lock(mLock);
-    mStop = nullptr;
-}
-
-void WorkerControl::report(WorkerStage stage) const {
+void WorkerControl::report(WorkerStage stage) {
     const char code = static_cast<char>(stage);
     mLink.send(Message::kStage, {&code, 1});
 }
 
-void WorkerControl::reportPercent(int32_t percent) const {
+void WorkerControl::reportProgress(int32_t percent) {
+    percent = std::clamp(percent, 0, 100);
+    if (mLastPercent.exchange(percent) == percent) return;
     const char code = static_cast<char>(percent);
     mLink.send(Message::kPercent, {&code, 1});
 }
@@ -94,7 +85,7 @@ bool WorkerControl::awaitSections(const std::function<void(int32_t)>& onPercent)
     return mHaveSectionsEnded;
 }
 
-void WorkerControl::reportParts(size_t count) const {
+void WorkerControl::reportParts(size_t count) {
     mLink.send(Message::kParts, {reinterpret_cast<const char*>(&count), sizeof(count)});
 }
 
@@ -111,10 +102,7 @@ void WorkerControl::receiveRequests() {
             mSectionsChanged.signal();
         }
         if (received->message == Message::kPrintState) mPrintState();
-        if (received->message != Message::kStop || mStopRequested) continue;
-        Mutex::Autolock lock(mLock);
-        mStopRequested = true;
-        if (mStop) mStop();
+        if (received->message == Message::kStop) requestStop();
     }
     Mutex::Autolock lock(mLock);
     mIsParentGone = true;

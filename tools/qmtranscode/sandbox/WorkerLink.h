@@ -2,6 +2,7 @@
 // sent and received as a unit.
 #pragma once
 
+#include <qmtranscode/job/RunControl.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <utils/Condition.h>
@@ -36,19 +37,6 @@ enum class Message : char {
 
 constexpr char kGreenBegin = 1;
 constexpr char kGreenEnd = 2;
-
-enum class WorkerStage : char {
-    kOpening,
-    kStarting,     // the run goes on, and nothing has been written that could be kept
-    kTranscoding,  // a stop keeps what has been written
-    kVerifying,
-};
-
-enum class Ending : char {
-    kTranscoded,
-    kAlready,  // the output exists
-    kCopied,   // the input is what was asked for
-};
 
 struct WorkerResult {
     int status = 0;           // an ExitStatus
@@ -92,40 +80,30 @@ private:
 
 // The worker's end of the connection: receives the requests of the parent on a thread of its own,
 // and reports stages to it.
-class WorkerControl {
+class WorkerControl : public RunControl {
 public:
     // `link` outlives the object; `printState` is called on the thread.
     WorkerControl(const WorkerLink& link, std::function<void()> printState);
     // Shuts the link down for reading.
-    ~WorkerControl();
+    ~WorkerControl() override;
 
-    // `stop` is called once, on the thread: at the first request to stop, or immediately if there
-    // was one. After `ignoreStop` has returned, it is not called any more.
-    void onStop(std::function<void()> stop);
-    void ignoreStop();
-    bool stopRequested() const { return mStopRequested; }
-
-    void report(WorkerStage stage) const;
-    void reportPercent(int32_t percent) const;
+    void report(WorkerStage stage) override;
+    // Sends each percentage once.
+    void reportProgress(int32_t percent) override;
+    void reportParts(size_t count) override;
 
     // Until the parent has told that the sections have ended; their progress is reported to
     // `onPercent`. False when the parent is gone.
     bool awaitSections(const std::function<void(int32_t)>& onPercent);
-    // How many outputs --split makes.
-    void reportParts(size_t count) const;
 
 private:
-    WorkerControl(const WorkerControl&) = delete;
-    WorkerControl& operator=(const WorkerControl&) = delete;
-
     void receiveRequests();
 
     const WorkerLink& mLink;
     const std::function<void()> mPrintState;
-    // Written by the thread, read by any.
-    std::atomic<bool> mStopRequested{false};
+    std::atomic<int32_t> mLastPercent{-1};
+    // Written by the thread.
     Mutex mLock;
-    std::function<void()> mStop GUARDED_BY(mLock);
     Condition mSectionsChanged;
     int32_t mSectionsPercent GUARDED_BY(mLock) = 0;
     bool mHaveSectionsEnded GUARDED_BY(mLock) = false;

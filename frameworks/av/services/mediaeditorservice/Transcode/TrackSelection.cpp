@@ -4,6 +4,7 @@
 #include <editorutils/Adapter.h>
 #include <editorutils/MediaEditorDefs.h>
 #include <string.h>
+#include <utils/ThreadDefs.h>
 
 namespace android {
 namespace qmmediaeditor {

@@ -1,5 +1,10 @@
 // The entry for the host: creates a TranscodeComponent, hands it a request with create(), blocks in
 // process() and ends with destory(). Only cancel() may be called while process() runs.
+//
+// Errors are results (TranscodeErrors.h). These mistakes of the host abort the process, with one
+// line in the log that says which: create(), destory() or clearHandler() while process() runs, also
+// from its progress callback or from another thread; no platform; an empty progress callback, and
+// one that throws. A codec or a file that breaks the platform's invariants aborts it as well.
 #pragma once
 
 #include <TranscodeErrors.h>
@@ -37,8 +42,10 @@ public:
     // kInvalidRequest and touches nothing.
     virtual int32_t process() noexcept;
 
-    // Makes process() return kStopped soon, with the file closed after what was written. Any
-    // thread, at any time between create() and destory(); does not block. 0.
+    // Makes process() return kStopped soon, with the file closed after what was written; before
+    // process(), makes it stop at its beginning. Any thread, at any time between create() and
+    // destory(), not at the same time as these two; without a session it has no effect. Does not
+    // block. 0.
     virtual int32_t cancel();
 
     // Ends the session and frees it; blocks until its threads have ended. 0.

@@ -14,7 +14,9 @@
 #include <functional>
 
 // Marks what the library shows to its hosts.
+#ifndef QM_EXPORT
 #define QM_EXPORT __attribute__((visibility("default")))
+#endif
 
 namespace android {
 namespace qmmediaeditor {
@@ -25,7 +27,7 @@ struct OpaqueParam {
 };
 static_assert(sizeof(OpaqueParam) == 8);
 
-// One period of the input to keep: [mStartUs, mEndUs).
+// One period of the input to keep: [mStartUs, mEndUs), in microseconds.
 struct TrimPeriod {
     int64_t mStartUs;
     int64_t mEndUs;
@@ -37,7 +39,8 @@ static_assert(sizeof(bool) == 1 && sizeof(size_t) == sizeof(void*), "as the host
 // What-code of TranscodeProperty::mOutputFormat.
 constexpr uint32_t kOutputFormatWhat = 0x6F757446;  // 'outF'
 
-// The request. Owned by the host; it must outlive the session.
+// The request. Owned by the host; it must outlive the session, which reads it on the thread of
+// process() and on threads of its own, and must not be changed meanwhile.
 struct TranscodeProperty {
     int32_t mReserved = 0;
     // Seekable; read from offset 0 to its end, and left positioned there.
@@ -52,18 +55,30 @@ struct TranscodeProperty {
     std::function<void(int32_t)> mProgressCallback;
     // Percentage that earlier work of the host accounts for; above 100 counts as 0.
     uint32_t mProgressOffset = 0;
-    // Null, or a message of kOutputFormatWhat with any of: "file-format" (1 is 3GP, 2 is MP4),
-    // "audio-bitrate", "audio-samplerate", "audio-channels", "audio-bitspersample", "audio-encoder"
-    // (0 or 1 is AMR-NB, 2 AMR-WB, 3 AAC LC, 4 and 5 HE-AAC and ELD), "video-width",
-    // "video-height", "video-framerate", "video-bitrate", "video-encoder" (0 or 2 is AVC, 1 H.263,
-    // 3 MPEG-4, 4 VP8). All are int32. A missing key has a fixed default and does not mean "as the
-    // input".
+    // Null: codec AVC and AAC, with the size, frame rate, bit rate, sample rate and channels of the
+    // input, in an MP4 file. A message with another what-code counts as null.
+    //
+    // Otherwise a message of kOutputFormatWhat with any of these int32 keys. A missing one has the
+    // default named here and does not mean "as the input":
+    //   "file-format"          1 is 3GP, 2 is MP4; default 2
+    //   "audio-encoder"        0 or 1 is AMR-NB, 2 AMR-WB, 3 AAC LC, 4 and 5 HE-AAC and ELD;
+    //                          default AAC
+    //   "audio-bitrate"        bits per second; default 12800
+    //   "audio-samplerate"     Hz; default 8000
+    //   "audio-channels"       default 1
+    //   "audio-bitspersample"  default 16
+    //   "video-encoder"        0 or 2 is AVC, 1 H.263, 3 MPEG-4, 4 VP8; default AVC
+    //   "video-width", "video-height"  pixels, before rotation; default: the input's
+    //   "video-framerate"      frames per second at most; default 15
+    //   "video-bitrate"        bits per second; default: the input's
     sp<AMessage> mOutputFormat;
     bool mTrimEnabled = false;
     // At least 1 when mTrimEnabled is set.
     int32_t mPeriodCount = 0;
-    // In the order of the output; not null when mTrimEnabled is set. mEndUs must not be less than
-    // mStartUs.
+    // In time order and without overlap, in the order of the output; not null when mTrimEnabled is
+    // set. The array must outlive the session. An mEndUs below its mStartUs is refused with
+    // kInvalidRequest. A period that begins before the end of the one before it is not refused: the
+    // session seeks back for it, and may leave out frames at its start.
     const TrimPeriod* mPeriods = nullptr;
     bool mHasAudioEffect = false;
     OpaqueParam mAudioEffectInfo;

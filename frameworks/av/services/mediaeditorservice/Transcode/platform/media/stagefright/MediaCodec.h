@@ -16,9 +16,12 @@
 #include <sys/types.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
-#include <utils/Vector.h>
 
 namespace android {
+
+// Of <utils/Vector.h>, which would bring the log's macros along.
+template <class TYPE>
+class Vector;
 
 class MediaCodec : public RefBase {
 public:

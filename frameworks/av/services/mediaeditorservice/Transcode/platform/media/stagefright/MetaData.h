@@ -9,27 +9,34 @@
 
 namespace android {
 
+// The code of four characters, the first one in its highest byte.
+constexpr uint32_t fourCharCode(const char (&text)[5]) {
+    uint32_t code = 0;
+    for (int i = 0; i < 4; ++i) code = code << 8 | static_cast<unsigned char>(text[i]);
+    return code;
+}
+
 // Keys of the platform's media metadata that are used here.
-enum {
-    kKeyMIMEType = 'mime',          // C string
-    kKeyWidth = 'widt',             // int32, pixels
-    kKeyHeight = 'heig',            // int32, pixels
-    kKeyStride = 'strd',            // int32, bytes of a luma row
-    kKeySliceHeight = 'slht',       // int32, rows of the luma plane
-    kKeyColorFormat = 'colf',       // int32
-    kKeyFrameRate = 'frmR',         // int32, frames a second
-    kKeyChannelCount = '#chn',      // int32
-    kKeySampleRate = 'srte',        // int32, Hz
-    kKeyBitRate = 'brte',           // int32, bits a second
-    kKeyMaxInputSize = 'inpS',      // int32, bytes
-    kKeyRotation = 'rotA',          // int32, degrees clockwise
-    kKeyDuration = 'dura',          // int64, microseconds
-    kKeyTime = 'time',              // int64, microseconds
-    kKeyDecodingTime = 'decT',      // int64, microseconds
-    kKeyIsSyncFrame = 'sync',       // int32 as bool
-    kKeyIsCodecConfig = 'conf',     // int32 as bool
-    kKeyFileType = 'ftyp',          // int32: 1 is 3GP, 2 is MP4
-    kKeyRealTimeRecording = 'rtrc'  // int32 as bool
+enum : uint32_t {
+    kKeyMIMEType = fourCharCode("mime"),          // C string
+    kKeyWidth = fourCharCode("widt"),             // int32, pixels
+    kKeyHeight = fourCharCode("heig"),            // int32, pixels
+    kKeyStride = fourCharCode("strd"),            // int32, bytes of a luma row
+    kKeySliceHeight = fourCharCode("slht"),       // int32, rows of the luma plane
+    kKeyColorFormat = fourCharCode("colf"),       // int32
+    kKeyFrameRate = fourCharCode("frmR"),         // int32, frames a second
+    kKeyChannelCount = fourCharCode("#chn"),      // int32
+    kKeySampleRate = fourCharCode("srte"),        // int32, Hz
+    kKeyBitRate = fourCharCode("brte"),           // int32, bits a second
+    kKeyMaxInputSize = fourCharCode("inpS"),      // int32, bytes
+    kKeyRotation = fourCharCode("rotA"),          // int32, degrees clockwise
+    kKeyDuration = fourCharCode("dura"),          // int64, microseconds
+    kKeyTime = fourCharCode("time"),              // int64, microseconds
+    kKeyDecodingTime = fourCharCode("decT"),      // int64, microseconds
+    kKeyIsSyncFrame = fourCharCode("sync"),       // int32 as bool
+    kKeyIsCodecConfig = fourCharCode("conf"),     // int32 as bool
+    kKeyFileType = fourCharCode("ftyp"),          // int32: 1 is 3GP, 2 is MP4
+    kKeyRealTimeRecording = fourCharCode("rtrc")  // int32 as bool
 };
 
 class MetaDataBase {

@@ -1,0 +1,169 @@
+#include "bindings/c/JobRequest.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <variant>
+
+namespace android::qmmediaeditor::api {
+
+namespace {
+
+using cli::Failure;
+using Json = nlohmann::json;
+
+Failure refused(const std::string& subject, const std::string& reason,
+                const std::string& code = "invalid-request") {
+    return {cli::kExitUsage, subject, reason, code};
+}
+
+// Thrown within this file only.
+struct Refusal {
+    Failure failure;
+};
+
+std::string numberText(const Json& number) {
+    if (number.is_number_integer()) return number.dump();
+    std::string text = fmt::format("{:.6f}", number.get<double>());
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+    return text;
+}
+
+// A string, or a number in the notation of the command.
+std::string scalarText(const std::string& key, const Json& value) {
+    if (value.is_string()) return value.get<std::string>();
+    if (value.is_number()) return numberText(value);
+    throw Refusal{
+        refused(key, "expected text, a number, true, false or null; not " + value.dump())};
+}
+
+// One value for each time that the option is given.
+std::vector<std::string> periodTexts(const std::string& key, const Json& periods) {
+    std::vector<std::string> texts;
+    for (const Json& period : periods) {
+        if (period.is_string()) {
+            texts.push_back(period.get<std::string>());
+            continue;
+        }
+        const bool isPair = period.is_array() && period.size() == 2 && period[0].is_number() &&
+                            (period[1].is_number() || period[1].is_null());
+        if (!isPair) {
+            throw Refusal{
+                refused(key, "expected a list of periods, such as [[0, 2.5], [10, null]]; not " +
+                                 period.dump())};
+        }
+        const std::string end = period[1].is_null() ? "" : numberText(period[1]);
+        texts.push_back(numberText(period[0]) + '-' + end);
+    }
+    return texts;
+}
+
+std::string sizeText(const std::string& key, const Json& size) {
+    const bool isPair =
+        size.size() == 2 && size[0].is_number_integer() && size[1].is_number_integer();
+    if (!isPair) {
+        throw Refusal{
+            refused(key, "expected [width, height], such as [1280, 720]; not " + size.dump())};
+    }
+    return size[0].dump() + 'x' + size[1].dump();
+}
+
+void addOption(const std::string& key, const Json& value, std::vector<std::string>* arguments) {
+    const std::string option = "--" + key;
+    if (value.is_null() || value == false) return;
+    if (value == true) {
+        arguments->push_back(option);
+    } else if ((key == "trim" || key == "cut") && value.is_array()) {
+        for (const std::string& text : periodTexts(key, value)) {
+            arguments->push_back(option + '=' + text);
+        }
+    } else if ((key == "fit" || key == "size") && value.is_array()) {
+        arguments->push_back(option + '=' + sizeText(key, value));
+    } else {
+        arguments->push_back(option + '=' + scalarText(key, value));
+    }
+}
+
+std::string takePath(const char* key, Json* request) {
+    const auto found = request->find(key);
+    if (found == request->end() || !found->is_string() || found->get<std::string>().empty()) {
+        throw Refusal{refused(key, "expected the path of a file")};
+    }
+    std::string path = found->get<std::string>();
+    request->erase(found);
+    return path;
+}
+
+void refuseUnsupported(const Json& request, bool isolates) {
+    for (const char* const key : {"progress", "log", "log-format", "help", "version", "split", "join"}) {
+        if (request.contains(key)) {
+            throw Refusal{refused(key, "not available here; leave it out")};
+        }
+    }
+    for (const char* const key : {"plan", "trace", "jobs"}) {
+        if (!isolates && request.contains(key) && request[key] != false &&
+            !request[key].is_null()) {
+            throw Refusal{refused(key, "works together with \"isolate\": true only")};
+        }
+    }
+}
+
+JobRequest parse(const std::string& text) {
+    Json request = Json::parse(text, nullptr, false);
+    if (request.is_discarded()) throw Refusal{refused("the request", "this is not JSON")};
+    if (!request.is_object()) {
+        throw Refusal{refused("the request", "expected an object with \"input\" and \"output\"")};
+    }
+    if (text.find("\\u0000") != std::string::npos) {
+        throw Refusal{refused("the request", "text must not contain the character U+0000")};
+    }
+    JobRequest job;
+    if (request.contains("isolate")) {
+        if (!request["isolate"].is_boolean()) {
+            throw Refusal{refused("isolate", "expected true or false")};
+        }
+        job.isolates = request["isolate"].get<bool>();
+        request.erase("isolate");
+    }
+    if (request.contains("program")) {
+        job.program = takePath("program", &request);
+        job.isolates = true;
+    }
+    // A receipt is an object in any case.
+    request.erase("json");
+    refuseUnsupported(request, job.isolates);
+    const std::string input = takePath("input", &request);
+    const std::string output = takePath("output", &request);
+    for (const auto& [key, value] : request.items()) {
+        // A key with "=" would bring a value of its own.
+        if (key.empty() || key[0] == '-' || key.find_first_of("= ") != std::string::npos) {
+            throw Refusal{refused(key, "unknown option; see qmtranscode --help", "unknown-option")};
+        }
+        addOption(key, value, &job.arguments);
+    }
+    job.arguments.insert(job.arguments.end(), {"--", input, output});
+    return job;
+}
+
+}  // namespace
+
+cli::Result<JobRequest> parseRequest(const std::string& json) {
+    JobRequest job;
+    try {
+        job = parse(json);
+    } catch (const Refusal& refusal) {
+        return refusal.failure;
+    }
+    std::vector<const char*> words = {"qmtranscode", "--json"};
+    for (const std::string& argument : job.arguments) words.push_back(argument.c_str());
+    auto parsed = cli::parseOptions(static_cast<int>(words.size()), words.data());
+    if (const auto* failure = std::get_if<Failure>(&parsed)) return *failure;
+    auto* const options = std::get_if<cli::Options>(&parsed);
+    if (options == nullptr) return refused("the request", "not a request for a job");
+    job.options = std::move(*options);
+    return job;
+}
+
+}  // namespace android::qmmediaeditor::api

@@ -1,0 +1,44 @@
+"""Transcodes media files into MPEG-4 files.
+
+>>> import qmtranscode
+>>> receipt = qmtranscode.transcode("in.mov", "out.mp4", trim=[(0, 2.5)], fit=(1280, 720))
+>>> receipt.status
+'complete'
+
+A job runs in a thread of its own, so that Ctrl-C arrives: it cancels the job, and KeyboardInterrupt is raised
+when the job has ended. Other threads of the interpreter go on. `transcode_async` is the same for asyncio, and
+`Job` is for those who want to cancel a job themselves. Nothing but the standard library and libqmtranscode.so.0 is
+needed.
+
+What `qmtranscode.h` says of threads and of the process applies here as well. `isolate=True` runs a job in a program of
+its own, so that a crash there is a `JobFailed`.
+"""
+
+from ._job import Job, configure_process, transcode, transcode_async, version
+from ._types import (
+    Error,
+    InvalidJob,
+    InvalidRequest,
+    JobFailed,
+    JobStopped,
+    Progress,
+    Receipt,
+    UnusableInput,
+)
+
+__all__ = [
+    "Error",
+    "InvalidJob",
+    "InvalidRequest",
+    "Job",
+    "JobFailed",
+    "JobStopped",
+    "Progress",
+    "Receipt",
+    "UnusableInput",
+    "configure_process",
+    "transcode",
+    "transcode_async",
+    "version",
+]
+__version__ = version()
