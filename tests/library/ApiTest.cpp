@@ -123,6 +123,14 @@ TEST_F(ApiTest, anIsolatedJob_writesTheSameFile) {
     EXPECT_TRUE(contentsOf(path("true")) == contentsOf(path("false")));
 }
 
+TEST_F(ApiTest, anIsolatedJob_needsNoStatusOfItsProgram) {
+    const auto before = signal(SIGCHLD, SIG_IGN);
+    Request isolated = request();
+    isolated.isolate = true;
+    EXPECT_TRUE(Transcoder(isolated).run());
+    signal(SIGCHLD, before);
+}
+
 TEST_F(ApiTest, jobsAtOnce_writeWhatTheyWriteOneAfterTheOther) {
     const std::string options[] = {
         "\"trim\": [[0, 1]], \"preset\": \"ultrafast\", \"fit\": [160, 160]",
