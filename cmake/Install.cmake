@@ -25,7 +25,9 @@ install(TARGETS QmMediaEdit_Transcode QmMediaEdit_Host qm_platform qm_android EX
         COMPONENT tool NAMELINK_COMPONENT dev)
 install(FILES tools/qmtranscode/report/run.schema.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/qmtranscode COMPONENT tool)
-install(FILES ${CMAKE_BINARY_DIR}/docs/qmtranscode.1
+install(PROGRAMS tools/qmtranscode-slurm
+    DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+install(FILES ${CMAKE_BINARY_DIR}/docs/qmtranscode.1 ${CMAKE_BINARY_DIR}/docs/qmtranscode-slurm.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES ${CMAKE_BINARY_DIR}/docs/completion.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
