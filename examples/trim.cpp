@@ -28,9 +28,6 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    const auto platform = createHostPlatform(HostOptions());
-    Platform::install(platform.get());
-
     const TrimPeriod period{static_cast<int64_t>(atof(argv[3]) * 1e6),
                             static_cast<int64_t>(atof(argv[4]) * 1e6)};
     TranscodeProperty property;
@@ -42,7 +39,7 @@ int main(int argc, char** argv) {
     property.mPeriods = &period;
 
     const sp<TranscodeComponent> component = new TranscodeComponent();
-    component->create(&property);
+    component->create(&property, createHostPlatform(HostOptions()));
     auto result = std::async(std::launch::async, [&] { return component->process(); });
     pollfd keys{STDIN_FILENO, POLLIN, 0};
     while (result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {

@@ -14,6 +14,26 @@
 namespace android {
 namespace qmmediaeditor {
 
+// Results of HostOptions::checksEncoding; times are those of the output.
+struct FrameCheck {
+    int64_t timeUs = 0;
+    // The structural similarity of the decoded frame and the encoder's input; nothing when the
+    // frame could not be decoded.
+    std::optional<double> ssim;
+    // The encoder cannot have made it of this input: it is damaged, or another frame.
+    bool isWrong = false;
+};
+struct AudioCheck {
+    int64_t timeUs = 0;
+    int64_t durationUs = 0;
+    // Mean squares, 1 for full scale.
+    double inputPower = 0;
+    double outputPower = 0;
+    // How much later than the input the output is; nothing for silence, and for audio that has no
+    // resemblance to its input.
+    std::optional<int64_t> offsetUs;
+};
+
 // Receives facts about a session beside its result code. Called on the threads of the session and
 // of its codecs, several at a time; an operation must not block and must not call the session.
 class HostObserver {
@@ -38,6 +58,12 @@ public:
     // given, under the platform's keys ("width", "bitrate", …). Not to be changed.
     virtual void onEncoderOpened(bool /* isVideo */, const std::string& /* name */,
                                  const sp<AMessage>& /* format */) {}
+    // The session has taken this frame, or this audio, from a decoder; `timeUs` is its timestamp in
+    // the input. It uses what begins in one of its periods. On the thread of process(), in the
+    // order of the output.
+    virtual void onFrameDecoded(int64_t /* timeUs */) {}
+    virtual void onAudioDecoded(int64_t /* timeUs */, int64_t /* samplesPerChannel */,
+                                int /* sampleRate */) {}
     // A decoder has skipped a packet that it could not decode.
     virtual void onPacketSkipped(bool /* isVideo */) {}
 
@@ -57,6 +83,14 @@ public:
     // channel, which are valid during the call.
     virtual void onAudio(const int16_t* /* samples */, int64_t /* frames */, int /* channels */,
                          int /* sampleRate */) {}
+    // An encoder has output a packet with this timestamp; packetChecksum() tells its data.
+    virtual void onPacketEncoded(bool /* isVideo */, int64_t /* timeUs */,
+                                 uint64_t /* checksum */) {}
+    // In the order of time. The audio is checked in pieces of a second.
+    virtual void onFrameChecked(const FrameCheck& /* frame */) {}
+    virtual void onAudioChecked(const AudioCheck& /* audio */) {}
+    // Why the output of an encoder cannot be checked. Other checks of this encoder do not follow.
+    virtual void onCheckFailed(const std::string& /* reason */) {}
     // The writer has got the first sample of a track, with this timestamp of the output.
     virtual void onTrackStart(bool /* isVideo */, int64_t /* timeUs */) {}
     // The end of the last video frame of the output. Not called when it is unknown: the frame then
@@ -95,7 +129,8 @@ enum class MetadataPolicy {
     kAll,
 };
 
-// Choices of the host's user that the component does not know.
+// Choices of the host's user that the component does not know. They belong to the sessions of one
+// platform.
 struct HostOptions {
     // Speed preset of the AVC encoder, in x264's words.
     std::string avcPreset = "veryfast";
@@ -113,7 +148,7 @@ struct HostOptions {
     // to period; audio is passed on in shorter buffers, which takes longer; and the last frame has
     // the duration of the one before it.
     std::optional<std::vector<int64_t>> cutTimesUs;
-    // May be null; outlives the platform.
+    // May be null; outlives the sessions.
     HostObserver* observer = nullptr;
     // Threads of each video codec; a decoder that has less to do than the encoder gets fewer. 0:
     // the number of CPUs that this process may use, by its affinity mask and the quota of its
@@ -135,6 +170,9 @@ struct HostOptions {
     // each. libavfilter, which does this, is loaded from the system's library folders when the
     // first interlaced frame arrives.
     bool deinterlace = true;
+    // Decodes what the encoders make and compares it with their input; the observer gets the
+    // results. Needs libavfilter, and the memory for the frames inside the encoder.
+    bool checksEncoding = false;
     // The first video frame at or after this time of the output is a key frame, from which the next
     // ones are counted.
     std::optional<int64_t> keyFrameUs = std::nullopt;
@@ -146,15 +184,27 @@ struct HostOptions {
 // /sys: a process that gives up the right to open files calls it before that.
 int defaultThreads();
 
-// Limits each allocation of FFmpeg's libraries to 256 MiB, because a few bytes of input can ask for
-// any amount. This cannot be undone and applies to the whole process, including its other users of
-// these libraries; so the host does not call it. To be called before the first session.
-void limitAllocations();
+// Settings of FFmpeg's libraries that they have for the process only, and so for its other users of
+// these libraries as well.
+struct ProcessOptions {
+    // Limits each allocation of these libraries to 256 MiB, because a few bytes of input can ask
+    // for any amount. This cannot be undone.
+    bool limitsAllocations = false;
+    // Passes the messages of these libraries on to the log of liblog, with the tag "FFmpeg".
+    // Otherwise they go where the process has them go: by default, to standard error.
+    bool forwardsLibraryLog = false;
+};
 
-// The argument of Platform::install; to be kept until the last session is destroyed. A session does
-// not probe an input again that an extractor of this platform, or of `predecessor`, has opened
-// without reading its samples; `predecessor` is a host platform or null.
-std::unique_ptr<Platform> createHostPlatform(const HostOptions& options,
+// Nothing else that the library does changes the process: not its signals, its locale, its log or
+// its allocator. To be called before the first session; optional.
+void configureProcess(const ProcessOptions& options);
+
+// A platform for sessions with these options: the argument of TranscodeComponent::create, or of
+// Platform::install. Any number of sessions may use it at once; each keeps what it needs, so that
+// the host may let go of it. A session does not probe an input again that an extractor of this
+// platform, or of `predecessor`, has opened without reading its samples; `predecessor` is a host
+// platform or null.
+std::shared_ptr<Platform> createHostPlatform(const HostOptions& options,
                                              const Platform* predecessor = nullptr);
 
 }  // namespace qmmediaeditor

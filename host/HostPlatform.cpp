@@ -46,12 +46,16 @@ void logFromFFmpeg(void* object, int level, const char* format, va_list argument
 class HostPlatform : public Platform {
 public:
     HostPlatform(const HostOptions& options, const HostPlatform* predecessor)
-        : mOptions(options),
-          mInputs(predecessor != nullptr && predecessor->mOptions.tracks == options.tracks &&
-                          predecessor->mOptions.metadata == options.metadata
-                      ? predecessor->mInputs
-                      : std::make_shared<InputHandover>()) {
-        av_log_set_callback(logFromFFmpeg);
+        : HostPlatform(options,
+                       predecessor != nullptr && predecessor->mOptions.tracks == options.tracks &&
+                               predecessor->mOptions.metadata == options.metadata
+                           ? predecessor->mInputs
+                           : std::make_shared<InputHandover>(),
+                       nullptr) {}
+
+    std::shared_ptr<Platform> createSession() override {
+        return std::shared_ptr<Platform>(
+            new HostPlatform(mOptions, mInputs, std::make_shared<SessionTimeline>(mOptions)));
     }
 
     sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString& mime, bool encoder,
@@ -59,23 +63,23 @@ public:
         std::unique_ptr<CodecBackend> backend = encoder ? createEncoder(mime) : createDecoder(mime);
         if (err != nullptr) *err = backend == nullptr ? NAME_NOT_FOUND : OK;
         if (backend == nullptr) return nullptr;
-        if (!encoder) {
-            return new HostMediaCodec(looper, std::move(backend), nullptr,
-                                      [session = session()] { session->noteLoss(); });
-        }
         const bool isVideo = mime.startsWithIgnoreCase("video/");
-        session()->encoderStarted(isVideo);
-        return new HostMediaCodec(looper, std::move(backend), [session = session(), isVideo] {
-            session->encoderEnded(isVideo);
-        });
+        const std::shared_ptr<SessionTimeline> timeline = session();
+        if (!encoder) {
+            return new HostMediaCodec(
+                looper, std::move(backend), nullptr, [timeline] { timeline->noteLoss(); },
+                observeOutputs(isVideo));
+        }
+        timeline->encoderStarted(isVideo);
+        return new HostMediaCodec(looper, std::move(backend),
+                                  [timeline, isVideo] { timeline->encoderEnded(isVideo); });
     }
 
     sp<ExtractorBackend> createExtractor() override {
         return createFileExtractor(mOptions, session(), mInputs);
     }
     sp<MediaWriter> createWriter(int fd) override {
-        tSession = std::make_shared<SessionTimeline>(mOptions);
-        return createFileWriter(fd, mOptions, tSession);
+        return createFileWriter(fd, mOptions, session());
     }
     sp<AudioConverterBackend> createAudioConverter() override { return new AudioConverter; }
     void scale(const ScaleRequest& request) override { scaleFrame(request); }
@@ -86,10 +90,33 @@ public:
     bool getUseDitherType(int* /* type */) override { return false; }
 
 private:
-    // A session creates all of its parts on the thread that runs it, the writer first.
-    const std::shared_ptr<SessionTimeline>& session() const {
-        if (tSession == nullptr) tSession = std::make_shared<SessionTimeline>(mOptions);
-        return tSession;
+    HostPlatform(const HostOptions& options, std::shared_ptr<InputHandover> inputs,
+                 std::shared_ptr<SessionTimeline> session)
+        : mOptions(options), mInputs(std::move(inputs)), mSession(std::move(session)) {}
+
+    // Parts that are made outside of a session share nothing.
+    std::shared_ptr<SessionTimeline> session() const {
+        return mSession != nullptr ? mSession : std::make_shared<SessionTimeline>(mOptions);
+    }
+
+    HostMediaCodec::OnOutput observeOutputs(bool isVideo) const {
+        HostObserver* const observer = mOptions.observer;
+        if (observer == nullptr) return nullptr;
+        if (isVideo) {
+            return [observer](const sp<AMessage>&, int64_t timeUs, size_t) {
+                observer->onFrameDecoded(timeUs);
+            };
+        }
+        return [observer](const sp<AMessage>& format, int64_t timeUs, size_t bytes) {
+            int32_t sampleRate = 0;
+            int32_t channels = 0;
+            if (format == nullptr || !format->findInt32("sample-rate", &sampleRate) ||
+                !format->findInt32("channel-count", &channels) || channels < 1) {
+                return;
+            }
+            const size_t frameBytes = static_cast<size_t>(channels) * sizeof(int16_t);
+            observer->onAudioDecoded(timeUs, static_cast<int64_t>(bytes / frameBytes), sampleRate);
+        };
     }
 
     std::unique_ptr<CodecBackend> createEncoder(const AString& mime) const {
@@ -117,18 +144,21 @@ private:
 
     const HostOptions mOptions;
     const std::shared_ptr<InputHandover> mInputs;
-    static thread_local std::shared_ptr<SessionTimeline> tSession;
+    const std::shared_ptr<SessionTimeline> mSession;  // null outside of a session
 };
-
-thread_local std::shared_ptr<SessionTimeline> HostPlatform::tSession;
 
 }  // namespace
 
 int defaultThreads() { return codecThreads(0); }
 
-std::unique_ptr<Platform> createHostPlatform(const HostOptions& options,
+void configureProcess(const ProcessOptions& options) {
+    if (options.forwardsLibraryLog) av_log_set_callback(logFromFFmpeg);
+    if (options.limitsAllocations) limitAllocations();
+}
+
+std::shared_ptr<Platform> createHostPlatform(const HostOptions& options,
                                              const Platform* predecessor) {
-    return std::make_unique<HostPlatform>(options, static_cast<const HostPlatform*>(predecessor));
+    return std::make_shared<HostPlatform>(options, static_cast<const HostPlatform*>(predecessor));
 }
 
 }  // namespace qmmediaeditor

@@ -8,6 +8,8 @@
 #include <cmath>
 #include <utility>
 
+#include "host/codec/PacketChecksum.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/audio_fifo.h>
@@ -56,7 +58,8 @@ AudioEncoder::AudioEncoder(const HostOptions& options, std::shared_ptr<SessionTi
       mObserver(mSession == nullptr ? nullptr : mSession->observer()),
       mGains(options.audioGains),
       mIsEncoding(options.encodesAudio),
-      mFrame(av_frame_alloc()) {}
+      mFrame(av_frame_alloc()),
+      mIsChecking(options.checksEncoding) {}
 
 AudioEncoder::~AudioEncoder() = default;
 
@@ -89,6 +92,10 @@ status_t AudioEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     buffers->outputCount = kOutputCount;
     if (mObserver != nullptr) {
         mObserver->onEncoderOpened(false, mEncoder.context()->codec->name, format);
+    }
+    if (mObserver != nullptr && mIsChecking && mIsEncoding) {
+        mCheck = std::make_unique<EncodedAudioCheck>(mFormat, mEncoder.context()->sample_rate,
+                                                     mObserver);
     }
     return OK;
 }
@@ -170,6 +177,7 @@ status_t AudioEncoder::accept(CodecInput input) {
     if (!mStarted) {
         mStarted = true;
         mFirstTimeUs = input.timeUs;
+        if (mCheck != nullptr) mCheck->begin(mFirstTimeUs);
     }
     const size_t frameBytes = sizeof(int16_t) * static_cast<size_t>(mChannelCount);
     const size_t frames = input.size / frameBytes;
@@ -237,6 +245,7 @@ status_t AudioEncoder::sendFrame() {
                        frame->nb_samples);
     frame->pts = mSentSamples;
     mSentSamples += frame->nb_samples;
+    if (mCheck != nullptr) mCheck->addInput(*frame);
     return mEncoder.send(frame);
 }
 
@@ -253,6 +262,14 @@ int64_t AudioEncoder::packetStart() {
     return start;
 }
 
+void AudioEncoder::reportPacket(int64_t firstSample) {
+    const AVPacket& packet = mEncoder.packet();
+    const uint64_t checksum =
+        packetChecksum(packet.data, static_cast<size_t>(packet.size), PacketForm::kWhole);
+    mObserver->onPacketEncoded(false, timeOf(firstSample), checksum);
+    if (mCheck != nullptr) mCheck->addPacket(packet, firstSample);
+}
+
 CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     if (mCodecSpecificData != nullptr) {
         output->buffer = mCodecSpecificData;
@@ -262,13 +279,17 @@ CodecBackend::Step AudioEncoder::produce(CodecOutput* output) {
     }
     for (;;) {
         switch (mEncoder.receive()) {
-            case PacketEncoder::Received::kPacket:
-                mLastTimeUs = timeOf(packetStart());
+            case PacketEncoder::Received::kPacket: {
+                const int64_t firstSample = packetStart();
+                mLastTimeUs = timeOf(firstSample);
+                if (mIsChecking && mObserver != nullptr) reportPacket(firstSample);
                 output->buffer = mEncoder.takePayload();
                 output->timeUs = mLastTimeUs;
                 output->flags = MediaCodec::BUFFER_FLAG_SYNCFRAME;
                 return output->buffer == nullptr ? Step::kFailed : Step::kOutput;
+            }
             case PacketEncoder::Received::kEnd:
+                if (mCheck != nullptr) mCheck->finish();
                 if (mSession != nullptr) mSession->endAudio(timeOf(mSentSamples));
                 output->timeUs = mLastTimeUs;
                 return Step::kEnd;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/codec/CodecBackend.h"
+#include "host/codec/EncodedAudioCheck.h"
 #include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"
 
@@ -42,6 +43,8 @@ private:
     const int16_t* amplify(const int16_t* samples, size_t frames);
     status_t sendFrame();
     bool hasFrame() const;
+    // Tells the observer of the encoder's packet, and adds it to the check.
+    void reportPacket(int64_t firstSample);
     // Of a sample in the encoder's sample rate, in microseconds of the output.
     int64_t timeOf(int64_t samples) const;
     // Of the encoder's packet, in samples.
@@ -69,6 +72,9 @@ private:
     int64_t mSentSamples = 0;
     std::optional<int64_t> mNextPacket;  // in samples
     int64_t mLastTimeUs = 0;
+    const bool mIsChecking;
+    // Null unless the options ask for it.
+    std::unique_ptr<EncodedAudioCheck> mCheck;
 };
 
 }  // namespace qmmediaeditor

@@ -20,10 +20,12 @@ constexpr char kLogTag[] = "Codec";
 }  // namespace
 
 HostMediaCodec::HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
-                               std::function<void()> onEnd, std::function<void()> onLoss)
+                               std::function<void()> onEnd, std::function<void()> onLoss,
+                               OnOutput onOutput)
     : mLooper(looper),
       mOnEnd(std::move(onEnd)),
       mOnLoss(std::move(onLoss)),
+      mOnOutput(std::move(onOutput)),
       mBackend(std::move(backend)) {}
 
 HostMediaCodec::~HostMediaCodec() { release(); }
@@ -234,7 +236,9 @@ status_t HostMediaCodec::deliver(size_t* index, size_t* offset, size_t* size, in
     *size = slot.buffer->size();
     *timeUs = slot.output.timeUs;
     *flags = slot.output.flags;
-    if ((*flags & BUFFER_FLAG_EOS) != 0 && mOnEnd) mOnEnd();
+    const bool isEnd = (*flags & BUFFER_FLAG_EOS) != 0;
+    if (isEnd && mOnEnd) mOnEnd();
+    if (!isEnd && mOnOutput) mOnOutput(mOutputFormat, *timeUs, *size);
     publish();
     return OK;
 }

@@ -31,8 +31,13 @@ public:
     // `onLoss` is for decoders of untrusted input, because their client aborts when a dequeue
     // fails. A decoder that cannot go on then calls `onLoss` on the looper's thread, refuses
     // further input and ends its output.
+    //
+    // `onOutput`, which may be empty, is called when the client dequeues an output, on its thread:
+    // with the output's format, its timestamp and its size in bytes. It must not call the codec.
+    typedef std::function<void(const sp<AMessage>& format, int64_t timeUs, size_t bytes)> OnOutput;
     HostMediaCodec(const sp<ALooper>& looper, std::unique_ptr<CodecBackend> backend,
-                   std::function<void()> onEnd = nullptr, std::function<void()> onLoss = nullptr);
+                   std::function<void()> onEnd = nullptr, std::function<void()> onLoss = nullptr,
+                   OnOutput onOutput = nullptr);
 
     status_t configure(const sp<AMessage>& format, const sp<Surface>& nativeWindow,
                        const sp<ICrypto>& crypto, uint32_t flags) override;
@@ -128,6 +133,7 @@ private:
     const sp<ALooper> mLooper;
     const std::function<void()> mOnEnd;
     const std::function<void()> mOnLoss;
+    const OnOutput mOnOutput;
 
     mutable Mutex mLock;
     Condition mInputFree;

@@ -23,6 +23,9 @@ std::optional<std::string> checkSize(const char* what, int64_t width, int64_t he
 std::optional<std::string> checkStreams(unsigned count);
 std::optional<std::string> checkAudio(int sampleRate, int channels);
 
+// Limits each allocation of FFmpeg's libraries to kMaxAllocationBytes, in the whole process.
+void limitAllocations();
+
 // For a library that has run out of memory: the reason when limitAllocations() was called and
 // memory is not short, so that the limit has refused an allocation.
 std::optional<std::string> checkAllocation();

@@ -198,6 +198,9 @@ status_t PacketEncoder::prepare(const AString& mime) {
     mContext.reset(avcodec_alloc_context3(codec));
     if (mContext == nullptr) return NO_MEMORY;
     mContext->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // Encoders describe their settings and their results, which FFmpeg prints on standard error
+    // unless the process says otherwise.
+    mContext->log_level_offset = AV_LOG_VERBOSE - AV_LOG_INFO;
     return OK;
 }
 

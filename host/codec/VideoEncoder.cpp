@@ -5,12 +5,14 @@
 #include <media/stagefright/MediaCodecConstants.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
+#include <string.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "host/codec/CodecTable.h"
 #include "host/codec/InputLimits.h"
+#include "host/codec/PacketChecksum.h"
 #include "host/convert/FrameScaler.h"
 #include "host/foundation/CpuCount.h"
 
@@ -198,6 +200,9 @@ status_t VideoEncoder::configure(const sp<AMessage>& format, CodecBuffers* buffe
     buffers->outputCount = kOutputCount;
     if (mSession != nullptr && mSession->observer() != nullptr) {
         mSession->observer()->onEncoderOpened(true, mEncoder.context()->codec->name, format);
+        if (mOptions.checksEncoding) {
+            mCheck = std::make_unique<EncodedVideoCheck>(mFormat, mThreads, mSession->observer());
+        }
     }
     return OK;
 }
@@ -374,6 +379,7 @@ status_t VideoEncoder::accept(CodecInput input) {
     frame->pict_type = isKeyFrameDue(timestamp.timeUs) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
 
     auto* memory = new FrameMemory;
+    const sp<RefBase> owner = scaled.owner;
     memory->owner = std::move(scaled.owner);
     // The buffer is free again at once when the frame lies elsewhere.
     if (memory->owner == nullptr) memory->lease = std::move(input.lease);
@@ -385,12 +391,43 @@ status_t VideoEncoder::accept(CodecInput input) {
         delete memory;
         return NO_MEMORY;
     }
+    if (mCheck != nullptr && !addToCheck(*frame, owner, timestamp.timeUs)) return NO_MEMORY;
     const status_t status = mEncoder.send(frame);
     av_frame_unref(frame);
     if (status == OK && mSession != nullptr && mSession->observer() != nullptr) {
         mSession->observer()->onFrameEncoded(timestamp.timeUs);
     }
     return status;
+}
+
+// An input buffer must become free when the encoder has read it, so that its frame is copied; other
+// frames are kept by their owner.
+bool VideoEncoder::addToCheck(const AVFrame& frame, sp<RefBase> owner, int64_t timeUs) {
+    const size_t bytes = frame.buf[0]->size;
+    uint8_t* data = frame.data[0];
+    if (owner == nullptr) {
+        const sp<ABuffer> copy = FrameAllocator::makeBuffer(bytes);
+        if (copy == nullptr || copy->data() == nullptr) return false;
+        data = copy->data();
+        memcpy(data, frame.data[0], bytes);
+        owner = copy;
+    }
+    FramePtr own(av_frame_alloc());
+    if (own == nullptr) return false;
+    own->format = frame.format;
+    own->width = frame.width;
+    own->height = frame.height;
+    for (int i = 0; i < 3; ++i) {
+        own->data[i] = data + (frame.data[i] - frame.data[0]);
+        own->linesize[i] = frame.linesize[i];
+    }
+    auto memory = std::make_unique<FrameMemory>();
+    memory->owner = std::move(owner);
+    own->buf[0] = av_buffer_create(data, bytes, releaseMemory, memory.get(), 0);
+    if (own->buf[0] == nullptr) return false;
+    memory.release();
+    mCheck->addInput(std::move(own), timeUs);
+    return true;
 }
 
 status_t VideoEncoder::finish() { return mEncoder.send(nullptr); }
@@ -408,6 +445,7 @@ CodecBackend::Step VideoEncoder::produce(CodecOutput* output) {
         case PacketEncoder::Received::kNeedsInput:
             return Step::kNeedsInput;
         case PacketEncoder::Received::kEnd:
+            if (mCheck != nullptr) mCheck->finish();
             output->timeUs = std::max<int64_t>(mLast.timeUs, 0);
             return Step::kEnd;
         case PacketEncoder::Received::kFailed:
@@ -415,6 +453,14 @@ CodecBackend::Step VideoEncoder::produce(CodecOutput* output) {
     }
     const AVPacket& packet = mEncoder.packet();
     output->timeUs = timeOf(packet.pts);
+    if (mCheck != nullptr) {
+        const bool isAvc = mEncoder.context()->codec_id == AV_CODEC_ID_H264;
+        const PacketForm form = isAvc ? PacketForm::kStartCodes : PacketForm::kWhole;
+        mSession->observer()->onPacketEncoded(
+            true, output->timeUs,
+            packetChecksum(packet.data, static_cast<size_t>(packet.size), form));
+        mCheck->addPacket(packet, output->timeUs);
+    }
     if ((packet.flags & AV_PKT_FLAG_KEY) != 0) output->flags = MediaCodec::BUFFER_FLAG_SYNCFRAME;
     output->buffer = mEncoder.takePayload();
     return output->buffer == nullptr ? Step::kFailed : Step::kOutput;

@@ -14,6 +14,7 @@
 
 #include "host/codec/CodecBackend.h"
 #include "host/codec/CodecTable.h"
+#include "host/codec/EncodedVideoCheck.h"
 #include "host/codec/PacketCodecs.h"
 #include "host/codec/SessionTimeline.h"
 #include "host/convert/ZimgGraph.h"
@@ -56,6 +57,9 @@ private:
     int64_t timeOf(int64_t pts);
     bool isKeyFrameDue(int64_t timeUs);
     FramePlanes inputPlanes(uint8_t* data) const;
+    // Adds the frame to the check; `owner` is null if it is in an input buffer. False when memory
+    // is short.
+    bool addToCheck(const AVFrame& frame, sp<RefBase> owner, int64_t timeUs);
 
     const HostOptions mOptions;
     const int mThreads;
@@ -72,6 +76,8 @@ private:
     Timestamp mLast;
     int64_t mKeyFrameIntervalUs = 0;  // 0 for no interval
     std::optional<int64_t> mKeyFrameUs;
+    // Null unless the options ask for it.
+    std::unique_ptr<EncodedVideoCheck> mCheck;
     // HostOptions::keyFrameUs, until that frame has come.
     std::optional<int64_t> mAskedKeyFrameUs;
 };

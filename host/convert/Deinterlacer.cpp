@@ -1,16 +1,12 @@
 #include "host/convert/Deinterlacer.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <utility>
 
+#include "host/convert/FilterLibrary.h"
+
 extern "C" {
-#include <libavfilter/avfilter.h>
-#include <libavfilter/buffersink.h>
-#include <libavfilter/buffersrc.h>
 #include <libavutil/frame.h>
-#include <libavutil/macros.h>
 }
 
 namespace android {
@@ -18,58 +14,10 @@ namespace qmmediaeditor {
 
 namespace {
 
-constexpr char kLibrary[] = "libavfilter.so." AV_STRINGIFY(LIBAVFILTER_VERSION_MAJOR);
 // More threads wait for each other longer than they work.
 constexpr int kMaxThreads = 4;
 // The filter reads several rows above and below, also of subsampled planes.
 constexpr int kMinSide = 16;
-
-// The functions of libavfilter that are used here.
-struct Library {
-    decltype(&avfilter_get_by_name) getByName = nullptr;
-    decltype(&avfilter_graph_alloc) allocGraph = nullptr;
-    decltype(&avfilter_graph_free) freeGraph = nullptr;
-    decltype(&avfilter_graph_create_filter) createFilter = nullptr;
-    decltype(&avfilter_link) link = nullptr;
-    decltype(&avfilter_graph_config) configure = nullptr;
-    decltype(&av_buffersrc_add_frame_flags) addFrame = nullptr;
-    decltype(&av_buffersink_get_frame) getFrame = nullptr;
-
-    bool isLoaded = false;
-    std::string failure;
-};
-
-template <typename Function>
-bool find(void* handle, const char* name, Function* function) {
-    *function = reinterpret_cast<Function>(dlsym(handle, name));
-    return *function != nullptr;
-}
-
-Library load() {
-    Library library;
-    void* const handle = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-    if (handle != nullptr) {
-        library.isLoaded = find(handle, "avfilter_get_by_name", &library.getByName) &&
-                           find(handle, "avfilter_graph_alloc", &library.allocGraph) &&
-                           find(handle, "avfilter_graph_free", &library.freeGraph) &&
-                           find(handle, "avfilter_graph_create_filter", &library.createFilter) &&
-                           find(handle, "avfilter_link", &library.link) &&
-                           find(handle, "avfilter_graph_config", &library.configure) &&
-                           find(handle, "av_buffersrc_add_frame_flags", &library.addFrame) &&
-                           find(handle, "av_buffersink_get_frame", &library.getFrame);
-    }
-    if (!library.isLoaded) {
-        const char* const error = dlerror();
-        library.failure = std::string(kLibrary) + " cannot be loaded" +
-                          (error == nullptr ? "" : std::string(": ") + error);
-    }
-    return library;
-}
-
-const Library& library() {
-    static const Library loaded = load();
-    return loaded;
-}
 
 int64_t* durationOf(AVFrame* frame) {
 #if LIBAVUTIL_VERSION_MAJOR < 58
@@ -94,7 +42,7 @@ class Deinterlacer::Graph {
 public:
     Graph(const AVFrame& frame, int threads)
         : mWidth(frame.width), mHeight(frame.height), mFormat(frame.format), mThreads(threads) {}
-    ~Graph() { library().freeGraph(&mGraph); }
+    ~Graph() { filterLibrary().freeGraph(&mGraph); }
     Graph(const Graph&) = delete;
     Graph& operator=(const Graph&) = delete;
 
@@ -104,7 +52,7 @@ public:
 
     // These are 0 or libavfilter's errors.
     int build() {
-        mGraph = library().allocGraph();
+        mGraph = filterLibrary().allocGraph();
         if (mGraph == nullptr) return AVERROR(ENOMEM);
         mGraph->nb_threads = mThreads;
         const std::string format = "video_size=" + std::to_string(mWidth) + "x" +
@@ -117,22 +65,22 @@ public:
             error = create("bwdif", "mode=send_frame:parity=auto:deint=interlaced", &filter);
         }
         if (error >= 0) error = create("buffersink", nullptr, &mSink);
-        if (error >= 0) error = library().link(mSource, 0, filter, 0);
-        if (error >= 0) error = library().link(filter, 0, mSink, 0);
+        if (error >= 0) error = filterLibrary().link(mSource, 0, filter, 0);
+        if (error >= 0) error = filterLibrary().link(filter, 0, mSink, 0);
         // A pixel format that bwdif lacks is converted by libavfilter to the nearest one, which has
         // the same subsampling, so that no fields are mixed.
-        return error < 0 ? error : library().configure(mGraph, nullptr);
+        return error < 0 ? error : filterLibrary().configure(mGraph, nullptr);
     }
 
     // Null is the end.
-    int send(AVFrame* frame) { return library().addFrame(mSource, frame, 0); }
-    int receive(AVFrame* frame) { return library().getFrame(mSink, frame); }
+    int send(AVFrame* frame) { return filterLibrary().addFrame(mSource, frame, 0); }
+    int receive(AVFrame* frame) { return filterLibrary().getFrame(mSink, frame); }
 
 private:
     int create(const char* name, const char* options, AVFilterContext** filter) {
-        const AVFilter* const kind = library().getByName(name);
+        const AVFilter* const kind = filterLibrary().getByName(name);
         if (kind == nullptr) return AVERROR_FILTER_NOT_FOUND;
-        return library().createFilter(filter, kind, name, options, nullptr, mGraph);
+        return filterLibrary().createFilter(filter, kind, name, options, nullptr, mGraph);
     }
 
     const int mWidth;
@@ -159,14 +107,14 @@ status_t Deinterlacer::add(AVFrame* frame) {
         if (const status_t status = finish(); status != OK) return status;
     }
     if (mGraph == nullptr && needs(*frame)) {
-        if (!library().isLoaded) {
-            mFailure = library().failure;
+        if (!filterLibrary().isLoaded) {
+            mFailure = filterLibrary().failure;
         } else {
             auto graph = std::make_unique<Graph>(*frame, mThreads);
             const int error = graph->build();
             if (error == AVERROR(ENOMEM)) return NO_MEMORY;
             if (error < 0) {
-                mFailure = std::string(kLibrary) + " has no bwdif filter for these frames";
+                mFailure = std::string(kFilterLibrary) + " has no bwdif filter for these frames";
             } else {
                 mGraph = std::move(graph);
             }

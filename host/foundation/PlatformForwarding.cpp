@@ -1,12 +1,13 @@
-// The platform's classes that forward their operations to the installed Platform.
+// The platform's classes that forward their operations to the session's Platform.
 #include <Platform.h>
 #include <android/log.h>
 #include <editorutils/Adapter.h>
 #include <editorutils/QmMediaAudioConverter.h>
 #include <editorutils/QmMediaEditorColorConverter.h>
 #include <media/stagefright/MPEG4Writer.h>
+#include <utils/Mutex.h>
 
-#include <atomic>
+#include <utility>
 
 namespace android {
 
@@ -14,21 +15,52 @@ namespace qmmediaeditor {
 
 namespace {
 
-std::atomic<Platform*> gPlatform{nullptr};
+// Never destroyed, because threads may end after the static objects of the process.
+struct Installed {
+    Mutex lock;
+    std::shared_ptr<Platform> platform GUARDED_BY(lock);
+};
+Installed& installed() {
+    static auto& object = *new Installed;
+    return object;
+}
+
+thread_local std::shared_ptr<Platform> tPlatform;
 
 }  // namespace
 
-void Platform::install(Platform* platform) { gPlatform = platform; }
-
-Platform& Platform::get() {
-    Platform* platform = gPlatform;
-    if (platform == nullptr) {
-        __android_log_assert("platform == nullptr", "Platform", "no platform is installed");
-    }
-    return *platform;
+void Platform::install(std::shared_ptr<Platform> platform) {
+    // The one before may be destroyed without the lock.
+    Mutex::Autolock lock(installed().lock);
+    installed().platform.swap(platform);
 }
 
-QmMediaExtractorWrapper::QmMediaExtractorWrapper() : mBackend(Platform::get().createExtractor()) {}
+std::shared_ptr<Platform> Platform::forNewSession(std::shared_ptr<Platform> platform) {
+    if (platform == nullptr) {
+        Mutex::Autolock lock(installed().lock);
+        platform = installed().platform;
+    }
+    std::shared_ptr<Platform> session = platform == nullptr ? nullptr : platform->createSession();
+    return session == nullptr ? platform : session;
+}
+
+std::shared_ptr<Platform> Platform::current() {
+    if (tPlatform != nullptr) return tPlatform;
+    Mutex::Autolock lock(installed().lock);
+    if (installed().platform == nullptr) {
+        __android_log_assert("platform == nullptr", "Platform", "no platform is installed");
+    }
+    return installed().platform;
+}
+
+Platform::Scope::Scope(const std::shared_ptr<Platform>& platform) : mBefore(tPlatform) {
+    if (platform != nullptr) tPlatform = platform;
+}
+
+Platform::Scope::~Scope() { tPlatform = mBefore; }
+
+QmMediaExtractorWrapper::QmMediaExtractorWrapper()
+    : mBackend(Platform::current()->createExtractor()) {}
 QmMediaExtractorWrapper::~QmMediaExtractorWrapper() = default;
 status_t QmMediaExtractorWrapper::setDataSource(int fd, int64_t offset, int64_t length) {
     return mBackend->setDataSource(fd, offset, length);
@@ -58,7 +90,8 @@ status_t QmMediaExtractorWrapper::seekTo(int64_t timeUs, SeekMode mode) {
     return mBackend->seekTo(timeUs, mode);
 }
 
-QmMediaAudioConverter::QmMediaAudioConverter() : mBackend(Platform::get().createAudioConverter()) {}
+QmMediaAudioConverter::QmMediaAudioConverter()
+    : mBackend(Platform::current()->createAudioConverter()) {}
 QmMediaAudioConverter::~QmMediaAudioConverter() = default;
 int QmMediaAudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth,
                                 int outChannelCount, int outSampleRate, int outBitDepth) {
@@ -73,6 +106,8 @@ int QmMediaAudioConverter::process(unsigned char* in, unsigned char* out, int fr
 }
 void QmMediaAudioConverter::freeBuff(unsigned char* buffer) { mBackend->freeBuff(buffer); }
 
+QmMediaEditorColorUtils::QmMediaEditorColorUtils() : mPlatform(Platform::current()) {}
+
 void QmMediaEditorColorUtils::setOutputFormat(const sp<AMessage>& format, int width, int height,
                                               int cropLeft, int cropTop, int cropRight,
                                               int cropBottom, int stride, int sliceHeight) {
@@ -85,18 +120,21 @@ void QmMediaEditorColorConverter::Scale(int srcStride, int srcSliceHeight, int s
                                         int dstWidth, int dstHeight, int dstColorFormat,
                                         unsigned char* dst,
                                         const sp<QmMediaEditorColorUtils>& utils) {
-    Platform::get().scale({srcStride, srcSliceHeight, srcWidth, srcHeight, srcColorFormat, src,
-                           dstWidth, dstHeight, dstColorFormat, dst, utils});
+    const ScaleRequest request{srcStride, srcSliceHeight, srcWidth,  srcHeight,      srcColorFormat,
+                               src,       dstWidth,       dstHeight, dstColorFormat, dst,
+                               utils};
+    // Called on a thread of the session's.
+    utils == nullptr ? Platform::current()->scale(request) : utils->platform().scale(request);
 }
 
 void Adapter::SetUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size) {
-    // The component holds the platform's class; the installed platform knows its own.
-    Platform::get().setUuidData(static_cast<MPEG4Writer*>(writer.get())->implementation(), data,
-                                size);
+    // The component holds the platform's class; the session's platform knows its own.
+    const auto* const own = static_cast<MPEG4Writer*>(writer.get());
+    own->platform().setUuidData(own->implementation(), data, size);
 }
 
 bool Adapter::GetUseDitherTypeFromBrunch(int* type) {
-    return Platform::get().getUseDitherType(type);
+    return Platform::current()->getUseDitherType(type);
 }
 
 }  // namespace qmmediaeditor
@@ -104,7 +142,7 @@ bool Adapter::GetUseDitherTypeFromBrunch(int* type) {
 sp<MediaCodec> MediaCodec::CreateByType(const sp<ALooper>& looper, const AString& mime,
                                         bool encoder, status_t* err, pid_t /* pid */,
                                         uid_t /* uid */) {
-    return qmmediaeditor::Platform::get().createCodec(looper, mime, encoder, err);
+    return qmmediaeditor::Platform::current()->createCodec(looper, mime, encoder, err);
 }
 
 const String16& IMediaRecorderClient::getInterfaceDescriptor() const {
@@ -113,7 +151,7 @@ const String16& IMediaRecorderClient::getInterfaceDescriptor() const {
 }
 
 MPEG4Writer::MPEG4Writer(int fd)
-    : mImplementation(qmmediaeditor::Platform::get().createWriter(fd)) {}
+    : mPlatform(qmmediaeditor::Platform::current()), mImplementation(mPlatform->createWriter(fd)) {}
 MPEG4Writer::~MPEG4Writer() = default;
 status_t MPEG4Writer::addSource(const sp<MediaSource>& source) {
     return mImplementation->addSource(source);

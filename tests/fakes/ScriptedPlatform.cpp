@@ -7,6 +7,11 @@ namespace {
 
 ScriptedPlatform* gInstalled = nullptr;
 
+// Sessions of a test end before its platform.
+std::shared_ptr<Platform> borrowed(ScriptedPlatform* platform) {
+    return {std::shared_ptr<Platform>(), platform};
+}
+
 }  // namespace
 
 int ScriptedAudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth,
@@ -37,12 +42,12 @@ void ScriptedAudioConverter::freeBuff(unsigned char* buffer) {
 
 ScriptedPlatform::ScriptedPlatform() : mBefore(gInstalled) {
     gInstalled = this;
-    install(this);
+    install(borrowed(this));
 }
 
 ScriptedPlatform::~ScriptedPlatform() {
     gInstalled = mBefore;
-    install(mBefore);
+    install(borrowed(mBefore));
 }
 
 sp<ScriptedCodec> ScriptedPlatform::prepare(const std::string& mime, bool encoder) {

@@ -26,8 +26,8 @@ bool isSmall(const cli::MediaFile& media) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     HostOptions options;
     options.avcPreset = "ultrafast";
-    static const std::unique_ptr<Platform> platform = createHostPlatform(options);
-    Platform::install(platform.get());
+    static const std::shared_ptr<Platform> platform = createHostPlatform(options);
+    Platform::install(platform);
     __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
     return 0;
 }

@@ -143,8 +143,8 @@ void LongLife::expect(bool holds, const std::string& clip, const std::string& wh
 int run() {
     HostOptions options;
     options.avcPreset = "ultrafast";
-    const std::unique_ptr<Platform> platform = createHostPlatform(options);
-    Platform::install(platform.get());
+    const std::shared_ptr<Platform> platform = createHostPlatform(options);
+    Platform::install(platform);
     const uint64_t runs = numberFromEnvironment("QM_RUNS", 300 / kSlowness);
     // A period at the end of the range of times ends as well.
     for (const int64_t startUs : {INT64_MAX - 1000000000, INT64_MAX}) {

@@ -47,7 +47,8 @@ int64_t TemporaryFile::sizeBytes() const {
 
 int TemporaryFile::open() const { return ::open(mPath.c_str(), O_RDWR | O_CLOEXEC); }
 
-SessionRun::SessionRun(const std::string& clip, std::vector<TrimPeriod> periods)
+SessionRun::SessionRun(const std::string& clip, std::vector<TrimPeriod> periods,
+                       std::shared_ptr<Platform> platform, const sp<AMessage>& outputFormat)
     : mPeriods(std::move(periods)), mComponent(new TranscodeComponent) {
     mProperty.mInputFd = ::open(clip.c_str(), O_RDONLY | O_CLOEXEC);
     if (mProperty.mInputFd < 0) giveUp(clip.c_str());
@@ -57,7 +58,8 @@ SessionRun::SessionRun(const std::string& clip, std::vector<TrimPeriod> periods)
     mProperty.mTrimEnabled = !mPeriods.empty();
     mProperty.mPeriodCount = static_cast<int32_t>(mPeriods.size());
     mProperty.mPeriods = mPeriods.data();
-    mComponent->create(&mProperty);
+    mProperty.mOutputFormat = outputFormat;
+    mComponent->create(&mProperty, std::move(platform));
     mThread = std::thread([this] {
         mResult = mComponent->process();
         mEndedAt = Clock::now();

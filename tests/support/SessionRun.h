@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,8 +53,10 @@ private:
 
 class SessionRun {
 public:
-    // Starts at once.
-    explicit SessionRun(const std::string& clip, std::vector<TrimPeriod> periods = {});
+    // Starts at once, on the installed platform or a given one.
+    explicit SessionRun(const std::string& clip, std::vector<TrimPeriod> periods = {},
+                        std::shared_ptr<Platform> platform = nullptr,
+                        const sp<AMessage>& outputFormat = nullptr);
     // Waits for the end, and destroys the session.
     ~SessionRun();
 

@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <qmtranscode/cli/Console.h>
+#include <qmtranscode/cli/NumberedName.h>
 #include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/report/PartObjects.h>
 #include <qmtranscode/report/RunObject.h>
 #include <qmtranscode/sandbox/SectionWorkers.h>
 #include <qmtranscode/sandbox/SignalHandler.h>
@@ -14,9 +16,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 using namespace android::qmmediaeditor;
 
@@ -35,15 +41,24 @@ int failed(const cli::Failure& failure) {
     return failure.status;
 }
 
-// The same before there is a worker, with the object of the run. `request` is JSON.
+// What a run leaves for --split.
+struct PartReport {
+    std::string object;  // with --json
+    std::optional<size_t> parts;
+};
+
+// The same before there is a worker, with the object of the run, which goes to `report` unless that
+// is null. `request` is JSON.
 int failedEarly(const cli::Failure& failure, const char* stage, bool printsObject,
-                const std::string& request) {
+                const std::string& request, PartReport* report = nullptr) {
     if (printsObject) {
         std::string object;
         cli::makeObject(
             {"failed", failure.status, stage, failure.code, failure.subject, failure.reason}, "",
             request, "", &object);
-        if (cli::console::printOutput(object) != 0) {
+        if (report != nullptr) {
+            report->object = object;
+        } else if (cli::console::printOutput(object) != 0) {
             cli::Failure both = failure;
             both.reason += fmt::format("; standard output: {}", strerror(errno));
             return failed(both);
@@ -72,15 +87,100 @@ int print(const std::string& text) {
     return failed(cli::systemFailure(cli::kExitFailed, "standard output", errno));
 }
 
-int cannotStart(const cli::Options& options) {
-    return failedEarly(cli::systemFailure(cli::kExitFailed, "the worker process", errno), "opening",
-                       options.json, options.request);
-}
-
 cli::SharedState* makeSharedState() {
     void* const memory = mmap(nullptr, sizeof(cli::SharedState), PROT_READ | PROT_WRITE,
                               MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     return memory == MAP_FAILED ? nullptr : new (memory) cli::SharedState;
+}
+
+// One input and one output. `report` is null for the only run of the command.
+int runOnce(const cli::Options& options, cli::SharedState* shared, PartReport* report) {
+    const auto fail = [&](const cli::Failure& failure) {
+        return failedEarly(failure, "opening", options.json, options.request, report);
+    };
+    cli::JobFiles files;
+    if (const std::optional<cli::Failure> failure = files.open(options)) return fail(*failure);
+    int links[2];
+    int libraryOutput[2];
+    if (shared == nullptr || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, links) != 0 ||
+        pipe2(libraryOutput, O_CLOEXEC) != 0) {
+        return fail(cli::systemFailure(cli::kExitFailed, "the worker process", errno));
+    }
+    shared->columns = cli::console::terminalColumns();
+    const pid_t parent = getpid();
+    cli::SectionWorkers sections;
+    // startWorker() does not throw.
+    const auto start = [](const cli::Options& own, cli::JobFiles* ofAll,
+                          const cli::WorkerLink& link, cli::SharedState* state, int output,
+                          pid_t pid) { cli::startWorker(own, ofAll, link, state, output, pid); };
+    if (options.jobs > 1 && !sections.start(options, &files, shared, parent, +start)) {
+        return fail(cli::systemFailure(cli::kExitFailed, "the worker process", errno));
+    }
+    const pid_t worker = fork();
+    if (worker < 0) return fail(cli::systemFailure(cli::kExitFailed, "the worker process", errno));
+    if (worker == 0) {
+        sections.closeLinks();
+        close(links[0]);
+        close(libraryOutput[0]);
+        const cli::WorkerLink link(links[1]);
+        cli::startWorker(options, &files, link, shared, libraryOutput[1], parent);
+    }
+    close(links[1]);
+    close(libraryOutput[1]);
+    fcntl(links[0], F_SETFL, O_NONBLOCK);
+    const cli::WorkerLink link(links[0]);
+    cli::Supervisor::Job job;
+    job.input = options.input;
+    job.output = options.plan ? nullptr : &files.output;
+    job.trace = options.trace && !options.plan ? &files.trace : nullptr;
+    job.receipt = files.receipt;
+    job.libraryOutput = libraryOutput[0];
+    job.showsLibraryOutput = options.logFilter.has_value();
+    // A part is complete or absent.
+    job.mayKeepPartial =
+        options.keepPartial && !options.part && !options.section && files.output.older() == nullptr;
+    if (options.jobs > 1) job.sections = &sections;
+    job.printsObject = options.json;
+    job.request = options.request;
+    job.names = cli::namesOf(options);
+    if (report != nullptr) job.object = &report->object;
+    cli::Supervisor supervisor(job, worker, link, shared);
+    const int status = supervisor.run();
+    if (report != nullptr) report->parts = supervisor.parts();
+    close(links[0]);
+    close(libraryOutput[0]);
+    return status;
+}
+
+// One run for each output of --split. The first failure or stop is the last run.
+int runParts(const cli::Options& options, cli::SharedState* shared) {
+    std::vector<std::string> objects;
+    size_t count = cli::knownParts(options);
+    if (const auto failure = cli::JobFiles::checkParts(options, 1, std::max<size_t>(count, 1))) {
+        return failedEarly(*failure, "opening", options.json, options.request);
+    }
+    int status = cli::kExitComplete;
+    for (size_t part = 0; status == cli::kExitComplete && part < std::max<size_t>(count, 1);
+         ++part) {
+        cli::Options own = options;
+        own.part = part;
+        own.output = cli::numberedName(*options.split, static_cast<int>(part) + 1);
+        PartReport report;
+        status = runOnce(own, shared, &report);
+        objects.push_back(report.object);
+        // The number of chapters, and whether anything follows the last cut, is known only now.
+        const size_t before = count;
+        count = std::min(report.parts.value_or(count), cli::kMaxParts);
+        if (status != cli::kExitComplete || count <= before) continue;
+        if (const auto failure = cli::JobFiles::checkParts(options, part + 2, count)) {
+            PartReport refused;
+            status = failedEarly(*failure, "opening", options.json, options.request, &refused);
+            objects.push_back(refused.object);
+        }
+    }
+    if (!options.json) return status;
+    if (cli::console::printOutput(cli::combineObjects(options, objects)) == 0) return status;
+    return failed(cli::systemFailure(cli::kExitFailed, "standard output", errno));
 }
 
 int run(int argc, char** argv) {
@@ -104,54 +204,8 @@ int run(int argc, char** argv) {
     options.progress = options.progress.value_or(style);
 
     cli::SignalHandler::block();
-    cli::JobFiles files;
-    if (const std::optional<cli::Failure> failure = files.open(options)) {
-        return failedEarly(*failure, "opening", options.json, options.request);
-    }
-
-    int links[2];
-    int libraryOutput[2];
     cli::SharedState* const shared = makeSharedState();
-    if (shared == nullptr || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, links) != 0 ||
-        pipe2(libraryOutput, O_CLOEXEC) != 0) {
-        return cannotStart(options);
-    }
-    shared->columns = cli::console::terminalColumns();
-    const pid_t parent = getpid();
-    cli::SectionWorkers sections;
-    // startWorker() does not throw.
-    const auto start = [](const cli::Options& own, cli::JobFiles* ofAll,
-                          const cli::WorkerLink& link, cli::SharedState* state, int output,
-                          pid_t pid) { cli::startWorker(own, ofAll, link, state, output, pid); };
-    if (options.jobs > 1 && !sections.start(options, &files, shared, parent, +start)) {
-        return cannotStart(options);
-    }
-    const pid_t worker = fork();
-    if (worker < 0) return cannotStart(options);
-    if (worker == 0) {
-        sections.closeLinks();
-        close(links[0]);
-        close(libraryOutput[0]);
-        const cli::WorkerLink link(links[1]);
-        cli::startWorker(options, &files, link, shared, libraryOutput[1], parent);
-    }
-    close(links[1]);
-    close(libraryOutput[1]);
-    fcntl(links[0], F_SETFL, O_NONBLOCK);
-    const cli::WorkerLink link(links[0]);
-    cli::Supervisor::Job job;
-    job.input = options.input;
-    job.output = options.plan ? nullptr : &files.output;
-    job.trace = options.trace && !options.plan ? &files.trace : nullptr;
-    job.receipt = files.receipt;
-    job.libraryOutput = libraryOutput[0];
-    job.showsLibraryOutput = options.logFilter.has_value();
-    job.mayKeepPartial = options.keepPartial && files.output.older() == nullptr && !options.section;
-    if (options.jobs > 1) job.sections = &sections;
-    job.printsObject = options.json;
-    job.request = options.request;
-    job.names = cli::namesOf(options);
-    return cli::Supervisor(job, worker, link, shared).run();
+    return options.split ? runParts(options, shared) : runOnce(options, shared, nullptr);
 }
 
 }  // namespace

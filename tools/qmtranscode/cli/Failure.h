@@ -35,6 +35,7 @@ struct Failure {
 constexpr const char* kMemoryCode = "ENOMEM";
 constexpr const char* kThreadCode = "no-thread";
 constexpr const char* kStoppedCode = "stopped";
+constexpr const char* kBelowMinSsimCode = "below-min-ssim";
 constexpr const char* kVerificationCode = "verification-failed";
 
 // The result of an operation, or the reason why there is none.

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <host/codec/InputLimits.h>
 #include <log/logprint.h>
+#include <qmtranscode/cli/NumberedName.h>
 #include <qmtranscode/cli/OptionTable.h>
 #include <qmtranscode/cli/Options.h>
 #include <qmtranscode/cli/PeriodList.h>
@@ -207,6 +208,13 @@ CLI::Validator section() {
     });
 }
 
+CLI::Validator namePattern() {
+    return check([](const std::string& text) -> std::string {
+        const std::string reason = checkNamePattern(text);
+        return reason.empty() ? reason : refusal(text, reason);
+    });
+}
+
 CLI::Validator logFilter() {
     return check([](const std::string& text) -> std::string {
         AndroidLogFormat* const format = android_log_format_new();
@@ -318,6 +326,11 @@ void CommandLine::define() {
         "A line START,END or START,END,NAME of a CSV keeps a period. A line START END 0 of an "
         "EDL removes one. To read a file that is named chapters, write ./chapters.");
 
+    app.add_option("--split", o.split)->check(namePattern());
+    describe("--split", "PATTERN", "not OUTPUT, but a file per period, as part-%02d.mp4",
+             "The files are numbered from 1 and made one after the other. Each is complete or "
+             "absent; a failure or a stop leaves those that are complete.");
+
     mGroup = "Video";
     app.add_option("--fit", o.fit)->check(boxSize());
     describe("--fit", "WxH", "fit into this box; keeps the aspect ratio and never enlarges",
@@ -421,6 +434,14 @@ void CommandLine::define() {
     describe("--partial", "CHOICE", "keep or discard the shorter file after a stop; default keep",
              "", wordsOf(kPartialChoices));
 
+    app.add_flag("--verify", o.verify);
+    describe("--verify", "", "decode the output and compare it with the source",
+             "The receipt then has the mean and the worst structural similarity (SSIM) of the "
+             "frames, and the level and the offset of the audio. An output with a wrong frame, or "
+             "with audio that is more than 20 ms early or late, is not kept.");
+    app.add_option("--min-ssim", o.minSsim)->transform(level("", 0, 1));
+    describe("--min-ssim", "N", "verify, and fail if the SSIM of a frame is below N");
+
     mGroup = "Long inputs";
     app.add_option("--jobs", o.jobs)->transform(integer(1, kMaxJobs));
     describe("--jobs", "N", fmt::format("encode N sections at the same time, 1 to {}", kMaxJobs),
@@ -486,6 +507,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
         if (mApp.get_help_ptr()->count() > 0) return Information{helpText(mTexts)};
         return usageError(error);
     }
+    if (mOptions.split && mOptions.output.empty()) mOptions.output = *mOptions.split;
     if (mOptions.output.empty()) {
         return Failure{kExitUsage, "",
                        fmt::format("{} missing (see qmtranscode --help)",
@@ -495,6 +517,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
     mOptions.request = request();
     mOptions.plan = mApp["--plan"]->count() > 0;
     if (auto failure = checkCombinations()) return *failure;
+    mOptions.verify = mOptions.verify || mOptions.minSsim;
     return mOptions;
 }
 
@@ -584,6 +607,10 @@ std::optional<Failure> CommandLine::checkCombinations() {
 }
 
 std::optional<Failure> CommandLine::checkPeriods() {
+    if (mOptions.split && !mOptions.list && mOptions.periods.empty() && mOptions.cuts.empty()) {
+        return Failure{kExitUsage, given("--split"),
+                       "there are no periods; --trim, --cut or --list gives them", "no-periods"};
+    }
     for (const char* option : {"--trim", "--cut"}) {
         const std::vector<TrimPeriod>& periods =
             option == std::string("--trim") ? mOptions.periods : mOptions.cuts;
@@ -625,17 +652,22 @@ std::optional<Failure> CommandLine::checkName() {
 std::optional<Failure> CommandLine::checkConflicts() const {
     static const std::vector<std::pair<std::string, std::vector<std::string>>> kConflicts = {
         {"--trim", {"--cut", "--list"}},
+        {"--split", {"OUTPUT", "--plan", "--trace", "--jobs", "--section", "--join"}},
         {"--cut", {"--list"}},
         {"--fit", {"--size"}},
         {"--no-video",
-         {"--no-audio", "--fit", "--size", "--fps", "--video-bitrate", "--quality",
-          "--video-codec"}},
+         {"--no-audio", "--fit", "--size", "--fps", "--video-bitrate", "--quality", "--video-codec",
+          "--min-ssim"}},
         {"--no-audio",
          {"--audio-track", "--audio-bitrate", "--audio-rate", "--audio-channels", "--audio-codec",
           "--volume", "--loudness"}},
         {"--volume", {"--loudness"}},
-        {"--section", {"--jobs", "--join", "--plan", "--if-missing", "--if-needed", "--max-bytes"}},
-        {"--jobs", {"--join", "--plan", "--trace", "--if-missing", "--if-needed", "--max-bytes"}},
+        {"--section",
+         {"--jobs", "--join", "--plan", "--if-missing", "--if-needed", "--max-bytes", "--verify",
+          "--min-ssim"}},
+        {"--jobs",
+         {"--join", "--plan", "--trace", "--if-missing", "--if-needed", "--max-bytes", "--verify",
+          "--min-ssim"}},
         {"--max-bytes",
          {"--video-bitrate", "--audio-bitrate", "--quality", "--if-needed", "--no-video"}},
         {"--if-needed", {"--if-missing"}},

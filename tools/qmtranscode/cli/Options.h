@@ -25,6 +25,10 @@ struct Options {
     std::string input;
     std::string output;
     bool overwrite = false;
+    // The pattern for the names of the outputs, one for each period, in place of `output`.
+    std::optional<std::string> split;
+    // For the run of one of them, counted from 0; `output` is its name then.
+    std::optional<size_t> part;
 
     // Encode this part of the output only.
     std::optional<Section> section;
@@ -86,6 +90,11 @@ struct Options {
     std::optional<int64_t> maxBytes;
     // After a stop: keep the shorter file, or remove it.
     bool keepPartial = true;
+
+    // Decode the output and compare it with what was encoded.
+    bool verify = false;
+    // The lowest structural similarity that a frame may have; also verifies.
+    std::optional<double> minSsim;
 
     // Print what would be done, and write nothing.
     bool plan = false;

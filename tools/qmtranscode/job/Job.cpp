@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/EncodingVerifier.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/job/Request.h>
@@ -21,7 +22,6 @@
 namespace android::qmmediaeditor::cli {
 
 Outcome Job::run() {
-    limitAllocations();
     if (auto failure = prepare()) return {failure};
     if (mOptions.plan) return {plan()};
     if (mOptions.section && !mInput.media().video && !mInput.media().audio) {
@@ -29,7 +29,7 @@ Outcome Job::run() {
     }
     if (auto outcome = endEarly()) return *outcome;
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output,
-                      outputLengthUs(mKept, mInput.media()), *mObserver);
+                      outputLengthUs(mKept, mInput.media()), mSpan, *mObserver);
     progress.reportTo([this](int32_t percent) { mControl->reportPercent(percent); });
     const bool hasTrace = mOptions.trace.has_value();
     if (hasTrace) mTrace->begin();
@@ -46,22 +46,24 @@ Outcome Job::conclude(int32_t result, Progress* progress) {
     return {failureOf(result)};
 }
 
-// A new one, because the size of the output's frames is known only after the input was read.
-void Job::installPlatform() {
-    std::unique_ptr<Platform> platform = createHostPlatform(mHost, mPlatform.get());
-    Platform::install(platform.get());
-    mPlatform = std::move(platform);
+// A new one, because the size of the output's frames is known only after the input was read. The
+// job's own extractors use it as well.
+void Job::makePlatform() {
+    mScope.reset();
+    mPlatform = createHostPlatform(mHost, mPlatform.get());
+    mScope.emplace(mPlatform);
 }
 
 std::optional<Failure> Job::prepare() {
     mHost.observer = mObserver;
     mHost.tracks = {!mOptions.noVideo, !mOptions.noAudio, mOptions.audioTrack.value_or(0)};
-    installPlatform();
+    makePlatform();
     if (auto failure = mInput.probe(*mObserver)) return failure;
     if (auto failure = checkChosenTracks()) return failure;
     auto periods = makePeriods(mOptions, mInput.media());
     if (const auto* failure = std::get_if<Failure>(&periods)) return *failure;
     mKept = std::get<KeptPeriods>(periods);
+    if (auto failure = choosePart()) return failure;
     mPeriods = mKept.actual;
     mHost.cutTimesUs.emplace();
     for (const TrimPeriod& period : mKept.asked) {
@@ -86,7 +88,7 @@ std::optional<Failure> Job::prepare() {
         if (auto failure = prepareSection()) return failure;
     }
     if (auto failure = setGains()) return failure;
-    installPlatform();
+    makePlatform();
     return std::nullopt;
 }
 
@@ -100,7 +102,7 @@ std::optional<Failure> Job::prepareSection() {
     mSection = std::get<SectionPlan>(plan);
     mHost.tracks.video = mHost.tracks.video && !isAudio && !mSection.isEmpty();
     mHost.tracks.audio = mHost.tracks.audio && isAudio;
-    installPlatform();
+    makePlatform();
     if (auto failure = mInput.probe(*mObserver)) return failure;
     if (isAudio || mSection.isEmpty()) return std::nullopt;
     mKept = mSection.periods;
@@ -202,6 +204,22 @@ std::optional<Failure> Job::applyRates() {
     return std::nullopt;
 }
 
+std::optional<Failure> Job::choosePart() {
+    if (!mOptions.part) return std::nullopt;
+    const size_t count = mKept.asked.size();
+    mControl->reportParts(count);
+    if (*mOptions.part >= count) {
+        return Failure{kExitUnusable, mInput.path(), fmt::format("there are {} periods", count),
+                       "no-such-period"};
+    }
+    mSpan.totalUs = outputLengthUs(mKept, mInput.media());
+    for (size_t i = 0; i < *mOptions.part; ++i) {
+        mSpan.beforeUs += outputLengthUs(partOf(mKept, i), mInput.media());
+    }
+    mKept = partOf(mKept, *mOptions.part);
+    return std::nullopt;
+}
+
 std::optional<Failure> Job::setGains() {
     if (!mInput.media().audio) return std::nullopt;
     if (mOptions.volumeDb) {
@@ -218,19 +236,17 @@ std::optional<Failure> Job::measureLoudness() {
     host.observer = &observer;
     host.tracks.video = false;
     host.encodesAudio = false;
-    const std::unique_ptr<Platform> platform = createHostPlatform(host);
-    Platform::install(platform.get());
     mMonitor->begin(mPeriods, nullptr);
     int32_t result;
     {
         Session session({mInput.fd(), memory, mPeriods, mOutputFormat,
-                         [this](int32_t percent) { mMonitor->onProgress(percent); }});
+                         [this](int32_t percent) { mMonitor->onProgress(percent); },
+                         createHostPlatform(host)});
         mControl->onStop([&session] { session.cancel(); });
         result = session.run();
         mControl->ignoreStop();
     }
     mMonitor->end();
-    installPlatform();
     if (auto failure = mInput.checkReads(observer)) return failure;
     if (mControl->stopRequested()) {
         return Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
@@ -344,7 +360,7 @@ int32_t Job::transcodeToFit(Progress* progress) {
         if (fstat(mOutput.fd(), &file) != 0) break;
         if (!mSizeLimit->correct(file.st_size, mObserver->position().timeUs)) break;
         applyRates();
-        installPlatform();
+        makePlatform();
         progress->restart();
         result = transcode(progress);
     }
@@ -364,19 +380,21 @@ int32_t Job::transcode(Progress* progress) {
     mMonitor->begin(mPeriods, mOptions.trace ? mTrace : nullptr);
     int32_t result;
     {
-        Session session(
-            {mInput.fd(), outputFd, mPeriods, mOutputFormat, [this, progress](int32_t percent) {
-                 mMonitor->onProgress(percent);
-                 progress->report(percent);
-             }});
+        Session session({mInput.fd(), outputFd, mPeriods, mOutputFormat,
+                         [this, progress](int32_t percent) {
+                             mMonitor->onProgress(percent);
+                             progress->report(percent);
+                         },
+                         mPlatform});
         mControl->onStop([&session] { session.cancel(); });
         mControl->report(WorkerStage::kStarting);
-        mObserver->begin([this] { mControl->report(WorkerStage::kTranscoding); });
+        mObserver->begin(mPeriods, [this] { mControl->report(WorkerStage::kTranscoding); });
         result = session.run();
         mControl->ignoreStop();
         mControl->report(WorkerStage::kVerifying);
     }
-    mStatistics = mMonitor->end();
+    mMonitor->end();
+    mStatistics = mObserver->statistics();
     // Verification needs as much memory for the tables of long tracks again. For a short run,
     // giving it back takes longer than it is worth.
     constexpr int64_t kLongUs = 300000000;
@@ -404,12 +422,31 @@ Outcome Job::concludeComplete(Progress* progress) {
                                     *mOptions.maxBytes, receipt.contents->media.sizeBytes),
                         "max-bytes-not-met"}};
     }
+    if (auto failure = verifyEncoding(&receipt)) return {failure};
     printInterlaced();
     receipt.isComplete = true;
     if (auto failure = finishPart(true)) return {failure};
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
     return {std::nullopt, true};
+}
+
+std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
+    if (!mHost.checksEncoding) return std::nullopt;
+    auto result = cli::verifyEncoding(mObserver->checks(), mStatistics, *receipt->contents);
+    if (const auto* fault = std::get_if<std::string>(&result)) {
+        return Failure{kExitFailed, mOutput.path(), "output verification failed: " + *fault,
+                       kVerificationCode};
+    }
+    receipt->verification = std::move(std::get<Verification>(result));
+    const auto& ssim = receipt->verification->whole.ssim;
+    if (!mOptions.minSsim || !ssim || ssim->worst >= *mOptions.minSsim) return std::nullopt;
+    return Failure{
+        kExitFailed, mOutput.path(),
+        fmt::format("the frame at {:.3f} s has an SSIM of {:.4f}, below --min-ssim {:g}; "
+                    "more bits or a lower --quality would raise it",
+                    secondsOf(ssim->worstAtUs), ssim->worst, *mOptions.minSsim),
+        kBelowMinSsimCode};
 }
 
 Outcome Job::concludeStopped() {

@@ -13,6 +13,7 @@
 #include <qmtranscode/job/SizeLimit.h>
 #include <qmtranscode/monitor/RunMonitor.h>
 #include <qmtranscode/monitor/TraceFile.h>
+#include <qmtranscode/report/Progress.h>
 #include <qmtranscode/report/Receipt.h>
 #include <qmtranscode/sandbox/WorkerLink.h>
 #include <utils/StrongPointer.h>
@@ -23,8 +24,6 @@
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
-
-class Progress;
 
 // How a job ends. The receipt or the plan is written by then.
 struct Outcome {
@@ -59,7 +58,7 @@ private:
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;
 
-    void installPlatform();
+    void makePlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
     // Restricts the request to one part of the output.
@@ -94,6 +93,8 @@ private:
     Outcome conclude(int32_t result, Progress* progress);
     Outcome concludeComplete(Progress* progress);
     Outcome concludeStopped();
+    // For --verify and --min-ssim.
+    std::optional<Failure> verifyEncoding(Receipt* receipt) const;
     Failure failureOf(int32_t result) const;
     // Why the output has no samples.
     Failure noSamples() const;
@@ -109,7 +110,9 @@ private:
     // What the options leave open, such as the rates for --max-bytes, is added.
     Options mOptions;
     HostOptions mHost;
-    std::unique_ptr<Platform> mPlatform;
+    std::shared_ptr<Platform> mPlatform;
+    // Of the thread of run().
+    std::optional<Platform::Scope> mScope;
     JobInput& mInput;
     const PendingFile& mOutput;
     const int mExisting;  // as JobFiles::existing
@@ -118,7 +121,11 @@ private:
     WorkerControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
+    // For Options::part: chooses it, and tells the parent process how many there are.
+    std::optional<Failure> choosePart();
+
     KeptPeriods mKept;
+    Progress::Span mSpan;
     // The actual periods of these.
     std::vector<TrimPeriod> mPeriods;
     sp<AMessage> mOutputFormat;

@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <qmtranscode/cli/NumberedName.h>
 #include <qmtranscode/job/JobFiles.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -95,6 +96,21 @@ std::optional<Failure> JobFiles::openParts(const Options& options) {
         if (auto failure = section.locate(options.output)) return failure;
         // As private as an older output.
         if (auto failure = section.create(true)) return failure;
+    }
+    return std::nullopt;
+}
+
+std::optional<Failure> JobFiles::checkParts(const Options& options, size_t first, size_t last) {
+    JobInput input;
+    if (auto failure = input.open(options.input)) return failure;
+    for (size_t number = first; number <= last; ++number) {
+        const std::string path = numberedName(*options.split, static_cast<int>(number));
+        PendingFile part;
+        if (auto failure = part.locate(path)) return failure;
+        if (input.isSameFile(part.older())) {
+            return Failure{kExitUsage, path, "this is the input file", "same-file"};
+        }
+        if (auto failure = part.checkPlace(options.overwrite || options.ifMissing)) return failure;
     }
     return std::nullopt;
 }

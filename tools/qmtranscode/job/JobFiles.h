@@ -71,6 +71,8 @@ struct JobFiles {
 
     // The parts to be joined: the name for messages, and the descriptor.
     std::vector<std::pair<std::string, int>> parts() const;
+    // Refuses places for the outputs of --split from this number to the last one. Creates nothing.
+    static std::optional<Failure> checkParts(const Options& options, size_t first, size_t last);
 
 private:
     JobFiles(const JobFiles&) = delete;

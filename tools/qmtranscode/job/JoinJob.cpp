@@ -21,12 +21,11 @@ constexpr int32_t kSectionsShare = 98;
 
 Outcome JoinJob::run() {
     const int64_t startUs = nowUs();
-    limitAllocations();
     HostOptions host;
     host.observer = mObserver;
     host.metadata = MetadataPolicy::kAll;
     mPlatform = createHostPlatform(host);
-    Platform::install(mPlatform.get());
+    const Platform::Scope scope(mPlatform);
     int64_t lengthUs = 0;
     if (mOptions.jobs > 1) {
         // For the speed that is shown.
@@ -38,7 +37,7 @@ Outcome JoinJob::run() {
         }
     }
     Progress progress(mOptions.progress.value_or(ProgressStyle::kNone), mOptions.output, lengthUs,
-                      *mObserver);
+                      {}, *mObserver);
     if (mOptions.jobs > 1) {
         const auto report = [&progress](int32_t percent) {
             progress.report(percent * kSectionsShare / 100);
@@ -48,7 +47,7 @@ Outcome JoinJob::run() {
         }
     }
     if (auto failure = readParts()) return {failure};
-    mObserver->begin(nullptr);
+    mObserver->begin({}, nullptr);
     if (auto failure = join(&progress)) return {failure};
     mControl->report(WorkerStage::kVerifying);
     mWallSeconds = secondsOf(nowUs() - startUs);
@@ -186,8 +185,7 @@ std::optional<Failure> JoinJob::verify(const OutputContents& contents) const {
         if (part.media.audio) expected.audio = part.media.audio;
     }
     RunStatistics statistics;
-    statistics.framesDecoded =
-        mIsStopped ? static_cast<int64_t>(mObserver->framesUs().size()) : frames;
+    statistics.framesDue = mIsStopped ? static_cast<int64_t>(mObserver->framesUs().size()) : frames;
     const OutputVerifier verifier(expected, statistics, *mObserver, MetadataPolicy::kAll);
     const auto reason = verifier.verify(contents);
     return reason ? std::optional<Failure>(failed(*reason)) : std::nullopt;

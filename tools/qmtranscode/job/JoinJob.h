@@ -54,7 +54,7 @@ private:
     JobFiles& mFiles;
     WorkerControl* const mControl;
     RunObserver* const mObserver;
-    std::unique_ptr<Platform> mPlatform;
+    std::shared_ptr<Platform> mPlatform;
     std::vector<Part> mParts;
     bool mIsStopped = false;
     int64_t mUntilUs = kEndOfInputUs;

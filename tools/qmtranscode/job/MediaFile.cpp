@@ -1,5 +1,6 @@
 #include <editorutils/MediaEditorDefs.h>
 #include <errno.h>
+#include <host/codec/PacketChecksum.h>
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 #include <qmtranscode/job/MediaFile.h>
@@ -109,6 +110,14 @@ sp<QmMediaExtractorWrapper> openTracks(int fd, const std::vector<size_t>& tracks
     return extractor;
 }
 
+PacketForm packetForm(const sp<QmMediaExtractorWrapper>& extractor, size_t track) {
+    sp<AMessage> format;
+    AString mime;
+    const bool isAvc = extractor->getTrackFormat(track, &format) == OK &&
+                       format->findString("mime", &mime) && mime == MEDIA_MIMETYPE_VIDEO_AVC;
+    return isAvc ? PacketForm::kLengths : PacketForm::kWhole;
+}
+
 // Enlarges the buffer until the sample fits.
 bool readSample(const sp<QmMediaExtractorWrapper>& extractor, sp<ABuffer>* buffer) {
     while (true) {
@@ -167,6 +176,8 @@ std::optional<std::vector<TrackSamples>> readSamples(int fd, const std::vector<s
     const sp<QmMediaExtractorWrapper> extractor = openTracks(fd, tracks);
     if (extractor == nullptr) return std::nullopt;
     std::vector<TrackSamples> samples(tracks.size());
+    std::vector<PacketForm> forms;
+    for (const size_t track : tracks) forms.push_back(packetForm(extractor, track));
     sp<ABuffer> buffer = new ABuffer(kInitialBufferBytes);
     size_t index = 0;
     status_t status;
@@ -178,12 +189,14 @@ std::optional<std::vector<TrackSamples>> readSamples(int fd, const std::vector<s
         int64_t durationUs = 0;
         sp<MetaData> meta;
         if (extractor->getSampleMeta(&meta) == OK) meta->findInt64(kKeyDuration, &durationUs);
-        TrackSamples& track = samples[static_cast<size_t>(found - tracks.begin())];
+        const auto at = static_cast<size_t>(found - tracks.begin());
+        TrackSamples& track = samples[at];
         if (track.count == 0 || timeUs < track.firstUs) track.firstUs = timeUs;
         ++track.count;
         track.bytes += static_cast<int64_t>(buffer->size());
         track.endUs = std::max(track.endUs, timeUs + durationUs);
         track.timesUs.push_back(timeUs);
+        track.checksums.push_back(packetChecksum(buffer->data(), buffer->size(), forms[at]));
     }
     if (status != ERROR_END_OF_STREAM) return std::nullopt;
     return samples;

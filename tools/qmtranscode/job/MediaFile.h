@@ -90,6 +90,8 @@ struct TrackSamples {
     int64_t endUs = 0;    // the end of the last sample
     // Timestamps in the order of the file.
     std::vector<int64_t> timesUs;
+    // As packetChecksum(), of each sample.
+    std::vector<uint64_t> checksums = {};
 };
 
 // Reads all data of the tracks with these indexes; a result for each. Nothing when a sample cannot

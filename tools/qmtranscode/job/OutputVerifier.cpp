@@ -48,9 +48,9 @@ std::optional<std::string> OutputVerifier::verify(const OutputContents& output) 
 std::optional<std::string> OutputVerifier::verifyVideo(const OutputContents& output) const {
     const std::vector<int64_t> encodedUs = mObserver.framesUs();
     const auto encoded = static_cast<int64_t>(encodedUs.size());
-    const int64_t decoded = mStatistics.framesDecoded - mStatistics.dropped();
-    if (encoded != decoded) {
-        return fmt::format("{} of {} decoded frames reached the encoder", encoded, decoded);
+    if (encoded != mStatistics.framesDue) {
+        return fmt::format("{} of {} decoded frames reached the encoder", encoded,
+                           mStatistics.framesDue);
     }
     const int64_t written = output.video ? output.video->count : 0;
     if (written != encoded) {

@@ -208,6 +208,12 @@ Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input) 
     return kept;
 }
 
+KeptPeriods partOf(const KeptPeriods& kept, size_t index) {
+    KeptPeriods part{{kept.asked.at(index)}, {kept.actual.at(index)}, {}};
+    if (index < kept.names.size()) part.names.push_back(kept.names[index]);
+    return part;
+}
+
 int64_t outputLengthUs(const KeptPeriods& kept, const MediaFile& input) {
     const int64_t durationUs = input.durationUs();
     if (kept.actual.empty()) return durationUs;

@@ -19,7 +19,10 @@ struct KeptPeriods {
     std::vector<TrimPeriod> actual;  // cut off at the end of the input
     std::vector<std::string> names;  // of each, or none; a name may be empty
 };
+// With Options::part, also the others; see partOf().
 Result<KeptPeriods> makePeriods(const Options& options, const MediaFile& input);
+// The period with this index alone.
+KeptPeriods partOf(const KeptPeriods& kept, size_t index);
 // The length of the output, as far as the duration of the input is known.
 int64_t outputLengthUs(const KeptPeriods& kept, const MediaFile& input);
 

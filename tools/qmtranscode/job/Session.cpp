@@ -26,7 +26,7 @@ Session::Session(const SessionRequest& request) : mComponent(new TranscodeCompon
     mProperty.mTrimEnabled = !request.periods.empty();
     mProperty.mPeriodCount = static_cast<int32_t>(request.periods.size());
     mProperty.mPeriods = request.periods.data();
-    mComponent->create(&mProperty);
+    mComponent->create(&mProperty, request.platform);
 }
 
 Session::~Session() { mComponent->destory(); }
@@ -66,11 +66,12 @@ Result<DryRun> dryRun(const JobInput& input, const std::vector<TrimPeriod>& peri
 
     const int64_t startUs = nowUs();
     monitor->begin(periods, nullptr);
-    observer->begin(nullptr);
+    observer->begin(periods, nullptr);
     int32_t status;
     {
         Session session({input.fd(), output, periods, outputFormat,
-                         [monitor](int32_t percent) { monitor->onProgress(percent); }});
+                         [monitor](int32_t percent) { monitor->onProgress(percent); },
+                         Platform::current()});
         const MediaFile& media = input.media();
         const Timer stop(kMeasurement, [&]() -> std::optional<Timer::Delay> {
             const bool isMeasured =

@@ -2,6 +2,7 @@
 // into memory, which shows whether a request works, what its output looks like, and how fast it is.
 #pragma once
 
+#include <Platform.h>
 #include <TranscodeComponent.h>
 #include <TranscodeTypes.h>
 #include <qmtranscode/cli/Failure.h>
@@ -11,6 +12,7 @@
 #include <utils/StrongPointer.h>
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +26,7 @@ struct SessionRequest {
     const std::vector<TrimPeriod>& periods;   // empty for the whole input
     sp<AMessage> outputFormat;                // null for the input's
     std::function<void(int32_t)> onProgress;  // in percent
+    std::shared_ptr<Platform> platform;
 };
 
 class Session {

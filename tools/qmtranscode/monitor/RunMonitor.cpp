@@ -4,6 +4,7 @@
 #include <qmtranscode/report/Format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace android::qmmediaeditor::cli {
@@ -12,7 +13,13 @@ void RunMonitor::begin(const std::vector<TrimPeriod>& periods, TraceSink* sink) 
     Mutex::Autolock lock(mLock);
     mIsRunning = true;
     mSink = sink;
-    mStatistics = RunStatistics(periods);
+    mPeriodEndsUs.clear();
+    mPeriod.reset();
+    int64_t endUs = 0;
+    for (const TrimPeriod& period : periods) {
+        endUs += period.mEndUs - period.mStartUs;
+        mPeriodEndsUs.push_back(endUs);
+    }
     mThreads.clear();
     mLengths.fill(0);
     mStages.fill({});
@@ -20,12 +27,11 @@ void RunMonitor::begin(const std::vector<TrimPeriod>& periods, TraceSink* sink) 
     mLastProgressUs = 0;
 }
 
-RunStatistics RunMonitor::end(int64_t timeUs) {
+void RunMonitor::end(int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     for (auto& [id, thread] : mThreads) endSlice(id, &thread, timeUs);
     mIsRunning = false;
     mSink = nullptr;
-    return std::move(mStatistics);
 }
 
 void RunMonitor::onMessage(const LogMessage& message) {
@@ -34,12 +40,21 @@ void RunMonitor::onMessage(const LogMessage& message) {
     if (!mIsRunning) return;
     // Another thread's later message may have come to the lock first.
     mLastMessageUs = std::max(mLastMessageUs, message.timeUs);
-    const size_t before = mStatistics.periodsStarted();
-    mStatistics.add(message.text, event ? &*event : nullptr);
-    if (mSink != nullptr && before > 0 && mStatistics.periodsStarted() > before) {
-        mSink->onEvent(message.thread, "cut", mLastMessageUs);
-    }
-    if (event) applyEvent(message.thread, mLastMessageUs, *event);
+    if (!event) return;
+    followPeriods(message.thread, *event);
+    applyEvent(message.thread, mLastMessageUs, *event);
+}
+
+void RunMonitor::followPeriods(pid_t thread, const LogEvent& event) {
+    const bool hasOutputTime = event.pattern->change == QueueChange::kDropped ||
+                               event.pattern->stage == Stage::kAudioDecoded;
+    if (!hasOutputTime || mPeriodEndsUs.empty()) return;
+    const auto end =
+        std::upper_bound(mPeriodEndsUs.begin(), std::prev(mPeriodEndsUs.end()), event.second);
+    const auto period = static_cast<size_t>(end - mPeriodEndsUs.begin());
+    if (mPeriod && period <= *mPeriod) return;
+    if (mPeriod && mSink != nullptr) mSink->onEvent(thread, "cut", mLastMessageUs);
+    mPeriod = period;
 }
 
 void RunMonitor::onProgress(int32_t percent) {

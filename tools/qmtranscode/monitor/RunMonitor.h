@@ -5,9 +5,9 @@
 // message; it is derived from messages of the other side of the queue.
 #pragma once
 
+#include <TranscodeTypes.h>
 #include <qmtranscode/monitor/LogEvent.h>
 #include <qmtranscode/monitor/LogOutput.h>
-#include <qmtranscode/monitor/RunStatistics.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <stdint.h>
 #include <sys/types.h>
@@ -15,6 +15,7 @@
 
 #include <array>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,7 +40,7 @@ public:
     // `sink` may be null; it is used until end() has returned.
     void begin(const std::vector<TrimPeriod>& periods, TraceSink* sink);
     // Ends what the threads still do.
-    RunStatistics end(int64_t timeUs = nowUs());
+    void end(int64_t timeUs = nowUs());
 
     void onMessage(const LogMessage& message) override;
     // Progress of the input reader, which has no message for it.
@@ -77,6 +78,8 @@ private:
     RunMonitor(const RunMonitor&) = delete;
     RunMonitor& operator=(const RunMonitor&) = delete;
 
+    // For a trace: an event where another period begins.
+    void followPeriods(pid_t thread, const LogEvent& event) REQUIRES(mLock);
     void applyEvent(pid_t thread, int64_t timeUs, const LogEvent& event) REQUIRES(mLock);
     void changeActivity(pid_t id, const LogPattern& pattern, int64_t timeUs) REQUIRES(mLock);
     void endSlice(pid_t id, ThreadState* thread, int64_t timeUs) REQUIRES(mLock);
@@ -91,7 +94,10 @@ private:
     mutable Mutex mLock;
     bool mIsRunning GUARDED_BY(mLock) = false;
     TraceSink* mSink GUARDED_BY(mLock) = nullptr;
-    RunStatistics mStatistics GUARDED_BY(mLock);
+    // Where the periods end in the output, and the one that something was last decoded from; none
+    // before.
+    std::vector<int64_t> mPeriodEndsUs GUARDED_BY(mLock);
+    std::optional<size_t> mPeriod GUARDED_BY(mLock);
     std::map<pid_t, ThreadState> mThreads GUARDED_BY(mLock);
     std::array<int64_t, kQueueCount> mLengths GUARDED_BY(mLock){};
     std::array<StageState, kStageCount> mStages GUARDED_BY(mLock){};

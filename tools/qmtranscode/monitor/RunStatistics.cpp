@@ -1,31 +1,12 @@
 #include <qmtranscode/monitor/RunStatistics.h>
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <utility>
 
 namespace android::qmmediaeditor::cli {
 
-namespace {
-
-// Begins the message with the format of the decoded audio, as AMessage::debugString writes it.
-constexpr std::string_view kPcmFormat = "TAudioSource decoderoutput: ";
-
-// The number with this name in such a format; 0 when it is not there.
-int64_t formatNumber(std::string_view format, const std::string& name) {
-    // The line break, because another name may end in the same way.
-    const std::string key = "\n  " + name + " = int32 ";
-    const size_t at = format.find(key);
-    if (at == std::string_view::npos) return 0;
-    int64_t number = 0;
-    std::from_chars(format.data() + at + key.size(), format.data() + format.size(), number);
-    return number;
-}
-
-}  // namespace
-
-RunStatistics::RunStatistics(const std::vector<TrimPeriod>& kept) {
+RunStatistics::RunStatistics(const std::vector<TrimPeriod>& kept) : mKept(kept) {
     int64_t timeUs = 0;
     for (const TrimPeriod& period : kept) {
         PeriodStatistics statistics;
@@ -39,16 +20,35 @@ RunStatistics::RunStatistics(const std::vector<TrimPeriod>& kept) {
     periods.back().endUs = std::numeric_limits<int64_t>::max();
 }
 
-void RunStatistics::add(std::string_view message, const LogEvent* event) {
-    if (event != nullptr) {
-        const LogPattern& pattern = *event->pattern;
-        if (pattern.stage == Stage::kVideoDecoded) ++framesDecoded;
-        if (pattern.change == QueueChange::kDropped) ++periodAt(event->second).dropped;
-        if (pattern.stage == Stage::kAudioDecoded) addAudio(event->first, event->second);
-    } else if (message.substr(0, kPcmFormat.size()) == kPcmFormat) {
-        mAudioBytesPerSecond = formatNumber(message, "sample-rate") *
-                               formatNumber(message, "channel-count") *
-                               formatNumber(message, "bits-per-sample") / 8;
+// As the session does it: what begins at the end of a period or later begins the next one.
+std::optional<int64_t> RunStatistics::keep(int64_t timeUs) {
+    if (mKept.empty()) return timeUs;
+    if (mCurrent < mKept.size() && timeUs >= mKept[mCurrent].mEndUs) ++mCurrent;
+    if (mCurrent == mKept.size()) return std::nullopt;
+    const TrimPeriod& period = mKept[mCurrent];
+    if (timeUs < period.mStartUs || timeUs >= period.mEndUs) return std::nullopt;
+    return periods[mCurrent].startUs + timeUs - period.mStartUs;
+}
+
+void RunStatistics::addFrame(int64_t timeUs) {
+    if (const auto outputUs = keep(timeUs)) mFrames.push_back({*outputUs, mCurrent});
+}
+
+void RunStatistics::compareWith(const std::vector<int64_t>& encodedUs, int frameRate) {
+    const int64_t intervalUs = frameRate > 0 ? 1000000 / frameRate : 0;
+    int64_t nextUs = std::numeric_limits<int64_t>::min();
+    auto encoded = encodedUs.begin();
+    for (const Frame& frame : mFrames) {
+        const bool isEncoded = encoded != encodedUs.end() && *encoded == frame.timeUs;
+        if (isEncoded) {
+            ++encoded;
+            nextUs = frame.timeUs + intervalUs;
+        }
+        if (isEncoded || frame.timeUs >= nextUs) {
+            ++framesDue;
+        } else {
+            ++periods[frame.period].dropped;
+        }
     }
 }
 
@@ -58,28 +58,23 @@ int64_t RunStatistics::dropped() const {
     return sum;
 }
 
-PeriodStatistics& RunStatistics::periodAt(int64_t timeUs) {
-    size_t i = 0;
-    while (i + 1 < periods.size() && timeUs >= periods[i].endUs) ++i;
-    mPeriodsStarted = std::max(mPeriodsStarted, i + 1);
-    return periods[i];
-}
-
-void RunStatistics::addAudio(int64_t bytes, int64_t timeUs) {
-    PeriodStatistics& period = periodAt(timeUs);
+void RunStatistics::addAudio(int64_t timeUs, int64_t samples, int sampleRate) {
+    const std::optional<int64_t> outputUs = keep(timeUs);
+    if (!outputUs) return;
+    mSampleRate = sampleRate;
+    PeriodStatistics& period = periods[mCurrent];
     if (!period.audioStartUs) {
-        period.audioStartUs = timeUs;
+        period.audioStartUs = outputUs;
         // A frame is shown at its timestamp; audio is played after the audio before it.
-        period.skewUs = audioLengthUs(mAudioBytes) - timeUs;
+        period.skewUs = audioLengthUs(mSamples) - *outputUs;
     }
-    mAudioBytes += bytes;
-    period.audioEndUs = timeUs + audioLengthUs(bytes);
+    mSamples += samples;
+    period.audioEndUs = *outputUs + audioLengthUs(samples);
 }
 
-int64_t RunStatistics::audioLengthUs(int64_t bytes) const {
-    if (mAudioBytesPerSecond == 0) return 0;
-    return static_cast<int64_t>(static_cast<double>(bytes) * 1e6 /
-                                static_cast<double>(mAudioBytesPerSecond));
+int64_t RunStatistics::audioLengthUs(int64_t samples) const {
+    if (mSampleRate <= 0) return 0;
+    return static_cast<int64_t>(static_cast<double>(samples) * 1e6 / mSampleRate);
 }
 
 void RunObserver::onReadError(int error, int64_t offsetBytes) {
@@ -108,6 +103,16 @@ void RunObserver::onEncoderOpened(bool isVideo, const std::string& name,
     TrackCodecs& track = isVideo ? mVideo : mAudio;
     track.encoder = name;
     track.format = format;
+}
+
+void RunObserver::onFrameDecoded(int64_t timeUs) {
+    Mutex::Autolock lock(mLock);
+    mStatistics.addFrame(timeUs);
+}
+
+void RunObserver::onAudioDecoded(int64_t timeUs, int64_t samplesPerChannel, int sampleRate) {
+    Mutex::Autolock lock(mLock);
+    mStatistics.addAudio(timeUs, samplesPerChannel, sampleRate);
 }
 
 void RunObserver::onPacketSkipped(bool isVideo) {
@@ -142,6 +147,26 @@ void RunObserver::onAudioEncoded(int64_t samples, int sampleRate) {
     mAudioRate = sampleRate;
 }
 
+void RunObserver::onPacketEncoded(bool isVideo, int64_t timeUs, uint64_t checksum) {
+    Mutex::Autolock lock(mLock);
+    (isVideo ? mChecks.videoPackets : mChecks.audioPackets).push_back({timeUs, checksum});
+}
+
+void RunObserver::onFrameChecked(const FrameCheck& frame) {
+    Mutex::Autolock lock(mLock);
+    mChecks.frames.push_back(frame);
+}
+
+void RunObserver::onAudioChecked(const AudioCheck& audio) {
+    Mutex::Autolock lock(mLock);
+    mChecks.audio.push_back(audio);
+}
+
+void RunObserver::onCheckFailed(const std::string& reason) {
+    Mutex::Autolock lock(mLock);
+    mChecks.failure = reason;
+}
+
 void RunObserver::onTrackStart(bool isVideo, int64_t timeUs) {
     Mutex::Autolock lock(mLock);
     mTrackStartsUs[isVideo ? 1 : 0] = timeUs;
@@ -172,8 +197,10 @@ std::optional<int> RunObserver::writeError() const {
     return mWriteError;
 }
 
-void RunObserver::begin(std::function<void()> onFirstSample) {
+void RunObserver::begin(const std::vector<TrimPeriod>& periods,
+                        std::function<void()> onFirstSample) {
     Mutex::Autolock lock(mLock);
+    mStatistics = RunStatistics(periods);
     mOnFirstSample = std::move(onFirstSample);
     mWriteError.reset();
     mVideo = {};
@@ -181,6 +208,16 @@ void RunObserver::begin(std::function<void()> onFirstSample) {
     mFramesUs.clear();
     mAudioSamples = 0;
     mVideoEndUs.reset();
+    mChecks = {};
+}
+
+RunStatistics RunObserver::statistics() const {
+    Mutex::Autolock lock(mLock);
+    RunStatistics result = mStatistics;
+    float frameRate = 0;
+    if (mVideo.format != nullptr) mVideo.format->findFloat("frame-rate", &frameRate);
+    result.compareWith(mFramesUs, static_cast<int>(frameRate));
+    return result;
 }
 
 TrackCodecs RunObserver::video() const {
@@ -217,6 +254,11 @@ int64_t RunObserver::audioUsLocked() const {
 std::optional<int64_t> RunObserver::videoEndUs() const {
     Mutex::Autolock lock(mLock);
     return mVideoEndUs;
+}
+
+EncodingChecks RunObserver::checks() const {
+    Mutex::Autolock lock(mLock);
+    return mChecks;
 }
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,17 +1,14 @@
-// What a run has done, in numbers: RunStatistics from the component's log, RunObserver from the
-// host.
+// What a run has done, in numbers, from the facts that the host reports.
 #pragma once
 
 #include <TranscodeTypes.h>
 #include <host/Host.h>
-#include <qmtranscode/monitor/LogEvent.h>
 #include <stdint.h>
 #include <utils/Mutex.h>
 
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace android::qmmediaeditor::cli {
@@ -29,29 +26,43 @@ struct PeriodStatistics {
     int64_t skewUs = 0;
 };
 
-struct RunStatistics {
+// Follows the session: which frames and which audio it keeps, and where they are in the output.
+class RunStatistics {
+public:
     RunStatistics() : RunStatistics(std::vector<TrimPeriod>()) {}
     // Without periods, the whole input is one.
     explicit RunStatistics(const std::vector<TrimPeriod>& periods);
 
-    // `event` is null for a message that is not one.
-    void add(std::string_view message, const LogEvent* event);
+    // Of the input, in the order in which the session takes them from its decoders.
+    void addFrame(int64_t timeUs);
+    void addAudio(int64_t timeUs, int64_t samples, int sampleRate);
+
+    // With the frames that the encoder has accepted, in time of the output. A frame that follows an
+    // encoded one by less than a frame of `frameRate` was left out because of that rate; 0 allows
+    // every distance.
+    void compareWith(const std::vector<int64_t>& encodedUs, int frameRate);
 
     int64_t dropped() const;
-    // The number of periods from which something has been decoded.
-    size_t periodsStarted() const { return mPeriodsStarted; }
 
     std::vector<PeriodStatistics> periods;
-    int64_t framesDecoded = 0;  // without those outside of the periods
+    // Frames of the periods that should have reached the encoder. After a stop, some have not.
+    int64_t framesDue = 0;
 
 private:
-    PeriodStatistics& periodAt(int64_t timeUs);
-    void addAudio(int64_t bytes, int64_t timeUs);
-    int64_t audioLengthUs(int64_t bytes) const;
+    // The time in the output of what begins at this time of the input; nothing outside of the
+    // periods.
+    std::optional<int64_t> keep(int64_t timeUs);
+    int64_t audioLengthUs(int64_t samples) const;
 
-    int64_t mAudioBytes = 0;
-    int64_t mAudioBytesPerSecond = 0;
-    size_t mPeriodsStarted = 0;
+    struct Frame {
+        int64_t timeUs;  // of the output
+        size_t period;
+    };
+    std::vector<TrimPeriod> mKept;
+    size_t mCurrent = 0;  // of `periods`
+    std::vector<Frame> mFrames;
+    int64_t mSamples = 0;
+    int mSampleRate = 0;
 };
 
 // The codecs of a track; names are empty and the format is null without the track.
@@ -74,6 +85,21 @@ struct ReadError {
     int64_t offsetBytes = 0;
 };
 
+// What HostOptions::checksEncoding has found; in the order of the output.
+struct EncodingChecks {
+    struct Packet {
+        int64_t timeUs = 0;
+        uint64_t checksum = 0;
+    };
+
+    std::vector<FrameCheck> frames;
+    std::vector<AudioCheck> audio;
+    std::vector<Packet> videoPackets;
+    std::vector<Packet> audioPackets;
+    // Why something could not be checked.
+    std::optional<std::string> failure;
+};
+
 // Collects what the host reports beside the session's result. Any thread may call any operation.
 class RunObserver : public HostObserver {
 public:
@@ -83,12 +109,18 @@ public:
     void onDecoderOpened(bool isVideo, const std::string& name) override;
     void onEncoderOpened(bool isVideo, const std::string& name,
                          const sp<AMessage>& format) override;
+    void onFrameDecoded(int64_t timeUs) override;
+    void onAudioDecoded(int64_t timeUs, int64_t samplesPerChannel, int sampleRate) override;
     void onPacketSkipped(bool isVideo) override;
     void onInterlacedFrame(bool wasDeinterlaced) override;
     void onDeinterlacingFailed(const std::string& reason) override;
     void onFirstSample() override;
     void onFrameEncoded(int64_t timeUs) override;
     void onAudioEncoded(int64_t samples, int sampleRate) override;
+    void onPacketEncoded(bool isVideo, int64_t timeUs, uint64_t checksum) override;
+    void onFrameChecked(const FrameCheck& frame) override;
+    void onAudioChecked(const AudioCheck& audio) override;
+    void onCheckFailed(const std::string& reason) override;
     void onTrackStart(bool isVideo, int64_t timeUs) override;
     void onVideoEnd(int64_t timeUs) override;
 
@@ -99,9 +131,12 @@ public:
     // errno of the first write error since begin().
     std::optional<int> writeError() const;
 
-    // Forgets the previous run. `onFirstSample` is called on a thread of the host when the output
-    // gets its first sample.
-    void begin(std::function<void()> onFirstSample);
+    // Forgets the previous run. `periods` are those of the session. `onFirstSample` is called on a
+    // thread of the host when the output gets its first sample.
+    void begin(const std::vector<TrimPeriod>& periods, std::function<void()> onFirstSample);
+
+    // Of the run, when it has ended.
+    RunStatistics statistics() const;
 
     TrackCodecs video() const;
     TrackCodecs audio() const;
@@ -121,6 +156,7 @@ public:
     int64_t trackStartUs(bool isVideo) const;
     // The end of the last video frame of the output.
     std::optional<int64_t> videoEndUs() const;
+    EncodingChecks checks() const;
 
 private:
     int64_t audioUsLocked() const REQUIRES(mLock);
@@ -130,6 +166,7 @@ private:
     std::optional<ReadError> mReadError GUARDED_BY(mLock);
     std::optional<std::string> mRefusal GUARDED_BY(mLock);
     std::optional<int> mWriteError GUARDED_BY(mLock);
+    RunStatistics mStatistics GUARDED_BY(mLock);
     TrackCodecs mVideo GUARDED_BY(mLock);
     TrackCodecs mAudio GUARDED_BY(mLock);
     std::vector<int64_t> mFramesUs GUARDED_BY(mLock);
@@ -137,6 +174,7 @@ private:
     int mAudioRate GUARDED_BY(mLock) = 0;
     int64_t mTrackStartsUs[2] GUARDED_BY(mLock) = {0, 0};  // audio, video
     std::optional<int64_t> mVideoEndUs GUARDED_BY(mLock);
+    EncodingChecks mChecks GUARDED_BY(mLock);
 };
 
 }  // namespace android::qmmediaeditor::cli

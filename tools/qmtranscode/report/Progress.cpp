@@ -49,11 +49,12 @@ std::string barText(const std::string& name, int32_t percent, const std::string&
 
 }  // namespace
 
-Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthUs,
+Progress::Progress(ProgressStyle style, const std::string& name, int64_t lengthUs, const Span& span,
                    const RunObserver& observer)
     : mStyle(style),
       mName(name),
       mLengthSeconds(static_cast<double>(lengthUs) / 1e6),
+      mSpan(span),
       mObserver(observer),
       mStartUs(nowUs()) {}
 
@@ -84,7 +85,13 @@ void Progress::show(int32_t percent) {
     const double spent = static_cast<double>(nowUs() - mStartUs) / 1e6;
     const double share = static_cast<double>(percent) / kComplete;
     const double speed = spent > 0 ? share * mLengthSeconds / spent : 0;
-    const double left = share > 0 ? spent / share - spent : 0;
+    double left = share > 0 ? spent / share - spent : 0;
+    if (mSpan.totalUs > 0) {
+        const double done = secondsOf(mSpan.beforeUs) + share * mLengthSeconds;
+        const double total = secondsOf(mSpan.totalUs);
+        percent = static_cast<int32_t>(std::min(done / total, 1.0) * kComplete + 1e-6);
+        left = speed > 0 ? (total - done) / speed : 0;
+    }
     if (mStyle == ProgressStyle::kBar) {
         const std::string numbers = numbersText(percent, speed, left);
         console::drawBar(barText(mName, percent, numbers, console::width()));

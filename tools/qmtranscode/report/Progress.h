@@ -14,9 +14,15 @@ namespace android::qmmediaeditor::cli {
 
 class Progress {
 public:
-    // `name` is the output's, and `lengthUs` its length. `observer`, which outlives the object,
-    // counts its frames.
-    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs,
+    // Where the output is among those of --split; nothing for a single output.
+    struct Span {
+        int64_t beforeUs = 0;
+        int64_t totalUs = 0;
+    };
+
+    // `name` is the output's, and `lengthUs` its length. The percentage is that of the span.
+    // `observer`, which outlives the object, counts its frames.
+    Progress(ProgressStyle style, const std::string& name, int64_t lengthUs, const Span& span,
              const RunObserver& observer);
     // Removes the bar.
     ~Progress();
@@ -40,6 +46,7 @@ private:
     const std::string mName;
     const double mLengthSeconds;
     std::function<void(int32_t)> mListener;
+    const Span mSpan;
     const RunObserver& mObserver;
     Mutex mLock;
     int64_t mStartUs GUARDED_BY(mLock);

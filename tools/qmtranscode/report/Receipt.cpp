@@ -167,6 +167,31 @@ Json periodsOf(const Receipt& receipt) {
     return periods;
 }
 
+Json verificationOf(const PeriodVerification& period) {
+    Json json = {{"ssim_mean", nullptr},
+                 {"ssim_worst", nullptr},
+                 {"ssim_worst_at", nullptr},
+                 {"audio_level_db", nullptr},
+                 {"audio_offset_ms", nullptr}};
+    if (period.ssim) {
+        json["ssim_mean"] = period.ssim->mean;
+        json["ssim_worst"] = period.ssim->worst;
+        json["ssim_worst_at"] = secondsOf(period.ssim->worstAtUs);
+    }
+    if (period.levelDb) json["audio_level_db"] = *period.levelDb;
+    if (period.offsetUs) json["audio_offset_ms"] = static_cast<double>(*period.offsetUs) / 1e3;
+    return json;
+}
+
+Json verificationOf(const Verification& verification) {
+    Json json = verificationOf(verification.whole);
+    json["periods"] = Json::array();
+    for (const PeriodVerification& period : verification.periods) {
+        json["periods"].push_back(verificationOf(period));
+    }
+    return json;
+}
+
 // A line with its name in a column of its own.
 template <typename... Values>
 std::string row(const char* name, fmt::format_string<Values...> format, Values&&... values) {
@@ -235,6 +260,18 @@ std::string metadataRows(const MetadataReport& metadata) {
     return rows;
 }
 
+std::string verificationRows(const PeriodVerification& result) {
+    std::string rows;
+    const char* name = "verified";
+    if (result.ssim) {
+        rows += row(name, "SSIM {:.4f}, at worst {:.4f} at {:.3f} s", result.ssim->mean,
+                    result.ssim->worst, secondsOf(result.ssim->worstAtUs));
+        name = "";
+    }
+    if (result.levelDb) rows += row(name, "audio {:+.1f} dB", *result.levelDb);
+    return rows;
+}
+
 std::string spanText(const TrimPeriod& span) {
     return fmt::format("{:.3f}-{:.3f} s", secondsOf(span.mStartUs), secondsOf(span.mEndUs));
 }
@@ -270,6 +307,7 @@ std::string toJson(const Receipt& receipt) {
                  {"damaged_samples", skippedPackets(receipt)},
                  {"metadata", toJson(receipt.metadata)},
                  {"uuid_data", nullptr}};
+    if (receipt.verification) json["verification"] = verificationOf(*receipt.verification);
     if (!receipt.because.empty()) json["because"] = receipt.because;
     if (receipt.runs) json["runs"] = *receipt.runs;
     if (!contents.media.uuidData.empty()) {
@@ -312,6 +350,7 @@ std::string toText(const Receipt& receipt) {
                 row("", "sha256 {}", sha256(contents.media.uuidData));
     }
     text += metadataRows(receipt.metadata);
+    if (receipt.verification) text += verificationRows(receipt.verification->whole);
     return text +
            row("took", "{:.2f} s, {:.1f} x real time", receipt.wallSeconds,
                secondsOf(lengthUs) / std::max(receipt.wallSeconds, 1e-6)) +

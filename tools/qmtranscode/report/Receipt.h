@@ -2,6 +2,7 @@
 #pragma once
 
 #include <TranscodeTypes.h>
+#include <qmtranscode/job/EncodingVerifier.h>
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/monitor/RunStatistics.h>
 #include <qmtranscode/report/MetadataReport.h>
@@ -40,6 +41,8 @@ struct Receipt {
     // Of the output; nothing when nothing was written.
     std::optional<OutputContents> contents;
     MetadataReport metadata;
+    // Of --verify.
+    std::optional<Verification> verification;
     double wallSeconds = 0;
 };
 

@@ -39,8 +39,8 @@ void addError(const RunEnd& end, std::string* object) {
     addQuoted(end.subject, object);
     *object += ",\n    \"text\": ";
     addQuoted(end.reason, object);
-    *object += isRetryable(end.exitStatus) ? ",\n    \"retryable\": true\n  }"
-                                           : ",\n    \"retryable\": false\n  }";
+    *object +=
+        isRetryable(end) ? ",\n    \"retryable\": true\n  }" : ",\n    \"retryable\": false\n  }";
 }
 
 }  // namespace
@@ -68,7 +68,11 @@ std::string usageText(const Usage& usage, char mark) {
     }
 }
 
-bool isRetryable(int exitStatus) { return exitStatus == kExitFailed || exitStatus == kExitStopped; }
+bool isRetryable(const RunEnd& end) {
+    // The same input and options give the same frames.
+    if (end.code == kBelowMinSsimCode) return false;
+    return end.exitStatus == kExitFailed || end.exitStatus == kExitStopped;
+}
 
 std::string namesOf(const Options& options) {
     const std::string object = dumpJson({{"input", options.input}, {"output", options.output}});

@@ -43,8 +43,8 @@ struct RunEnd {
     std::string_view reason;
 };
 
-// Whether another try may succeed with the same request.
-bool isRetryable(int exitStatus);
+// Whether another try with the same request may succeed.
+bool isRetryable(const RunEnd& end);
 
 // The members of an object without receipt: the input and the output, without braces.
 std::string namesOf(const Options& options);

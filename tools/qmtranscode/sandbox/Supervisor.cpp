@@ -247,6 +247,10 @@ void Supervisor::handleMessage() {
                 mStage = static_cast<WorkerStage>(payload[0]);
             }
             return;
+        case Message::kParts:
+            if (payload.size() != sizeof(size_t)) return;
+            memcpy(&mParts.emplace(), payload.data(), sizeof(size_t));
+            return;
         case Message::kCpuLimit:
             handleSignal(mSignals.onCpuLimit());
             return;
@@ -503,6 +507,10 @@ bool Supervisor::printReport(const RunEnd& end, std::string_view receipt) {
     }
     mObject.resize(
         console::makePrintable(mObject.data(), mObject.size(), console::LineBreaks::kKeep));
+    if (mJob.object != nullptr && mJob.printsObject) {
+        *mJob.object = mObject;
+        return true;
+    }
     return printAndCheck(mObject);
 }
 

@@ -47,12 +47,16 @@ public:
         std::string names;    // as namesOf()
         // Their outputs are joined by the worker; null without --jobs.
         SectionWorkers* sections = nullptr;
+        // The object goes there instead, if not null.
+        std::string* object = nullptr;
     };
     // All outlive the object.
     Supervisor(const Job& job, pid_t worker, const WorkerLink& link, SharedState* shared);
 
     // Until the worker has ended. The exit status.
     int run();
+    // After run(): how many outputs --split makes, if the worker has found out.
+    std::optional<size_t> parts() const { return mParts; }
 
 private:
     // Text that waits to be written to standard error, and the progress bar below it.
@@ -111,6 +115,7 @@ private:
     int mWorkerStatus = 0;
     rusage mUsage{};
     WorkerStage mStage = WorkerStage::kOpening;
+    std::optional<size_t> mParts;
     bool mHasResult = false;
     WorkerResult mResult;
     char mFailure[8 * 1024];

@@ -84,12 +84,14 @@ Outcome runJob(const Options& options, int threads, JobFiles* files, const Worke
     static auto* const monitor = new RunMonitor;
     static auto* const observer = new RunObserver;
     static auto* const trace = new TraceFile(files->trace);
+    configureProcess({true, true});
     installLog(options.logFilter, options.logFormat, monitor, endOnFailedCheck);
     WorkerControl control(link, [] { printRunState(*monitor, "the state of each thread:"); });
     const StallDetector stallDetector(monitor, std::chrono::seconds(10));
     HostOptions host;
     host.avcPreset = options.preset;
     host.deinterlace = options.deinterlace.value_or(true);
+    host.checksEncoding = options.verify && !options.plan;
     host.fastStart = options.fastStart;
     host.threads = threads;
     host.metadata = options.metadataPolicy();
@@ -107,6 +109,11 @@ void qmtranscodeRunWorker(const Options& options, JobFiles* files, const WorkerL
     ignoreSignals();
     // Tables of long files are then mapped, and given back to the system when they are freed.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    if (options.verify) {
+        // libavfilter copies each frame, and a new mapping costs more than the copy.
+        mallopt(M_MMAP_THRESHOLD, 32 << 20);
+        mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    }
     // The session waits in steps of 0.5 ms, and each step that finds nothing costs two switches of
     // threads. What a thread waits for still wakes it at once.
     constexpr unsigned long kTimerSlackNs = 1000000;

@@ -94,6 +94,10 @@ bool WorkerControl::awaitSections(const std::function<void(int32_t)>& onPercent)
     return mHaveSectionsEnded;
 }
 
+void WorkerControl::reportParts(size_t count) const {
+    mLink.send(Message::kParts, {reinterpret_cast<const char*>(&count), sizeof(count)});
+}
+
 void WorkerControl::receiveRequests() {
     char buffer[WorkerLink::kBufferBytes];
     while (const auto received = mLink.receive(buffer)) {

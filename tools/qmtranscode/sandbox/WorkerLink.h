@@ -23,6 +23,7 @@ enum class Message : char {
     kRemoveBar = 'n',
     kStage = 's',     // one WorkerStage
     kPercent = 'p',   // the progress: one number from 0 to 100
+    kParts = 'o',     // how many outputs --split makes: a size_t
     kCpuLimit = 'x',  // the kernel has sent SIGXCPU
     kResult = 'r',    // a WorkerResult, followed by the texts of the failure; the last message
     // To the worker.
@@ -110,6 +111,8 @@ public:
     // Until the parent has told that the sections have ended; their progress is reported to
     // `onPercent`. False when the parent is gone.
     bool awaitSections(const std::function<void(int32_t)>& onPercent);
+    // How many outputs --split makes.
+    void reportParts(size_t count) const;
 
 private:
     WorkerControl(const WorkerControl&) = delete;

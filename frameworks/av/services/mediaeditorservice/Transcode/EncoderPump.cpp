@@ -1,5 +1,6 @@
 #include <EncoderPump.h>
 #include <Log.h>
+#include <Platform.h>
 #include <media/stagefright/MediaErrors.h>
 
 namespace android {
@@ -10,6 +11,7 @@ EncoderPump::EncoderPump(const Kind& kind, const Owner& owner, SourceCore& sourc
     : mKind(kind), mOwner(owner), m(owner.members), mSource(source), mSteps(steps) {}
 
 bool EncoderPump::setUp(const sp<AMessage>& format, const std::function<bool()>& prepare) {
+    mPlatform = Platform::current();
     m.mLooper = new ALooper;
     m.mLooper->setName(mKind.looperName);
     m.mLooper->start(false, false, 0);
@@ -76,7 +78,10 @@ bool EncoderPump::startDetached(pthread_t* thread, void* (*entry)(void*), void* 
 
 void* EncoderPump::runDetached(void* (EncoderPump::*port)()) {
     const std::shared_ptr<WaitGroup> ports = mPorts;
-    (this->*port)();
+    {
+        const Platform::Scope scope(mPlatform);
+        (this->*port)();
+    }
     // The reference is dropped before leave(), so that no port holds one once waitIdle() returned.
     mOwner.thread.decStrong(this);
     ports->leave();

@@ -24,6 +24,8 @@
 namespace android {
 namespace qmmediaeditor {
 
+class Platform;
+
 // An encoder and its buffers. mCodec is replaced under the thread's pause lock; the input port
 // reads mInBuffers and the output loop mOutBuffers without one, since each is then alone with its
 // array.
@@ -158,6 +160,8 @@ private:
     EncoderThreadMembers& m;  // of mOwner
     SourceCore& mSource;
     const Steps mSteps;
+    // The session's, for the ports.
+    std::shared_ptr<Platform> mPlatform;
     // Outlives the encoder thread, whose last reference a port may drop.
     const std::shared_ptr<WaitGroup> mPorts = std::make_shared<WaitGroup>();
 };

@@ -1,7 +1,10 @@
 #include <FatalChecks.h>
 #include <Log.h>
+#include <Platform.h>
 #include <Transcode.h>
 #include <TranscodeComponent.h>
+
+#include <utility>
 
 namespace android {
 namespace qmmediaeditor {
@@ -17,9 +20,12 @@ TranscodeComponent::TranscodeComponent() = default;
 
 TranscodeComponent::~TranscodeComponent() { destory(); }
 
-int32_t TranscodeComponent::create(void* property) {
+int32_t TranscodeComponent::create(void* property) { return create(property, nullptr); }
+
+int32_t TranscodeComponent::create(void* property, std::shared_ptr<Platform> platform) {
     destory();
     if (property == nullptr) return OK;
+    mPlatform = Platform::forNewSession(std::move(platform));
     mTranscode = new Transcode(static_cast<TranscodeProperty*>(property), nullptr);
     mUsed = false;
     return OK;
@@ -31,6 +37,7 @@ int32_t TranscodeComponent::process() noexcept {
     // stream and decoders that are spent.
     if (mTranscode == nullptr || mUsed.exchange(true)) return kInvalidRequest;
     mProcessing = true;
+    const Platform::Scope scope(mPlatform);
     // The host is not told why a module could not be made.
     const int32_t result =
         mTranscode->createModule() == OK ? mTranscode->doTranscode() : kInvalidRequest;
@@ -48,6 +55,7 @@ int32_t TranscodeComponent::destory() {
     checkRule(kTag, "create, destory or clearHandler called while process runs", !mProcessing);
     delete mTranscode;
     mTranscode = nullptr;
+    mPlatform.reset();
     return OK;
 }
 

@@ -8,10 +8,12 @@
 #include <utils/RefBase.h>
 
 #include <atomic>
+#include <memory>
 
 namespace android {
 namespace qmmediaeditor {
 
+class Platform;
 class Transcode;
 
 // create(), destory() and clearHandler() must not be called while process() runs, not from its
@@ -22,7 +24,11 @@ public:
 
     // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. With
     // null there is no session, and process() returns kInvalidRequest. Does not block. 0.
+    // The session works on the platform that Platform::install() has made the process's.
     virtual int32_t create(void* property);
+    // The same on a platform of the session's own, which the session keeps: the host may let go of
+    // it at once. Sessions of different platforms run side by side.
+    int32_t create(void* property, std::shared_ptr<Platform> platform);
 
     // Runs the session on the calling thread, and blocks until the output is finished or the
     // session stops. Returns 0 when the file is whole; kInvalidRequest without a session, and
@@ -45,6 +51,7 @@ protected:
     ~TranscodeComponent() override;
 
 private:
+    std::shared_ptr<Platform> mPlatform;  // the session's; null if there was none at create()
     Transcode* mTranscode = nullptr;
     std::atomic<bool> mUsed{false};        // process() was called since create()
     std::atomic<bool> mProcessing{false};  // process() runs

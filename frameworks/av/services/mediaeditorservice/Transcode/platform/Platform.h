@@ -1,14 +1,17 @@
 // The one seam between the component and what it runs on.
 //
 // The component uses the platform's own classes. Those of them that hold something real (codecs,
-// the extractor, the writer, the converters) get it from the Platform that is installed: the host,
-// the host with faults injected, or a scripted platform.
+// the extractor, the writer, the converters) get it from the session's Platform: the host, the host
+// with faults injected, or a scripted platform. A device has one platform; there, these classes are
+// the real ones, and Platform is an empty class with the static operations below.
 #pragma once
 
 #include <editorutils/QmMediaEditorColorUtils.h>
 #include <editorutils/QmMediaExtractorWrapper.h>
 #include <media/stagefright/MediaCodec.h>
 #include <media/stagefright/MediaWriter.h>
+
+#include <memory>
 
 namespace android {
 namespace qmmediaeditor {
@@ -56,15 +59,36 @@ struct ScaleRequest {
     sp<QmMediaEditorColorUtils> utils;
 };
 
-// Factory operations. Any thread may call them.
+// Factory operations. Any thread may call them, and several sessions may share one object.
 class Platform {
 public:
     virtual ~Platform() = default;
 
-    // To be called before the first session is created; `platform` must outlive every session.
-    static void install(Platform* platform);
-    // Aborts the process when none is installed.
-    static Platform& get();
+    // Makes `platform` that of the sessions which are created without one, in the whole process.
+    // Sessions that exist keep theirs. Null removes it.
+    static void install(std::shared_ptr<Platform> platform);
+    // What a session that is created now works on: `platform`, or the installed one where that is
+    // null. Null if there is neither.
+    static std::shared_ptr<Platform> forNewSession(std::shared_ptr<Platform> platform);
+    // The platform of the session that the calling thread runs, else the installed one. Aborts the
+    // process with "no platform is installed" if there is neither.
+    static std::shared_ptr<Platform> current();
+
+    // While it exists, `platform` is the calling thread's. A null one changes nothing.
+    class Scope {
+    public:
+        explicit Scope(const std::shared_ptr<Platform>& platform);
+        ~Scope();
+
+    private:
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+        const std::shared_ptr<Platform> mBefore;
+    };
+
+    // What makes the parts of one session, where they share state. Null: the object itself.
+    virtual std::shared_ptr<Platform> createSession() { return nullptr; }
 
     virtual sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString& mime, bool encoder,
                                        status_t* err) = 0;

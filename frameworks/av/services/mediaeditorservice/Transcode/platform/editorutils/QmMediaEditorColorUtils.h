@@ -4,11 +4,18 @@
 #include <media/stagefright/foundation/AMessage.h>
 #include <utils/RefBase.h>
 
+#include <memory>
+
 namespace android {
 namespace qmmediaeditor {
 
+class Platform;
+
+// Belongs to the session whose process() makes it.
 class QmMediaEditorColorUtils : public RefBase {
 public:
+    QmMediaEditorColorUtils();
+
     // Pixels and rows; the crop rectangle's right and bottom lie inside it.
     void setOutputFormat(const sp<AMessage>& format, int width, int height, int cropLeft,
                          int cropTop, int cropRight, int cropBottom, int stride, int sliceHeight);
@@ -25,8 +32,10 @@ public:
         int sliceHeight = 0;
     };
     const Layout& layout() const { return mLayout; }
+    Platform& platform() const { return *mPlatform; }
 
 private:
+    const std::shared_ptr<Platform> mPlatform;
     Layout mLayout;
 };
 

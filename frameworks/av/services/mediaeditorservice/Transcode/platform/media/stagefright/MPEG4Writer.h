@@ -3,7 +3,13 @@
 
 #include <media/stagefright/MediaWriter.h>
 
+#include <memory>
+
 namespace android {
+
+namespace qmmediaeditor {
+class Platform;
+}
 
 class MPEG4Writer final : public MediaWriter {
 public:
@@ -17,13 +23,15 @@ public:
     status_t pause() override;
     void setListener(const sp<IMediaRecorderClient>& listener) override;
 
-    // The installed platform's writer, which does the work.
+    // The session's platform, and its writer, which does the work.
+    qmmediaeditor::Platform& platform() const { return *mPlatform; }
     const sp<MediaWriter>& implementation() const { return mImplementation; }
 
 protected:
     ~MPEG4Writer() override;
 
 private:
+    const std::shared_ptr<qmmediaeditor::Platform> mPlatform;
     const sp<MediaWriter> mImplementation;
 };
 
