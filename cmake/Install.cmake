@@ -38,8 +38,9 @@ function(install_compressed file directory name component)
         COMPONENT ${component})
     install(FILES ${compressed} DESTINATION ${directory} COMPONENT ${component})
 endfunction()
-install_compressed(${CMAKE_BINARY_DIR}/docs/qmtranscode.1
-    ${CMAKE_INSTALL_MANDIR}/man1 qmtranscode.1 tool)
+foreach(page qmtranscode.1 qmtranscode-slurm.1)
+    install_compressed(${CMAKE_BINARY_DIR}/docs/${page} ${CMAKE_INSTALL_MANDIR}/man1 ${page} tool)
+endforeach()
 foreach(package_component qmtranscode,tool qmtranscode-dev,dev python3-qmtranscode,python)
     string(REPLACE "," ";" package_component "${package_component}")
     list(GET package_component 0 package)
@@ -47,6 +48,8 @@ foreach(package_component qmtranscode,tool qmtranscode-dev,dev python3-qmtransco
     install_compressed(${CMAKE_SOURCE_DIR}/CHANGELOG.md
         ${CMAKE_INSTALL_DATADIR}/doc/${package} changelog ${component})
 endforeach()
+install(PROGRAMS tools/qmtranscode-slurm
+    DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 install(FILES ${CMAKE_BINARY_DIR}/docs/completion.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME qmtranscode COMPONENT tool)

@@ -287,6 +287,7 @@ private:
     std::optional<Failure> checkConflicts() const;
     std::optional<Failure> checkSections() const;
     void takeParts();
+    std::vector<std::string> surplus() const;
     std::optional<Failure> checkSize() const;
     std::optional<Failure> checkAudio() const;
     std::optional<Failure> checkFormat() const;
@@ -491,9 +492,9 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
         // The parts of --join.
         mApp.allow_extras();
         mApp.parse(argc, argv);
-        const std::vector<std::string> more = mApp.remaining();
+        const std::vector<std::string> more = surplus();
         const bool areParts = mJoin && std::none_of(more.begin(), more.end(), [](const auto& word) {
-                                  return word[0] == '-' && word != "-";
+                                  return word.size() > 1 && word[0] == '-';
                               });
         if (!more.empty() && !areParts) return unknownArgument();
         if (mJoin) takeParts();
@@ -523,7 +524,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
 // The last name is OUTPUT.
 void CommandLine::takeParts() {
     mOptions.parts = {mOptions.input, mOptions.output};
-    for (const std::string& word : mApp.remaining()) mOptions.parts.push_back(word);
+    for (const std::string& word : surplus()) mOptions.parts.push_back(word);
     mOptions.output = mOptions.parts.back();
     mOptions.parts.pop_back();
 }
@@ -547,10 +548,15 @@ std::string CommandLine::request() const {
     return dumpJsonLine(request);
 }
 
-Failure CommandLine::unknownArgument() const {
+// The arguments that are neither options nor INPUT and OUTPUT. `--` is none of them.
+std::vector<std::string> CommandLine::surplus() const {
     std::vector<std::string> words = mApp.remaining();
-    // `--` is not counted as a positional argument.
     words.erase(std::remove(words.begin(), words.end(), "--"), words.end());
+    return words;
+}
+
+Failure CommandLine::unknownArgument() const {
+    const std::vector<std::string> words = surplus();
     const auto option = std::find_if(words.begin(), words.end(),
                                      [](const std::string& word) { return word[0] == '-'; });
     if (option == words.end()) {
