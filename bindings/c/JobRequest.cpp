@@ -97,12 +97,13 @@ std::string takePath(const char* key, Json* request) {
 }
 
 void refuseUnsupported(const Json& request, bool isolates) {
-    for (const char* const key : {"progress", "log", "log-format", "help", "version", "split", "join"}) {
+    for (const char* const key :
+         {"progress", "log", "log-format", "help", "version", "split", "join"}) {
         if (request.contains(key)) {
             throw Refusal{refused(key, "not available here; leave it out")};
         }
     }
-    for (const char* const key : {"plan", "trace", "jobs"}) {
+    for (const char* const key : {"plan", "trace", "jobs", "poster", "contact-sheet"}) {
         if (!isolates && request.contains(key) && request[key] != false &&
             !request[key].is_null()) {
             throw Refusal{refused(key, "works together with \"isolate\": true only")};

@@ -141,6 +141,8 @@ int runOnce(const cli::Options& options, cli::SharedState* shared, PartReport* r
         options.keepPartial && !options.part && !options.section && files.output.older() == nullptr;
     if (options.jobs > 1) job.sections = &sections;
     job.printsObject = options.json;
+    job.options = &options;
+    job.pictures = files.pictures;
     job.request = options.request;
     job.names = cli::namesOf(options);
     if (report != nullptr) job.object = &report->object;

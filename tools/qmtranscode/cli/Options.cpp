@@ -421,6 +421,12 @@ void CommandLine::define() {
              "allow it.");
     app.add_flag("--overwrite", o.overwrite);
     describe("--overwrite", "", "replace OUTPUT if it exists");
+    app.add_option("--poster", o.poster)->check(namePattern());
+    describe("--poster", "PATTERN", "write the first frame of each period, such as p-%02d.jpg");
+    app.add_option("--contact-sheet", o.contactSheet);
+    describe(
+        "--contact-sheet", "FILE", "write a JPEG of the frames before and after each cut",
+        "One pair for each cut, in reading order; without cuts, the first and the last frame.");
     app.add_flag("--if-missing", o.ifMissing);
     describe("--if-missing", "", "do nothing if OUTPUT is complete; replace it if it is shorter",
              "An OUTPUT that this request would not make is refused.");
@@ -652,7 +658,10 @@ std::optional<Failure> CommandLine::checkName() {
 std::optional<Failure> CommandLine::checkConflicts() const {
     static const std::vector<std::pair<std::string, std::vector<std::string>>> kConflicts = {
         {"--trim", {"--cut", "--list"}},
-        {"--split", {"OUTPUT", "--plan", "--trace", "--jobs", "--section", "--join"}},
+        {"--split",
+         {"OUTPUT", "--plan", "--trace", "--contact-sheet", "--jobs", "--section", "--join"}},
+        {"--poster", {"--plan", "--no-video", "--jobs", "--section", "--if-needed"}},
+        {"--contact-sheet", {"--plan", "--no-video", "--jobs", "--section", "--if-needed"}},
         {"--cut", {"--list"}},
         {"--fit", {"--size"}},
         {"--no-video",

@@ -5,6 +5,8 @@
 #include <qmtranscode/job/EncodingVerifier.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/job/OutputVerifier.h>
+#include <qmtranscode/job/PictureFiles.h>
+#include <qmtranscode/job/PictureMaker.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
 #include <qmtranscode/monitor/Timer.h>
@@ -438,6 +440,7 @@ Outcome Job::concludeComplete(Progress* progress) {
                         "max-bytes-not-met"}};
     }
     if (auto failure = verifyEncoding(&receipt)) return {failure};
+    if (auto failure = makePictures()) return {failure};
     printInterlaced();
     receipt.isComplete = true;
     if (auto failure = finishPart(true)) return {failure};
@@ -507,6 +510,32 @@ Failure Job::noSamples() const {
             std::string("no frame and no audio starts in ") +
                 (mPeriods.size() > 1 ? "these periods" : "this period"),
             "nothing-in-periods"};
+}
+
+std::optional<Failure> Job::makePictures() const {
+    if (mPictures < 0) return std::nullopt;
+    // In the order of the output.
+    std::vector<FrameSpan> spans;
+    const std::vector<int64_t> framesUs = mObserver->framesUs();
+    for (const PeriodStatistics& period : mStatistics.periods) {
+        const auto first = std::lower_bound(framesUs.begin(), framesUs.end(), period.startUs);
+        const auto end = std::lower_bound(first, framesUs.end(), period.endUs);
+        spans.push_back({static_cast<size_t>(first - framesUs.begin()),
+                         static_cast<size_t>(end - framesUs.begin())});
+    }
+    const int32_t rotation = mInput.media().video ? mInput.media().video->rotation : 0;
+    const auto pictures = drawPictures(mOutput.fd(), rotation, spans, mOptions.poster.has_value(),
+                                       mOptions.contactSheet.has_value());
+    if (!pictures) {
+        return Failure{kExitFailed, mOutput.path(), "a frame of the output could not be drawn",
+                       "picture-failed"};
+    }
+    for (const std::vector<uint8_t>& jpeg : *pictures) {
+        if (addPicture(mPictures, jpeg) != 0) {
+            return systemFailure(kExitFailed, "memory for the pictures", errno);
+        }
+    }
+    return std::nullopt;
 }
 
 void Job::printInterlaced() const {

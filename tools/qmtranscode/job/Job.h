@@ -52,6 +52,7 @@ public:
           mExisting(files->existing),
           mTrace(trace),
           mReceipt(files->receipt),
+          mPictures(files->pictures),
           mControl(control),
           mMonitor(monitor),
           mObserver(observer) {}
@@ -108,6 +109,8 @@ private:
     // Prints that the output has no track of this type.
     void printInterlaced() const;
     void printMissing(const char* type, const char* reason) const;
+    // Makes the pictures of --poster and --contact-sheet.
+    std::optional<Failure> makePictures() const;
     Receipt makeReceipt() const;
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;
     std::optional<Failure> writeReceipt(const std::string& text) const;
@@ -123,6 +126,7 @@ private:
     const int mExisting;  // as JobFiles::existing
     TraceFile* const mTrace;
     const int mReceipt;
+    const int mPictures;  // as JobFiles::pictures
     RunControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;

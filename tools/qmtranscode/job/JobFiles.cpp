@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <qmtranscode/cli/NumberedName.h>
 #include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/job/PictureFiles.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -54,7 +55,7 @@ bool JobInput::isSameFile(const struct stat* file) const {
 }
 
 JobFiles::~JobFiles() {
-    for (const int fd : {receipt, existing}) {
+    for (const int fd : {receipt, pictures, existing}) {
         if (fd >= 0) close(fd);
     }
 }
@@ -78,6 +79,11 @@ std::optional<Failure> JobFiles::open(const Options& options) {
     if (options.ifMissing && output.older() != nullptr && output.older()->st_size > 0) {
         existing = ::open(options.output.c_str(), O_RDONLY | O_CLOEXEC);
         if (existing < 0) return systemFailure(exitStatusOf(errno), options.output, errno);
+    }
+    if (options.poster || options.contactSheet) {
+        if (auto failure = checkPictures(options)) return failure;
+        pictures = memfd_create("qmtranscode-pictures", MFD_CLOEXEC);
+        if (pictures < 0) return systemFailure(kExitFailed, "memory for the pictures", errno);
     }
     if (auto failure = openTrace(options)) return failure;
     if (auto failure = openParts(options)) return failure;

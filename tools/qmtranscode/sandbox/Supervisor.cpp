@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
+#include <qmtranscode/job/PictureFiles.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/sandbox/SectionWorkers.h>
 #include <qmtranscode/sandbox/Supervisor.h>
@@ -402,6 +403,17 @@ int Supervisor::publish() {
     const std::string complete = isPlan ? "" : mJob.output->path() + " is complete; ";
     if (mJob.trace != nullptr) {
         if (auto reason = commitTrace()) {
+            if (failure) {
+                warn(std::string(kLineBegin) + reason->text());
+            } else {
+                reason->subject = complete + reason->subject;
+                failure = reason;
+                stage = kPublishing;
+            }
+        }
+    }
+    if (mJob.pictures >= 0 && isKept && isWell) {
+        if (auto reason = publishPictures(*mJob.options, mJob.pictures)) {
             if (failure) {
                 warn(std::string(kLineBegin) + reason->text());
             } else {

@@ -43,6 +43,9 @@ public:
         bool mayKeepPartial;  // a stop keeps what has been written
         // Print the run's JSON object, also of a run that writes nothing.
         bool printsObject;
+        // Of --poster and --contact-sheet, and the memory that they are in; -1 without.
+        const Options* options = nullptr;
+        int pictures = -1;
         std::string request;  // a JSON value
         std::string names;    // as namesOf()
         // Their outputs are joined by the worker; null without --jobs.

@@ -1,0 +1,92 @@
+#include <errno.h>
+#include <qmtranscode/cli/NumberedName.h>
+#include <qmtranscode/job/PendingFile.h>
+#include <qmtranscode/job/PictureFiles.h>
+#include <unistd.h>
+
+namespace android::qmmediaeditor::cli {
+
+namespace {
+
+// Bytes of the size in front of each picture.
+constexpr size_t kSizeBytes = sizeof(uint64_t);
+
+std::optional<Failure> checkPlace(const std::string& path, bool overwrite) {
+    PendingFile file;
+    if (auto failure = file.locate(path)) return failure;
+    return file.checkPlace(overwrite);
+}
+
+std::optional<Failure> writePicture(const std::string& path, bool overwrite,
+                                    const std::string& jpeg) {
+    PendingFile file;
+    if (auto failure = file.locate(path)) return failure;
+    if (auto failure = file.checkPlace(overwrite)) return failure;
+    if (auto failure = file.create(overwrite)) return failure;
+    if (writeAll(file.fd(), jpeg) != 0) return systemFailure(kExitFailed, path, errno);
+    return file.commit();
+}
+
+// Nothing at the end; errno is 0 then.
+std::optional<std::string> readPicture(int memory, off_t* offset) {
+    uint64_t size = 0;
+    errno = 0;
+    if (pread(memory, &size, kSizeBytes, *offset) != static_cast<ssize_t>(kSizeBytes)) {
+        return std::nullopt;
+    }
+    // The worker may send anything.
+    constexpr uint64_t kMaxBytes = uint64_t{1} << 28;
+    if (size > kMaxBytes) {
+        errno = EMSGSIZE;
+        return std::nullopt;
+    }
+    std::string jpeg(size, '\0');
+    *offset += static_cast<off_t>(kSizeBytes);
+    const ssize_t read = pread(memory, jpeg.data(), jpeg.size(), *offset);
+    if (read != static_cast<ssize_t>(size)) {
+        if (errno == 0) errno = EIO;
+        return std::nullopt;
+    }
+    *offset += read;
+    return jpeg;
+}
+
+}  // namespace
+
+std::string posterName(const Options& options, size_t period) {
+    return numberedName(*options.poster, static_cast<int>(options.part.value_or(period)) + 1);
+}
+
+std::optional<Failure> checkPictures(const Options& options) {
+    if (options.poster) {
+        if (auto failure = checkPlace(posterName(options, 0), options.overwrite)) return failure;
+    }
+    if (!options.contactSheet) return std::nullopt;
+    return checkPlace(*options.contactSheet, options.overwrite);
+}
+
+int addPicture(int memory, const std::vector<uint8_t>& jpeg) {
+    const uint64_t size = jpeg.size();
+    std::string bytes(reinterpret_cast<const char*>(&size), sizeof(size));
+    bytes.append(jpeg.begin(), jpeg.end());
+    return writeAll(memory, bytes);
+}
+
+std::optional<Failure> publishPictures(const Options& options, int memory) {
+    std::vector<std::string> pictures;
+    off_t offset = 0;
+    while (auto jpeg = readPicture(memory, &offset)) pictures.push_back(std::move(*jpeg));
+    if (errno != 0) return systemFailure(kExitFailed, "the pictures", errno);
+    const size_t sheets = options.contactSheet && !pictures.empty() ? 1 : 0;
+    for (size_t i = 0; i + sheets < pictures.size(); ++i) {
+        // A period without a frame.
+        if (pictures[i].empty()) continue;
+        if (auto failure = writePicture(posterName(options, i), options.overwrite, pictures[i])) {
+            return failure;
+        }
+    }
+    if (sheets == 0) return std::nullopt;
+    return writePicture(*options.contactSheet, options.overwrite, pictures.back());
+}
+
+}  // namespace android::qmmediaeditor::cli

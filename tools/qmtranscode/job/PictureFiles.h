@@ -1,0 +1,30 @@
+// The pictures of --poster and --contact-sheet. The worker makes them and writes them to memory,
+// one behind the other; the parent process gives them their names when the output has its own.
+#pragma once
+
+#include <qmtranscode/cli/Failure.h>
+#include <qmtranscode/cli/Options.h>
+#include <stdint.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace android::qmmediaeditor::cli {
+
+// The name of the poster of a period, counted from 0.
+std::string posterName(const Options& options, size_t period);
+
+// Refuses places that cannot be written: of the contact sheet and of the first poster. Creates
+// nothing.
+std::optional<Failure> checkPictures(const Options& options);
+
+// Writes a picture to the memory, an empty one for a period without a frame; -1 with errno on
+// error.
+int addPicture(int memory, const std::vector<uint8_t>& jpeg);
+
+// Writes the pictures from the memory to their files: the posters, then the contact sheet. Each is
+// complete or absent.
+std::optional<Failure> publishPictures(const Options& options, int memory);
+
+}  // namespace android::qmmediaeditor::cli
