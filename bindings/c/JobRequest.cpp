@@ -96,14 +96,17 @@ std::string takePath(const char* key, Json* request) {
     return path;
 }
 
+// A name that begins with a dash is no option.
+std::string asArgument(const std::string& path) { return path[0] == '-' ? "./" + path : path; }
+
 void refuseUnsupported(const Json& request, bool isolates) {
-    for (const char* const key :
-         {"progress", "log", "log-format", "help", "version", "split", "join"}) {
+    for (const char* const key : {"progress", "log", "log-format", "help", "version"}) {
         if (request.contains(key)) {
             throw Refusal{refused(key, "not available here; leave it out")};
         }
     }
-    for (const char* const key : {"plan", "trace", "jobs", "poster", "contact-sheet"}) {
+    // What takes several processes, or the log of the process.
+    for (const char* const key : {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
         if (!isolates && request.contains(key) && request[key] != false &&
             !request[key].is_null()) {
             throw Refusal{refused(key, "works together with \"isolate\": true only")};
@@ -136,7 +139,8 @@ JobRequest parse(const std::string& text) {
     request.erase("json");
     refuseUnsupported(request, job.isolates);
     const std::string input = takePath("input", &request);
-    const std::string output = takePath("output", &request);
+    const bool isSplit = request.contains("split");
+    const std::string output = isSplit ? "" : takePath("output", &request);
     for (const auto& [key, value] : request.items()) {
         // A key with "=" would bring a value of its own.
         if (key.empty() || key[0] == '-' || key.find_first_of("= ") != std::string::npos) {
@@ -144,7 +148,8 @@ JobRequest parse(const std::string& text) {
         }
         addOption(key, value, &job.arguments);
     }
-    job.arguments.insert(job.arguments.end(), {"--", input, output});
+    job.arguments.push_back(asArgument(input));
+    if (!isSplit) job.arguments.push_back(asArgument(output));
     return job;
 }
 

@@ -11,7 +11,7 @@ namespace android::qmmediaeditor::api {
 
 struct JobRequest {
     cli::Options options;
-    // Of the command, without its name: the options, "--", the input and the output.
+    // Of the command, without its name: the options, the input and the output.
     std::vector<std::string> arguments;
     bool isolates = false;
     std::string program;  // to isolate in; empty for the installed one

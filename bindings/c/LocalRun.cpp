@@ -123,7 +123,9 @@ JobEnd LocalRun::conclude(const cli::Options& options, const cli::Outcome& outco
     const char* stage = nameOf(mControl.stage());
     bool isKept = outcome.keepOutput;
     // As the command: a shorter file does not replace an older one.
-    if (failure && isKept && (!options.keepPartial || files->output.older() != nullptr)) {
+    const bool mayKeepPartial =
+        options.keepPartial && !options.section && files->output.older() == nullptr;
+    if (failure && isKept && !mayKeepPartial) {
         isKept = false;
         failure->subject.clear();
         failure->reason = "stopped; nothing was kept";

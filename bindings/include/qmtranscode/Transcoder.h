@@ -126,7 +126,7 @@ struct Result {
     /** The output is whole, verified and on disk. */
     explicit operator bool() const { return status == QMT_OK; }
     /** Another try may succeed. */
-    bool isRetryable() const { return status == QMT_FAILED || status == QMT_STOPPED; }
+    bool isRetryable() const { return receipt.find("\"retryable\": true") != std::string::npos; }
 };
 
 /** A request that cannot be carried out, whatever the input, or a wrong use of a Transcoder. */

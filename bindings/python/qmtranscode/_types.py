@@ -64,7 +64,8 @@ class Error(Exception):
     @property
     def retryable(self) -> bool:
         """Whether another try may succeed with the same request."""
-        return False
+        error = self.receipt.get("error") if self.receipt is not None else None
+        return bool(error and error["retryable"])
 
 
 class InvalidRequest(Error, ValueError):
@@ -78,17 +79,9 @@ class UnusableInput(Error):
 class JobFailed(Error):
     """An I/O error, exhausted resources, or, with isolate=True, a crash."""
 
-    @property
-    def retryable(self) -> bool:
-        return True
-
 
 class JobStopped(Error):
     """The job was cancelled. `receipt` says whether there is a shorter file."""
-
-    @property
-    def retryable(self) -> bool:
-        return True
 
 
 class InvalidJob(Error, RuntimeError):
