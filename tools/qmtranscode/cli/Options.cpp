@@ -255,6 +255,7 @@ public:
             return helpText(mTexts);
         });
         for (CLI::Option* option : mApp.get_options()) {
+            mByName[option->get_name()] = option;
             const bool takesText = option->get_items_expected_max() > 0;
             if (!takesText) continue;
             option->check(notEmpty());
@@ -293,12 +294,14 @@ private:
     std::optional<Failure> checkFormat() const;
     // An option with the value that it was given.
     std::string given(const std::string& option, size_t index = 0) const {
-        return option + ' ' + mApp[option]->results()[index];
+        return option + ' ' + mByName.at(option)->results()[index];
     }
 
     Options mOptions;
     bool mJoin = false;
     CLI::App mApp;
+    // CLI11's own lookup ends the process when memory is short.
+    std::map<std::string, const CLI::Option*> mByName;
     std::map<const CLI::Option*, std::vector<std::string>> mGiven;
     std::string mGroup;
     std::vector<OptionText> mTexts;
@@ -521,7 +524,7 @@ std::variant<Options, Information, Failure> CommandLine::parse(int argc, const c
                        "missing-argument"};
     }
     mOptions.request = request();
-    mOptions.plan = mApp["--plan"]->count() > 0;
+    mOptions.plan = mByName.at("--plan")->count() > 0;
     if (auto failure = checkCombinations()) return *failure;
     mOptions.verify = mOptions.verify || mOptions.minSsim;
     return mOptions;
@@ -682,9 +685,9 @@ std::optional<Failure> CommandLine::checkConflicts() const {
         {"--if-needed", {"--if-missing"}},
         {"--plan", {"--if-missing", "--if-needed"}}};
     for (const auto& [option, others] : kConflicts) {
-        if (mApp[option]->count() == 0) continue;
+        if (mByName.at(option)->count() == 0) continue;
         for (const std::string& other : others) {
-            if (mApp[other]->count() == 0) continue;
+            if (mByName.at(other)->count() == 0) continue;
             return Failure{kExitUsage, option,
                            fmt::format("cannot be combined with {}; leave one of them out", other),
                            "conflict"};
