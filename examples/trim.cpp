@@ -1,8 +1,8 @@
 // Keeps one period of a media file: trim INPUT OUTPUT START END, in seconds. Enter stops it.
 #include <fcntl.h>
+#include <poll.h>
 #include <qmtranscode/Host.h>
 #include <qmtranscode/TranscodeComponent.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -25,7 +25,6 @@ namespace android::qmmediaeditor::api {
 
 namespace {
 
-using cli::Failure;
 using Json = nlohmann::json;
 
 constexpr const char* kStage = "transcoding";
@@ -138,6 +137,7 @@ int IsolatedRun::start(const std::string& program, const JobRequest& request) {
     std::vector<std::string> words = {program, "--json", "--progress=json"};
     words.insert(words.end(), request.arguments.begin(), request.arguments.end());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
 

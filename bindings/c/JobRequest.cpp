@@ -106,7 +106,8 @@ void refuseUnsupported(const Json& request, bool isolates) {
         }
     }
     // What takes several processes, or the log of the process.
-    for (const char* const key : {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
+    for (const char* const key :
+         {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
         if (!isolates && request.contains(key) && request[key] != false &&
             !request[key].is_null()) {
             throw Refusal{refused(key, "works together with \"isolate\": true only")};

@@ -142,7 +142,7 @@ int runOnce(const cli::Options& options, cli::SharedState* shared, PartReport* r
     if (options.jobs > 1) job.sections = &sections;
     job.printsObject = options.json;
     job.options = &options;
-    job.pictures = files.pictures;
+    job.images = files.images;
     job.request = options.request;
     job.names = cli::namesOf(options);
     if (report != nullptr) job.object = &report->object;

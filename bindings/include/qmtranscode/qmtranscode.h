@@ -30,8 +30,8 @@
  * - "program": the path of that program; implies "isolate". By default it is the command that was
  *   installed with this library.
  *
- * "contact-sheet", "jobs", "join", "plan", "poster", "split" and "trace" need "isolate". "split" takes
- * the place of "output". "progress", "log" and "log-format" are not accepted.
+ * "contact-sheet", "jobs", "join", "plan", "poster", "split" and "trace" need "isolate". "split"
+ * takes the place of "output". "progress", "log" and "log-format" are not accepted.
  *
  * The receipt is the object that `qmtranscode --json` prints; run.schema.json describes it. Without
  * "isolate", its "cpu_seconds" and "peak_memory_bytes" are those of this whole process.

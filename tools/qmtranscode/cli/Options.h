@@ -74,7 +74,7 @@ struct Options {
     // By default, frames that are marked as interlaced are deinterlaced.
     std::optional<bool> deinterlace;
 
-    // Patterns and names of pictures of the output: the first frame of each period, and a sheet of
+    // Patterns and names of images of the output: the first frame of each period, and a sheet of
     // the frames on either side of each cut.
     std::optional<std::string> poster;
     std::optional<std::string> contactSheet;

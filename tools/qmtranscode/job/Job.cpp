@@ -3,10 +3,10 @@
 #include <malloc.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/EncodingVerifier.h>
+#include <qmtranscode/job/ImageFiles.h>
+#include <qmtranscode/job/ImageMaker.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/job/OutputVerifier.h>
-#include <qmtranscode/job/PictureFiles.h>
-#include <qmtranscode/job/PictureMaker.h>
 #include <qmtranscode/job/Request.h>
 #include <qmtranscode/job/Session.h>
 #include <qmtranscode/monitor/Timer.h>
@@ -440,7 +440,7 @@ Outcome Job::concludeComplete(Progress* progress) {
                         "max-bytes-not-met"}};
     }
     if (auto failure = verifyEncoding(&receipt)) return {failure};
-    if (auto failure = makePictures()) return {failure};
+    if (auto failure = makeImages()) return {failure};
     printInterlaced();
     receipt.isComplete = true;
     if (auto failure = finishPart(true)) return {failure};
@@ -512,8 +512,8 @@ Failure Job::noSamples() const {
             "nothing-in-periods"};
 }
 
-std::optional<Failure> Job::makePictures() const {
-    if (mPictures < 0) return std::nullopt;
+std::optional<Failure> Job::makeImages() const {
+    if (mImages < 0) return std::nullopt;
     // In the order of the output.
     std::vector<FrameSpan> spans;
     const std::vector<int64_t> framesUs = mObserver->framesUs();
@@ -524,15 +524,15 @@ std::optional<Failure> Job::makePictures() const {
                          static_cast<size_t>(end - framesUs.begin())});
     }
     const int32_t rotation = mInput.media().video ? mInput.media().video->rotation : 0;
-    const auto pictures = drawPictures(mOutput.fd(), rotation, spans, mOptions.poster.has_value(),
-                                       mOptions.contactSheet.has_value());
-    if (!pictures) {
+    const auto images = drawImages(mOutput.fd(), rotation, spans, mOptions.poster.has_value(),
+                                   mOptions.contactSheet.has_value());
+    if (!images) {
         return Failure{kExitFailed, mOutput.path(), "a frame of the output could not be drawn",
-                       "picture-failed"};
+                       "image-failed"};
     }
-    for (const std::vector<uint8_t>& jpeg : *pictures) {
-        if (addPicture(mPictures, jpeg) != 0) {
-            return systemFailure(kExitFailed, "memory for the pictures", errno);
+    for (const std::vector<uint8_t>& jpeg : *images) {
+        if (addImage(mImages, jpeg) != 0) {
+            return systemFailure(kExitFailed, "memory for the images", errno);
         }
     }
     return std::nullopt;

@@ -52,7 +52,7 @@ public:
           mExisting(files->existing),
           mTrace(trace),
           mReceipt(files->receipt),
-          mPictures(files->pictures),
+          mImages(files->images),
           mControl(control),
           mMonitor(monitor),
           mObserver(observer) {}
@@ -109,8 +109,8 @@ private:
     // Prints that the output has no track of this type.
     void printInterlaced() const;
     void printMissing(const char* type, const char* reason) const;
-    // Makes the pictures of --poster and --contact-sheet.
-    std::optional<Failure> makePictures() const;
+    // Makes the images of --poster and --contact-sheet.
+    std::optional<Failure> makeImages() const;
     Receipt makeReceipt() const;
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;
     std::optional<Failure> writeReceipt(const std::string& text) const;
@@ -126,7 +126,7 @@ private:
     const int mExisting;  // as JobFiles::existing
     TraceFile* const mTrace;
     const int mReceipt;
-    const int mPictures;  // as JobFiles::pictures
+    const int mImages;  // as JobFiles::images
     RunControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;

@@ -2,8 +2,8 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <qmtranscode/cli/NumberedName.h>
+#include <qmtranscode/job/ImageFiles.h>
 #include <qmtranscode/job/JobFiles.h>
-#include <qmtranscode/job/PictureFiles.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -55,7 +55,7 @@ bool JobInput::isSameFile(const struct stat* file) const {
 }
 
 JobFiles::~JobFiles() {
-    for (const int fd : {receipt, pictures, existing}) {
+    for (const int fd : {receipt, images, existing}) {
         if (fd >= 0) close(fd);
     }
 }
@@ -81,9 +81,9 @@ std::optional<Failure> JobFiles::open(const Options& options) {
         if (existing < 0) return systemFailure(exitStatusOf(errno), options.output, errno);
     }
     if (options.poster || options.contactSheet) {
-        if (auto failure = checkPictures(options)) return failure;
-        pictures = memfd_create("qmtranscode-pictures", MFD_CLOEXEC);
-        if (pictures < 0) return systemFailure(kExitFailed, "memory for the pictures", errno);
+        if (auto failure = checkImages(options)) return failure;
+        images = memfd_create("qmtranscode-images", MFD_CLOEXEC);
+        if (images < 0) return systemFailure(kExitFailed, "memory for the images", errno);
     }
     if (auto failure = openTrace(options)) return failure;
     if (auto failure = openParts(options)) return failure;

@@ -56,8 +56,8 @@ struct JobFiles {
     // Both get their names at the end.
     PendingFile output;
     PendingFile trace;
-    int receipt = -1;   // memory shared by both processes
-    int pictures = -1;  // the same for --poster and --contact-sheet; -1 without
+    int receipt = -1;  // memory shared by both processes
+    int images = -1;   // the same for --poster and --contact-sheet; -1 without
     // The older file under the output's name, for --if-missing; -1 if there is none with content.
     int existing = -1;
 

@@ -34,7 +34,7 @@ SizeLimit::SizeLimit(const Options& options, const MediaFile& input, int64_t len
     const double packetsPerSecond =
         input.audio ? number("audio-samplerate") / kAudioFrameSamples : 0;
     mTableBytes = kFileBytes + kSampleBytes * mSeconds * (framesPerSecond + packetsPerSecond);
-    // At less, x264's coarsest quantizer does not help any more, even for simple pictures.
+    // At less, x264's coarsest quantizer does not help any more, even for simple frames.
     constexpr double kMinBitsPerPixel = 0.002;
     mMinVideoBitrate =
         kMinBitsPerPixel * framesPerSecond * number("video-width") * number("video-height");
@@ -96,7 +96,7 @@ bool SizeLimit::correct(int64_t bytes, int64_t lengthUs) {
     const double videoBytes = wanted - other;
     if (actual <= mMaxBytes) {
         // The encoder's first guess is too low for some short clips. Where it needs much less than
-        // it may have, the pictures need no more.
+        // it may have, the video needs no more.
         constexpr double kMinUse = 0.7;
         constexpr double kMinOfRate = 0.5;
         const double rate = (actual - other) * 8 / mSeconds;

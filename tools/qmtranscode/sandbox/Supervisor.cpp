@@ -2,7 +2,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <qmtranscode/cli/Console.h>
-#include <qmtranscode/job/PictureFiles.h>
+#include <qmtranscode/job/ImageFiles.h>
 #include <qmtranscode/monitor/Timer.h>
 #include <qmtranscode/sandbox/SectionWorkers.h>
 #include <qmtranscode/sandbox/Supervisor.h>
@@ -412,8 +412,8 @@ int Supervisor::publish() {
             }
         }
     }
-    if (mJob.pictures >= 0 && isKept && isWell) {
-        if (auto reason = publishPictures(*mJob.options, mJob.pictures)) {
+    if (mJob.images >= 0 && isKept && isWell) {
+        if (auto reason = publishImages(*mJob.options, mJob.images)) {
             if (failure) {
                 warn(std::string(kLineBegin) + reason->text());
             } else {

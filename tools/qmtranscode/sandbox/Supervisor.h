@@ -45,7 +45,7 @@ public:
         bool printsObject;
         // Of --poster and --contact-sheet, and the memory that they are in; -1 without.
         const Options* options = nullptr;
-        int pictures = -1;
+        int images = -1;
         std::string request;  // a JSON value
         std::string names;    // as namesOf()
         // Their outputs are joined by the worker; null without --jobs.

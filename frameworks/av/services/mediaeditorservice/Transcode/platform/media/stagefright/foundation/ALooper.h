@@ -20,8 +20,7 @@ public:
 
     // INVALID_OPERATION when it runs already, or when `runOnCallingThread` is asked for; -EAGAIN
     // when the thread cannot be created.
-    status_t start(bool runOnCallingThread = false, bool canCallJava = false,
-                   int32_t priority = 0);
+    status_t start(bool runOnCallingThread = false, bool canCallJava = false, int32_t priority = 0);
 
     // Lets the work that runs now come to its end, drops what is still waiting and ends the thread.
     // After it has returned, no posted work runs, unless it was called by that very thread.

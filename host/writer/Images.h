@@ -1,4 +1,4 @@
-// Still pictures of the frames of a finished output, as JPEG (ISO/IEC 10918-1, in JFIF). Private to
+// Still images of the frames of a finished output, as JPEG (ISO/IEC 10918-1, in JFIF). Private to
 // the host and the command.
 #pragma once
 
@@ -14,31 +14,31 @@ namespace android {
 namespace qmmediaeditor {
 
 // Planar 4:2:0 as JFIF has it: full range, by the matrix of BT.601. Even sizes, no padding.
-struct Picture {
+struct Image {
     FrameSize size;
     std::vector<uint8_t> planes[3];
 
-    explicit Picture(FrameSize area);
+    explicit Image(FrameSize area);
     // Copies all of `other` to an even position; it must fit.
-    void paste(const Picture& other, int left, int top);
+    void paste(const Image& other, int left, int top);
 };
 
 // Decodes chosen frames of the first video track. One thread at a time.
-class PictureReader {
+class ImageReader {
 public:
     // Frames are turned by `rotation`, degrees clockwise in quarter turns. Null when the file
     // cannot be read. `fd` may be closed afterwards.
-    static std::unique_ptr<PictureReader> open(int fd, int rotation);
-    virtual ~PictureReader() = default;
+    static std::unique_ptr<ImageReader> open(int fd, int rotation);
+    virtual ~ImageReader() = default;
 
     // The frame with this number, counted from 0 in the order of presentation, scaled to fit into
     // the box without being enlarged. Fastest with rising numbers. Nothing when it cannot be
     // decoded.
-    virtual std::optional<Picture> read(size_t frame, FrameSize box) = 0;
+    virtual std::optional<Image> read(size_t frame, FrameSize box) = 0;
 };
 
 // A file; empty when it cannot be encoded.
-std::vector<uint8_t> encodeJpeg(const Picture& picture);
+std::vector<uint8_t> encodeJpeg(const Image& image);
 
 }  // namespace qmmediaeditor
 }  // namespace android

@@ -1,4 +1,4 @@
-// The pictures of --poster and --contact-sheet. The worker makes them and writes them to memory,
+// The images of --poster and --contact-sheet. The worker makes them and writes them to memory,
 // one behind the other; the parent process gives them their names when the output has its own.
 #pragma once
 
@@ -17,14 +17,14 @@ std::string posterName(const Options& options, size_t period);
 
 // Refuses places that cannot be written: of the contact sheet and of the first poster. Creates
 // nothing.
-std::optional<Failure> checkPictures(const Options& options);
+std::optional<Failure> checkImages(const Options& options);
 
-// Writes a picture to the memory, an empty one for a period without a frame; -1 with errno on
+// Writes an image to the memory, an empty one for a period without a frame; -1 with errno on
 // error.
-int addPicture(int memory, const std::vector<uint8_t>& jpeg);
+int addImage(int memory, const std::vector<uint8_t>& jpeg);
 
-// Writes the pictures from the memory to their files: the posters, then the contact sheet. Each is
+// Writes the images from the memory to their files: the posters, then the contact sheet. Each is
 // complete or absent.
-std::optional<Failure> publishPictures(const Options& options, int memory);
+std::optional<Failure> publishImages(const Options& options, int memory);
 
 }  // namespace android::qmmediaeditor::cli

@@ -16,12 +16,12 @@ struct FrameSpan {
 };
 
 // JPEG files: with `posters` the first frame of each span, empty for an empty span; with `sheet`
-// then the contact sheet, unless there is no frame at all. The sheet has a pair of pictures for
+// then the contact sheet, unless there is no frame at all. The sheet has a pair of images for
 // each cut, the last frame before it and the first one behind it; for a single span, its first and
 // its last frame. Nothing when a frame cannot be decoded or encoded. `fd` is the output's;
 // `rotation` is in degrees clockwise.
-std::optional<std::vector<std::vector<uint8_t>>> drawPictures(int fd, int rotation,
-                                                              const std::vector<FrameSpan>& spans,
-                                                              bool posters, bool sheet);
+std::optional<std::vector<std::vector<uint8_t>>> drawImages(int fd, int rotation,
+                                                            const std::vector<FrameSpan>& spans,
+                                                            bool posters, bool sheet);
 
 }  // namespace android::qmmediaeditor::cli

@@ -1,14 +1,14 @@
 #include <errno.h>
 #include <qmtranscode/cli/NumberedName.h>
+#include <qmtranscode/job/ImageFiles.h>
 #include <qmtranscode/job/PendingFile.h>
-#include <qmtranscode/job/PictureFiles.h>
 #include <unistd.h>
 
 namespace android::qmmediaeditor::cli {
 
 namespace {
 
-// Bytes of the size in front of each picture.
+// Bytes of the size in front of each image.
 constexpr size_t kSizeBytes = sizeof(uint64_t);
 
 std::optional<Failure> checkPlace(const std::string& path, bool overwrite) {
@@ -17,8 +17,8 @@ std::optional<Failure> checkPlace(const std::string& path, bool overwrite) {
     return file.checkPlace(overwrite);
 }
 
-std::optional<Failure> writePicture(const std::string& path, bool overwrite,
-                                    const std::string& jpeg) {
+std::optional<Failure> writeImage(const std::string& path, bool overwrite,
+                                  const std::string& jpeg) {
     PendingFile file;
     if (auto failure = file.locate(path)) return failure;
     if (auto failure = file.checkPlace(overwrite)) return failure;
@@ -28,7 +28,7 @@ std::optional<Failure> writePicture(const std::string& path, bool overwrite,
 }
 
 // Nothing at the end; errno is 0 then.
-std::optional<std::string> readPicture(int memory, off_t* offset) {
+std::optional<std::string> readImage(int memory, off_t* offset) {
     uint64_t size = 0;
     errno = 0;
     if (pread(memory, &size, kSizeBytes, *offset) != static_cast<ssize_t>(kSizeBytes)) {
@@ -57,7 +57,7 @@ std::string posterName(const Options& options, size_t period) {
     return numberedName(*options.poster, static_cast<int>(options.part.value_or(period)) + 1);
 }
 
-std::optional<Failure> checkPictures(const Options& options) {
+std::optional<Failure> checkImages(const Options& options) {
     if (options.poster) {
         if (auto failure = checkPlace(posterName(options, 0), options.overwrite)) return failure;
     }
@@ -65,28 +65,28 @@ std::optional<Failure> checkPictures(const Options& options) {
     return checkPlace(*options.contactSheet, options.overwrite);
 }
 
-int addPicture(int memory, const std::vector<uint8_t>& jpeg) {
+int addImage(int memory, const std::vector<uint8_t>& jpeg) {
     const uint64_t size = jpeg.size();
     std::string bytes(reinterpret_cast<const char*>(&size), sizeof(size));
     bytes.append(jpeg.begin(), jpeg.end());
     return writeAll(memory, bytes);
 }
 
-std::optional<Failure> publishPictures(const Options& options, int memory) {
-    std::vector<std::string> pictures;
+std::optional<Failure> publishImages(const Options& options, int memory) {
+    std::vector<std::string> images;
     off_t offset = 0;
-    while (auto jpeg = readPicture(memory, &offset)) pictures.push_back(std::move(*jpeg));
-    if (errno != 0) return systemFailure(kExitFailed, "the pictures", errno);
-    const size_t sheets = options.contactSheet && !pictures.empty() ? 1 : 0;
-    for (size_t i = 0; i + sheets < pictures.size(); ++i) {
+    while (auto jpeg = readImage(memory, &offset)) images.push_back(std::move(*jpeg));
+    if (errno != 0) return systemFailure(kExitFailed, "the images", errno);
+    const size_t sheets = options.contactSheet && !images.empty() ? 1 : 0;
+    for (size_t i = 0; i + sheets < images.size(); ++i) {
         // A period without a frame.
-        if (pictures[i].empty()) continue;
-        if (auto failure = writePicture(posterName(options, i), options.overwrite, pictures[i])) {
+        if (images[i].empty()) continue;
+        if (auto failure = writeImage(posterName(options, i), options.overwrite, images[i])) {
             return failure;
         }
     }
     if (sheets == 0) return std::nullopt;
-    return writePicture(*options.contactSheet, options.overwrite, pictures.back());
+    return writeImage(*options.contactSheet, options.overwrite, images.back());
 }
 
 }  // namespace android::qmmediaeditor::cli

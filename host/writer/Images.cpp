@@ -1,4 +1,4 @@
-#include "host/writer/Pictures.h"
+#include "host/writer/Images.h"
 
 #include <sys/stat.h>
 
@@ -25,10 +25,10 @@ FrameSize planeSize(const FrameSize& size, int plane) {
     return plane == 0 ? size : FrameSize{size.width / 2, size.height / 2};
 }
 
-FramePlanes planesOf(Picture* picture) {
+FramePlanes planesOf(Image* image) {
     FramePlanes planes;
     for (int i = 0; i < 3; ++i) {
-        planes.plane[i] = {picture->planes[i].data(), planeSize(picture->size, i).width};
+        planes.plane[i] = {image->planes[i].data(), planeSize(image->size, i).width};
     }
     return planes;
 }
@@ -57,7 +57,7 @@ zimg_image_format sourceFormat(const AVFrame& frame) {
     return format;
 }
 
-zimg_image_format pictureFormat(const FrameSize& size) {
+zimg_image_format imageFormat(const FrameSize& size) {
     zimg_image_format format = formatOf(size);
     format.matrix_coefficients = ZIMG_MATRIX_ST170_M;
     format.pixel_range = ZIMG_RANGE_FULL;
@@ -74,11 +74,11 @@ FrameSize fitted(const FrameSize& frame, const FrameSize& box) {
     return {even(frame.width), even(frame.height)};
 }
 
-Picture turned(const Picture& picture, int rotation) {
+Image turned(const Image& image, int rotation) {
     const bool isSideways = rotation % 180 != 0;
-    Picture result(isSideways ? FrameSize{picture.size.height, picture.size.width} : picture.size);
+    Image result(isSideways ? FrameSize{image.size.height, image.size.width} : image.size);
     for (int i = 0; i < 3; ++i) {
-        const FrameSize from = planeSize(picture.size, i);
+        const FrameSize from = planeSize(image.size, i);
         const FrameSize to = planeSize(result.size, i);
         for (int y = 0; y < from.height; ++y) {
             for (int x = 0; x < from.width; ++x) {
@@ -96,19 +96,19 @@ Picture turned(const Picture& picture, int rotation) {
                 }
                 result.planes[i][static_cast<size_t>(row) * static_cast<size_t>(to.width) +
                                  static_cast<size_t>(column)] =
-                    picture.planes[i][static_cast<size_t>(y) * static_cast<size_t>(from.width) +
-                                      static_cast<size_t>(x)];
+                    image.planes[i][static_cast<size_t>(y) * static_cast<size_t>(from.width) +
+                                    static_cast<size_t>(x)];
             }
         }
     }
     return result;
 }
 
-class Reader final : public PictureReader {
+class Reader final : public ImageReader {
 public:
     explicit Reader(int rotation) : mRotation(rotation) {}
     bool open(int fd);
-    std::optional<Picture> read(size_t frame, FrameSize box) override;
+    std::optional<Image> read(size_t frame, FrameSize box) override;
 
 private:
     struct Entry {
@@ -119,7 +119,7 @@ private:
     bool seek(size_t frame);
     // Decodes up to the frame with this timestamp, or a later one.
     bool decodeUpTo(int64_t pts);
-    std::optional<Picture> convert(FrameSize box) const;
+    std::optional<Image> convert(FrameSize box) const;
 
     const int mRotation;
     std::unique_ptr<Demuxer> mDemuxer;
@@ -184,7 +184,7 @@ bool Reader::decodeUpTo(int64_t pts) {
     }
 }
 
-std::optional<Picture> Reader::read(size_t frame, FrameSize box) {
+std::optional<Image> Reader::read(size_t frame, FrameSize box) {
     if (frame >= mEntries.size()) return std::nullopt;
     if (mCurrent != frame) {
         if (!seek(frame) || !decodeUpTo(mEntries[frame].pts)) {
@@ -196,20 +196,20 @@ std::optional<Picture> Reader::read(size_t frame, FrameSize box) {
     return convert(box);
 }
 
-std::optional<Picture> Reader::convert(FrameSize box) const {
+std::optional<Image> Reader::convert(FrameSize box) const {
     if (mFrame->format != AV_PIX_FMT_YUV420P) return std::nullopt;
     if (mRotation % 180 != 0) std::swap(box.width, box.height);
-    Picture picture(fitted({mFrame->width & ~1, mFrame->height & ~1}, box));
-    const auto graph = ZimgGraph::build(sourceFormat(*mFrame), pictureFormat(picture.size), {});
+    Image image(fitted({mFrame->width & ~1, mFrame->height & ~1}, box));
+    const auto graph = ZimgGraph::build(sourceFormat(*mFrame), imageFormat(image.size), {});
     FramePlanes source;
     for (int i = 0; i < 3; ++i) source.plane[i] = {mFrame->data[i], mFrame->linesize[i]};
-    if (graph == nullptr || !graph->process(source, planesOf(&picture))) return std::nullopt;
-    return mRotation == 0 ? picture : turned(picture, mRotation);
+    if (graph == nullptr || !graph->process(source, planesOf(&image))) return std::nullopt;
+    return mRotation == 0 ? image : turned(image, mRotation);
 }
 
 }  // namespace
 
-Picture::Picture(FrameSize area) : size(area) {
+Image::Image(FrameSize area) : size(area) {
     for (int i = 0; i < 3; ++i) {
         const FrameSize plane = planeSize(size, i);
         planes[i].assign(static_cast<size_t>(plane.width) * static_cast<size_t>(plane.height),
@@ -217,7 +217,7 @@ Picture::Picture(FrameSize area) : size(area) {
     }
 }
 
-void Picture::paste(const Picture& other, int left, int top) {
+void Image::paste(const Image& other, int left, int top) {
     for (int i = 0; i < 3; ++i) {
         const FrameSize from = planeSize(other.size, i);
         const FrameSize position = planeSize({left, top}, i);
@@ -233,21 +233,21 @@ void Picture::paste(const Picture& other, int left, int top) {
     }
 }
 
-std::unique_ptr<PictureReader> PictureReader::open(int fd, int rotation) {
+std::unique_ptr<ImageReader> ImageReader::open(int fd, int rotation) {
     auto reader = std::make_unique<Reader>(rotation);
     if (!reader->open(fd)) return nullptr;
     return reader;
 }
 
-std::vector<uint8_t> encodeJpeg(const Picture& picture) {
+std::vector<uint8_t> encodeJpeg(const Image& image) {
     const AVCodec* const codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
     const CodecContextPtr encoder(codec == nullptr ? nullptr : avcodec_alloc_context3(codec));
     const FramePtr frame(av_frame_alloc());
     const PacketPtr packet(av_packet_alloc());
     if (encoder == nullptr || frame == nullptr || packet == nullptr) return {};
     constexpr int kQuality = 3 * FF_QP2LAMBDA;
-    encoder->width = frame->width = picture.size.width;
-    encoder->height = frame->height = picture.size.height;
+    encoder->width = frame->width = image.size.width;
+    encoder->height = frame->height = image.size.height;
     encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
     encoder->color_range = AVCOL_RANGE_JPEG;
     encoder->time_base = {1, 1};
@@ -259,9 +259,9 @@ std::vector<uint8_t> encodeJpeg(const Picture& picture) {
     frame->quality = kQuality;
     if (av_frame_get_buffer(frame.get(), 0) < 0) return {};
     for (int i = 0; i < 3; ++i) {
-        const FrameSize plane = planeSize(picture.size, i);
+        const FrameSize plane = planeSize(image.size, i);
         for (int y = 0; y < plane.height; ++y) {
-            const auto line = picture.planes[i].begin() +
+            const auto line = image.planes[i].begin() +
                               static_cast<ptrdiff_t>(y) * static_cast<ptrdiff_t>(plane.width);
             std::copy(line, line + plane.width,
                       frame->data[i] + static_cast<ptrdiff_t>(y) * frame->linesize[i]);

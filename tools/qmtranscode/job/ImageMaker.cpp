@@ -1,5 +1,5 @@
-#include <host/writer/Pictures.h>
-#include <qmtranscode/job/PictureMaker.h>
+#include <host/writer/Images.h>
+#include <qmtranscode/job/ImageMaker.h>
 
 #include <algorithm>
 #include <cmath>
@@ -25,7 +25,7 @@ std::vector<Pair> pairsOf(const std::vector<FrameSpan>& spans) {
 }
 
 // Null when a frame cannot be decoded.
-std::optional<Picture> drawSheet(PictureReader* reader, const std::vector<Pair>& pairs) {
+std::optional<Image> drawSheet(ImageReader* reader, const std::vector<Pair>& pairs) {
     constexpr int kGap = 8;
     // Between the pairs of a line.
     constexpr int kWideGap = 32;
@@ -35,43 +35,43 @@ std::optional<Picture> drawSheet(PictureReader* reader, const std::vector<Pair>&
     const auto perLine =
         static_cast<int>(std::ceil(std::sqrt(static_cast<double>(pairs.size()) / 2)));
     const int side = std::clamp(2 * kLargestSide / perLine, kSmallestSide, kLargestSide);
-    std::vector<Picture> pictures;
+    std::vector<Image> images;
     FrameSize cell{2, 2};
     for (const auto& [before, after] : pairs) {
         for (const size_t frame : {before, after}) {
-            auto picture = reader->read(frame, {side, side});
-            if (!picture) return std::nullopt;
-            cell.width = std::max(cell.width, picture->size.width);
-            cell.height = std::max(cell.height, picture->size.height);
-            pictures.push_back(std::move(*picture));
+            auto image = reader->read(frame, {side, side});
+            if (!image) return std::nullopt;
+            cell.width = std::max(cell.width, image->size.width);
+            cell.height = std::max(cell.height, image->size.height);
+            images.push_back(std::move(*image));
         }
     }
     const auto lines = static_cast<int>((pairs.size() + static_cast<size_t>(perLine) - 1) /
                                         static_cast<size_t>(perLine));
     const int pairWidth = 2 * cell.width + kGap + kWideGap;
-    Picture sheet({2 * kGap + perLine * pairWidth - kWideGap, kGap + lines * (cell.height + kGap)});
-    for (size_t i = 0; i < pictures.size(); ++i) {
+    Image sheet({2 * kGap + perLine * pairWidth - kWideGap, kGap + lines * (cell.height + kGap)});
+    for (size_t i = 0; i < images.size(); ++i) {
         const auto pair = static_cast<int>(i / 2);
         const int left = kGap + pair % perLine * pairWidth + (i % 2 == 0 ? 0 : cell.width + kGap);
-        sheet.paste(pictures[i], left, kGap + pair / perLine * (cell.height + kGap));
+        sheet.paste(images[i], left, kGap + pair / perLine * (cell.height + kGap));
     }
     return sheet;
 }
 
 }  // namespace
 
-std::optional<std::vector<std::vector<uint8_t>>> drawPictures(int fd, int rotation,
-                                                              const std::vector<FrameSpan>& spans,
-                                                              bool posters, bool sheet) {
+std::optional<std::vector<std::vector<uint8_t>>> drawImages(int fd, int rotation,
+                                                            const std::vector<FrameSpan>& spans,
+                                                            bool posters, bool sheet) {
     std::vector<std::vector<uint8_t>> files;
-    const auto add = [&files](const std::optional<Picture>& picture) {
-        if (picture) files.push_back(encodeJpeg(*picture));
-        return picture && !files.back().empty();
+    const auto add = [&files](const std::optional<Image>& image) {
+        if (image) files.push_back(encodeJpeg(*image));
+        return image && !files.back().empty();
     };
     const std::vector<Pair> pairs = pairsOf(spans);
-    // An output without video has no pictures.
+    // An output without video has no images.
     if (pairs.empty() && spans.size() <= 1) return files;
-    const std::unique_ptr<PictureReader> reader = PictureReader::open(fd, rotation);
+    const std::unique_ptr<ImageReader> reader = ImageReader::open(fd, rotation);
     if (reader == nullptr) return std::nullopt;
     constexpr FrameSize kWhole{1 << 16, 1 << 16};
     for (const FrameSpan& span : posters ? spans : std::vector<FrameSpan>()) {
