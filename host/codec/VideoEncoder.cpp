@@ -425,7 +425,7 @@ bool VideoEncoder::addToCheck(const AVFrame& frame, sp<RefBase> owner, int64_t t
     memory->owner = std::move(owner);
     own->buf[0] = av_buffer_create(data, bytes, releaseMemory, memory.get(), 0);
     if (own->buf[0] == nullptr) return false;
-    memory.release();
+    static_cast<void>(memory.release());
     mCheck->addInput(std::move(own), timeUs);
     return true;
 }

@@ -41,9 +41,9 @@ std::vector<double> ReducedFrame::differencesFrom(const ReducedFrame& other) con
     for (int i = 0; i < 3; ++i) {
         std::vector<int> sums(tiles.size());
         for (int y = 0; y < mHeight; ++y) {
-            const uint8_t* const row = &mPlanes[i][static_cast<size_t>(y * mWidth)];
-            const uint8_t* const others = &other.mPlanes[i][static_cast<size_t>(y * mWidth)];
-            int* const sum = &sums[static_cast<size_t>(y / kTileAreas * columns)];
+            const uint8_t* const row = &mPlanes[i][static_cast<size_t>(y) * static_cast<size_t>(mWidth)];
+            const uint8_t* const others = &other.mPlanes[i][static_cast<size_t>(y) * static_cast<size_t>(mWidth)];
+            int* const sum = &sums[static_cast<size_t>(y / kTileAreas) * static_cast<size_t>(columns)];
             for (int x = 0; x < mWidth; ++x) {
                 const int difference = row[x] - others[x];
                 sum[x / kTileAreas] += difference * difference;

@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,7 +34,7 @@ public:
 private:
     int mWidth;
     int mHeight;
-    std::vector<uint8_t> mPlanes[3];
+    std::array<std::vector<uint8_t>, 3> mPlanes;
 };
 
 class FrameComparison {

@@ -28,7 +28,8 @@ FrameSize planeSize(const FrameSize& size, int plane) {
 FramePlanes planesOf(Image* image) {
     FramePlanes planes;
     for (int i = 0; i < 3; ++i) {
-        planes.plane[i] = {image->planes[i].data(), planeSize(image->size, i).width};
+        planes.plane[i] = {image->planes[static_cast<size_t>(i)].data(),
+                           planeSize(image->size, i).width};
     }
     return planes;
 }
@@ -94,10 +95,12 @@ Image turned(const Image& image, int rotation) {
                     column = y;
                     row = from.width - 1 - x;
                 }
-                result.planes[i][static_cast<size_t>(row) * static_cast<size_t>(to.width) +
-                                 static_cast<size_t>(column)] =
-                    image.planes[i][static_cast<size_t>(y) * static_cast<size_t>(from.width) +
-                                    static_cast<size_t>(x)];
+                result.planes[static_cast<size_t>(i)]
+                             [static_cast<size_t>(row) * static_cast<size_t>(to.width) +
+                              static_cast<size_t>(column)] =
+                    image.planes[static_cast<size_t>(i)]
+                                [static_cast<size_t>(y) * static_cast<size_t>(from.width) +
+                                 static_cast<size_t>(x)];
             }
         }
     }
@@ -212,8 +215,8 @@ std::optional<Image> Reader::convert(FrameSize box) const {
 Image::Image(FrameSize area) : size(area) {
     for (int i = 0; i < 3; ++i) {
         const FrameSize plane = planeSize(size, i);
-        planes[i].assign(static_cast<size_t>(plane.width) * static_cast<size_t>(plane.height),
-                         kBlack[i]);
+        planes[static_cast<size_t>(i)].assign(
+            static_cast<size_t>(plane.width) * static_cast<size_t>(plane.height), kBlack[i]);
     }
 }
 
@@ -223,10 +226,10 @@ void Image::paste(const Image& other, int left, int top) {
         const FrameSize position = planeSize({left, top}, i);
         const auto width = static_cast<size_t>(planeSize(size, i).width);
         for (int y = 0; y < from.height; ++y) {
-            const auto line = other.planes[i].begin() +
+            const auto line = other.planes[static_cast<size_t>(i)].begin() +
                               static_cast<ptrdiff_t>(y) * static_cast<ptrdiff_t>(from.width);
             std::copy(line, line + from.width,
-                      planes[i].begin() +
+                      planes[static_cast<size_t>(i)].begin() +
                           static_cast<ptrdiff_t>(static_cast<size_t>(position.height + y) * width +
                                                  static_cast<size_t>(position.width)));
         }
@@ -261,7 +264,7 @@ std::vector<uint8_t> encodeJpeg(const Image& image) {
     for (int i = 0; i < 3; ++i) {
         const FrameSize plane = planeSize(image.size, i);
         for (int y = 0; y < plane.height; ++y) {
-            const auto line = image.planes[i].begin() +
+            const auto line = image.planes[static_cast<size_t>(i)].begin() +
                               static_cast<ptrdiff_t>(y) * static_cast<ptrdiff_t>(plane.width);
             std::copy(line, line + plane.width,
                       frame->data[i] + static_cast<ptrdiff_t>(y) * frame->linesize[i]);

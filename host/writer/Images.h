@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -16,7 +17,7 @@ namespace qmmediaeditor {
 // Planar 4:2:0 as JFIF has it: full range, by the matrix of BT.601. Even sizes, no padding.
 struct Image {
     FrameSize size;
-    std::vector<uint8_t> planes[3];
+    std::array<std::vector<uint8_t>, 3> planes;
 
     explicit Image(FrameSize area);
     // Copies all of `other` to an even position; it must fit.
