@@ -25,7 +25,7 @@ constexpr int kTileAreas = 8;
 
 ReducedFrame::ReducedFrame(const AVFrame& frame)
     : mWidth(std::max(frame.width / kAreaSide, 1)), mHeight(std::max(frame.height / kAreaSide, 1)) {
-    for (int i = 0; i < 3; ++i) {
+    for (size_t i = 0; i < 3; ++i) {
         mPlanes[i].resize(static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight));
         const int shift = i == 0 ? 0 : 1;
         libyuv::ScalePlane(frame.data[i], frame.linesize[i], frame.width >> shift,
@@ -38,12 +38,15 @@ std::vector<double> ReducedFrame::differencesFrom(const ReducedFrame& other) con
     const int columns = (mWidth + kTileAreas - 1) / kTileAreas;
     const int rows = (mHeight + kTileAreas - 1) / kTileAreas;
     std::vector<double> tiles(static_cast<size_t>(columns) * static_cast<size_t>(rows));
-    for (int i = 0; i < 3; ++i) {
+    for (size_t i = 0; i < 3; ++i) {
         std::vector<int> sums(tiles.size());
         for (int y = 0; y < mHeight; ++y) {
-            const uint8_t* const row = &mPlanes[i][static_cast<size_t>(y) * static_cast<size_t>(mWidth)];
-            const uint8_t* const others = &other.mPlanes[i][static_cast<size_t>(y) * static_cast<size_t>(mWidth)];
-            int* const sum = &sums[static_cast<size_t>(y / kTileAreas) * static_cast<size_t>(columns)];
+            const uint8_t* const row =
+                &mPlanes[i][static_cast<size_t>(y) * static_cast<size_t>(mWidth)];
+            const uint8_t* const others =
+                &other.mPlanes[i][static_cast<size_t>(y) * static_cast<size_t>(mWidth)];
+            int* const sum =
+                &sums[static_cast<size_t>(y / kTileAreas) * static_cast<size_t>(columns)];
             for (int x = 0; x < mWidth; ++x) {
                 const int difference = row[x] - others[x];
                 sum[x / kTileAreas] += difference * difference;

@@ -177,6 +177,7 @@ std::optional<std::vector<TrackSamples>> readSamples(int fd, const std::vector<s
     if (extractor == nullptr) return std::nullopt;
     std::vector<TrackSamples> samples(tracks.size());
     std::vector<PacketForm> forms;
+    forms.reserve(tracks.size());
     for (const size_t track : tracks) forms.push_back(packetForm(extractor, track));
     sp<ABuffer> buffer = new ABuffer(kInitialBufferBytes);
     size_t index = 0;
