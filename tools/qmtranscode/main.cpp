@@ -75,10 +75,12 @@ int failedWithoutMemory(bool printsObject) {
         "    \"retryable\": true\n  },\n  \"warnings\": [],\n  \"version\": \"" QMTRANSCODE_VERSION
         "\",\n  \"request\": null\n}\n";
     constexpr std::string_view kLine = "qmtranscode: not enough memory\n";
-    ssize_t written = 0;
-    if (printsObject) written = write(STDOUT_FILENO, kObject.data(), kObject.size());
-    written = write(STDERR_FILENO, kLine.data(), kLine.size());
-    static_cast<void>(written);
+    const auto print = [](int fd, std::string_view text) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        static_cast<void>(written);
+    };
+    if (printsObject) print(STDOUT_FILENO, kObject);
+    print(STDERR_FILENO, kLine);
     return cli::kExitFailed;
 }
 
