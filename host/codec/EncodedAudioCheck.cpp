@@ -86,7 +86,7 @@ void EncodedAudioCheck::Signal::extendTo(int64_t position) {
 void EncodedAudioCheck::Signal::dropBefore(int64_t position) {
     const int64_t count =
         std::clamp<int64_t>(position - mBegin, 0, static_cast<int64_t>(mSamples.size()));
-    mSamples.erase(mSamples.begin(), mSamples.begin() + count);
+    mSamples.erase(mSamples.begin(), mSamples.begin() + static_cast<ptrdiff_t>(count));
     mBegin += count;
 }
 

@@ -40,7 +40,7 @@ std::optional<std::string> readImage(int memory, off_t* offset) {
         errno = EMSGSIZE;
         return std::nullopt;
     }
-    std::string jpeg(size, '\0');
+    std::string jpeg(static_cast<size_t>(size), '\0');
     *offset += static_cast<off_t>(kSizeBytes);
     const ssize_t read = pread(memory, jpeg.data(), jpeg.size(), *offset);
     if (read != static_cast<ssize_t>(size)) {
