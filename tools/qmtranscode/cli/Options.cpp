@@ -502,8 +502,10 @@ std::optional<Failure> CommandLine::checkConflicts() const {
         {"--trim", {"--cut", "--list"}},
         {"--split",
          {"OUTPUT", "--plan", "--trace", "--contact-sheet", "--jobs", "--section", "--join"}},
-        {"--poster", {"--plan", "--no-video", "--jobs", "--section", "--if-needed"}},
-        {"--contact-sheet", {"--plan", "--no-video", "--jobs", "--section", "--if-needed"}},
+        {"--poster",
+         {"--if-missing", "--plan", "--no-video", "--jobs", "--section", "--if-needed"}},
+        {"--contact-sheet",
+         {"--if-missing", "--plan", "--no-video", "--jobs", "--section", "--if-needed"}},
         {"--cut", {"--list"}},
         {"--fit", {"--size"}},
         {"--no-video",
@@ -606,6 +608,13 @@ std::optional<Failure> CommandLine::checkFormat() const {
 }
 
 }  // namespace
+
+std::vector<std::string> Options::fileNames() const {
+    std::vector<std::string> names = {input, output};
+    if (trace) names.push_back(*trace);
+    if (list && !keepChapters) names.push_back(*list);
+    return names;
+}
 
 bool Options::specifiesOutputFormat() const {
     return size || fit || frameRate || videoBitrate || videoCodec || audioBitrate || audioRate ||

@@ -115,6 +115,8 @@ struct Options {
     std::optional<std::string> logFilter;
     std::string logFormat = "brief";
 
+    // All files that the run reads or writes, except for images.
+    std::vector<std::string> fileNames() const;
     // Whether any property of the output's tracks or its container was asked for.
     bool specifiesOutputFormat() const;
     MetadataPolicy metadataPolicy() const;

@@ -102,7 +102,8 @@ CLI::Validator level(const char* unit, double min, double max) {
     return check([unit, min, max](std::string& text) {
         const std::optional<double> value = parseLevel(text, unit);
         if (!value || *value < min || *value > max) {
-            return refusal(text, fmt::format("expected {} to {} {}", min, max, unit));
+            return refusal(text, fmt::format("expected {} to {}{}{}", min, max,
+                                             *unit == '\0' ? "" : " ", unit));
         }
         text = fmt::format("{}", *value);
         return std::string();

@@ -157,9 +157,10 @@ int64_t audioLengthUs(const TrackSamples& samples, const KeptPeriods& kept) {
     return lengthUs;
 }
 
-Differences compareLengths(const Options& options, const JobInput& input, const KeptPeriods& kept,
-                           const OutputContents& output) {
+OutputComparison compareLengths(const Options& options, const JobInput& input,
+                                const KeptPeriods& kept, const OutputContents& output) {
     Comparer comparer("it");
+    Comparer other("it");
     const MediaFile& media = input.media();
     std::vector<size_t> tracks;
     if (media.video) tracks.push_back(media.video->index);
@@ -167,10 +168,14 @@ Differences compareLengths(const Options& options, const JobInput& input, const 
     const auto samples = readSamples(input.fd(), tracks);
     if (!samples) {
         comparer.add("the input cannot be read to its end");
-        return comparer.take();
+        return {{}, comparer.take()};
     }
+    const Span wanted = media.video ? spanOf(samples->front(), kept) : Span{0, -1};
+    if (media.video && !output.video && wanted.firstUs <= wanted.lastUs)
+        other.add("it has no video");
+    const int64_t wantedAudioUs = media.audio ? audioLengthUs(samples->back(), kept) : 0;
+    if (media.audio && !output.audio && wantedAudioUs > 0) other.add("it has no audio");
     if (media.video && output.video) {
-        const Span wanted = spanOf(samples->front(), kept);
         const Span found = spanOf(*output.video, {});
         // Of timestamps, and of the last frame that a lower frame rate may leave out.
         int64_t toleranceUs = 2000;
@@ -178,18 +183,22 @@ Differences compareLengths(const Options& options, const JobInput& input, const 
         const int64_t lackingUs = wanted.lastUs - wanted.firstUs - (found.lastUs - found.firstUs);
         if (wanted.firstUs <= wanted.lastUs && lackingUs >= toleranceUs) {
             comparer.add("the video ends {:.3f} s early", secondsOf(lackingUs));
+        } else if (lackingUs <= -toleranceUs) {
+            other.add("the video ends {:.3f} s late", secondsOf(-lackingUs));
         }
     }
     if (media.audio && output.audio) {
-        const int64_t wantedUs = audioLengthUs(samples->back(), kept);
+        const int64_t wantedUs = wantedAudioUs;
         const int64_t foundUs = output.audio->endUs - std::max<int64_t>(output.audio->firstUs, 0);
         // What encoders and resamplers may lack at the end.
         constexpr int64_t kToleranceUs = 50000;
         if (wantedUs - foundUs > kToleranceUs) {
             comparer.add("the audio ends {:.3f} s early", secondsOf(wantedUs - foundUs));
+        } else if (foundUs - wantedUs > 4 * kToleranceUs) {
+            other.add("the audio ends {:.3f} s late", secondsOf(foundUs - wantedUs));
         }
     }
-    return comparer.take();
+    return {other.take(), comparer.take()};
 }
 
 }  // namespace
@@ -214,7 +223,12 @@ OutputComparison compareOutput(const Options& options, const JobInput& input,
     for (const auto& [name, isWanted, isFound] :
          {std::tuple("video", media.video.has_value(), output.video.has_value()),
           std::tuple("audio", media.audio.has_value(), output.audio.has_value())}) {
-        if (isWanted != isFound) comparer.add("it has {} {}", isFound ? "a track of" : "no", name);
+        if (isFound && !isWanted) comparer.add("it has a track of {}", name);
+    }
+    const size_t used = (output.video ? 1 : 0) + (output.audio ? 1 : 0);
+    if (output.tracks.size() > used) comparer.add("it has more tracks");
+    if (output.video && !output.video->hasOutputFrames) {
+        comparer.add("its frames are not 8 bit, 4:2:0 and of standard range");
     }
     // The platform leaves out the same tracks of both files.
     if (std::any_of(output.tracks.begin(), output.tracks.end(),
@@ -228,8 +242,7 @@ OutputComparison compareOutput(const Options& options, const JobInput& input,
     if (auto fault = metadataFault(media, options.metadataPolicy(), output))
         comparer.add("{}", *fault);
     OutputComparison result{comparer.take(), {}};
-    if (result.others.empty()) result.missing = compareLengths(options, input, kept, *contents);
-    return result;
+    return result.others.empty() ? compareLengths(options, input, kept, *contents) : result;
 }
 
 int copyFile(int from, int to) {

@@ -11,17 +11,23 @@ namespace {
 // Bytes of the size in front of each image.
 constexpr size_t kSizeBytes = sizeof(uint64_t);
 
-std::optional<Failure> checkPlace(const std::string& path, bool overwrite) {
-    PendingFile file;
-    if (auto failure = file.locate(path)) return failure;
-    return file.checkPlace(overwrite);
+// Finds the place of an image, which must be neither a file of the command nor unwritable.
+std::optional<Failure> findPlace(const std::string& path, bool overwrite,
+                                 const std::vector<std::string>& others, PendingFile* file) {
+    if (auto failure = file->locate(path)) return failure;
+    for (const std::string& name : others) {
+        PendingFile other;
+        if (other.locate(name) || !file->isSameAs(other)) continue;
+        return Failure{kExitUsage, path, "this is another file of the command: " + name,
+                       "same-file"};
+    }
+    return file->checkPlace(overwrite);
 }
 
 std::optional<Failure> writeImage(const std::string& path, bool overwrite,
-                                  const std::string& jpeg) {
+                                  const std::vector<std::string>& others, const std::string& jpeg) {
     PendingFile file;
-    if (auto failure = file.locate(path)) return failure;
-    if (auto failure = file.checkPlace(overwrite)) return failure;
+    if (auto failure = findPlace(path, overwrite, others, &file)) return failure;
     if (auto failure = file.create(overwrite)) return failure;
     if (writeAll(file.fd(), jpeg) != 0) return systemFailure(kExitFailed, path, errno);
     return file.commit();
@@ -57,12 +63,22 @@ std::string posterName(const Options& options, size_t period) {
     return numberedName(*options.poster, static_cast<int>(options.part.value_or(period)) + 1);
 }
 
-std::optional<Failure> checkImages(const Options& options) {
-    if (options.poster) {
-        if (auto failure = checkPlace(posterName(options, 0), options.overwrite)) return failure;
+std::optional<Failure> checkImages(const Options& options, size_t posters,
+                                   const std::vector<std::string>& others) {
+    std::vector<std::string> taken = others;
+    if (options.contactSheet) {
+        PendingFile sheet;
+        if (auto failure = findPlace(*options.contactSheet, options.overwrite, taken, &sheet)) {
+            return failure;
+        }
+        taken.push_back(*options.contactSheet);
     }
-    if (!options.contactSheet) return std::nullopt;
-    return checkPlace(*options.contactSheet, options.overwrite);
+    for (size_t i = 0; options.poster && i < posters; ++i) {
+        PendingFile poster;
+        const std::string name = posterName(options, i);
+        if (auto failure = findPlace(name, options.overwrite, taken, &poster)) return failure;
+    }
+    return std::nullopt;
 }
 
 int addImage(int memory, const std::vector<uint8_t>& jpeg) {
@@ -72,7 +88,8 @@ int addImage(int memory, const std::vector<uint8_t>& jpeg) {
     return writeAll(memory, bytes);
 }
 
-std::optional<Failure> publishImages(const Options& options, int memory) {
+std::optional<Failure> publishImages(const Options& options, int memory,
+                                     const std::vector<std::string>& others) {
     std::vector<std::string> images;
     off_t offset = 0;
     while (auto jpeg = readImage(memory, &offset)) images.push_back(std::move(*jpeg));
@@ -81,12 +98,13 @@ std::optional<Failure> publishImages(const Options& options, int memory) {
     for (size_t i = 0; i + sheets < images.size(); ++i) {
         // A period without a frame.
         if (images[i].empty()) continue;
-        if (auto failure = writeImage(posterName(options, i), options.overwrite, images[i])) {
+        if (auto failure =
+                writeImage(posterName(options, i), options.overwrite, others, images[i])) {
             return failure;
         }
     }
     if (sheets == 0) return std::nullopt;
-    return writeImage(*options.contactSheet, options.overwrite, images.back());
+    return writeImage(*options.contactSheet, options.overwrite, others, images.back());
 }
 
 }  // namespace android::qmmediaeditor::cli

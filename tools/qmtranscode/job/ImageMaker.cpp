@@ -70,7 +70,7 @@ std::optional<std::vector<std::vector<uint8_t>>> drawImages(int fd, int rotation
     };
     const std::vector<Pair> pairs = pairsOf(spans);
     // An output without video has no images.
-    if (pairs.empty() && spans.size() <= 1) return files;
+    if (pairs.empty()) return files;
     const std::unique_ptr<ImageReader> reader = ImageReader::open(fd, rotation);
     if (reader == nullptr) return std::nullopt;
     constexpr FrameSize kWhole{1 << 16, 1 << 16};

@@ -4,6 +4,7 @@
 #include <qmtranscode/cli/NumberedName.h>
 #include <qmtranscode/job/ImageFiles.h>
 #include <qmtranscode/job/JobFiles.h>
+#include <qmtranscode/report/PartObjects.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -73,6 +74,12 @@ std::optional<Failure> JobFiles::open(const Options& options) {
     if (input.isSameFile(output.older())) {
         return Failure{kExitUsage, options.output, "this is the input file", "same-file"};
     }
+    if (options.list && !options.keepChapters) {
+        PendingFile list;
+        if (!list.locate(*options.list) && list.isSameAs(output)) {
+            return Failure{kExitUsage, options.output, "this is the list of periods", "same-file"};
+        }
+    }
     const bool overwrite = options.overwrite || options.ifMissing;
     if (auto failure = output.checkPlace(overwrite)) return failure;
     if (options.plan) return std::nullopt;
@@ -81,7 +88,9 @@ std::optional<Failure> JobFiles::open(const Options& options) {
         if (existing < 0) return systemFailure(exitStatusOf(errno), options.output, errno);
     }
     if (options.poster || options.contactSheet) {
-        if (auto failure = checkImages(options)) return failure;
+        if (auto failure =
+                checkImages(options, std::max<size_t>(knownParts(options), 1), options.fileNames()))
+            return failure;
         images = memfd_create("qmtranscode-images", MFD_CLOEXEC);
         if (images < 0) return systemFailure(kExitFailed, "memory for the images", errno);
     }

@@ -413,11 +413,12 @@ int Supervisor::publish() {
         }
     }
     if (mJob.images >= 0 && isKept && isWell) {
-        if (auto reason = publishImages(*mJob.options, mJob.images)) {
+        if (auto reason = publishImages(*mJob.options, mJob.images, mJob.options->fileNames())) {
             if (failure) {
                 warn(std::string(kLineBegin) + reason->text());
             } else {
                 reason->subject = complete + reason->subject;
+                reason->status = kExitFailed;
                 failure = reason;
                 stage = kPublishing;
             }
