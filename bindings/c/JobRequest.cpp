@@ -105,7 +105,7 @@ void refuseUnsupported(const Json& request, bool isolates) {
             throw Refusal{refused(key, "not available here; leave it out")};
         }
     }
-    // What takes several processes, or the log of the process.
+    // These take several processes, or the log of the process.
     for (const char* const key :
          {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
         if (!isolates && request.contains(key) && request[key] != false &&

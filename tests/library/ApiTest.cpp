@@ -63,7 +63,7 @@ protected:
         EXPECT_EQ(QMT_OK, qmt_job_receipt(handle, &receipt));
         return receipt == nullptr ? "" : receipt;
     }
-    // What a request is refused with.
+    // The reason for which a request is refused.
     static std::string refusal(const std::string& text) {
         qmt_job handle = 1;
         EXPECT_EQ(QMT_USAGE, qmt_job_new(text.c_str(), &handle)) << text;

@@ -1,4 +1,4 @@
-// What happens when a host makes a mistake with the component: an error, or an abort with one line.
+// Mistakes of a host with the component: each ends with an error, or with an abort with one line.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <host/Host.h>

@@ -190,7 +190,7 @@ OutputComparison compareLengths(const Options& options, const JobInput& input,
     if (media.audio && output.audio) {
         const int64_t wantedUs = wantedAudioUs;
         const int64_t foundUs = output.audio->endUs - std::max<int64_t>(output.audio->firstUs, 0);
-        // What encoders and resamplers may lack at the end.
+        // Encoders and resamplers may lack this much at the end.
         constexpr int64_t kToleranceUs = 50000;
         if (wantedUs - foundUs > kToleranceUs) {
             comparer.add("the audio ends {:.3f} s early", secondsOf(wantedUs - foundUs));

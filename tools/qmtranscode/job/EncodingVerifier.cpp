@@ -73,7 +73,7 @@ std::optional<std::string> checkAudio(const AudioCheck& audio, int64_t offsetUs)
                        levelDb < 0 ? "quiet" : "loud");
 }
 
-// What was measured from `startUs` to `endUs`.
+// The measurements from `startUs` to `endUs`.
 PeriodVerification measure(const EncodingChecks& checks, int64_t offsetUs, int64_t startUs,
                            int64_t endUs) {
     PeriodVerification result;

@@ -25,7 +25,7 @@
 
 namespace android::qmmediaeditor::cli {
 
-// What the options give, without what follows from the input.
+// The values of the options, without those that follow from the input.
 HostOptions hostOptions(const Options& options, int threads);
 
 // How a job ends. The receipt or the plan is written by then.
@@ -115,7 +115,7 @@ private:
     std::optional<Failure> writeReceipt(const Receipt& receipt) const;
     std::optional<Failure> writeReceipt(const std::string& text) const;
 
-    // What the options leave open, such as the rates for --max-bytes, is added.
+    // Values that the options leave open, such as the rates for --max-bytes, are added.
     Options mOptions;
     HostOptions mHost;
     std::shared_ptr<Platform> mPlatform;

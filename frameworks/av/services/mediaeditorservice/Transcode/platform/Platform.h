@@ -67,7 +67,7 @@ public:
     // Makes `platform` that of the sessions which are created without one, in the whole process.
     // Sessions that exist keep theirs. Null removes it.
     static void install(std::shared_ptr<Platform> platform);
-    // What a session that is created now works on: `platform`, or the installed one where that is
+    // The platform of a session that is created now: `platform`, or the installed one where that is
     // null. Null if there is neither.
     static std::shared_ptr<Platform> forNewSession(std::shared_ptr<Platform> platform);
     // The platform of the session that the calling thread runs, else the installed one. Aborts the
@@ -87,7 +87,7 @@ public:
         const std::shared_ptr<Platform> mBefore;
     };
 
-    // What makes the parts of one session, where they share state. Null: the object itself.
+    // Makes the parts of one session, where they share state. Null: the object itself.
     virtual std::shared_ptr<Platform> createSession() { return nullptr; }
 
     virtual sp<MediaCodec> createCodec(const sp<ALooper>& looper, const AString& mime, bool encoder,
