@@ -41,7 +41,7 @@ int failed(const cli::Failure& failure) {
     return failure.status;
 }
 
-// What a run leaves for --split.
+// The report of one run of --split.
 struct PartReport {
     std::string object;  // with --json
     std::optional<size_t> parts;

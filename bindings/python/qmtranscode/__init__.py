@@ -10,7 +10,7 @@ when the job has ended. Other threads of the interpreter go on. `transcode_async
 `Job` is for those who want to cancel a job themselves. Nothing but the standard library and libqmtranscode.so.0 is
 needed.
 
-What `qmtranscode.h` says of threads and of the process applies here as well. `isolate=True` runs a job in a program of
+The rules of `qmtranscode.h` for threads and for the process apply here as well. `isolate=True` runs a job in a program of
 its own, so that a crash there is a `JobFailed`.
 """
 

@@ -67,7 +67,7 @@ struct JobFiles {
     // command. Creates nothing for a plan.
     std::optional<Failure> open(const Options& options);
 
-    // What a worker with these options writes.
+    // The file that a worker with these options writes.
     const PendingFile& outputOf(const Options& options) const;
 
     // The parts to be joined: the name for messages, and the descriptor.

@@ -29,7 +29,7 @@ struct SectionPlan {
 Result<SectionPlan> planSection(const Options& options, const KeptPeriods& kept,
                                 const MediaFile& input);
 
-// What a part's file says of itself, in a box behind everything else.
+// The description of a part, in the last box of its file.
 struct PartDescription {
     Section section;
     std::string request;  // equal for all parts of one output

@@ -27,7 +27,7 @@ public:
     bool correct(int64_t bytes, int64_t lengthUs);
 
 private:
-    // What the tables of the file and the audio take.
+    // Of the tables of the file, and of the audio.
     double otherBytes() const;
     // The video bit rate for which the runs so far predict this size.
     double predictBitrate(double videoBytes) const;

@@ -1,4 +1,4 @@
-// What a run has done, in numbers, from the facts that the host reports.
+// The numbers of a run, from the facts that the host reports.
 #pragma once
 
 #include <TranscodeTypes.h>
@@ -85,7 +85,7 @@ struct ReadError {
     int64_t offsetBytes = 0;
 };
 
-// What HostOptions::checksEncoding has found; in the order of the output.
+// The findings of HostOptions::checksEncoding; in the order of the output.
 struct EncodingChecks {
     struct Packet {
         int64_t timeUs = 0;

@@ -11,7 +11,7 @@
 
 namespace android::qmmediaeditor::cli {
 
-// What is known without a dry run; `format` is that of describeOutput().
+// The codecs and settings that are known without a dry run; `format` is that of describeOutput().
 DryRun plannedRun(const sp<AMessage>& format);
 
 // A JSON object. `run` used these options and periods.

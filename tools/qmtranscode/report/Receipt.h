@@ -46,7 +46,7 @@ struct Receipt {
     double wallSeconds = 0;
 };
 
-// What follows the head of the run's JSON object: an object of several lines.
+// An object of several lines; its members follow the head of the run's JSON object.
 std::string toJson(const Receipt& receipt);
 
 // The same for people, in aligned lines.

@@ -39,7 +39,7 @@ struct RunEnd {
     // file, "nothing written" after a stop, "failed" or "planned".
     std::string_view status;
     int exitStatus = kExitComplete;
-    // What the command was doing: "options", "opening", "transcoding", "verifying" or "publishing".
+    // The step that failed: "options", "opening", "transcoding", "verifying" or "publishing".
     std::string_view stage;
     // As Failure has them; no code for a run without an error.
     std::string_view code;
