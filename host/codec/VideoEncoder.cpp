@@ -319,17 +319,24 @@ int64_t VideoEncoder::timeOf(int64_t pts) {
     return timeUs;
 }
 
-// The encoder's own interval counts frames, which is no measure of time at a variable rate.
+// The encoder's own interval counts frames, and from its last key frame, which may be one of its
+// own where the scene changes. It is no measure of time where frames are missing, and at a variable
+// rate.
 bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
     // Timestamps are rounded to microseconds.
     constexpr int64_t kRoundingUs = 2;
     const bool isAsked = mAskedKeyFrameUs && timeUs >= *mAskedKeyFrameUs;
     if (isAsked) mAskedKeyFrameUs.reset();
     if (mKeyFrameIntervalUs == 0) return isAsked;
-    if (!isAsked && mKeyFrameUs && timeUs + kRoundingUs < *mKeyFrameUs + mKeyFrameIntervalUs)
+    if (!isAsked && mIntervalStartUs &&
+        timeUs + kRoundingUs < *mIntervalStartUs + mKeyFrameIntervalUs) {
+        ++mIntervalFrames;
         return false;
-    mKeyFrameUs = timeUs;
-    return true;
+    }
+    const bool isDue = isAsked || mIntervalFrames < mEncoder.context()->gop_size;
+    mIntervalStartUs = timeUs;
+    mIntervalFrames = 1;
+    return isDue;
 }
 
 // A whole frame without padding, at the start of an input buffer.

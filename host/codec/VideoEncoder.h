@@ -75,7 +75,9 @@ private:
     std::deque<Timestamp> mPending;
     Timestamp mLast;
     int64_t mKeyFrameIntervalUs = 0;  // 0 for no interval
-    std::optional<int64_t> mKeyFrameUs;
+    // A key frame is asked for at the end of an interval that lacks frames.
+    std::optional<int64_t> mIntervalStartUs;
+    int mIntervalFrames = 0;
     // Null unless the options ask for it.
     std::unique_ptr<EncodedVideoCheck> mCheck;
     // HostOptions::keyFrameUs, until that frame has come.

@@ -3,6 +3,7 @@
 #include <media/stagefright/MediaErrors.h>
 #include <media/stagefright/foundation/MediaDefs.h>
 
+#include <random>
 #include <vector>
 
 #include "CodecSupport.h"
@@ -34,7 +35,9 @@ protected:
         const sp<AMessage> format = encoderFormat(mime, width, 48);
         format->setInt32("bitrate", 500000);
         format->setInt32("i-frame-interval", 2);
-        mEncoder = std::make_unique<VideoEncoder>(fastOptions(), mSession);
+        HostOptions options = fastOptions();
+        options.avcPreset = mPreset;
+        mEncoder = std::make_unique<VideoEncoder>(options, mSession);
         return mEncoder->configure(format, &mBuffers);
     }
 
@@ -51,7 +54,7 @@ protected:
         };
         for (const int64_t timeUs : timesUs) {
             EXPECT_EQ(Step::kNeedsInput, drain(mEncoder.get(), take));
-            CodecInput input = inputOf(mFrame, timeUs, {});
+            CodecInput input = inputOf(timeUs < mSceneChangeUs ? mFrame : mOtherScene, timeUs, {});
             input.lease =
                 std::shared_ptr<const void>(mFrame.data(), [this](auto*) { ++mReleased; });
             EXPECT_EQ(OK, mEncoder->accept(std::move(input)));
@@ -69,7 +72,10 @@ protected:
     std::shared_ptr<SessionTimeline> mSession;
     CodecBuffers mBuffers;
     size_t mReleased = 0;
+    std::string mPreset = fastOptions().avcPreset;
     const std::vector<uint8_t> mFrame = std::vector<uint8_t>(64 * 48 * 3 / 2, 90);
+    std::vector<uint8_t> mOtherScene = mFrame;
+    int64_t mSceneChangeUs = INT64_MAX;
     std::unique_ptr<VideoEncoder> mEncoder;
 };
 
@@ -100,6 +106,27 @@ TEST_F(VideoEncoderTest, keyFramesFollowTimeWhereTheFrameRateVaries) {
     encode({0, 100000, 1999000, 1999999, 2100000, 3999990, 4000000});
     // A microsecond early is rounding.
     EXPECT_EQ((Times{0, 1999999, 4000000}), mKeyFramesUs);
+}
+
+TEST_F(VideoEncoderTest, keyFramesFollowTheLastOneAtAConstantRate) {
+    mPreset = "veryfast";
+    ASSERT_EQ(OK, configure());
+    const auto timeOf = [](int frame) { return int64_t{1000000} * frame / 30; };
+    Times timesUs;
+    for (int i = 0; i < 150; ++i) timesUs.push_back(timeOf(i));
+    std::mt19937 random(1);
+    for (uint8_t& sample : mOtherScene) sample = static_cast<uint8_t>(random());
+    mSceneChangeUs = timeOf(20);
+    encode(timesUs);
+    EXPECT_EQ((Times{0, timeOf(20), timeOf(80), timeOf(140)}), mKeyFramesUs);
+
+    // Where frames are missing, a key frame comes at the first one after two seconds.
+    mKeyFramesUs.clear();
+    mSceneChangeUs = INT64_MAX;
+    ASSERT_EQ(OK, configure());
+    timesUs.erase(timesUs.begin() + 40, timesUs.begin() + 90);
+    encode(timesUs);
+    EXPECT_EQ((Times{0, timeOf(90)}), mKeyFramesUs);
 }
 
 TEST_F(VideoEncoderTest, sizesBeyondTheCodecsLimitsAreRefused) {
