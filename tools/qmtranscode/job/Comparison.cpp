@@ -4,6 +4,7 @@
 #include <qmtranscode/job/Comparison.h>
 #include <qmtranscode/job/OutputVerifier.h>
 #include <qmtranscode/report/Format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,29 +18,44 @@ namespace {
 struct Container {
     std::optional<FileFormat> format;  // nothing for another container than MP4 and 3GP
     bool isFastStart = false;
+    // The file ends within a box, or without a movie box.
+    bool isCutOff = false;
 };
 
 Container readContainer(int fd) {
     Container container;
+    struct stat file {};
+    if (fstat(fd, &file) != 0) return container;
+    bool hasMovie = false;
+    bool hasSamples = false;
     int64_t offset = 0;
     constexpr int kMaxBoxes = 64;
     for (int i = 0; i < kMaxBoxes; ++i) {
         uint8_t header[16] = {};
-        if (pread(fd, header, sizeof(header), offset) < 8) break;
+        const bool isBox = pread(fd, header, sizeof(header), offset) >= 8;
         const uint32_t type = get32(header + 4);
         if (i == 0) {
-            if (type != fourCc("ftyp")) break;
+            if (!isBox || type != fourCc("ftyp")) break;
             const uint32_t brand = get32(header + 8);
             if (brand == fourCc("qt  ")) break;
             const bool is3gp = brand >> 16 == fourCc("3g\0\0") >> 16;
             container.format = is3gp ? FileFormat::k3gp : FileFormat::kMp4;
         }
-        container.isFastStart = type == fourCc("moov");
-        if (type == fourCc("moov") || type == fourCc("mdat")) break;
+        if (!isBox) {
+            container.isCutOff = offset < file.st_size || !hasMovie;
+            break;
+        }
+        if (type == fourCc("mdat")) hasSamples = true;
+        if (type == fourCc("moov")) {
+            hasMovie = true;
+            container.isFastStart = !hasSamples;
+        }
         const uint32_t size = get32(header);
         const int64_t bytes =
             size == 1 ? static_cast<int64_t>(get32(header + 8)) << 32 | get32(header + 12) : size;
-        if (bytes < 8 || bytes > std::numeric_limits<int64_t>::max() - offset) break;
+        if (bytes < 8) break;
+        container.isCutOff = bytes > file.st_size - offset;
+        if (container.isCutOff) break;
         offset += bytes;
     }
     return container;
@@ -205,13 +221,14 @@ OutputComparison compareLengths(const Options& options, const JobInput& input,
 
 OutputComparison compareOutput(const Options& options, const JobInput& input,
                                const KeptPeriods& kept, int fd) {
+    const Container container = readContainer(fd);
+    if (container.isCutOff) return {{}, {"it is cut off"}};
     const auto contents = readOutput(fd);
-    if (!contents) return {{"it is no complete media file"}, {}};
+    if (!contents) return {{"it is no media file"}, {}};
     const auto format = describeOutput(options, input.media());
     if (const auto* failure = std::get_if<Failure>(&format)) return {{failure->reason}, {}};
     const MediaFile& media = input.media();
     Comparer comparer("it");
-    const Container container = readContainer(fd);
     const FileFormat wanted = outputFileFormat(options);
     if (container.format != wanted) {
         comparer.add("its container is {} instead of {}", nameOf(container.format), nameOf(wanted));

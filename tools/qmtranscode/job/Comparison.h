@@ -18,7 +18,7 @@ using Differences = std::vector<std::string>;
 struct OutputComparison {
     // It is another file, not an output of this request.
     Differences others;
-    // It ends early, as after a stop.
+    // It ends early, as after a stop, or is cut off.
     Differences missing;
 };
 // `fd` is the output's.
