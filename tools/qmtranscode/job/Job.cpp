@@ -181,19 +181,25 @@ PartDescription Job::describePart(bool isComplete) const {
     return part;
 }
 
-std::optional<Failure> Job::finishPart(bool isComplete) const {
+std::optional<Failure> Job::finishPart(bool isComplete, int64_t* sizeBytes) const {
     if (!mOptions.section) return std::nullopt;
-    const int error = writeDescription(mOutput.fd(), describePart(isComplete));
-    if (error == 0) return std::nullopt;
-    return systemFailure(kExitFailed, mOutput.path(), error);
+    int error = writeDescription(mOutput.fd(), describePart(isComplete));
+    struct stat file {};
+    if (error == 0 && fstat(mOutput.fd(), &file) != 0) error = errno;
+    if (error != 0) return systemFailure(kExitFailed, mOutput.path(), error);
+    *sizeBytes = file.st_size;
+    return std::nullopt;
 }
 
 Outcome Job::concludeEmptyPart() {
     if (ftruncate(mOutput.fd(), 0) != 0) {
         return {systemFailure(kExitFailed, mOutput.path(), errno)};
     }
-    if (auto failure = finishPart(true)) return {failure};
-    if (auto failure = reportFile(mOutput.fd(), "complete, without samples")) return {failure};
+    int64_t sizeBytes = 0;
+    if (auto failure = finishPart(true, &sizeBytes)) return {failure};
+    if (auto failure =
+            reportFile(mOutput.fd(), "complete, without samples", {{"has_samples", false}}))
+        return {failure};
     return {std::nullopt, true};
 }
 
@@ -333,7 +339,8 @@ std::optional<Outcome> Job::endEarly() {
         OutputComparison comparison = compareOutput(mOptions, mInput, mKept, mExisting);
         if (auto failure = mInput.checkReads(*mObserver)) return Outcome{failure};
         if (comparison.others.empty() && comparison.missing.empty()) {
-            return Outcome{reportFile(mExisting, "already complete"), false, 0, Ending::kAlready};
+            return Outcome{reportFile(mExisting, "already complete", Json::object()), false, 0,
+                           Ending::kAlready};
         }
         if (!comparison.others.empty() && !mOptions.overwrite) {
             return Outcome{
@@ -358,18 +365,20 @@ Outcome Job::copyInput() {
     }
     mControl->report(WorkerStage::kVerifying);
     if (auto failure = mInput.checkReads(*mObserver)) return {failure};
-    if (auto failure = reportFile(mOutput.fd(), "a copy of the input")) return {failure};
+    if (auto failure = reportFile(mOutput.fd(), "a copy of the input", Json::object()))
+        return {failure};
     return {std::nullopt, true, 0, Ending::kCopied};
 }
 
-std::optional<Failure> Job::reportFile(int fd, const char* what) const {
+std::optional<Failure> Job::reportFile(int fd, const char* what, const Json& more) const {
     struct stat file {};
     if (fstat(fd, &file) != 0) return systemFailure(kExitFailed, mOutput.path(), errno);
     if (!mOptions.json) {
         return writeReceipt(fmt::format("{}: {}\n", console::printable(mOutput.path()), what));
     }
-    return writeReceipt(
-        dumpJson({{"input", mInput.path()}, {"output", mOutput.path()}, {"bytes", file.st_size}}));
+    Json object = {{"input", mInput.path()}, {"output", mOutput.path()}, {"bytes", file.st_size}};
+    object.update(more);
+    return writeReceipt(dumpJson(object));
 }
 
 int32_t Job::transcodeToFit(Progress* progress) {
@@ -443,7 +452,7 @@ Outcome Job::concludeComplete(Progress* progress) {
     if (auto failure = makeImages()) return {failure};
     printInterlaced();
     receipt.isComplete = true;
-    if (auto failure = finishPart(true)) return {failure};
+    if (auto failure = finishPart(true, &receipt.contents->media.sizeBytes)) return {failure};
     progress->finish();
     if (auto failure = writeReceipt(receipt)) return {failure};
     return {std::nullopt, true};
@@ -468,14 +477,16 @@ std::optional<Failure> Job::verifyEncoding(Receipt* receipt) const {
 }
 
 Outcome Job::concludeStopped() {
-    const Receipt receipt = makeReceipt();
-    if (auto failure = writeReceipt(receipt)) return {failure};
+    Receipt receipt = makeReceipt();
     if (mOptions.section) {
         if (!receipt.contents && ftruncate(mOutput.fd(), 0) != 0) {
             return {systemFailure(kExitFailed, mOutput.path(), errno)};
         }
-        if (auto failure = finishPart(false)) return {failure};
+        int64_t sizeBytes = 0;
+        if (auto failure = finishPart(false, &sizeBytes)) return {failure};
+        if (receipt.contents) receipt.contents->media.sizeBytes = sizeBytes;
     }
+    if (auto failure = writeReceipt(receipt)) return {failure};
     if (!receipt.contents) {
         return {Failure{kExitStopped, mOutput.path(), "stopped before anything was written",
                         kStoppedCode}};

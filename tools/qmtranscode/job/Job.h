@@ -71,8 +71,8 @@ private:
     // The text that is equal for the parts of one output.
     std::string requestText() const;
     PartDescription describePart(bool isComplete) const;
-    // Adds the part's description to the output.
-    std::optional<Failure> finishPart(bool isComplete) const;
+    // Adds the part's description to the output, and sets the size that the file has then.
+    std::optional<Failure> finishPart(bool isComplete, int64_t* sizeBytes) const;
     // For a part that gets no sample.
     Outcome concludeEmptyPart();
     // Refuses when nothing is left of the tracks that the options choose.
@@ -91,8 +91,8 @@ private:
     // Sets the bit rates for --max-bytes.
     std::optional<Failure> setSizeLimit();
     std::optional<Failure> applyRates();
-    // Writes the receipt of a file that was not encoded.
-    std::optional<Failure> reportFile(int fd, const char* what) const;
+    // Writes the receipt of a file that was not encoded; `more` are members of the JSON object.
+    std::optional<Failure> reportFile(int fd, const char* what, const Json& more) const;
     // Runs the session. The result is its code.
     int32_t transcode(Progress* progress);
     // From the session's code to the receipt.
