@@ -1,3 +1,4 @@
+#include <android/log.h>
 #include <host/Host.h>
 #include <qmtranscode/qmtranscode.h>
 #include <utils/Mutex.h>
@@ -57,9 +58,14 @@ public:
         }
         std::function<void(int32_t)> onProgress;
         if (progress != nullptr) {
-            // A callback that throws ends the process: its exception cannot pass through threads.
-            onProgress = [progress, context](int32_t percent) noexcept {
-                progress(context, percent);
+            // Its exceptions cannot pass through the threads of the run.
+            onProgress = [progress, context](int32_t percent) {
+                try {
+                    progress(context, percent);
+                } catch (...) {
+                    __android_log_assert(nullptr, "qmtranscode",
+                                         "the progress function of qmt_job_run threw an exception");
+                }
             };
         }
         JobEnd end = runSafely(std::move(onProgress));

@@ -266,6 +266,8 @@ TEST_F(ApiTest, filesThatCannotBeUsed_areErrorsOfTheJob) {
     EXPECT_EQ("not-media", failure(path("text"), path("out.mp4")).code);
     EXPECT_EQ("ENOENT", failure(path("none"), path("out.mp4")).code);
     EXPECT_EQ(QMT_UNUSABLE, failure(path("none"), path("out.mp4")).status);
+    EXPECT_EQ("ENOTDIR", failure(kClip, path("text/out.mp4")).code);
+    EXPECT_EQ("ENOENT", failure(kClip, path("none/out.mp4")).code);
     const Result exists = failure(kClip, path("text"));
     EXPECT_EQ(QMT_USAGE, exists.status);
     EXPECT_EQ("output-exists", exists.code);
@@ -289,6 +291,18 @@ TEST_F(ApiTest, aProgramThatCrashesOrIsMissing_isAnErrorOfTheJob) {
         qmt_job_free(handle);
     }
     EXPECT_EQ(before, openDescriptors());
+}
+
+typedef ApiTest ApiDeathTest;
+
+TEST_F(ApiDeathTest, aProgressFunctionThatThrows_aborts) {
+    const auto misuse = [](void*, int32_t) { throw std::out_of_range("of the host"); };
+    for (const char* const options : {"\"trim\": [[0, 1]]", "\"isolate\": true"}) {
+        const qmt_job handle = job(requestText(options));
+        EXPECT_DEATH(qmt_job_run(handle, misuse, nullptr),
+                     "the progress function of qmt_job_run threw an exception");
+        qmt_job_free(handle);
+    }
 }
 
 // QM_RUNS says how many; the first ones fill caches.

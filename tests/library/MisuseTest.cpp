@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 
 namespace android::qmmediaeditor {
 namespace {
@@ -27,10 +28,10 @@ protected:
     }
     ~MisuseTest() override {
         mComponent->destory();
-        if (mInput >= 0) close(mInput);
         if (mProperty.mInputFd >= 0) close(mProperty.mInputFd);
     }
 
+    // The platform is let go of before process() uses it.
     int32_t run() {
         mComponent->create(&mProperty, createHostPlatform(HostOptions()));
         return mComponent->process();
@@ -47,7 +48,6 @@ protected:
 
     const TrimPeriod mPeriods[2] = {{2000000, 3000000}, {0, 1000000}};
     const TemporaryFile mOutput;
-    int mInput = -1;
     TranscodeProperty mProperty;
     sp<TranscodeComponent> mComponent = new TranscodeComponent;
 };
@@ -62,16 +62,22 @@ TEST_F(MisuseTest, noRequest_isRefusedAndCancelHasNoEffect) {
 }
 
 TEST_F(MisuseTest, descriptorsThatCannotBeUsed_areRefused) {
-    useOutput(-1);
-    EXPECT_EQ(kInvalidRequest, run());
+    const int closed = fcntl(mProperty.mOutputFd, F_DUPFD_CLOEXEC, 500);
+    close(closed);
+    for (const int none : {-1, closed}) {
+        useOutput(none);
+        EXPECT_EQ(kInvalidRequest, run());
+    }
     useOutput(open(mOutput.path().c_str(), O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(kInvalidRequest, run());
     mProperty.mOutputFd = mOutput.open();
-    useInput(-1);
-    EXPECT_EQ(kInvalidRequest, run());
+    for (const int none : {-1, closed}) {
+        useInput(none);
+        EXPECT_EQ(kInvalidRequest, run());
+        mProperty.mOutputFd = mOutput.open();
+    }
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-    mProperty.mOutputFd = mOutput.open();
     useInput(ends[0]);
     EXPECT_EQ(kInvalidRequest, run());
     close(ends[1]);
@@ -120,6 +126,12 @@ typedef MisuseTest MisuseDeathTest;
 TEST_F(MisuseDeathTest, anEmptyCallback_aborts) {
     mProperty.mProgressCallback = nullptr;
     EXPECT_DEATH(run(), "the progress callback is empty");
+    close(mProperty.mOutputFd);
+}
+
+TEST_F(MisuseDeathTest, aCallbackThatThrows_aborts) {
+    mProperty.mProgressCallback = [](int32_t) { throw std::out_of_range("of the host"); };
+    EXPECT_DEATH(run(), "the progress callback threw an exception");
     close(mProperty.mOutputFd);
 }
 

@@ -7,10 +7,10 @@
  * request.input = "in.mov";
  * request.output = "out.mp4";
  * request.keep = {{0s, 2500ms}};
- * request.fit = {1280, 720};
+ * request.fit = qmtranscode::Size{1280, 720};
  * qmtranscode::Transcoder transcoder(request);
- * const qmtranscode::Result result = transcoder.run([](int percent) { printf("%d %%\n", percent);
- * }); if (!result) fprintf(stderr, "%s\n", result.text.c_str());
+ * const auto result = transcoder.run([](int percent) { printf("%d %%\n", percent); });
+ * if (!result) fprintf(stderr, "%s\n", result.text.c_str());
  * @endcode
  *
  * Everything here is inline, on top of the C API of qmtranscode.h: link with libqmtranscode only.

@@ -5,11 +5,11 @@
  * A job is made from a request, run once, and freed:
  *
  * @code
+ * const char* request = "{\"input\": \"in.mov\", \"output\": \"out.mp4\", \"trim\": [[0, 2.5]]}";
  * qmt_job job;
- * if (qmt_job_new("{\"input\": \"in.mov\", \"output\": \"out.mp4\", \"trim\": [[0, 2.5]]}", &job)
- * == QMT_OK) { if (qmt_job_run(job, NULL, NULL) != QMT_OK) fprintf(stderr, "%s\n",
- * qmt_error_text()); qmt_job_free(job);
- * }
+ * if (qmt_job_new(request, &job) != QMT_OK) return 1;
+ * if (qmt_job_run(job, NULL, NULL) != QMT_OK) fprintf(stderr, "%s\n", qmt_error_text());
+ * qmt_job_free(job);
  * @endcode
  *
  * Requests and receipts are JSON in UTF-8. A request is an object with "input", "output" and the

@@ -10,8 +10,8 @@ when the job has ended. Other threads of the interpreter go on. `transcode_async
 `Job` is for those who want to cancel a job themselves. Nothing but the standard library and libqmtranscode.so.0 is
 needed.
 
-The rules of `qmtranscode.h` for threads and for the process apply here as well. `isolate=True` runs a job in a program of
-its own, so that a crash there is a `JobFailed`.
+The rules of `qmtranscode.h` for threads and for the process apply here as well. `isolate=True` runs a job in a program
+of its own, so that a crash there is a `JobFailed`.
 """
 
 from ._job import Job, configure_process, transcode, transcode_async, version
