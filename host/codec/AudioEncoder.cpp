@@ -25,7 +25,7 @@ namespace {
 constexpr char kLogTag[] = "AudioEncoder";
 // Decoded audio arrives in short buffers: these hold at least an eighth of a second.
 constexpr size_t kInputCount = 32;
-constexpr size_t kOutputCount = 16;
+constexpr size_t kOutputCount = 64;
 // A buffer of the decoder at the highest sample rate that it can be converted to.
 constexpr size_t kMinInputBytes = 256 * 1024;
 constexpr size_t kMaxInputBytes = 16 * 1024 * 1024;

@@ -23,7 +23,7 @@ constexpr char kWritesAudio[] = "writes audio";
 constexpr char kForWriter[] = "for the writer to start";
 
 // Grouped by tag; the first pattern that fits counts.
-const LogPattern kPatterns[] = {
+constexpr LogPattern kPatterns[] = {
     {kEntry, "call process", nullptr, Activity::kStarts, "opens input and output", Queue::kNone,
      QueueChange::kNone, nullptr, Stage::kNone, "session"},
     {kEntry, "call cancel", nullptr, Activity::kEvent, "stop requested"},
@@ -163,7 +163,7 @@ std::optional<LogEvent> parseLogMessage(std::string_view tag, std::string_view m
             group = pattern.tag;
             isGroupOfTag = tag == group;
         }
-        const std::string_view prefix(pattern.prefix);
+        const std::string_view prefix = pattern.prefix;
         if (!isGroupOfTag || message.substr(0, prefix.size()) != prefix) continue;
         std::string_view rest = message.substr(prefix.size());
         if (pattern.contains != nullptr && rest.find(pattern.contains) == std::string_view::npos) {

@@ -52,8 +52,8 @@ enum class QueueChange {
 // How a message is recognised, and its meaning.
 struct LogPattern {
     const char* tag;
-    const char* prefix;    // the beginning of the message
-    const char* contains;  // text after the prefix, or null
+    std::string_view prefix;  // the beginning of the message
+    const char* contains;     // text after the prefix, or null
     Activity activity;
     const char* what;  // what the thread does or waits for, or the name of the event
     Queue queue = Queue::kNone;
