@@ -78,7 +78,8 @@ struct TranscodeProperty {
     // In time order and without overlap, in the order of the output; not null when mTrimEnabled is
     // set. The array must outlive the session. An mEndUs below its mStartUs is refused with
     // kInvalidRequest. A period that begins before the end of the one before it is not refused: the
-    // session seeks back for it, and may leave out frames at its start.
+    // session seeks back for it, and may leave out frames at its start. It reads nothing beyond the
+    // end of the last period in the array, so that all before it must end earlier.
     const TrimPeriod* mPeriods = nullptr;
     bool mHasAudioEffect = false;
     OpaqueParam mAudioEffectInfo;
