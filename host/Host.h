@@ -140,6 +140,9 @@ struct HostOptions {
     // The bit rate that constant quality does not exceed for longer than two seconds, in bits per
     // second. The session's bit rate is not used then.
     std::optional<int64_t> avcMaxBitrate = std::nullopt;
+    // Holds the AVC encoder to the session's bit rate in each second, at the cost of quality where
+    // the video changes much. Without it, the average of a few seconds may be far above.
+    bool holdsAvcBitrate = false;
     // Write the movie box in front of the samples.
     bool fastStart = false;
     // Start and end of each period of the request, in microseconds of the input, rising; empty when

@@ -43,6 +43,9 @@ constexpr int64_t kMinBitRate = 64000;
 // The bit rate may exceed the requested one for a while, at most by this factor.
 constexpr double kPeakOverMean = 1.5;
 constexpr double kBufferSeconds = 2;
+// Where the rate is held: the buffer is about as full in the end as in the beginning.
+constexpr double kHeldBufferSeconds = 1;
+constexpr double kHeldOccupancy = 0.6;
 // The first frame is a key frame and needs more bits than those that refer to it.
 constexpr double kFirstOccupancy = 0.9;
 constexpr int kMicroseconds = 1000000;
@@ -237,19 +240,23 @@ void VideoEncoder::setParameters(const Settings& settings) {
 void VideoEncoder::setBitRate(const Settings& settings) {
     AVCodecContext* context = mEncoder.context();
     int64_t mean = settings.bitRate;
+    const bool isHeld =
+        !hasConstantQuality() && mOptions.holdsAvcBitrate && context->codec_id == AV_CODEC_ID_H264;
     if (hasConstantQuality()) {
         if (!mOptions.avcMaxBitrate) return;
         mean = std::max(*mOptions.avcMaxBitrate, kMinBitRate);
         context->rc_max_rate = mean;
     } else {
         context->bit_rate = mean;
-        context->rc_max_rate = static_cast<int64_t>(static_cast<double>(mean) * kPeakOverMean);
+        const double peakOverMean = isHeld ? 1 : kPeakOverMean;
+        context->rc_max_rate = static_cast<int64_t>(static_cast<double>(mean) * peakOverMean);
     }
+    double bufferBits = static_cast<double>(mean) * (isHeld ? kHeldBufferSeconds : kBufferSeconds);
     const double keyFrameBits = static_cast<double>(settings.width) * settings.height;
-    const double bufferBits = std::max(static_cast<double>(mean) * kBufferSeconds, keyFrameBits);
+    if (!isHeld) bufferBits = std::max(bufferBits, keyFrameBits);
     context->rc_buffer_size = static_cast<int>(std::min(bufferBits, double{INT32_MAX}));
     context->rc_initial_buffer_occupancy =
-        static_cast<int>(context->rc_buffer_size * kFirstOccupancy);
+        static_cast<int>(context->rc_buffer_size * (isHeld ? kHeldOccupancy : kFirstOccupancy));
 }
 
 bool VideoEncoder::hasConstantQuality() const {

@@ -211,6 +211,7 @@ std::optional<Failure> Job::setSizeLimit() {
     mSizeLimit.emplace(mOptions, media, outputLengthUs(mKept, media),
                        std::get<sp<AMessage>>(format));
     if (auto failure = mSizeLimit->check()) return failure;
+    mHost.holdsAvcBitrate = mSizeLimit->isShort();
     return applyRates();
 }
 

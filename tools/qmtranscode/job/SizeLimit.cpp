@@ -11,7 +11,7 @@ namespace android::qmmediaeditor::cli {
 namespace {
 
 // Of the limit, because an encoder does not meet its rate exactly.
-constexpr double kUsedShare = 0.97;
+constexpr double kUsedShare = 0.98;
 
 }  // namespace
 
@@ -79,6 +79,12 @@ void SizeLimit::apply(Options* options) const {
     if (mAudioBitrate) options->audioBitrate = mAudioBitrate;
 }
 
+bool SizeLimit::isShort() const {
+    // In longer ones, x264's average comes out within a few percent.
+    constexpr double kShortSeconds = 20;
+    return mSeconds < kShortSeconds;
+}
+
 bool SizeLimit::correct(int64_t bytes, int64_t lengthUs) {
     const auto actual = static_cast<double>(bytes);
     const double wanted = mMaxBytes * kUsedShare;
@@ -97,7 +103,7 @@ bool SizeLimit::correct(int64_t bytes, int64_t lengthUs) {
     if (actual <= mMaxBytes) {
         // The encoder's first guess is too low for some short clips. Where it needs much less than
         // it may have, the video needs no more.
-        constexpr double kMinUse = 0.7;
+        constexpr double kMinUse = 0.6;
         constexpr double kMinOfRate = 0.5;
         const double rate = (actual - other) * 8 / mSeconds;
         if (mRuns.size() > 1 || actual >= mMaxBytes * kMinUse ||

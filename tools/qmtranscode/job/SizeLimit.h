@@ -21,6 +21,8 @@ public:
     std::optional<Failure> check() const;
     // Sets the bit rates.
     void apply(Options* options) const;
+    // The output is so short that the encoder must hold its bit rate from the beginning.
+    bool isShort() const;
     // Of a run whose output has this size and this length: whether it is to be repeated, because
     // the size is above the limit or, after the first run, so far below it that a higher rate is
     // worth the time. The rates are then changed.
