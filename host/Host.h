@@ -83,7 +83,8 @@ public:
     // channel, which are valid during the call.
     virtual void onAudio(const int16_t* /* samples */, int64_t /* frames */, int /* channels */,
                          int /* sampleRate */) {}
-    // An encoder has output a packet with this timestamp; packetChecksum() tells its data.
+    // With HostOptions::checksEncoding: an encoder has output a packet with this timestamp and this
+    // checksum of its data.
     virtual void onPacketEncoded(bool /* isVideo */, int64_t /* timeUs */,
                                  uint64_t /* checksum */) {}
     // In the order of time. The audio is checked in pieces of a second.

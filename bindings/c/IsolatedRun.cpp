@@ -5,9 +5,11 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <qmtranscode/report/Format.h>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utils/Mutex.h>
@@ -82,6 +84,18 @@ std::string installedProgram() {
     return QMTRANSCODE_PROGRAM;
 }
 
+JobEnd stoppedEnd(const cli::Options& options) {
+    return failedEnd({cli::kExitStopped, options.output, "stopped before anything was written",
+                      cli::kStoppedCode},
+                     "opening", options);
+}
+
+// Whether it is an exit status of the command.
+bool isStatus(const Json& value) {
+    return value == cli::kExitComplete || value == cli::kExitFailed || value == cli::kExitUsage ||
+           value == cli::kExitUnusable || value == cli::kExitStopped;
+}
+
 class IsolatedRun : public JobRun {
 public:
     JobEnd run(const JobRequest& request, std::function<void(int32_t)> onProgress) override;
@@ -93,7 +107,7 @@ private:
     void readOutput();
     void takeLines(std::string_view text);
     int wait();
-    JobEnd conclude(const std::string& program, int status, const cli::Options& options) const;
+    JobEnd conclude(const std::string& program, int status, const cli::Options& options);
 
     Pipe mOutput;
     Pipe mErrors;
@@ -101,6 +115,9 @@ private:
     std::string mObject;
     std::string mLine;
     std::string mLastLine;
+    int32_t mLastPercent = -1;
+    // Becomes readable with cancel().
+    Descriptor mCancelled;
     Mutex mLock;
     bool mIsCancelled GUARDED_BY(mLock) = false;
     // -1 before the program was started, and once its status was taken: the number may be another
@@ -112,11 +129,7 @@ JobEnd IsolatedRun::run(const JobRequest& request, std::function<void(int32_t)> 
     mOnProgress = std::move(onProgress);
     const std::string program = request.program.empty() ? installedProgram() : request.program;
     if (const int error = start(program, request)) {
-        if (error == ECANCELED) {
-            return failedEnd({cli::kExitStopped, request.options.output,
-                              "stopped before anything was written", cli::kStoppedCode},
-                             "opening", request.options);
-        }
+        if (error == ECANCELED) return stoppedEnd(request.options);
         return failedEnd(cli::systemFailure(cli::kExitFailed, program, error), "opening",
                          request.options);
     }
@@ -127,13 +140,17 @@ JobEnd IsolatedRun::run(const JobRequest& request, std::function<void(int32_t)> 
 void IsolatedRun::cancel() {
     Mutex::Autolock lock(mLock);
     mIsCancelled = true;
-    if (mProgram > 0) kill(mProgram, SIGTERM);
+    if (mProgram <= 0) return;
+    kill(mProgram, SIGTERM);
+    eventfd_write(mCancelled.get(), 1);
 }
 
 // The program has neither the signal mask nor the descriptors of this process, and a group of its
 // own, so that Ctrl-C reaches this process only, which cancels the job if it wants to.
 int IsolatedRun::start(const std::string& program, const JobRequest& request) {
     if (!mOutput.open() || !mErrors.open()) return errno;
+    mCancelled.set(eventfd(0, EFD_CLOEXEC));
+    if (mCancelled.get() < 0) return errno;
     std::vector<std::string> words = {program, "--json", "--progress=json"};
     words.insert(words.end(), request.arguments.begin(), request.arguments.end());
     std::vector<char*> arguments;
@@ -172,13 +189,26 @@ int IsolatedRun::start(const std::string& program, const JobRequest& request) {
     return error;
 }
 
-// Until the program has closed both.
+// Until the program has closed both, also in its children. After a cancel, all of them are killed
+// if they do not end by themselves.
 void IsolatedRun::readOutput() {
+    constexpr int kPatienceMs = 10000;
+    int timeoutMs = -1;
     char buffer[4096];
     while (mOutput.read.get() >= 0 || mErrors.read.get() >= 0) {
         // poll() passes over negative descriptors.
-        pollfd fds[] = {{mOutput.read.get(), POLLIN, 0}, {mErrors.read.get(), POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0 && errno != EINTR) return;
+        pollfd fds[] = {{mOutput.read.get(), POLLIN, 0},
+                        {mErrors.read.get(), POLLIN, 0},
+                        {timeoutMs < 0 ? mCancelled.get() : -1, POLLIN, 0}};
+        const int ready = poll(fds, 3, timeoutMs);
+        if (ready < 0 && errno != EINTR) return;
+        if (ready < 0) continue;
+        if (ready == 0) {
+            Mutex::Autolock lock(mLock);
+            kill(-mProgram, SIGKILL);
+            return;
+        }
+        if (fds[2].revents != 0) timeoutMs = kPatienceMs;
         for (Pipe* const pipe : {&mOutput, &mErrors}) {
             if (fds[pipe == &mErrors ? 1 : 0].revents == 0) continue;
             const ssize_t size = read(pipe->read.get(), buffer, sizeof(buffer));
@@ -205,7 +235,12 @@ void IsolatedRun::takeLines(std::string_view text) {
         if (line.is_object() && percent != line.end() && percent->is_number_integer()) {
             // The last one means that the file is verified, and not yet that it has its name.
             const auto value = percent->get<int32_t>();
-            if (mOnProgress && value < 100) mOnProgress(value);
+            if (value <= mLastPercent || value >= 100) {
+                mLine.clear();
+                continue;
+            }
+            mLastPercent = value;
+            if (mOnProgress) mOnProgress(value);
         } else {
             mLastLine = mLine;
         }
@@ -231,10 +266,13 @@ int IsolatedRun::wait() {
     return waitpid(program, &status, 0) == program ? status : -1;
 }
 
-JobEnd IsolatedRun::conclude(const std::string& program, int status,
-                             const cli::Options& options) const {
-    const Json object = Json::parse(mObject, nullptr, false);
-    if (!object.is_object() || !object.contains("exit") || !object["exit"].is_number_integer()) {
+JobEnd IsolatedRun::conclude(const std::string& program, int status, const cli::Options& options) {
+    auto object = nlohmann::ordered_json::parse(mObject, nullptr, false);
+    if (!object.is_object() || !isStatus(object.value("exit", Json()))) {
+        {
+            Mutex::Autolock lock(mLock);
+            if (mIsCancelled) return stoppedEnd(options);
+        }
         std::string reason = "the program ended without a result";
         if (status != -1 && WIFSIGNALED(status)) {
             const char* const name = sigabbrev_np(WTERMSIG(status));
@@ -246,10 +284,15 @@ JobEnd IsolatedRun::conclude(const std::string& program, int status,
     }
     JobEnd end;
     end.status = object["exit"].get<int>();
-    end.receipt = mObject;
+    // This one runs the job as it was run, when it is used again.
+    object["request"] = nlohmann::ordered_json::parse(options.request);
+    end.receipt = cli::dumpJson(object);
     const auto error = object.find("error");
     if (error != object.end() && error->is_object()) {
-        const auto textOf = [&error](const char* key) { return error->value(key, std::string()); };
+        const auto textOf = [&error](const char* key) {
+            const auto found = error->find(key);
+            return found != error->end() && found->is_string() ? found->get<std::string>() : "";
+        };
         end.code = textOf("code");
         end.text =
             textOf("subject").empty() ? textOf("text") : textOf("subject") + ": " + textOf("text");

@@ -1,10 +1,14 @@
 #include "bindings/c/JobRequest.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <variant>
+
+#include "bindings/c/ThreadState.h"
 
 namespace android::qmmediaeditor::api {
 
@@ -23,6 +27,41 @@ struct Refusal {
     Failure failure;
 };
 
+// For a message.
+std::string shown(const Json& value) {
+    constexpr size_t kMaxBytes = 60;
+    const std::string text = value.dump();
+    return text.size() <= kMaxBytes ? text : text.substr(0, kMaxBytes) + "…";
+}
+
+// Whether objects and lists are nested deeper than in any request. What reads JSON by recursion
+// needs as much of the stack.
+bool isTooDeep(const std::string& json) {
+    constexpr int kMaxDepth = 8;
+    int depth = 0;
+    bool isText = false;
+    for (size_t i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (c == '"') {
+            isText = !isText;
+        } else if (isText) {
+            if (c == '\\') ++i;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxDepth) return true;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return false;
+}
+
+bool isFlag(const std::string& option) {
+    for (const cli::OptionText& each : cli::optionTexts()) {
+        if (each.name == option) return each.value.empty();
+    }
+    return true;
+}
+
 std::string numberText(const Json& number) {
     if (number.is_number_integer()) return number.dump();
     std::string text = fmt::format("{:.6f}", number.get<double>());
@@ -36,7 +75,7 @@ std::string scalarText(const std::string& key, const Json& value) {
     if (value.is_string()) return value.get<std::string>();
     if (value.is_number()) return numberText(value);
     throw Refusal{
-        refused(key, "expected text, a number, true, false or null; not " + value.dump())};
+        refused(key, "expected text, a number, true, false or null; not " + shown(value))};
 }
 
 // One value for each time that the option is given.
@@ -52,7 +91,7 @@ std::vector<std::string> periodTexts(const std::string& key, const Json& periods
         if (!isPair) {
             throw Refusal{
                 refused(key, "expected a list of periods, such as [[0, 2.5], [10, null]]; not " +
-                                 period.dump())};
+                                 shown(period))};
         }
         const std::string end = period[1].is_null() ? "" : numberText(period[1]);
         texts.push_back(numberText(period[0]) + '-' + end);
@@ -65,15 +104,15 @@ std::string sizeText(const std::string& key, const Json& size) {
         size.size() == 2 && size[0].is_number_integer() && size[1].is_number_integer();
     if (!isPair) {
         throw Refusal{
-            refused(key, "expected [width, height], such as [1280, 720]; not " + size.dump())};
+            refused(key, "expected [width, height], such as [1280, 720]; not " + shown(size))};
     }
     return size[0].dump() + 'x' + size[1].dump();
 }
 
 void addOption(const std::string& key, const Json& value, std::vector<std::string>* arguments) {
     const std::string option = "--" + key;
-    if (value.is_null() || value == false) return;
     if (value == true) {
+        if (!isFlag(option) && key != "plan") throw Refusal{refused(key, "expected a value")};
         arguments->push_back(option);
     } else if ((key == "trim" || key == "cut") && value.is_array()) {
         for (const std::string& text : periodTexts(key, value)) {
@@ -105,31 +144,48 @@ void refuseUnsupported(const Json& request, bool isolates) {
             throw Refusal{refused(key, "not available here; leave it out")};
         }
     }
+    // Nothing could stop the wait for a pipe.
+    if (request.contains("list") && request["list"].is_string()) {
+        const auto path = request["list"].get<std::string>();
+        struct stat file {};
+        if (stat(path.c_str(), &file) == 0 && !S_ISREG(file.st_mode)) {
+            throw Refusal{refused(path, "not a regular file")};
+        }
+    }
     // These take several processes, or the log of the process.
     for (const char* const key :
          {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
-        if (!isolates && request.contains(key) && request[key] != false &&
-            !request[key].is_null()) {
+        if (!isolates && request.contains(key)) {
             throw Refusal{refused(key, "works together with \"isolate\": true only")};
         }
     }
 }
 
+// false and null leave an option out.
+void eraseOmitted(Json* request) {
+    for (auto each = request->begin(); each != request->end();) {
+        const bool isOmitted = each->is_null() || *each == false;
+        each = isOmitted ? request->erase(each) : std::next(each);
+    }
+}
+
 JobRequest parse(const std::string& text) {
+    if (isTooDeep(text)) throw Refusal{refused("the request", "lists are nested too deeply")};
     Json request = Json::parse(text, nullptr, false);
-    if (request.is_discarded()) throw Refusal{refused("the request", "this is not JSON")};
+    if (request.is_discarded()) throw Refusal{refused("the request", "this is not JSON in UTF-8")};
     if (!request.is_object()) {
         throw Refusal{refused("the request", "expected an object with \"input\" and \"output\"")};
     }
     if (text.find("\\u0000") != std::string::npos) {
         throw Refusal{refused("the request", "text must not contain the character U+0000")};
     }
+    eraseOmitted(&request);
     JobRequest job;
     if (request.contains("isolate")) {
         if (!request["isolate"].is_boolean()) {
             throw Refusal{refused("isolate", "expected true or false")};
         }
-        job.isolates = request["isolate"].get<bool>();
+        job.isolates = true;
         request.erase("isolate");
     }
     if (request.contains("program")) {
@@ -157,6 +213,7 @@ JobRequest parse(const std::string& text) {
 }  // namespace
 
 cli::Result<JobRequest> parseRequest(const std::string& json) {
+    const CLocale locale;
     JobRequest job;
     try {
         job = parse(json);
@@ -170,6 +227,12 @@ cli::Result<JobRequest> parseRequest(const std::string& json) {
     auto* const options = std::get_if<cli::Options>(&parsed);
     if (options == nullptr) return refused("the request", "not a request for a job");
     job.options = std::move(*options);
+    if (job.isolates) {
+        auto request = nlohmann::ordered_json::parse(job.options.request);
+        request["isolate"] = true;
+        if (!job.program.empty()) request["program"] = job.program;
+        job.options.request = request.dump();
+    }
     return job;
 }
 

@@ -1,16 +1,19 @@
 // A job on the calling thread.
 #include <errno.h>
+#include <fcntl.h>
 #include <host/Host.h>
 #include <qmtranscode/cli/Console.h>
 #include <qmtranscode/job/Job.h>
 #include <qmtranscode/report/RunObject.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <exception>
 #include <new>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "bindings/c/JobRun.h"
 
@@ -71,6 +74,28 @@ std::string warningsOf(const std::string& lines) {
     return warnings;
 }
 
+// Keeps the numbers of the standard streams from the files of a job, where the process has closed
+// them: what libraries print would go there.
+class StandardStreams {
+public:
+    StandardStreams() {
+        int fd;
+        while ((fd = open("/dev/null", O_RDWR | O_CLOEXEC)) >= 0 && fd <= STDERR_FILENO) {
+            mFds.push_back(fd);
+        }
+        if (fd >= 0) close(fd);
+    }
+    ~StandardStreams() {
+        for (const int fd : mFds) close(fd);
+    }
+
+private:
+    StandardStreams(const StandardStreams&) = delete;
+    StandardStreams& operator=(const StandardStreams&) = delete;
+
+    std::vector<int> mFds;
+};
+
 class LocalRun : public JobRun {
 public:
     JobEnd run(const JobRequest& request, std::function<void(int32_t)> onProgress) override;
@@ -94,6 +119,7 @@ JobEnd LocalRun::run(const JobRequest& request, std::function<void(int32_t)> onP
     }
     mCpuSecondsBefore = processUsage().cpuSeconds;
     mControl.setOnProgress(std::move(onProgress));
+    const StandardStreams streams;
     cli::JobFiles files;
     if (const auto failure = files.open(options)) {
         return failedEnd(*failure, nameOf(WorkerStage::kOpening), options);

@@ -1,5 +1,7 @@
 #include <android/log.h>
+#include <cxxabi.h>
 #include <host/Host.h>
+#include <qmtranscode/cli/Console.h>
 #include <qmtranscode/qmtranscode.h>
 #include <utils/Mutex.h>
 
@@ -11,6 +13,7 @@
 #include <utility>
 
 #include "bindings/c/JobRun.h"
+#include "bindings/c/ThreadState.h"
 
 namespace android::qmmediaeditor::api {
 
@@ -24,8 +27,9 @@ struct LastError {
 thread_local LastError tError;
 
 qmt_status failed(qmt_status status, const char* code, const std::string& text) {
+    constexpr size_t kMaxTextBytes = 1000;
     tError.code = code;
-    tError.text = text;
+    tError.text = cli::console::printable(text.substr(0, kMaxTextBytes));
     return status;
 }
 
@@ -62,12 +66,16 @@ public:
             onProgress = [progress, context](int32_t percent) {
                 try {
                     progress(context, percent);
+                } catch (const abi::__forced_unwind&) {
+                    __android_log_assert(nullptr, "qmtranscode",
+                                         "the progress function of qmt_job_run ended its thread");
                 } catch (...) {
                     __android_log_assert(nullptr, "qmtranscode",
                                          "the progress function of qmt_job_run threw an exception");
                 }
             };
         }
+        const SafeThread safe;
         JobEnd end = runSafely(std::move(onProgress));
         Mutex::Autolock lock(mLock);
         mState = State::kEnded;

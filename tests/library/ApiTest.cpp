@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <qmtranscode/Transcoder.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -151,7 +152,7 @@ TEST_F(ApiTest, jobsAtOnce_writeWhatTheyWriteOneAfterTheOther) {
 }
 
 TEST_F(ApiTest, requestsThatAreWrong_areRefusedWithWhatWouldWork) {
-    EXPECT_EQ("the request: this is not JSON", refusal("{"));
+    EXPECT_EQ("the request: this is not JSON in UTF-8", refusal("{"));
     EXPECT_THAT(refusal("[]"), HasSubstr("expected an object"));
     EXPECT_THAT(refusal("{\"output\": \"o\"}"), HasSubstr("input: expected the path"));
     EXPECT_THAT(refusal(requestText("\"fitt\": \"1x1\"")), HasSubstr("unknown option"));
@@ -162,7 +163,67 @@ TEST_F(ApiTest, requestsThatAreWrong_areRefusedWithWhatWouldWork) {
     EXPECT_THAT(refusal(requestText("\"trim\": [[3, 2]]")), HasSubstr("--trim"));
     EXPECT_THAT(refusal(requestText("\"trim\": [[3]]")), HasSubstr("list of periods"));
     EXPECT_THAT(refusal(requestText("\"plan\": true")), HasSubstr("isolate"));
+    EXPECT_THAT(refusal(requestText("\"trim\": " + std::string(90000, '['))), HasSubstr("nested"));
+    EXPECT_THAT(refusal(requestText("\"fit\": true")), HasSubstr("expected a value"));
+    EXPECT_THAT(refusal(requestText("\"fps\": \"a\\nb\"")), Not(HasSubstr("\n")));
+    EXPECT_THAT(refusal(requestText("\"" + std::string(1000000, 'x') + "\": 1")),
+                HasSubstr("unknown option"));
+    ASSERT_EQ(0, mkfifo(path("list").c_str(), 0600));
+    EXPECT_THAT(refusal(requestText("\"list\": \"" + path("list") + '"')),
+                HasSubstr("not a regular file"));
     EXPECT_STREQ("invalid-request", qmt_error_code());
+}
+
+TEST_F(ApiTest, falseAndNull_leaveAnOptionOut) {
+    const qmt_job handle =
+        job(requestText("\"trim\": [[0, 0.2]], \"split\": null, \"isolate\": null, "
+                        "\"program\": null, \"progress\": false, \"fit\": false"));
+    EXPECT_EQ(QMT_OK, qmt_job_run(handle, nullptr, nullptr)) << qmt_error_text();
+    qmt_job_free(handle);
+}
+
+TEST_F(ApiTest, aJobInTheProgressFunctionOfAnother_isAJobLikeAny) {
+    Request inner = request();
+    inner.output = path("inner.mp4");
+    std::atomic<bool> isDone{false};
+    // Without video in this period: a warning after the inner job.
+    Request outer = request();
+    outer.input = QM_CLIPS_DIR "/late-video.mkv";
+    outer.keep = {{0s, 400ms}};
+    const Result result = Transcoder(outer).run([&](int) {
+        if (isDone.exchange(true)) return;
+        EXPECT_TRUE(Transcoder(inner).run());
+    });
+    EXPECT_TRUE(result) << result.text;
+    EXPECT_TRUE(isDone);
+    EXPECT_THAT(result.receipt, Not(HasSubstr("\"warnings\": []")));
+}
+
+TEST_F(ApiTest, aFileSizeLimit_isAnErrorOfTheJob) {
+    rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small{20000, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    const Result result = Transcoder(request()).run();
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(QMT_FAILED, result.status);
+    EXPECT_EQ("EFBIG", result.code);
+    EXPECT_FALSE(std::filesystem::exists(path("out.mp4")));
+}
+
+TEST_F(ApiTest, theRequestOfAnIsolatedReceipt_isARequest) {
+    Request isolated = request();
+    isolated.isolate = true;
+    isolated.overwrite = true;
+    const Result result = Transcoder(isolated).run();
+    ASSERT_TRUE(result) << result.text;
+    const size_t begin = result.receipt.find("\"request\": ") + strlen("\"request\": ");
+    const size_t end = result.receipt.find('}', begin) + 1;
+    const std::string again = result.receipt.substr(begin, end - begin);
+    EXPECT_THAT(again, HasSubstr("isolate"));
+    const qmt_job handle = job(again);
+    EXPECT_EQ(QMT_OK, qmt_job_run(handle, nullptr, nullptr)) << qmt_error_text();
+    qmt_job_free(handle);
 }
 
 TEST_F(ApiTest, nullPointersAndHandlesThatAreNone_areErrors) {
@@ -235,6 +296,25 @@ TEST_F(ApiTest, cancel_stopsBeforeAndDuringTheRun) {
         EXPECT_STREQ("stopped", qmt_error_code());
         qmt_job_free(running);
         EXPECT_FALSE(std::filesystem::exists(path("out.mp4")));
+    }
+}
+
+// At moments from its start on.
+TEST_F(ApiTest, anIsolatedJobThatIsCancelledEarly_isStopped) {
+    for (int i = 0; i < 25; ++i) {
+        Request isolated = request();
+        isolated.isolate = true;
+        isolated.input = kLongClip;
+        isolated.keep.clear();
+        isolated.keepPartial = false;
+        Transcoder transcoder(isolated);
+        std::thread other([&] {
+            std::this_thread::sleep_for(std::chrono::microseconds(300 * i));
+            transcoder.cancel();
+        });
+        const Result result = transcoder.run();
+        other.join();
+        EXPECT_EQ(QMT_STOPPED, result.status) << i << ": " << result.text;
     }
 }
 

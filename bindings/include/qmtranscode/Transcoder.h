@@ -3,6 +3,7 @@
  * @brief Transcodes media files into MPEG-4 files, from C++.
  *
  * @code
+ * using namespace std::chrono_literals;
  * qmtranscode::Request request;
  * request.input = "in.mov";
  * request.output = "out.mp4";
@@ -21,6 +22,7 @@
 
 #include <qmtranscode/qmtranscode.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -55,7 +57,7 @@ struct Size {
 struct Request {
     /** Path of the input, a regular file; UTF-8. */
     std::string input;
-    /** Path of the output; it appears there when it is complete. UTF-8. */
+    /** Path of the output; it appears there when it is complete. UTF-8. Empty with "split". */
     std::string output;
     /** Replace an existing output. */
     bool overwrite = false;
@@ -107,7 +109,9 @@ struct Request {
     /** Run in a program of its own, so that a crash there is an error of the job. */
     bool isolate = false;
 
-    /** Other options of the command: name without dashes, and value; empty for an option without.
+    /**
+     * Other options of the command: name without dashes, and value; empty for an option without.
+     * One that is a member here, or comes twice, is an Error.
      */
     std::vector<std::pair<std::string, std::string>> options;
 };
@@ -206,16 +210,21 @@ private:
         return text + '"';
     }
     void addRaw(const char* key, const std::string& value) {
+        if (std::find(mKeys.begin(), mKeys.end(), key) != mKeys.end()) {
+            throw Error(QMT_USAGE, "invalid-request", std::string(key) + ": given twice");
+        }
+        mKeys.emplace_back(key);
         mText += (mText.size() > 1 ? ", " : "") + quoted(key) + ": " + value;
     }
 
     std::string mText = "{";
+    std::vector<std::string> mKeys;
 };
 
 inline std::string toJson(const Request& request) {
     ObjectText object;
     object.add("input", request.input);
-    object.add("output", request.output);
+    if (!request.output.empty()) object.add("output", request.output);
     object.add("overwrite", request.overwrite);
     object.add("trim", request.keep);
     object.add("cut", request.cut);
@@ -257,9 +266,9 @@ inline std::string toJson(const Request& request) {
 class Transcoder {
 public:
     /**
-     * Told of the progress in percent, on threads of the library; calls do not overlap. 100 comes
-     * once, when the output is complete. It must not block for long. An exception that it throws
-     * cancels the job and comes out of run().
+     * Told of the progress in percent, on threads of the library and on the one in run(); calls do
+     * not overlap. 100 comes once, when the output is complete. It must not block for long. An
+     * exception that it throws cancels the job and comes out of run(); at 100 the output is kept.
      */
     using OnProgress = std::function<void(int percent)>;
 

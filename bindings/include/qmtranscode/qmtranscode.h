@@ -12,9 +12,11 @@
  * qmt_job_free(job);
  * @endcode
  *
- * Requests and receipts are JSON in UTF-8. A request is an object with "input", "output" and the
- * options of the command qmtranscode(1) under their names without dashes in front: "trim", "fit",
- * "video-bitrate" and so on. Values are what the command takes, as text ("1280x720", "4M"), or
+ * Requests and receipts are JSON in UTF-8. Of a key that is given twice, the last value counts.
+ * Relative paths are resolved when the job runs. A request is an object with "input", "output" and
+ * the options of the command qmtranscode(1) under their names without dashes in front: "trim",
+ * "fit", "video-bitrate" and so on. Values are what the command takes, as text ("1280x720", "4M"),
+ * or
  *
  * - a number: seconds, bits per second, Hz, frames per second;
  * - true for an option without a value; false and null leave an option out;
@@ -26,7 +28,8 @@
  *
  * - "isolate": true runs the job in a program of its own, the installed command. Whatever a damaged
  *   file or a broken codec does there ends the job and not this process. It is started with
- *   posix_spawn(); the library never forks without exec.
+ *   posix_spawn(); the library never forks without exec. It goes on if this process dies, and is
+ *   killed if it has not ended ten seconds after a cancel.
  * - "program": the path of that program; implies "isolate". By default it is the command that was
  *   installed with this library.
  *
@@ -36,17 +39,20 @@
  * The receipt is the object that `qmtranscode --json` prints; run.schema.json describes it. Without
  * "isolate", its "cpu_seconds" and "peak_memory_bytes" are those of this whole process.
  *
- * Threads: any thread may call any function. Several jobs may run at once.
+ * Threads: any thread may call any function. Several jobs may run at once. A thread that is
+ * cancelled with pthread_cancel() ends after its job.
  *
  * The process: without "isolate" a job changes nothing of the process: no signal handlers, no
  * locale, no log, no allocator settings. What can be set for the process only is
  * qmt_configure_process(). Without it, FFmpeg's libraries and liblog print warnings on standard
- * error. A broken invariant of the library aborts the process with one line on standard error that
- * begins with a date or the name of a source file; with "isolate" it is an error of the job.
+ * error. A broken invariant of the library aborts the process with a line on standard error that
+ * says which; so may a lack of memory or of descriptors when a codec or the writer starts. FFmpeg's
+ * libraries expect that floating-point exceptions are not trapped. With "isolate", all of these are
+ * errors of the job.
  *
  * Mistakes: each function checks its handle and its pointers for null, and returns an error. No
  * mistake with these functions aborts the process, except a pointer that does not lead to text, and
- * a progress function that throws or jumps out.
+ * a progress function that throws, jumps out or ends its thread.
  */
 #ifndef QMTRANSCODE_QMTRANSCODE_H
 #define QMTRANSCODE_QMTRANSCODE_H
@@ -60,7 +66,10 @@ extern "C" {
 /** How a function, or a job, ends. The positive values are the exit statuses of the command. */
 typedef enum qmt_status {
     QMT_OK = 0,
-    /** The job failed; another try may succeed: an I/O error, or exhausted resources. */
+    /**
+     * The job failed; another try may succeed: an I/O error, or exhausted resources. Where it
+     * cannot, as below "min-ssim", the receipt's "retryable" is false.
+     */
     QMT_FAILED = 1,
     /** The request cannot be carried out as it is written, whatever the input. */
     QMT_USAGE = 2,
@@ -97,7 +106,8 @@ enum {
 typedef uint64_t qmt_job;
 
 /**
- * Told of the progress of a job, on threads of the library; calls do not overlap.
+ * Told of the progress of a job, on threads of the library and on the one in qmt_job_run(): a lock
+ * that is held during qmt_job_run() must not be taken. Calls do not overlap.
  *
  * @param context what qmt_job_run() was given.
  * @param percent of the work, rising; 100 once, when the output is complete and has its name.

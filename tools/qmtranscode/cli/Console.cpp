@@ -66,9 +66,9 @@ void useLink(const WorkerLink* link, const std::atomic<int>* columns) {
     gColumns = columns;
 }
 
-Capture::Capture(std::string* text) { tCaptured = text; }
+Capture::Capture(std::string* text) : mPrevious(tCaptured) { tCaptured = text; }
 
-Capture::~Capture() { tCaptured = nullptr; }
+Capture::~Capture() { tCaptured = mPrevious; }
 
 void printLine(const std::string& text) {
     if (capture(text)) return;

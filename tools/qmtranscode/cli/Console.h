@@ -36,6 +36,8 @@ public:
 private:
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;
+
+    std::string* const mPrevious;  // a job may run within another one's progress function
 };
 
 // Prints on standard output. Returns -1 with errno on error.

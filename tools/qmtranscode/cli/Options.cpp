@@ -412,7 +412,9 @@ Failure CommandLine::unknownArgument() const {
                 "unexpected argument, because INPUT and OUTPUT are already given",
                 "unexpected-argument"};
     }
-    const std::string name = option->substr(0, option->find('='));
+    // A longer one is no misspelt option, and comparing it would take long.
+    constexpr size_t kMaxNameBytes = 64;
+    const std::string name = option->substr(0, std::min(option->find('='), kMaxNameBytes));
     const auto nearest =
         std::min_element(mTexts.begin(), mTexts.end(), [&name](const auto& a, const auto& b) {
             return editDistance(name, a.name) < editDistance(name, b.name);

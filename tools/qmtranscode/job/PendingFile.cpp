@@ -191,7 +191,13 @@ std::optional<Failure> PendingFile::commit() {
         unlinkat(mDirectory, mName.c_str(), 0);
         return failure;
     }
-    if (errno == EEXIST && mOverwrite && replace() == 0) return std::nullopt;
+    if (errno == EEXIST && !mOverwrite) {
+        return Failure{kExitUsage, mPath,
+                       "the file was made by another program during the run; --overwrite would "
+                       "replace it",
+                       "output-exists"};
+    }
+    if (errno == EEXIST && replace() == 0) return std::nullopt;
     return failed();
 }
 
