@@ -155,7 +155,7 @@ protected:
     static std::string commit(const std::unique_ptr<PendingFile> file) {
         const std::optional<Failure> failure = file->commit();
         if (!failure) return "";
-        EXPECT_EQ(kExitFailed, failure->status);
+        EXPECT_EQ(failure->code == "output-exists" ? kExitUsage : kExitFailed, failure->status);
         return failure->reason;
     }
 
@@ -238,11 +238,11 @@ TEST_F(PendingFileTest, aFileThatAppearsDuringTheRun_isReplacedOnlyWhenOverwriti
             bool overwrite;
             const char* before;  // an empty text is no file
             const char* after;
-            int error;
-        } kCases[] = {{false, "", "other", EEXIST},
-                      {true, "", "other", 0},
-                      {false, "", "", 0},
-                      {true, "old", "", 0}};
+            std::string refusal;
+        } kCases[] = {{false, "", "other", "made by another program"},
+                      {true, "", "other", ""},
+                      {false, "", "", ""},
+                      {true, "old", "", ""}};
         for (const auto& c : kCases) {
             const auto set = [this](const std::string& text) {
                 fs::remove(path("out"));
@@ -251,8 +251,10 @@ TEST_F(PendingFileTest, aFileThatAppearsDuringTheRun_isReplacedOnlyWhenOverwriti
             set(c.before);
             auto file = filled("out", c.overwrite);
             set(c.after);
-            EXPECT_EQ(c.error == 0 ? "" : strerror(c.error), commit(std::move(file)));
-            EXPECT_EQ((Contents{{"out", c.error == 0 ? "new" : c.after}}), contents());
+            const std::string reason = commit(std::move(file));
+            EXPECT_EQ(c.refusal.empty(), reason.empty());
+            EXPECT_THAT(reason, testing::HasSubstr(c.refusal));
+            EXPECT_EQ((Contents{{"out", c.refusal.empty() ? "new" : c.after}}), contents());
         }
     }
 }
