@@ -5,8 +5,9 @@ from __future__ import annotations
 from typing import Any, Callable, List, Mapping, Optional
 
 Progress = Callable[[int], object]
-"""Told of the progress in percent, on a thread of the library; 100 comes once, when the output is complete. It must not
-block for long. An exception cancels the job and is raised where the job was started."""
+"""Told of the progress in percent, on threads of the library or the job's thread, never two at a time; 100 comes once,
+when the output is complete. It must not block for long. An exception cancels the job and is raised where the job was
+started; at 100 it is raised although the output is complete."""
 
 
 class Receipt(Mapping[str, Any]):
@@ -29,7 +30,8 @@ class Receipt(Mapping[str, Any]):
 
     @property
     def status(self) -> str:
-        """"complete", "stopped" with a shorter file, "nothing written", "failed" or "planned"."""
+        """"complete", "stopped" with a shorter file, "nothing written", "failed" or "planned"; "already" if the output
+        of `if_missing` was there, "kept" if the input met `if_needed` and the output is a copy of it."""
         return str(self._members["status"])
 
     @property
