@@ -62,13 +62,13 @@ std::optional<Failure> JoinJob::readParts() {
                            "this is not a part; --join takes files that --section has written",
                            "not-a-part"};
         }
+        const Failure damaged{kExitUnusable, path, "the part is damaged; encode its section again",
+                              "part-damaged"};
+        if (!description->isIntact) return damaged;
         Part part{path, fd, *description, {}, 0};
         if (description->isVideo || description->isAudio) {
             const auto media = readMediaFile(fd).media;
-            if (!media || (!media->video && !media->audio)) {
-                return Failure{kExitUnusable, path, "the part is damaged; encode its section again",
-                               "part-damaged"};
-            }
+            if (!media || (!media->video && !media->audio)) return damaged;
             part.media = *media;
             part.endUs = std::max<int64_t>(description->firstUs, 0) + media->durationUs();
         } else {

@@ -2,12 +2,14 @@
 #include <fmt/format.h>
 #include <qmtranscode/job/Section.h>
 #include <qmtranscode/report/Format.h>
+#include <sha2.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace android::qmmediaeditor::cli {
 
@@ -98,7 +100,8 @@ std::string toJson(const PartDescription& d) {
                  {"damaged", d.damagedPackets},
                  {"interlaced", d.interlacedFrames},
                  {"deinterlaced", d.deinterlacedFrames},
-                 {"threads", d.threads}};
+                 {"threads", d.threads},
+                 {"digest", d.digest}};
     return dumpJsonLine(json);
 }
 
@@ -128,13 +131,42 @@ PartDescription fromJson(const Json& json) {
     d.interlacedFrames = json.at("interlaced");
     d.deinterlacedFrames = json.at("deinterlaced");
     d.threads = json.at("threads");
+    d.digest = json.at("digest");
     return d;
 }
 
-// The payload of the last box, if it has the type.
-std::string readLastBox(int fd) {
+// SHA-256 of the first bytes of a file and of the description that follows, in hexadecimal digits;
+// empty, with errno, on error.
+std::string digestOf(int fd, int64_t bytes, PartDescription description) {
+    description.digest.clear();
+    const std::string text = toJson(description);
+    SHA2_CTX context;
+    SHA256Init(&context);
+    std::vector<uint8_t> buffer(size_t{1} << 20);
+    for (int64_t at = 0; at < bytes;) {
+        const auto wanted = std::min(static_cast<int64_t>(buffer.size()), bytes - at);
+        const ssize_t size =
+            TEMP_FAILURE_RETRY(pread(fd, buffer.data(), static_cast<size_t>(wanted), at));
+        if (size == 0) errno = EIO;
+        if (size <= 0) return "";
+        SHA256Update(&context, buffer.data(), static_cast<size_t>(size));
+        at += size;
+    }
+    SHA256Update(&context, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    char digest[SHA256_DIGEST_STRING_LENGTH];
+    SHA256End(&context, digest);
+    return digest;
+}
+
+struct LastBox {
+    std::string payload;
+    int64_t offset = 0;
+};
+
+// The last box, if it has the type.
+LastBox readLastBox(int fd) {
     struct stat status {};
-    if (fstat(fd, &status) != 0) return "";
+    if (fstat(fd, &status) != 0) return {};
     uint8_t header[kHeaderBytes + 8];
     int64_t at = 0;
     while (pread(fd, header, sizeof(header), at) >= static_cast<ssize_t>(kHeaderBytes)) {
@@ -146,11 +178,11 @@ std::string readLastBox(int fd) {
             const auto bytes = static_cast<size_t>(size) - kHeaderBytes;
             std::string text(std::min(bytes, kMaxDescriptionBytes), '\0');
             const ssize_t read = pread(fd, text.data(), text.size(), at + int64_t{kHeaderBytes});
-            return read == static_cast<ssize_t>(bytes) ? text : "";
+            return read == static_cast<ssize_t>(bytes) ? LastBox{text, at} : LastBox{};
         }
         at += size;
     }
-    return "";
+    return {};
 }
 
 }  // namespace
@@ -203,7 +235,10 @@ int writeDescription(int fd, const PartDescription& description) {
         if (const int error = writeAt(fd, kFileTypeBox, sizeof(kFileTypeBox), at)) return error;
         at += static_cast<int64_t>(sizeof(kFileTypeBox));
     }
-    const std::string text = toJson(description);
+    PartDescription complete = description;
+    complete.digest = digestOf(fd, at, description);
+    if (complete.digest.empty()) return errno;
+    const std::string text = toJson(complete);
     std::string box(kHeaderBytes, '\0');
     put32(static_cast<uint32_t>(kHeaderBytes + text.size()), reinterpret_cast<uint8_t*>(&box[0]));
     memcpy(&box[4], kBoxType, sizeof(kBoxType));
@@ -212,9 +247,12 @@ int writeDescription(int fd, const PartDescription& description) {
 }
 
 std::optional<PartDescription> readDescription(int fd) {
-    const Json json = Json::parse(readLastBox(fd), nullptr, false);
+    const LastBox box = readLastBox(fd);
+    const Json json = Json::parse(box.payload, nullptr, false);
     try {
-        return fromJson(json);
+        PartDescription description = fromJson(json);
+        description.isIntact = digestOf(fd, box.offset, description) == description.digest;
+        return description;
     } catch (const Json::exception&) {
         return std::nullopt;
     }

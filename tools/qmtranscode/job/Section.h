@@ -57,6 +57,11 @@ struct PartDescription {
     int64_t interlacedFrames = 0;
     int64_t deinterlacedFrames = 0;
     int32_t threads = 0;
+    // SHA-256 of the file in front of the description and of the description without it; set by
+    // writeDescription().
+    std::string digest;
+    // Set by readDescription(): the file has that digest.
+    bool isIntact = false;
 };
 
 // Adds the box to a file that is open for writing; to an empty one, a file type box as well.
