@@ -1,4 +1,4 @@
-// What the calling thread has while the library works on it, and not afterwards.
+// The state of the calling thread while the library works on it, and which it does not keep.
 #pragma once
 
 #include <locale.h>

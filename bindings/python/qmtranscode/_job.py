@@ -82,7 +82,7 @@ class _Interrupts:
     """In the main thread: when the handler of SIGINT raises an exception in a `with` block, calls `cancel`, and raises
     the exception at the end of the block. Raised between two lines of the block, it would leave a job running.
 
-    What can be caught of the exceptions of other signal handlers goes to `keep`. `ended` is set in the block, when the
+    Exceptions of other signal handlers go to `keep` where they can be caught. `ended` is set in the block, when the
     job has ended.
     """
 
