@@ -15,8 +15,10 @@
 #include <utils/Mutex.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -192,23 +194,29 @@ int IsolatedRun::start(const std::string& program, const JobRequest& request) {
 // Until the program has closed both, also in its children. After a cancel, all of them are killed
 // if they do not end by themselves.
 void IsolatedRun::readOutput() {
-    constexpr int kPatienceMs = 10000;
-    int timeoutMs = -1;
+    using Clock = std::chrono::steady_clock;
+    constexpr auto kPatience = std::chrono::seconds(10);
+    std::optional<Clock::time_point> end;
     char buffer[4096];
     while (mOutput.read.get() >= 0 || mErrors.read.get() >= 0) {
+        int timeoutMs = -1;
+        if (end) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now());
+            if (left.count() <= 0) {
+                Mutex::Autolock lock(mLock);
+                kill(-mProgram, SIGKILL);
+                return;
+            }
+            timeoutMs = static_cast<int>(left.count());
+        }
         // poll() passes over negative descriptors.
         pollfd fds[] = {{mOutput.read.get(), POLLIN, 0},
                         {mErrors.read.get(), POLLIN, 0},
-                        {timeoutMs < 0 ? mCancelled.get() : -1, POLLIN, 0}};
+                        {end ? -1 : mCancelled.get(), POLLIN, 0}};
         const int ready = poll(fds, 3, timeoutMs);
         if (ready < 0 && errno != EINTR) return;
-        if (ready < 0) continue;
-        if (ready == 0) {
-            Mutex::Autolock lock(mLock);
-            kill(-mProgram, SIGKILL);
-            return;
-        }
-        if (fds[2].revents != 0) timeoutMs = kPatienceMs;
+        if (ready <= 0) continue;
+        if (fds[2].revents != 0) end = Clock::now() + kPatience;
         for (Pipe* const pipe : {&mOutput, &mErrors}) {
             if (fds[pipe == &mErrors ? 1 : 0].revents == 0) continue;
             const ssize_t size = read(pipe->read.get(), buffer, sizeof(buffer));

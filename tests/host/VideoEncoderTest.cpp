@@ -37,6 +37,7 @@ protected:
         format->setInt32("i-frame-interval", 2);
         HostOptions options = fastOptions();
         options.avcPreset = mPreset;
+        options.holdsAvcBitrate = mHoldsBitrate;
         mEncoder = std::make_unique<VideoEncoder>(options, mSession);
         return mEncoder->configure(format, &mBuffers);
     }
@@ -48,12 +49,14 @@ protected:
             EXPECT_GT(output.buffer->size(), 0u);
             if ((output.flags & MediaCodec::BUFFER_FLAG_CODECCONFIG) != 0) return;
             encodedUs.push_back(output.timeUs);
+            mBytes += output.buffer->size();
             if ((output.flags & MediaCodec::BUFFER_FLAG_SYNCFRAME) != 0) {
                 mKeyFramesUs.push_back(output.timeUs);
             }
         };
         for (const int64_t timeUs : timesUs) {
             EXPECT_EQ(Step::kNeedsInput, drain(mEncoder.get(), take));
+            if (mIsNoise && timeUs >= mSceneChangeUs) fillWithNoise();
             CodecInput input = inputOf(timeUs < mSceneChangeUs ? mFrame : mOtherScene, timeUs, {});
             input.lease =
                 std::shared_ptr<const void>(mFrame.data(), [this](auto*) { ++mReleased; });
@@ -64,6 +67,14 @@ protected:
         return encodedUs;
     }
 
+    // Another one each time.
+    void fillWithNoise() {
+        for (uint8_t& sample : mOtherScene) sample = static_cast<uint8_t>(mRandom());
+    }
+
+    std::mt19937 mRandom{1};
+    // Each frame of the other scene differs from the one before.
+    bool mIsNoise = false;
     Times mReportedUs;
     Times mKeyFramesUs;
     std::string mOpened;
@@ -71,6 +82,8 @@ protected:
     HostOptions mOptions;
     std::shared_ptr<SessionTimeline> mSession;
     CodecBuffers mBuffers;
+    size_t mBytes = 0;
+    bool mHoldsBitrate = false;
     size_t mReleased = 0;
     std::string mPreset = fastOptions().avcPreset;
     const std::vector<uint8_t> mFrame = std::vector<uint8_t>(64 * 48 * 3 / 2, 90);
@@ -114,8 +127,7 @@ TEST_F(VideoEncoderTest, keyFramesFollowTheLastOneAtAConstantRate) {
     const auto timeOf = [](int frame) { return int64_t{1000000} * frame / 30; };
     Times timesUs;
     for (int i = 0; i < 150; ++i) timesUs.push_back(timeOf(i));
-    std::mt19937 random(1);
-    for (uint8_t& sample : mOtherScene) sample = static_cast<uint8_t>(random());
+    fillWithNoise();
     mSceneChangeUs = timeOf(20);
     encode(timesUs);
     EXPECT_EQ((Times{0, timeOf(20), timeOf(80), timeOf(140)}), mKeyFramesUs);
@@ -127,6 +139,25 @@ TEST_F(VideoEncoderTest, keyFramesFollowTheLastOneAtAConstantRate) {
     timesUs.erase(timesUs.begin() + 40, timesUs.begin() + 90);
     encode(timesUs);
     EXPECT_EQ((Times{0, timeOf(90)}), mKeyFramesUs);
+}
+
+TEST_F(VideoEncoderTest, aHeldBitRateIsHeldWhereTheVideoBecomesDifficult) {
+    // A second of nothing, then a second of noise, which costs more than the rate allows.
+    Times timesUs;
+    for (int i = 0; i < 60; ++i) timesUs.push_back(int64_t{1000000} * i / 30);
+    mIsNoise = true;
+    mSceneChangeUs = timesUs[30];
+    size_t bytes[2] = {};
+    for (const bool isHeld : {false, true}) {
+        mBytes = 0;
+        mHoldsBitrate = isHeld;
+        ASSERT_EQ(OK, configure());
+        encode(timesUs);
+        bytes[isHeld ? 1 : 0] = mBytes;
+    }
+    constexpr size_t kBytesOfTwoSeconds = 2 * 500000 / 8;
+    EXPECT_GT(bytes[0], kBytesOfTwoSeconds);
+    EXPECT_LT(bytes[1], kBytesOfTwoSeconds);
 }
 
 TEST_F(VideoEncoderTest, sizesBeyondTheCodecsLimitsAreRefused) {

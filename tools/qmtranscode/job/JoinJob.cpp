@@ -62,12 +62,18 @@ std::optional<Failure> JoinJob::readParts() {
                            "this is not a part; --join takes files that --section has written",
                            "not-a-part"};
         }
+        if (description->readError != 0) {
+            return systemFailure(kExitFailed, path, description->readError);
+        }
         const Failure damaged{kExitUnusable, path, "the part is damaged; encode its section again",
                               "part-damaged"};
         if (!description->isIntact) return damaged;
         Part part{path, fd, *description, {}, 0};
         if (description->isVideo || description->isAudio) {
             const auto media = readMediaFile(fd).media;
+            if (const auto error = mObserver->readError()) {
+                return systemFailure(kExitFailed, path, error->error);
+            }
             if (!media || (!media->video && !media->audio)) return damaged;
             part.media = *media;
             part.endUs = std::max<int64_t>(description->firstUs, 0) + media->durationUs();
@@ -159,7 +165,7 @@ std::optional<Failure> JoinJob::join(Progress* progress) {
         return systemFailure(kExitFailed, mOptions.output, *error);
     }
     if (const auto error = mObserver->readError()) {
-        return systemFailure(kExitFailed, mParts.front().path, error->error);
+        return systemFailure(kExitFailed, "a part", error->error);
     }
     if (reason->empty() && mControl->stopRequested()) {
         return Failure{kExitStopped, mOptions.output, "stopped before the parts were joined",

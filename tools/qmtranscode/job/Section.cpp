@@ -161,15 +161,19 @@ std::string digestOf(int fd, int64_t bytes, PartDescription description) {
 struct LastBox {
     std::string payload;
     int64_t offset = 0;
+    int error = 0;  // errno, if the file could not be read
 };
 
 // The last box, if it has the type.
 LastBox readLastBox(int fd) {
     struct stat status {};
-    if (fstat(fd, &status) != 0) return {};
+    if (fstat(fd, &status) != 0) return {"", 0, errno};
     uint8_t header[kHeaderBytes + 8];
     int64_t at = 0;
-    while (pread(fd, header, sizeof(header), at) >= static_cast<ssize_t>(kHeaderBytes)) {
+    for (;;) {
+        const ssize_t got = TEMP_FAILURE_RETRY(pread(fd, header, sizeof(header), at));
+        if (got < 0) return {"", 0, errno};
+        if (got < static_cast<ssize_t>(kHeaderBytes)) break;
         auto size = static_cast<int64_t>(get(header, 4));
         const bool isFound = memcmp(header + 4, kBoxType, sizeof(kBoxType)) == 0;
         if (size == 1) size = static_cast<int64_t>(get(header + kHeaderBytes, 8));
@@ -177,8 +181,10 @@ LastBox readLastBox(int fd) {
         if (isFound && at + size == status.st_size) {
             const auto bytes = static_cast<size_t>(size) - kHeaderBytes;
             std::string text(std::min(bytes, kMaxDescriptionBytes), '\0');
-            const ssize_t read = pread(fd, text.data(), text.size(), at + int64_t{kHeaderBytes});
-            return read == static_cast<ssize_t>(bytes) ? LastBox{text, at} : LastBox{};
+            const ssize_t read = TEMP_FAILURE_RETRY(
+                pread(fd, text.data(), text.size(), at + int64_t{kHeaderBytes}));
+            if (read < 0) return {"", 0, errno};
+            return read == static_cast<ssize_t>(bytes) ? LastBox{text, at, 0} : LastBox{};
         }
         at += size;
     }
@@ -248,10 +254,15 @@ int writeDescription(int fd, const PartDescription& description) {
 
 std::optional<PartDescription> readDescription(int fd) {
     const LastBox box = readLastBox(fd);
+    PartDescription description;
+    description.readError = box.error;
+    if (box.error != 0) return description;
     const Json json = Json::parse(box.payload, nullptr, false);
     try {
-        PartDescription description = fromJson(json);
-        description.isIntact = digestOf(fd, box.offset, description) == description.digest;
+        description = fromJson(json);
+        const std::string digest = digestOf(fd, box.offset, description);
+        if (digest.empty()) description.readError = errno;
+        description.isIntact = digest == description.digest;
         return description;
     } catch (const Json::exception&) {
         return std::nullopt;

@@ -62,6 +62,8 @@ struct PartDescription {
     std::string digest;
     // Set by readDescription(): the file has that digest.
     bool isIntact = false;
+    // errno, if the file could not be read; the rest is not set then.
+    int readError = 0;
 };
 
 // Adds the box to a file that is open for writing; to an empty one, a file type box as well.
