@@ -196,14 +196,16 @@ bool PocTimestamps::isAtSequenceStart(const AVPacket& packet) const {
 
 void PocTimestamps::restart() { mLastDecodingTime = mSequenceStart = AV_NOPTS_VALUE; }
 
-ConstantFrameRate::ConstantFrameRate(FrameRate rate, int64_t tickUs)
-    : mRate(rate), mToleranceUs(tickUs + 1) {}
+ConstantFrameRate::ConstantFrameRate(FrameRate rate, int64_t tickUs, int64_t firstUs)
+    : mRate(rate), mToleranceUs(tickUs + 1), mAnchorUs(firstUs) {}
 
 int64_t ConstantFrameRate::snap(int64_t timeUs) {
-    if (!mAnchorUs.has_value()) mAnchorUs = timeUs;
-    const int64_t number = frameNumber(timeUs - *mAnchorUs, mRate);
-    const int64_t errorUs = *mAnchorUs + frameTimeUs(number, mRate) - timeUs;
-    if (std::abs(errorUs) > kMaxDriftTicks * mToleranceUs) {
+    const int64_t number = frameNumber(timeUs - mAnchorUs, mRate);
+    const int64_t errorUs = mAnchorUs + frameTimeUs(number, mRate) - timeUs;
+    // Behind a seek, much drift may lie in between.
+    const int64_t maxErrorUs = mHasFollowed ? kMaxDriftTicks * mToleranceUs : mToleranceUs;
+    mHasFollowed = true;
+    if (std::abs(errorUs) > maxErrorUs) {
         mAnchorUs = timeUs;
         return timeUs;
     }
@@ -211,7 +213,7 @@ int64_t ConstantFrameRate::snap(int64_t timeUs) {
     // move a frame too early.
     const int64_t excessUs = errorUs - std::clamp(errorUs, -mToleranceUs, mToleranceUs);
     const int64_t stepUs = std::clamp(excessUs, -kMaxDriftStepUs, kMaxDriftStepUs);
-    *mAnchorUs -= stepUs;
+    mAnchorUs -= stepUs;
     return timeUs + errorUs - stepUs;
 }
 
@@ -237,7 +239,7 @@ FrameRateEstimate estimateFrameRate(FrameTimestamps times, int64_t tickUs,
         for (const FrameRate& rate : rates) {
             if (!fits(timesUs, toleranceUs, rate)) continue;
             timing.rate = rateFor(rate);
-            timing.constantRate = ConstantFrameRate(rate, toleranceUs);
+            timing.constantRate = ConstantFrameRate(rate, toleranceUs, timesUs.front());
             return timing;
         }
     }

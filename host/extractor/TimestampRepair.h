@@ -92,20 +92,22 @@ private:
 
 class ConstantFrameRate {
 public:
-    // `tickUs` is the container's resolution, microseconds.
-    ConstantFrameRate(FrameRate rate, int64_t tickUs);
+    // `tickUs` is the container's resolution, `firstUs` the track's first timestamp; microseconds.
+    ConstantFrameRate(FrameRate rate, int64_t tickUs, int64_t firstUs);
 
     const FrameRate& rate() const { return mRate; }
 
     // The timestamp at this rate that is nearest to `timeUs`, when the difference can be the
     // container's rounding. Otherwise the stream has a break: `timeUs`, which is the new anchor.
-    // The first anchor is the first timestamp; it follows a slow drift.
+    // The first anchor is the track's first timestamp, so that a frame gets the same timestamp
+    // wherever reading starts; it follows a slow drift.
     int64_t snap(int64_t timeUs);
 
 private:
     FrameRate mRate;
     int64_t mToleranceUs;
-    std::optional<int64_t> mAnchorUs;
+    int64_t mAnchorUs;
+    bool mHasFollowed = false;
 };
 
 struct FrameRateEstimate {

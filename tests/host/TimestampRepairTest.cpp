@@ -45,7 +45,7 @@ TEST(ConstantFrameRateTest, timestampsInMillisecondsAreRestored) {
                      kMillisecondUs);
     }
     // A slightly wrong rate drifts without an early frame.
-    ConstantFrameRate constantRate({2997, 100}, kMillisecondUs);
+    ConstantFrameRate constantRate({2997, 100}, kMillisecondUs, 0);
     expectSteady(&constantRate, timesInMilliseconds(29.98, 20000), 30, kSecondUs);
 }
 
@@ -80,12 +80,24 @@ TEST(ConstantFrameRateTest, exactTimestampsDoNotChangeWhateverTheTick) {
 }
 
 TEST(ConstantFrameRateTest, aBreakSetsANewAnchor) {
-    ConstantFrameRate constantRate({30, 1}, kMillisecondUs);
+    ConstantFrameRate constantRate({30, 1}, kMillisecondUs, 0);
     EXPECT_EQ(0, constantRate.snap(0));
     EXPECT_EQ(33333, constantRate.snap(33000));
     EXPECT_EQ(1015000, constantRate.snap(1015000));
     EXPECT_EQ(1048333, constantRate.snap(1048000));
     EXPECT_EQ(1015000 - 33333, constantRate.snap(982000));
+}
+
+TEST(ConstantFrameRateTest, aFrameHasTheSameTimestampWhereverReadingStarts) {
+    ConstantFrameRate fromStart({30, 1}, kMillisecondUs, 0);
+    for (int64_t i = 0; i < 100; ++i) {
+        const int64_t timeUs = llround(static_cast<double>(i) * 1000 / 30) * kMillisecondUs;
+        ConstantFrameRate fromHere({30, 1}, kMillisecondUs, 0);
+        EXPECT_EQ(fromStart.snap(timeUs), fromHere.snap(timeUs)) << "frame " << i;
+    }
+    // The rate is so wrong that after an hour nothing of its frames' places is left.
+    ConstantFrameRate afterAnHour({2997, 100}, kMillisecondUs, 0);
+    EXPECT_EQ(3600010000, afterAnHour.snap(3600010000));
 }
 
 // Segments of 6 s that each begin at 0 again; audio lies a little behind video in time and place.
