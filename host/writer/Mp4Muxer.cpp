@@ -368,8 +368,9 @@ status_t Mp4Muxer::finish(const std::vector<uint8_t>& boxes) {
         avio_flush(io);
         if (mError == OK && mIs3gp) keep(completeMovieBox());
         if (mError == OK) keep(completeMetadata());
-        // When the movie box was put first, the position is behind that one.
-        avio_seek(io, avio_size(io), SEEK_SET);
+        // When the movie box was put first, the position is behind that one; and `io` does not know
+        // by how much completion has changed the size.
+        avio_seek(io, mOutput->sizeBytes(), SEEK_SET);
         avio_write(io, boxes.data(), static_cast<int>(boxes.size()));
     }
     avio_flush(mIo->context());
