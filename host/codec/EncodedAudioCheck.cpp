@@ -25,6 +25,8 @@ constexpr double kMinCorrelation = 0.8;
 // Periodic audio resembles itself at many offsets. The smallest one counts of those whose
 // correlation differs from the best by no more than the coding noise explains.
 constexpr double kMinUncertainty = 0.005;
+// In samples of the reduced rate. Too little audio resembles everything.
+constexpr int64_t kMinPiece = kReducedRate / 10;
 
 double sampleOf(const AVFrame& frame, int channel, int index) {
     const int channels = frame.ch_layout.nb_channels;
@@ -152,8 +154,8 @@ void EncodedAudioCheck::finish() {
     if (mHasFailed || mDecoder.sendEnd() != OK) return;
     receive();
     mOutput.extendTo(mInput.end() + mMaxOffset);
+    mHasEnded = true;
     compareWholePieces();
-    constexpr int64_t kMinPiece = kReducedRate / 10;
     const int64_t left = mInput.end() - mCompared;
     if (left >= kMinPiece) compare(mCompared, left);
 }
@@ -168,22 +170,32 @@ void EncodedAudioCheck::compare(int64_t position, int64_t samples) {
     result.outputPower =
         product(mOutput.at(position), mOutput.at(position), count) / static_cast<double>(samples);
     if (result.inputPower < kSilence * kSilence) return mObserver->onAudioChecked(result);
+    // Where the audio ends, silence follows, and codecs distort what is in front of it.
+    const int64_t until = mHasEnded ? mInput.end() - mMaxOffset : position + samples;
+    const int64_t compared = std::min(until - position, samples);
+    if (compared >= kMinPiece) result.offsetUs = offsetUs(position, static_cast<size_t>(compared));
+    mObserver->onAudioChecked(result);
+}
+
+std::optional<int64_t> EncodedAudioCheck::offsetUs(int64_t position, size_t count) const {
+    const float* const input = mInput.at(position);
+    const double energy = product(input, input, count);
     std::vector<double> correlations;
     for (int64_t offset = -mMaxOffset; offset <= mMaxOffset; ++offset) {
         const float* const output = mOutput.at(position + offset);
         const double norm = std::sqrt(energy * product(output, output, count));
-        const double sum = product(mInput.at(position), output, count);
+        const double sum = product(input, output, count);
         correlations.push_back(norm > 0 ? sum / norm : 0);
     }
     const double best = *std::max_element(correlations.begin(), correlations.end());
     const double enough = best - std::max(kMinUncertainty, 3 * (1 - best));
-    for (int64_t size = 0; best >= kMinCorrelation && !result.offsetUs; ++size) {
+    for (int64_t size = 0; best >= kMinCorrelation && size <= mMaxOffset; ++size) {
         for (const int64_t offset : {-size, size}) {
             if (correlations[static_cast<size_t>(offset + mMaxOffset)] < enough) continue;
-            result.offsetUs = offset * mFactor * kMicroseconds / mSampleRate;
+            return offset * mFactor * kMicroseconds / mSampleRate;
         }
     }
-    mObserver->onAudioChecked(result);
+    return std::nullopt;
 }
 
 }  // namespace qmmediaeditor

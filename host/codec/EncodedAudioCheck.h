@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <optional>
 #include <vector>
 
 #include "host/codec/PacketCodecs.h"
@@ -56,6 +57,8 @@ private:
     void receive();
     void compare(int64_t position, int64_t samples);
     void compareWholePieces();
+    // By which the output is late; nothing without resemblance.
+    std::optional<int64_t> offsetUs(int64_t position, size_t count) const;
     void fail(const std::string& reason);
 
     HostObserver* const mObserver;
@@ -65,6 +68,7 @@ private:
     PacketDecoder mDecoder;
     const FramePtr mDecoded;
     bool mHasFailed = false;
+    bool mHasEnded = false;
     int64_t mFirstUs = 0;
     int64_t mInputSamples = 0;
     int64_t mCompared = 0;  // position up to which the audio was compared
