@@ -87,7 +87,7 @@ public:
     // checksum of its data.
     virtual void onPacketEncoded(bool /* isVideo */, int64_t /* timeUs */,
                                  uint64_t /* checksum */) {}
-    // In the order of time. The audio is checked in pieces of a second.
+    // In timestamp order. The audio is checked in pieces of a second.
     virtual void onFrameChecked(const FrameCheck& /* frame */) {}
     virtual void onAudioChecked(const AudioCheck& /* audio */) {}
     // Why the output of an encoder cannot be checked. Other checks of this encoder do not follow.
@@ -119,7 +119,7 @@ struct TrackChoice {
     }
 };
 
-// The distance of HostOptions::audioGains, in microseconds.
+// The distance between two of HostOptions::audioGains, in microseconds.
 constexpr int64_t kAudioGainStepUs = 10000;
 
 // The metadata that an output takes over from its input: creation time, date, title, maker,

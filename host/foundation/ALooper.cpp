@@ -46,7 +46,7 @@ struct ALooper::State {
             work.pop_front();
             lock.unlock();
             next();
-            // What the work holds on to goes while the lock is free.
+            // The objects that the work owns are destroyed while the lock is free.
             next = nullptr;
             lock.lock();
         }

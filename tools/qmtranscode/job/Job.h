@@ -106,8 +106,9 @@ private:
     Failure noSamples() const;
     // A failure if a track could not be decoded at all; a line if the input has no samples of it.
     std::optional<Failure> checkTracks(const OutputContents& output) const;
-    // Prints that the output has no track of this type.
+    // Prints a warning when interlaced frames could not be deinterlaced.
     void printInterlaced() const;
+    // Prints that the output has no track of this type.
     void printMissing(const char* type, const char* reason) const;
     // Makes the images of --poster and --contact-sheet.
     std::optional<Failure> makeImages() const;

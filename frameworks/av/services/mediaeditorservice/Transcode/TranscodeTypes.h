@@ -90,7 +90,7 @@ struct TranscodeProperty {
     int32_t mVideoParam2 = 0;
 };
 
-// What the session knows of the input file.
+// Facts about the input file.
 struct FileAttribute {
     int32_t mHasAudio = 0;    // as bool: an audio track was selected
     int32_t mHasVideo = 0;    // as bool: a video track was selected

@@ -1,4 +1,4 @@
-// What a writer pulls encoded samples from.
+// The interface from which a writer pulls encoded samples.
 #pragma once
 
 #include <media/stagefright/MediaBufferBase.h>

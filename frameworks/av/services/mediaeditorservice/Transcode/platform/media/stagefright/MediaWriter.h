@@ -1,4 +1,4 @@
-// What writes a file out of tracks.
+// The interface of a writer, which makes a file of tracks.
 #pragma once
 
 #include <media/IMediaRecorderClient.h>
