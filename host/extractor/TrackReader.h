@@ -93,7 +93,7 @@ private:
     // The latest presentation timestamps that were read, rising: mTrack.reorderDepth + 1 of them.
     std::vector<int64_t> mLatestTimesUs;
     // For video without a container.
-    std::optional<RawVideoClock> mRawClock;
+    std::optional<RawVideoTimestamps> mRawTimestamps;
     // For a container with frame numbers only.
     std::optional<AviTimestamps> mAviTimestamps;
     // For video in a container that states decoding times alone.
