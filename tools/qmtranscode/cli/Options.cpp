@@ -41,7 +41,6 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-constexpr int32_t kMaxFrameRate = 240;
 constexpr int32_t kMinSampleRate = 7350;
 constexpr int32_t kMaxThreads = 64;
 constexpr int32_t kMaxJobs = 64;

@@ -66,6 +66,8 @@ private:
     void makePlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
+    // For Options::part: chooses it, and tells the parent process how many there are.
+    std::optional<Failure> choosePart();
     // Restricts the request to one part of the output.
     std::optional<Failure> prepareSection();
     // The text that is equal for the parts of one output.
@@ -131,8 +133,6 @@ private:
     RunControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
-    // For Options::part: chooses it, and tells the parent process how many there are.
-    std::optional<Failure> choosePart();
 
     KeptPeriods mKept;
     Progress::Span mSpan;
