@@ -132,8 +132,8 @@ struct VideoEncoder::Settings {
     int32_t keyFrameSeconds = 1;
     int32_t profileBit = 0;
     int32_t levelBit = 0;
-    double frameRate = 0;  // frames a second
-    int64_t bitRate = 0;   // bits a second
+    double frameRate = 0;  // frames per second
+    int64_t bitRate = 0;   // bits per second
 };
 
 VideoEncoder::VideoEncoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session)
