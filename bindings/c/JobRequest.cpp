@@ -152,7 +152,7 @@ void refuseUnsupported(const Json& request, bool isolates) {
             throw Refusal{refused(path, "not a regular file")};
         }
     }
-    // These take several processes, or the log of the process.
+    // These options need several processes, or the log of the process.
     for (const char* const key :
          {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
         if (!isolates && request.contains(key)) {

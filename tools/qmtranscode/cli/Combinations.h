@@ -11,7 +11,7 @@
 
 namespace android::qmmediaeditor::cli {
 
-// Options that are right by themselves, but not together.
+// Checks of the options against each other. Each of them is valid by itself.
 class Combinations {
 public:
     using ByName = std::map<std::string, const CLI::Option*>;
