@@ -191,8 +191,8 @@ int IsolatedRun::start(const std::string& program, const JobRequest& request) {
     return error;
 }
 
-// Until the program has closed both, also in its children. After a cancel, all of them are killed
-// if they do not end by themselves.
+// Reads until the program and its children have closed both streams. After a cancel, they are
+// killed if they do not end by themselves.
 void IsolatedRun::readOutput() {
     using Clock = std::chrono::steady_clock;
     constexpr auto kPatience = std::chrono::seconds(10);

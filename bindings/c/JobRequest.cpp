@@ -34,8 +34,8 @@ std::string shown(const Json& value) {
     return text.size() <= kMaxBytes ? text : text.substr(0, kMaxBytes) + "…";
 }
 
-// Whether objects and lists are nested deeper than in any request. What reads JSON by recursion
-// needs as much of the stack.
+// Whether objects and lists are nested deeper than in any request. The parser works by recursion,
+// so that deep nesting would exhaust the stack.
 bool isTooDeep(const std::string& json) {
     constexpr int kMaxDepth = 8;
     int depth = 0;

@@ -389,7 +389,7 @@ status_t Mp4Muxer::completeMovieBox() {
     return mOutput->makeReadable() ? completeMovie(mOutput.get(), h263LevelFor(demand)) : OK;
 }
 
-// libavformat reads the samples back to put the movie box in front of them.
+// libavformat reads the samples again to put the movie box in front of them.
 int Mp4Muxer::openWritten(AVFormatContext* context, AVIOContext** io, const char*, int flags,
                           AVDictionary**) {
     auto* self = static_cast<Mp4Muxer*>(context->opaque);
