@@ -171,7 +171,7 @@ struct HostOptions {
     // Except with kAll, the extractor does not report uuid boxes whose XMP has a location either.
     MetadataPolicy metadata = MetadataPolicy::kWithoutLocation;
     // Turns frames that are marked as interlaced into progressive ones, one for the two fields of
-    // each. libavfilter, which does this, is loaded from the system's library folders when the
+    // each. libavfilter, which does this, is loaded from the system's library directories when the
     // first interlaced frame arrives.
     bool deinterlace = true;
     // Decodes what the encoders make and compares it with their input; the observer gets the

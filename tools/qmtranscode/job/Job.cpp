@@ -300,8 +300,8 @@ int32_t Job::transcode(Progress* progress) {
     }
     if (mMonitor != nullptr) mMonitor->end();
     mStatistics = mObserver->statistics();
-    // Verification needs memory for the tables of long tracks once more. After a short run,
-    // returning freed memory to the system takes more time than it saves memory.
+    // Verification needs memory for the tables of long tracks once more, so that freed memory goes
+    // back to the system before. After a short run that is not worth its time.
     constexpr int64_t kLongUs = 300000000;
     if (outputLengthUs(mKept, mInput.media()) > kLongUs) malloc_trim(0);
     mWallSeconds = secondsOf(nowUs() - startUs);
