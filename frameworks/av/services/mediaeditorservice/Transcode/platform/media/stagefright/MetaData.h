@@ -1,4 +1,4 @@
-// Values by four-character key: what travels with a file, a track or a single buffer.
+// Values by four-character key, which describe a file, a track or a single buffer.
 #pragma once
 
 #include <stddef.h>
