@@ -208,7 +208,7 @@ void configureProcess(const ProcessOptions& options);
 
 // A platform for sessions with these options: the argument of TranscodeComponent::create, or of
 // Platform::install. Any number of sessions may use it at once; each keeps what it needs, so that
-// the host may let go of it. A session does not probe an input again that an extractor of this
+// the host may release it. A session does not probe an input again that an extractor of this
 // platform, or of `predecessor`, has opened without reading its samples; `predecessor` is a host
 // platform or null.
 std::shared_ptr<Platform> createHostPlatform(const HostOptions& options,

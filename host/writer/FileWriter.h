@@ -13,7 +13,7 @@ namespace android {
 namespace qmmediaeditor {
 
 // A writer on a duplicate of `fd`, which must be open for writing and seekable. When it cannot be
-// duplicated, start() says so. Tracks may stay empty: the file is closed properly however the run
+// duplicated, start() fails. Tracks may stay empty: the file is closed properly however the run
 // ended. `session` may be null.
 sp<MediaWriter> createFileWriter(int fd, const HostOptions& options,
                                  const std::shared_ptr<SessionTimeline>& session = nullptr);

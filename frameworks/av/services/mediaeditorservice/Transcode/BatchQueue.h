@@ -81,7 +81,7 @@ public:
     const Sample& head() const REQUIRES(mLock) { return *mSamples.begin(); }
 
     // Consumer: takes the oldest sample. The last of a batch wakes the producer, which runs when
-    // the consumer lets go of the lock.
+    // the consumer releases the lock.
     Sample pop() REQUIRES(mLock) {
         Sample sample = *mSamples.begin();
         mSamples.erase(mSamples.begin());

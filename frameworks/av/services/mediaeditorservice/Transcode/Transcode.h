@@ -63,7 +63,7 @@ public:
     Transcode(TranscodeProperty* property, const sp<Surface>& surface);
     virtual ~Transcode();
 
-    // Opens writer and extractor, selects the tracks, creates their decoders and works out what to
+    // Opens writer and extractor, selects the tracks, creates their decoders and determines what to
     // encode. Once. 0, or what went wrong; in either case the host's output descriptor is closed
     // and TranscodeProperty::mOutputFd is -1.
     int32_t createModule();

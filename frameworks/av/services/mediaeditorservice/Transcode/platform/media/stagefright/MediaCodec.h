@@ -50,7 +50,7 @@ public:
 
     // Ends the work; every buffer operation fails from then on. Waiting dequeues return at once.
     virtual status_t stop() = 0;
-    // Lets go of everything. May be called in any state, more than once.
+    // Releases everything. May be called in any state, more than once.
     virtual status_t release() = 0;
 
     // 0 with an index that the caller then owns until it queues it; -EAGAIN when `timeoutUs`
