@@ -1,4 +1,4 @@
-# What is installed, and the Debian packages that are made of it: one to use the command, one to
+# The installed files, and the Debian packages that are made of them: one to use the command, one to
 # build with the libraries, and one for Python.
 include(CMakePackageConfigHelpers)
 

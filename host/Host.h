@@ -87,7 +87,7 @@ public:
     // checksum of its data.
     virtual void onPacketEncoded(bool /* isVideo */, int64_t /* timeUs */,
                                  uint64_t /* checksum */) {}
-    // In the order of time. The audio is checked in pieces of a second.
+    // In timestamp order. The audio is checked in pieces of a second.
     virtual void onFrameChecked(const FrameCheck& /* frame */) {}
     virtual void onAudioChecked(const AudioCheck& /* audio */) {}
     // Why the output of an encoder cannot be checked. Other checks of this encoder do not follow.
@@ -119,7 +119,7 @@ struct TrackChoice {
     }
 };
 
-// The distance of HostOptions::audioGains, in microseconds.
+// The distance between two of HostOptions::audioGains, in microseconds.
 constexpr int64_t kAudioGainStepUs = 10000;
 
 // The metadata that an output takes over from its input: creation time, date, title, maker,
@@ -171,7 +171,7 @@ struct HostOptions {
     // Except with kAll, the extractor does not report uuid boxes whose XMP has a location either.
     MetadataPolicy metadata = MetadataPolicy::kWithoutLocation;
     // Turns frames that are marked as interlaced into progressive ones, one for the two fields of
-    // each. libavfilter, which does this, is loaded from the system's library folders when the
+    // each. libavfilter, which does this, is loaded from the system's library directories when the
     // first interlaced frame arrives.
     bool deinterlace = true;
     // Decodes what the encoders make and compares it with their input; the observer gets the
@@ -208,7 +208,7 @@ void configureProcess(const ProcessOptions& options);
 
 // A platform for sessions with these options: the argument of TranscodeComponent::create, or of
 // Platform::install. Any number of sessions may use it at once; each keeps what it needs, so that
-// the host may let go of it. A session does not probe an input again that an extractor of this
+// the host may release it. A session does not probe an input again that an extractor of this
 // platform, or of `predecessor`, has opened without reading its samples; `predecessor` is a host
 // platform or null.
 std::shared_ptr<Platform> createHostPlatform(const HostOptions& options,

@@ -67,7 +67,7 @@ public:
         const std::shared_ptr<SessionTimeline> timeline = session();
         if (!encoder) {
             return new HostMediaCodec(
-                looper, std::move(backend), nullptr, [timeline] { timeline->noteLoss(); },
+                looper, std::move(backend), nullptr, [timeline] { timeline->reportLoss(); },
                 observeOutputs(isVideo));
         }
         timeline->encoderStarted(isVideo);

@@ -147,8 +147,8 @@ void IsolatedRun::cancel() {
     eventfd_write(mCancelled.get(), 1);
 }
 
-// The program has neither the signal mask nor the descriptors of this process, and a group of its
-// own, so that Ctrl-C reaches this process only, which cancels the job if it wants to.
+// The program has neither the signal mask nor the descriptors of this process. It has a process
+// group of its own, so that Ctrl-C reaches this process only, which may cancel the job.
 int IsolatedRun::start(const std::string& program, const JobRequest& request) {
     if (!mOutput.open() || !mErrors.open()) return errno;
     mCancelled.set(eventfd(0, EFD_CLOEXEC));
@@ -191,8 +191,8 @@ int IsolatedRun::start(const std::string& program, const JobRequest& request) {
     return error;
 }
 
-// Until the program has closed both, also in its children. After a cancel, all of them are killed
-// if they do not end by themselves.
+// Reads until the program and its children have closed both streams. After a cancel, they are
+// killed if they do not end by themselves.
 void IsolatedRun::readOutput() {
     using Clock = std::chrono::steady_clock;
     constexpr auto kPatience = std::chrono::seconds(10);
@@ -292,7 +292,7 @@ JobEnd IsolatedRun::conclude(const std::string& program, int status, const cli::
     }
     JobEnd end;
     end.status = object["exit"].get<int>();
-    // This one runs the job as it was run, when it is used again.
+    // The caller's request in place of the program's, so that it runs the same job when used again.
     object["request"] = nlohmann::ordered_json::parse(options.request);
     end.receipt = cli::dumpJson(object);
     const auto error = object.find("error");

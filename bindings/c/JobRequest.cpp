@@ -34,8 +34,8 @@ std::string shown(const Json& value) {
     return text.size() <= kMaxBytes ? text : text.substr(0, kMaxBytes) + "…";
 }
 
-// Whether objects and lists are nested deeper than in any request. What reads JSON by recursion
-// needs as much of the stack.
+// Whether objects and lists are nested deeper than in any request. The parser works by recursion,
+// so that deep nesting would exhaust the stack.
 bool isTooDeep(const std::string& json) {
     constexpr int kMaxDepth = 8;
     int depth = 0;
@@ -152,7 +152,7 @@ void refuseUnsupported(const Json& request, bool isolates) {
             throw Refusal{refused(path, "not a regular file")};
         }
     }
-    // These take several processes, or the log of the process.
+    // These options need several processes, or the log of the process.
     for (const char* const key :
          {"contact-sheet", "jobs", "join", "plan", "poster", "split", "trace"}) {
         if (!isolates && request.contains(key)) {

@@ -52,7 +52,7 @@ private:
     int32_t mLastPercent GUARDED_BY(mProgressLock) = -1;
 };
 
-// Of the process, for lack of anything narrower.
+// The usage of the whole process, because there is none of the threads of a job alone.
 cli::Usage processUsage() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -74,8 +74,8 @@ std::string warningsOf(const std::string& lines) {
     return warnings;
 }
 
-// Keeps the numbers of the standard streams from the files of a job, where the process has closed
-// them: what libraries print would go there.
+// Occupies the numbers of standard streams that the process has closed. A file of the job could get
+// such a number, and messages of libraries would be written into it.
 class StandardStreams {
 public:
     StandardStreams() {

@@ -47,10 +47,10 @@ private:
     void place(int64_t startFrame);
     // Removes from mPcm what follows the end of the track.
     void dropPadding();
-    // Adds silence to the output; sets mRefused instead when it exceeds the limit.
-    // Of silence, when the reader has reached `positionUs`.
+    // Silence that is due when the reader has reached `positionUs`, in sample frames.
     int64_t framesMissing(int64_t positionUs) const;
     int64_t framesMissingAtEnd() const;
+    // Adds silence to the output; sets mRefused instead when it exceeds the limit.
     void addSilence(int64_t frames);
     Step produceChunk(CodecOutput* output);
 

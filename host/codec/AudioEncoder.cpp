@@ -23,7 +23,7 @@ namespace qmmediaeditor {
 namespace {
 
 constexpr char kLogTag[] = "AudioEncoder";
-// Decoded audio arrives in short buffers: these hold at least an eighth of a second.
+// Decoded audio arrives in buffers of 256 samples or more: these hold 0.17 s of it at 48 kHz.
 constexpr size_t kInputCount = 32;
 constexpr size_t kOutputCount = 64;
 // A buffer of the decoder at the highest sample rate that it can be converted to.

@@ -40,8 +40,8 @@ bool isFar(const std::vector<double>& differences, double step) {
            });
 }
 
-// Whether an area of the frame is that of another input, from which it has the differences
-// `others`.
+// Whether an area of the frame is closer to another input than to its own one. `others` and `own`
+// are the differences of the areas from these two.
 bool isCloser(const std::vector<double>& others, const std::vector<double>& own, double step) {
     for (size_t i = 0; step > 0 && i < own.size(); ++i) {
         const bool isFarFromOwn = own[i] > kMaxStepsOfMotion * step + kMaxRoundingOfMotion;

@@ -2,8 +2,8 @@
 // input. It keeps the frames that are inside the encoder and the decoder, and no others.
 //
 // The encoder's quantizer limits how far a decoded frame can be from its input, so that a frame
-// beyond this limit is another frame, or damaged. A frame of the wrong time is closer to the input
-// before or after it.
+// beyond this limit is another frame, or damaged. A frame with a wrong timestamp is closer to the
+// input before or after it.
 #pragma once
 
 #include <host/Host.h>

@@ -112,7 +112,7 @@ bool SessionTimeline::isComplete(bool isVideo) const {
     return mEncoders[isVideo ? 1 : 0] != Encoder::kStarted;
 }
 
-void SessionTimeline::noteLoss() {
+void SessionTimeline::reportLoss() {
     Mutex::Autolock lock(mLock);
     mHasLoss = true;
 }

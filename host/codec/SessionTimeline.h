@@ -65,7 +65,7 @@ public:
     bool isComplete(bool isVideo) const;
 
     // For a decoder that cannot go on: frames or audio of the input are missing from here on.
-    void noteLoss();
+    void reportLoss();
     // For the writer: the output may be valid, but it is not whole.
     bool hasLoss() const;
 

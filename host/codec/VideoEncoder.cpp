@@ -132,8 +132,8 @@ struct VideoEncoder::Settings {
     int32_t keyFrameSeconds = 1;
     int32_t profileBit = 0;
     int32_t levelBit = 0;
-    double frameRate = 0;  // frames a second
-    int64_t bitRate = 0;   // bits a second
+    double frameRate = 0;  // frames per second
+    int64_t bitRate = 0;   // bits per second
 };
 
 VideoEncoder::VideoEncoder(const HostOptions& options, std::shared_ptr<SessionTimeline> session)
@@ -291,7 +291,8 @@ bool VideoEncoder::setAvcOptions(const Settings& settings, AVDictionary** option
     std::string parameters = "cpu-independent=1:sliced-threads=1:threads=" + std::to_string(slices);
     // The stream then says that its frame rate is constant.
     if (inputRate(settings)) parameters += ":force-cfr=1";
-    // The quality decides, so that no slice has to correct the plan of its frame before that.
+    // With constant quality, x264 must not change the quantizer within a frame before the buffer of
+    // the max bit rate requires it.
     if (hasConstantQuality()) parameters += ":ratetol=1000";
     set = set && av_dict_set(options, "x264-params", parameters.c_str(), 0) >= 0;
     if (hasConstantQuality()) {
@@ -326,9 +327,9 @@ int64_t VideoEncoder::timeOf(int64_t pts) {
     return timeUs;
 }
 
-// The encoder's own interval counts frames, and from its last key frame, which may be one of its
-// own where the scene changes. It is no measure of time where frames are missing, and at a variable
-// rate.
+// The encoder's own interval is not enough, because it counts frames: they do not measure time
+// where frames are missing and at a variable rate. It begins again at each key frame, also at one
+// that the encoder inserts where the scene changes.
 bool VideoEncoder::isKeyFrameDue(int64_t timeUs) {
     // Timestamps are rounded to microseconds.
     constexpr int64_t kRoundingUs = 2;

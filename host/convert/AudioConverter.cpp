@@ -28,8 +28,9 @@ int32_t sampleOf24Bits(const unsigned char* bytes) {
     return static_cast<int32_t>(sample);
 }
 
-// A mix for channels without known places, such as the microphones of a recorder: each output
-// channel is the mean of as many input channels as the others. A row for each output channel.
+// A mix for channels without known places, such as the microphones of a recorder: the input
+// channels are divided evenly among the output channels, each of which is the mean of its share. A
+// row for each output channel.
 std::vector<double> evenMix(int inChannels, int outChannels) {
     const auto columns = static_cast<size_t>(inChannels);
     const auto rows = static_cast<size_t>(outChannels);

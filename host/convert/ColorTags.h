@@ -1,4 +1,4 @@
-// The color tags of frames and tracks (ITU-T H.273). FFmpeg passes on what a file states, which
+// The colour tags of frames and tracks (ITU-T H.273). FFmpeg passes on what a file states, which
 // need not be a value of the enumeration; to read such a value as one is undefined.
 #pragma once
 

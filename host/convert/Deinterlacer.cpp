@@ -14,7 +14,7 @@ namespace qmmediaeditor {
 
 namespace {
 
-// More threads wait for each other longer than they work.
+// With more threads, bwdif takes no less time, because they wait for each other.
 constexpr int kMaxThreads = 4;
 // The filter reads several rows above and below, also of subsampled planes.
 constexpr int kMinSide = 16;

@@ -42,7 +42,8 @@ public:
         FramePtr frame;  // null when another frame has to be added first
         bool wasDeinterlaced = false;
     };
-    // As many frames come out as were added, in their order, with their timestamps and durations.
+    // As many frames come out as were added, in the same order, with their timestamps and
+    // durations.
     Output take();
 
     // Frames were added that have not come out.

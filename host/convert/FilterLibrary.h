@@ -1,6 +1,6 @@
 // libavfilter, which few runs need: it is loaded at the first use, with the libraries that it needs
 // itself. A process without the right to open files can still read it in the system's library
-// folders. Any thread.
+// directories. Any thread.
 #pragma once
 
 #include <string>

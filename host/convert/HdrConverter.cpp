@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kMaxCode = 1023;
 constexpr int kNeutral = 512;
-// Of an interpolated chroma sample, and of an index in the table of light, per code.
+// Steps per code: of an interpolated chroma sample, and of an index in the table of light.
 constexpr int kChromaSteps = 32;
 constexpr int kLightSteps = 16;
 // Codes beyond the nominal range that the table of light covers; from there on it is flat.

@@ -19,8 +19,8 @@ public:
     enum class ProbeDepth {
         kHeader,
         kSamples,        // only the header; timestamps are those of the samples, without edit lists
-        kStreams,        // with what the first packets of each stream add to the header
-        kHeaderIfEnough  // without that where headerIsEnough()
+        kStreams,        // the header and the first packets of each stream
+        kHeaderIfEnough  // as kHeader where headerIsEnough(), else as kStreams
     };
 
     struct Opened {

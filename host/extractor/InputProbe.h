@@ -42,10 +42,10 @@ struct TrackInfo {
     // How far before a seek's target decoding has to begin.
     int64_t prerollUs = 0;
     size_t maxSampleBytes = 0;
-    // Where the container states it: when the track ends, on the file's own time line,
-    // and the decoding time of its last sample, in the stream's time base, where an index has it.
-    // The duration that libavformat gives the last sample is off by what an edit list moves, means
-    // little where frames are reordered, and is the default of the track in Matroska.
+    // Where the container states it: the end of the track in the file's own timestamps, and the
+    // decoding timestamp of its last sample, in the stream's time base, where an index has it.
+    // libavformat's duration of the last sample is not used. It is wrong behind an edit list and
+    // for reordered frames, and in Matroska it is the default of the track.
     struct Ending {
         std::optional<int64_t> lastDts;
         int64_t endUs;

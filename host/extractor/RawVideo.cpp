@@ -30,7 +30,7 @@ int64_t defaultFrameTicks(const AVStream& stream) {
 
 }  // namespace
 
-void RawVideoClock::stamp(AVPacket* packet) {
+void RawVideoTimestamps::stamp(AVPacket* packet) {
     if (packet->duration <= 0) packet->duration = mFrameTicks;
     packet->dts = mNextDts;
     packet->pts = AV_NOPTS_VALUE;
@@ -42,13 +42,13 @@ RawVideoIndex::Made RawVideoIndex::make(const std::shared_ptr<const DescriptorFi
     if (opened.demuxer == nullptr) return {nullptr, opened.status};
     const AVStream& stream = *opened.demuxer->context().streams[0];
     std::shared_ptr<RawVideoIndex> index(new RawVideoIndex);
-    RawVideoClock clock(defaultFrameTicks(stream));
+    RawVideoTimestamps timestamps(defaultFrameTicks(stream));
     PocTimestamps pocTimestamps(*stream.codecpar);
     PacketPtr packet(av_packet_alloc());
     if (packet == nullptr) return {nullptr, NO_MEMORY};
     status_t status = OK;
     while ((status = opened.demuxer->readPacket(stream.index, packet.get())) == OK) {
-        clock.stamp(packet.get());
+        timestamps.stamp(packet.get());
         if (index->mFirstTimes.size() < kFirstTimes) index->mFirstTimes.push_back(packet->dts);
         pocTimestamps.presentationTime(*packet);
         if (index->mFrameTicks == 0) {
@@ -61,7 +61,7 @@ RawVideoIndex::Made RawVideoIndex::make(const std::shared_ptr<const DescriptorFi
         index->mKeyFrames.push_back({packet->dts, packet->pos});
     }
     if (status != ERROR_END_OF_STREAM) return {nullptr, status};
-    index->mDurationTicks = clock.nextDts();
+    index->mDurationTicks = timestamps.nextDts();
     return {index, OK};
 }
 

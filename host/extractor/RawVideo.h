@@ -19,10 +19,10 @@ namespace android {
 namespace qmmediaeditor {
 
 // Counts decoding timestamps. One thread at a time.
-class RawVideoClock {
+class RawVideoTimestamps {
 public:
     // `frameTicks` is the duration of a packet that states none.
-    explicit RawVideoClock(int64_t frameTicks) : mFrameTicks(frameTicks) {}
+    explicit RawVideoTimestamps(int64_t frameTicks) : mFrameTicks(frameTicks) {}
 
     // The next packet has this decoding timestamp.
     void restart(int64_t dts) { mNextDts = dts; }

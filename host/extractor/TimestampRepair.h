@@ -89,7 +89,6 @@ private:
 // A container that counts in milliseconds has timestamps 33 and 34 ms apart for 30 frames per
 // second, and the component drops a frame that is a little too early for the announced rate. So the
 // timestamps of constant-rate video are restored to their values before the container rounded them.
-
 class ConstantFrameRate {
 public:
     // `tickUs` is the container's resolution, `firstUs` the track's first timestamp; microseconds.
@@ -100,7 +99,7 @@ public:
     // The timestamp at this rate that is nearest to `timeUs`, when the difference can be the
     // container's rounding. Otherwise the stream has a break: `timeUs`, which is the new anchor.
     // The first anchor is the track's first timestamp, so that a frame gets the same timestamp
-    // wherever reading starts; it follows a slow drift.
+    // wherever reading starts. The anchor follows a slow drift.
     int64_t snap(int64_t timeUs);
 
 private:

@@ -190,7 +190,7 @@ bool setCodecConfig(const AVCodecParameters& parameters, const sp<AMessage>& for
 }
 
 // Whether decoded frames are what encoders get: 8 bit, 4:2:0, of standard dynamic range, and with
-// square samples.
+// square pixels.
 bool hasOutputFrames(AVFormatContext& context, AVStream& stream) {
     const AVCodecParameters& parameters = *stream.codecpar;
     const AVRational aspect = av_guess_sample_aspect_ratio(&context, &stream, nullptr);

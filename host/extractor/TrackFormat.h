@@ -23,13 +23,7 @@ struct TrackProperties {
     double averageFrameRate = 0;
 };
 
-// "mime", "durationUs", "max-input-size", and of what is known: "bitrate", the codec-specific data,
-// and
-//   video: "width" and "height" with square pixels, "frame-rate", "average-frame-rate" (float;
-//   where the rate varies), "frame-rate-numerator" and "frame-rate-denominator" (int64; where it is
-//   constant), "rotation-degrees" (clockwise, when not 0),
-//          "android._is-hdr" (1 for PQ and HLG);
-//   audio: "sample-rate", "channel-count", "bits-per-sample" (of the decoded audio: 16).
+// The message with the keys of docs/messages.md ("A track"), except "language" and "track-source".
 // Null when memory is short.
 sp<AMessage> makeTrackFormat(AVFormatContext& context, AVStream& stream,
                              const TrackProperties& properties);

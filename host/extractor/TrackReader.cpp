@@ -37,14 +37,14 @@ TrackReader::TrackReader(const std::shared_ptr<const DescriptorFile>& file, cons
       mPacket(av_packet_alloc()),
       mPocTimestamps(track.source->parameters(),
                      track.rawIndex == nullptr ? 0 : track.rawIndex->frameTicks()) {
-    if (track.rawIndex != nullptr) mRawClock.emplace(track.rawIndex->frameTicks());
+    if (track.rawIndex != nullptr) mRawTimestamps.emplace(track.rawIndex->frameTicks());
 }
 
 TrackReader::~TrackReader() = default;
 
 status_t TrackReader::reopen() {
     forgetPosition();
-    if (mRawClock) mRawClock->restart(0);
+    if (mRawTimestamps) mRawTimestamps->restart(0);
     mAtStart = true;
     mEnded = true;
     Demuxer::Opened opened = Demuxer::open(mFile, Demuxer::ProbeDepth::kHeaderIfEnough);
@@ -127,7 +127,7 @@ bool TrackReader::readHead() {
     if (mEnded) return false;
     mAtStart = false;
     while ((mStatus = mDemuxer->readPacket(mTrack.streamIndex, mPacket.get())) == OK) {
-        if (mRawClock) mRawClock->stamp(mPacket.get());
+        if (mRawTimestamps) mRawTimestamps->stamp(mPacket.get());
         if (mAviTimestamps) {
             mAviTimestamps->correct(*mDemuxer->context().streams[mTrack.streamIndex],
                                     mPacket.get());
@@ -230,7 +230,7 @@ void TrackReader::seekRawVideo(int64_t timeUs) {
         forgetPosition();
         if (point &&
             av_seek_frame(&context, stream.index, point->position, AVSEEK_FLAG_BYTE) >= 0) {
-            mRawClock->restart(point->dts);
+            mRawTimestamps->restart(point->dts);
             mAtStart = mEnded = false;
             mStatus = OK;
             return;

@@ -36,7 +36,7 @@ public:
     // No sample from the head on is shown before this timestamp. For audio, it is the presentation
     // timestamp of the head.
     int64_t orderTimeUs() const { return mOrderTimeUs; }
-    // Side data, flags and times of the head, in microseconds and less `originUs`, for its decoder.
+    // Side data, flags and timestamps of the head for its decoder, in microseconds from `originUs`.
     // Null when memory is short.
     PacketPtr headProperties(int64_t originUs) const;
     // Of the head; 0 when it is not known.
@@ -93,7 +93,7 @@ private:
     // The latest presentation timestamps that were read, rising: mTrack.reorderDepth + 1 of them.
     std::vector<int64_t> mLatestTimesUs;
     // For video without a container.
-    std::optional<RawVideoClock> mRawClock;
+    std::optional<RawVideoTimestamps> mRawTimestamps;
     // For a container with frame numbers only.
     std::optional<AviTimestamps> mAviTimestamps;
     // For video in a container that states decoding times alone.

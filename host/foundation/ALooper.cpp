@@ -14,8 +14,8 @@ namespace android {
 
 namespace {
 
-// Sets the calling thread's nice value to `priority`, but never below the value that it inherited,
-// because a process that was started with a low priority must keep it, as root too.
+// Sets the calling thread's nice value to `priority`, but never below the value that the thread
+// inherited. A process that was started with a low priority must keep it, also as root.
 void lowerPriority(int32_t priority) {
     const auto thread = static_cast<id_t>(gettid());
     if (priority > getpriority(PRIO_PROCESS, thread)) {
@@ -46,7 +46,7 @@ struct ALooper::State {
             work.pop_front();
             lock.unlock();
             next();
-            // What the work holds on to goes while the lock is free.
+            // The objects that the work owns are destroyed while the lock is free.
             next = nullptr;
             lock.lock();
         }

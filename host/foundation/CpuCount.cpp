@@ -21,18 +21,18 @@ int roundUp(int64_t quota, int64_t period) {
     return static_cast<int>(std::min<int64_t>((quota - 1) / period + 1, INT32_MAX));
 }
 
-int quotaOfVersion2(const std::string& folder) {
+int quotaOfVersion2(const std::string& directory) {
     int64_t quota = 0;
     int64_t period = 0;
-    std::ifstream(folder + "/cpu.max") >> quota >> period;
+    std::ifstream(directory + "/cpu.max") >> quota >> period;
     return roundUp(quota, period);
 }
 
-int quotaOfVersion1(const std::string& folder) {
+int quotaOfVersion1(const std::string& directory) {
     int64_t quota = 0;
     int64_t period = 0;
-    std::ifstream(folder + "/cpu.cfs_quota_us") >> quota;
-    std::ifstream(folder + "/cpu.cfs_period_us") >> period;
+    std::ifstream(directory + "/cpu.cfs_quota_us") >> quota;
+    std::ifstream(directory + "/cpu.cfs_period_us") >> period;
     return roundUp(quota, period);
 }
 

@@ -8,8 +8,8 @@ namespace qmmediaeditor {
 
 // CPUs that the quotas of a process's control groups and of their ancestors allow, rounded up; 0
 // without a quota. `membership` is the file that names the groups, in the form of
-// /proc/self/cgroup, and `root` the folder that the hierarchies are mounted at: that of version 2
-// itself, and those of version 1 in folders named after their controllers.
+// /proc/self/cgroup, and `root` the directory that the hierarchies are mounted at: that of version
+// 2 itself, and those of version 1 in directories named after their controllers.
 int cpuQuota(const std::string& membership, const std::string& root);
 
 // The minimum of the affinity mask and the CPU quota; at least 1.

@@ -97,8 +97,8 @@ status_t FileWriter::start(MetaData* params) {
     if (mFile == nullptr) return NO_INIT;
     if (const status_t result = startSources(); result != OK) return result;
     mState = State::kStarted;
-    // Formats come from the input and from the request, and the client takes a writer that does not
-    // start for its own mistake: it hears of an unusable format as it hears of a full disk.
+    // An unusable format is reported like a full disk, because formats come from the input and the
+    // request. A result other than OK would mean a mistake of the client, which then aborts.
     mStartResult = begin(params);
     if (mStartResult == OK) {
         startTracks();

@@ -13,14 +13,14 @@ namespace android {
 namespace qmmediaeditor {
 
 // A writer on a duplicate of `fd`, which must be open for writing and seekable. When it cannot be
-// duplicated, start() says so. Tracks may stay empty: the file is closed properly however the run
+// duplicated, start() fails. Tracks may stay empty: the file is closed properly however the run
 // ended. `session` may be null.
 sp<MediaWriter> createFileWriter(int fd, const HostOptions& options,
                                  const std::shared_ptr<SessionTimeline>& session = nullptr);
 
 // Before `writer`, made by createFileWriter, is stopped. `data` is one uuid box's 16-byte type and
-// payload, or several whole boxes, as UuidBox.h says, and is copied. Less than a type, or null,
-// means no box.
+// payload, or several whole boxes, as TopLevelBoxes::uuidData in IsoBoxes.h, and is copied. Less
+// than a type, or null, means no box.
 void setWriterUuidData(const sp<MediaWriter>& writer, const unsigned char* data, int size);
 
 }  // namespace qmmediaeditor

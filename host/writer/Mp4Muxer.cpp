@@ -255,8 +255,8 @@ void Mp4Muxer::startTimestamps(Track* track) {
     const AVRational tick = track->stream->time_base;
     const int64_t ticksPerSecond = tick.den / std::max(tick.num, 1);
     const int frameRate = track->frameRate > 0 ? track->frameRate : kDefaultFrameRate;
-    track->clock = std::make_unique<TrackTimestamps>(ticksPerSecond, track->parameters->frame_size,
-                                                     ticksPerSecond / frameRate);
+    track->timestamps = std::make_unique<TrackTimestamps>(
+        ticksPerSecond, track->parameters->frame_size, ticksPerSecond / frameRate);
 }
 
 status_t Mp4Muxer::setCodecConfig(size_t index, const uint8_t* data, size_t size) {
@@ -278,7 +278,7 @@ status_t Mp4Muxer::writeSample(size_t index, const uint8_t* data, size_t size, i
     if (!track.hasSamples && observer() != nullptr) {
         observer()->onTrackStart(isVideo(*track.parameters), timeUs);
     }
-    const TrackTimestamps::Stamp stamp = track.clock->stamp(timeUs);
+    const TrackTimestamps::Stamp stamp = track.timestamps->stamp(timeUs);
     PacketPtr packet(av_packet_alloc());
     if (packet == nullptr || av_new_packet(packet.get(), static_cast<int>(size)) < 0) {
         return keep(NO_MEMORY);
@@ -328,8 +328,8 @@ void Mp4Muxer::endAt(size_t index, int64_t endUs) {
         AVPacket& packet = *last->packet;
         // libavformat takes a track that ends less than a tick of the movie behind its priming for
         // one that lasts for ever.
-        const int64_t minTicks = track.clock->ticksAt(2 * kSecondUs / kMovieTicksPerSecond);
-        const int64_t endTicks = std::max(track.clock->ticksAt(endUs), minTicks);
+        const int64_t minTicks = track.timestamps->ticksAt(2 * kSecondUs / kMovieTicksPerSecond);
+        const int64_t endTicks = std::max(track.timestamps->ticksAt(endUs), minTicks);
         const int64_t ticks = std::max<int64_t>(endTicks - packet.dts, 1);
         if (isVideo(*track.parameters) || ticks + kRoundingTicks < packet.duration) {
             packet.duration = ticks;
@@ -390,7 +390,7 @@ status_t Mp4Muxer::completeMovieBox() {
     return mOutput->makeReadable() ? completeMovie(mOutput.get(), h263LevelFor(demand)) : OK;
 }
 
-// libavformat reads the samples back to put the movie box in front of them.
+// libavformat reads the samples again to put the movie box in front of them.
 int Mp4Muxer::openWritten(AVFormatContext* context, AVIOContext** io, const char*, int flags,
                           AVDictionary**) {
     auto* self = static_cast<Mp4Muxer*>(context->opaque);

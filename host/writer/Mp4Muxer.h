@@ -61,7 +61,7 @@ private:
         CodecParametersPtr parameters;
         AVStream* stream = nullptr;
         int frameRate = 0;
-        std::unique_ptr<TrackTimestamps> clock;
+        std::unique_ptr<TrackTimestamps> timestamps;
         bool hasSamples = false;
         int64_t lastTimeUs = 0;
     };

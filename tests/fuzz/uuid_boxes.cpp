@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<uint8_t> made = makeUuidBoxes(boxes.uuidData.data(), boxes.uuidData.size());
     if (made.empty()) return 0;
 
-    // What goes into a file comes out of it again.
+    // The boxes that go into a file come out of it again.
     const MemoryFile written(made.data(), made.size());
     const auto again =
         DescriptorFile::openForReading(written.fd(), 0, static_cast<int64_t>(made.size())).file;

@@ -31,7 +31,7 @@ protected:
         if (mProperty.mInputFd >= 0) close(mProperty.mInputFd);
     }
 
-    // The platform is let go of before process() uses it.
+    // The platform is released before process() uses it.
     int32_t run() {
         mComponent->create(&mProperty, createHostPlatform(HostOptions()));
         return mComponent->process();

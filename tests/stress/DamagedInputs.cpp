@@ -31,7 +31,7 @@ class Damage {
 public:
     explicit Damage(uint64_t seed) : mRandom(seed) {}
 
-    // What was done.
+    // Returns a description of the damage.
     std::string apply(Bytes* bytes) {
         switch (below(4)) {
             case 0:

@@ -24,7 +24,8 @@ namespace {
 
 constexpr size_t kWorkers = 4;
 constexpr size_t kWarmUpRuns = 78;
-// What the allocators of threads that come and go keep. A leak on the heap shows in its own count.
+// The allocators of threads that come and go keep this much. A leak on the heap shows in its own
+// count.
 constexpr size_t kToleranceBytes = (24 << 20) * kSlowness;
 
 // Of a stop when sessions run one after the other.

@@ -94,7 +94,7 @@ inline uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
 // "" when every packet of the file decodes, else what ffmpeg says about it.
 std::string complaintsAbout(const std::string& path);
 
-// What a session must leave in its process as it was.
+// The resources of the process that a session must leave as they were.
 struct Footprint {
     size_t threads;
     size_t descriptors;

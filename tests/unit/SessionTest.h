@@ -22,7 +22,7 @@ constexpr const char* kAvc = "video/avc";
 constexpr size_t kPcmBytes = 192;    // a millisecond at 48000 Hz, two channels, 16 bits
 constexpr size_t kFrameBytes = 384;  // 16x16 pixels, 4:2:0
 constexpr int64_t kAudioStepUs = 1000;
-constexpr int64_t kVideoStepUs = 40000;  // above the 33333 of 30 frames a second
+constexpr int64_t kVideoStepUs = 40000;  // above the 33333 of 30 frames per second
 
 class SessionTest : public ::testing::Test {
 protected:

@@ -47,8 +47,8 @@ struct PartReport {
     std::optional<size_t> parts;
 };
 
-// The same before there is a worker, with the object of the run, which goes to `report` unless that
-// is null. `request` is JSON.
+// For a failure before there is a worker: as failed(), and with the object of the run, which goes
+// to `report` unless that is null. `request` is JSON.
 int failedEarly(const cli::Failure& failure, const char* stage, bool printsObject,
                 const std::string& request, PartReport* report = nullptr) {
     if (printsObject) {
@@ -67,7 +67,7 @@ int failedEarly(const cli::Failure& failure, const char* stage, bool printsObjec
     return failed(failure);
 }
 
-// The same without allocating.
+// As failedEarly(), for a lack of memory. Does not allocate.
 int failedWithoutMemory(bool printsObject) {
     constexpr std::string_view kObject =
         "{\n  \"status\": \"failed\",\n  \"exit\": 1,\n  \"error\": {\n    \"code\": \"ENOMEM\",\n"

@@ -57,7 +57,8 @@ struct Size {
 struct Request {
     /** Path of the input, a regular file; UTF-8. */
     std::string input;
-    /** Path of the output; it appears there when it is complete. UTF-8. Empty with "split". */
+    /** Path of the output, UTF-8; the file appears there when it is complete. Empty where `options`
+     * has "split". */
     std::string output;
     /** Replace an existing output. */
     bool overwrite = false;
@@ -76,7 +77,7 @@ struct Request {
     std::optional<int> frameRate;
     /** Constant quality of AVC: 1 (best) to 51. */
     std::optional<int> quality;
-    /** Bits per second on average; with `quality` at most. */
+    /** Average bits per second; where `quality` has a value, the max. */
     std::optional<std::int64_t> videoBitrate;
     /** "avc", "h263" or "mpeg4". */
     std::optional<std::string> videoCodec;
@@ -85,12 +86,13 @@ struct Request {
 
     /** Bits per second. */
     std::optional<std::int64_t> audioBitrate;
-    /** Hz. */
+    /** Sample rate in Hz, 7350 to 96000. */
     std::optional<int> audioRate;
+    /** Number of channels, 1 to 8. */
     std::optional<int> audioChannels;
     /** "aac", "amr-nb" or "amr-wb". */
     std::optional<std::string> audioCodec;
-    /** Counted from 1. */
+    /** Number of the audio track, counted from 1. */
     std::optional<int> audioTrack;
     /** Integrated loudness by EBU R 128, in LUFS. */
     std::optional<double> loudness;
@@ -110,8 +112,8 @@ struct Request {
     bool isolate = false;
 
     /**
-     * Other options of the command: name without dashes, and value; empty for an option without.
-     * One that is a member here, or comes twice, is an Error.
+     * Other options of the command: the name without dashes, and the value, which is empty for an
+     * option without one. A name that is a member of Request, or comes twice, is an Error.
      */
     std::vector<std::pair<std::string, std::string>> options;
 };
@@ -277,7 +279,7 @@ public:
         check(qmt_job_new(detail::toJson(request).c_str(), &mJob));
     }
 
-    /** Must not be called while run() is, which the destruction of any object must not. */
+    /** Frees the job. The caller ensures that run() has returned. */
     ~Transcoder() { qmt_job_free(mJob); }
 
     Transcoder(const Transcoder&) = delete;

@@ -87,7 +87,7 @@ typedef enum qmt_status {
     QMT_USED = -4,
     /** The job has not run yet, so that there is no receipt. */
     QMT_NOT_RUN = -5,
-    /** There is not enough memory for the call. */
+    /** There is not enough memory for the call. Any function may return it. */
     QMT_NO_MEMORY = -6
 } qmt_status;
 
@@ -134,7 +134,7 @@ qmt_status qmt_configure_process(uint32_t settings);
  *
  * @param request the request; copied.
  * @param job set to the job, or to 0 on error.
- * @return QMT_OK; QMT_USAGE with qmt_error_text(), QMT_INVALID_ARGUMENT or QMT_NO_MEMORY.
+ * @return QMT_OK; QMT_USAGE with qmt_error_text(), or QMT_INVALID_ARGUMENT.
  */
 qmt_status qmt_job_new(const char* request, qmt_job* job);
 
@@ -178,7 +178,8 @@ qmt_status qmt_job_free(qmt_job job);
 
 /**
  * One line on the last call of this thread that did not return QMT_OK: what was wrong, and what
- * would work. Valid until the thread's next call that fails; "" if none has. Not null.
+ * would work. Valid until the thread's next call that fails. "" if none has failed, and after
+ * QMT_NO_MEMORY. Not null.
  */
 const char* qmt_error_text(void);
 

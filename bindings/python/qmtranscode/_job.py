@@ -11,14 +11,19 @@ import signal
 import threading
 from typing import Any, Callable, Dict, Optional, Sequence, Tuple, Type, Union
 
-from ._library import OK, PROGRESS, STOPPED, UNUSABLE, USAGE, library
+from ._library import FAILED, OK, PROGRESS, STOPPED, UNUSABLE, USAGE, library
 from ._types import Error, InvalidJob, InvalidRequest, JobFailed, JobStopped, Progress, Receipt, UnusableInput
 
 Path = Union[str, "os.PathLike[str]"]
 Period = Tuple[float, Optional[float]]
 Size = Tuple[int, int]
 
-_CLASSES: Dict[int, Type[Error]] = {USAGE: InvalidRequest, UNUSABLE: UnusableInput, STOPPED: JobStopped, 1: JobFailed}
+_CLASSES: Dict[int, Type[Error]] = {
+    FAILED: JobFailed,
+    USAGE: InvalidRequest,
+    UNUSABLE: UnusableInput,
+    STOPPED: JobStopped,
+}
 
 
 def version() -> str:

@@ -87,4 +87,4 @@ class JobStopped(Error):
 
 
 class InvalidJob(Error, RuntimeError):
-    """A job that runs or has run, or was closed."""
+    """A job that runs or has run, or was closed; also a lack of memory for a call of the library."""

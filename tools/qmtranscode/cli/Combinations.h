@@ -1,3 +1,4 @@
+// Checks of the options against each other. Each of them is valid by itself.
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>
@@ -11,7 +12,6 @@
 
 namespace android::qmmediaeditor::cli {
 
-// Options that are right by themselves, but not together.
 class Combinations {
 public:
     using ByName = std::map<std::string, const CLI::Option*>;

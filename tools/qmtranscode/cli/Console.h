@@ -64,8 +64,8 @@ size_t makePrintable(char* text, size_t size, LineBreaks breaks);
 // The width of UTF-8 text on a terminal.
 int columnsOf(const std::string& text);
 
-// Marks the text as the colored part of the bar, unless NO_COLOR is set or the terminal has no
-// colors.
+// Marks the text as the coloured part of the bar, unless NO_COLOR is set or the terminal has no
+// colours.
 std::string green(const std::string& text);
 
 }  // namespace android::qmmediaeditor::cli::console

@@ -5,8 +5,8 @@
 
 namespace android::qmmediaeditor::cli {
 
-// Why the pattern names no files; empty if it does. It has one %d, with a width if it likes, and %%
-// stands for a percent sign.
+// Why the pattern names no files; empty if it does. A pattern has one %d, which may have a width,
+// and %% stands for a percent sign.
 std::string checkNamePattern(const std::string& pattern);
 
 // For a pattern that checkNamePattern() accepts.

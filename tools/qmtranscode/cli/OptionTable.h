@@ -9,7 +9,7 @@
 
 namespace android::qmmediaeditor::cli {
 
-// At most 80 columns and 70 lines.
+// At most 80 columns.
 std::string helpText(const std::vector<OptionText>& options);
 
 // `text` with each @NAME@ of these replaced: OPTIONS_MAN (man macros), OPTIONS_TABLE (Markdown),

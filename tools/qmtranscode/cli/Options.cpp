@@ -41,7 +41,6 @@ namespace android::qmmediaeditor::cli {
 
 namespace {
 
-constexpr int32_t kMaxFrameRate = 240;
 constexpr int32_t kMinSampleRate = 7350;
 constexpr int32_t kMaxThreads = 64;
 constexpr int32_t kMaxJobs = 64;
@@ -184,8 +183,8 @@ void CommandLine::define() {
              supportedSizesText(VideoCodec::kH263) + ".", wordsOf(videoCodecs()));
     app.add_option("--deinterlace", o.deinterlace)->transform(oneOf(kDeinterlaceChoices));
     describe("--deinterlace", "CHOICE", "deinterlace marked frames: auto (the default) or off",
-             "One frame is made of the two fields of each, by libavfilter's bwdif. Without "
-             "libavfilter, frames keep their fields, with a warning.",
+             "libavfilter's bwdif makes one progressive frame of the two fields of an interlaced "
+             "one. Without libavfilter, frames keep their fields, with a warning.",
              wordsOf(kDeinterlaceChoices));
 
     app.add_flag("--no-video", o.noVideo);
@@ -215,8 +214,8 @@ void CommandLine::define() {
              "Samples beyond full scale are clipped.");
     app.add_option("--loudness", o.loudness)->transform(level("LUFS", kMinLoudness, kMaxLoudness));
     describe("--loudness", "LUFS", "integrated loudness of the output, such as -16",
-             "As EBU R 128 defines it. The input's audio is decoded once more to measure it, and "
-             "peaks are limited to -1 dBTP before the audio is encoded.");
+             "It is measured by EBU R 128, for which the input's audio is decoded once more. Peaks "
+             "are limited to -1 dBTP before the audio is encoded.");
 
     mGroup = "Output file";
     app.add_option("--format", o.format)->transform(oneOf(fileFormats()));
@@ -247,7 +246,8 @@ void CommandLine::define() {
     app.add_flag("--overwrite", o.overwrite);
     describe("--overwrite", "", "replace OUTPUT if it exists");
     app.add_option("--poster", o.poster)->check(namePattern());
-    describe("--poster", "PATTERN", "write the first frame of each period, such as p-%02d.jpg");
+    describe("--poster", "PATTERN",
+             "write the first frame of each period as JPEG, such as p-%02d.jpg");
     app.add_option("--contact-sheet", o.contactSheet);
     describe(
         "--contact-sheet", "FILE", "write a JPEG of the frames before and after each cut",
@@ -260,13 +260,14 @@ void CommandLine::define() {
              "The reasons for which it is encoded are in the JSON object.");
     app.add_option("--max-bytes", o.maxBytes)->transform(bytes());
     describe("--max-bytes", "SIZE", "max size of OUTPUT, such as 25M; sets the bit rate",
-             "The run is repeated at most twice when the size is exceeded.");
+             "The run is repeated at most twice, when the output is too large or much smaller than "
+             "it may be.");
     app.add_option("--partial", o.keepPartial)->transform(oneOf(kPartialChoices));
     describe("--partial", "CHOICE", "keep or discard the shorter file after a stop; default keep",
              "", wordsOf(kPartialChoices));
 
     app.add_flag("--verify", o.verify);
-    describe("--verify", "", "decode the output and compare it with the source",
+    describe("--verify", "", "decode the output and compare it with the encoders' input",
              "The receipt then has the mean and the worst structural similarity (SSIM) of the "
              "frames, and the level and the offset of the audio. An output with a wrong frame, or "
              "with audio that is more than 20 ms early or late, is not kept.");

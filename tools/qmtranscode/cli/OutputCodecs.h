@@ -28,6 +28,10 @@ struct Size {
     int32_t height;
 };
 
+// The smallest width and height of an output.
+constexpr int32_t kMinSide = 2;
+// In frames per second.
+constexpr int32_t kMaxFrameRate = 240;
 constexpr int32_t kMaxAacChannels = kAacMaxChannels;
 constexpr int32_t kMaxAacSampleRate = kAacSampleRates[0];
 

@@ -13,9 +13,6 @@
 
 namespace android::qmmediaeditor::cli {
 
-// The smallest width and height of an output.
-constexpr int32_t kMinSide = 2;
-
 template <typename T>
 std::vector<std::string> wordsOf(const Choices<T>& choices) {
     std::vector<std::string> words;

@@ -252,7 +252,7 @@ std::optional<Failure> Job::plan() {
     return writeReceipt(planJson(mOptions, mInput, mKept, std::get<DryRun>(result)));
 }
 
-// Without a bar, the time goes into measuring.
+// `progress` is null for a run that only measures.
 void Job::showProgress(int32_t percent, Progress* progress) {
     if (mMonitor != nullptr) mMonitor->onProgress(percent);
     if (progress == nullptr) return;
@@ -300,8 +300,8 @@ int32_t Job::transcode(Progress* progress) {
     }
     if (mMonitor != nullptr) mMonitor->end();
     mStatistics = mObserver->statistics();
-    // Verification needs as much memory for the tables of long tracks again. For a short run,
-    // giving it back takes longer than it is worth.
+    // Verification needs memory for the tables of long tracks once more, so that freed memory goes
+    // back to the system before. After a short run that is not worth its time.
     constexpr int64_t kLongUs = 300000000;
     if (outputLengthUs(mKept, mInput.media()) > kLongUs) malloc_trim(0);
     mWallSeconds = secondsOf(nowUs() - startUs);

@@ -66,6 +66,8 @@ private:
     void makePlatform();
     // Refuses what can be refused before anything is written.
     std::optional<Failure> prepare();
+    // For Options::part: chooses it, and tells the parent process how many there are.
+    std::optional<Failure> choosePart();
     // Restricts the request to one part of the output.
     std::optional<Failure> prepareSection();
     // The text that is equal for the parts of one output.
@@ -106,8 +108,9 @@ private:
     Failure noSamples() const;
     // A failure if a track could not be decoded at all; a line if the input has no samples of it.
     std::optional<Failure> checkTracks(const OutputContents& output) const;
-    // Prints that the output has no track of this type.
+    // Prints a warning when interlaced frames could not be deinterlaced.
     void printInterlaced() const;
+    // Prints that the output has no track of this type.
     void printMissing(const char* type, const char* reason) const;
     // Makes the images of --poster and --contact-sheet.
     std::optional<Failure> makeImages() const;
@@ -130,8 +133,6 @@ private:
     RunControl* const mControl;
     RunMonitor* const mMonitor;
     RunObserver* const mObserver;
-    // For Options::part: chooses it, and tells the parent process how many there are.
-    std::optional<Failure> choosePart();
 
     KeptPeriods mKept;
     Progress::Span mSpan;

@@ -175,7 +175,7 @@ std::optional<Failure> JoinJob::join(Progress* progress) {
                    reason->empty() ? "the file could not be finished" : *reason, "part-damaged"};
 }
 
-// Against what the parts say that they have.
+// Compares the output with the descriptions of the parts.
 std::optional<Failure> JoinJob::verify(const OutputContents& contents) const {
     const auto failed = [this](const std::string& reason) {
         return Failure{kExitFailed, mOptions.output, "output verification failed: " + reason,
@@ -227,7 +227,7 @@ Receipt JoinJob::makeReceipt() const {
     receipt.input = mOptions.jobs > 1 ? mOptions.input : mParts.front().description.input;
     receipt.output = mOptions.output;
     receipt.sections = mParts.front().description.section.count;
-    // The parts do not tell them.
+    // The descriptions of the parts have no periods.
     receipt.statistics.periods.clear();
     receipt.wallSeconds = mWallSeconds;
     for (const Part& part : mParts) {

@@ -39,7 +39,7 @@ struct VideoTrack {
     std::string language;         // ISO 639-2/T; empty if unknown
     double averageFrameRate = 0;  // frames per second
     bool isInterlaced = false;
-    // 8 bit, 4:2:0, of standard dynamic range, with square samples.
+    // 8 bit, 4:2:0, of standard dynamic range, with square pixels.
     bool hasOutputFrames = false;
 };
 

@@ -18,8 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Of all jobs of a process that replace a file at the same moment, and the parts of an output with
-// --jobs.
+// The hidden names of a process at one moment: those of all jobs that replace a file, and those of
+// the sections of --jobs.
 constexpr size_t kMaxHiddenNames = 136;
 
 // The path that symbolic links lead to, whether there is a file or not. Nothing for a loop.

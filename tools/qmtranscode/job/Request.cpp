@@ -102,7 +102,6 @@ std::optional<Failure> setVideoKeys(const Options& options, const MediaFile& inp
                        "unsupported-size"};
     }
     constexpr int32_t kDefaultFrameRate = 30;
-    constexpr int32_t kMaxFrameRate = 240;
     const int32_t inputRate =
         input.video->frameRate > 0 ? input.video->frameRate : kDefaultFrameRate;
     format->setInt32("video-width", size.width);
@@ -135,7 +134,6 @@ void setAudioKeys(const Options& options, const MediaFile& input, const sp<AMess
 // Whether the default codecs can have the frame size of the input's video, and the sample rate and
 // the channels of its audio.
 bool canKeepFormat(const MediaFile& input) {
-    constexpr int32_t kMinSide = 2;
     if (input.video && std::min(input.video->width, input.video->height) < kMinSide) return false;
     if (!input.audio) return true;
     const int32_t rate = input.audio->sampleRate;

@@ -1,4 +1,4 @@
-// How a run is stopped, and whom it tells what it does.
+// Requests to stop a run, and the reports of its stage and its progress.
 #pragma once
 
 #include <stddef.h>

@@ -30,7 +30,7 @@ double keyFrameDistanceUs(const Options& options, const KeptPeriods& kept,
     double frameUs = rate > 0 ? kSecondUs / rate : 0;
     const int32_t maxRate = options.frameRate.value_or(0);
     if (maxRate > 0 && maxRate < video.frameRate) {
-        // Which frames are dropped follows from the first one.
+        // The first frame of each period determines which frames are dropped.
         if (rate <= 0 || kept.actual.size() > 1) return 0;
         const int64_t minUs = 1000000 / maxRate;
         frameUs *= std::ceil(static_cast<double>(minUs) / frameUs - 1e-3);
@@ -181,8 +181,8 @@ LastBox readLastBox(int fd) {
         if (isFound && at + size == status.st_size) {
             const auto bytes = static_cast<size_t>(size) - kHeaderBytes;
             std::string text(std::min(bytes, kMaxDescriptionBytes), '\0');
-            const ssize_t read = TEMP_FAILURE_RETRY(
-                pread(fd, text.data(), text.size(), at + int64_t{kHeaderBytes}));
+            const ssize_t read =
+                TEMP_FAILURE_RETRY(pread(fd, text.data(), text.size(), at + int64_t{kHeaderBytes}));
             if (read < 0) return {"", 0, errno};
             return read == static_cast<ssize_t>(bytes) ? LastBox{text, at, 0} : LastBox{};
         }

@@ -1,9 +1,9 @@
 // Parts of an output that are encoded apart, on other machines or at the same time.
 //
 // The audio is a part of its own, because encoded audio cannot be cut without a gap. The video is
-// cut on the output's time line. Each of its parts begins with a key frame; in front of that one,
-// its file has two seconds more, which bring the encoder's rate control to where it is in a single
-// run. They are left out when the parts are joined.
+// cut on the output's time line, and each of its parts begins with a key frame. The file of a part
+// begins two seconds before that frame, so that the encoder's rate control has the same state as in
+// a single run. These two seconds are left out when the parts are joined.
 #pragma once
 
 #include <qmtranscode/cli/Failure.h>

@@ -18,19 +18,19 @@ void TraceFile::begin() {
         if (fd >= 0) close(fd);
         return;
     }
-    noteError(fputs("[", mStream));
+    keepError(fputs("[", mStream));
     write("M", getpid(), {{"name", "process_name"}, {"args", {{"name", "qmtranscode"}}}});
 }
 
 int TraceFile::end() {
     if (mStream == nullptr) return mError;
-    noteError(fputs("\n]\n", mStream));
-    noteError(fclose(mStream));
+    keepError(fputs("\n]\n", mStream));
+    keepError(fclose(mStream));
     mStream = nullptr;
     return mError;
 }
 
-void TraceFile::noteError(int result) {
+void TraceFile::keepError(int result) {
     if (result < 0 && mError == 0) mError = errno;
 }
 
@@ -62,7 +62,7 @@ void TraceFile::write(const char* phase, pid_t thread, const Json& members) {
     Json event = {{"ph", phase}, {"pid", getpid()}, {"tid", thread}};
     event.update(members);
     const std::string line = (mIsFirst ? "\n" : ",\n") + dumpJsonLine(event);
-    noteError(fputs(line.c_str(), mStream));
+    keepError(fputs(line.c_str(), mStream));
     mIsFirst = false;
 }
 

@@ -35,7 +35,7 @@ private:
     void write(const char* phase, pid_t thread, const Json& members);
 
     // errno of the first failed write; later ones may have another reason, or none.
-    void noteError(int result);
+    void keepError(int result);
 
     const PendingFile& mFile;
     FILE* mStream = nullptr;

@@ -1,4 +1,4 @@
-// What a job would do, and why, before it is done.
+// The plan of a job: each value of the output and where it comes from.
 #pragma once
 
 #include <qmtranscode/cli/Options.h>

@@ -346,7 +346,7 @@ int Supervisor::endNow() {
 
 int Supervisor::conclude() {
     mErrors.removeBar();
-    // Not longer, because a finished output must not wait for a terminal to get its name.
+    // A short time, because a finished output must not wait for a terminal to get its name.
     flush(kLastLineMs);
     // A sanitizer changes the status of a worker that has given its result.
     const bool isWell =

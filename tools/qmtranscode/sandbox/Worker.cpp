@@ -109,7 +109,7 @@ void qmtranscodeRunWorker(const Options& options, JobFiles* files, const WorkerL
         mallopt(M_TRIM_THRESHOLD, 256 << 20);
     }
     // The session waits in steps of 0.5 ms, and each step that finds nothing costs two switches of
-    // threads. What a thread waits for still wakes it at once.
+    // threads. A signalled condition still wakes its thread at once.
     constexpr unsigned long kTimerSlackNs = 1000000;
     prctl(PR_SET_TIMERSLACK, kTimerSlackNs, 0, 0, 0);
     console::useLink(&link, &shared->columns);

@@ -32,7 +32,7 @@ enum class Message : char {
     kPrintState = 'e',
     // To the worker that joins sections.
     kSectionsPercent = 'q',  // their progress, as kPercent
-    kSectionsEnded = 'd',    // they are complete, or as far as a stop let them come
+    kSectionsEnded = 'd',    // they are complete, or were stopped
 };
 
 constexpr char kGreenBegin = 1;

@@ -23,11 +23,11 @@ namespace qmmediaeditor {
 template <class Sample>
 class BatchQueue {
 public:
-    // How late a producer with a stop test sees that it says yes.
+    // The interval at which a waiting producer calls its stop test.
     static constexpr nsecs_t kStopPollNs = milliseconds_to_nanoseconds(50);
 
-    // Refers to members of the source that the queue belongs to. `stopped` is set for
-    // good before wakeBoth() is called.
+    // Refers to members of the source that the queue belongs to. `stopped` is set before
+    // wakeBoth() is called, and never cleared.
     BatchQueue(Mutex& lock, List<Sample>& samples, Condition& available, Condition& returned,
                const RelaxedAtomic<bool>& stopped)
         : mLock(lock),
@@ -43,8 +43,8 @@ public:
     size_t size() const REQUIRES(mLock) { return mSamples.size(); }
 
     // Producer: queues `sample`. With more than `bound` samples it then wakes the consumer, calls
-    // `onFull(count)`, and sleeps until the queue is empty or stopped, or until `stopTest`, which
-    // wakes nobody and may be null, says yes.
+    // `onFull(count)`, and sleeps until the queue is empty or stopped, or until `stopTest` returns
+    // true. `stopTest` may be null; it is polled every kStopPollNs.
     template <typename OnFull>
     void push(const Sample& sample, size_t bound, const OnFull& onFull,
               const std::function<bool()>& stopTest = nullptr) REQUIRES(mLock) {
@@ -81,7 +81,7 @@ public:
     const Sample& head() const REQUIRES(mLock) { return *mSamples.begin(); }
 
     // Consumer: takes the oldest sample. The last of a batch wakes the producer, which runs when
-    // the consumer lets go of the lock.
+    // the consumer releases the lock.
     Sample pop() REQUIRES(mLock) {
         Sample sample = *mSamples.begin();
         mSamples.erase(mSamples.begin());
@@ -89,11 +89,11 @@ public:
         return sample;
     }
 
-    // Consumer: has a sleeping producer look at the queue again.
+    // Consumer: wakes a sleeping producer, which checks the queue again.
     void wakeProducer() REQUIRES(mLock) { mReturned.signal(); }
 
-    // Has both sides look at their flags again. The lock is taken so that neither falls asleep
-    // between its look at a flag and the wake-up.
+    // Wakes both sides, which check their flags again. The lock is taken so that neither side
+    // falls asleep between its check of a flag and the wake-up.
     void wakeBoth() EXCLUDES(mLock) {
         Mutex::Autolock guard(mLock);
         mAvailable.broadcast();

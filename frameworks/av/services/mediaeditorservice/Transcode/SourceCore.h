@@ -50,8 +50,9 @@ public:
     SourceCore(const char* tag, SourceMembers& members, bool oneEndMarker);
     ~SourceCore() { delete m.mGroup; }
 
-    // Tells whether the session ends: a push of a decoded sample that waits for room gives up soon
-    // after it does. Called on the session's thread only. Before the first push.
+    // `test` returns true when the session ends; a push of a decoded sample that waits for room
+    // then returns within BatchQueue::kStopPollNs. It is called on the session's thread only. To be
+    // set before the first push.
     void setStopTest(std::function<bool()> test) { mStopTest = std::move(test); }
 
     status_t start();
@@ -90,7 +91,7 @@ public:
     // Writer's thread: read() of the sources. `stamp` writes the metadata of the writer's buffer.
     status_t read(MediaBufferBase** out,
                   const std::function<void(const TEncodedSample&, MetaDataBase&)>& stamp);
-    // Has a reader look at the source again.
+    // Wakes a reader, which checks the source again.
     void wakeReader() { mEncoded.wakeBoth(); }
     // The writer has released `buffer`. Any thread.
     void signalBufferReturned(MediaBufferBase* buffer);

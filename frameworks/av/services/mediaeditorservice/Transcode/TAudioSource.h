@@ -41,7 +41,7 @@ public:
         mCore.signalBufferReturned(buffer);
     }
 
-    // Lets go of the encoder thread.
+    // Releases the encoder thread.
     void stopThread();
 
     // Encoder's output loop only. 0, -1011 (stopped) or -22 (no buffer). Blocks while a whole batch

@@ -1,4 +1,4 @@
-// What the audio and the video source have in common: the writer pulls encoded samples out of them,
+// The interface of the audio and the video source: the writer pulls encoded samples out of them,
 // the session pushes decoded ones in.
 #pragma once
 

@@ -31,7 +31,7 @@ class TranscodeListener;
 
 class QM_EXPORT Transcode {
 public:
-    // What a selected track's decoder is doing.
+    // The state of a selected track's decoder.
     struct CodecState {
         RelaxedAtomic<bool> mSawInputEOS{false};   // written by the input reader
         RelaxedAtomic<bool> mSawOutputEOS{false};  // written by the main loop
@@ -63,13 +63,13 @@ public:
     Transcode(TranscodeProperty* property, const sp<Surface>& surface);
     virtual ~Transcode();
 
-    // Opens writer and extractor, selects the tracks, creates their decoders and works out what to
+    // Opens writer and extractor, selects the tracks, creates their decoders and determines what to
     // encode. Once. 0, or what went wrong; in either case the host's output descriptor is closed
     // and TranscodeProperty::mOutputFd is -1.
     int32_t createModule();
 
-    // Runs the whole transcoding on the calling thread. Once, after createModule(). 0, or any of
-    // TranscodeErrors.h but kNoResource. After it has returned, no thread reads the input any more.
+    // Runs the whole transcoding on the calling thread. Once, after createModule(). 0, or a result
+    // of a session (TranscodeErrors.h). After it has returned, no thread reads the input any more.
     int32_t doTranscode();
 
     // Raises the stop flag and returns. Any thread.

@@ -34,7 +34,7 @@ int32_t TranscodeComponent::create(void* property, std::shared_ptr<Platform> pla
 int32_t TranscodeComponent::process() noexcept {
     QM_LOGD(kTag, "call process");
     // A second run would use descriptors that the first one has closed, and a stop flag, an end of
-    // stream and decoders that are spent.
+    // stream and decoders that are used up.
     if (mTranscode == nullptr || mUsed.exchange(true)) return kInvalidRequest;
     mProcessing = true;
     const Platform::Scope scope(mPlatform);

@@ -21,17 +21,16 @@ namespace qmmediaeditor {
 class Platform;
 class Transcode;
 
-// create(), destory() and clearHandler() must not be called while process() runs, not from its
-// progress callback either: each of them aborts the process then.
+// Runs one session after the other.
 class QM_EXPORT TranscodeComponent : public RefBase {
 public:
     TranscodeComponent();
 
     // Starts afresh with `property`, a TranscodeProperty*, which must outlive the session. With
-    // null there is no session, and process() returns kInvalidRequest. Does not block. 0.
+    // null there is no session, and process() returns kInvalidRequest. Does not block. Returns 0.
     // The session works on the platform that Platform::install() has made the process's.
     virtual int32_t create(void* property);
-    // The same on a platform of the session's own, which the session keeps: the host may let go of
+    // The same on a platform of the session's own, which the session keeps: the host may release
     // it at once. Sessions of different platforms run side by side.
     int32_t create(void* property, std::shared_ptr<Platform> platform);
 
@@ -43,12 +42,12 @@ public:
     virtual int32_t process() noexcept;
 
     // Makes process() return kStopped soon, with the file closed after what was written; before
-    // process(), makes it stop at its beginning. Any thread, at any time between create() and
-    // destory(), not at the same time as these two; without a session it has no effect. Does not
-    // block. 0.
+    // process(), makes it stop at its beginning. Any thread may call it between create() and
+    // destory(), but not at the same time as these two. Without a session it has no effect. Does
+    // not block. Returns 0.
     virtual int32_t cancel();
 
-    // Ends the session and frees it; blocks until its threads have ended. 0.
+    // Ends the session and frees it; blocks until its threads have ended. Returns 0.
     virtual int32_t destory();
 
     // As destory().

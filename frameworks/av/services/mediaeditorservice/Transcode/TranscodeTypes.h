@@ -90,7 +90,7 @@ struct TranscodeProperty {
     int32_t mVideoParam2 = 0;
 };
 
-// What the session knows of the input file.
+// Facts about the input file.
 struct FileAttribute {
     int32_t mHasAudio = 0;    // as bool: an audio track was selected
     int32_t mHasVideo = 0;    // as bool: a video track was selected
@@ -101,7 +101,7 @@ struct FileAttribute {
 // The audio to make (upper half) and what the decoder delivers for it.
 struct AudioAttribute {
     AString mMime;
-    int32_t mBitrate = -1;     // bits a second
+    int32_t mBitrate = -1;     // bits per second
     int32_t mSampleRate = -1;  // Hz
     int32_t mChannelCount = -1;
     int32_t mBitsPerSample = -1;
@@ -122,8 +122,8 @@ struct VideoAttribute {
     AString mMime;
     int32_t mOutputWidth = 0;
     int32_t mOutputHeight = 0;
-    int32_t mOutputFrameRate = -1;  // frames a second
-    int32_t mBitrate = -1;          // bits a second
+    int32_t mOutputFrameRate = -1;  // frames per second
+    int32_t mBitrate = -1;          // bits per second
     int32_t mColorFormat = -1;      // of the encoder's input: planar, or surface
     int32_t mLevel = 0;             // the platform's AVC level bit, or 0
     int32_t mProfile = 0;           // the platform's AVC profile bit, or 0
@@ -136,7 +136,7 @@ struct VideoAttribute {
     int32_t mRotation = 0;  // degrees clockwise
     int32_t mWidth = 0;     // visible pixels
     int32_t mHeight = 0;
-    int32_t mFrameRate = -1;  // frames a second
+    int32_t mFrameRate = -1;  // frames per second
     AString mInputMime;
     int32_t mPTrim = 0;             // as bool; always 0
     int32_t mStride = 0;            // bytes of a luma row

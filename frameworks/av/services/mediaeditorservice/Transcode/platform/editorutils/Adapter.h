@@ -1,4 +1,4 @@
-// What differs from device to device.
+// Operations that differ from device to device.
 #pragma once
 
 #include <media/stagefright/MediaWriter.h>

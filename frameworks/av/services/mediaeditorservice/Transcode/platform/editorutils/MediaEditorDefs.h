@@ -1,4 +1,4 @@
-// MIME types of tracks that must be passed over.
+// MIME types of tracks that must be skipped.
 #pragma once
 
 namespace android {

@@ -21,8 +21,8 @@ public:
     // freeBuff().
     unsigned char* allocateBuff(unsigned char* base, int frames, float ratio);
 
-    // Converts `frames` frames of `in`. The number of output frames (interleaved 16-bit samples) in
-    // `out`.
+    // Converts `frames` frames of `in` and returns the number of frames in `out`, which are
+    // interleaved 16-bit samples. 0 when there are none, and on failure.
     int process(unsigned char* in, unsigned char* out, int frames);
 
     void freeBuff(unsigned char* buffer);

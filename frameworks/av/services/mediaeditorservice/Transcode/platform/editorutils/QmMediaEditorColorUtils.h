@@ -16,7 +16,8 @@ class QmMediaEditorColorUtils : public RefBase {
 public:
     QmMediaEditorColorUtils();
 
-    // Pixels and rows; the crop rectangle's right and bottom lie inside it.
+    // Sizes and positions in pixels and rows, `stride` in bytes; the crop rectangle's right and
+    // bottom lie inside it.
     void setOutputFormat(const sp<AMessage>& format, int width, int height, int cropLeft,
                          int cropTop, int cropRight, int cropBottom, int stride, int sliceHeight);
 

@@ -39,7 +39,7 @@ public:
     status_t getSampleTrackIndex(size_t* trackIndex);
     // Fills `buffer` and sets its range; ERROR_BUFFER_TOO_SMALL when the sample does not fit.
     status_t readSampleData(const sp<ABuffer>& buffer);
-    // Presentation time, microseconds.
+    // Presentation timestamp in microseconds.
     status_t getSampleTime(int64_t* timeUs);
     // kKeyDuration (int64, microseconds) and kKeyIsSyncFrame (int32) where they are known.
     status_t getSampleMeta(sp<MetaData>* meta);

@@ -1,4 +1,4 @@
-// Where a writer sends its events.
+// The receiver of a writer's events.
 #pragma once
 
 #include <binder/IInterface.h>

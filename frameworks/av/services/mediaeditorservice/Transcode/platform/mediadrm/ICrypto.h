@@ -1,4 +1,4 @@
-// What decrypts protected samples. The component passes a null one on.
+// The interface that decrypts protected samples. The component passes a null one on.
 #pragma once
 
 #include <utils/RefBase.h>

@@ -50,11 +50,12 @@ public:
 
     // Ends the work; every buffer operation fails from then on. Waiting dequeues return at once.
     virtual status_t stop() = 0;
-    // Lets go of everything. May be called in any state, more than once.
+    // Releases everything. May be called in any state, more than once.
     virtual status_t release() = 0;
 
     // 0 with an index that the caller then owns until it queues it; -EAGAIN when `timeoutUs`
-    // microseconds have passed; another error when the codec is not running or has failed.
+    // microseconds have passed; another error when the codec is not running or has failed. 0 does
+    // not wait, and a negative timeout waits without limit.
     virtual status_t dequeueInputBuffer(size_t* index, int64_t timeoutUs = 0) = 0;
     // `presentationTimeUs` in microseconds. BUFFER_FLAG_EOS says that nothing follows.
     virtual status_t queueInputBuffer(size_t index, size_t offset, size_t size,

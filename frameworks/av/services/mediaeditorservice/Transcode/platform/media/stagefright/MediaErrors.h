@@ -17,7 +17,7 @@ enum {
     ERROR_UNSUPPORTED = MEDIA_ERROR_BASE - 10,
     ERROR_END_OF_STREAM = MEDIA_ERROR_BASE - 11,
 
-    // What a decoder or encoder reports in place of a buffer; neither is a failure.
+    // Reported by a decoder or encoder in place of a buffer; neither is a failure.
     INFO_FORMAT_CHANGED = MEDIA_ERROR_BASE - 12,
     INFO_OUTPUT_BUFFERS_CHANGED = MEDIA_ERROR_BASE - 14,
 };

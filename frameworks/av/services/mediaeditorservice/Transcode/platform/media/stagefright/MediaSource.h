@@ -1,4 +1,4 @@
-// What a writer pulls encoded samples from.
+// The interface from which a writer pulls encoded samples.
 #pragma once
 
 #include <media/stagefright/MediaBufferBase.h>
@@ -32,7 +32,7 @@ public:
     // To be called before any other operation but getFormat().
     virtual status_t start(MetaData* params = nullptr) = 0;
 
-    // A read() that waits elsewhere returns soon after this was called.
+    // A read() that waits on another thread returns soon after this was called.
     virtual status_t stop() = 0;
 
     virtual sp<MetaData> getFormat() = 0;

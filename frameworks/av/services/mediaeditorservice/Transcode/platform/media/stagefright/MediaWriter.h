@@ -1,4 +1,4 @@
-// What writes a file out of tracks.
+// The interface of a writer, which makes a file of tracks.
 #pragma once
 
 #include <media/IMediaRecorderClient.h>
@@ -14,8 +14,8 @@ public:
     // Before `start`, in the order of the tracks in the file.
     virtual status_t addSource(const sp<MediaSource>& source) = 0;
 
-    // Starts each source and a thread per track that pulls from it. `params` says of the file:
-    // kKeyFileType, kKeyRotation, kKeyRealTimeRecording.
+    // Starts each source, and a thread for each track that pulls from it. `params` may have
+    // kKeyFileType, kKeyRotation and kKeyRealTimeRecording.
     virtual status_t start(MetaData* params = nullptr) = 0;
 
     // True when every track has ended.

@@ -1,4 +1,4 @@
-// Values by four-character key: what travels with a file, a track or a single buffer.
+// Values by four-character key, which describe a file, a track or a single buffer.
 #pragma once
 
 #include <stddef.h>
@@ -24,10 +24,10 @@ enum : uint32_t {
     kKeyStride = fourCharCode("strd"),            // int32, bytes of a luma row
     kKeySliceHeight = fourCharCode("slht"),       // int32, rows of the luma plane
     kKeyColorFormat = fourCharCode("colf"),       // int32
-    kKeyFrameRate = fourCharCode("frmR"),         // int32, frames a second
+    kKeyFrameRate = fourCharCode("frmR"),         // int32, frames per second
     kKeyChannelCount = fourCharCode("#chn"),      // int32
     kKeySampleRate = fourCharCode("srte"),        // int32, Hz
-    kKeyBitRate = fourCharCode("brte"),           // int32, bits a second
+    kKeyBitRate = fourCharCode("brte"),           // int32, bits per second
     kKeyMaxInputSize = fourCharCode("inpS"),      // int32, bytes
     kKeyRotation = fourCharCode("rotA"),          // int32, degrees clockwise
     kKeyDuration = fourCharCode("dura"),          // int64, microseconds

@@ -6,8 +6,8 @@
 
 namespace android {
 
-// Writes what `format` says of a track ("mime", the frame or PCM keys, "csd-0", "csd-1") into
-// `meta`. Codec-specific data goes under its own name as a key (fourCharCode("csd0"), 'csd1').
+// Copies the keys of a track's format ("mime", the frame or PCM keys, "csd-0", "csd-1") to `meta`.
+// The keys of codec-specific data there are fourCharCode("csd0") and fourCharCode("csd1").
 void convertMessageToMetaData(const sp<AMessage>& format, sp<MetaData>& meta);
 
 }  // namespace android

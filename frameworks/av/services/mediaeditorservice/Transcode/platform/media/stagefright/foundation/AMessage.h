@@ -16,7 +16,7 @@ class ABuffer;
 
 class AMessage : public RefBase {
 public:
-    // `what` is a four-character code that says what kind of message this is.
+    // `what` is a four-character code for the kind of the message.
     explicit AMessage(uint32_t what = 0);
 
     void setWhat(uint32_t what) { mWhat = what; }
