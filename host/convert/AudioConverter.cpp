@@ -1,6 +1,7 @@
 #include "host/convert/AudioConverter.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <math.h>
 #include <stdlib.h>
 
@@ -50,8 +51,7 @@ std::vector<double> evenMix(int inChannels, int outChannels) {
 int AudioConverter::init(int inChannelCount, int inSampleRate, int inBitDepth, int outChannelCount,
                          int outSampleRate, int outBitDepth) {
     mResampler.reset();
-    const bool knownDepths =
-        (inBitDepth == 16 || inBitDepth == 24 || inBitDepth == 32) && outBitDepth == 16;
+    const bool knownDepths = (inBitDepth == 16 || inBitDepth == 24) && outBitDepth == 16;
     if (!knownDepths || inChannelCount < 1 || outChannelCount < 1 || inSampleRate < 1 ||
         outSampleRate < 1) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
@@ -97,7 +97,8 @@ unsigned char* AudioConverter::allocateBuff(unsigned char* /* base */, int frame
 }
 
 int AudioConverter::process(unsigned char* in, unsigned char* out, int frames) {
-    if (mResampler == nullptr || in == nullptr || out == nullptr || frames < 1) return 0;
+    if (mResampler == nullptr || in == nullptr || out == nullptr) return -EINVAL;
+    if (frames < 1) return 0;
     const unsigned char* source = in;
     if (mInBitDepth == 24) {
         mUnpacked.resize(static_cast<size_t>(frames) * static_cast<size_t>(mInChannelCount));
@@ -105,7 +106,7 @@ int AudioConverter::process(unsigned char* in, unsigned char* out, int frames) {
         source = reinterpret_cast<const unsigned char*>(mUnpacked.data());
     }
     const int room = swr_get_out_samples(mResampler.get(), frames);
-    return std::max(swr_convert(mResampler.get(), &out, room, &source, frames), 0);
+    return room < 0 ? room : swr_convert(mResampler.get(), &out, room, &source, frames);
 }
 
 void AudioConverter::freeBuff(unsigned char* buffer) { free(buffer); }

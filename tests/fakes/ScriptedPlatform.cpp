@@ -26,12 +26,12 @@ unsigned char* ScriptedAudioConverter::allocateBuff(unsigned char*, int frames, 
     mJournal->addf("converter allocateBuff %d %.3f", frames, static_cast<double>(ratio));
     if (outOfMemory) return nullptr;
     ++allocations;
-    return new unsigned char[static_cast<size_t>(framesOut * outChannelCount * 2)];
+    return new unsigned char[bytesOut()];
 }
 
 int ScriptedAudioConverter::process(unsigned char*, unsigned char* out, int frames) {
     mJournal->addf("converter process %d", frames);
-    memset(out, 'c', static_cast<size_t>(framesOut * outChannelCount * 2));
+    memset(out, 'c', bytesOut());
     return framesOut;
 }
 

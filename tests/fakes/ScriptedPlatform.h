@@ -8,6 +8,7 @@
 #include <fakes/ScriptedExtractor.h>
 #include <fakes/ScriptedWriter.h>
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -18,7 +19,7 @@
 
 namespace android::qmmediaeditor {
 
-// Makes `framesOut` frames of whatever it is given, filled with 'c'.
+// Makes `framesOut` frames of whatever it is given, filled with 'c'; fails when that is negative.
 class ScriptedAudioConverter : public AudioConverterBackend {
 public:
     explicit ScriptedAudioConverter(Journal* journal) : mJournal(journal) {}
@@ -36,6 +37,10 @@ public:
     void freeBuff(unsigned char* buffer) override;
 
 private:
+    size_t bytesOut() const {
+        return static_cast<size_t>(std::max(framesOut, 0) * outChannelCount * 2);
+    }
+
     Journal* const mJournal;
 };
 

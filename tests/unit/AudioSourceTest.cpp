@@ -134,10 +134,14 @@ TEST_F(AudioSourceTest, pcmThatCannotBeConvertedEndsTheRun) {
     mPlatform.converter().initResult = 0;
     EXPECT_EQ(-1100, mSource->enable(withRate(44100), new AMessage));
     mPlatform.converter().initResult = 1;
-    for (const bool outOfMemory : {true, false}) {
+    struct {
+        bool outOfMemory;
+        int framesOut;
+    } const failures[] = {{true, 1}, {false, 1025}, {false, -EINVAL}};  // 1025: beyond 4096 bytes
+    for (const auto& failure : failures) {
         restart(withRate(44100));
-        mPlatform.converter().outOfMemory = outOfMemory;
-        mPlatform.converter().framesOut = 1025;  // beyond the encoder's 4096 bytes
+        mPlatform.converter().outOfMemory = failure.outOfMemory;
+        mPlatform.converter().framesOut = failure.framesOut;
         pushDecoded(1);
         pushEnd(false);
         mEncoder->holdInput(false);

@@ -294,8 +294,11 @@ status_t TAudioSource::MediaEncoderThread::convertPcm(const TDecodedSample& head
     const int outFrames = mConverter->process(head.mBuffer->data(), converted, frames);
     const size_t wanted = static_cast<size_t>(std::max(mOutChannelCount, 0)) *
                           static_cast<size_t>(std::max(outFrames, 0)) * 2;
+    const bool isConverted = outFrames >= 0;
     const bool fits = wanted <= input->mBuffer->capacity();
-    if (fits) {
+    if (!isConverted) {
+        QM_LOGE(kTag, "%d frames of PCM cannot be converted: %d", frames, outFrames);
+    } else if (fits) {
         memcpy(input->mBuffer->base(), converted, wanted);
         input->mSize = wanted;
     } else {
@@ -303,7 +306,7 @@ status_t TAudioSource::MediaEncoderThread::convertPcm(const TDecodedSample& head
                 input->mBuffer->capacity());
     }
     mConverter->freeBuff(converted);
-    if (!fits) return BAD_VALUE;
+    if (!isConverted || !fits) return BAD_VALUE;
     QM_LOGV(kTag, "decoder output buffer size: %zu, encoder input buffer size: %zu",
             head.mBuffer->size(), input->mSize);
     return OK;

@@ -12,7 +12,7 @@ class QmMediaAudioConverter : public RefBase {
 public:
     QmMediaAudioConverter();
 
-    // Rates in Hz, depths in bits (16, 24 or 32 in; the output is always 16). Non-zero on success.
+    // Rates in Hz, depths in bits (16 or 24 in; the output is always 16). Non-zero on success.
     int init(int inChannelCount, int inSampleRate, int inBitDepth, int outChannelCount,
              int outSampleRate, int outBitDepth);
 
@@ -22,7 +22,7 @@ public:
     unsigned char* allocateBuff(unsigned char* base, int frames, float ratio);
 
     // Converts `frames` frames of `in` and returns the number of frames in `out`, which are
-    // interleaved 16-bit samples. 0 when there are none, and on failure.
+    // interleaved 16-bit samples: 0 while they stay inside the converter. Negative on failure.
     int process(unsigned char* in, unsigned char* out, int frames);
 
     void freeBuff(unsigned char* buffer);
