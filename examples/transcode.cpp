@@ -9,6 +9,16 @@
 
 using namespace std::chrono_literals;
 
+// Ends with its block, also when run() throws.
+struct Watcher {
+    ~Watcher() {
+        pthread_kill(thread.native_handle(), SIGUSR1);
+        thread.join();
+    }
+
+    std::thread thread;
+};
+
 int main(int argc, char** argv) {
     if (argc != 3) {
         fprintf(stderr, "usage: transcode INPUT OUTPUT\n");
@@ -26,15 +36,13 @@ int main(int argc, char** argv) {
         sigaddset(&interrupt, SIGINT);
         sigaddset(&interrupt, SIGUSR1);
         pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
-        std::thread watcher([&] {
+        const Watcher watcher{std::thread([&] {
             int signal = 0;
             sigwait(&interrupt, &signal);
             transcoder.cancel();
-        });
+        })};
         const auto result =
             transcoder.run([](int percent) { fprintf(stderr, "\r%d %%", percent); });
-        pthread_kill(watcher.native_handle(), SIGUSR1);
-        watcher.join();
         printf("%s", result.receipt.c_str());
         if (!result) fprintf(stderr, "\n%s\n", result.text.c_str());
         return result.status;

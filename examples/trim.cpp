@@ -39,7 +39,9 @@ int main(int argc, char** argv) {
     property.mPeriods = &period;
 
     const sp<TranscodeComponent> component = new TranscodeComponent();
-    component->create(&property, createHostPlatform(HostOptions()));
+    HostOptions options;
+    options.cutTimesUs = {period.mStartUs, period.mEndUs};  // cuts the audio to the sample
+    component->create(&property, createHostPlatform(options));
     auto result = std::async(std::launch::async, [&] { return component->process(); });
     pollfd keys{STDIN_FILENO, POLLIN, 0};
     while (result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {

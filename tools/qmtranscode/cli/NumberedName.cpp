@@ -53,7 +53,7 @@ std::optional<std::string> format(const std::string& pattern, int number, int* c
 std::string checkNamePattern(const std::string& pattern) {
     int conversions = 0;
     if (format(pattern, 1, &conversions) && conversions == 1) return "";
-    return "expected a file name with one %d, such as part-%02d.mp4";
+    return "expected a file name with one %d, such as 'part-%02d' and its extension";
 }
 
 std::string numberedName(const std::string& pattern, int number) {
