@@ -60,15 +60,15 @@ install(DIRECTORY bindings/include/qmtranscode
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(DIRECTORY examples
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qmtranscode-dev COMPONENT dev)
-install(FILES README.md docs/library.md docs/messages.md
+install(FILES README.md docs/errors.md docs/library.md docs/messages.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qmtranscode-dev COMPONENT dev)
-install(FILES README.md
+install(FILES README.md docs/errors.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qmtranscode COMPONENT tool)
 # Where Debian's interpreter looks.
 install(DIRECTORY bindings/python/qmtranscode
     DESTINATION lib/python3/dist-packages COMPONENT python
     PATTERN __pycache__ EXCLUDE)
-install(FILES docs/library.md examples/transcode.py
+install(FILES docs/errors.md docs/library.md examples/transcode.py
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-qmtranscode COMPONENT python)
 install(EXPORT targets
     DESTINATION ${QM_CMAKE_DIR}
