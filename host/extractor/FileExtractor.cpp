@@ -151,6 +151,7 @@ status_t FileExtractor::getSampleTime(int64_t* timeUs) {
 status_t FileExtractor::getSampleMeta(sp<MetaData>* meta) {
     if (const status_t status = findCurrent(); status != OK) return status;
     *meta = new MetaData;
+    (*meta)->setInt64(kKeyTime, current().presentationTimeUs() - originUs() - mDamageUs);
     if (const int64_t durationUs = current().durationUs(); durationUs > 0) {
         (*meta)->setInt64(kKeyDuration, durationUs);
     }

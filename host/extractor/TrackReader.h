@@ -36,6 +36,7 @@ public:
     // No sample from the head on is shown before this timestamp. For audio, it is the presentation
     // timestamp of the head.
     int64_t orderTimeUs() const { return mOrderTimeUs; }
+    int64_t presentationTimeUs() const { return mPresentationTimeUs; }
     // Side data, flags and timestamps of the head for its decoder, in microseconds from `originUs`.
     // Null when memory is short.
     PacketPtr headProperties(int64_t originUs) const;

@@ -149,7 +149,10 @@ Span spanOf(const TrackSamples& samples, const KeptPeriods& kept) {
         span.firstUs = std::min(span.firstUs, timeUs);
         span.lastUs = std::max(span.lastUs, timeUs);
     };
+    // Leading frames of the first one refer to frames that are not there, so they are not shown.
+    const int64_t firstUs = samples.timesUs.empty() ? 0 : samples.timesUs.front();
     for (const int64_t timeUs : samples.timesUs) {
+        if (timeUs < firstUs) continue;
         if (kept.actual.empty() && timeUs >= 0) add(timeUs);
         int64_t startUs = 0;
         for (const TrimPeriod& period : kept.actual) {
@@ -162,15 +165,24 @@ Span spanOf(const TrackSamples& samples, const KeptPeriods& kept) {
     return span;
 }
 
-// The end of the audio in the output, which has the end of the last packet in the periods.
-int64_t audioLengthUs(const TrackSamples& samples, const KeptPeriods& kept) {
-    if (kept.actual.empty()) return samples.endUs - std::max<int64_t>(samples.firstUs, 0);
-    int64_t lengthUs = 0;
-    for (const TrimPeriod& period : kept.actual) {
-        lengthUs += std::max<int64_t>(
-            std::min(period.mEndUs, samples.endUs) - std::max(period.mStartUs, samples.firstUs), 0);
+// The length of the audio in the output. Where the input's audio begins late, the output's begins
+// with it or with silence.
+struct AudioLength {
+    int64_t minUs = 0;
+    int64_t maxUs = 0;
+};
+
+AudioLength audioLength(const TrackSamples& samples, const KeptPeriods& kept) {
+    const std::vector<TrimPeriod> whole = {{0, samples.endUs}};
+    AudioLength length;
+    for (const TrimPeriod& period : kept.actual.empty() ? whole : kept.actual) {
+        const int64_t endUs = std::min(period.mEndUs, samples.endUs);
+        const int64_t startUs = std::max(period.mStartUs, samples.firstUs);
+        if (endUs <= startUs) continue;
+        length.minUs += endUs - startUs;
+        length.maxUs += endUs - period.mStartUs;
     }
-    return lengthUs;
+    return length;
 }
 
 OutputComparison compareLengths(const Options& options, const JobInput& input,
@@ -189,8 +201,9 @@ OutputComparison compareLengths(const Options& options, const JobInput& input,
     const Span wanted = media.video ? spanOf(samples->front(), kept) : Span{0, -1};
     if (media.video && !output.video && wanted.firstUs <= wanted.lastUs)
         other.add("it has no video");
-    const int64_t wantedAudioUs = media.audio ? audioLengthUs(samples->back(), kept) : 0;
-    if (media.audio && !output.audio && wantedAudioUs > 0) other.add("it has no audio");
+    const AudioLength wantedAudio =
+        media.audio ? audioLength(samples->back(), kept) : AudioLength();
+    if (media.audio && !output.audio && wantedAudio.minUs > 0) other.add("it has no audio");
     if (media.video && output.video) {
         const Span found = spanOf(*output.video, {});
         // Of timestamps, and of the last frame that a lower frame rate may leave out.
@@ -204,14 +217,13 @@ OutputComparison compareLengths(const Options& options, const JobInput& input,
         }
     }
     if (media.audio && output.audio) {
-        const int64_t wantedUs = wantedAudioUs;
         const int64_t foundUs = output.audio->endUs - std::max<int64_t>(output.audio->firstUs, 0);
         // Encoders and resamplers may lack this much at the end.
         constexpr int64_t kToleranceUs = 50000;
-        if (wantedUs - foundUs > kToleranceUs) {
-            comparer.add("the audio ends {:.3f} s early", secondsOf(wantedUs - foundUs));
-        } else if (foundUs - wantedUs > 4 * kToleranceUs) {
-            other.add("the audio ends {:.3f} s late", secondsOf(foundUs - wantedUs));
+        if (wantedAudio.minUs - foundUs > kToleranceUs) {
+            comparer.add("the audio ends {:.3f} s early", secondsOf(wantedAudio.minUs - foundUs));
+        } else if (foundUs - wantedAudio.maxUs > 4 * kToleranceUs) {
+            other.add("the audio ends {:.3f} s late", secondsOf(foundUs - wantedAudio.maxUs));
         }
     }
     return {other.take(), comparer.take()};

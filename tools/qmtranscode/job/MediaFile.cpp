@@ -186,10 +186,12 @@ std::optional<std::vector<TrackSamples>> readSamples(int fd, const std::vector<s
         const auto found = std::find(tracks.begin(), tracks.end(), index);
         int64_t timeUs = 0;
         if (found == tracks.end() || !readSample(extractor, &buffer)) return std::nullopt;
-        if (extractor->getSampleTime(&timeUs) != OK) return std::nullopt;
         int64_t durationUs = 0;
         sp<MetaData> meta;
-        if (extractor->getSampleMeta(&meta) == OK) meta->findInt64(kKeyDuration, &durationUs);
+        if (extractor->getSampleMeta(&meta) != OK || !meta->findInt64(kKeyTime, &timeUs)) {
+            return std::nullopt;
+        }
+        meta->findInt64(kKeyDuration, &durationUs);
         const auto at = static_cast<size_t>(found - tracks.begin());
         TrackSamples& track = samples[at];
         if (track.count == 0 || timeUs < track.firstUs) track.firstUs = timeUs;

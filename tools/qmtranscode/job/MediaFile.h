@@ -88,7 +88,7 @@ struct TrackSamples {
     int64_t bytes = 0;
     int64_t firstUs = 0;  // the lowest timestamp
     int64_t endUs = 0;    // the end of the last sample
-    // Timestamps in the order of the file.
+    // Presentation timestamps in the order of the file.
     std::vector<int64_t> timesUs;
     // As packetChecksum(), of each sample.
     std::vector<uint64_t> checksums = {};

@@ -39,9 +39,10 @@ public:
     status_t getSampleTrackIndex(size_t* trackIndex);
     // Fills `buffer` and sets its range; ERROR_BUFFER_TOO_SMALL when the sample does not fit.
     status_t readSampleData(const sp<ABuffer>& buffer);
-    // Presentation timestamp in microseconds.
+    // In microseconds: no sample from this one on is shown before that time.
     status_t getSampleTime(int64_t* timeUs);
-    // kKeyDuration (int64, microseconds) and kKeyIsSyncFrame (int32) where they are known.
+    // kKeyTime (int64, microseconds), the presentation timestamp; kKeyDuration (int64,
+    // microseconds) and kKeyIsSyncFrame (int32) where they are known.
     status_t getSampleMeta(sp<MetaData>* meta);
     status_t advance();
 
