@@ -51,6 +51,10 @@ public:
     // first reason counts.
     virtual void onRefused(const std::string& /* reason */) {}
 
+    // The timestamps of the input jump, as where recordings were joined. The samples behind the
+    // jump follow those in front of it without a gap. May be called again.
+    virtual void onDiscontinuity() {}
+
     // A decoder was opened for the video or the audio track; `name` is libavcodec's, such as
     // "h264".
     virtual void onDecoderOpened(bool /* isVideo */, const std::string& /* name */) {}

@@ -227,6 +227,9 @@ void FileExtractor::announceCurrent() {
         mDamageUs = timeUs - mTimeUs;
     }
     mTimeUs = timeUs - mDamageUs;
+    if (reader.isBehindDiscontinuity() && mOptions.observer != nullptr) {
+        mOptions.observer->onDiscontinuity();
+    }
     const int64_t offsetUs = originUs() + mDamageUs;
     const TrackInfo& currentTrack = mInfo.tracks[mCurrent];
     if (currentTrack.isVideo) currentTrack.source->sequencer()->addVideo(mTimeUs);

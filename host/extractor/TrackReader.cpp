@@ -101,10 +101,12 @@ void TrackReader::trackDiscontinuities() {
     if (mTrack.discontinuities == nullptr || mPacket->dts == AV_NOPTS_VALUE || mPacket->pos < 0)
         return;
     const int64_t dtsUs = mDemuxer->toUs(mTrack.streamIndex, mPacket->dts);
+    mIsBehindDiscontinuity =
+        mHasPrevious && TimestampDiscontinuities::isDiscontinuity(dtsUs - mPreviousDtsUs,
+                                                                  mPacket->pos - mPreviousPosition);
     if (!mHasPrevious) {
         mOffsetUs = mTrack.discontinuities->offsetUsAt(mPacket->pos);
-    } else if (TimestampDiscontinuities::isDiscontinuity(dtsUs - mPreviousDtsUs,
-                                                         mPacket->pos - mPreviousPosition)) {
+    } else if (mIsBehindDiscontinuity) {
         mOffsetUs = mTrack.discontinuities->offsetUs(mTrack.streamIndex, mPacket->pos, dtsUs,
                                                      mPreviousEndUs + mOffsetUs);
     } else {

@@ -37,6 +37,8 @@ public:
     // timestamp of the head.
     int64_t orderTimeUs() const { return mOrderTimeUs; }
     int64_t presentationTimeUs() const { return mPresentationTimeUs; }
+    // The head is the first sample behind a discontinuity.
+    bool isBehindDiscontinuity() const { return mIsBehindDiscontinuity; }
     // Side data, flags and timestamps of the head for its decoder, in microseconds from `originUs`.
     // Null when memory is short.
     PacketPtr headProperties(int64_t originUs) const;
@@ -81,6 +83,7 @@ private:
     int64_t mPresentationTimeUs = 0;
     bool mIsTimeStated = false;
     int64_t mOrderTimeUs = 0;
+    bool mIsBehindDiscontinuity = false;
     // The offset of discontinuities so far.
     int64_t mOffsetUs = 0;
     // Of the packet before the head, when there is one.

@@ -178,9 +178,8 @@ AudioLength audioLength(const TrackSamples& samples, const KeptPeriods& kept) {
     for (const TrimPeriod& period : kept.actual.empty() ? whole : kept.actual) {
         const int64_t endUs = std::min(period.mEndUs, samples.endUs);
         const int64_t startUs = std::max(period.mStartUs, samples.firstUs);
-        if (endUs <= startUs) continue;
-        length.minUs += endUs - startUs;
-        length.maxUs += endUs - period.mStartUs;
+        length.minUs += std::max<int64_t>(endUs - startUs, 0);
+        length.maxUs += std::max<int64_t>(endUs - period.mStartUs, 0);
     }
     return length;
 }

@@ -55,6 +55,12 @@ Outcome Job::copyInput() {
 
 Outcome Job::conclude(int32_t result, Progress* progress) {
     if (auto failure = mInput.checkReads(*mObserver)) return {failure};
+    if (mOptions.section && mObserver->hasDiscontinuity()) {
+        return {Failure{kExitUnusable, mInput.path(),
+                        "the timestamps jump, which sections cannot follow; a run without --jobs "
+                        "and --section can",
+                        "sections-need-continuous-time"}};
+    }
     if (result == OK) return concludeComplete(progress);
     if (result == kStopped && mControl->stopRequested()) return concludeStopped();
     return {failureOf(result)};

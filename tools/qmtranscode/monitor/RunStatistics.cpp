@@ -92,6 +92,11 @@ void RunObserver::onRefused(const std::string& reason) {
     if (!mRefusal) mRefusal = reason;
 }
 
+void RunObserver::onDiscontinuity() {
+    Mutex::Autolock lock(mLock);
+    mHasDiscontinuity = true;
+}
+
 void RunObserver::onDecoderOpened(bool isVideo, const std::string& name) {
     Mutex::Autolock lock(mLock);
     (isVideo ? mVideo : mAudio).decoder = name;
@@ -185,6 +190,11 @@ void RunObserver::onVideoEnd(int64_t timeUs) {
 std::optional<ReadError> RunObserver::readError() const {
     Mutex::Autolock lock(mLock);
     return mReadError;
+}
+
+bool RunObserver::hasDiscontinuity() const {
+    Mutex::Autolock lock(mLock);
+    return mHasDiscontinuity;
 }
 
 std::optional<std::string> RunObserver::refusal() const {

@@ -106,6 +106,7 @@ public:
     void onReadError(int error, int64_t offsetBytes) override;
     void onWriteError(int error) override;
     void onRefused(const std::string& reason) override;
+    void onDiscontinuity() override;
     void onDecoderOpened(bool isVideo, const std::string& name) override;
     void onEncoderOpened(bool isVideo, const std::string& name,
                          const sp<AMessage>& format) override;
@@ -128,6 +129,7 @@ public:
     std::optional<ReadError> readError() const;
     // Why the input was refused; the first reason since the command began.
     std::optional<std::string> refusal() const;
+    bool hasDiscontinuity() const;
     // errno of the first write error since begin().
     std::optional<int> writeError() const;
 
@@ -165,6 +167,7 @@ private:
     std::function<void()> mOnFirstSample GUARDED_BY(mLock);
     std::optional<ReadError> mReadError GUARDED_BY(mLock);
     std::optional<std::string> mRefusal GUARDED_BY(mLock);
+    bool mHasDiscontinuity GUARDED_BY(mLock) = false;
     std::optional<int> mWriteError GUARDED_BY(mLock);
     RunStatistics mStatistics GUARDED_BY(mLock);
     TrackCodecs mVideo GUARDED_BY(mLock);
