@@ -178,7 +178,8 @@ void Supervisor::handleSections(const pollfd* fds) {
     }
     if (mHaveSectionsEnded || !sections.areDone()) return;
     mHaveSectionsEnded = true;
-    if (!mLink.send(Message::kSectionsEnded)) mStopNow = true;
+    // A worker that cannot be told has mostly ended already; its status says why.
+    if (!mLink.send(Message::kSectionsEnded) && !mHasWorkerEnded) kill(mWorker, SIGKILL);
 }
 
 void Supervisor::handleSignal(SignalAction action) {
