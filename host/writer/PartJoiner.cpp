@@ -118,10 +118,16 @@ public:
             const status_t status = mReader->next();
             if (status == OK) return std::nullopt;
             if (status != ERROR_END_OF_STREAM) return kUnreadable;
+            mLastUs = mReader->timeUs();
+            mLastEndUs = mReader->endUs();
             mReader.reset();
         }
     }
     bool hasPacket() const { return mReader != nullptr; }
+    // Of the last part that has ended: the time and the end of its last packet, which may be one
+    // that was left out because the part before has it as well.
+    int64_t lastUs() const { return mLastUs; }
+    int64_t lastEndUs() const { return mLastEndUs; }
     const PartReader& current() const { return *mReader; }
 
     sp<MetaData> format() const {
@@ -152,6 +158,8 @@ private:
     CodecParametersPtr mFirst;  // of the first part
     std::unique_ptr<PartReader> mReader;
     size_t mNext = 0;
+    int64_t mLastUs = 0;
+    int64_t mLastEndUs = 0;
 };
 
 class PartJoiner {
@@ -235,8 +243,15 @@ std::optional<std::string> PartJoiner::copyPackets() {
         JoinedTrack& track = mTracks[*index];
         const int64_t timeUs = track.current().timeUs();
         if (write(track, *index) != OK || !mRequest.onProgress(timeUs)) return "";
+        const bool isVideo = track.current().parameters().codec_type == AVMEDIA_TYPE_VIDEO;
         if (auto reason = track.advance()) return reason;
-        if (!track.hasPacket() && mMuxer->endTrack(*index) != OK) return "";
+        if (track.hasPacket()) continue;
+        // A section ends its last frame with itself; one behind it, without frames of its own,
+        // knows that frame's end.
+        if (isVideo && track.lastUs() == timeUs) {
+            mSession->addFrame(timeUs, track.lastEndUs() - timeUs);
+        }
+        if (mMuxer->endTrack(*index) != OK) return "";
     }
     return std::nullopt;
 }
