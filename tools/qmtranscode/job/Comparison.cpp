@@ -205,8 +205,11 @@ OutputComparison compareLengths(const Options& options, const JobInput& input,
     if (media.audio && !output.audio && wantedAudio.minUs > 0) other.add("it has no audio");
     if (media.video && output.video) {
         const Span found = spanOf(*output.video, {});
-        // Of timestamps, and of the last frame that a lower frame rate may leave out.
+        // Of timestamps, of the second field of the last frame, which may be a sample of its own,
+        // and of the last frame that a lower frame rate may leave out.
+        constexpr int64_t kFieldUs = 20000;  // at 25 frames per second
         int64_t toleranceUs = 2000;
+        if (media.video->isInterlaced) toleranceUs += kFieldUs;
         if (options.frameRate) toleranceUs += 1000000 / *options.frameRate;
         const int64_t lackingUs = wanted.lastUs - wanted.firstUs - (found.lastUs - found.firstUs);
         if (wanted.firstUs <= wanted.lastUs && lackingUs >= toleranceUs) {
